@@ -1,0 +1,65 @@
+/* The trace-capture library's interface. The daemon loads the library at run time and knows nothing else of it.
+ *
+ * An option is a key, the type of its value, and the value. A library ignores keys that it doesn't know and values of a
+ * type that it doesn't expect. The four keys' texts are exported as constants; a caller compares keys by their text.
+ * C11 and C++20.
+ */
+#ifndef QUORVELD_ABI_KELVANE_H
+#define QUORVELD_ABI_KELVANE_H
+
+#include <stddef.h>
+#include <stdint.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KELVANE_LIBRARY_PATH "/usr/lib/libkelvane" /* without the platform's suffix */
+#define KELVANE_ENTRY_POINT "kelvane_dump_output_with_options_sync"
+#define KELVANE_KEY_REASON_STRING "KSPDumpOptions_ReasonString"
+#define KELVANE_KEY_NO_SYMBOLICATE "KSPDumpOptions_NoSymbolicate"
+#define KELVANE_KEY_MIN_TIMESTAMP "KSPDumpOptions_MinTimestamp"
+#define KELVANE_KEY_MAX_TIMESTAMP "KSPDumpOptions_MaxTimestamp"
+
+typedef enum kelvane_type {
+  KELVANE_BOOL = 1,
+  KELVANE_UINT64 = 2,
+  KELVANE_STRING = 3, /* UTF-8, NUL-terminated, the caller's for the length of the call */
+} kelvane_type;
+
+typedef struct kelvane_option {
+  const char* key;
+  kelvane_type type;
+  union {
+    bool boolean;
+    uint64_t uint64;
+    const char* string;
+  } value;
+} kelvane_option;
+
+typedef struct kelvane_options {
+  size_t count;
+  const kelvane_option* options;
+} kelvane_options;
+
+/* Writes one report into `fd`, from its start, and returns whether it is whole. Synchronous. */
+typedef bool (*kelvane_dump_function)(int fd, const kelvane_options* options);
+
+#ifdef KELVANE_BUILD
+__attribute__((visibility("default"))) bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* options);
+
+/* ReasonString: text. NoSymbolicate: bool. MinTimestamp, MaxTimestamp: unsigned 64-bit, ticks of 24 MHz. */
+__attribute__((visibility("default"))) extern const char* const KSPDumpOptions_ReasonString;
+__attribute__((visibility("default"))) extern const char* const KSPDumpOptions_NoSymbolicate;
+__attribute__((visibility("default"))) extern const char* const KSPDumpOptions_MinTimestamp;
+__attribute__((visibility("default"))) extern const char* const KSPDumpOptions_MaxTimestamp;
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,10 @@
+#include "base/settings.h"
+
+namespace quorveld {
+
+Settings& settings() {
+  static Settings instance;
+  return instance;
+}
+
+}  // namespace quorveld

@@ -1,0 +1,81 @@
+#include "base/text.h"
+
+#include <cstdint>
+
+namespace quorveld {
+
+namespace {
+
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
+bool isContinuation(char c) {
+  return (static_cast<uint8_t>(c) & 0xC0) == 0x80;
+}
+
+/// Length in bytes of the well-formed sequence at the start of `bytes`; 0 when there is none.
+size_t sequenceLength(std::string_view bytes) {
+  const auto lead = static_cast<uint8_t>(bytes[0]);
+  if (lead < 0x80) return 1;
+  const size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC2 || lead > 0xF4 || bytes.size() < length) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    if (!isContinuation(bytes[i])) return 0;
+  }
+  const auto second = static_cast<uint8_t>(bytes[1]);
+  if (lead == 0xE0 && second < 0xA0) return 0;  // overlong
+  if (lead == 0xED && second > 0x9F) return 0;  // surrogate
+  if (lead == 0xF0 && second < 0x90) return 0;  // overlong
+  if (lead == 0xF4 && second > 0x8F) return 0;  // above U+10FFFF
+  return length;
+}
+
+}  // namespace
+
+bool isUtf8(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const size_t length = sequenceLength(bytes);
+    if (length == 0) return false;
+    bytes.remove_prefix(length);
+  }
+  return true;
+}
+
+std::string toUtf8(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  while (!bytes.empty()) {
+    const size_t length = sequenceLength(bytes);
+    text += length == 0 ? kReplacement : bytes.substr(0, length);
+    bytes.remove_prefix(length == 0 ? 1 : length);
+  }
+  return text;
+}
+
+std::string fromAscii(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  for (const char c : bytes) {
+    if (static_cast<uint8_t>(c) < 0x80) {
+      text += c;
+    } else {
+      text += kReplacement;
+    }
+  }
+  return text;
+}
+
+std::string fileNameComponent(std::string_view name, size_t maxBytes) {
+  std::string component(name.substr(0, maxBytes));
+  if (name.size() > maxBytes) {
+    size_t border = maxBytes;
+    while (border > 0 && isContinuation(name[border])) --border;
+    component.resize(border);
+  }
+  for (size_t i = 0; i < component.size(); ++i) {
+    const auto c = static_cast<uint8_t>(component[i]);
+    if (c < 0x20 || c == 0x7F || c == '/' || (i == 0 && c == '.')) component[i] = '_';
+  }
+  return component;
+}
+
+}  // namespace quorveld

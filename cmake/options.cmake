@@ -1,0 +1,24 @@
+option(QUORVELD_TESTS "Build the tests" ON)
+option(QUORVELD_BENCH "Build the benchmarks" OFF)
+option(QUORVELD_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
+set(QUORVELD_SANITIZE "" CACHE STRING "Sanitizers for every target: address,undefined or thread")
+
+add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wimplicit-fallthrough -Werror
+                    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>)
+if(QUORVELD_SANITIZE)
+  add_compile_options(-fsanitize=${QUORVELD_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QUORVELD_SANITIZE})
+endif()
+include_directories(${PROJECT_SOURCE_DIR})
+find_package(Threads REQUIRED)
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+# quorveld_library(NAME sources...): a static library of one folder.
+function(quorveld_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+endfunction()

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace quorveld::platform {
+
+enum class LogLevel : uint8_t { standard, info, debug };
+
+/// Where one part of the daemon logs: a subsystem and a category. From any thread.
+class LogHandle {
+ public:
+  virtual ~LogHandle() = default;
+
+  /// False when a line of `level` would be thrown away, so that it need not be formatted.
+  virtual bool enabled(LogLevel level) const = 0;
+
+  /// One line for one event. Line breaks and control characters in `text` can't forge another line.
+  virtual void write(LogLevel level, std::string_view text) = 0;
+
+  /// Signpost intervals: `id` ties an end to its begin; 0 and all ones are no identifiers and must not come here.
+  virtual bool signpostsEnabled() const = 0;
+  virtual void signpostIntervalBegin(uint64_t id, std::string_view text) = 0;
+  virtual void signpostIntervalEnd(uint64_t id, std::string_view text) = 0;
+};
+
+class Logs {
+ public:
+  virtual ~Logs() = default;
+
+  /// The handle of that subsystem and category, the same object at every call; owned by this service.
+  virtual LogHandle& handle(std::string_view subsystem, std::string_view category) = 0;
+
+  /// The system log call: a line that belongs to no subsystem.
+  virtual void system(std::string_view text) = 0;
+};
+
+}  // namespace quorveld::platform
