@@ -1,4 +1,5 @@
-/* The memory region that a watched process shares with quorveld: in it the process notes the operations in flight.
+/* The memory region that a watched process shares with quorveld: in it the process notes the operations in
+ * flight.
  *
  *   offset 0            protocolVersion   4
  *   offset 4            slotCount         how many slots, from the first, the daemon scans

@@ -1,8 +1,9 @@
-/* The trace-capture library's interface. The daemon loads the library at run time and knows nothing else of it.
+/* The trace-capture library's interface. The daemon loads the library at run time and knows nothing else of
+ * it.
  *
- * An option is a key, the type of its value, and the value. A library ignores keys that it doesn't know and values of a
- * type that it doesn't expect. The four keys' texts are exported as constants; a caller compares keys by their text.
- * C11 and C++20.
+ * An option is a key, the type of its value, and the value. A library ignores keys that it doesn't know and
+ * values of a type that it doesn't expect. The four keys' texts are exported as constants; a caller compares
+ * keys by their text. C11 and C++20.
  */
 #ifndef QUORVELD_ABI_KELVANE_H
 #define QUORVELD_ABI_KELVANE_H
@@ -49,7 +50,8 @@ typedef struct kelvane_options {
 typedef bool (*kelvane_dump_function)(int fd, const kelvane_options* options);
 
 #ifdef KELVANE_BUILD
-__attribute__((visibility("default"))) bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* options);
+__attribute__((visibility("default"))) bool kelvane_dump_output_with_options_sync(
+    int fd, const kelvane_options* options);
 
 /* ReasonString: text. NoSymbolicate: bool. MinTimestamp, MaxTimestamp: unsigned 64-bit, ticks of 24 MHz. */
 __attribute__((visibility("default"))) extern const char* const KSPDumpOptions_ReasonString;

@@ -14,7 +14,8 @@ namespace {
 
 using platform::LogLevel;
 
-/// Formats into a buffer on the stack, or into the heap when the line is longer, and hands the text to `sink`.
+/// Formats into a buffer on the stack, or into the heap when the line is longer, and hands the text to
+/// `sink`.
 template <typename Sink>
 void formatted(const char* format, va_list arguments, const Sink& sink) {
   va_list again;

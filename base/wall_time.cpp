@@ -14,12 +14,14 @@ constexpr int64_t kReferenceDateSeconds = 978'307'200;
 }  // namespace
 
 double secondsSinceReferenceDate(platform::WallTime time) {
-  const std::chrono::nanoseconds since = time.time_since_epoch() - std::chrono::seconds(kReferenceDateSeconds);
+  const std::chrono::nanoseconds since =
+      time.time_since_epoch() - std::chrono::seconds(kReferenceDateSeconds);
   return static_cast<double>(since.count()) / 1e9;
 }
 
 uint64_t activationTimeMs(platform::WallTime time) {
-  // Through the signed type: a clock that stands before 2001 wraps, where a direct conversion would be undefined.
+  // Through the signed type: a clock that stands before 2001 wraps, where a direct conversion would be
+  // undefined.
   return static_cast<uint64_t>(static_cast<int64_t>(secondsSinceReferenceDate(time) * 1000.0));
 }
 

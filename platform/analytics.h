@@ -5,7 +5,8 @@
 
 namespace quorveld::platform {
 
-/// The analytics counter service. Calls return at once and never fail upwards; keys may hold a client's text. Work queue only.
+/// The analytics counter service. Calls return at once and never fail upwards; keys may hold a client's text.
+/// Work queue only.
 class Analytics {
  public:
   virtual ~Analytics() = default;

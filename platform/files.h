@@ -27,8 +27,8 @@ class File {
   [[nodiscard]] virtual std::error_code close() = 0;
 };
 
-/// Files of the daemon. Paths are absolute, below the platform's root; no operation follows a symbolic link in the last
-/// component. An empty error_code means success. From any thread.
+/// Files of the daemon. Paths are absolute, below the platform's root; no operation follows a symbolic link
+/// in the last component. An empty error_code means success. From any thread.
 class Files {
  public:
   virtual ~Files() = default;
@@ -37,9 +37,10 @@ class Files {
   [[nodiscard]] virtual std::error_code makeDirectory(const std::string& path, unsigned mode) = 0;
   virtual std::error_code remove(const std::string& path) = 0;
 
-  /// Opens read-write, creating without truncation, with mode 0644 in protection class 4 (readable while the device is
-  /// locked). Null, and the reason in `error`, on failure.
-  [[nodiscard]] virtual std::unique_ptr<File> createProtected(const std::string& path, std::error_code& error) = 0;
+  /// Opens read-write, creating without truncation, with mode 0644 in protection class 4 (readable while the
+  /// device is locked). Null, and the reason in `error`, on failure.
+  [[nodiscard]] virtual std::unique_ptr<File> createProtected(const std::string& path,
+                                                              std::error_code& error) = 0;
 
   /// Moves a file; an existing `to` is an error and stays as it is.
   [[nodiscard]] virtual std::error_code move(const std::string& from, const std::string& to) = 0;
@@ -47,7 +48,8 @@ class Files {
   /// Renames a file, replacing an existing `to` in one step.
   [[nodiscard]] virtual std::error_code rename(const std::string& from, const std::string& to) = 0;
 
-  /// JSON text of a dictionary, UTF-8, no white space; nothing, and the reason in `error`, when a text in it is no UTF-8.
+  /// JSON text of a dictionary, UTF-8, no white space; nothing, and the reason in `error`, when a text in it
+  /// is no UTF-8.
   virtual std::optional<std::string> serializeJson(const Dictionary& dictionary, std::string& error) = 0;
 };
 

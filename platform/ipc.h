@@ -15,7 +15,8 @@
 
 namespace quorveld::platform {
 
-/// A client's memory, mapped read-write into this process; unmapped on destruction. It can't shrink under the reader.
+/// A client's memory, mapped read-write into this process; unmapped on destruction. It can't shrink under the
+/// reader.
 class SharedMapping {
  public:
   virtual ~SharedMapping() = default;
@@ -28,7 +29,8 @@ class SharedMemory {
  public:
   virtual ~SharedMemory() = default;
 
-  /// Maps the whole object. Null when it can't be mapped or could be shrunk by its owner; the reason has been logged.
+  /// Maps the whole object. Null when it can't be mapped or could be shrunk by its owner; the reason has been
+  /// logged.
   [[nodiscard]] virtual std::unique_ptr<SharedMapping> map() = 0;
 };
 
@@ -89,7 +91,8 @@ class Peer {
   /// The process at the other end when it connected, as the kernel attests; 0 when it isn't known.
   virtual int32_t pid() const = 0;
 
-  /// Sets what receives this peer's events, on the listener's queue. After connectionInvalid no further event comes.
+  /// Sets what receives this peer's events, on the listener's queue. After connectionInvalid no further event
+  /// comes.
   virtual void setHandler(std::function<void(const IpcEvent&)> handler) = 0;
 
   /// Starts delivery; until then what the peer sends waits.
@@ -112,7 +115,8 @@ class Ipc {
  public:
   virtual ~Ipc() = default;
 
-  /// A listener on the named service whose events, and whose peers' events, arrive on `queue`. Destroying it closes all.
+  /// A listener on the named service whose events, and whose peers' events, arrive on `queue`. Destroying it
+  /// closes all.
   [[nodiscard]] virtual std::unique_ptr<Listener> listen(std::string_view serviceName, MainQueue& queue) = 0;
 
   /// The pid that a listener's error event carries: there is no peer, so it names no process.

@@ -14,7 +14,8 @@ class Kernel {
  public:
   virtual ~Kernel() = default;
 
-  /// The process's executable path, raw bytes, at most kMaxPathBytes; nothing when there is no such process or no leave.
+  /// The process's executable path, raw bytes, at most kMaxPathBytes; nothing when there is no such process
+  /// or no leave.
   virtual std::optional<std::string> executablePath(int32_t pid) = 0;
 };
 

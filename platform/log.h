@@ -18,7 +18,8 @@ class LogHandle {
   /// One line for one event. Line breaks and control characters in `text` can't forge another line.
   virtual void write(LogLevel level, std::string_view text) = 0;
 
-  /// Signpost intervals: `id` ties an end to its begin; 0 and all ones are no identifiers and must not come here.
+  /// Signpost intervals: `id` ties an end to its begin; 0 and all ones are no identifiers and must not come
+  /// here.
   virtual bool signpostsEnabled() const = 0;
   virtual void signpostIntervalBegin(uint64_t id, std::string_view text) = 0;
   virtual void signpostIntervalEnd(uint64_t id, std::string_view text) = 0;

@@ -23,9 +23,10 @@ class Notifications {
  public:
   virtual ~Notifications() = default;
 
-  /// Calls `handler` on `queue` after each post of `name`. Posts in quick succession may arrive as one. A subscription
-  /// that the system refuses is logged and never fires.
-  [[nodiscard]] virtual std::unique_ptr<Subscription> subscribe(std::string_view name, WorkQueue& queue, Task handler) = 0;
+  /// Calls `handler` on `queue` after each post of `name`. Posts in quick succession may arrive as one. A
+  /// subscription that the system refuses is logged and never fires.
+  [[nodiscard]] virtual std::unique_ptr<Subscription> subscribe(std::string_view name, WorkQueue& queue,
+                                                                Task handler) = 0;
 };
 
 }  // namespace quorveld::platform

@@ -29,7 +29,8 @@ void install(const Platform* platform) {
 
 void WorkQueue::assertCurrent() const {
   if (isCurrent()) return;
-  std::fprintf(stderr, "quorveld: called outside the queue %.*s\n", static_cast<int>(label().size()), label().data());
+  std::fprintf(stderr, "quorveld: called outside the queue %.*s\n", static_cast<int>(label().size()),
+               label().data());
   std::abort();
 }
 

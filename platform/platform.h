@@ -6,11 +6,15 @@ class Analytics;
 class Clock;
 class Device;
 class Files;
+class HostStatistics;
 class Ipc;
 class Kernel;
+class KernelMemory;
 class Logs;
 class Notifications;
+class PowerLog;
 class PreferencesStore;
+class ProcessTables;
 class Queues;
 class RenderServer;
 class TraceLibraryLoader;
@@ -21,11 +25,15 @@ struct Platform {
   Clock& clock;
   Device& device;
   Files& files;
+  HostStatistics& hostStatistics;
   Ipc& ipc;
   Kernel& kernel;
+  KernelMemory& kernelMemory;
   Logs& logs;
   Notifications& notifications;
+  PowerLog& powerLog;
   PreferencesStore& preferences;
+  ProcessTables& processTables;
   Queues& queues;
   RenderServer& renderServer;
   TraceLibraryLoader& traceLibraries;
@@ -34,7 +42,8 @@ struct Platform {
 /// The installed platform; aborts when there is none.
 const Platform& current();
 
-/// Installs `platform` (null: none) for the whole process. Before anything else runs; it must outlive all that uses it.
+/// Installs `platform` (null: none) for the whole process. Before anything else runs; it must outlive all
+/// that uses it.
 void install(const Platform* platform);
 
 }  // namespace quorveld::platform

@@ -14,14 +14,16 @@ struct OpaquePreference {
   bool operator==(const OpaquePreference&) const = default;
 };
 
-/// One preference value. Numbers and booleans answer every conversion; a text answers those that it spells in full.
+/// One preference value. Numbers and booleans answer every conversion; a text answers those that it spells in
+/// full.
 class PreferenceValue {
  public:
   using Variant = std::variant<bool, int64_t, double, std::string, OpaquePreference>;
 
   PreferenceValue(Variant value) : value_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
 
-  /// "true", "yes" and "1" are true, "false", "no" and "0" false, in any case; a number is true when it isn't 0.
+  /// "true", "yes" and "1" are true, "false", "no" and "0" false, in any case; a number is true when it isn't
+  /// 0.
   std::optional<bool> asBool() const;
   /// A real number is truncated; one outside the type's range, or none, answers nothing.
   std::optional<int64_t> asInt() const;
@@ -36,7 +38,8 @@ class PreferenceValue {
 
 using PreferenceDictionary = std::map<std::string, PreferenceValue, std::less<>>;
 
-/// The preferences of user "mobile" on any host, by domain, and the managed-configuration files. Work queue only.
+/// The preferences of user "mobile" on any host, by domain, and the managed-configuration files. Work queue
+/// only.
 class PreferencesStore {
  public:
   virtual ~PreferencesStore() = default;

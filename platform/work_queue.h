@@ -22,7 +22,8 @@ struct TimerSchedule {
   std::chrono::nanoseconds leeway;
 };
 
-/// A repeating timer. Destroying it cancels it: its task never runs again. Made, re-armed and destroyed on its queue.
+/// A repeating timer. Destroying it cancels it: its task never runs again. Made, re-armed and destroyed on
+/// its queue.
 class Timer {
  public:
   virtual ~Timer() = default;
@@ -44,7 +45,8 @@ class WorkQueue {
   /// Runs `task` once, `delay` from now on the monotonic clock. From any thread.
   virtual void after(std::chrono::nanoseconds delay, Task task) = 0;
 
-  /// Runs `task` once, as soon as the wall clock reads `deadline` or later: a clock that is set moves it. From any thread.
+  /// Runs `task` once, as soon as the wall clock reads `deadline` or later: a clock that is set moves it.
+  /// From any thread.
   virtual void atWallTime(WallTime deadline, Task task) = 0;
 
   /// Starts a repeating timer, owned by the caller. On this queue, or before its first task has run.
@@ -53,7 +55,8 @@ class WorkQueue {
   /// True on the thread that is running this queue's tasks (and, for the main queue, on the main thread).
   virtual bool isCurrent() const = 0;
 
-  /// Aborts with a message when `isCurrent` is false: state that belongs to this queue was touched from elsewhere.
+  /// Aborts with a message when `isCurrent` is false: state that belongs to this queue was touched from
+  /// elsewhere.
   void assertCurrent() const;
 };
 
@@ -63,7 +66,8 @@ class MainQueue : public WorkQueue {
   /// Serves the queue on the calling (main) thread until `quit`; returns the status given there.
   [[nodiscard]] virtual int run() = 0;
 
-  /// Ends `run` once the task at hand has returned; called before `run`, it makes `run` return at once. On this queue.
+  /// Ends `run` once the task at hand has returned; called before `run`, it makes `run` return at once. On
+  /// this queue.
   virtual void quit(int status) = 0;
 
   /// Runs `task` on this queue whenever somebody asks the process for its state (on Linux: SIGUSR1).
@@ -77,7 +81,8 @@ class Queues {
   /// The main queue; made once.
   [[nodiscard]] virtual std::unique_ptr<MainQueue> createMain(std::string_view label, QoSClass qos) = 0;
 
-  /// Another queue, with a thread of its own, which ends with the queue. Tasks not yet begun are dropped then.
+  /// Another queue, with a thread of its own, which ends with the queue. Tasks not yet begun are dropped
+  /// then.
   [[nodiscard]] virtual std::unique_ptr<WorkQueue> create(std::string_view label, QoSClass qos) = 0;
 };
 
