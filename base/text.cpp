@@ -1,6 +1,8 @@
 #include "base/text.h"
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 namespace quorveld {
 
@@ -64,13 +66,28 @@ std::string fromAscii(std::string_view bytes) {
   return text;
 }
 
+std::string_view cutAtCharacter(std::string_view text, size_t maxBytes) {
+  if (text.size() <= maxBytes) return text;
+  size_t border = maxBytes;
+  while (border > 0 && isContinuation(text[border])) --border;
+  return text.substr(0, border);
+}
+
+std::string formatted(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, arguments);
+  va_end(arguments);
+  std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
+  va_end(again);
+  return text;
+}
+
 std::string fileNameComponent(std::string_view name, size_t maxBytes) {
-  std::string component(name.substr(0, maxBytes));
-  if (name.size() > maxBytes) {
-    size_t border = maxBytes;
-    while (border > 0 && isContinuation(name[border])) --border;
-    component.resize(border);
-  }
+  std::string component(cutAtCharacter(name, maxBytes));
   for (size_t i = 0; i < component.size(); ++i) {
     const auto c = static_cast<uint8_t>(component[i]);
     if (c < 0x20 || c == 0x7F || c == '/' || (i == 0 && c == '.')) component[i] = '_';

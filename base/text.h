@@ -14,6 +14,12 @@ std::string toUtf8(std::string_view bytes);
 /// `bytes` decoded as ASCII: each byte outside it replaced by U+FFFD.
 std::string fromAscii(std::string_view bytes);
 
+/// `text` without what is beyond `maxBytes`; a character that doesn't fit whole goes too.
+std::string_view cutAtCharacter(std::string_view text, size_t maxBytes);
+
+/// printf into a string. A null `%s` argument prints as "(null)".
+[[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);
+
 /// `name` made fit to be one component of a path: '/', control characters and a leading '.' become '_', and
 /// what is beyond `maxBytes` is cut off at a character's border.
 std::string fileNameComponent(std::string_view name, size_t maxBytes);

@@ -14,4 +14,10 @@ double msPerTick() {
   return value;
 }
 
+uint64_t truncateToUnsigned(double value) {
+  constexpr double kLimit = 18446744073709551616.0;  // 2^64
+  if (!(value > 0)) return 0;
+  return value >= kLimit ? UINT64_MAX : static_cast<uint64_t>(value);
+}
+
 }  // namespace quorveld

@@ -15,4 +15,8 @@ inline constexpr uint64_t kTicksPerDay = 2'073'600'000'000;
 /// all of them round the same way.
 double msPerTick();
 
+/// `value` truncated to an unsigned 64-bit number; what lies outside its range becomes the nearest end of it,
+/// NaN 0.
+uint64_t truncateToUnsigned(double value);
+
 }  // namespace quorveld
