@@ -14,4 +14,7 @@ inline constexpr size_t kMaxNameBytes = 512;
 /// Linux name.
 inline constexpr size_t kMaxFileNameComponentBytes = 96;
 
+/// On-screen messages that wait for being cleared.
+inline constexpr size_t kMaxPendingHUDClears = 64;
+
 }  // namespace quorveld

@@ -1,0 +1,162 @@
+#include <memory>
+#include <optional>
+#include <system_error>
+
+#include "base/limits.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/settings.h"
+#include "base/text.h"
+#include "base/ticks.h"
+#include "base/value_text.h"
+#include "base/wall_time.h"
+#include "hangs/class_side.h"
+#include "hangs/qv_process_info.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/platform.h"
+
+// A report is written under the temporary directory and moved into the spool when it is whole: what stands in
+// the spool is always complete.
+
+namespace quorveld {
+
+namespace {
+
+using platform::Dictionary;
+
+/// Service or activation type, process or bundle, date. Clients choose the first two, so they can't lead out
+/// of the folder.
+std::string reportFileName(const std::string& what, const std::string& who) {
+  return fileNameComponent(what, kMaxFileNameComponentBytes) + "-" +
+         fileNameComponent(who, kMaxFileNameComponentBytes) + "-" +
+         reportDate(platform::current().clock.wallTime()) + ".kelvane";
+}
+
+/// The report's header: always these eight keys.
+Dictionary infoDictionary(const std::string& reason, const std::string& serviceName,
+                          const std::string& processPath, int32_t pid, uint64_t threadID, uint64_t startTicks,
+                          uint64_t endTicks, platform::Array displayData) {
+  return {
+      {"Reason", {reason}},
+      {"ServiceName", {serviceName}},
+      {"ProcessPath", {processPath}},
+      {"PID", {int64_t{pid}}},
+      {"ThreadID", {static_cast<int64_t>(threadID)}},
+      {"StartTime", {static_cast<int64_t>(startTicks)}},
+      {"EndTime", {static_cast<int64_t>(endTicks)}},
+      {"DisplayData", {std::move(displayData)}},
+  };
+}
+
+/// The header as JSON text; nothing when it can't be made (logged).
+std::optional<std::string> headerText(const Dictionary& infoDict, const std::string& processString) {
+  std::string error;
+  auto json = platform::current().files.serializeJson(infoDict, error);
+  if (!json) {
+    quorvelLog().standard("%s: Unable to serialize Info Dict into JSON: %s - %s\n", processString.c_str(),
+                          describe(infoDict).c_str(), error.c_str());
+  } else if (!isUtf8(*json)) {
+    quorvelLog().standard("%s: Unable to create UTF8 string from JSON: %s\n", processString.c_str(),
+                          describe(infoDict).c_str());
+    json.reset();
+  }
+  return json;
+}
+
+/// A wall-clock time in ms since the reference date as ticks of the absolute-time clock.
+uint64_t ticksOfActivationTime(uint64_t timeMs, uint64_t nowWallMs, uint64_t nowTickMs) {
+  return truncateToUnsigned(static_cast<double>(nowTickMs + (timeMs - nowWallMs)) / msPerTick());
+}
+
+}  // namespace
+
+bool QVProcessInfo::saveKelvaneForService(const std::string& service, const std::string& reason,
+                                          uint64_t threadID, uint64_t startTicks, uint64_t endTicks) {
+  const Dictionary infoDict = infoDictionary(reason, service, processPath_, pid_, threadID, startTicks,
+                                             endTicks, displayStateArray());
+  return saveKelvaneWithFileName(reportFileName(service, processName_), infoDict, startTicks, endTicks,
+                                 processName_);
+}
+
+bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const Dictionary& infoDict,
+                                            uint64_t startTicks, uint64_t endTicks,
+                                            const std::string& processString) {
+  const Log log = quorvelLog();
+  platform::Files& files = platform::current().files;
+  const std::string finalPath = std::string(kSpoolDirectory) + "/" + fileName;
+  const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
+
+  log.info("Attempting to save kelvane at %s", tempPath.c_str());
+  std::error_code error;
+  auto file = files.createProtected(tempPath, error);
+  if (!file) {
+    log.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),
+                 tempPath.c_str(), error.message().c_str());
+    return false;
+  }
+  const auto header = headerText(infoDict, processString);
+  if (!header) {
+    files.remove(tempPath);
+    return false;
+  }
+  const bool dumped =
+      classSide().traceCapture.dumpKelvaneToFile(file->descriptor(), startTicks, endTicks, *header);
+  if (file->close() || !dumped) {
+    log.standard("%s: Unable to save kelvane data to file.\n", processString.c_str());
+    files.remove(tempPath);
+    return false;
+  }
+  log.info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
+  if (const std::error_code failure = files.move(tempPath, finalPath)) {
+    // The capture was made, which is what a credit pays for: this still counts as saved.
+    log.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
+                 failure.message().c_str());
+    files.remove(tempPath);
+  }
+  return true;
+}
+
+void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::string& reason,
+                                          const std::string& bundleID, uint64_t startTimeMs,
+                                          uint64_t endTimeMs) {
+  const Log log = quorvelLog();
+  ClassSide& state = classSide();
+  platform::Clock& clock = platform::current().clock;
+  const uint64_t nowWallMs = activationTimeMs(clock.wallTime());
+  const uint64_t nowTickMs = truncateToUnsigned(msPerTick() * static_cast<double>(clock.absoluteTime()));
+  const uint64_t startTicks = ticksOfActivationTime(startTimeMs, nowWallMs, nowTickMs);
+  const uint64_t endTicks = ticksOfActivationTime(endTimeMs, nowWallMs, nowTickMs);
+
+  if (!settings().enableKelvane) {
+    log.standard("Quorvel kelvane support is disabled, not saving a report for %s activation!",
+                 bundleID.c_str());
+    return;
+  }
+  if (!state.traceCapture.isKelvaneAvailable()) {
+    log.standard(
+        "Tried to save kelvane for %s activation, but kelvane support is not present on this device!",
+        bundleID.c_str());
+    return;
+  }
+  if (!checkActivationAppCredit(bundleID)) {
+    log.standard("%s is out of credits. Not saving a report!", bundleID.c_str());
+    return;
+  }
+  DailyAllowance& daily = state.activationKelvanes;
+  if (daily.credits < 1) {
+    log.standard("Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
+                 static_cast<uint32_t>(daily.maximum));
+    return;
+  }
+  const Dictionary infoDict =
+      infoDictionary(reason, type, bundleID, 0, 0, startTicks, endTicks, displayStateArray());
+  if (!saveKelvaneWithFileName(reportFileName(type, bundleID), infoDict, startTicks, endTicks, bundleID))
+    return;
+  --daily.credits;
+  log.info("Daily Launch Log credits: %u -> %u", static_cast<uint32_t>(daily.credits + 1),
+           static_cast<uint32_t>(daily.credits));
+  deductActivationAppCredit(bundleID);
+}
+
+}  // namespace quorveld
