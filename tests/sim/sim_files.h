@@ -1,0 +1,75 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+#include "tests/sim/fault_plan.h"
+
+namespace quorveld::sim {
+
+/// A file's bytes: a real memfd, so that what is given a descriptor can write into it.
+class MemFile {
+ public:
+  MemFile();
+  ~MemFile();
+  MemFile(const MemFile&) = delete;
+  MemFile& operator=(const MemFile&) = delete;
+
+  std::string content() const;
+  void setContent(std::string_view bytes);
+  /// A descriptor with an offset of its own, at 0; the caller's.
+  int open() const;
+
+ private:
+  int descriptor_;
+};
+
+/// A file system in memory, with the directories above the daemon's own.
+class SimFiles final : public platform::Files {
+ public:
+  explicit SimFiles(FaultPlan& faults) : faults_(faults) {}
+
+  platform::EntryKind kind(const std::string& path) override;
+  std::error_code makeDirectory(const std::string& path, unsigned mode) override;
+  std::error_code remove(const std::string& path) override;
+  std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
+  std::error_code move(const std::string& from, const std::string& to) override;
+  std::error_code rename(const std::string& from, const std::string& to) override;
+  std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
+                                           std::string& error) override;
+
+  void putFile(const std::string& path, std::string_view content);
+  void putLink(const std::string& path) { entries_[path] = {.file = nullptr, .link = true}; }
+  std::optional<std::string> content(const std::string& path) const;
+  /// Names in a directory, sorted.
+  std::vector<std::string> list(const std::string& directory) const;
+  unsigned mode(const std::string& path) const { return entries_.at(path).mode; }
+  int openFiles() const { return *openFiles_; }
+
+  /// Every change that succeeded, in order: "mkdir PATH", "remove PATH", "create PATH", "move FROM TO".
+  const std::vector<std::string>& history() const { return history_; }
+
+ private:
+  struct Entry {
+    std::shared_ptr<MemFile> file;  ///< neither file nor link: a directory
+    bool link = false;
+    unsigned mode = 0;
+  };
+
+  bool parentExists(const std::string& path) const;
+
+  FaultPlan& faults_;
+  std::map<std::string, Entry> entries_{
+      {"", {}}, {"/var", {}}, {"/var/root", {}}, {"/var/root/Library", {}}, {"/var/root/Library/Caches", {}}};
+  std::shared_ptr<int> openFiles_ = std::make_shared<int>(0);
+  std::vector<std::string> history_;
+};
+
+/// JSON as the Files interface promises it; nothing when a text is no UTF-8.
+std::optional<std::string> toJson(const platform::Dictionary& dictionary);
+
+}  // namespace quorveld::sim

@@ -1,0 +1,76 @@
+#include "tests/sim/sim_trace_library.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <string_view>
+
+#include "abi/kelvane.h"
+
+namespace quorveld::sim {
+
+namespace {
+
+SimTraceLibraries* active = nullptr;
+
+const char* const reasonKey = "sim.reason";
+const char* const noSymbolicateKey = "sim.no-symbolicate";
+const char* const minTimestampKey = "sim.min";
+const char* const maxTimestampKey = "sim.max";
+
+bool dump(int descriptor, const kelvane_options* options) {
+  TraceRequest request;
+  request.optionCount = options->count;
+  for (size_t i = 0; i < options->count; ++i) {
+    const kelvane_option& option = options->options[i];
+    const std::string_view key = option.key;
+    if (key == reasonKey && option.type == KELVANE_STRING) request.reason = option.value.string;
+    if (key == noSymbolicateKey && option.type == KELVANE_BOOL) request.noSymbolicate = option.value.boolean;
+    if (key == minTimestampKey && option.type == KELVANE_UINT64) request.minTimestamp = option.value.uint64;
+    if (key == maxTimestampKey && option.type == KELVANE_UINT64) request.maxTimestamp = option.value.uint64;
+  }
+  active->requests.push_back(std::move(request));
+  if (active->whileWriting) active->whileWriting();
+  const std::string& report = active->report;
+  return write(descriptor, report.data(), report.size()) == static_cast<ssize_t>(report.size()) &&
+         active->succeeds;
+}
+
+class Library final : public platform::TraceLibrary {
+ public:
+  explicit Library(SimTraceLibraries& libraries) : libraries_(libraries) { ++libraries_.loaded; }
+  ~Library() override { --libraries_.loaded; }
+
+  void* symbol(const char* name) override {
+    const std::string_view wanted = name;
+    if (wanted == KELVANE_ENTRY_POINT && !libraries_.entryPointMissing) return reinterpret_cast<void*>(&dump);
+    for (const auto& [exported, address] : {std::pair{KELVANE_KEY_REASON_STRING, &reasonKey},
+                                            std::pair{KELVANE_KEY_NO_SYMBOLICATE, &noSymbolicateKey},
+                                            std::pair{KELVANE_KEY_MIN_TIMESTAMP, &minTimestampKey},
+                                            std::pair{KELVANE_KEY_MAX_TIMESTAMP, &maxTimestampKey}}) {
+      if (wanted == exported) return const_cast<const char**>(address);
+    }
+    return nullptr;
+  }
+
+ private:
+  SimTraceLibraries& libraries_;
+};
+
+}  // namespace
+
+SimTraceLibraries::SimTraceLibraries(FaultPlan& faults) : faults_(faults) {
+  active = this;
+}
+
+SimTraceLibraries::~SimTraceLibraries() {
+  active = nullptr;
+}
+
+std::unique_ptr<platform::TraceLibrary> SimTraceLibraries::open(const std::string& path) {
+  opened.push_back(path);
+  if (faults_.fails(Op::openLibrary)) return nullptr;
+  return std::make_unique<Library>(*this);
+}
+
+}  // namespace quorveld::sim

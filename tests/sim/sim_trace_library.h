@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/trace_library.h"
+#include "tests/sim/fault_plan.h"
+
+namespace quorveld::sim {
+
+/// What the entry point was asked for.
+struct TraceRequest {
+  size_t optionCount = 0;
+  std::string reason;
+  bool noSymbolicate = false;
+  uint64_t minTimestamp = 0;
+  uint64_t maxTimestamp = 0;
+};
+
+/// The trace-capture library: it answers with `report`, as a scenario scripts it.
+///
+/// Its option keys have texts of their own, so that only a caller who reads the exported constants is
+/// understood. One instance at a time: the entry point is a plain function.
+class SimTraceLibraries final : public platform::TraceLibraryLoader {
+ public:
+  explicit SimTraceLibraries(FaultPlan& faults);
+  ~SimTraceLibraries() override;
+
+  std::string_view suffix() const override { return ".so"; }
+  std::unique_ptr<platform::TraceLibrary> open(const std::string& path) override;
+
+  std::string report = "TRACE";        ///< what the entry point writes
+  bool succeeds = true;                ///< what it then answers
+  bool entryPointMissing = false;      ///< the library lacks it
+  std::function<void()> whileWriting;  ///< runs inside the entry point
+  std::vector<TraceRequest> requests;
+  std::vector<std::string> opened;  ///< paths asked for
+  int loaded = 0;                   ///< libraries open now
+
+ private:
+  FaultPlan& faults_;
+};
+
+}  // namespace quorveld::sim
