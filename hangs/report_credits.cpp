@@ -52,12 +52,9 @@ void QVProcessInfo::deductAppCreditForDuration(double durationMs) {
 }
 
 void QVProcessInfo::replenishAppCredits() {
-  std::erase_if(classSide().appCredits, [](auto& entry) {
-    auto& [name, credits] = entry;
-    ++credits;
-    quorvelLog().info("%s credits increased to: %u", name.c_str(), credits);
-    return credits == kMaxAppCredits;
-  });
+  auto& credits = classSide().appCredits;
+  for (auto& [name, left] : credits) quorvelLog().info("%s credits increased to: %u", name.c_str(), ++left);
+  std::erase_if(credits, [](const auto& entry) { return entry.second == kMaxAppCredits; });
 }
 
 // --- daily credits of hangs ---

@@ -1,0 +1,97 @@
+#include "core/daemon.h"
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "abi/messages.h"
+#include "base/log.h"
+#include "base/settings.h"
+#include "core/cache_directories.h"
+#include "hangs/qv_process_info.h"
+#include "platform/clock.h"
+#include "platform/platform.h"
+#include "platform/preferences_store.h"
+
+namespace quorveld {
+
+namespace {
+
+constexpr int32_t kDisplayStateUnknown = -1;
+
+uint64_t nowTicks() {
+  return platform::current().clock.absoluteTime();
+}
+
+}  // namespace
+
+Daemon::Daemon() = default;
+
+Daemon::~Daemon() {
+  listener_.reset();
+  if (workQueue_) QVProcessInfo::stopWatchingAllPids();
+}
+
+void Daemon::start() {
+  const platform::Platform& platform = platform::current();
+  createCacheDirectories();
+  platform.preferences.synchronise(kPreferencesDomain);
+  checkPreferences();
+
+  workQueue_ = platform.queues.createMain("com.corvix.quorvel", platform::QoSClass::userInitiated);
+  QVProcessInfo::initialize(*workQueue_);
+  timers_ = std::make_unique<DaemonTimers>(*workQueue_);
+  preferences_ = std::make_unique<Preferences>(*workQueue_, *timers_);
+  workQueue_->onStatusRequest([this] { logStatus(); });
+
+  listener_ = platform.ipc.listen(QV_SERVICE_NAME, *workQueue_);
+  listener_->setHandler(
+      [this](const platform::ListenerEvent& event) { dispatcher_.handleListenerEvent(event); });
+  listener_->resume();
+
+  subscribe("com.corvix.telvo.tasking_changed", [this] { preferences_->refreshPreferences(); });
+  subscribe("com.corvix.Pravenet.profileListChanged", [this] { preferences_->refreshPreferences(); });
+  subscribe("com.corvix.quorvel.pref_changed", [this] {
+    quorvelLog().info("QVActivationStats: Activation Logging preferences changed!");
+    preferences_->refreshPreferences();
+  });
+  if (preferences_->refreshPreferences() && settings().enableDisplayData) startDisplayHistory();
+}
+
+int Daemon::run() {
+  return workQueue_->run();
+}
+
+void Daemon::subscribe(const char* name, platform::Task handler) {
+  subscriptions_.push_back(
+      platform::current().notifications.subscribe(name, *workQueue_, std::move(handler)));
+}
+
+void Daemon::startDisplayHistory() {
+  QVProcessInfo::addDisplayStateChangeEvent(nowTicks(), kDisplayStateUnknown, 0);
+  displayStatus_ = platform::current().notifications.subscribe(
+      "com.corvix.drovik.hid.displayStatus", *workQueue_, [this] { displayStateChanged(); });
+}
+
+void Daemon::displayStateChanged() {
+  const std::optional<uint64_t> state = displayStatus_->state();
+  if (!state) return;
+  const uint64_t now = nowTicks();
+  const int32_t on = *state != 0 ? 1 : 0;
+  QVProcessInfo::addDisplayStateChangeEvent(now, on, 0);
+  // The first number is the state that was left.
+  quorvelLog().info("Display state changed %d -> %llu,  time: %llu", 1 - on,
+                    static_cast<unsigned long long>(*state), static_cast<unsigned long long>(now));
+}
+
+void Daemon::logStatus() const {
+  const Settings& current = settings();
+  quorvelLog().standard(
+      "Status: hang tracing %s, memory logging %s (every %u s), activation logging %s, traces %s",
+      current.hangWatchEnabled ? "on" : "off", current.memoryLoggingEnabled ? "on" : "off",
+      current.memoryLoggingInterval, current.appActivationLoggingEnabled ? "on" : "off",
+      current.enableKelvane ? "on" : "off");
+  QVProcessInfo::logStatus();
+}
+
+}  // namespace quorveld

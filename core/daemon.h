@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "core/daemon_timers.h"
+#include "core/message_dispatcher.h"
+#include "core/preferences.h"
+#include "platform/ipc.h"
+#include "platform/notifications.h"
+#include "platform/work_queue.h"
+
+namespace quorveld {
+
+/// The daemon from start-up to exit: owns the work queue and everything that runs on it. Made once, on the
+/// main thread, with a platform installed that outlives it.
+class Daemon {
+ public:
+  Daemon();
+  ~Daemon();
+
+  /// Brings the daemon up, in the order that the parts rely on. False when the preferences turned every
+  /// source off.
+  bool start();
+
+  /// Serves the work queue; returns the exit status.
+  int run();
+
+ private:
+  void subscribe(const char* name, platform::Task handler);
+  void startDisplayHistory();
+  void displayStateChanged();
+  void logStatus() const;
+
+  // Order matters: the queue goes last, the listener first, so that nothing arrives for what has gone.
+  std::unique_ptr<platform::MainQueue> workQueue_;
+  std::unique_ptr<DaemonTimers> timers_;
+  std::unique_ptr<Preferences> preferences_;
+  MessageDispatcher dispatcher_;
+  std::vector<std::unique_ptr<platform::Subscription>> subscriptions_;
+  std::unique_ptr<platform::Subscription> displayStatus_;
+  std::unique_ptr<platform::Listener> listener_;
+};
+
+}  // namespace quorveld

@@ -1,0 +1,253 @@
+#include "core/preferences.h"
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "base/log.h"
+#include "base/settings.h"
+#include "base/ticks.h"
+#include "hangs/qv_process_info.h"
+#include "platform/platform.h"
+#include "platform/preferences_store.h"
+
+namespace quorveld {
+
+namespace {
+
+using platform::PreferenceDictionary;
+using platform::PreferenceValue;
+
+// The three conversions that a value may answer; one out of range answers as little as one of a wrong type.
+std::optional<bool> asBool(const PreferenceValue& value) {
+  return value.asBool();
+}
+
+std::optional<double> asDouble(const PreferenceValue& value) {
+  return value.asDouble();
+}
+
+template <typename Integer>
+std::optional<Integer> asInteger(const PreferenceValue& value) {
+  const auto wide = value.asInt();
+  if (!wide || *wide < std::numeric_limits<Integer>::min() || *wide > std::numeric_limits<Integer>::max()) {
+    return std::nullopt;
+  }
+  return static_cast<Integer>(*wide);
+}
+
+template <typename Result>
+using Conversion = std::optional<Result> (*)(const PreferenceValue&);
+
+template <typename Result>
+std::optional<Result> fromStore(const char* key, Conversion<Result> convert,
+                                const char* domain = kPreferencesDomain) {
+  const auto value = platform::current().preferences.value(key, domain);
+  return value ? convert(*value) : std::nullopt;
+}
+
+/// The managed configuration's entry wins over the user's; one of an unsuitable type is passed over.
+template <typename Result>
+std::optional<Result> fromProfile(const PreferenceDictionary& managed, const char* key,
+                                  Conversion<Result> convert) {
+  if (const auto entry = managed.find(std::string("QVProfile.") + key); entry != managed.end()) {
+    if (const auto converted = convert(entry->second)) return converted;
+  }
+  return fromStore(key, convert);
+}
+
+/// Seconds as a profile or a user wrote them: the value must answer the integer reading, and is then read as
+/// a float.
+struct Period {
+  float seconds;
+  int32_t wholeSeconds;
+};
+
+std::optional<Period> asPeriod(const PreferenceValue& value) {
+  const auto whole = asInteger<int32_t>(value);
+  const auto seconds = value.asDouble();
+  if (!whole || !seconds) return std::nullopt;
+  return Period{static_cast<float>(*seconds), *whole};
+}
+
+}  // namespace
+
+/// Every key, read once, before any value is applied: what is applied is one consistent look.
+struct Preferences::Fetched {
+  std::optional<bool> enabled;
+  std::optional<Period> reportPeriod;
+  std::optional<int32_t> dailyLogLimit;
+  std::optional<int32_t> dailyLongLogLimit;
+  std::optional<double> longHangDurationThreshold;
+  std::optional<double> hangTimeoutDuration;
+  std::optional<bool> enableKelvane;
+  std::optional<bool> enableDisplayData;
+  std::optional<bool> slowActKelvanesEnabled;
+  std::optional<int32_t> slowActPerAppMax;
+  std::optional<int32_t> slowActDailyLogLimit;
+  std::optional<int32_t> slowActLaunchKelvaneThreshold;
+  std::optional<bool> enableMemoryLogging;
+  std::optional<uint32_t> memoryLoggingInterval;
+  std::optional<bool> enableHUD;
+  std::optional<bool> enableAppActivationLogging;
+  std::optional<uint32_t> activationMaxCount;
+  std::optional<double> activationCPUThreshold;
+};
+
+Preferences::Fetched Preferences::fetch() {
+  platform::PreferencesStore& store = platform::current().preferences;
+  const PreferenceDictionary managed = store.managedDictionary(kManagedPreferencesPath);
+  store.synchronise(kPreferencesDomain);
+  store.synchronise(kActivationPreferencesDomain);
+  const Conversion<int32_t> asInt = asInteger<int32_t>;
+  const Conversion<uint32_t> asUnsigned = asInteger<uint32_t>;
+  return {
+      .enabled = fromProfile(managed, "QuorvelEnabled", asBool),
+      .reportPeriod = fromProfile(managed, "QuorvelReportPeriod", asPeriod),
+      .dailyLogLimit = fromProfile(managed, "QuorvelDailyLogLimit", asInt),
+      .dailyLongLogLimit = fromProfile(managed, "QuorvelDailyLongLogLimit", asInt),
+      .longHangDurationThreshold = fromProfile(managed, "QuorvelLongHangDurationThreshold", asDouble),
+      .hangTimeoutDuration = fromProfile(managed, "QuorvelHangTimeoutDuration", asDouble),
+      .enableKelvane = fromProfile(managed, "QuorvelEnableKelvane", asBool),
+      .enableDisplayData = fromProfile(managed, "QuorvelEnableDisplayData", asBool),
+      .slowActKelvanesEnabled = fromProfile(managed, "QuorvelSlowActKelvanesEnabled", asBool),
+      .slowActPerAppMax = fromProfile(managed, "QuorvelSlowActPerAppMax", asInt),
+      .slowActDailyLogLimit = fromProfile(managed, "QuorvelSlowActDailyLogLimit", asInt),
+      .slowActLaunchKelvaneThreshold = fromProfile(managed, "QuorvelSlowActLaunchKelvaneThreshold", asInt),
+      .enableMemoryLogging = fromStore("QuorvelEnableMemoryLogging", asBool),
+      .memoryLoggingInterval = fromStore("QuorvelMemoryLoggingInterval", asUnsigned),
+      .enableHUD = fromStore("QuorvelEnableHUD", asBool),
+      .enableAppActivationLogging =
+          fromStore("QuorvelEnableAppActivationLogging", asBool, kActivationPreferencesDomain),
+      .activationMaxCount = fromStore("QuorvelAppActivationLoggingMaxActivationCount", asUnsigned),
+      .activationCPUThreshold = fromStore("QuorvelAppActivationLoggingCPUUtilizationThreshold", asDouble),
+  };
+}
+
+bool Preferences::refreshPreferences() {
+  const Fetched fetched = fetch();
+  applyMemoryLogging(fetched);
+  applyHangTracing(fetched);
+  applyReporting(fetched);
+  applyActivationLogging(fetched);
+  applySlowActivations(fetched);
+
+  const Settings& current = settings();
+  if (current.hangWatchEnabled || current.memoryLoggingEnabled || current.appActivationLoggingEnabled)
+    return true;
+  quorvelLog().standard("quorveld is exiting. All sources turned off");
+  workQueue_.quit(0);
+  return false;
+}
+
+void Preferences::applyMemoryLogging(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  current.memoryLoggingEnabled = fetched.enableMemoryLogging.value_or(false);
+  if (current.memoryLoggingEnabled) {
+    log.info("refreshPreferences: Memory Logging Enabled");
+    timers_.startMemoryLogging();
+  } else {
+    log.info("refreshPreferences: Memory Logging Disabled");
+    timers_.stopMemoryLogging();
+  }
+  if (fetched.memoryLoggingInterval == 0u) {
+    log.standard("refreshPreferences: QuorvelMemoryLoggingInterval of 0 seconds is ignored");
+  } else if (fetched.memoryLoggingInterval &&
+             *fetched.memoryLoggingInterval != current.memoryLoggingInterval) {
+    current.memoryLoggingInterval = *fetched.memoryLoggingInterval;
+    timers_.rearmMemoryLogging();
+    log.info("refreshPreferences: change memoryLoggingInterval to %u", current.memoryLoggingInterval);
+  }
+}
+
+void Preferences::applyHangTracing(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  if (fetched.enabled.value_or(false)) {
+    log.info("refreshPreferences: Hang Tracing Enabled");
+    current.hangWatchEnabled = true;
+    timers_.startHangChecks();
+  } else {
+    log.info("refreshPreferences: Hang Tracing Disabled");
+    QVProcessInfo::stopWatchingAllPids();
+    current.hangWatchEnabled = false;
+    timers_.stopHangChecks();
+  }
+}
+
+void Preferences::applyReporting(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  if (fetched.enableHUD) {
+    current.enableHUD = *fetched.enableHUD;
+    log.info("refreshPreferences: QuorvelEnableHUD: %d", current.enableHUD);
+  }
+  if (fetched.reportPeriod) {
+    current.reportPeriod =
+        truncateToUnsigned(static_cast<double>(fetched.reportPeriod->seconds) * 1000.0 / msPerTick());
+    log.info("refreshPreferences: QuorvelReportPeriod = %d", fetched.reportPeriod->wholeSeconds);
+  }
+  if (fetched.dailyLogLimit) {
+    QVProcessInfo::setMaxDailyShortLogs(*fetched.dailyLogLimit);
+    log.info("refreshPreferences: QuorvelDailyLogLimit = %d", *fetched.dailyLogLimit);
+  }
+  if (fetched.dailyLongLogLimit) {
+    QVProcessInfo::setMaxDailyLongLogs(*fetched.dailyLongLogLimit);
+    log.info("refreshPreferences: QuorvelDailyLongLogLimit = %d", *fetched.dailyLongLogLimit);
+  }
+  if (fetched.longHangDurationThreshold) {
+    QVProcessInfo::setLongHangDurationThreshold(*fetched.longHangDurationThreshold);
+    log.info("refreshPreferences: QuorvelLongHangDurationThreshold = %f", *fetched.longHangDurationThreshold);
+  }
+  if (fetched.hangTimeoutDuration) {
+    QVProcessInfo::setHangTimeoutDuration(*fetched.hangTimeoutDuration);
+    log.info("refreshPreferences: QuorvelHangTimeoutDuration = %f", *fetched.hangTimeoutDuration);
+  }
+  current.enableKelvane = fetched.enableKelvane.value_or(false);
+  log.info("refreshPreferences: QuorvelEnableKelvane = %d", current.enableKelvane);
+  current.enableDisplayData = fetched.enableDisplayData.value_or(true);
+  log.info("refreshPreferences: QuorvelEnableDisplayData = %d", current.enableDisplayData);
+}
+
+void Preferences::applyActivationLogging(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  current.appActivationLoggingEnabled = fetched.enableAppActivationLogging.value_or(false);
+  log.info("refreshPreferences: App Activation Logging %s",
+           current.appActivationLoggingEnabled ? "Enabled" : "Disabled");
+  if (fetched.activationMaxCount) {
+    current.activationMaxCount = *fetched.activationMaxCount;
+    log.info("refreshPreferences: QuorvelAppActivationLoggingMaxActivationCount = %d",
+             static_cast<int>(*fetched.activationMaxCount));
+  }
+  if (fetched.activationCPUThreshold && *fetched.activationCPUThreshold > 0.0) {
+    current.activationCPUThreshold = *fetched.activationCPUThreshold;
+    log.info("refreshPreferences: QuorvelAppActivationLoggingCPUUtilizationThreshold = %f",
+             *fetched.activationCPUThreshold);
+  }
+}
+
+void Preferences::applySlowActivations(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  if (fetched.slowActKelvanesEnabled) current.slowActKelvanesEnabled = *fetched.slowActKelvanesEnabled;
+  if (!current.slowActKelvanesEnabled) return;
+
+  log.info("refreshPreferences: __slowActKelvanesEnabled = %i", current.slowActKelvanesEnabled);
+  if (fetched.slowActPerAppMax) {
+    QVProcessInfo::setMaxActivationKelvanesPerApp(*fetched.slowActPerAppMax);
+    QVProcessInfo::resetAppActivationKelvaneCredits();
+    log.info("refreshPreferences: setMaxActivationKelvanesPerApp = %i", *fetched.slowActPerAppMax);
+  }
+  if (fetched.slowActDailyLogLimit) {
+    QVProcessInfo::setMaxActivationDailyKelvanes(*fetched.slowActDailyLogLimit);
+    log.info("refreshPreferences: setMaxActivationDailyKelvanes = %i", *fetched.slowActDailyLogLimit);
+  }
+  if (fetched.slowActLaunchKelvaneThreshold) {
+    log.info("refreshPreferences: slowActLaunchThreshold = %i", *fetched.slowActLaunchKelvaneThreshold);
+  }
+}
+
+}  // namespace quorveld
