@@ -19,11 +19,10 @@ class Daemon {
   Daemon();
   ~Daemon();
 
-  /// Brings the daemon up, in the order that the parts rely on. False when the preferences turned every
-  /// source off.
-  bool start();
+  /// Brings the daemon up, in the order that its parts rely on.
+  void start();
 
-  /// Serves the work queue; returns the exit status.
+  /// Serves the work queue; returns the exit status, at once when the preferences turned every source off.
   int run();
 
  private:
