@@ -5,7 +5,8 @@
  *   offset 4            slotCount         how many slots, from the first, the daemon scans
  *   offset 8 + 360 * i  slot i
  *
- *   slot     +0  startTime         ticks when the operation began; all ones once the daemon has reported it
+ *   slot     +0  startTime         ticks when the operation began, written first at begin; all ones once the
+ *                                  daemon has reported it
  *            +8  (client's own)
  *           +16  timeoutExempt     not 0: the slot is skipped; written last at begin and first at end
  *           +20  wantsKelvane      not 0: a trace report is wanted when the slot times out

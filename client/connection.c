@@ -1,0 +1,308 @@
+/* The connection's life:
+ *
+ *   off --qv_connect--> handshake --ready--> ready
+ *                        |   ^                 |
+ *                 refused,   retry timer    daemon lost
+ *                 2 s over   |                 |
+ *                        v   |                 |
+ *                       waiting <--------------+
+ *
+ * and from anywhere to off by qv_disconnect. One epoll descriptor, which the application polls, holds the
+ * socket of the moment and one timer: the handshake's limit, or the time of the next try. The wait doubles
+ * with each try and starts afresh only after a connection has stood for kStableMs: a daemon that is started
+ * by our connecting and has nothing to do must not be woken every second.
+ *
+ * All state is under one lock, held only while nothing can block, save in qv_connect's wait. */
+#include "client/connection.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "client/bus.h"
+#include "client/include/quorvel.h"
+#include "client/region.h"
+
+enum { kHandshakeMs = 2000, kFirstRetryMs = 1000, kLastRetryMs = 60000, kStableMs = 60000 };
+enum { kBusStepsPerCall = 64 };
+
+enum state { kOff, kWaiting, kHandshake, kReady };
+
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+
+static struct {
+  enum state state;
+  int error; /* why the state is kWaiting, negative */
+  sd_bus* bus;
+  int bus_fd; /* the bus's own */
+  int epoll_fd;
+  int timer_fd;
+  int retry_ms;
+  int64_t ready_since_ms;
+  bool watched; /* the daemon is to watch this process */
+  char bundle_id[QV_TEXT_MAX + 1];
+  char name[QV_TEXT_MAX + 1];
+} self = {.bus_fd = -1, .epoll_fd = -1, .timer_fd = -1, .retry_ms = kFirstRetryMs};
+
+static int64_t now_ms(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+/* 0 stops the timer. */
+static void set_timer(int ms) {
+  const struct itimerspec when = {.it_value = {ms / 1000, (long)(ms % 1000) * 1000000}};
+  timerfd_settime(self.timer_fd, 0, &when, NULL);
+}
+
+static void close_poll(void) {
+  if (self.epoll_fd >= 0) close(self.epoll_fd);
+  if (self.timer_fd >= 0) close(self.timer_fd);
+  self.epoll_fd = self.timer_fd = -1;
+}
+
+static int open_poll(void) {
+  self.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
+  self.timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  struct epoll_event event = {.events = EPOLLIN};
+  if (self.epoll_fd >= 0 && self.timer_fd >= 0 &&
+      epoll_ctl(self.epoll_fd, EPOLL_CTL_ADD, self.timer_fd, &event) == 0) {
+    return 0;
+  }
+  const int error = -errno;
+  close_poll();
+  return error;
+}
+
+/* The child of a fork lets go of everything, so that the daemon notices the parent's end. sd-bus refuses to
+ * work on a parent's connection, hence the plain close; its memory stays behind. */
+static void after_fork_in_child(void) {
+  if (self.bus) close(self.bus_fd);
+  close_poll();
+  qv_region_forget();
+  self.state = kOff;
+  self.bus = NULL;
+  self.bus_fd = -1;
+  self.retry_ms = kFirstRetryMs;
+  self.watched = false;
+  pthread_mutex_unlock(&lock);
+}
+
+static void before_fork(void) {
+  pthread_mutex_lock(&lock);
+}
+static void after_fork_in_parent(void) {
+  pthread_mutex_unlock(&lock);
+}
+static void handle_forks(void) {
+  pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+}
+
+static void drop_bus(void) {
+  if (self.bus) epoll_ctl(self.epoll_fd, EPOLL_CTL_DEL, self.bus_fd, NULL);
+  self.bus = sd_bus_close_unref(self.bus);
+  self.bus_fd = -1;
+}
+
+static void lose(int error) {
+  if (self.state == kReady && now_ms() - self.ready_since_ms >= kStableMs) self.retry_ms = kFirstRetryMs;
+  drop_bus();
+  self.state = kWaiting;
+  self.error = error;
+  set_timer(self.retry_ms);
+  self.retry_ms = self.retry_ms * 2 > kLastRetryMs ? kLastRetryMs : self.retry_ms * 2;
+}
+
+static void start(void) {
+  int error = 0;
+  self.bus = qv_bus_start(&error);
+  if (self.bus) {
+    self.bus_fd = sd_bus_get_fd(self.bus);
+    struct epoll_event event = {.events = EPOLLIN | EPOLLOUT};
+    if (self.bus_fd < 0) {
+      error = self.bus_fd;
+    } else if (epoll_ctl(self.epoll_fd, EPOLL_CTL_ADD, self.bus_fd, &event) < 0) {
+      error = -errno;
+    }
+  }
+  if (error < 0) {
+    lose(error);
+    return;
+  }
+  self.state = kHandshake;
+  set_timer(kHandshakeMs);
+}
+
+/* Has the epoll descriptor wake for what the bus waits for now; lets output wait for room only when there is
+ * some. */
+static void follow_bus(void) {
+  if (!self.bus) return;
+  const int events = sd_bus_get_events(self.bus);
+  struct epoll_event event = {.events = (events < 0 || events & POLLIN ? EPOLLIN : 0u) |
+                                        (events >= 0 && events & POLLOUT ? EPOLLOUT : 0u)};
+  epoll_ctl(self.epoll_fd, EPOLL_CTL_MOD, self.bus_fd, &event);
+}
+
+static int send_watch(void) {
+  const int memory = qv_region_ensure();
+  if (memory < 0) return memory;
+  const struct qv_field fields[] = {{QV_KEY_SHMEM, 'h', {.descriptor = memory}},
+                                    {QV_KEY_BUNDLE_ID, 's', {.text = self.bundle_id}},
+                                    {QV_KEY_NAME, 's', {.text = self.name}}};
+  return qv_bus_send(self.bus, QV_COMMAND_START_WATCHING, fields, 3);
+}
+
+static void become_ready(void) {
+  set_timer(0);
+  self.state = kReady;
+  self.ready_since_ms = now_ms();
+  if (!self.watched) return;
+  const int error = send_watch();
+  if (error < 0) lose(error);
+}
+
+/* Takes what the descriptors have to say. */
+static void step(void) {
+  uint64_t expirations;
+  const bool timer_fired = read(self.timer_fd, &expirations, sizeof expirations) > 0;
+  if (timer_fired && self.state == kWaiting) start();
+  int result = 1;
+  for (int i = 0; self.bus && result > 0 && i < kBusStepsPerCall; ++i)
+    result = sd_bus_process(self.bus, NULL);
+  if (self.bus && result >= 0 && !sd_bus_is_open(self.bus)) result = -ECONNRESET;
+  if (self.bus && result < 0) {
+    lose(result);
+  } else if (self.state == kHandshake && sd_bus_is_ready(self.bus) > 0) {
+    become_ready();
+  } else if (self.state == kHandshake && timer_fired) {
+    lose(-ETIMEDOUT);
+  }
+  follow_bus();
+}
+
+static int standing(void) {
+  switch (self.state) {
+    case kReady:
+      return 0;
+    case kHandshake:
+      return -EINPROGRESS;
+    case kWaiting:
+      return self.error;
+    case kOff:
+      break;
+  }
+  return -ENOTCONN;
+}
+
+static int connect_locked(void) {
+  if (self.state == kOff) {
+    pthread_once(&fork_once, handle_forks);
+    const int error = open_poll();
+    if (error < 0) return error;
+    self.retry_ms = kFirstRetryMs;
+  }
+  if (self.state != kHandshake && self.state != kReady) start();
+  while (self.state == kHandshake) {
+    struct pollfd ready = {self.epoll_fd, POLLIN, 0};
+    poll(&ready, 1, kHandshakeMs);
+    step();
+  }
+  return standing();
+}
+
+static int copy_text(char out[QV_TEXT_MAX + 1], const char* text) {
+  const size_t length = strnlen(text, QV_TEXT_MAX + 1);
+  if (length > QV_TEXT_MAX) return -ENAMETOOLONG;
+  memcpy(out, text, length);
+  out[length] = '\0';
+  return 0;
+}
+
+static int watch_locked(const char* bundle_id, const char* name) {
+  if (self.watched) return -EALREADY;
+  int error = copy_text(self.bundle_id, bundle_id);
+  if (error == 0) error = copy_text(self.name, name);
+  const int memory = error == 0 ? qv_region_ensure() : error;
+  if (memory < 0) return memory;
+  const bool was_ready = self.state == kReady;
+  self.watched = true;
+  error = connect_locked(); /* registers when it becomes ready */
+  if (self.state == kOff) self.watched = false;
+  if (!was_ready || error < 0) return error;
+  error = send_watch();
+  follow_bus();
+  if (error < 0) self.watched = false;
+  return error;
+}
+
+int qv_connect(void) {
+  pthread_mutex_lock(&lock);
+  const int result = connect_locked();
+  pthread_mutex_unlock(&lock);
+  return result;
+}
+
+int qv_watch(const char* bundle_id, const char* name) {
+  if (!bundle_id || !name) return -EINVAL;
+  pthread_mutex_lock(&lock);
+  const int result = watch_locked(bundle_id, name);
+  pthread_mutex_unlock(&lock);
+  return result;
+}
+
+void qv_disconnect(void) {
+  pthread_mutex_lock(&lock);
+  drop_bus();
+  close_poll();
+  self.state = kOff;
+  self.watched = false;
+  pthread_mutex_unlock(&lock);
+}
+
+int qv_fd(void) {
+  pthread_mutex_lock(&lock);
+  const int result = self.epoll_fd >= 0 ? self.epoll_fd : -ENOTCONN;
+  pthread_mutex_unlock(&lock);
+  return result;
+}
+
+int qv_process(void) {
+  pthread_mutex_lock(&lock);
+  if (self.state != kOff) step();
+  const int result = standing();
+  pthread_mutex_unlock(&lock);
+  return result;
+}
+
+static int send_locked(enum QVCommand command, const struct qv_field* fields, size_t count) {
+  if (self.state != kReady) return -ENOTCONN;
+  const int result = qv_bus_send(self.bus, command, fields, count);
+  if (result < 0 && !sd_bus_is_open(self.bus)) {
+    lose(result);
+    return -ENOTCONN;
+  }
+  follow_bus();
+  return result;
+}
+
+int qv_send(enum QVCommand command, const struct qv_field* fields, size_t count) {
+  pthread_mutex_lock(&lock);
+  const int result = send_locked(command, fields, count);
+  pthread_mutex_unlock(&lock);
+  return result;
+}
+
+int qv_unwatch(void) {
+  pthread_mutex_lock(&lock);
+  self.watched = false;
+  const int result = send_locked(QV_COMMAND_STOP_WATCHING, NULL, 0);
+  pthread_mutex_unlock(&lock);
+  return result;
+}
