@@ -69,7 +69,7 @@ SimTraceLibraries::~SimTraceLibraries() {
 
 std::unique_ptr<platform::TraceLibrary> SimTraceLibraries::open(const std::string& path) {
   opened.push_back(path);
-  if (faults_.fails(Op::openLibrary)) return nullptr;
+  if (faults_.fails(Op::openLibrary) || path != KELVANE_LIBRARY_PATH ".so") return nullptr;
   return std::make_unique<Library>(*this);
 }
 
