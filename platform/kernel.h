@@ -17,6 +17,10 @@ class Kernel {
   /// The process's executable path, raw bytes, at most kMaxPathBytes; nothing when there is no such process
   /// or no leave.
   virtual std::optional<std::string> executablePath(int32_t pid) = 0;
+
+  /// The process's short name, at most 31 bytes; nothing when there is no such process. On Linux there is
+  /// none of pid 0.
+  virtual std::optional<std::string> processName(int32_t pid) = 0;
 };
 
 }  // namespace quorveld::platform

@@ -63,6 +63,11 @@ std::optional<std::string> SimKernel::executablePath(int32_t pid) {
   return path->second;
 }
 
+std::optional<std::string> SimKernel::processName(int32_t pid) {
+  const auto name = processNames.find(pid);
+  return name == processNames.end() ? std::nullopt : std::optional(name->second);
+}
+
 std::unique_ptr<platform::ProcessTable> SimKernel::look() {
   ++looks;
   return std::make_unique<SimProcessTable>(processes, faults_);

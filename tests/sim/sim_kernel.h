@@ -32,6 +32,7 @@ class SimKernel final : public platform::Kernel,
   explicit SimKernel(FaultPlan& faults) : faults_(faults) {}
 
   std::optional<std::string> executablePath(int32_t pid) override;
+  std::optional<std::string> processName(int32_t pid) override;
   std::unique_ptr<platform::ProcessTable> look() override;
   bool vmStatistics(platform::vm_statistics64* statistics) override;
   uint64_t pageSizeBytes() override { return pageSize; }
@@ -43,6 +44,7 @@ class SimKernel final : public platform::Kernel,
   std::optional<std::string> symbol(uint64_t address) override;
 
   std::map<int32_t, std::string> executablePaths;
+  std::map<int32_t, std::string> processNames;
   std::vector<SimProcess> processes;  ///< in the order in which `list` gives them
   int looks = 0;
   platform::vm_statistics64 statistics{};

@@ -1,0 +1,261 @@
+#include "activation/app_activation_tracker.h"
+
+#include <chrono>
+#include <utility>
+
+#include "base/limits.h"
+#include "base/settings.h"
+#include "base/text.h"
+#include "hangs/qv_process_info.h"
+#include "platform/platform.h"
+
+namespace quorveld {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kActivationTimeout = 60s;
+constexpr uint32_t kAllStatistics = 7;
+constexpr uint32_t kReportToPowerLog = 3;
+constexpr uint32_t kForeground = 1;
+/// A launch whose message came this late, in ms, gets no signpost: the interval would say more about us than
+/// about the app.
+constexpr uint32_t kMaxSignpostLatencyMs = 200;
+/// The launcher itself is never traced.
+constexpr const char* kLauncherBundleID = "com.corvix.lumora";
+
+const char* stateName(uint32_t state) {
+  return state != 0 ? "Foreground" : "Background";
+}
+
+std::unique_ptr<AppActivationTracker>& instanceSlot() {
+  static std::unique_ptr<AppActivationTracker> slot;
+  return slot;
+}
+
+platform::WorkQueue*& workQueueSlot() {
+  static platform::WorkQueue* slot = nullptr;
+  return slot;
+}
+
+}  // namespace
+
+void AppActivationTracker::initialize(platform::WorkQueue& workQueue) {
+  instanceSlot().reset();
+  workQueueSlot() = &workQueue;
+}
+
+void AppActivationTracker::shutDown() {
+  instanceSlot().reset();
+}
+
+AppActivationTracker& AppActivationTracker::sharedInstance() {
+  auto& slot = instanceSlot();
+  if (!slot) slot.reset(new AppActivationTracker(*workQueueSlot()));
+  return *slot;
+}
+
+AppActivationTracker::AppActivationTracker(platform::WorkQueue& workQueue)
+    : workQueue_(workQueue),
+      signpostLog_(platform::current().logs.handle("com.corvix.quorvel.signposts", "appLaunch")),
+      logOutputQueue_(platform::current().queues.create("com.corvix.quorvel.perfstats.logoutput",
+                                                        platform::QoSClass::utility)),
+      activationQueue_(platform::current().queues.create("com.corvix.quorvel.perfstats.activationqueue",
+                                                         platform::QoSClass::userInitiated)) {
+  setupMidnightTimer();
+  handleFirstUnlock();
+}
+
+AppActivationTracker::~AppActivationTracker() = default;
+
+void AppActivationTracker::setShouldCaptureSystemState(bool capture) {
+  statsToCapture_ = capture ? kAllStatistics : 0;
+}
+
+void AppActivationTracker::setShouldReportData(bool report) {
+  reportingMethod_ = report ? kReportToPowerLog : 0;
+}
+
+void AppActivationTracker::setShouldCaptureKelvanesAtThreshold(uint32_t thresholdMs) {
+  captureKelvanes_ = true;
+  kelvaneTimeThreshold_ = thresholdMs;
+  quorvelLog().info("QVActivationStats: CaptureLaunchKelvanes=%i launchTimeThresholdForCapture=%i", 1,
+                    static_cast<int>(thresholdMs));
+}
+
+void AppActivationTracker::beginAppActivationTrackingForPID(int32_t pid, const char* bundleID,
+                                                            uint64_t timeMs, uint64_t ipxStartTimeMs,
+                                                            uint32_t activationState,
+                                                            uint32_t activationType) {
+  enqueue([this, announced = Announcement{pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs,
+                                          ipxStartTimeMs, activationState, activationType}] {
+    begin(announced);
+  });
+}
+
+void AppActivationTracker::endAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+                                                          uint32_t activationState,
+                                                          uint32_t activationResult) {
+  enqueue([this, announced = Announcement{pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs,
+                                          timeMs, activationState, activationResult}] { end(announced); });
+}
+
+void AppActivationTracker::enqueue(platform::Task step) {
+  if (waitingSteps_ >= kMaxWaitingActivationSteps) {
+    if (!saidOverload_.exchange(true)) {
+      quorvelLog().standard("QVActivationStats: More activation messages than can be handled, dropping some");
+    }
+    return;
+  }
+  ++waitingSteps_;
+  activationQueue_->async([this, step = std::move(step)] {
+    if (--waitingSteps_ == 0) saidOverload_ = false;
+    step();
+  });
+}
+
+std::string AppActivationTracker::Announcement::key() const {
+  return formatted("%d:%s", pid, bundleID.c_str());
+}
+
+AppActivation* AppActivationTracker::inFlight(const std::string& key) const {
+  activationQueue_->assertCurrent();
+  const auto entry = appActivationDictionary_.find(key);
+  return entry == appActivationDictionary_.end() ? nullptr : entry->second.get();
+}
+
+void AppActivationTracker::begin(const Announcement& announced) {
+  const Log log = quorvelLog();
+  const std::string key = announced.key();
+  if (inFlight(key)) {
+    log.standard("QVActivationStats: beginActivationTrackingForPID: An entry already exists for %s\n",
+                 key.c_str());
+    return;
+  }
+  if (appActivationDictionary_.size() >= kMaxActivationsInFlight ||
+      pendingTimeouts_ >= kMaxPendingActivationTimeouts) {
+    log.standard("QVActivationStats: Too many activations at once, ignoring the begin of %s", key.c_str());
+    return;
+  }
+  auto activation = std::make_shared<AppActivation>(
+      static_cast<uint8_t>(statsToCapture_), announced.pid, announced.bundleID, announced.timeMs,
+      announced.ipxStartTimeMs, static_cast<uint8_t>(announced.state),
+      static_cast<uint8_t>(announced.typeOrResult));
+  appActivationDictionary_.emplace(key, activation);
+  if (announced.typeOrResult == AppActivation::kTypeLaunch) {
+    signpostLog_.debug("ipxStartLatencyInMs %u ms", activation->ipxStartLatencyInMs());
+    if (activation->ipxStartLatencyInMs() < kMaxSignpostLatencyMs) {
+      signpostBeginOfLaunch(announced.pid, announced.bundleID);
+    }
+  }
+  ++pendingTimeouts_;
+  activationQueue_->after(kActivationTimeout, [this, announced] {
+    --pendingTimeouts_;
+    timeOut(announced);
+  });
+}
+
+/// Whatever stands under the key by now goes, even when a later begin put it there: launchers that never
+/// announce an end are the ones this is for.
+void AppActivationTracker::timeOut(const Announcement& announced) {
+  const std::string key = announced.key();
+  const AppActivation* activation = inFlight(key);
+  if (!activation) return;
+  if (activation->appActivationType() == AppActivation::kTypeLaunch) {
+    signpostEndOfLaunch(announced.pid, announced.bundleID, false);
+  }
+  appActivationDictionary_.erase(key);
+  // Ended for its log lines alone.
+  AppActivation unfinished(0, announced.pid, announced.bundleID, announced.timeMs, announced.ipxStartTimeMs,
+                           static_cast<uint8_t>(announced.state), 0);
+  unfinished.activationEndedWithResult(AppActivation::kResultNoEnd, announced.timeMs);
+  quorvelLog().standard(
+      "QVActivationStats: beginActivationTrackingForPID: Did not find an end call entry for %s\n",
+      key.c_str());
+}
+
+void AppActivationTracker::end(const Announcement& announced) {
+  const std::shared_ptr<AppActivation> activation = finish(announced);
+  if (activation->appActivationStartState() != kForeground || announced.state != kForeground) return;
+
+  reportOrSay(activation, announced.state);
+  quorvelLog().standard("QVActivationStats: %s FG Launch Duration = %ims", announced.bundleID.c_str(),
+                        static_cast<int>(activation->wallTime()));
+  captureIfSlow(*activation, announced.timeMs);
+}
+
+/// Ends the activation in flight and takes it off the map; without one, makes up one that began when it
+/// ended.
+std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& announced) {
+  const Log log = quorvelLog();
+  const std::string key = announced.key();
+  const auto entry = appActivationDictionary_.find(key);
+  if (entry == appActivationDictionary_.end()) {
+    auto activation =
+        std::make_shared<AppActivation>(0, announced.pid, announced.bundleID, announced.timeMs,
+                                        announced.timeMs, static_cast<uint8_t>(announced.state), 0);
+    activation->activationEndedWithResult(AppActivation::kResultNoBegin, announced.timeMs);
+    log.standard("QVActivationStats: endActivationTrackingForPID: Did not find an existing entry for %s\n",
+                 key.c_str());
+    return activation;
+  }
+  std::shared_ptr<AppActivation> activation = entry->second;
+  activation->activationEndedWithResult(static_cast<uint8_t>(announced.typeOrResult), announced.timeMs);
+  if (activation->appActivationType() == AppActivation::kTypeLaunch) {
+    signpostLog_.debug("ipxEndLatencyInMs %u ms", activation->ipxEndLatencyInMs());
+    if (activation->ipxEndLatencyInMs() < kMaxSignpostLatencyMs) {
+      signpostEndOfLaunch(announced.pid, announced.bundleID, true);
+    }
+  }
+  log.debug(
+      "QVActivationStats: Activation Complete:Activationid:%lld BundleID:%s PID:%d Result:%d Type:%d "
+      "TimeTaken:%d ms",
+      static_cast<long long>(activation->appActivationID()), activation->bundleID().c_str(),
+      activation->pid(), static_cast<int>(announced.typeOrResult), activation->appActivationType(),
+      static_cast<int>(activation->wallTime()));
+  appActivationDictionary_.erase(entry);
+  return activation;
+}
+
+void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation, uint32_t endState) {
+  const uint32_t recorded = activationsRecorded_;
+  if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount ||
+      waitingReports_ >= kMaxWaitingActivationReports) {
+    quorvelLog().standard(
+        "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s Number Of "
+        "Activations:%d",
+        activation->bundleID().c_str(), stateName(activation->appActivationStartState()), stateName(endState),
+        static_cast<int>(recorded));
+    return;
+  }
+  ++waitingReports_;
+  logOutputQueue_->async([this, activation] {
+    --waitingReports_;
+    const uint32_t count = ++activationsRecorded_;
+    activation->logAppActivationData(reportingMethod_);
+    quorvelLog().debug(
+        "QVActivationStats: Sending activation for %s to Pelmar. Number Of Activations recorded:%d",
+        activation->bundleID().c_str(), static_cast<int>(count));
+  });
+}
+
+void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64_t endTimeMs) {
+  if (!captureKelvanes_ || activation.wallTime() < kelvaneTimeThreshold_ ||
+      activation.bundleID() == kLauncherBundleID) {
+    return;
+  }
+  quorvelLog().standard("QVActivationStats: %s Launch took %ims, will try to grab slow launch kelvane",
+                        activation.bundleID().c_str(), static_cast<int>(activation.wallTime()));
+  // Credits and the trace library belong to the work queue.
+  workQueue_.async([bundleID = activation.bundleID(), start = activation.startTimestamp(), endTimeMs] {
+    QVProcessInfo::saveActivationKelvane("Launch", "Slow-Launch", bundleID, start, endTimeMs);
+  });
+}
+
+void AppActivationTracker::logStatus() const {
+  quorvelLog().standard("Status: %u activations reported today, %u timeouts pending",
+                        activationsRecorded_.load(), pendingTimeouts_.load());
+}
+
+}  // namespace quorveld

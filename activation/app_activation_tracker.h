@@ -1,0 +1,113 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "activation/app_activation.h"
+#include "base/log.h"
+#include "platform/notifications.h"
+#include "platform/work_queue.h"
+
+namespace quorveld {
+
+/// Pairs the begin and end of app activations, has the finished ones reported, and asks for a trace of slow
+/// launches.
+///
+/// One instance, made on first use. `activationQueue` runs every begin, end and timeout and owns the
+/// activations in flight; `logOutputQueue` runs the reports, the midnight timer and the first-unlock handler.
+/// The setters and the two entry points may be called from any queue and return at once. Launchers are as
+/// untrusted as any client: what waits, is in flight or is being reported is bounded (limits.h); what is
+/// beyond is dropped with a log line.
+class AppActivationTracker {
+ public:
+  /// Where reports of slow launches are saved, and a fresh start: no instance.
+  static void initialize(platform::WorkQueue& workQueue);
+  /// Ends both queues and the instance, if there is one; what waited on them is dropped. Work queue only.
+  static void shutDown();
+  /// Makes the instance if there is none. Work queue only.
+  static AppActivationTracker& sharedInstance();
+
+  ~AppActivationTracker();
+  AppActivationTracker(const AppActivationTracker&) = delete;
+  AppActivationTracker& operator=(const AppActivationTracker&) = delete;
+
+  void setShouldCaptureSystemState(bool capture);
+  void setShouldReportData(bool report);
+  /// Turns slow-launch traces on, for launches of `thresholdMs` or more. Nothing turns them off again.
+  void setShouldCaptureKelvanesAtThreshold(uint32_t thresholdMs);
+
+  /// Times in ms since the reference date; state 1 foreground, 0 background; type 1 launch.
+  void beginAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+                                        uint64_t ipxStartTimeMs, uint32_t activationState,
+                                        uint32_t activationType);
+  void endAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+                                      uint32_t activationState, uint32_t activationResult);
+
+  /// Logs what is in flight and what was reported today, for whoever asked the daemon for its state. From any
+  /// queue.
+  void logStatus() const;
+
+ private:
+  /// What identifies an activation, and what its launcher said when it began or ended.
+  struct Announcement {
+    int32_t pid;
+    std::string bundleID;
+    uint64_t timeMs;
+    uint64_t ipxStartTimeMs;
+    uint32_t state;
+    uint32_t typeOrResult;
+
+    std::string key() const;
+  };
+
+  explicit AppActivationTracker(platform::WorkQueue& workQueue);
+
+  /// Runs `step` on the activation queue, unless too many steps wait there already.
+  void enqueue(platform::Task step);
+  void begin(const Announcement& announced);
+  void end(const Announcement& announced);
+  void timeOut(const Announcement& announced);
+  std::shared_ptr<AppActivation> finish(const Announcement& announced);
+  void reportOrSay(const std::shared_ptr<AppActivation>& activation, uint32_t endState);
+  void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
+  AppActivation* inFlight(const std::string& key) const;
+
+  // launch_signposts.cpp
+  void signpostBeginOfLaunch(int32_t pid, const std::string& bundleID) const;
+  void signpostEndOfLaunch(int32_t pid, const std::string& bundleID, bool isValidEndOfLaunch) const;
+
+  // day_scope.cpp: what belongs to a day
+  void setupMidnightTimer();
+  void midnightPassed(platform::WallTime scheduled);
+  void handleFirstUnlock();
+
+  platform::WorkQueue& workQueue_;
+  const Log signpostLog_;
+  std::map<std::string, std::shared_ptr<AppActivation>> appActivationDictionary_;  ///< by "pid:bundle ID"
+
+  // Written by the setters, read by whichever step runs next: each stands for itself.
+  std::atomic<bool> captureKelvanes_{false};
+  std::atomic<uint32_t> statsToCapture_{0};        ///< snapshot kinds of a new activation: 7 all, 0 none
+  std::atomic<uint32_t> reportingMethod_{0};       ///< 3 power log, 0 none
+  std::atomic<uint32_t> kelvaneTimeThreshold_{0};  ///< ms
+
+  /// Reported since midnight. Written on the log-output queue and read on the activation queue, so the daily
+  /// maximum may be passed by the reports that are queued already.
+  std::atomic<uint32_t> activationsRecorded_{0};
+
+  std::atomic<uint32_t> waitingSteps_{0};
+  std::atomic<uint32_t> waitingReports_{0};
+  std::atomic<uint32_t> pendingTimeouts_{0};
+  std::atomic<bool> saidOverload_{false};
+
+  std::unique_ptr<platform::Subscription> firstUnlock_;
+
+  // Last, so that they end first: their tasks use everything above.
+  std::unique_ptr<platform::WorkQueue> logOutputQueue_;
+  std::unique_ptr<platform::WorkQueue> activationQueue_;
+};
+
+}  // namespace quorveld
