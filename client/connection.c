@@ -172,6 +172,7 @@ static void become_ready(void) {
 static void step(void) {
   uint64_t expirations;
   const bool timer_fired = read(self.timer_fd, &expirations, sizeof expirations) > 0;
+  const bool handshake_over = timer_fired && self.state == kHandshake;
   if (timer_fired && self.state == kWaiting) start();
   int result = 1;
   for (int i = 0; self.bus && result > 0 && i < kBusStepsPerCall; ++i)
@@ -181,7 +182,7 @@ static void step(void) {
     lose(result);
   } else if (self.state == kHandshake && sd_bus_is_ready(self.bus) > 0) {
     become_ready();
-  } else if (self.state == kHandshake && timer_fired) {
+  } else if (handshake_over) {
     lose(-ETIMEDOUT);
   }
   follow_bus();

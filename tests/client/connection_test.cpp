@@ -1,0 +1,160 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "abi/messages.h"
+#include "client/include/quorvel.h"
+#include "tests/client/fake_daemon.h"
+
+using namespace std::chrono_literals;
+
+TEST(Connection, RegistersASealedRegionInWhichNothingIsInFlight) {
+  FakeDaemon daemon;
+  daemon.start();
+  ASSERT_EQ(qv_watch("org.example.viewer", "viewer"), 0);
+  EXPECT_EQ(qv_watch("org.example.viewer", "viewer"), -EALREADY);
+
+  const auto messages = daemon.await(1);
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0][QV_KEY_COMMAND], "x 1");
+  EXPECT_EQ(messages[0][QV_KEY_BUNDLE_ID], "s org.example.viewer");
+  EXPECT_EQ(messages[0][QV_KEY_NAME], "s viewer");
+  EXPECT_EQ(messages[0]["expects reply"], "");
+
+  struct stat status {};
+  ASSERT_EQ(fstat(daemon.memory(), &status), 0);
+  EXPECT_EQ(status.st_size, 7208);
+  EXPECT_EQ(fcntl(daemon.memory(), F_GET_SEALS) & (F_SEAL_SHRINK | F_SEAL_GROW), F_SEAL_SHRINK | F_SEAL_GROW);
+  const MappedRegion region(daemon.memory());
+  EXPECT_EQ(region.header().protocolVersion, 4u);
+  EXPECT_EQ(region.header().slotCount, 20u);
+  EXPECT_TRUE(region.inFlight().empty());
+}
+
+TEST(Connection, EveryMessageCarriesItsKeysInTheirTypes) {
+  FakeDaemon daemon;
+  daemon.start();
+  ASSERT_EQ(qv_connect(), 0);
+  EXPECT_EQ(qv_report_hang("MainThread", 77, 100, 200, true), 0);
+  EXPECT_EQ(qv_fence_begin(-5), 0);
+  EXPECT_EQ(qv_fence_end(-5), 0);
+  EXPECT_EQ(qv_fence_blown(300, 400), 0);
+  EXPECT_EQ(qv_activation_begin(12, "org.example.viewer", QV_STATE_FOREGROUND, QV_TYPE_LAUNCH, 0, 0), 0);
+  EXPECT_EQ(qv_activation_end(12, "org.example.viewer", QV_STATE_BACKGROUND, 7, 5000), 0);
+  EXPECT_EQ(qv_unwatch(), 0);
+
+  const auto messages = daemon.await(7);
+  ASSERT_EQ(messages.size(), 7u);
+  EXPECT_EQ(messages[0].values, (std::map<std::string, std::string>{{"command", "x 3"},
+                                                                    {"name", "s MainThread"},
+                                                                    {"threadID", "x 77"},
+                                                                    {"startTime", "x 100"},
+                                                                    {"endTime", "x 200"},
+                                                                    {"saveReport", "b 1"}}));
+  EXPECT_EQ(messages[1]["command"] + messages[1]["name"], "x 6x -5");
+  EXPECT_EQ(messages[2]["command"] + messages[2]["name"], "x 7x -5");
+  EXPECT_LE(std::stoull(messages[1]["startTime"].substr(2)), std::stoull(messages[2]["endTime"].substr(2)));
+  EXPECT_EQ(messages[3].values, (std::map<std::string, std::string>{
+                                    {"command", "x 8"}, {"startTime", "x 300"}, {"endTime", "x 400"}}));
+  EXPECT_EQ(messages[4]["command"], "x 4");
+  EXPECT_EQ(messages[4]["startTime"], "t 0");
+  EXPECT_LE(qv_wall_ms() - std::stoull(messages[4]["ipxStartLatency"].substr(2)), 10'000u);
+  EXPECT_EQ(messages[4]["app-activation-state"] + messages[4]["app-activation-type"], "x 1x 1");
+  EXPECT_EQ(messages[5].values, (std::map<std::string, std::string>{{"command", "x 5"},
+                                                                    {"pid", "x 12"},
+                                                                    {"bundle-id", "s org.example.viewer"},
+                                                                    {"endTime", "t 5000"},
+                                                                    {"app-activation-state", "x 0"},
+                                                                    {"app-activation-result", "x 7"}}));
+  EXPECT_EQ(messages[6]["command"], "x 2");
+
+  EXPECT_EQ(qv_report_hang(std::string(QV_TEXT_MAX + 1, 'a').c_str(), 1, 1, 2, false), -ENAMETOOLONG);
+  EXPECT_EQ(qv_report_hang("\xff", 1, 1, 2, false), -EINVAL);
+  EXPECT_EQ(qv_report_hang("still connected", 1, 1, 2, false), 0);
+}
+
+TEST(Connection, OperationsInFlightOutliveADaemonThatIsRestarted) {
+  FakeDaemon daemon;
+  EXPECT_EQ(qv_watch("org.example.viewer", "viewer"), -ENOENT);
+  EXPECT_EQ(qv_report_hang("MainThread", 0, 1, 2, false), -ENOTCONN);
+  const qv_operation operation = qv_begin("Import", true);  // before any daemon
+  daemon.start();
+  ASSERT_TRUE(processUntil([&] { return daemon.memory() >= 0; }));
+  struct stat before {};
+  fstat(daemon.memory(), &before);
+
+  daemon.stop();
+  ASSERT_TRUE(processUntil([] { return qv_process() < 0; }));
+  daemon.start();
+  EXPECT_EQ(qv_connect(), 0);  // no need to wait for the timer
+  const auto messages = daemon.await(2);
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[1][QV_KEY_BUNDLE_ID], "s org.example.viewer");
+  struct stat after {};
+  fstat(daemon.memory(), &after);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+
+  const MappedRegion region(daemon.memory());
+  ASSERT_EQ(region.inFlight().size(), 1u);
+  EXPECT_STREQ(region.inFlight()[0]->hangName, "Import");
+  qv_end(operation);
+  EXPECT_TRUE(region.inFlight().empty());
+}
+
+TEST(Connection, ADaemonThatReadsNothingBlocksNobodyAndCostsBoundedMemory) {
+  FakeDaemon daemon;
+  daemon.start();
+  ASSERT_EQ(qv_connect(), 0);
+  daemon.pause(true);
+  std::this_thread::sleep_for(10ms);
+  const std::string name(QV_TEXT_MAX, 'n');
+  const auto start = std::chrono::steady_clock::now();
+  size_t taken = 0;
+  int result = 0;
+  while ((result = qv_report_hang(name.c_str(), 1, taken, 2, false)) == 0 && taken < 100'000) ++taken;
+  EXPECT_EQ(result, -ENOBUFS);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  EXPECT_EQ(qv_process(), 0);  // slow is not lost
+
+  daemon.pause(false);
+  ASSERT_TRUE(processUntil([&] { return daemon.received() == taken; }));
+  const auto messages = daemon.await(taken);
+  EXPECT_EQ(messages.back()["startTime"], "x " + std::to_string(taken - 1));
+  EXPECT_EQ(qv_report_hang("MainThread", 0, 1, 2, false), 0);
+}
+
+TEST(Connection, AListenerThatNeverAnswersTheHandshakeIsGivenUpOn) {
+  FakeDaemon daemon;
+  daemon.pause(true);
+  daemon.start();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(qv_connect(), -ETIMEDOUT);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
+}
+
+TEST(Connection, AForkedChildHoldsNoConnectionOpen) {
+  FakeDaemon daemon;
+  daemon.start();
+  ASSERT_EQ(qv_watch("org.example.viewer", "viewer"), 0);
+  daemon.await(1);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (qv_process() != -ENOTCONN) _exit(1);
+    if (qv_watch("org.example.child", "child") != 0) _exit(2);
+    pause();
+  }
+  const auto messages = daemon.await(2);
+  EXPECT_EQ(messages.size(), 2u);
+  qv_disconnect();
+  for (int i = 0; i < 500 && daemon.connections() != 1; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(daemon.connections(), 1u);  // the child's own
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status));
+}
