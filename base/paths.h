@@ -8,4 +8,8 @@ inline constexpr const char* kCacheDirectory = "/var/root/Library/Caches/quorvel
 inline constexpr const char* kTemporaryDirectory = "/var/root/Library/Caches/quorveld/tmp";
 inline constexpr const char* kSpoolDirectory = "/var/root/Library/Caches/quorveld/spool";
 
+/// Where complete memory reports appear. Not made by the daemon: it belongs to the system's collector of
+/// reports.
+inline constexpr const char* kMemoryReportDirectory = "/Library/Logs/Faultkeep";
+
 }  // namespace quorveld

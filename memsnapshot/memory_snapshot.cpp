@@ -1,0 +1,110 @@
+#include "memsnapshot/memory_snapshot.h"
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/wall_time.h"
+#include "memsnapshot/json_text.h"
+#include "memsnapshot/report_sections.h"
+#include "platform/clock.h"
+#include "platform/device.h"
+#include "platform/files.h"
+#include "platform/platform.h"
+
+namespace quorveld {
+
+namespace {
+
+/// Reserved at once so that the report never moves while it grows: address space, of which only what is
+/// written becomes memory.
+constexpr size_t kInitialCapacity = 52'428'800;
+
+/// What stays the same for as long as the daemon lives.
+struct ReportOrigin {
+  std::string osVersion;
+  std::string firstHeaderLine;
+  std::string machine;
+};
+
+std::string osVersionText(const platform::OSVersion& version) {
+  std::string product = version.productName.value_or("???");
+  constexpr std::string_view kLongName = "Orvane OS";
+  for (size_t at = 0; (at = product.find(kLongName, at)) != std::string::npos;) {
+    product.replace(at, kLongName.size(), "Orvos");
+  }
+  return product + " " + version.productVersion.value_or("???") + " (" +
+         version.buildVersion.value_or("???") + ")";
+}
+
+std::string escaped(const std::string& bytes) {
+  std::string text;
+  appendEscaped(text, bytes);
+  return text;
+}
+
+const ReportOrigin& reportOrigin() {
+  static const ReportOrigin origin = [] {
+    platform::Device& device = platform::current().device;
+    const std::string version = escaped(osVersionText(device.osVersion()));
+    // Readers of the first line expect it within 100 bytes: a longer version is cut off there.
+    std::array<char, 100> line;
+    std::snprintf(line.data(), line.size(), "{\"bug_type\":\"152\",\"os_version\":\"%s\"}\n",
+                  version.c_str());
+    return ReportOrigin{version, line.data(), escaped(device.machine())};
+  }();
+  return origin;
+}
+
+/// The whole report; empty when something that it must contain can't be had.
+std::string reportText(const std::string& date) {
+  const ReportOrigin& origin = reportOrigin();
+  std::string report;
+  report.reserve(kInitialCapacity);
+  report += origin.firstHeaderLine;
+  report += "{\n\"Model\" : \"" + origin.machine + "\",\n\"Timestamp\" : \"" + date +
+            "\",\n\"OSVersion\" : \"" + origin.osVersion + "\"\n}\n";
+  report += "{\n";
+  appendVmCounters(report);
+  if (!appendProcesses(report) || !appendKernelMemory(report)) return {};
+  report += "}\n";
+  return report;
+}
+
+}  // namespace
+
+void take_memory_snapshot() {
+  platform::Files& files = platform::current().files;
+  const std::string date = reportDate(platform::current().clock.wallTime());
+  const std::string name = "memory-snapshot-" + date + ".ips";
+  const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
+  const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
+
+  std::error_code error;
+  auto file = files.createProtected(workingPath, error);
+  if (!file) {
+    systemLog("Could not create file - won't take a memory snapshot: %s %s", workingPath.c_str(),
+              error.message().c_str());
+    return;
+  }
+  const std::string report = reportText(date);
+  if (report.empty()) {
+    error = std::make_error_code(std::errc::operation_canceled);
+  } else {
+    error = file->write(report);
+  }
+  if (const std::error_code closing = file->close(); !error) error = closing;
+  if (!error) error = files.rename(workingPath, finalPath);
+  if (!error) return;
+  // Why figures are missing has been said by whoever refused them.
+  if (!report.empty()) {
+    quorvelLog().standard("Memory snapshot not kept: %s: %s", finalPath.c_str(), error.message().c_str());
+  }
+  files.remove(workingPath);
+}
+
+}  // namespace quorveld
