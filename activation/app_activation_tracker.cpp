@@ -253,9 +253,11 @@ void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64
   });
 }
 
-void AppActivationTracker::logStatus() const {
+void AppActivationTracker::logStatus() {
+  const auto& tracker = instanceSlot();
+  if (!tracker) return;
   quorvelLog().standard("Status: %u activations reported today, %u timeouts pending",
-                        activationsRecorded_.load(), pendingTimeouts_.load());
+                        tracker->activationsRecorded_.load(), tracker->pendingTimeouts_.load());
 }
 
 }  // namespace quorveld

@@ -46,9 +46,9 @@ class AppActivationTracker {
   void endAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
                                       uint32_t activationState, uint32_t activationResult);
 
-  /// Logs what is in flight and what was reported today, for whoever asked the daemon for its state. From any
-  /// queue.
-  void logStatus() const;
+  /// Logs what was reported today and what is pending, for whoever asked the daemon for its state; nothing
+  /// when there is no instance. Work queue only.
+  static void logStatus();
 
  private:
   /// What identifies an activation, and what its launcher said when it began or ended.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "abi/messages.h"
+#include "activation/app_activation_tracker.h"
 #include "base/log.h"
 #include "base/settings.h"
 #include "core/cache_directories.h"
@@ -29,6 +30,7 @@ Daemon::Daemon() = default;
 
 Daemon::~Daemon() {
   listener_.reset();
+  AppActivationTracker::shutDown();
   if (workQueue_) QVProcessInfo::stopWatchingAllPids();
 }
 
@@ -40,6 +42,7 @@ void Daemon::start() {
 
   workQueue_ = platform.queues.createMain("com.corvix.quorvel", platform::QoSClass::userInitiated);
   QVProcessInfo::initialize(*workQueue_);
+  AppActivationTracker::initialize(*workQueue_);
   timers_ = std::make_unique<DaemonTimers>(*workQueue_);
   preferences_ = std::make_unique<Preferences>(*workQueue_, *timers_);
   workQueue_->onStatusRequest([this] { logStatus(); });
@@ -92,6 +95,7 @@ void Daemon::logStatus() const {
       current.memoryLoggingInterval, current.appActivationLoggingEnabled ? "on" : "off",
       current.enableKelvane ? "on" : "off");
   QVProcessInfo::logStatus();
+  AppActivationTracker::logStatus();
 }
 
 }  // namespace quorveld

@@ -5,6 +5,7 @@
 #include "base/settings.h"
 #include "base/ticks.h"
 #include "hangs/qv_process_info.h"
+#include "memsnapshot/memory_snapshot.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 
@@ -49,7 +50,7 @@ void DaemonTimers::checkHangs() {
 }
 
 void DaemonTimers::startMemoryLogging() {
-  if (!memoryLoggingTimer_) memoryLoggingTimer_ = workQueue_.repeat(memoryLogging(), [] {});
+  if (!memoryLoggingTimer_) memoryLoggingTimer_ = workQueue_.repeat(memoryLogging(), take_memory_snapshot);
 }
 
 void DaemonTimers::stopMemoryLogging() {

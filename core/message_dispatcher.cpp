@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "abi/messages.h"
+#include "activation/app_activation_tracker.h"
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/ticks.h"
@@ -165,6 +166,8 @@ void MessageDispatcher::activationBegin(const IpcMessage& message) {
     return;
   }
   log.info("QVActivationStats: %s[%d] activation begin (%s)", bundleID, pid, type == 1 ? "launch" : "resume");
+  AppActivationTracker::sharedInstance().beginAppActivationTrackingForPID(pid, bundleID, startTimeMs,
+                                                                          launchProxyStartMs, state, type);
 }
 
 void MessageDispatcher::activationEnd(const IpcMessage& message) {
@@ -185,6 +188,8 @@ void MessageDispatcher::activationEnd(const IpcMessage& message) {
     return;
   }
   log.info("QVActivationStats: %s[%d] activation end", bundleID, pid);
+  AppActivationTracker::sharedInstance().endAppActivationTrackingForPID(pid, bundleID, endTimeMs, state,
+                                                                        result);
 }
 
 void MessageDispatcher::fenceBegin(const IpcMessage& message) {

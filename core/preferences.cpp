@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "activation/app_activation_tracker.h"
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/ticks.h"
@@ -215,6 +216,11 @@ void Preferences::applyActivationLogging(const Fetched& fetched) {
   const Log log = quorvelLog();
   Settings& current = settings();
   current.appActivationLoggingEnabled = fetched.enableAppActivationLogging.value_or(false);
+  if (current.appActivationLoggingEnabled) {
+    AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+    tracker.setShouldCaptureSystemState(true);
+    tracker.setShouldReportData(true);
+  }
   log.info("refreshPreferences: App Activation Logging %s",
            current.appActivationLoggingEnabled ? "Enabled" : "Disabled");
   if (fetched.activationMaxCount) {
@@ -245,9 +251,17 @@ void Preferences::applySlowActivations(const Fetched& fetched) {
     QVProcessInfo::setMaxActivationDailyKelvanes(*fetched.slowActDailyLogLimit);
     log.info("refreshPreferences: setMaxActivationDailyKelvanes = %i", *fetched.slowActDailyLogLimit);
   }
+  constexpr int32_t kDefaultThresholdMs = 5000;
   if (fetched.slowActLaunchKelvaneThreshold) {
     log.info("refreshPreferences: slowActLaunchThreshold = %i", *fetched.slowActLaunchKelvaneThreshold);
   }
+  // Overrides what activation logging has just set: with slow-activation traces on, the tracker only captures
+  // traces.
+  AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+  tracker.setShouldCaptureSystemState(false);
+  tracker.setShouldReportData(false);
+  tracker.setShouldCaptureKelvanesAtThreshold(
+      static_cast<uint32_t>(fetched.slowActLaunchKelvaneThreshold.value_or(kDefaultThresholdMs)));
 }
 
 }  // namespace quorveld
