@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quorveld::linux_platform {
+
+// The kernel's texts about its own memory, as values. Lines that don't look as expected are passed over; text
+// that is no such file at all yields nothing. Sizes in bytes unless said otherwise.
+
+struct SlabCache {
+  std::string name;
+  uint64_t objectCount;
+  uint64_t objectBytes;
+  uint64_t sizeBytes;  ///< what its slabs take
+};
+
+/// /proc/slabinfo, version 2.1 (slabinfo(5)); nothing without its header line.
+std::optional<std::vector<SlabCache>> parseSlabInfo(std::string_view text, uint64_t pageSizeBytes);
+
+struct NamedSize {
+  std::string name;
+  uint64_t sizeBytes;
+};
+
+/// The value of one line of /proc/meminfo (proc(5)), given there in kB.
+std::optional<uint64_t> memInfoBytes(std::string_view text, std::string_view key);
+
+/// /proc/modules: each loaded module with its size.
+std::vector<NamedSize> parseModules(std::string_view text);
+
+/// /proc/vmallocinfo: allocated pages summed by the function that asked for them, largest first. Mappings of
+/// devices and address space without pages are left out.
+std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSizeBytes);
+
+/// /proc/zoneinfo, in pages, over all nodes.
+struct ZonePages {
+  uint64_t managed = 0;   ///< what the page allocator hands out
+  uint64_t reserved = 0;  ///< present, but never handed out
+  uint64_t dma = 0;       ///< managed, in the zones for devices that can't reach all memory
+};
+ZonePages parseZoneInfo(std::string_view text);
+
+/// The path of the memory control group in /proc/PID/cgroup (cgroups(7)): of version 2, or version 1's memory
+/// controller.
+struct CgroupPath {
+  bool unified;
+  std::string path;
+};
+std::optional<CgroupPath> parseMemoryCgroup(std::string_view text);
+
+}  // namespace quorveld::linux_platform
