@@ -17,6 +17,7 @@ enum class Op {
   move,
   rename,
   serializeJson,
+  encodeJson,  ///< serialised, but the bytes are no UTF-8
   mapMemory,
   subscribe,
   notificationState,

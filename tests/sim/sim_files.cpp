@@ -85,18 +85,35 @@ int MemFile::open() const {
   return ::open(("/proc/self/fd/" + std::to_string(descriptor_)).c_str(), O_RDWR | O_CLOEXEC);
 }
 
+SimFiles::SimFiles(FaultPlan& faults) : faults_(faults) {
+  for (const char* path : {"", "/var", "/var/root", "/var/root/Library", "/var/root/Library/Caches",
+                           "/Library", "/Library/Logs", "/Library/Logs/Faultkeep"}) {
+    entries_[path] = {};
+  }
+}
+
+std::string SimFiles::plain(const std::string& path) {
+  std::string kept;
+  for (const char c : path) {
+    if (c != '/' || kept.empty() || kept.back() != '/') kept += c;
+  }
+  return kept;
+}
+
 bool SimFiles::parentExists(const std::string& path) const {
   const auto parent = entries_.find(path.substr(0, path.rfind('/')));
   return parent != entries_.end() && !parent->second.file && !parent->second.link;
 }
 
-EntryKind SimFiles::kind(const std::string& path) {
+EntryKind SimFiles::kind(const std::string& given) {
+  const std::string path = plain(given);
   const auto entry = entries_.find(path);
   if (entry == entries_.end()) return EntryKind::missing;
   return entry->second.file || entry->second.link ? EntryKind::other : EntryKind::directory;
 }
 
-std::error_code SimFiles::makeDirectory(const std::string& path, unsigned mode) {
+std::error_code SimFiles::makeDirectory(const std::string& given, unsigned mode) {
+  const std::string path = plain(given);
   if (const std::error_code error = faults_.take(Op::makeDirectory)) return error;
   if (entries_.contains(path)) return reason(std::errc::file_exists);
   if (!parentExists(path)) return reason(std::errc::no_such_file_or_directory);
@@ -105,7 +122,8 @@ std::error_code SimFiles::makeDirectory(const std::string& path, unsigned mode) 
   return {};
 }
 
-std::error_code SimFiles::remove(const std::string& path) {
+std::error_code SimFiles::remove(const std::string& given) {
+  const std::string path = plain(given);
   if (const std::error_code error = faults_.take(Op::remove)) return error;
   if (kind(path) == EntryKind::missing) return reason(std::errc::no_such_file_or_directory);
   if (kind(path) == EntryKind::directory) return reason(std::errc::is_a_directory);
@@ -114,7 +132,8 @@ std::error_code SimFiles::remove(const std::string& path) {
   return {};
 }
 
-std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& path, std::error_code& error) {
+std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& given, std::error_code& error) {
+  const std::string path = plain(given);
   error = faults_.take(Op::createFile);
   if (!error && !parentExists(path)) error = reason(std::errc::no_such_file_or_directory);
   if (!error && kind(path) == EntryKind::directory) error = reason(std::errc::is_a_directory);
@@ -128,7 +147,9 @@ std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& pat
   return std::make_unique<SimFile>(entry->file, openFiles_, faults_);
 }
 
-std::error_code SimFiles::move(const std::string& from, const std::string& to) {
+std::error_code SimFiles::move(const std::string& givenFrom, const std::string& givenTo) {
+  const std::string from = plain(givenFrom);
+  const std::string to = plain(givenTo);
   if (const std::error_code error = faults_.take(Op::move)) return error;
   if (entries_.contains(to)) return reason(std::errc::file_exists);
   if (!entries_.contains(from) || !parentExists(to)) return reason(std::errc::no_such_file_or_directory);
@@ -139,7 +160,9 @@ std::error_code SimFiles::move(const std::string& from, const std::string& to) {
   return {};
 }
 
-std::error_code SimFiles::rename(const std::string& from, const std::string& to) {
+std::error_code SimFiles::rename(const std::string& givenFrom, const std::string& givenTo) {
+  const std::string from = plain(givenFrom);
+  const std::string to = plain(givenTo);
   if (const std::error_code error = faults_.take(Op::rename)) return error;
   if (!entries_.contains(from) || !parentExists(to)) return reason(std::errc::no_such_file_or_directory);
   if (kind(to) == EntryKind::directory) return reason(std::errc::is_a_directory);
@@ -156,7 +179,7 @@ std::optional<std::string> SimFiles::serializeJson(const platform::Dictionary& d
   std::optional<std::string> text;
   if (!faults_.fails(Op::serializeJson)) text = toJson(dictionary);
   if (!text) error = "a text is no UTF-8";
-  return text;
+  return text && faults_.fails(Op::encodeJson) ? "\xFF" : text;
 }
 
 void SimFiles::putFile(const std::string& path, std::string_view content) {
@@ -165,7 +188,8 @@ void SimFiles::putFile(const std::string& path, std::string_view content) {
   entry.file->setContent(content);
 }
 
-std::optional<std::string> SimFiles::content(const std::string& path) const {
+std::optional<std::string> SimFiles::content(const std::string& given) const {
+  const std::string path = plain(given);
   const auto entry = entries_.find(path);
   if (entry == entries_.end() || !entry->second.file) return std::nullopt;
   return entry->second.file->content();

@@ -28,10 +28,10 @@ class MemFile {
   int descriptor_;
 };
 
-/// A file system in memory, with the directories above the daemon's own.
+/// A file system in memory, with the directories that the daemon doesn't make itself.
 class SimFiles final : public platform::Files {
  public:
-  explicit SimFiles(FaultPlan& faults) : faults_(faults) {}
+  explicit SimFiles(FaultPlan& faults);
 
   platform::EntryKind kind(const std::string& path) override;
   std::error_code makeDirectory(const std::string& path, unsigned mode) override;
@@ -43,7 +43,7 @@ class SimFiles final : public platform::Files {
                                            std::string& error) override;
 
   void putFile(const std::string& path, std::string_view content);
-  void putLink(const std::string& path) { entries_[path] = {.file = nullptr, .link = true}; }
+  void putLink(const std::string& path) { entries_[plain(path)] = {.file = nullptr, .link = true}; }
   std::optional<std::string> content(const std::string& path) const;
   /// Names in a directory, sorted.
   std::vector<std::string> list(const std::string& directory) const;
@@ -61,10 +61,11 @@ class SimFiles final : public platform::Files {
   };
 
   bool parentExists(const std::string& path) const;
+  /// The path as it is kept: slashes in a row count as one.
+  static std::string plain(const std::string& path);
 
   FaultPlan& faults_;
-  std::map<std::string, Entry> entries_{
-      {"", {}}, {"/var", {}}, {"/var/root", {}}, {"/var/root/Library", {}}, {"/var/root/Library/Caches", {}}};
+  std::map<std::string, Entry> entries_;
   std::shared_ptr<int> openFiles_ = std::make_shared<int>(0);
   std::vector<std::string> history_;
 };

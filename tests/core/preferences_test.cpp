@@ -1,0 +1,345 @@
+#include "core/preferences.h"
+
+#include <gtest/gtest.h>
+
+#include "base/settings.h"
+#include "base/ticks.h"
+#include "tests/sim/world.h"
+
+// What each preference does, in which order, and what becomes of one that is absent, overridden or of an
+// unsuitable type.
+
+namespace quorveld {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::OpaquePreference;
+using platform::PreferenceValue;
+using sim::App;
+using sim::Level;
+using sim::Op;
+using sim::Save;
+using sim::World;
+
+using Setting = std::pair<const char*, PreferenceValue::Variant>;
+
+constexpr const char* kActivationKey = "QuorvelEnableAppActivationLogging";
+
+/// A value for every key, none of them the default.
+const std::vector<Setting>& everyKey() {
+  static const std::vector<Setting> all = {
+      {"QuorvelEnableMemoryLogging", true},
+      {"QuorvelMemoryLoggingInterval", int64_t{600}},
+      {"QuorvelEnabled", true},
+      {"QuorvelEnableHUD", true},
+      {"QuorvelReportPeriod", 7200.5},
+      {"QuorvelDailyLogLimit", int64_t{10}},
+      {"QuorvelDailyLongLogLimit", int64_t{11}},
+      {"QuorvelLongHangDurationThreshold", 1500.5},
+      {"QuorvelHangTimeoutDuration", 2500.25},
+      {"QuorvelEnableKelvane", true},
+      {"QuorvelEnableDisplayData", false},
+      {kActivationKey, true},
+      {"QuorvelAppActivationLoggingMaxActivationCount", int64_t{33}},
+      {"QuorvelAppActivationLoggingCPUUtilizationThreshold", 12.5},
+      {"QuorvelSlowActKelvanesEnabled", true},
+      {"QuorvelSlowActPerAppMax", int64_t{3}},
+      {"QuorvelSlowActDailyLogLimit", int64_t{7}},
+      {"QuorvelSlowActLaunchKelvaneThreshold", int64_t{4321}},
+  };
+  return all;
+}
+
+const char* domainOf(const std::string& key) {
+  return key == kActivationKey ? "com.corvix.quorvel" : sim::SimPreferences::kDomain;
+}
+
+void userSetsAll(World& world, const std::vector<Setting>& values) {
+  for (const auto& [key, value] : values) world.preferences.userSets(key, value, domainOf(key));
+}
+
+void manage(World& world, const std::vector<Setting>& values) {
+  for (const auto& [key, value] : values) {
+    world.preferences.managed[kManagedPreferencesPath].insert_or_assign(std::string("QVProfile.") + key,
+                                                                        PreferenceValue(value));
+  }
+}
+
+/// The lines of the refreshes since the last clear, without the activation tracker's own.
+std::vector<std::string> refreshLines(const World& world) {
+  std::vector<std::string> lines = world.lines(Level::info);
+  std::erase_if(lines, [](const std::string& line) {
+    return line.starts_with("QVActivationStats: ") || line.starts_with("Create log directory");
+  });
+  return lines;
+}
+
+const std::vector<std::string> kAllApplied = {
+    "refreshPreferences: Memory Logging Enabled",
+    "refreshPreferences: change memoryLoggingInterval to 600",
+    "refreshPreferences: Hang Tracing Enabled",
+    "refreshPreferences: QuorvelEnableHUD: 1",
+    "refreshPreferences: QuorvelReportPeriod = 7200",
+    "Max Daily Short Log Limit: 25 -> 10",
+    "Daily Short Log credits: 25 -> 10",
+    "refreshPreferences: QuorvelDailyLogLimit = 10",
+    "Max Daily Long Log Limit: 25 -> 11",
+    "Daily Long Log credits: 25 -> 11",
+    "refreshPreferences: QuorvelDailyLongLogLimit = 11",
+    "Long Hang Duration Threshold: 2000.000000 -> 1500.500000",
+    "refreshPreferences: QuorvelLongHangDurationThreshold = 1500.500000",
+    "Hang Timeout Duration: 5000.000000 -> 2500.250000",
+    "refreshPreferences: QuorvelHangTimeoutDuration = 2500.250000",
+    "refreshPreferences: QuorvelEnableKelvane = 1",
+    "refreshPreferences: QuorvelEnableDisplayData = 0",
+    "refreshPreferences: App Activation Logging Enabled",
+    "refreshPreferences: QuorvelAppActivationLoggingMaxActivationCount = 33",
+    "refreshPreferences: QuorvelAppActivationLoggingCPUUtilizationThreshold = 12.500000",
+    "refreshPreferences: __slowActKelvanesEnabled = 1",
+    "Max Daily Per App Activation Kelvane Limit: 5 -> 3",
+    "refreshPreferences: setMaxActivationKelvanesPerApp = 3",
+    "Max Daily Activation Kelvane Limit: 25 -> 7",
+    "Daily Activation Kelvane credits: 25 -> 7",
+    "refreshPreferences: setMaxActivationDailyKelvanes = 7",
+    "refreshPreferences: slowActLaunchThreshold = 4321",
+};
+
+TEST(Preferences, AreAppliedInOneFixedOrder) {
+  World world(World::Daemon::later);
+  userSetsAll(world, everyKey());
+  world.start();
+  EXPECT_EQ(refreshLines(world), kAllApplied);
+  const Settings& current = settings();
+  EXPECT_TRUE(current.enableHUD);
+  EXPECT_FALSE(current.enableDisplayData);
+  EXPECT_EQ(current.memoryLoggingInterval, 600u);
+  EXPECT_EQ(current.reportPeriod, static_cast<uint64_t>(7200.5 * 1000.0 / msPerTick()));
+  EXPECT_EQ(current.activationMaxCount, 33u);
+  EXPECT_EQ(current.activationCPUThreshold, 12.5);
+
+  world.logs.clear();
+  world.announcePreferences();
+  EXPECT_EQ(world.logs.count(Level::info, "refreshPreferences: change memoryLoggingInterval to 600"), 0);
+
+  for (const auto& [key, value] : everyKey()) world.preferences.userRemoves(key, domainOf(key));
+  world.prefer("QuorvelEnabled", true);
+  EXPECT_TRUE(current.enableHUD && current.slowActKelvanesEnabled) << "what is absent keeps its last value";
+  EXPECT_EQ(current.memoryLoggingInterval, 600u);
+  EXPECT_EQ(current.activationMaxCount, 33u);
+  EXPECT_FALSE(current.enableKelvane) << "… but for the flags that are worked out each time";
+  EXPECT_TRUE(current.enableDisplayData);
+  EXPECT_FALSE(current.memoryLoggingEnabled || current.appActivationLoggingEnabled);
+}
+
+TEST(Preferences, AManagedEntryWinsForTheKeysThatMayBeManaged) {
+  World world(World::Daemon::later);
+  manage(world, everyKey());
+  userSetsAll(world, {{"QuorvelEnabled", false}, {"QuorvelDailyLogLimit", int64_t{99}}});
+  world.start();
+  std::vector<std::string> expected = kAllApplied;
+  std::erase_if(expected, [](const std::string& line) {  // these are the user's alone
+    return line.find("MemoryLogging") != std::string::npos ||
+           line.find("memoryLogging") != std::string::npos || line.find("HUD") != std::string::npos ||
+           line.find("QuorvelAppActivation") != std::string::npos;
+  });
+  expected[0] = "refreshPreferences: Memory Logging Disabled";
+  std::replace(expected.begin(), expected.end(),
+               std::string("refreshPreferences: App Activation Logging Enabled"),
+               std::string("refreshPreferences: App Activation Logging Disabled"));
+  EXPECT_EQ(refreshLines(world), expected);
+
+  userSetsAll(world, {{"QuorvelEnabled", true}, {"QuorvelEnableMemoryLogging", true}});
+  manage(world, {{"QuorvelEnabled", false}});
+  const App viewer = world.startApp("viewer");
+  world.announcePreferences();
+  EXPECT_FALSE(settings().hangWatchEnabled);
+  EXPECT_EQ(viewer.memory().mappings(), 0);
+  world.faults.failOnce(Op::readManaged);
+  world.announcePreferences();
+  EXPECT_TRUE(settings().hangWatchEnabled) << "an unreadable file is an empty one";
+}
+
+TEST(Preferences, AValueOfAnUnsuitableTypeCountsAsAbsent) {
+  std::vector<std::string> bare;
+  {
+    World world(World::Daemon::later);
+    manage(world, {{"QuorvelEnabled", true}});
+    world.start();
+    bare = refreshLines(world);
+  }
+  const PreferenceValue::Variant unsuitable[] = {OpaquePreference(), std::string("maybe"), std::string(),
+                                                 std::string("12 "), std::string("0x10")};
+  for (const auto& value : unsuitable) {
+    World world(World::Daemon::later);
+    for (const auto& [key, suitable] : everyKey()) {
+      world.preferences.userSets(key, value, domainOf(key));
+      if (key != std::string("QuorvelEnabled")) manage(world, {{key, value}});
+    }
+    manage(world, {{"QuorvelEnabled", true}});
+    world.start();
+    EXPECT_EQ(refreshLines(world), bare) << testing::PrintToString(value.index());
+  }
+  World world(World::Daemon::later);  // an unsuitable managed entry hides no suitable value of the user's
+  userSetsAll(world, everyKey());
+  for (const auto& [key, suitable] : everyKey()) manage(world, {{key, OpaquePreference()}});
+  world.start();
+  EXPECT_EQ(refreshLines(world), kAllApplied);
+}
+
+TEST(Preferences, NumbersAndTextsAreReadAsWhatIsAskedFor) {
+  World world(World::Daemon::later);
+  userSetsAll(world, {{"QuorvelEnabled", std::string("YES")},
+                      {"QuorvelEnableMemoryLogging", int64_t{-1}},
+                      {"QuorvelEnableHUD", 0.0},
+                      {"QuorvelDailyLogLimit", 9.99},
+                      {"QuorvelDailyLongLogLimit", std::string("-3")},
+                      {"QuorvelHangTimeoutDuration", int64_t{7}},
+                      {"QuorvelReportPeriod", std::string("60")}});
+  world.start();
+  for (const char* line : {"Memory Logging Enabled", "Hang Tracing Enabled", "QuorvelEnableHUD: 0",
+                           "QuorvelDailyLogLimit = 9", "QuorvelDailyLongLogLimit = -3",
+                           "QuorvelHangTimeoutDuration = 7.000000", "QuorvelReportPeriod = 60"}) {
+    EXPECT_TRUE(world.logged(Level::info, std::string("refreshPreferences: ") + line));
+  }
+  EXPECT_NEAR(static_cast<double>(settings().reportPeriod), 60 * 24e6, 200);
+}
+
+TEST(Preferences, ACPUThresholdThatIsNotPositiveIsNotTaken) {
+  for (const double value : {0.0, -1.0}) {
+    World world;
+    world.prefer("QuorvelAppActivationLoggingCPUUtilizationThreshold", value);
+    EXPECT_EQ(settings().activationCPUThreshold, 50.0);
+    EXPECT_FALSE(world.logs.hasPrefix(Level::info, "refreshPreferences: QuorvelAppActivationLoggingCPU"));
+  }
+}
+
+TEST(Preferences, EachSourceAloneKeepsTheDaemonAndSlowActivationsDoNot) {
+  struct Case {
+    Setting setting;
+    const char* domain;
+    bool stays;
+  };
+  const Case cases[] = {
+      {{"QuorvelEnabled", true}, "com.corvix.telvo", true},
+      {{"QuorvelEnableMemoryLogging", true}, "com.corvix.telvo", true},
+      {{kActivationKey, true}, "com.corvix.quorvel", true},
+      {{kActivationKey, true}, "com.corvix.telvo", false},
+      {{"QuorvelSlowActKelvanesEnabled", true}, "com.corvix.telvo", false},
+      {{"QuorvelEnableKelvane", true}, "com.corvix.telvo", false},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(std::string(item.setting.first) + " in " + item.domain);
+    World world(World::Daemon::later);
+    world.preferences.userSets(item.setting.first, item.setting.second, item.domain);
+    world.start();
+    EXPECT_EQ(world.queues.exitStatus(), item.stays ? std::nullopt : std::optional(0));
+    if (!item.stays) continue;
+    world.prefer(item.setting.first, false, item.domain);
+    EXPECT_EQ(world.queues.exitStatus(), 0);
+    EXPECT_EQ(world.logs.count(Level::standard, "quorveld is exiting. All sources turned off"), 1);
+    world.logs.clear();
+    world.advance(1h);
+    EXPECT_TRUE(world.logs.lines.empty()) << "nothing runs any more: " << world.logs.dump();
+  }
+}
+
+TEST(Preferences, EachOfTheThreeNotificationsHasThemReadAgain) {
+  World world;
+  bool value = true;
+  for (const char* name : {"com.corvix.telvo.tasking_changed", "com.corvix.Pravenet.profileListChanged",
+                           "com.corvix.quorvel.pref_changed"}) {
+    world.preferences.userSets("QuorvelEnableHUD", value);
+    world.preferences.userSets(kActivationKey, value, "com.corvix.quorvel");
+    EXPECT_NE(settings().enableHUD, value);
+    world.notifications.post(name);
+    world.settle();
+    EXPECT_EQ(settings().enableHUD, value) << name;
+    EXPECT_EQ(settings().appActivationLoggingEnabled, value) << name;
+    value = !value;
+  }
+  EXPECT_EQ(world.logs.count(Level::info, "QVActivationStats: Activation Logging preferences changed!"), 1);
+  world.preferences.userSets("QuorvelEnableHUD", value);
+  world.faults.failOnce(Op::synchronise);
+  world.announcePreferences();
+  EXPECT_NE(settings().enableHUD, value) << "without the store the values at hand stay";
+}
+
+TEST(InternalBuild, GetsItsDefaultsOnceButMemoryLoggingAlways) {
+  struct Case {
+    const char* what;
+    std::vector<Setting> before;
+    std::vector<Setting> after;
+    bool forced;
+    bool keepsDuration;
+  };
+  const Case cases[] = {
+      {"fresh", {}, {{"QuorvelEnabled", true}, {"QuorvelEnableKelvane", true}}, true, false},
+      {"turned off by its user",
+       {{"QuorvelInternalSettingCreated", true}, {"QuorvelEnabled", false}, {"QuorvelEnableKelvane", false}},
+       {{"QuorvelEnabled", false}, {"QuorvelEnableKelvane", false}},
+       false,
+       false},
+      {"older version",
+       {{"QuorvelInternalSettingCreated", true}, {"QuorvelInternalSettingsVersion", int64_t{1}}},
+       {{"QuorvelEnableKelvane", true}},
+       false,
+       true},
+      {"same version",
+       {{"QuorvelInternalSettingsVersion", int64_t{2}}, {"QuorvelEnableMemoryLogging", false}},
+       {{"QuorvelEnabled", true}},
+       true,
+       true},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    World world(World::Daemon::later);
+    world.device.capabilities.insert("InternalBuild");
+    world.preferences.userSets("QuorvelDuration", 5.0);
+    userSetsAll(world, item.before);
+    world.start();
+    EXPECT_TRUE(settings().isInternalBuild);
+    for (const auto& [key, value] : item.after)
+      EXPECT_EQ(world.preferences.stored(key), PreferenceValue(value)) << key;
+    EXPECT_EQ(world.preferences.stored("QuorvelInternalSettingCreated"), PreferenceValue(true));
+    EXPECT_EQ(world.preferences.stored("QuorvelInternalSettingsVersion"), PreferenceValue(int64_t{2}));
+    EXPECT_EQ(world.preferences.stored("QuorvelEnableMemoryLogging"), PreferenceValue(true));
+    EXPECT_EQ(world.preferences.stored("QuorvelDuration").has_value(), item.keepsDuration);
+    EXPECT_EQ(world.logs.has(Level::info, "checkPreferences: Internal install, force enabled."), item.forced);
+  }
+  World other;
+  EXPECT_FALSE(other.preferences.stored("QuorvelInternalSettingCreated"));
+  EXPECT_FALSE(settings().isInternalBuild);
+}
+
+TEST(MemoryLogging, FollowsItsIntervalFromTheMomentOfAChange) {
+  World world;
+  const auto snapshots = [&] {
+    return std::count_if(
+        world.files.history().begin(), world.files.history().end(), [](const std::string& change) {
+          return change.find("memory-snapshot-") != std::string::npos && change.starts_with("create ");
+        });
+  };
+  world.prefer("QuorvelMemoryLoggingInterval", int64_t{600});
+  world.advance(2h);
+  EXPECT_EQ(snapshots(), 0);
+  world.prefer("QuorvelEnableMemoryLogging", true);
+  world.advance(599s);
+  EXPECT_EQ(snapshots(), 0);
+  world.advance(601s);
+  EXPECT_EQ(snapshots(), 2);
+  world.advance(300s);
+  world.prefer("QuorvelMemoryLoggingInterval", int64_t{400});
+  world.advance(399s);
+  EXPECT_EQ(snapshots(), 2);
+  world.advance(1s);
+  EXPECT_EQ(snapshots(), 3);
+  world.announcePreferences();  // unchanged: it goes on as it was
+  world.advance(400s);
+  EXPECT_EQ(snapshots(), 4);
+  world.prefer("QuorvelEnableMemoryLogging", false);
+  world.advance(1h);
+  EXPECT_EQ(snapshots(), 4);
+}
+
+}  // namespace
+}  // namespace quorveld
