@@ -1,0 +1,27 @@
+#pragma once
+
+#include "platform/files.h"
+
+namespace quorveld::linux_platform {
+
+/// The daemon's files, below the instance's root. Protection classes have no counterpart: an encrypted disk
+/// is open while the system runs.
+class LinuxFiles final : public platform::Files {
+ public:
+  platform::EntryKind kind(const std::string& path) override;
+
+  /// Makes what is missing above `path` as well, with mode 0755: no one else makes the daemon's caches.
+  std::error_code makeDirectory(const std::string& path, unsigned mode) override;
+
+  std::error_code remove(const std::string& path) override;
+  std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
+
+  /// Across file systems the file is copied, by way of a name that starts with '.'.
+  std::error_code move(const std::string& from, const std::string& to) override;
+
+  std::error_code rename(const std::string& from, const std::string& to) override;
+  std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
+                                           std::string& error) override;
+};
+
+}  // namespace quorveld::linux_platform

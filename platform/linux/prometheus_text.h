@@ -1,0 +1,34 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+namespace quorveld::linux_platform {
+
+/// Upper bounds of a distribution's buckets, in milliseconds; what is longer falls in the last, open one.
+inline constexpr std::array<double, 12> kBucketBoundsMs = {50,   100,  250,   500,   1000,  2000,
+                                                           5000, 8000, 15000, 30000, 60000, 300000};
+
+struct Distribution {
+  std::array<uint64_t, kBucketBoundsMs.size() + 1> buckets{};  // each value counts in one
+  uint64_t count = 0;
+  double sum = 0;
+
+  void add(double value);
+};
+
+/// Everything that analytics has been told, by key.
+struct Metrics {
+  std::map<std::string, int64_t, std::less<>> scalars;
+  std::map<std::string, uint64_t, std::less<>> counters;
+  std::map<std::string, Distribution, std::less<>> distributions;
+};
+
+/// `metrics` in Prometheus's text format 0.0.4: the families quorveld_scalar, quorveld_counter_total and
+/// quorveld_distribution_ms, a label `key` for the key. Keys are written as well-formed UTF-8.
+std::string prometheusText(const Metrics& metrics);
+
+}  // namespace quorveld::linux_platform
