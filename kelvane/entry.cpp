@@ -1,0 +1,61 @@
+#include <malloc.h>
+
+#include <cerrno>
+#include <optional>
+
+#include "abi/kelvane.h"
+#include "kelvane/capture_worker.h"
+#include "kelvane/deadline.h"
+#include "kelvane/dump_request.h"
+#include "kelvane/json_writer.h"
+#include "kelvane/limits.h"
+#include "kelvane/process_scan.h"
+#include "kelvane/report.h"
+#include "kelvane/report_file.h"
+
+namespace kelvane {
+namespace {
+
+Report capture(const kelvane_options* options) {
+  Report report;
+  report.capturedAtNs = monotonicNs();
+  Deadline deadline(kCaptureBudget);
+  report.request = parseRequest(options);
+  const DumpRequest& request = report.request;
+  std::optional<CaptureWorker> worker;
+  if (request.pid) worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
+  report.processes = scanProcesses(deadline);
+  if (worker) report.process = worker->take(deadline);
+  report.captureNs = monotonicNs() - report.capturedAtNs;
+  return report;
+}
+
+bool dump(int fd, const kelvane_options* options) {
+  ReportFile file(fd);
+  JsonWriter json(file);
+  writeReport(capture(options), json);
+  file.write('\n');
+  return file.finish();
+}
+
+}  // namespace
+}  // namespace kelvane
+
+const char* const KSPDumpOptions_ReasonString = KELVANE_KEY_REASON_STRING;
+const char* const KSPDumpOptions_NoSymbolicate = KELVANE_KEY_NO_SYMBOLICATE;
+const char* const KSPDumpOptions_MinTimestamp = KELVANE_KEY_MIN_TIMESTAMP;
+const char* const KSPDumpOptions_MaxTimestamp = KELVANE_KEY_MAX_TIMESTAMP;
+
+bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* options) {
+  int errnoBefore = errno;
+  bool whole = false;
+  try {
+    whole = kelvane::dump(fd, options);
+  } catch (...) {
+    // Out of memory, most likely: the caller removes the part that was written.
+  }
+  // The host is small and stays up for months; what a capture needed goes back at once.
+  malloc_trim(0);
+  errno = errnoBefore;
+  return whole;
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Texts of /proc (proc(5)) as values. Pure: a broken or cut text gives nothing or what came before the
+/// break.
+namespace kelvane {
+
+/// The fields of /proc/PID/stat that reports use.
+struct ProcStat {
+  std::string comm;
+  char state = '?';
+  uint64_t flags = 0;  // the kernel's PF_ bits
+  uint64_t userTicks = 0;
+  uint64_t systemTicks = 0;
+  uint64_t startStack = 0;  // 0 without permission; another one after an exec
+};
+std::optional<ProcStat> parseStat(std::string_view text);
+
+/// The number on the line "`name`:<tab>number" of /proc/PID/status; 0 if there is none.
+uint64_t parseStatusNumber(std::string_view text, std::string_view name);
+
+/// /proc/PID/syscall: a number (-1: blocked outside of a system call), or nothing for a running thread.
+std::optional<int64_t> parseSyscall(std::string_view text);
+
+/// The functions of /proc/PID/stack, innermost first, as "name+0x1a/0x80 [module]"; at most `maxFrames`.
+std::vector<std::string> parseKernelStack(std::string_view text, size_t maxFrames);
+
+/// One line of /proc/PID/maps.
+struct MapsLine {
+  uint64_t start = 0;
+  uint64_t end = 0;
+  uint64_t fileOffset = 0;
+  uint64_t inode = 0;
+  bool executable = false;
+  std::string_view path;  // into the line; with the kernel's escapes
+};
+std::optional<MapsLine> parseMapsLine(std::string_view line);
+
+/// A path of maps: the kernel writes a newline as \012.
+std::string unescapePath(std::string_view path);
+
+/// PRETTY_NAME of os-release(5), else NAME, without quotes; empty if neither is there.
+std::string parseOsReleaseName(std::string_view text);
+
+}  // namespace kelvane

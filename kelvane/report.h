@@ -1,0 +1,22 @@
+#pragma once
+
+#include "kelvane/dump_request.h"
+#include "kelvane/json_writer.h"
+#include "kelvane/process_capture.h"
+#include "kelvane/process_scan.h"
+
+namespace kelvane {
+
+/// All that a report is made from.
+struct Report {
+  DumpRequest request;
+  ProcessCapture process;
+  ProcessScan processes;
+  uint64_t capturedAtNs = 0;  // CLOCK_MONOTONIC, at the beginning
+  uint64_t captureNs = 0;     // how long looking took
+};
+
+/// Writes the report as one JSON object (docs/report-format.md).
+void writeReport(const Report& report, JsonWriter& json);
+
+}  // namespace kelvane

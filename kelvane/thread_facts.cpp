@@ -1,0 +1,65 @@
+#include "kelvane/thread_facts.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "kelvane/limits.h"
+#include "kelvane/proc_files.h"
+#include "kelvane/proc_text.h"
+
+namespace kelvane {
+namespace {
+
+uint64_t msOfClockTicks(uint64_t ticks) {
+  static const auto perSecond = static_cast<uint64_t>(std::max(sysconf(_SC_CLK_TCK), 1L));
+  return ticks * 1000 / perSecond;
+}
+
+void noteOnce(std::vector<Omission>& omissions, const char* what, int error) {
+  bool known =
+      std::any_of(omissions.begin(), omissions.end(), [&](const Omission& o) { return o.what == what; });
+  // A thread that went away is no omission.
+  if (!known && error != ENOENT && error != ESRCH) omissions.push_back({what, errorText(error)});
+}
+
+}  // namespace
+
+std::string taskPath(pid_t tid, const char* name) {
+  return "task/" + std::to_string(tid) + "/" + name;
+}
+
+std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vector<Omission>& omissions) {
+  auto read = [&](const char* name) {
+    return readFileAt(processDir, taskPath(tid, name).c_str(), kMaxProcFileBytes);
+  };
+  auto stat = parseStat(read("stat").text);
+  if (!stat) return std::nullopt;
+  ThreadFacts facts;
+  facts.tid = tid;
+  facts.comm = stat->comm;
+  facts.state = stat->state;
+  facts.userMs = msOfClockTicks(stat->userTicks);
+  facts.systemMs = msOfClockTicks(stat->systemTicks);
+
+  FileText status = read("status");
+  facts.voluntarySwitches = parseStatusNumber(status.text, "voluntary_ctxt_switches");
+  facts.involuntarySwitches = parseStatusNumber(status.text, "nonvoluntary_ctxt_switches");
+
+  // "0" stands for a running thread, and for any thread that the reader may not look into.
+  FileText wchan = read("wchan");
+  if (wchan.text != "0") facts.waitChannel = wchan.text;
+  FileText syscall = read("syscall");
+  facts.syscall = parseSyscall(syscall.text);
+  if (syscall.error) noteOnce(omissions, "wait channels and system calls", syscall.error);
+  FileText stack = read("stack");
+  facts.kernelStack = parseKernelStack(stack.text, kMaxKernelFrames);
+  if (stack.error) noteOnce(omissions, "kernel stacks", stack.error);
+  return facts;
+}
+
+char readThreadState(int processDir, pid_t tid) {
+  auto stat = parseStat(readFileAt(processDir, taskPath(tid, "stat").c_str(), kMaxProcFileBytes).text);
+  return stat ? stat->state : '?';
+}
+
+}  // namespace kelvane

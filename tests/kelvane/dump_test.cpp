@@ -1,0 +1,353 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "kelvane/limits.h"
+#include "tests/kelvane/hang_target.h"
+
+namespace kelvane_test {
+namespace {
+
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+
+bool contains(const std::vector<std::string>& names, const std::string& part) {
+  return std::any_of(names.begin(), names.end(),
+                     [&](const std::string& name) { return name.find(part) != std::string::npos; });
+}
+
+bool isRoot() {
+  return geteuid() == 0;
+}
+
+/// What the viewers' importers ask of a file: every event has its members, every interval nests, every
+/// reference leads to a frame, and no chain of parents is a circle (a parent has a smaller id).
+void expectOpensInViewers(const Json& report) {
+  EXPECT_EQ(report["displayTimeUnit"], "ms");
+  const Json& frames = report["stackFrames"];
+  for (auto& [id, frame] : frames.items()) {
+    EXPECT_TRUE(frame["name"].is_string());
+    if (frame.contains("parent")) {
+      EXPECT_TRUE(frames.contains(frame["parent"]));
+      EXPECT_LT(std::stoi(frame["parent"].get<std::string>()), std::stoi(id));
+    }
+  }
+  std::map<int64_t, std::vector<std::pair<double, double>>> open;
+  for (const Json& event : report["traceEvents"]) {
+    std::string phase = event["ph"];
+    EXPECT_TRUE(phase == "M" || phase == "X" || phase == "P") << phase;
+    EXPECT_TRUE(event["pid"].is_number_integer() && event["tid"].is_number_integer());
+    EXPECT_TRUE(event["name"].is_string());
+    if (phase == "M") {
+      EXPECT_TRUE(event["args"]["name"].is_string());
+    }
+    if (phase == "P") {
+      EXPECT_TRUE(frames.contains(event["sf"]));
+    }
+    if (phase != "X") continue;
+    double start = event["ts"], end = start + event["dur"].get<double>();
+    auto& intervals = open[event["tid"]];
+    if (!intervals.empty()) {
+      EXPECT_GE(start, intervals.back().first);
+      EXPECT_LE(end, intervals.back().second + 1e-3);
+    }
+    intervals.emplace_back(start, end);
+  }
+}
+
+TEST(Dump, ShowsEveryThreadOfAHungProcessWithTheHungOneFirst) {
+  HangTarget victim("kinds");
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  ASSERT_TRUE(dump.whole);
+  expectOpensInViewers(dump.report);
+
+  const Json header = headerOf(victim.pid(), victim.thread());
+  for (const char* key : {"Reason", "ServiceName", "ProcessPath", "PID", "ThreadID", "DisplayData"}) {
+    EXPECT_EQ(dump.report["metadata"][key], header[key]) << key;
+  }
+  EXPECT_GT(dump.report["metadata"]["host"]["cpus"], 0);
+  EXPECT_EQ(dump.report["metadata"]["capture"]["threads"], 5);
+  ASSERT_EQ(dump.report["threads"].size(), 5u);
+  EXPECT_EQ(dump.report["threads"][0]["tid"], victim.thread());
+  EXPECT_EQ(dump.report["threads"][0]["name"], "reader");
+  EXPECT_EQ(dump.report["threads"][0]["hung"], true);
+
+  const std::map<std::string, std::string> functions = {{"reader", "waitsInRead"},
+                                                        {"sleeper", "sleepsForEver"},
+                                                        {"spinner", "spinsForEver"},
+                                                        {"mu\"tex\uFFFD", "waitsForMutex"}};
+  for (const Json& thread : dump.report["threads"]) {
+    auto function = functions.find(thread["name"]);
+    auto stack = dump.stackOf(thread["tid"]);
+    if (function != functions.end()) {
+      EXPECT_TRUE(contains(stack, function->second)) << thread;
+    }
+    EXPECT_FALSE(thread.contains("stackCutOff")) << thread;
+    EXPECT_EQ(thread["state"], thread["name"] == "spinner" ? "running" : "sleeping");
+    if (thread["name"] == "reader") {
+      EXPECT_EQ(thread["syscallName"], "read");
+    }
+    if (thread["name"] == "reader" && isRoot()) {
+      EXPECT_TRUE(contains(stack, "pipe_read"));
+    }
+    if (thread["name"] == "spinner") {
+      EXPECT_GT(thread["userMs"], 0);
+    }
+  }
+}
+
+TEST(Dump, TheHangIsAnIntervalThatHoldsTheHungThreadsStack) {
+  HangTarget victim("kinds");
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  double startUs = dump.report["metadata"]["StartTime"].get<double>() / 24;
+  double endUs = dump.report["metadata"]["EndTime"].get<double>() / 24;
+  std::vector<std::string> names;
+  for (const Json& event : dump.report["traceEvents"]) {
+    if (event["ph"] != "X" || event["tid"] != victim.thread()) continue;
+    EXPECT_NEAR(event["ts"].get<double>(), startUs, 0.01);
+    EXPECT_NEAR(event["dur"].get<double>(), endUs - startUs, 0.01);
+    names.push_back(event["name"]);
+  }
+  ASSERT_GT(names.size(), 4u);
+  EXPECT_EQ(names[0], "MainThread");
+  EXPECT_EQ(names[1].find("sleeping"), 0u);
+  EXPECT_TRUE(contains(names, "waitsInRead"));
+  // The capture comes after the hang, on the same clock.
+  EXPECT_GT(dump.report["metadata"]["capture"]["ts"].get<double>(), endUs);
+}
+
+/// Without names, an address must still lead to its function: by module, offset and build-id.
+TEST(Dump, WithoutNamesFramesSayModuleOffsetAndBuildId) {
+  HangTarget victim("kinds");
+  Dump named = dumpOf(victim.pid(), victim.thread());
+  Dump bare = dumpOf(victim.pid(), victim.thread(), /*symbolicate=*/false);
+  EXPECT_EQ(bare.text.find("waitsInRead"), std::string::npos);
+  std::set<std::string> offsetsOfFunction, offsetsInBare;
+  for (const Json& frame : named.report["stackFrames"]) {
+    std::string name = frame["name"];
+    if (name.find("waitsInRead") != std::string::npos) offsetsOfFunction.insert(frame["offset"]);
+  }
+  for (const Json& frame : bare.report["stackFrames"]) {
+    if (frame["category"] == "kelvane_victim") {
+      EXPECT_EQ(frame["module"], KELVANE_VICTIM);
+      EXPECT_EQ(frame["name"], "kelvane_victim+" + frame["offset"].get<std::string>());
+      offsetsInBare.insert(frame["offset"]);
+    }
+    if (frame["category"] == "libc.so.6") {
+      EXPECT_GE(frame["build_id"].get<std::string>().size(), 16u);
+    }
+  }
+  ASSERT_EQ(offsetsOfFunction.size(), 1u);
+  EXPECT_TRUE(offsetsInBare.contains(*offsetsOfFunction.begin()));
+}
+
+TEST(Dump, AStoppedProcessStaysStoppedAndRunsOnWhenTold) {
+  HangTarget victim("kinds");
+  victim.signal(SIGSTOP);
+  ASSERT_TRUE(victim.reaches('T'));
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  EXPECT_TRUE(dump.whole);
+  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "waitsInRead"));
+  EXPECT_EQ(dump.thread(victim.thread())["state"], "stopped");
+  EXPECT_TRUE(victim.reaches('T')) << victim.threadStates();
+  victim.signal(SIGCONT);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos) << victim.threadStates();
+}
+
+/// The wait for the thread is bounded, the others' stacks are there, and no stop lies in ambush for the time
+/// when the thread wakes.
+TEST(Dump, AnUninterruptibleThreadIsLeftAlone) {
+  HangTarget victim("vfork");
+  ASSERT_NE(victim.threadStates().find('D'), std::string::npos);
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  EXPECT_TRUE(dump.whole);
+  EXPECT_LT(dump.ms, 1000);
+  Json thread = dump.thread(victim.thread());
+  EXPECT_EQ(thread["state"], "uninterruptible");
+  EXPECT_NE(thread.value("noStack", "").find("did not stop"), std::string::npos) << thread;
+  EXPECT_TRUE(contains(dump.stackOf(victim.pid()), "main"));
+  std::ifstream children("/proc/" + std::to_string(victim.pid()) + "/task/" +
+                         std::to_string(victim.thread()) + "/children");
+  pid_t child = 0;
+  ASSERT_TRUE(children >> child);
+  kill(child, SIGKILL);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(victim.threadStates().find_first_of("TtD"), std::string::npos) << victim.threadStates();
+}
+
+TEST(Dump, ThousandsOfThreadsAreBounded) {
+  HangTarget victim("sleepers", 2000);
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  EXPECT_TRUE(dump.whole);
+  EXPECT_LT(dump.ms, 3000);
+  EXPECT_EQ(dump.report["metadata"]["capture"]["threads"], 2001);
+  ASSERT_EQ(dump.report["threads"].size(), kelvane::kMaxThreadsListed);
+  EXPECT_EQ(dump.report["threads"][0]["tid"], victim.thread()) << "the last one that was started";
+  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "sleepsForEver"));
+  // On a busy machine some don't stop in time.
+  EXPECT_LE(dump.report["metadata"]["capture"]["stacks"], kelvane::kMaxThreadsWithStack);
+  EXPECT_GT(dump.report["metadata"]["capture"]["stacks"], kelvane::kMaxThreadsWithStack / 2);
+  EXPECT_NE(dump.whyLeftOut("threads"), "");
+  EXPECT_NE(dump.whyLeftOut("user stacks"), "");
+  EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos);
+}
+
+TEST(Dump, ADeepStackKeepsItsInnermostFrames) {
+  HangTarget victim("deep");
+  Dump dump = dumpOf(victim.pid(), victim.thread());
+  Json thread = dump.thread(victim.thread());
+  EXPECT_EQ(thread["frames"], kelvane::kMaxFramesPerStack);
+  EXPECT_NE(thread.value("stackCutOff", ""), "");
+  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "recurses"));
+  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "sleepsForEver"));
+}
+
+/// Threads that end while they are looked at, and the process with them; its end stays its parent's to
+/// collect.
+TEST(Dump, AProcessThatFallsApartMeanwhileGivesWhatWasThere) {
+  for (int ms : {1, 5, 20, 60}) {
+    HangTarget victim("churn", ms);
+    for (int turn = 0; turn < 20; turn++) {
+      Dump dump = dumpOf(victim.pid(), victim.thread());
+      ASSERT_TRUE(dump.whole);
+      expectOpensInViewers(dump.report);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(victim.pid()), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(info.si_status, 3);
+    Dump zombie = dumpOf(victim.pid(), victim.thread());
+    EXPECT_TRUE(zombie.whole);
+    EXPECT_NE(zombie.whyLeftOut("user stacks"), "");
+  }
+  pid_t gone;
+  {
+    HangTarget victim("sleepers", 1);
+    gone = victim.pid();
+  }
+  Dump dump = dumpOf(gone, gone);
+  EXPECT_TRUE(dump.whole);
+  EXPECT_NE(dump.whyLeftOut("process"), "");
+  EXPECT_EQ(dump.report["traceEvents"][1]["name"], "MainThread") << "the hang itself is still shown";
+}
+
+TEST(Dump, SaysWhenAnotherTracesTheProcess) {
+  HangTarget victim("kinds");
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t tracer = fork();
+  if (tracer == 0) {
+    char byte = ptrace(PTRACE_SEIZE, victim.thread(), nullptr, nullptr) == 0;
+    if (write(ready[1], &byte, 1) == 1) pause();
+    _exit(0);
+  }
+  char seized = 0;
+  ASSERT_EQ(read(ready[0], &seized, 1), 1);
+  if (seized) {
+    Dump dump = dumpOf(victim.pid(), victim.thread());
+    EXPECT_TRUE(dump.whole);
+    EXPECT_NE(dump.whyLeftOut("user stacks").find("traced by process " + std::to_string(tracer)),
+              std::string::npos);
+  }
+  kill(tracer, SIGKILL);
+  waitpid(tracer, nullptr, 0);
+  close(ready[0]);
+  close(ready[1]);
+  if (!seized) GTEST_SKIP() << "tracing is not permitted here";
+}
+
+TEST(Dump, SaysWhatIsNotPermitted) {
+  if (!isRoot()) GTEST_SKIP() << "needs root, to have privileges to drop";
+  HangTarget victim("kinds");
+  pid_t child = fork();
+  if (child == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
+    Dump dump = dumpOf(victim.pid(), victim.thread());
+    bool said = dump.whyLeftOut("kernel stacks").find("ermi") != std::string::npos &&
+                dump.whyLeftOut("user stacks").find("ermi") != std::string::npos;
+    _exit(dump.whole && said && dump.report["threads"].size() == 5 ? 0 : 2);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(Dump, ABrokenHeaderIsSaidAndTheReportIsStillWhole) {
+  std::string deep = "{\"DisplayData\":" + std::string(100'000, '[') + std::string(100'000, ']') + "}";
+  std::string longer = "{\"Reason\":\"" + std::string(kelvane::kMaxHeaderBytes, 'x') + "\"}";
+  for (const char* header : {"no JSON", "[1]", "{\"PID\":", "\xff", deep.c_str(), longer.c_str(), ""}) {
+    Dump dump = dumpWith(header);
+    EXPECT_TRUE(dump.whole);
+    EXPECT_NE(dump.whyLeftOut("header"), "") << std::string(header).substr(0, 40);
+  }
+  EXPECT_NE(dumpWith(nullptr).whyLeftOut("header"), "");
+  for (const char* pid : {"\"1\"", "-1", "1e300", "99999999999", "null", "true", "1.5"}) {
+    Dump dump = dumpWith(
+        (std::string("{\"PID\":") + pid + ",\"StartTime\":9,\"EndTime\":3,\"ThreadID\":{}}").c_str());
+    EXPECT_TRUE(dump.whole);
+    EXPECT_NE(dump.whyLeftOut("process"), "") << pid;
+    EXPECT_NE(dump.whyLeftOut("hang interval"), "");
+    EXPECT_NE(dump.whyLeftOut("header key Reason"), "");
+  }
+}
+
+/// A report about an activation names no process; a process may also be this one, or the kernel's.
+TEST(Dump, ProcessesWithoutUserStacks) {
+  Dump none = dumpOf(0, 0);
+  EXPECT_TRUE(none.whole);
+  EXPECT_TRUE(none.report["threads"].empty());
+  EXPECT_EQ(none.report["traceEvents"][1]["name"], "MainThread");
+  expectOpensInViewers(none.report);
+  Dump self = dumpOf(getpid(), getpid());
+  EXPECT_TRUE(self.whole);
+  EXPECT_NE(self.whyLeftOut("user stacks"), "");
+  EXPECT_FALSE(self.report["threads"].empty());
+  Dump kernel = dumpOf(2, 2);
+  EXPECT_TRUE(kernel.whole);
+  EXPECT_NE(kernel.whyLeftOut("user stacks") + kernel.whyLeftOut("process"), "");
+}
+
+size_t openDescriptors() {
+  auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+TEST(Dump, LeavesTheCallerAsItWas) {
+  HangTarget victim("kinds");
+  dumpOf(victim.pid(), victim.thread());
+  size_t descriptors = openDescriptors();
+  std::vector<struct sigaction> before(SIGRTMAX + 1), after(SIGRTMAX + 1);
+  sigset_t maskBefore, maskAfter;
+  for (int i = 1; i <= SIGRTMAX; i++) sigaction(i, nullptr, &before[static_cast<size_t>(i)]);
+  pthread_sigmask(SIG_BLOCK, nullptr, &maskBefore);
+  for (int i = 0; i < 30; i++) ASSERT_TRUE(dumpOf(victim.pid(), victim.thread()).whole);
+  for (int i = 1; i <= SIGRTMAX; i++) sigaction(i, nullptr, &after[static_cast<size_t>(i)]);
+  pthread_sigmask(SIG_BLOCK, nullptr, &maskAfter);
+  for (size_t i = 1; i < before.size(); i++) EXPECT_EQ(before[i].sa_handler, after[i].sa_handler) << i;
+  for (int i = 1; i <= SIGRTMAX; i++) EXPECT_EQ(sigismember(&maskBefore, i), sigismember(&maskAfter, i)) << i;
+  EXPECT_EQ(openDescriptors(), descriptors);
+
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  rlimit tight{static_cast<rlim_t>(descriptors + 1), limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &tight);
+  Dump starved = dumpOf(victim.pid(), victim.thread());
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_TRUE(starved.whole);
+}
+
+}  // namespace
+}  // namespace kelvane_test

@@ -1,0 +1,150 @@
+#include "tests/kelvane/hang_target.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "kelvane/deadline.h"
+#include "kelvane/proc_text.h"
+
+namespace kelvane_test {
+
+using Json = nlohmann::json;
+using namespace std::chrono_literals;
+
+HangTarget::HangTarget(const std::string& mode, int count) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return;
+  std::string number = std::to_string(count);
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    execl(KELVANE_VICTIM, "victim", mode.c_str(), number.c_str(), nullptr);
+    _exit(127);
+  }
+  close(ends[1]);
+  char line[32] = "";
+  if (read(ends[0], line, sizeof line - 1) > 0) thread_ = atoi(line);
+  close(ends[0]);
+  EXPECT_GT(thread_, 0) << "the victim did not start";
+}
+
+HangTarget::~HangTarget() {
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+std::string HangTarget::threadStates() const {
+  std::string states;
+  std::error_code gone;
+  for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
+    std::ifstream file(entry.path() / "stat");
+    std::string text(std::istreambuf_iterator<char>(file), {});
+    if (auto stat = kelvane::parseStat(text)) states += stat->state;
+  }
+  return states;
+}
+
+bool HangTarget::reaches(char state) const {
+  for (int turn = 0; turn < 200; turn++) {
+    std::string states = threadStates();
+    if (!states.empty() && states.find_first_not_of(state) == std::string::npos) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return false;
+}
+
+void HangTarget::signal(int number) const {
+  kill(pid_, number);
+}
+
+Library::Library() : handle_(dlopen(KELVANE_LIBRARY, RTLD_LAZY)) {
+  EXPECT_NE(handle_, nullptr) << dlerror();
+  dump = reinterpret_cast<kelvane_dump_function>(dlsym(handle_, KELVANE_ENTRY_POINT));
+  EXPECT_NE(dump, nullptr);
+}
+
+const char* Library::key(const char* symbol) const {
+  auto* address = static_cast<const char* const*>(dlsym(handle_, symbol));
+  return address ? *address : nullptr;
+}
+
+Json headerOf(pid_t pid, int64_t threadId) {
+  uint64_t now = kelvane::monotonicNs() * 3 / 125;
+  return {{"Reason", "MainThread-victim: timeout 1500ms"},
+          {"ServiceName", "MainThread"},
+          {"ProcessPath", "/opt/victim"},
+          {"PID", pid},
+          {"ThreadID", threadId},
+          {"StartTime", now - 36'000'000},
+          {"EndTime", now},
+          {"DisplayData", Json::array({{{"state", 1}}})}};
+}
+
+std::string Dump::whyLeftOut(const std::string& what) const {
+  std::string why;
+  for (const Json& entry : report["metadata"]["leftOut"]) {
+    if (entry["what"] == what) why += entry["why"].get<std::string>() + "\n";
+  }
+  return why;
+}
+
+std::vector<std::string> Dump::stackOf(pid_t tid) const {
+  std::vector<std::string> names;
+  for (const Json& event : report["traceEvents"]) {
+    if (event["ph"] != "P" || event["tid"] != tid) continue;
+    for (std::string id = event["sf"]; !id.empty();) {
+      const Json& frame = report["stackFrames"].at(id);
+      names.push_back(frame["name"]);
+      id = frame.value("parent", "");
+    }
+  }
+  return names;
+}
+
+Json Dump::thread(pid_t tid) const {
+  for (const Json& thread : report["threads"]) {
+    if (thread["tid"] == tid) return thread;
+  }
+  return {};
+}
+
+Dump dumpWith(const char* reason, bool symbolicate) {
+  static const Library library;
+  std::vector<kelvane_option> options(1);
+  options[0].key = library.key("KSPDumpOptions_NoSymbolicate");
+  options[0].type = KELVANE_BOOL;
+  options[0].value.boolean = !symbolicate;
+  if (reason) {
+    kelvane_option text{library.key("KSPDumpOptions_ReasonString"), KELVANE_STRING, {}};
+    text.value.string = reason;
+    options.push_back(text);
+  }
+  kelvane_options all{options.size(), options.data()};
+  Dump dump;
+  int fd = memfd_create("report", MFD_CLOEXEC);
+  uint64_t start = kelvane::monotonicNs();
+  dump.whole = library.dump(fd, &all);
+  dump.ms = static_cast<double>(kelvane::monotonicNs() - start) / 1e6;
+  dump.text.resize(static_cast<size_t>(lseek(fd, 0, SEEK_END)));
+  EXPECT_EQ(pread(fd, dump.text.data(), dump.text.size(), 0), static_cast<ssize_t>(dump.text.size()));
+  close(fd);
+  dump.report = Json::parse(dump.text, nullptr, false);
+  EXPECT_FALSE(dump.report.is_discarded()) << dump.text.substr(0, 2000);
+  return dump;
+}
+
+Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate) {
+  return dumpWith(headerOf(pid, threadId).dump().c_str(), symbolicate);
+}
+
+}  // namespace kelvane_test

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "abi/kelvane.h"
+
+namespace kelvane_test {
+
+/// A running victim process (victim.cpp); killed and collected by the destructor.
+class HangTarget {
+ public:
+  explicit HangTarget(const std::string& mode, int count = 0);
+  ~HangTarget();
+  HangTarget(const HangTarget&) = delete;
+  HangTarget& operator=(const HangTarget&) = delete;
+
+  pid_t pid() const { return pid_; }
+  /// The thread that the victim's mode is about.
+  pid_t thread() const { return thread_; }
+  /// The states (proc(5)) of all its threads, in the order of /proc.
+  std::string threadStates() const;
+  /// Waits until all threads are in `state`; false after two seconds.
+  bool reaches(char state) const;
+  void signal(int number) const;
+
+ private:
+  pid_t pid_ = -1;
+  pid_t thread_ = -1;
+};
+
+/// The library as the daemon holds it: loaded at run time, known by its exported names alone.
+class Library {
+ public:
+  Library();
+  kelvane_dump_function dump = nullptr;
+  const char* key(const char* symbol) const;
+
+ private:
+  void* handle_ = nullptr;
+};
+
+/// A header as the daemon writes it.
+nlohmann::json headerOf(pid_t pid, int64_t threadId);
+
+/// What a call returned, and the file that it left.
+struct Dump {
+  bool whole = false;
+  double ms = 0;
+  std::string text;
+  nlohmann::json report;  // discarded if the text is no strict JSON
+
+  /// The reasons given for leaving out `what`; empty if it is not among the left out.
+  std::string whyLeftOut(const std::string& what) const;
+  /// Names of the thread's stack frames, innermost first, from the sample's chain of "stackFrames".
+  std::vector<std::string> stackOf(pid_t tid) const;
+  /// The thread's entry in "threads"; null if it has none.
+  nlohmann::json thread(pid_t tid) const;
+};
+
+/// Makes a report through the library into a fresh file; null text: no ReasonString option.
+Dump dumpWith(const char* reason, bool symbolicate = true);
+Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
+
+}  // namespace kelvane_test

@@ -1,0 +1,110 @@
+// A process to make reports of: `victim MODE [COUNT]`. It starts its threads, writes one line with the tid of
+// the thread of interest to stdout, and waits to be killed.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+#include <thread>
+
+namespace {
+
+std::mutex heldForEver;
+std::atomic<int> started{0};
+std::atomic<int> tidOfInterest{0};
+
+void enter(const char* name) {
+  prctl(PR_SET_NAME, name);
+  tidOfInterest = static_cast<int>(syscall(SYS_gettid));
+  started++;
+}
+
+[[gnu::noinline]] void waitsInRead() {
+  int ends[2];
+  char byte;
+  if (pipe(ends) == 0 && read(ends[0], &byte, 1) > 0) abort();
+}
+
+[[gnu::noinline]] void waitsForMutex() {
+  std::lock_guard lock(heldForEver);
+}
+
+[[gnu::noinline]] void spinsForEver() {
+  // Calls nothing, so that the function itself is the innermost frame.
+  for (volatile bool on = true; on;) {
+  }
+}
+
+[[gnu::noinline]] void sleepsForEver() {
+  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+/// Far more frames than a report keeps.
+[[gnu::noinline]] int recurses(int depth) {
+  volatile int result = depth > 0 ? recurses(depth - 1) : 0;
+  if (depth == 0) sleepsForEver();
+  return result + 1;
+}
+
+/// The parent of a vfork sleeps uninterruptibly until the child ends.
+[[gnu::noinline]] void waitsForVforkChild() {
+  if (vfork() == 0) {
+    for (int second = 0; second < 20; second++)
+      syscall(SYS_nanosleep, &(const timespec&)(timespec{1, 0}), nullptr);
+    _exit(0);
+  }
+}
+
+template <typename Work>
+void start(const char* name, Work work) {
+  int before = started;
+  std::thread([=] {
+    enter(name);
+    work();
+  }).detach();
+  while (started == before) std::this_thread::yield();
+}
+
+/// Threads that come and go, and the process with them after `ms`.
+[[noreturn]] void churn(int ms) {
+  std::thread([ms] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    _exit(3);
+  }).detach();
+  for (;;) std::thread([] { std::this_thread::sleep_for(std::chrono::microseconds(300)); }).detach();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string_view mode = argc > 1 ? argv[1] : "";
+  int count = argc > 2 ? atoi(argv[2]) : 0;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  heldForEver.lock();
+  for (int i = 0; mode == "sleepers" && i < count; i++) start("sleeper", sleepsForEver);
+  if (mode == "kinds") {
+    start("sleeper", sleepsForEver);
+    start("spinner", spinsForEver);
+    start("mu\"tex\xff", waitsForMutex);
+  }
+  if (mode == "deep") start("deep", [] { recurses(1000); });
+  if (mode == "vfork") start("vforker", waitsForVforkChild);
+  if (mode == "kinds") start("reader", waitsInRead);
+  if (mode == "churn") {
+    printf("%d\n", getpid());
+    fflush(stdout);
+    churn(count);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  printf("%d\n", started > 0 ? tidOfInterest.load() : getpid());
+  fflush(stdout);
+  sleepsForEver();
+}
