@@ -19,6 +19,20 @@ T loadRelaxed(T& field) {
   return std::atomic_ref(field).load(std::memory_order_relaxed);
 }
 
+/// Judged in doubles: a start in the future, all ones among them, has a negative age.
+bool isTimedOut(uint64_t startTicks, uint64_t nowTicks, double timeoutMs) {
+  return (static_cast<double>(nowTicks) - static_cast<double>(startTicks)) * msPerTick() > timeoutMs;
+}
+
+/// A start from which on `isTimedOut` can't be true, so that a scan need not ask it of nearly every slot. It
+/// lies a little later than the exact border, by more than doubles can round.
+uint64_t surelyRecent(uint64_t nowTicks, double timeoutMs) {
+  constexpr double kRoundingTicks = 8192;  // ticks near 2^64 are rounded to multiples of 2048
+  const uint64_t spanTicks = truncateToUnsigned(timeoutMs / msPerTick() - kRoundingTicks);
+  if (spanTicks == 0) return UINT64_MAX;
+  return spanTicks >= nowTicks ? 0 : nowTicks - spanTicks;
+}
+
 }  // namespace
 
 void QVProcessInfo::setHangTimeoutDuration(double ms) {
@@ -35,32 +49,36 @@ void QVProcessInfo::setLongHangDurationThreshold(double ms) {
 
 void QVProcessInfo::checkForHangTimeouts(uint64_t nowTicks) {
   // Nothing that a scan calls registers or removes a process, so the list stands still.
-  for (const auto& process : classSide().watchedProcesses) process->checkEventsForTimeouts(nowTicks);
+  const ClassSide& state = classSide();
+  const auto& processes = state.watchedProcesses;
+  const TimeoutCheck check = {nowTicks, state.hangTimeoutDuration,
+                              surelyRecent(nowTicks, state.hangTimeoutDuration)};
+  for (size_t i = 0; i < processes.size(); ++i) {
+    if (i + 1 < processes.size()) processes[i + 1]->prefetchSlots();
+    processes[i]->checkEventsForTimeouts(check);
+  }
 }
 
-void QVProcessInfo::checkEventsForTimeouts(uint64_t nowTicks) {
-  const double timeoutMs = classSide().hangTimeoutDuration;
-  const double tickMs = msPerTick();
-  const auto now = static_cast<double>(nowTicks);
+/// Regions go cold in the 5 seconds between scans, and a scan mostly waits for memory: this asks for it in
+/// advance.
+void QVProcessInfo::prefetchSlots() const {
+  for (const hangEvent& slot : shared_->slots) __builtin_prefetch(&slot);
+}
 
-  auto* base = static_cast<std::byte*>(region_->address());
-  auto& header = *reinterpret_cast<QVSharedHangRegion*>(base);
-  auto* slots = reinterpret_cast<hangEvent*>(base + offsetof(QVSharedHangRegion, slots));
-  const size_t slotsInRegion =
-      (region_->lengthBytes() - offsetof(QVSharedHangRegion, slots)) / sizeof(hangEvent);
-
+void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check) {
+  hangEvent* slots = shared_->slots;
   // slotCount is read again at every step: the client may grow or shrink its list meanwhile, and may lie.
-  for (size_t i = 0; i < std::min<size_t>(loadRelaxed(header.slotCount), slotsInRegion); ++i) {
+  for (size_t i = 0; i < loadRelaxed(shared_->slotCount) && i < slotsInRegion_; ++i) {
     hangEvent& slot = slots[i];
     // Sequentially consistent: no other field of the slot is read before it.
     if (std::atomic_ref(slot.timeoutExempt).load(std::memory_order_seq_cst) != 0) continue;
     const uint64_t startTicks = loadRelaxed(slot.startTime);
-    if (!((now - static_cast<double>(startTicks)) * tickMs > timeoutMs)) continue;
+    if (startTicks >= check.recentTicks || !isTimedOut(startTicks, check.nowTicks, check.timeoutMs)) continue;
 
     TimedOutSlot taken;
     if (!takeTimedOutSlot(slot, startTicks, taken)) continue;
-    quorvelLog().info("Hang timeout duration of %f exceeded, will attempt to record hang ", timeoutMs);
-    recordHang(taken.hangName.c_str(), taken.threadID, taken.startTicks, nowTicks, taken.wantsKelvane);
+    quorvelLog().info("Hang timeout duration of %f exceeded, will attempt to record hang ", check.timeoutMs);
+    recordHang(taken.hangName.c_str(), taken.threadID, taken.startTicks, check.nowTicks, taken.wantsKelvane);
     return;
   }
 }

@@ -11,6 +11,7 @@
 #include "platform/work_queue.h"
 
 struct hangEvent;
+struct QVSharedHangRegion;
 
 namespace quorveld {
 
@@ -66,7 +67,6 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   /// Records a hang for each process that has an operation pending for longer than the time-out; one per
   /// process and scan.
   static void checkForHangTimeouts(uint64_t nowTicks);
-  void checkEventsForTimeouts(uint64_t nowTicks);
   static void setHangTimeoutDuration(double ms);
   static void setLongHangDurationThreshold(double ms);
 
@@ -130,6 +130,15 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
                                                std::unique_ptr<platform::SharedMapping> sharedMem,
                                                const char* bundleID);
 
+  /// One scan's measure: what is pending for longer than `timeoutMs` at `nowTicks` has timed out; what began
+  /// at `recentTicks` or later has not.
+  struct TimeoutCheck {
+    uint64_t nowTicks;
+    double timeoutMs;
+    uint64_t recentTicks;
+  };
+  void checkEventsForTimeouts(const TimeoutCheck& check);
+
   /// What the daemon takes from a slot that has timed out.
   struct TimedOutSlot {
     uint64_t startTicks;
@@ -137,6 +146,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
     bool wantsKelvane;
     std::string hangName;
   };
+  void prefetchSlots() const;
   static bool takeTimedOutSlot(hangEvent& slot, uint64_t startTicks, TimedOutSlot& taken);
 
   static bool isLongHang(double durationMs);
@@ -158,6 +168,8 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
 
   const int32_t pid_;
   const std::unique_ptr<platform::SharedMapping> region_;
+  QVSharedHangRegion* const shared_;  ///< what region_ maps
+  const size_t slotsInRegion_;  ///< how many slots there is room for; the client's slotCount may claim more
   const std::string processPath_;
   const std::string processName_;
   const std::string processBundleID_;

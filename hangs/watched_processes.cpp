@@ -101,6 +101,8 @@ QVProcessInfo::QVProcessInfo(int32_t pid, std::unique_ptr<platform::SharedMappin
                              std::string processPath, std::string processBundleID)
     : pid_(pid),
       region_(std::move(region)),
+      shared_(static_cast<QVSharedHangRegion*>(region_->address())),
+      slotsInRegion_((region_->lengthBytes() - offsetof(QVSharedHangRegion, slots)) / sizeof(hangEvent)),
       processPath_(std::move(processPath)),
       processName_(lastPathComponent(processPath_)),
       processBundleID_(std::move(processBundleID)) {}
