@@ -144,6 +144,7 @@ TEST(Connection, AForkedChildHoldsNoConnectionOpen) {
   daemon.await(1);
   const pid_t child = fork();
   if (child == 0) {
+    alarm(10);
     if (qv_process() != -ENOTCONN) _exit(1);
     if (qv_watch("org.example.child", "child") != 0) _exit(2);
     pause();

@@ -45,7 +45,7 @@ FakeDaemon::FakeDaemon() {
 FakeDaemon::~FakeDaemon() {
   qv_disconnect();
   stop();
-  if (memory_ >= 0) close(memory_);
+  for (const int memory : memories_) close(memory);
   std::filesystem::remove_all(root_);
 }
 
@@ -130,8 +130,8 @@ void FakeDaemon::take(sd_bus_message* message) {
     if (*type == 's') text = value.text;
     if (*type == 'b') text = std::to_string(value.small);
     if (*type == 'h') {
-      const int before = memory_.exchange(fcntl(value.small, F_DUPFD_CLOEXEC, 0));
-      if (before >= 0) close(before);
+      memories_.push_back(fcntl(value.small, F_DUPFD_CLOEXEC, 0));
+      memory_ = memories_.back();
     }
     received.values[key] = std::string(type) + " " + text;
     sd_bus_message_exit_container(message);

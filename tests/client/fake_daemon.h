@@ -73,6 +73,7 @@ class FakeDaemon {
   std::atomic<size_t> connections_{0};
   std::atomic<size_t> receivedCount_{0};
   std::atomic<int> memory_{-1};
+  std::vector<int> memories_;  ///< all that came: the test may be using any of them
   int listener_ = -1;
   std::vector<sd_bus*> buses_;
   std::mutex mutex_;
