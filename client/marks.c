@@ -24,6 +24,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "client/clock.h"
 #include "client/include/quorvel.h"
 #include "client/region.h"
 
@@ -104,7 +105,7 @@ qv_slot* qv_slot_claim(const char* name) {
   const struct qv_process_page* page = qv_page();
   QVSharedHangRegion* region = page->region;
   if (!region) return NULL;
-  const uint64_t now = qv_ticks();
+  const uint64_t now = qv_ticks_now();
   if (!take_slot(page, region, now)) return NULL;
   hangEvent* event = &region->slots[this_thread.last_slot];
   __atomic_store_n(&event->startTime, now, __ATOMIC_RELAXED);
@@ -119,7 +120,7 @@ void qv_slot_release(qv_slot* slot) {
 void qv_slot_begin(qv_slot* slot, bool wants_kelvane) {
   hangEvent* event = slot ? slot->event : NULL;
   if (!event) return;
-  __atomic_store_n(&event->startTime, qv_ticks(), __ATOMIC_RELAXED);
+  __atomic_store_n(&event->startTime, qv_ticks_now(), __ATOMIC_RELAXED);
   __atomic_store_n(&event->wantsKelvane, wants_kelvane, __ATOMIC_RELEASE);
   __atomic_store_n(&event->timeoutExempt, 0, __ATOMIC_RELEASE);
 }
@@ -134,7 +135,7 @@ qv_operation qv_begin(const char* name, bool wants_kelvane) {
   const struct qv_process_page* page = qv_page();
   QVSharedHangRegion* region = page->region;
   if (!region) return operation;
-  const uint64_t now = qv_ticks();
+  const uint64_t now = qv_ticks_now();
   operation.owner = take_slot(page, region, now);
   if (!operation.owner) return operation;
   operation.slot = this_thread.last_slot;
