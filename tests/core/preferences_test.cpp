@@ -264,6 +264,40 @@ TEST(Preferences, EachOfTheThreeNotificationsHasThemReadAgain) {
   EXPECT_NE(settings().enableHUD, value) << "without the store the values at hand stay";
 }
 
+TEST(Preferences, SlowActivationTracesTakeThePlaceOfActivationReports) {
+  struct Case {
+    std::vector<Setting> settings;
+    size_t reports;
+    const char* line;  ///< logged, if any
+  };
+  const Case cases[] = {
+      {{}, 0, nullptr},
+      {{{kActivationKey, true}}, 1, nullptr},
+      {{{kActivationKey, true}, {"QuorvelSlowActKelvanesEnabled", true}},
+       0,
+       "QVActivationStats: CaptureLaunchKelvanes=1 launchTimeThresholdForCapture=5000"},
+      {{{kActivationKey, true},
+        {"QuorvelSlowActKelvanesEnabled", true},
+        {"QuorvelSlowActLaunchKelvaneThreshold", int64_t{750}}},
+       0,
+       "QVActivationStats: CaptureLaunchKelvanes=1 launchTimeThresholdForCapture=750"},
+  };
+  for (const Case& item : cases) {
+    World world(World::Daemon::later);
+    userSetsAll(world, {{"QuorvelEnabled", true}});
+    userSetsAll(world, item.settings);
+    world.start();
+    const App launcher = world.connectApp("launcher");
+    for (const int command : {4, 5}) {
+      launcher.send({{"command", command}, {"pid", 9}, {"bundle-id", "b"}, {"app-activation-state", 1}});
+    }
+    EXPECT_EQ(world.powerLog.events.size(), item.reports);
+    EXPECT_TRUE(!item.line || world.logged(Level::info, item.line));
+    EXPECT_EQ(world.logs.hasPrefix(Level::info, "QVActivationStats: CaptureLaunchKelvanes"),
+              item.line != nullptr);
+  }
+}
+
 TEST(InternalBuild, GetsItsDefaultsOnceButMemoryLoggingAlways) {
   struct Case {
     const char* what;
