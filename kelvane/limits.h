@@ -17,6 +17,9 @@ inline constexpr std::chrono::milliseconds kWorkBudget{2'000};
 /// one does.
 inline constexpr std::chrono::milliseconds kHungThreadStopWait{250};
 inline constexpr std::chrono::milliseconds kThreadStopWait{50};
+/// How long the copy of one thread may take, the wait included: what traces it is ended then, which lets it
+/// run on.
+inline constexpr std::chrono::milliseconds kCopyLimit{500};
 
 // The process named by the header.
 

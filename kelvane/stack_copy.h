@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -10,17 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "kelvane/deadline.h"
+#include "kelvane/thread_copier.h"
 
 namespace kelvane {
-
-/// A thread's user registers as unwinding needs them, numbered as DWARF does on this machine.
-struct UnwindRegisters {
-  std::array<uint64_t, 32> dwarf{};
-  size_t count = 0;
-  uint64_t pc = 0;
-  uint64_t sp = 0;
-};
 
 /// The registers of a stopped thread and the stack above its stack pointer.
 struct StackCopy {
@@ -41,9 +32,9 @@ struct StackOutcome {
 /// Copies stacks of the process behind `processDir`, in order, each thread stopped only while it is copied.
 ///
 /// Returns the outcomes of the first threads of `tids`, at least one if there is any: it ends early when
-/// enough bytes are held, when the process refuses, after a thread that would not stop, and at the deadline.
-/// Once it returns, none of the threads is traced or stopped by it; one that was stopped by a signal before
-/// is so again.
+/// enough bytes are held, after a thread that could not be copied, and at the deadline. Once it returns, none
+/// of the threads is traced or stopped by it, and none ever was for longer than kCopyLimit; one that a signal
+/// had stopped before is so again.
 std::vector<StackOutcome> copyStacks(int processDir, pid_t pid, std::span<const pid_t> tids, pid_t hungThread,
                                      const Deadline& deadline);
 

@@ -130,7 +130,6 @@ void TraceEvents::writeHang(JsonWriter& json) const {
   json.key("args");
   json.beginObject();
   json.member("reason", std::string_view(request_.reason));
-  json.member("stack", "as it was when the report was made, drawn over the whole hang");
   json.endObject();
   json.endObject();
 }

@@ -1,7 +1,11 @@
 // A process to make reports of: `victim MODE [COUNT]`. It starts its threads, writes one line with the tid of
 // the thread of interest to stdout, and waits to be killed.
+#include <fcntl.h>
+#include <linux/userfaultfd.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -63,6 +67,31 @@ void enter(const char* name) {
   }
 }
 
+/// A thread whose stack ends where memory begins that nobody provides: who reads it from outside waits for
+/// ever.
+[[gnu::noinline]] void startBelowUnprovidedMemory() {
+  constexpr size_t kStack = 1 << 18;
+  constexpr size_t kBeyond = 1 << 16;
+  auto* memory = static_cast<char*>(
+      mmap(nullptr, kStack + kBeyond, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  uffdio_api api{UFFD_API, 0, 0};
+  uffdio_register beyond{
+      {reinterpret_cast<uintptr_t>(memory) + kStack, kBeyond}, UFFDIO_REGISTER_MODE_MISSING, 0};
+  auto fd = static_cast<int>(syscall(SYS_userfaultfd, O_CLOEXEC));
+  if (fd < 0 || ioctl(fd, UFFDIO_API, &api) != 0 || ioctl(fd, UFFDIO_REGISTER, &beyond) != 0) return;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstack(&attributes, memory, kStack);
+  pthread_t thread;
+  auto run = [](void*) -> void* {
+    enter("unprovided");
+    sleepsForEver();
+    return nullptr;
+  };
+  if (pthread_create(&thread, &attributes, run, nullptr) != 0) return;
+  while (started == 0) std::this_thread::yield();
+}
+
 template <typename Work>
 void start(const char* name, Work work) {
   int before = started;
@@ -95,6 +124,7 @@ int main(int argc, char** argv) {
     start("spinner", spinsForEver);
     start("mu\"tex\xff", waitsForMutex);
   }
+  if (mode == "unprovided") startBelowUnprovidedMemory();
   if (mode == "deep") start("deep", [] { recurses(1000); });
   if (mode == "vfork") start("vforker", waitsForVforkChild);
   if (mode == "kinds") start("reader", waitsInRead);
