@@ -7,6 +7,7 @@
 #include "base/settings.h"
 #include "base/text.h"
 #include "hangs/qv_process_info.h"
+#include "platform/clock.h"
 #include "platform/platform.h"
 
 namespace quorveld {
@@ -63,7 +64,7 @@ AppActivationTracker::AppActivationTracker(platform::WorkQueue& workQueue)
                                                         platform::QoSClass::utility)),
       activationQueue_(platform::current().queues.create("com.corvix.quorvel.perfstats.activationqueue",
                                                          platform::QoSClass::userInitiated)) {
-  setupMidnightTimer();
+  setupMidnightTimer(platform::current().clock.wallTime());
   handleFirstUnlock();
 }
 

@@ -80,8 +80,8 @@ class AppActivationTracker {
   void signpostEndOfLaunch(int32_t pid, const std::string& bundleID, bool isValidEndOfLaunch) const;
 
   // day_scope.cpp: what belongs to a day
-  void setupMidnightTimer();
-  void midnightPassed(platform::WallTime scheduled);
+  void setupMidnightTimer(platform::WallTime dayOf);
+  void midnightPassed(platform::WallTime scheduled, std::chrono::seconds waited);
   void handleFirstUnlock();
 
   platform::WorkQueue& workQueue_;

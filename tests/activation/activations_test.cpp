@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+
+#include "base/limits.h"
+#include "base/string_hash.h"
+#include "tests/activation/launcher.h"
+
+// Activations from the launcher's messages to the report: who is paired with whom, who is reported, who is
+// traced.
+
+namespace quorveld {
+namespace {
+
+using namespace std::chrono_literals;
+using sim::LauncherWorld;
+using sim::Level;
+using sim::Shown;
+
+uint64_t numberOf(const platform::Value& value) {
+  return std::visit(
+      [](const auto& data) -> uint64_t {
+        if constexpr (std::is_arithmetic_v<std::decay_t<decltype(data)>>) {
+          return static_cast<uint64_t>(data);
+        } else {
+          return UINT64_MAX;
+        }
+      },
+      value.data);
+}
+
+TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
+  LauncherWorld world;
+  world.begin();
+  const uint64_t start = world.nowMs();
+  world.beginActivation(70312, "com.example.viewer", Shown::foreground, 1, start, 120ms);
+  EXPECT_EQ(world.kernel.looks, 1);
+  EXPECT_TRUE(
+      world.logged(Level::info, "QVActivationStats: com.example.viewer[70312] activation begin (launch)"));
+  EXPECT_TRUE(world.logged(Level::debug, "QVActivationStats: Latency to get start message:120 ms"));
+  EXPECT_TRUE(world.logged(Level::debug, "ipxStartLatencyInMs 120 ms"));
+  world.advance(800ms);
+  world.endActivation(70312, "com.example.viewer", Shown::foreground, 5, start + 700);
+
+  const uint64_t id = start << 32 | uint32_t{stringHash("com.example.viewer") << 16} | (70312 & 0xFFFF);
+  EXPECT_TRUE(world.logged(Level::debug, "QVActivationStats: Latency to get end message:100 ms"));
+  EXPECT_TRUE(world.logged(Level::debug, "ipxEndLatencyInMs 100 ms"));
+  EXPECT_TRUE(world.logged(
+      Level::debug,
+      "QVActivationStats: Activation Complete:Activationid:" + std::to_string(static_cast<int64_t>(id)) +
+          " BundleID:com.example.viewer PID:70312 Result:5 Type:1 TimeTaken:700 ms"));
+  EXPECT_TRUE(
+      world.logged(Level::standard, "QVActivationStats: com.example.viewer FG Launch Duration = 700ms"));
+  EXPECT_TRUE(
+      world.logged(Level::debug,
+                   "QVActivationStats: Sending activation for com.example.viewer to Pelmar. Number Of "
+                   "Activations recorded:1"));
+  ASSERT_EQ(world.powerLog.events.size(), 1u);
+  EXPECT_EQ(numberOf(world.reported("ActivationID")), id);
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 700u);
+  EXPECT_EQ(numberOf(world.reported("ActivationResult")), 5u);
+  EXPECT_EQ(numberOf(world.reported("SystemUptime")), 100u);
+  // 120 ms and 100 ms in units of 50 ms, at bits 8 and 13.
+  EXPECT_EQ(numberOf(world.reported("ActivationFlags")), 2u << 8 | 2u << 13);
+  EXPECT_EQ(world.kernel.looks, 2);
+}
+
+TEST(Activations, MissingAndFutureTimesAreTakenAsTheyCome) {
+  LauncherWorld world;
+  world.begin();
+  world.beginActivation(1, "a", Shown::foreground, 2, 0, -1ms);
+  EXPECT_TRUE(world.logged(Level::standard, "QVActivationStats: We got no Start time for the activation"));
+  EXPECT_TRUE(world.logged(Level::info, "QVActivationStats: a[1] activation begin (resume)"));
+  world.advance(250ms);
+  world.endActivation(1, "a", Shown::foreground, 0, 0);
+  EXPECT_TRUE(world.logged(Level::standard, "QVActivationStats: We got no End time for the activation"));
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 250u);
+  // The proxy's stamp lies in the future: the latency wraps and its field is full; the end's is 0.
+  EXPECT_EQ(numberOf(world.reported("ActivationFlags")), 31u << 8);
+
+  world.beginActivation(2, "b");
+  world.endActivation(2, "b", Shown::foreground, 0, world.nowMs() - 1);
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), UINT32_MAX);
+}
+
+TEST(Activations, AnnouncementsThatDontMatchAreSortedOut) {
+  LauncherWorld world;
+  world.begin();
+  world.beginActivation(312, "B");
+  world.advance(10s);
+  world.beginActivation(312, "B");
+  EXPECT_TRUE(
+      world.logged(Level::standard,
+                   "QVActivationStats: beginActivationTrackingForPID: An entry already exists for 312:B\n"));
+  world.beginActivation(313, "B");  // another process: an activation of its own
+  world.endActivation(312, "B");
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 10'000u);
+
+  // The first begin's timeout takes whatever stands under the key by then.
+  world.beginActivation(312, "B");
+  world.logs.clear();
+  world.advance(50s);
+  const std::string lost =
+      "QVActivationStats: beginActivationTrackingForPID: Did not find an end call entry for 312:B\n";
+  EXPECT_EQ(world.logs.count(Level::standard, lost), 1);
+  world.endActivation(312, "B");
+  EXPECT_TRUE(world.logged(
+      Level::standard,
+      "QVActivationStats: endActivationTrackingForPID: Did not find an existing entry for 312:B\n"));
+  // An end without a begin is reported like any other, with a result of its own and no duration.
+  EXPECT_EQ(numberOf(world.reported("ActivationResult")), 32u);
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 0u);
+  EXPECT_EQ(world.powerLog.events.size(), 2u);
+  world.advance(60s);
+  EXPECT_EQ(world.logs.count(Level::standard, lost), 1);
+}
+
+TEST(Activations, OnlyForegroundToForegroundIsReported) {
+  LauncherWorld world;
+  world.begin();
+  for (const auto& [from, to] :
+       {std::pair(Shown::background, Shown::foreground), std::pair(Shown::foreground, Shown::background),
+        std::pair(Shown::background, Shown::background)}) {
+    world.beginActivation(7, "quiet", from);
+    world.endActivation(7, "quiet", to);
+  }
+  EXPECT_TRUE(world.powerLog.events.empty());
+  EXPECT_FALSE(world.logs.hasPrefix(Level::standard, "QVActivationStats: quiet FG"));
+  EXPECT_FALSE(world.logs.hasPrefix(Level::standard, "QVActivationStats: Activation not recorded"));
+}
+
+TEST(Activations, TheDailyMaximumHolds) {
+  LauncherWorld world;
+  world.preferences.userSets("QuorvelAppActivationLoggingMaxActivationCount", int64_t{2});
+  world.begin();
+  for (int pid = 1; pid <= 3; ++pid) world.activate(pid, "app", 100ms);
+  EXPECT_EQ(world.powerLog.events.size(), 2u);
+  EXPECT_TRUE(world.logged(Level::standard,
+                           "QVActivationStats: Activation not recorded for:app StartState:Foreground "
+                           "EndState:Foreground Number Of Activations:2"));
+}
+
+TEST(Activations, SlowLaunchesAreTracedFromTheThresholdOnAndWithinTheirCredits) {
+  LauncherWorld world;
+  world.preferences.userSets("QuorvelSlowActKelvanesEnabled", true);
+  world.preferences.userSets("QuorvelSlowActPerAppMax", int64_t{2});
+  world.start();
+  EXPECT_TRUE(world.logged(Level::info,
+                           "QVActivationStats: CaptureLaunchKelvanes=1 launchTimeThresholdForCapture=5000"));
+  world.begin();
+
+  world.activate(1, "slow", 4999ms);
+  EXPECT_TRUE(world.spool().empty());
+  world.activate(1, "slow", 5000ms);
+  EXPECT_TRUE(world.logged(
+      Level::standard, "QVActivationStats: slow Launch took 5000ms, will try to grab slow launch kelvane"));
+  EXPECT_TRUE(world.logged(Level::info, "Daily Launch Log credits: 25 -> 24"));
+  EXPECT_TRUE(world.logged(Level::info, "slow Launch Log credits: 2 -> 1"));
+  EXPECT_EQ(world.spool(), std::vector<std::string>{"Launch-slow-2026-01-15-100009.kelvane"});
+  ASSERT_EQ(world.traceLibraries.requests.size(), 1u);
+  const auto& request = world.traceLibraries.requests[0];
+  // The wall-clock times came back to ticks of the same moments, to the millisecond.
+  EXPECT_NEAR(static_cast<double>(request.maxTimestamp), static_cast<double>(world.now()), 24'000);
+  EXPECT_NEAR(static_cast<double>(request.maxTimestamp - request.minTimestamp), 5000 * 24'000.0, 24'000);
+
+  world.activate(1, "com.corvix.lumora", 9s);  // the launcher itself
+  world.activate(1, "slow", 6s);
+  world.activate(1, "slow", 6s);
+  EXPECT_TRUE(world.logged(Level::standard, "slow is out of credits. Not saving a report!"));
+  EXPECT_EQ(world.spool().size(), 2u);
+  // Traces only: nothing is snapshot or reported meanwhile.
+  EXPECT_EQ(world.kernel.looks, 0);
+  EXPECT_TRUE(world.powerLog.events.empty());
+  EXPECT_TRUE(world.logged(Level::standard, "QVActivationStats: slow FG Launch Duration = 6000ms"));
+}
+
+TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
+  LauncherWorld world;
+  world.begin();
+  for (int pid = 1; pid <= 3000; ++pid) world.beginActivation(pid, "storm");
+  EXPECT_EQ(world.kernel.looks, static_cast<int>(kMaxActivationsInFlight));
+  EXPECT_TRUE(world.logged(
+      Level::standard, "QVActivationStats: Too many activations at once, ignoring the begin of 65:storm"));
+  world.logs.clear();
+  world.advance(61s);
+  for (size_t pid = 1; pid <= kMaxActivationsInFlight; ++pid) {
+    EXPECT_EQ(world.logs.count(
+                  Level::standard,
+                  "QVActivationStats: beginActivationTrackingForPID: Did not find an end call entry for " +
+                      std::to_string(pid) + ":storm\n"),
+              1);
+  }
+  world.activate(9, "after", 100ms);
+  EXPECT_EQ(world.powerLog.events.size(), 1u);
+}
+
+}  // namespace
+}  // namespace quorveld
