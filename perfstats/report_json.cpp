@@ -10,7 +10,7 @@ namespace quorveld {
 
 namespace {
 
-// A thousand processes need some 700,000 characters: one allocation serves nearly every report.
+// A thousand processes need some 430,000 characters: one allocation serves nearly every report.
 constexpr size_t kInitialCapacity = 1'048'576;
 
 void append(std::string& text, std::integral auto number) {

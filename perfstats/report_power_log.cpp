@@ -37,8 +37,6 @@ class EventBuilder {
   platform::ActivationEvent build();
 
  private:
-  Dictionary stamped() const { return {{"Timestamp", Value{timestampS_}}}; }
-
   void addCpuData();
   void addTask(int32_t position, const task_statistics& task, const PerfStatsProcess& process);
   Dictionary cpuDictionary(uint64_t uniqueID, const UsageValues& values, uint8_t state) const;
@@ -162,7 +160,7 @@ void EventBuilder::addActivationData() {
   const auto named = processes_.try_emplace(report_.pid, report_.pid,
                                             toUtf8(report_.processName.value_or(report_.bundleID)));
   Dictionary& data = event_.activationData;
-  data = stamped();
+  data.emplace_back("Timestamp", Value{timestampS_});
   data.emplace_back("ActivationID", Value{report_.appActivationID});
   data.emplace_back("UniqueID", Value{named.first->second.uniqueIdentifier()});
   data.emplace_back("SystemUptime", Value{report_.systemUptime});
@@ -179,7 +177,9 @@ void EventBuilder::addActivationData() {
 void EventBuilder::addProcessData() {
   event_.processData.reserve(processes_.size());
   for (const auto& [pid, process] : processes_) {
-    Dictionary dictionary = stamped();
+    Dictionary dictionary;
+    dictionary.reserve(3);
+    dictionary.emplace_back("Timestamp", Value{timestampS_});
     dictionary.emplace_back("UniqueID", Value{process.uniqueIdentifier()});
     dictionary.emplace_back("ProcessName", Value{process.processName()});
     add(event_.processData, std::to_string(process.uniqueIdentifier()), std::move(dictionary));
