@@ -15,17 +15,12 @@ namespace {
 constexpr std::chrono::seconds kFlushDelay(1);
 constexpr std::string_view kOtherKey = "(other)";
 
-std::string_view statsdTarget() {
-  const char* target = std::getenv("QUORVELD_STATSD");
-  return target ? target : "";
-}
-
 }  // namespace
 
-LinuxAnalytics::LinuxAnalytics() : statsd_(statsdTarget()), self_(std::make_shared<LinuxAnalytics*>(this)) {}
-
-LinuxAnalytics::~LinuxAnalytics() {
-  flush();
+void LinuxAnalytics::useQueue(platform::WorkQueue& queue) {
+  queue_ = &queue;
+  const char* target = std::getenv("QUORVELD_STATSD");
+  if (target && *target) statsd_ = StatsdSender(target);
 }
 
 template <typename Value>
@@ -74,20 +69,23 @@ void LinuxAnalytics::changed() {
   if (flushPending_ || !queue_) return;
   flushPending_ = true;
   queue_->after(kFlushDelay, [weak = std::weak_ptr(self_)] {
-    const std::shared_ptr<LinuxAnalytics*> self = weak.lock();
-    if (!self) return;
-    (*self)->flushPending_ = false;
-    (*self)->flush();
+    if (const std::shared_ptr<LinuxAnalytics*> self = weak.lock()) (*self)->flushNow();
   });
 }
 
-void LinuxAnalytics::flush() {
-  if (!dirty_) return;
-  dirty_ = false;
+void LinuxAnalytics::flushNow() {
+  flushPending_ = false;
+  const std::error_code error = flush();
+  if (error && !saidWriteFailed_) logDefault("Can't write the analytics file: %s", error.message().c_str());
+  saidWriteFailed_ = static_cast<bool>(error);
+}
+
+std::error_code LinuxAnalytics::flush() {
+  if (!dirty_) return {};
   const std::string path = rooted("/var/lib/quorveld/quorveld.prom");
   const std::error_code error = replaceFile(path, prometheusText(metrics_), Durability::cached);
-  if (error && !saidWriteFailed_) logDefault("Can't write %s: %s", path.c_str(), error.message().c_str());
-  saidWriteFailed_ = static_cast<bool>(error);
+  dirty_ = static_cast<bool>(error);
+  return error;
 }
 
 }  // namespace quorveld::linux_platform

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "platform/analytics.h"
 #include "platform/linux/prometheus_text.h"
@@ -27,14 +28,15 @@ inline constexpr size_t kMaxAnalyticsKeyBytes = 200;
 /// destruction.
 class LinuxAnalytics final : public platform::Analytics {
  public:
-  LinuxAnalytics();
-  ~LinuxAnalytics() override;
+  LinuxAnalytics() : self_(std::make_shared<LinuxAnalytics*>(this)) {}
+  ~LinuxAnalytics() override { (void)flush(); }  // no one is left to hear of a failure
   LinuxAnalytics(const LinuxAnalytics&) = delete;
   LinuxAnalytics& operator=(const LinuxAnalytics&) = delete;
 
-  /// The queue that all calls come from; it runs the delayed writing. Without one there is only the writing
-  /// on destruction.
-  void useQueue(platform::WorkQueue& queue) { queue_ = &queue; }
+  /// The queue that all calls come from; it runs the delayed writing. Opens the StatsD socket as well, which
+  /// waits for the resolver when that is named by a host. Until then there is only the writing on
+  /// destruction.
+  void useQueue(platform::WorkQueue& queue);
 
   void setScalar(std::string_view key, int64_t value) override;
 
@@ -50,7 +52,8 @@ class LinuxAnalytics final : public platform::Analytics {
       std::map<std::string, Value, std::less<>>& values, std::string_view key);
   void sayKeysAreFull();
   void changed();
-  void flush();
+  void flushNow();
+  [[nodiscard]] std::error_code flush();
 
   Metrics metrics_;
   StatsdSender statsd_;

@@ -21,14 +21,43 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
-/// `node` as XML that stands alone. pugixml prints without recursion, however deep the elements nest.
-std::string xmlOf(const pugi::xml_node& node) {
-  struct Writer final : pugi::xml_writer {
-    void write(const void* data, size_t size) override { text.append(static_cast<const char*>(data), size); }
-    std::string text;
-  } writer;
-  node.print(writer, "", pugi::format_raw, pugi::encoding_utf8);
-  return std::move(writer.text);
+/// Just behind the next `mark` at or after `from`; the text's end when there is none.
+size_t behind(std::string_view text, size_t from, std::string_view mark) {
+  const size_t found = text.find(mark, from);
+  return found == std::string_view::npos ? text.size() : found + mark.size();
+}
+
+/// Just behind the start tag at `at`. A '>' within an attribute's quotes does not end it.
+size_t behindStartTag(std::string_view text, size_t at) {
+  while (at < text.size() && text[at] != '>') {
+    const char c = text[at++];
+    if (c == '"' || c == '\'') at = behind(text, at, std::string_view(&c, 1));
+  }
+  return std::min(at + 1, text.size());
+}
+
+/// The element that starts at `start` in a well-formed text, as it stands there.
+std::string_view elementAt(std::string_view text, size_t start) {
+  size_t at = start;
+  size_t depth = 0;
+  while ((at = text.find('<', at)) < text.size()) {
+    const std::string_view rest = text.substr(at);
+    if (rest.starts_with("<!--")) {
+      at = behind(text, at + 4, "-->");
+    } else if (rest.starts_with("<![CDATA[")) {
+      at = behind(text, at, "]]>");
+    } else if (rest.starts_with("<?")) {
+      at = behind(text, at, "?>");
+    } else if (rest.starts_with("</")) {
+      at = behind(text, at, ">");
+      --depth;
+    } else {
+      at = behindStartTag(text, at);
+      if (text[at - 2] != '/') ++depth;
+    }
+    if (depth == 0) break;
+  }
+  return text.substr(start, std::min(at, text.size()) - start);
 }
 
 /// All the text of an element, which a comment or a CDATA section may have cut into pieces.
@@ -121,8 +150,10 @@ class Parser {
     return std::nullopt;
   }
 
-  static PropertyListEntry opaqueOf(const pugi::xml_node& element) {
-    return {PreferenceValue::Variant(OpaquePreference{}), xmlOf(element)};
+  PropertyListEntry opaqueOf(const pugi::xml_node& element) const {
+    // The offset is that of the element's name, behind its '<'.
+    const size_t start = static_cast<size_t>(std::max<ptrdiff_t>(element.offset_debug(), 1)) - 1;
+    return {PreferenceValue::Variant(OpaquePreference{}), std::string(elementAt(text_, start))};
   }
 
   std::string_view text_;

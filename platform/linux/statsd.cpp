@@ -44,7 +44,6 @@ HostAndPort parseHostAndPort(std::string_view target) {
 }
 
 StatsdSender::StatsdSender(std::string_view target) {
-  if (target.empty()) return;
   const bool usable = target.starts_with('/') ? resolvePath(target) : resolveHost(target);
   if (usable) return;
   socket_.reset();

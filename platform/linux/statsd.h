@@ -26,8 +26,11 @@ HostAndPort parseHostAndPort(std::string_view target);
 /// resolver does.
 class StatsdSender {
  public:
+  /// To nobody.
+  StatsdSender() = default;
+
   /// To `target`: the absolute path of a datagram socket, or host:port. A target that can't be used is logged
-  /// and nothing is ever sent; an empty one is no target.
+  /// and nothing is ever sent.
   explicit StatsdSender(std::string_view target);
 
   void gauge(std::string_view key, int64_t value);

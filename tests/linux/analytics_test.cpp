@@ -63,12 +63,18 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
     analytics.addToScalar("k", 2);
     analytics.addToScalar("k", -1);
     analytics.pushDistribution("d", std::numeric_limits<double>::quiet_NaN());
+    sim_.advance(milliseconds(500));
     analytics.addToScalar("k", 3);
-    sim_.advance(milliseconds(900));
     EXPECT_FALSE(root_.exists(kFile));
-    sim_.advance(milliseconds(200));
+    sim_.advance(milliseconds(600));
     EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
     EXPECT_EQ(linesWith("distribution"), 0u);
+
+    analytics.addToScalar("k", 1);
+    sim_.advance(milliseconds(800));
+    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
+    sim_.advance(milliseconds(300));
+    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 6"), 1u);
 
     std::filesystem::remove(root_ / kFile);
     sim_.advance(milliseconds(5000));
@@ -110,6 +116,7 @@ TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
 
   ::setenv("QUORVELD_STATSD", path.c_str(), 1);
   LinuxAnalytics analytics;
+  analytics.useQueue(*queue_);
   ::unsetenv("QUORVELD_STATSD");
   analytics.setScalar("a:b|c@d\ne", 5);
   analytics.setScalar("a", -5);
@@ -123,6 +130,7 @@ TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
   EXPECT_EQ(received(), "flood:1|c");
   std::filesystem::remove(path);
   analytics.addToScalar("nobody", 1);
+  EXPECT_TRUE(sim_.logs.lines.empty()) << sim_.logs.dump();
 }
 
 TEST(Statsd, SplitsHostAndPort) {

@@ -103,11 +103,12 @@ TEST_F(Preferences, WhatCannotBeReadOrWrittenLeavesTheValuesAtHand) {
   root_.write(kFile, listOf("<key>a</key><true/>"));
   store_.synchronise(kDomain);
   std::filesystem::remove(root_ / kFile);
-  std::filesystem::create_directory(root_ / kFile);  // no file to read and none that rename(2) replaces
+  std::filesystem::create_directory_symlink(root_ / "", root_ / kFile);  // nothing to read, easily replaced
   store_.set("b", of(true), kDomain);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", kDomain), of(true));
   EXPECT_EQ(store_.value("b", kDomain), of(true));
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / kFile));
 
   std::filesystem::remove(root_ / kFile);
   store_.synchronise(kDomain);

@@ -26,7 +26,8 @@ PropertyList parsed(const std::string& text) {
 
 TEST(PropertyList, ReadsEveryKindOfValueAndWritesBackTheSame) {
   const std::string nested =
-      "<array><string>  </string><dict><key>&lt;</key><data>AAEC</data></dict></array>";
+      "<array a='\">'><string>  &#13;</string>\r\n<!-- </array> --><dict><key>&lt;</key><array/></dict>"
+      "<![CDATA[</array>]]><?pi </array>?></array>";
   const PropertyList list = parsed(listOf(
       "<key>t</key><true/><key>f</key><false></false><!-- said twice --><key>i</key><integer>1</integer>\n"
       "<key>i</key><integer> -9223372036854775808 </integer><key>r</key><real>+2.5e3</real>"
