@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+/// Runs the program itself on a scratch root.
+class Command : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(mkdtemp(root_.data())); }
+  void TearDown() override { std::filesystem::remove_all(root_); }
+
+  /// The exit status; what it said is in `output_`, stderr too.
+  int run(const std::string& arguments) {
+    const std::string line = std::string(QUORVELCTL) + " --root " + root_ + " " + arguments + " 2>&1";
+    FILE* pipe = popen(line.c_str(), "r");
+    output_.clear();
+    for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) output_ += static_cast<char>(c);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  std::string contents(const std::string& path) const {
+    std::ostringstream text;
+    text << std::ifstream(root_ + path).rdbuf();
+    return text.str();
+  }
+
+  void write(const std::string& path, const std::string& text) const {
+    std::filesystem::create_directories(std::filesystem::path(root_ + path).parent_path());
+    std::ofstream(root_ + path) << text;
+  }
+
+  std::string root_ = "/tmp/quorvelctl.XXXXXX";
+  std::string output_;
+};
+
+constexpr const char* kTelvo = "/var/mobile/Library/Preferences/com.corvix.telvo.plist";
+constexpr const char* kPosted = "/run/quorveld/notify/com.corvix.quorvel.pref_changed";
+
+TEST_F(Command, PreferencesAreWrittenAndTheDaemonIsTold) {
+  EXPECT_EQ(run("prefs set --no-notify QuorvelEnabled true"), 0) << output_;
+  EXPECT_FALSE(std::filesystem::exists(root_ + kPosted));
+  EXPECT_EQ(run("prefs set QuorvelDailyLogLimit -1"), 0) << output_;
+  EXPECT_EQ(contents(kPosted), "0\n");
+  EXPECT_NE(contents(kTelvo).find("<integer>-1</integer>"), std::string::npos);
+  struct stat status {};
+  EXPECT_EQ(stat((root_ + kTelvo).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0644u);
+  EXPECT_EQ(run("prefs get QuorvelEnabled"), 0);
+  EXPECT_EQ(output_, "true\n");
+
+  write("/Library/Managed Preferences/mobile/.GlobalPreferences.plist",
+        "<plist><dict><key>QVProfile.QuorvelEnabled</key><false/></dict></plist>");
+  EXPECT_EQ(run("prefs get QuorvelEnabled"), 0);
+  EXPECT_EQ(output_, "false (managed)\n");
+  EXPECT_EQ(run("prefs unset QuorvelEnabled"), 0);
+  EXPECT_EQ(contents(kTelvo).find("QuorvelEnabled"), std::string::npos);
+  EXPECT_EQ(run("prefs get QuorvelEnableHUD"), 1);
+}
+
+TEST_F(Command, ABrokenFileIsLeftAlone) {
+  write(kTelvo, "<plist>\n<dict>\n<key>");
+  EXPECT_EQ(run("prefs set QuorvelEnabled true"), 1);
+  EXPECT_NE(output_.find("line "), std::string::npos) << output_;
+  EXPECT_EQ(contents(kTelvo), "<plist>\n<dict>\n<key>");
+}
+
+TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
+  for (const char* arguments :
+       {"", "prefs", "prefs set QuorvelEnabled", "prefs set QuorvelEnabled perhaps", "prefs set Quorvel 1",
+        "notify ../x", "notify .x", "notify x 1.5", "nonsense"}) {
+    EXPECT_EQ(run(arguments), 2) << arguments;
+    EXPECT_FALSE(output_.empty());
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(root_));
+  EXPECT_EQ(run("reports list"), 1);
+  EXPECT_EQ(run("metrics"), 1);
+  for (const char* arguments :
+       {"--help", "prefs --help", "prefs set --help", "notify --help", "reports show --help"}) {
+    EXPECT_EQ(run(arguments), 0) << arguments;
+  }
+}
+
+TEST_F(Command, ANotificationReplacesItsFile) {
+  EXPECT_EQ(run("notify com.corvix.drovik.hid.displayStatus 18446744073709551615"), 0) << output_;
+  EXPECT_EQ(contents("/run/quorveld/notify/com.corvix.drovik.hid.displayStatus"), "18446744073709551615\n");
+  EXPECT_EQ(run("notify com.corvix.drovik.hid.displayStatus"), 0);
+  EXPECT_EQ(contents("/run/quorveld/notify/com.corvix.drovik.hid.displayStatus"), "0\n");
+}
+
+TEST_F(Command, TheSpoolIsListedWithItsBrokenReports) {
+  const std::string spool = "/var/root/Library/Caches/quorveld/spool/";
+  write(spool + "a.kelvane", R"({"metadata":{"ServiceName":"Fence-hang","PID":4,"ProcessPath":"/bin/viewer",
+    "StartTime":0,"EndTime":24000}})");
+  write(spool + "b.kelvane", "{");
+  write(spool + "other", "");
+  EXPECT_EQ(run("reports list"), 0) << output_;
+  EXPECT_NE(output_.find("fence hang  viewer   Fence-hang  1 ms"), std::string::npos) << output_;
+  EXPECT_NE(output_.find("unreadable"), std::string::npos);
+  EXPECT_EQ(output_.find("other"), std::string::npos);
+  EXPECT_EQ(run("reports show a.kelvane"), 0) << output_;
+  EXPECT_EQ(run("reports show b.kelvane"), 1);
+  EXPECT_EQ(run("reports show c.kelvane"), 1);
+}
+
+}  // namespace

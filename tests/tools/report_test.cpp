@@ -1,0 +1,74 @@
+#include "tools/report.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/report_text.h"
+
+using quorvelctl::ReportFrame;
+
+namespace {
+
+// A report with one thread more than the hung one; a name that would speak to a terminal.
+constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,
+"Reason":"MainThread-viewer: timeout 8500ms","ServiceName":"MainThread","ProcessPath":"/usr/bin/viewer","PID":41,
+"ThreadID":41,"StartTime":24000000,"EndTime":228000000,"DisplayData":[12000000,-1,48000000,0],
+"host":{"system":"Linux","kernel":"6.1","cpus":2},"capture":{"time":"2026-03-01T10:00:00Z"},
+"leftOut":[{"what":"scheduler events","why":"not recorded"}]},
+"traceEvents":[{"ph":"P","tid":41,"sf":"4"},{"ph":"P","tid":42,"sf":"2"},{"ph":"X","tid":41}],
+"stackFrames":{"1":{"name":"viewer+0x10","category":"viewer","module":"/usr/bin/viewer","offset":"0x10","build_id":"ab"},
+"2":{"name":"libc.so.6+0x20","category":"libc.so.6","parent":"1","offset":"0x20"},
+"3":{"name":"do_futex","category":"kernel","parent":"2"},"4":{"name":"futex_wait","category":"kernel","parent":"3"}},
+"threads":[{"tid":42,"name":"wor\u001b[31mker","state":"sleeping","syscall":999},
+{"tid":41,"name":"viewer","hung":true,"state":"sleeping","waitChannel":"futex_do_wait","syscall":202,
+"syscallName":"futex","userMs":12,"systemMs":3,"kernelStack":["futex_wait","do_futex"]}]})";
+
+TEST(Report, IsToldInWords) {
+  std::string error;
+  const auto report = quorvelctl::parseReport(kReport, error);
+  ASSERT_TRUE(report) << error;
+  const std::string text = quorvelctl::reportText(
+      *report, [](const ReportFrame& frame) { return frame.buildId == "ab" ? "main" : std::string(); });
+  EXPECT_EQ(text,
+            "hang MainThread: viewer (pid 41), 8.50 s\n\n"
+            "reason   MainThread-viewer: timeout 8500ms\n"
+            "process  /usr/bin/viewer\n"
+            "thread   41\n"
+            "ticks    24000000 to 228000000\n"
+            "display  unknown from 500 ms before the hang, then off from 1.00 s into it\n"
+            "made     2026-03-01T10:00:00Z\n"
+            "host     Linux, 6.1, 2 CPUs\n\n"
+            "Thread 41 viewer, which hung: sleeping in futex_do_wait, system call futex\n"
+            "CPU time so far: 12 ms user, 3 ms system\n\n"
+            "  kernel, innermost first\n    futex_wait\n    do_futex\n\n"
+            "  user, innermost first\n    libc.so.6+0x20\n    main  (viewer+0x10)\n\n"
+            "Other threads\n"
+            "THREAD  NAME         DOING                      INNERMOST FRAME\n"
+            "42      wor?[31mker  sleeping, system call 999  libc.so.6+0x20\n\n"
+            "Left out\n  scheduler events: not recorded\n");
+}
+
+TEST(Report, ItsHeaderIsReadWithoutTheRest) {
+  const std::string text(kReport);
+  std::string error;
+  const auto header = quorvelctl::parseReportHeader(text.substr(0, text.find("\"traceEvents\"")), error);
+  ASSERT_TRUE(header) << error;
+  EXPECT_EQ(header->kind() + " " + header->processName(), "hang viewer");
+  EXPECT_DOUBLE_EQ(header->durationMs(), 8500);
+}
+
+TEST(Report, WhatIsOfAnotherTypeStaysEmptyAndWhatIsNoReportIsRefused) {
+  std::string error;
+  const auto odd = quorvelctl::parseReport(
+      R"({"metadata":{"PID":"x","ServiceName":7,"DisplayData":[1,"y",3]},"threads":[3,{"hung":"yes"}],
+          "traceEvents":[{"ph":"P","tid":0,"sf":"1"}],"stackFrames":{"1":{"parent":"1"}}})",
+      error);
+  ASSERT_TRUE(odd) << error;
+  EXPECT_EQ(odd->header.kind(), "slow launch");
+  EXPECT_EQ(odd->threads.size(), 2u);
+  for (const char* text : {"", "[]", "{}", "{\"metadata\":", "{\"metadata\":{\"PID\":1", "\xff"}) {
+    EXPECT_FALSE(quorvelctl::parseReport(text, error)) << text;
+    EXPECT_FALSE(quorvelctl::parseReportHeader(text, error)) << text;
+  }
+}
+
+}  // namespace

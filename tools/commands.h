@@ -1,0 +1,16 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "tools/context.h"
+
+namespace quorvelctl {
+
+// One family of commands each: adds them to the command line; they run while it is parsed and leave their
+// status in `context`, which outlives the parsing.
+void addPrefsCommands(CLI::App& app, Context& context);
+void addNotifyCommand(CLI::App& app, Context& context);
+void addReportsCommands(CLI::App& app, Context& context);
+void addMetricsCommand(CLI::App& app, Context& context);
+
+}  // namespace quorvelctl

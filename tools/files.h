@@ -1,0 +1,21 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace quorvelctl {
+
+/// The longest file that is read, in bytes.
+inline constexpr size_t kMaxFileBytes = size_t{256} * 1024 * 1024;
+
+/// All of the regular file at `path`; nothing, and the reason, when it can't be read or is longer than
+/// `maxBytes`.
+std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error);
+
+/// Puts `bytes` in the place of the file at `path` in one step, mode 0644; directories that are missing are
+/// made. On an error the old file stays as it was. `synced`: they survive a power cut from then on.
+[[nodiscard]] std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced);
+
+}  // namespace quorvelctl

@@ -1,0 +1,42 @@
+#include <cstdio>
+#include <exception>
+
+#include "tools/commands.h"
+
+namespace {
+
+int run(int argc, char** argv) {
+  quorvelctl::Context context;
+  CLI::App app{"Looks after quorveld: its preferences, notifications, reports and counters.", "quorvelctl"};
+  app.fallthrough();
+  app.require_subcommand(1);
+  app.failure_message(CLI::FailureMessage::simple);
+  app.add_option("--root", context.root, "Folder below which the daemon's files are")
+      ->envname("QUORVELD_ROOT")
+      ->check(CLI::ExistingDirectory)
+      ->type_name("DIR");
+  app.add_flag("--json", context.json, "Answer in JSON");
+  app.footer("Every command takes --root DIR and --json. Exit status: 0 done, 1 failed, 2 wrong usage.");
+  quorvelctl::addPrefsCommands(app, context);
+  quorvelctl::addNotifyCommand(app, context);
+  quorvelctl::addReportsCommands(app, context);
+  quorvelctl::addMetricsCommand(app, context);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : quorvelctl::kWrongUsage;
+  }
+  if (std::fflush(stdout) != 0) context.fail("the output could not be written");
+  return context.status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "quorvelctl: %s\n", error.what());
+    return quorvelctl::kFailed;
+  }
+}

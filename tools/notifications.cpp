@@ -1,0 +1,20 @@
+#include "tools/notifications.h"
+
+#include <string>
+
+#include "tools/files.h"
+
+namespace quorvelctl {
+
+bool isNotificationName(std::string_view name) {
+  constexpr size_t kMaxNameBytes = 255;  // NAME_MAX
+  return !name.empty() && name.size() <= kMaxNameBytes && name.front() != '.' &&
+         name.find('/') == std::string_view::npos;
+}
+
+std::error_code post(const Context& context, std::string_view name, uint64_t state) {
+  return replaceFile(context.path("/run/quorveld/notify/") + std::string(name), std::to_string(state) + '\n',
+                     false);
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tools/report.h"
+
+namespace quorvelctl {
+
+/// A report file of the spool.
+struct ReportEntry {
+  std::string fileName;
+  time_t writtenAt = 0;
+  uint64_t sizeBytes = 0;
+  ReportHeader header;
+  std::string problem;  ///< why the header is missing
+};
+
+/// Names the function of a frame; empty when it can't.
+using FrameNamer = std::function<std::string(const ReportFrame&)>;
+
+/// "7.50 s", or "401 ms" below a second.
+std::string durationText(double ms);
+/// "512 B", "12 KB", "3.4 MB".
+std::string sizeText(uint64_t bytes);
+
+/// One line a report, in local time.
+std::string reportTable(const std::vector<ReportEntry>& entries);
+
+/// The report in words: what hung and when, the hung thread's stacks, one line for each other thread.
+std::string reportText(const Report& report, const FrameNamer& nameOf);
+
+}  // namespace quorvelctl

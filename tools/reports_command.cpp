@@ -1,0 +1,139 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "tools/commands.h"
+#include "tools/files.h"
+#include "tools/report.h"
+#include "tools/report_text.h"
+#include "tools/symbols.h"
+#include "tools/table.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr const char* kSpool = "/var/root/Library/Caches/quorveld/spool";
+constexpr const char* kSuffix = ".kelvane";
+
+/// The spool's reports without their headers, oldest first. Nothing when it can't be read, which has been
+/// told.
+std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
+  std::vector<ReportEntry> entries;
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(context.path(kSpool), error), end; !error && file != end;
+       file.increment(error)) {
+    struct stat status {};
+    if (file->path().extension() != kSuffix || lstat(file->path().c_str(), &status) != 0) continue;
+    if (!S_ISREG(status.st_mode)) continue;
+    entries.push_back(
+        {file->path().filename(), status.st_mtim.tv_sec, static_cast<uint64_t>(status.st_size), {}, {}});
+  }
+  if (error) {
+    context.fail("can't read the reports in " + context.path(kSpool) + ": " + error.message());
+    return std::nullopt;
+  }
+  std::sort(entries.begin(), entries.end(), [](const ReportEntry& a, const ReportEntry& b) {
+    return std::tie(a.writtenAt, a.fileName) < std::tie(b.writtenAt, b.fileName);
+  });
+  return entries;
+}
+
+void readHeader(const std::string& path, ReportEntry& entry) {
+  std::error_code error;
+  const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
+  if (!text) {
+    entry.problem = error.message();
+  } else if (const auto header = parseReportHeader(*text, entry.problem)) {
+    entry.header = *header;
+  }
+}
+
+nlohmann::ordered_json jsonEntry(const ReportEntry& entry) {
+  tm parts{};
+  char date[32] = "";
+  if (gmtime_r(&entry.writtenAt, &parts)) std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  nlohmann::ordered_json json{{"file", entry.fileName}, {"date", date}, {"sizeBytes", entry.sizeBytes}};
+  if (!entry.problem.empty()) {
+    json["problem"] = entry.problem;
+    return json;
+  }
+  const ReportHeader& header = entry.header;
+  json.update({{"kind", header.kind()},
+               {"process", header.processName()},
+               {"pid", header.pid},
+               {"name", header.serviceName},
+               {"reason", header.reason},
+               {"durationMs", header.durationMs()}});
+  return json;
+}
+
+void list(Context& context) {
+  auto entries = spoolEntries(context);
+  if (!entries) return;
+  nlohmann::ordered_json json = nlohmann::ordered_json::array();
+  for (ReportEntry& entry : *entries) {
+    readHeader(context.path(kSpool) + "/" + entry.fileName, entry);
+    json.push_back(jsonEntry(entry));
+  }
+  std::fputs((context.json ? jsonText(json) : reportTable(*entries)).c_str(), stdout);
+}
+
+/// Where the report that was asked for is: the newest when no name was given. Empty when there is none, as
+/// told.
+std::string pathOf(Context& context, const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  if (!name.empty()) return context.path(kSpool) + "/" + name;
+  const auto entries = spoolEntries(context);
+  if (entries && entries->empty()) context.fail("there is no report");
+  if (!entries || entries->empty()) return {};
+  return context.path(kSpool) + "/" + entries->back().fileName;
+}
+
+void show(Context& context, const std::string& name, bool withSymbols) {
+  const std::string path = pathOf(context, name);
+  if (path.empty()) return;
+  std::error_code code;
+  const std::optional<std::string> text = readFile(path, kMaxFileBytes, code);
+  if (!text) {
+    context.fail("can't read " + path + ": " + code.message());
+    return;
+  }
+  std::string error;
+  const std::optional<Report> report = parseReport(*text, error);
+  if (!report) {
+    context.fail(path + " is no report: " + error);
+  } else if (context.json) {
+    std::fwrite(text->data(), 1, text->size(), stdout);
+  } else {
+    Symbols symbols;
+    const FrameNamer named = [&](const ReportFrame& frame) { return symbols.nameOf(frame); };
+    const FrameNamer unnamed = [](const ReportFrame&) { return std::string(); };
+    std::fputs(reportText(*report, withSymbols ? named : unnamed).c_str(), stdout);
+  }
+}
+
+}  // namespace
+
+void addReportsCommands(CLI::App& app, Context& context) {
+  CLI::App* reports = app.add_subcommand("reports", "Show the trace reports of hangs and slow launches");
+  reports->require_subcommand(1);
+  reports->add_subcommand("list", "All reports, oldest first")->callback([&context] { list(context); });
+
+  struct Arguments {
+    std::string file;
+    bool symbols = false;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* command = reports->add_subcommand("show", "One report in words; with --json as it is");
+  command->add_option("FILE", arguments->file, "Its name in the spool, or a path; the newest if not given");
+  command->add_flag(
+      "--symbols", arguments->symbols,
+      "Name functions by the programs and libraries that the report names, which are opened for that");
+  command->callback([arguments, &context] { show(context, arguments->file, arguments->symbols); });
+}
+
+}  // namespace quorvelctl

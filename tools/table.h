@@ -1,0 +1,20 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quorvelctl {
+
+/// `text` fit for a terminal: control characters, which names from applications may hold, become '?'.
+std::string printable(std::string_view text);
+
+/// Rows of texts as lines of columns, two blanks apart, each as wide as its widest text; the last one isn't
+/// padded. The first row is the heading.
+std::string table(const std::vector<std::vector<std::string>>& rows);
+
+/// `value` on one or more lines with a line break at the end; what is no UTF-8 in it is replaced.
+std::string jsonText(const nlohmann::ordered_json& value);
+
+}  // namespace quorvelctl
