@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace quorveld::linux_platform {
 
@@ -164,7 +165,9 @@ std::unique_ptr<platform::MainQueue> LinuxQueues::createMain(std::string_view la
   const sigset_t signals = mainSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   applyQoS(qos);
-  return std::make_unique<LinuxMainQueue>(label);
+  auto queue = std::make_unique<LinuxMainQueue>(label);
+  if (mainQueueMade_) mainQueueMade_(*queue);
+  return queue;
 }
 
 std::unique_ptr<platform::WorkQueue> LinuxQueues::create(std::string_view label, platform::QoSClass qos) {

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <utility>
+
 #include "platform/linux/event_loop.h"
 #include "platform/work_queue.h"
 
@@ -28,8 +33,16 @@ class MainEventQueue : public platform::MainQueue, public EventQueue {
 /// served and STOPPING=1 when it is quit (sd_notify(3)).
 class LinuxQueues final : public platform::Queues {
  public:
+  /// `mainQueueMade` is called with the main queue once there is one: for services that run work of their own
+  /// on it.
+  explicit LinuxQueues(std::function<void(platform::WorkQueue&)> mainQueueMade = {})
+      : mainQueueMade_(std::move(mainQueueMade)) {}
+
   std::unique_ptr<platform::MainQueue> createMain(std::string_view label, platform::QoSClass qos) override;
   std::unique_ptr<platform::WorkQueue> create(std::string_view label, platform::QoSClass qos) override;
+
+ private:
+  std::function<void(platform::WorkQueue&)> mainQueueMade_;
 };
 
 }  // namespace quorveld::linux_platform

@@ -56,7 +56,7 @@ IpcConnection::IpcConnection(std::shared_ptr<IpcConnectionContext> context, Uniq
       handshake_(std::make_unique<DBusHandshake>(context_->guid)) {}
 
 void IpcConnection::setHandler(std::function<void(const IpcEvent&)> handler) {
-  handler_ = std::move(handler);
+  if (isOpen()) handler_ = std::move(handler);
 }
 
 void IpcConnection::resume() {
@@ -82,6 +82,8 @@ void IpcConnection::announceTermination() {
 }
 
 void IpcConnection::close() {
+  // The handler may hold the connection that holds it: dropped at the end, perhaps this object with it.
+  const auto handler = std::exchange(handler_, nullptr);
   readSource_.reset();
   handshakeTimer_.reset();
   descriptors_.clear();
@@ -236,10 +238,11 @@ void IpcConnection::refuse(std::string_view reason) {
 
 void IpcConnection::fail(std::string_view reason) {
   const auto held = shared_from_this();
+  const auto handler = std::exchange(handler_, nullptr);
   close();
   context_->forget(*this);
   const IpcError error{IpcErrorKind::connectionInvalid, std::string(reason)};
-  deliver(&error);
+  if (handler) handler(&error);
 }
 
 }  // namespace quorveld::linux_platform
