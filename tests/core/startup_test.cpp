@@ -64,11 +64,15 @@ TEST(StartUp, RepairsItsDirectoriesAndGoesOnWithoutThem) {
   const Case cases[] = {
       {"a file in the way",
        [&](World& world) {
-         EXPECT_FALSE(world.files.makeDirectory(kCache, 0755)), world.files.putFile(tmp, "x");
+         EXPECT_FALSE(world.files.makeDirectory(kCache, 0755));
+         world.files.putFile(tmp, "x");
        },
        {}},
       {"a link in the way",
-       [&](World& world) { EXPECT_FALSE(world.files.makeDirectory(kCache, 0755)), world.files.putLink(tmp); },
+       [&](World& world) {
+         EXPECT_FALSE(world.files.makeDirectory(kCache, 0755));
+         world.files.putLink(tmp);
+       },
        {}},
       {"a file that stays",
        [&](World& world) {
