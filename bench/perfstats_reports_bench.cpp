@@ -38,6 +38,8 @@ void operator delete(void* memory, size_t) noexcept {
   std::free(memory);
 }
 
+// The linker's --wrap chooses these names.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
@@ -46,6 +48,7 @@ void* __wrap_calloc(size_t count, size_t size) {
   return __real_calloc(count, size);
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace quorveld {
 namespace {

@@ -63,12 +63,11 @@ size_t merge(std::span<const task_statistics> start, std::span<const task_statis
   size_t i = 0, j = 0, k = 0;
   while (i < start.size() || j < end.size()) {
     task_statistics& next = output[k++];
-    if (i == start.size()) {
+    const bool startUsedUp = i == start.size(), endUsedUp = j == end.size();
+    if (startUsedUp || (!endUsedUp && end[j].pid < start[i].pid)) {
       writeNew(end[j++], next);
-    } else if (j == end.size() || end[j].pid > start[i].pid) {
+    } else if (endUsedUp || end[j].pid > start[i].pid) {
       writeDead(start[i++], next);
-    } else if (end[j].pid < start[i].pid) {
-      writeNew(end[j++], next);
     } else {
       writePresent(start[i++], end[j++], next);
     }

@@ -4,9 +4,9 @@
 
 namespace quorveld {
 
-/// Lets the nth calloc of exactly `bytes` from now fail. The library under test is linked with its calloc
+/// Lets the next calloc of exactly `bytes` fail. The library under test is linked with its calloc
 /// calls wrapped.
-void failCalloc(size_t bytes, int nth = 1);
+void failCalloc(size_t bytes);
 
 /// How many wrapped callocs there were in this program.
 int callocCount();

@@ -7,7 +7,6 @@
 #include "base/value_text.h"
 #include "perfstats/activation_flags.h"
 #include "perfstats/activation_report.h"
-#include "perfstats/perf_stats_process.h"
 #include "perfstats/report_state.h"
 #include "tests/perfstats/statistics.h"
 #include "tests/sim/sim_platform.h"

@@ -27,6 +27,7 @@ inline CpuStatisticsPtr statistics(const std::vector<task_statistics>& tasks) {
 
 inline std::vector<int32_t> pids(const cpu_statistics& record) {
   std::vector<int32_t> listed;
+  listed.reserve(static_cast<size_t>(record.count));
   for (int32_t i = 0; i < record.count; ++i) listed.push_back(record.tasks[i].pid);
   return listed;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 #include <random>
+#include <tuple>
 
 #include "tests/perfstats/statistics.h"
 #include "tests/sim/sim_platform.h"
@@ -24,11 +25,14 @@ std::vector<task_statistics> tasksOf(const std::vector<int32_t>& pids) {
 
 void expectSortedByPid(std::vector<task_statistics> tasks) {
   std::vector<task_statistics> expected = tasks;
-  std::stable_sort(expected.begin(), expected.end(),
-                   [](const auto& a, const auto& b) { return a.pid < b.pid; });
+  std::sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) {
+    return std::tie(a.pid, a.rusage.serviced_system_time) < std::tie(b.pid, b.rusage.serviced_system_time);
+  });
   sortByPid(tasks);
   for (size_t i = 0; i < tasks.size(); ++i) {
-    ASSERT_EQ(std::memcmp(&tasks[i], &expected[i], sizeof tasks[i]), 0) << "entry " << i;
+    ASSERT_EQ(tasks[i].pid, expected[i].pid) << "entry " << i;
+    ASSERT_STREQ(tasks[i].name, expected[i].name) << "entry " << i;
+    ASSERT_EQ(std::memcmp(&tasks[i].rusage, &expected[i].rusage, sizeof tasks[i].rusage), 0) << "entry " << i;
   }
 }
 
@@ -49,6 +53,7 @@ TEST(TaskOrder, ByPidIsWhatAStableSortOfWholeEntriesGives) {
 
 std::vector<int32_t> byUserTime(const std::vector<uint64_t>& userTicks) {
   std::vector<task_statistics> tasks;
+  tasks.reserve(userTicks.size());
   for (const uint64_t ticks : userTicks) tasks.push_back(task(static_cast<int32_t>(tasks.size()), "", ticks));
   sortByUserTime(tasks);
   std::vector<int32_t> places;
