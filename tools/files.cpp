@@ -75,9 +75,11 @@ std::error_code replaceFile(const std::string& path, std::string_view bytes, boo
   std::filesystem::create_directories(directory, error);
   if (error) return error;
   std::string temporary = directory / ".quorvelctl-XXXXXX";
-  const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
-  if (file.get() < 0) return lastError();
-  error = fill(file.get(), bytes, synced);
+  {
+    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+    if (file.get() < 0) return lastError();
+    error = fill(file.get(), bytes, synced);
+  }  // closed first: whoever watches the directory sees one event under the final name, not two
   if (!error && rename(temporary.c_str(), path.c_str()) != 0) error = lastError();
   if (error) {
     unlink(temporary.c_str());

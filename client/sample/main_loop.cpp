@@ -17,6 +17,7 @@ namespace {
 constexpr const char* kTurnName = "MainThread";
 constexpr long kTickNs = 100'000'000;
 constexpr uint64_t kTicksBetweenHangs = 10;
+constexpr uint64_t kTicksAfterLastHang = 25;  // a fence hang is looked at a second after it was reported
 constexpr int64_t kFence = 1;
 constexpr double kTicksPerMs = 24'000;
 constexpr double kLongTurnMs = 250;
@@ -132,7 +133,7 @@ void MainLoop::tick() {
     return;
   }
   hang();
-  nextHangTick_ = ticks_ + kTicksBetweenHangs;
+  nextHangTick_ = ticks_ + (hangs_ < options_.times ? kTicksBetweenHangs : kTicksAfterLastHang);
 }
 
 void MainLoop::hang() {

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -88,9 +91,22 @@ TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
   }
 }
 
-TEST_F(Command, ANotificationReplacesItsFile) {
+TEST_F(Command, ANotificationReplacesItsFileAndIsSeenOnce) {
+  std::filesystem::create_directories(root_ + "/run/quorveld/notify");
+  const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  inotify_add_watch(watch, (root_ + "/run/quorveld/notify").c_str(), IN_MOVED_TO | IN_CLOSE_WRITE);
   EXPECT_EQ(run("notify com.corvix.drovik.hid.displayStatus 18446744073709551615"), 0) << output_;
   EXPECT_EQ(contents("/run/quorveld/notify/com.corvix.drovik.hid.displayStatus"), "18446744073709551615\n");
+  int seen = 0;
+  alignas(inotify_event) std::array<char, 4096> events;
+  const ssize_t length = read(watch, events.data(), events.size());
+  for (ssize_t at = 0; at < length;) {
+    const auto* event = reinterpret_cast<const inotify_event*>(events.data() + at);
+    if (std::string_view(event->name) == "com.corvix.drovik.hid.displayStatus") ++seen;
+    at += static_cast<ssize_t>(sizeof *event + event->len);
+  }
+  close(watch);
+  EXPECT_EQ(seen, 1);
   EXPECT_EQ(run("notify com.corvix.drovik.hid.displayStatus"), 0);
   EXPECT_EQ(contents("/run/quorveld/notify/com.corvix.drovik.hid.displayStatus"), "0\n");
 }
