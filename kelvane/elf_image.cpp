@@ -95,6 +95,7 @@ ElfImage ElfImage::open(int processDir, const MappedModule& module) {
 
 ElfImage ElfImage::openVdso() {
   ElfImage image;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel hands it over as a number
   auto* start = reinterpret_cast<char*>(getauxval(AT_SYSINFO_EHDR));
   if (!start || elf_version(EV_CURRENT) == EV_NONE) return image;
   // The section headers are the last thing in the image, which stays mapped for ever and is only read.

@@ -53,6 +53,7 @@ bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* option
     whole = kelvane::dump(fd, options);
   } catch (...) {
     // Out of memory, most likely: the caller removes the part that was written.
+    whole = false;
   }
   // The host is small and stays up for months; what a capture needed goes back at once.
   malloc_trim(0);

@@ -26,15 +26,15 @@ inline constexpr std::chrono::milliseconds kCopyLimit{500};
 inline constexpr size_t kMaxThreadsCounted = 65'536;
 inline constexpr size_t kMaxThreadsListed = 1'024;
 inline constexpr size_t kMaxThreadsWithStack = 256;
-inline constexpr size_t kMaxStackBytes = 64 * 1024;
+inline constexpr size_t kMaxStackBytes = size_t{64} * 1024;
 /// Stack bytes held at a time: copying pauses here, and what was copied is unwound first.
-inline constexpr size_t kMaxCopiedBytes = 2 * 1024 * 1024;
+inline constexpr size_t kMaxCopiedBytes = size_t{2} * 1024 * 1024;
 inline constexpr size_t kMaxFramesPerStack = 256;
 inline constexpr size_t kMaxKernelFrames = 64;
-inline constexpr size_t kMaxMapsBytes = 16 * 1024 * 1024;
+inline constexpr size_t kMaxMapsBytes = size_t{16} * 1024 * 1024;
 inline constexpr size_t kMaxModules = 4'096;
 /// A section of an ELF file that is read for unwinding or naming; a file with a larger one is left alone.
-inline constexpr uint64_t kMaxSectionBytes = 64 * 1024 * 1024;
+inline constexpr uint64_t kMaxSectionBytes = uint64_t{64} * 1024 * 1024;
 /// A longer mangled name is written as it is: demangling may grow it without end.
 inline constexpr size_t kMaxMangledBytes = 1'024;
 inline constexpr size_t kMaxNameBytes = 4'096;
@@ -46,8 +46,8 @@ inline constexpr size_t kMaxProcessesListed = 256;
 
 // The header and the small files of /proc.
 
-inline constexpr size_t kMaxHeaderBytes = 1024 * 1024;
+inline constexpr size_t kMaxHeaderBytes = size_t{1024} * 1024;
 inline constexpr int kMaxHeaderDepth = 64;
-inline constexpr size_t kMaxProcFileBytes = 64 * 1024;
+inline constexpr size_t kMaxProcFileBytes = size_t{64} * 1024;
 
 }  // namespace kelvane

@@ -94,7 +94,6 @@ std::vector<std::string> parseKernelStack(std::string_view text, size_t maxFrame
 }
 
 std::optional<MapsLine> parseMapsLine(std::string_view line) {
-  MapsLine result;
   auto start = parseNumber<uint64_t>(takeUntil(line, '-'), 16);
   auto end = parseNumber<uint64_t>(takeUntil(line, ' '), 16);
   std::string_view permissions = takeUntil(line, ' ');

@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
-
 #include "kelvane/limits.h"
 #include "kelvane/proc_files.h"
 #include "kelvane/proc_text.h"

@@ -9,7 +9,7 @@
 namespace kelvane {
 namespace {
 
-constexpr size_t kBufferBytes = 64 * 1024;
+constexpr size_t kBufferBytes = size_t{64} * 1024;
 
 /// Blocks the signals of a failing write for this thread, and takes back those raised meanwhile.
 class WriteSignals {

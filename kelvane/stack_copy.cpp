@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <new>
 
 #include "kelvane/limits.h"
 #include "kelvane/proc_files.h"

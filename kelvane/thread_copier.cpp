@@ -1,7 +1,6 @@
 #include "kelvane/thread_copier.h"
 
 #include <elf.h>
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
@@ -58,6 +57,7 @@ size_t readMemory(pid_t pid, uint64_t start, std::span<std::byte> into) {
   for (size_t planned = 0; planned < into.size() && count < pieces.size();) {
     uint64_t address = start + planned;
     size_t length = std::min<uint64_t>(kPiece - address % kPiece, into.size() - planned);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of the other process
     pieces[count++] = {reinterpret_cast<void*>(address), length};
     planned += length;
   }

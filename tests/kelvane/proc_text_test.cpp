@@ -8,15 +8,15 @@ namespace kelvane {
 namespace {
 
 TEST(ProcText, StatOfACommandMadeToConfuse) {
-  auto stat =
-      parseStat("42 (a) R (b\n) D 1 1 1 0 -1 2097216 1 2 3 4 150 25 0 0 20 0 1 0 99 0 0 0 0 0 140737\n");
-  ASSERT_TRUE(stat);
-  EXPECT_EQ(stat->comm, "a) R (b\n");
-  EXPECT_EQ(stat->state, 'D');
-  EXPECT_EQ(stat->flags, 2097216u);
-  EXPECT_EQ(stat->userTicks, 150u);
-  EXPECT_EQ(stat->systemTicks, 25u);
-  EXPECT_EQ(stat->startStack, 140737u);
+  ProcStat stat =
+      parseStat("42 (a) R (b\n) D 1 1 1 0 -1 2097216 1 2 3 4 150 25 0 0 20 0 1 0 99 0 0 0 0 0 140737\n")
+          .value_or(ProcStat{});
+  EXPECT_EQ(stat.comm, "a) R (b\n");
+  EXPECT_EQ(stat.state, 'D');
+  EXPECT_EQ(stat.flags, 2097216u);
+  EXPECT_EQ(stat.userTicks, 150u);
+  EXPECT_EQ(stat.systemTicks, 25u);
+  EXPECT_EQ(stat.startStack, 140737u);
   for (const char* broken : {"", "42", "42 (x", "42 )x( S", "42 (x)", "42 (x) SS 1"}) {
     EXPECT_FALSE(parseStat(broken)) << broken;
   }

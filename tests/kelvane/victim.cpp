@@ -60,6 +60,7 @@ void enter(const char* name) {
 
 /// The parent of a vfork sleeps uninterruptibly until the child ends.
 [[gnu::noinline]] void waitsForVforkChild() {
+  // NOLINTNEXTLINE(bugprone-unsafe-functions): that it blocks its parent is what is wanted
   if (vfork() == 0) {
     for (int second = 0; second < 20; second++)
       syscall(SYS_nanosleep, &(const timespec&)(timespec{1, 0}), nullptr);
