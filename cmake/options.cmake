@@ -6,8 +6,9 @@ set(QUORVELD_SANITIZE "" CACHE STRING "Sanitizers for every target: address,unde
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wimplicit-fallthrough -Werror
                     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # With optimisation it takes the idle alternatives of a std::variant for uninitialised values in use.
-  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-maybe-uninitialized>)
+  # With optimisation it takes the idle alternatives of a std::variant for uninitialised values in use, and string
+  # concatenation for overlapping copies.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-maybe-uninitialized> $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
 if(QUORVELD_SANITIZE)
   add_compile_options(-fsanitize=${QUORVELD_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
