@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-#include <system_error>
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <optional>
+#include <utility>
 
 #include "platform/linux/file_bytes.h"
 #include "platform/linux/json_serializer.h"
@@ -17,52 +20,86 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr off_t kMaxFileBytes = 16 * 1024 * 1024;
+constexpr char kPath[] = "/var/log/quorveld/activations.jsonl";
+constexpr mode_t kDirectoryMode = 0755;
+constexpr mode_t kFileMode = 0644;
 
-std::string logPath() {
-  return rooted("/var/log/quorveld/activations.jsonl");
+/// The event as one line, its line break included; nothing, and the reason in `error`, when a text in it is
+/// no UTF-8.
+std::optional<std::string> lineOf(const platform::ActivationEvent& event, std::string& error) {
+  const std::pair<const char*, const platform::Dictionary*> members[] = {
+      {"{\"activationData\":", &event.activationData},
+      {",\"cpuData\":", &event.cpuData},
+      {",\"vmData\":", &event.vmData},
+      {",\"processData\":", &event.processData},
+  };
+  std::string line;
+  for (const auto& [key, dictionary] : members) {
+    const std::optional<std::string> json = toJson(*dictionary, error);
+    if (!json) return std::nullopt;
+    line += key;
+    line += *json;
+  }
+  return line + "}\n";
 }
 
-/// Appends with one write; a line that didn't go out whole is taken back, so that the next begins a line of
-/// its own.
-std::error_code appendLine(const std::string& path, const std::string& line) {
-  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-  struct stat before {};
-  if (!file || ::fstat(file.get(), &before) != 0) return lastError();
-  const ssize_t written = ::write(file.get(), line.data(), line.size());
-  if (written == static_cast<ssize_t>(line.size())) return {};
-  const std::error_code error =
-      written < 0 ? lastError() : std::make_error_code(std::errc::no_space_on_device);
-  if (written > 0) (void)!::ftruncate(file.get(), before.st_size);
-  return error;
+/// Where the last whole line of the file ends.
+off_t endOfLines(int file, off_t length) {
+  std::array<char, 4096> block;
+  while (length > 0) {
+    const off_t start =
+        length > static_cast<off_t>(block.size()) ? length - static_cast<off_t>(block.size()) : 0;
+    const ssize_t got = ::pread(file, block.data(), static_cast<size_t>(length - start), start);
+    if (got <= 0) return length;
+    const size_t at = std::string_view(block.data(), static_cast<size_t>(got)).rfind('\n');
+    if (at != std::string_view::npos) return start + static_cast<off_t>(at) + 1;
+    length = start;
+  }
+  return 0;
 }
 
 }  // namespace
 
 void LinuxPowerLog::handOver(const platform::ActivationEvent& event) {
-  std::string error;
-  const auto json = toJson({{"activationData", {event.activationData}},
-                            {"cpuData", {event.cpuData}},
-                            {"vmData", {event.vmData}},
-                            {"processData", {event.processData}}},
-                           error);
-  if (!json) {
-    logDefault("An activation event can't be written as JSON: %s", error.c_str());
-    return;
+  std::string reason;
+  if (const std::optional<std::string> line = lineOf(event, reason)) {
+    const std::error_code error = append(*line);
+    if (error) reason = error.message();
   }
-  append(*json + "\n");
+  if (!reason.empty() && !failing_) {
+    logDefault("Failed to append an activation to %s: %s", rooted(kPath).c_str(), reason.c_str());
+  }
+  failing_ = !reason.empty();
 }
 
-void LinuxPowerLog::append(const std::string& line) {
-  const std::string path = logPath();
-  (void)makeDirectories(directoryOf(path), 0755);  // what is wrong with it, opening the file tells
+std::error_code LinuxPowerLog::append(std::string_view line) const {
+  if (line.size() > maxFileBytes_) return std::make_error_code(std::errc::file_too_large);
+  const std::string path = rooted(kPath);
+  const std::error_code made = makeDirectories(directoryOf(path), kDirectoryMode);
+  if (made && made != std::errc::file_exists) return made;
+
+  UniqueFd file;
   struct stat status {};
-  if (::lstat(path.c_str(), &status) == 0 && status.st_size >= kMaxFileBytes) {
-    (void)::rename(path.c_str(), (path + ".1").c_str());
+  const auto open = [&] {
+    file.reset(
+        ::open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
+    return file && ::fstat(file.get(), &status) == 0;
+  };
+  if (!open()) return lastError();
+  if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::invalid_argument);
+  if (static_cast<uint64_t>(status.st_size) + line.size() > maxFileBytes_) {
+    if (std::rename(path.c_str(), (path + ".1").c_str()) != 0 || !open()) return lastError();
   }
-  const std::error_code error = appendLine(path, line);
-  if (error && !saidFailed_) logDefault("Can't append to %s: %s", path.c_str(), error.message().c_str());
-  saidFailed_ = static_cast<bool>(error);
+
+  // A daemon that was killed, or a disk that filled up, may have left the beginning of a line.
+  const off_t end = endOfLines(file.get(), status.st_size);
+  if (end != status.st_size && ::ftruncate(file.get(), end) != 0) return lastError();
+  const ssize_t written = ::write(file.get(), line.data(), line.size());
+  if (written == static_cast<ssize_t>(line.size())) return {};
+  const std::error_code error =
+      written < 0 ? lastError() : std::make_error_code(std::errc::no_space_on_device);
+  if (written > 0 && ::ftruncate(file.get(), end) != 0) return lastError();
+  return error;
 }
 
 }  // namespace quorveld::linux_platform
