@@ -16,7 +16,7 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr size_t kMaxOsReleaseBytes = 64 * 1024;
+constexpr size_t kMaxOsReleaseBytes = size_t{64} * 1024;
 
 std::map<std::string, std::string, std::less<>> osRelease() {
   for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {

@@ -13,7 +13,7 @@ namespace quorveld::linux_platform {
 namespace {
 
 constexpr mode_t kFileMode = 0644;
-constexpr size_t kReadStepBytes = 16 * 1024;
+constexpr size_t kReadStepBytes = size_t{16} * 1024;
 
 }  // namespace
 
@@ -85,7 +85,8 @@ std::error_code replaceFile(const std::string& path, std::string_view bytes, Dur
   error.clear();
   TemporaryFile file(directory, error);
   if (error) return error;
-  if ((error = writeAll(file.descriptor(), bytes))) return error;
+  error = writeAll(file.descriptor(), bytes);
+  if (error) return error;
   if (::fchmod(file.descriptor(), kFileMode) != 0) return lastError();
   if (durability == Durability::synced && ::fsync(file.descriptor()) != 0) return lastError();
   if (::rename(file.path().c_str(), path.c_str()) != 0) return lastError();

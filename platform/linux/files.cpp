@@ -75,10 +75,12 @@ std::error_code moveAcrossFileSystems(const std::string& from, const std::string
   if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::cross_device_link);
   std::error_code error;
   TemporaryFile copy(directoryOf(to), error);
-  if (error || (error = copyContents(source.get(), copy.descriptor()))) return error;
+  if (!error) error = copyContents(source.get(), copy.descriptor());
+  if (error) return error;
   if (::fchmod(copy.descriptor(), status.st_mode & 07777U) != 0) return lastError();
   if (::fsync(copy.descriptor()) != 0) return lastError();
-  if ((error = renameWithoutReplacing(copy.path().c_str(), to.c_str()))) return error;
+  error = renameWithoutReplacing(copy.path().c_str(), to.c_str());
+  if (error) return error;
   copy.keep();
   return resultOf(::unlink(from.c_str()));
 }

@@ -15,7 +15,7 @@ namespace {
 /// Long enough for any line of this folder with a path in it; what is beyond is cut off.
 constexpr size_t kMaxLineBytes = 4096 + 512;
 
-void write(platform::LogLevel level, const char* format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void write(platform::LogLevel level, const char* format, va_list arguments) {
   platform::LogHandle& handle = platform::current().logs.handle("com.corvix.quorvel", "");
   if (!handle.enabled(level)) return;
   std::array<char, kMaxLineBytes> line;

@@ -3,7 +3,6 @@
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstring>

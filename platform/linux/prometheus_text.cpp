@@ -39,8 +39,8 @@ void appendHistogram(std::string& text, const std::string& key, const Distributi
   for (size_t i = 0; i < distribution.buckets.size(); ++i) {
     upTo += distribution.buckets[i];
     const std::string bound = i < kBucketBoundsMs.size() ? number(kBucketBoundsMs[i]) : "+Inf";
-    text +=
-        "quorveld_distribution_ms_bucket" + label + ",le=\"" + bound + "\"} " + std::to_string(upTo) + "\n";
+    text.append("quorveld_distribution_ms_bucket").append(label).append(",le=\"").append(bound);
+    text.append("\"} ").append(std::to_string(upTo)).append("\n");
   }
   text += "quorveld_distribution_ms_sum" + label + "} " + number(distribution.sum) + "\n";
   text += "quorveld_distribution_ms_count" + label + "} " + std::to_string(distribution.count) + "\n";

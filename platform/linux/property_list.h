@@ -11,7 +11,7 @@
 namespace quorveld::linux_platform {
 
 /// The longest property list that is read, in bytes; parsing takes some twenty times as much for a moment.
-inline constexpr size_t kMaxPropertyListBytes = 1024 * 1024;
+inline constexpr size_t kMaxPropertyListBytes = size_t{1024} * 1024;
 
 struct PropertyListEntry {
   platform::PreferenceValue value;

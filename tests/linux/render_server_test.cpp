@@ -6,9 +6,10 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <array>
 #include <functional>
 #include <future>
-#include <thread>
 
 #include "platform/linux/event_queues.h"
 #include "platform/linux/unique_fd.h"
@@ -32,10 +33,10 @@ class PrivateBus {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, writing.get(), 3);
-    std::vector<std::string> words = {"dbus-daemon", "--session", "--nofork", "--print-address=3", address};
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    std::array<std::string, 5> words = {"dbus-daemon", "--session", "--nofork", "--print-address=3", address};
+    std::array<char*, 6> arguments{};
+    std::transform(words.begin(), words.end(), arguments.begin(),
+                   [](std::string& word) { return word.data(); });
     if (::posix_spawnp(&pid_, "dbus-daemon", &actions, nullptr, arguments.data(), environ) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
     writing.reset();
