@@ -75,8 +75,6 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
     for (Arrival& arrival : std::exchange(waiting_, {})) arrive(std::move(arrival));
   }
 
-  bool resumed() const { return resumed_; }
-
   void arrive(Arrival arrival) {
     if (!queue_) return;
     if (!resumed_) {
@@ -181,10 +179,6 @@ void SimClient::sendOdd(std::string description) const {
 
 void SimClient::fail(IpcErrorKind kind, std::string description) const {
   peer_->arrive(IpcError{kind, std::move(description)});
-}
-
-bool SimClient::resumed() const {
-  return peer_->resumed();
 }
 
 }  // namespace quorveld::sim

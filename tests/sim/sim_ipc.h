@@ -53,7 +53,6 @@ class SimClient {
   void sendOdd(std::string description) const;
   void fail(platform::IpcErrorKind kind, std::string description) const;
   void disconnect() const { fail(platform::IpcErrorKind::connectionInvalid, "Connection invalid"); }
-  bool resumed() const;
 
  private:
   std::shared_ptr<SimPeer> peer_;

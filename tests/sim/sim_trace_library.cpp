@@ -30,7 +30,6 @@ bool dump(int descriptor, const kelvane_options* options) {
     if (key == maxTimestampKey && option.type == KELVANE_UINT64) request.maxTimestamp = option.value.uint64;
   }
   active->requests.push_back(std::move(request));
-  if (active->whileWriting) active->whileWriting();
   const std::string& report = active->report;
   return write(descriptor, report.data(), report.size()) == static_cast<ssize_t>(report.size()) &&
          active->succeeds;
@@ -38,8 +37,7 @@ bool dump(int descriptor, const kelvane_options* options) {
 
 class Library final : public platform::TraceLibrary {
  public:
-  explicit Library(SimTraceLibraries& libraries) : libraries_(libraries) { ++libraries_.loaded; }
-  ~Library() override { --libraries_.loaded; }
+  explicit Library(const SimTraceLibraries& libraries) : libraries_(libraries) {}
 
   void* symbol(const char* name) override {
     const std::string_view wanted = name;
@@ -54,7 +52,7 @@ class Library final : public platform::TraceLibrary {
   }
 
  private:
-  SimTraceLibraries& libraries_;
+  const SimTraceLibraries& libraries_;
 };
 
 }  // namespace

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,13 +30,11 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   std::string_view suffix() const override { return ".so"; }
   std::unique_ptr<platform::TraceLibrary> open(const std::string& path) override;
 
-  std::string report = "TRACE";        ///< what the entry point writes
-  bool succeeds = true;                ///< what it then answers
-  bool entryPointMissing = false;      ///< the library lacks it
-  std::function<void()> whileWriting;  ///< runs inside the entry point
+  std::string report = "TRACE";    ///< what the entry point writes
+  bool succeeds = true;            ///< what it then answers
+  bool entryPointMissing = false;  ///< the library lacks it
   std::vector<TraceRequest> requests;
   std::vector<std::string> opened;  ///< paths asked for
-  int loaded = 0;                   ///< libraries open now
 
  private:
   FaultPlan& faults_;
