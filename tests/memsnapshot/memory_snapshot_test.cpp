@@ -1,0 +1,136 @@
+#include "memsnapshot/memory_snapshot.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "tests/sim/sim_platform.h"
+
+// The memory report: its text to the byte, and that it is whole or not there at all.
+
+namespace quorveld {
+namespace {
+
+using platform::LogLevel;
+using sim::Op;
+
+constexpr const char* kReport = "/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000.ips";
+constexpr const char* kWorkingFile =
+    "/var/root/Library/Caches/quorveld//memory-snapshot-2026-01-15-100000.ips";
+
+platform::memory_info_site site(uint64_t flags, uint64_t value, uint64_t size) {
+  platform::memory_info_site info{};
+  info.flags = flags;
+  info.site = value;
+  info.size = size;
+  return info;
+}
+
+/// A small machine that has one of everything.
+class Machine : public sim::SimPlatform {
+ public:
+  Machine() {
+    for (const char* directory : {"/var", "/var/root", "/var/root/Library", "/var/root/Library/Caches",
+                                  "/var/root/Library/Caches/quorveld"}) {
+      (void)files.makeDirectory(directory, 0755);
+    }
+    device.version = {"Orvane OS \"dev\"", "1.2", std::nullopt};
+    kernel.statistics.free_count = 10;
+    kernel.statistics.active_count = 20;
+    kernel.statistics.faults = 1ull << 40;
+    kernel.statistics.internal_page_count = 7;
+    kernel.ledgerNames = {{"resident", "", ""}, {"phys_footprint", "", ""}};
+    addProcess(1, "/sbin/init", -1000, 4096 * 3, 0, 0);
+    addProcess(2, "/apps/say \"hi\"\n", 200, int64_t{4096} << 21, 1u | 1u << 24 | 1ull << 27, 1u << 3);
+    addProcess(3, "noslash", 0, 0, 0, 1u << 3 | 1u << 5);
+    addProcess(4, "/ends/in/slash/", 0, 0, 0, 0);
+    addProcess(5, "", 0, 0, 0, 0);
+    kernel.executablePaths.erase(5);
+    kernel.priorities.push_back(
+        {.pid = 6, .priority = 0, .user_data = 0, .limit = -1, .state = 0});  // gone since
+    kernel.memory.zoneNames = {{"kmalloc-8"}, {"dentry"}};
+    kernel.memory.zoneInfos.resize(2);
+    kernel.memory.zoneInfos[0].current_size = 8192;
+    kernel.memory.zoneInfos[1].current_size = 4095;
+    kernel.memory.sites = {site(0x100, 12, 4096), site(0x100, 255, 4096), site(0x100, 99, 4096),
+                           site(0x101, 5, 12288), site(0x101, 6, 4096),   site(0x102, 0xFF00, 4096),
+                           site(0x102, 1, 8192),  site(0x103, 8, 4096),   site(0x103, 9, 4096),
+                           site(0x104, 1, 4096),  site(0x100, 1, 0),      site(0x000, 2, 4096),
+                           site(0x300, 3, 4096)};
+    kernel.extensions = {{5, "ext4"}};
+    kernel.symbols = {{0xFF00, "kernel_clone"}};
+  }
+
+  void addProcess(int32_t pid, const char* path, int32_t priority, int64_t footprint, uint64_t assertions,
+                  uint32_t state) {
+    kernel.executablePaths[pid] = path;
+    kernel.priorities.push_back(
+        {.pid = pid, .priority = priority, .user_data = assertions, .limit = -1, .state = state});
+    kernel.ledgers[pid] = std::vector<platform::ledger_entry_info>(2);
+    kernel.ledgers[pid][1].balance = footprint;
+  }
+};
+
+std::string golden() {
+  std::ifstream file(GOLDEN_DIR "/memory_snapshot.ips");
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+TEST(MemorySnapshot, ReportsTheWholeMachine) {
+  Machine machine;
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.content(kReport).value_or("(no report)"), golden());
+  EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt);
+}
+
+TEST(MemorySnapshot, IsWholeOrNotThere) {
+  struct Case {
+    Op op;
+    bool said;  ///< here; what the kernel refuses is said by the platform
+  };
+  // The ledger's template first: once known it isn't asked for again.
+  for (const Case& c : {Case{Op::ledgerTemplate, false}, Case{Op::memoryInfo, false},
+                        Case{Op::writeFile, true}, Case{Op::closeFile, true}, Case{Op::rename, true}}) {
+    Machine machine;
+    machine.faults.failOnce(c.op);
+    take_memory_snapshot();
+    EXPECT_EQ(machine.files.content(kReport), std::nullopt) << static_cast<int>(c.op);
+    EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt) << static_cast<int>(c.op);
+    EXPECT_EQ(machine.files.openFiles(), 0);
+    EXPECT_EQ(machine.logs.has(LogLevel::standard,
+                               std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
+              c.said)
+        << static_cast<int>(c.op);
+    // One refusal spoils one report.
+    take_memory_snapshot();
+    EXPECT_TRUE(machine.files.content(kReport).has_value()) << static_cast<int>(c.op);
+  }
+
+  Machine machine;
+  machine.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device);
+  take_memory_snapshot();
+  EXPECT_EQ(machine.logs.systemLines,
+            std::vector<std::string>{std::string("Could not create file - won't take a memory snapshot: ") +
+                                     kWorkingFile + " No space left on device"});
+}
+
+TEST(MemorySnapshot, SurvivesWhatIsMissing) {
+  Machine machine;
+  machine.faults.failOnce(Op::vmStatistics);
+  machine.faults.failOnce(Op::priorityList);
+  machine.kernel.memory.zoneNames.pop_back();  // names and sizes that don't pair
+  take_memory_snapshot();
+  const std::string report = machine.files.content(kReport).value_or("");
+  EXPECT_NE(
+      report.find("\"VM\" :\n{\n\"error\" : \"host_statistics64 failed\"\n},\n\"Processes\" :\n[\n],\n"),
+      std::string::npos)
+      << report;
+  EXPECT_NE(report.find("\"Zones\" :\n[\n],\n\"Wired\" :\n[\n"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quorveld
