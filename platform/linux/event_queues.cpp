@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>

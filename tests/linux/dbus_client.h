@@ -80,7 +80,7 @@ inline std::string envelope(const WireMessage& message, const std::string& body)
 }
 
 /// `entries`: the dictionary's marshalled entries, starting at a multiple of 8.
-inline std::string dictionary(const Wire& entries, WireMessage message = {}) {
+inline std::string dictionary(const Wire& entries, const WireMessage& message = {}) {
   Wire body(message.order);
   body.number(entries.bytes.size(), 4).align(8);
   return envelope(message, body.bytes + entries.bytes);
