@@ -258,6 +258,26 @@ TEST_F(ReportsTest, ConsoleIsSilentAboutWhatASnapshotLacks) {
   EXPECT_TRUE(world.logs.systemLines.empty());
 }
 
+TEST_F(ReportsTest, PageCountsWrapIn32BitsAndJSONShowsThemSigned) {
+  types = kSnapshotVm;
+  start.setVm_stats(vmCounters(0));
+  testing::internal::CaptureStdout();
+  logAppActivationDataToConsole(report());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "one end alone is nothing to compare";
+
+  end.setVm_stats(vmCounters(0));
+  start.vm_stats()->purges = 7;
+  end.vm_stats()->purges = 4;
+  end.vm_stats()->speculative_count = 31;  // one more than there are free pages
+  testing::internal::CaptureStdout();
+  logAppActivationDataToConsole(report());
+  const std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_NE(printed.find("swapouts\n4294967295 "), std::string::npos) << printed;
+  EXPECT_NE(printed.find(" 4294967293 "), std::string::npos) << "the difference of the purges\n" << printed;
+  logAppActivationDataAsJSON(report());
+  EXPECT_NE(world.logs.lines.back().text.find("{     \n\t\"free\":-1,"), std::string::npos);
+}
+
 TEST_F(ReportsTest, FlagsSaturateAndNeverLoseABit) {
   insert_activation_flag(40, ActivationFlag::startLatency, flags);
   EXPECT_EQ(flags, uint64_t{31} << 8);
