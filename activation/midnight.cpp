@@ -1,8 +1,7 @@
 #include "activation/midnight.h"
 
-#include <time.h>
-
 #include <array>
+#include <ctime>
 
 namespace quorveld {
 

@@ -66,6 +66,7 @@ TEST(Fences, FourHundredAndOneMillisecondsOfAnOpenFenceMakeAHangTheFences) {
 }
 
 TEST(Fences, OverlapsAreSummedEachTruncatedAsItIsAdded) {
+  const sim::SimPlatform platform;  // ticks are converted with its timebase
   struct Case {
     const char* what;
     std::vector<std::pair<int64_t, int64_t>> fences;  ///< start, end
@@ -102,6 +103,7 @@ TEST(Fences, OverlapsAreSummedEachTruncatedAsItIsAdded) {
 }
 
 TEST(Fences, AnEndFindsTheLastBeginOrElseTheHighestSlotOfThatName) {
+  const sim::SimPlatform platform;
   constexpr int64_t kA = 10, kB = 11;
   const auto hundred = static_cast<uint64_t>(ticks(100));
   FenceTable table;
