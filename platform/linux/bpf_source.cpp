@@ -35,7 +35,7 @@ constexpr int kMaxPasses = 4;
 /// ours.
 constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 
-int logLibbpf(libbpf_print_level level, const char* format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] int logLibbpf(libbpf_print_level level, const char* format, va_list arguments) {
   if (level == LIBBPF_DEBUG) return 0;
   std::array<char, 512> line;
   const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
