@@ -96,7 +96,7 @@ static uint64_t take_slot(const struct qv_process_page* page, QVSharedHangRegion
 static void write_identity(hangEvent* event, const char* name) {
   uint64_t words[kNameWords] = {0};
   if (name) memcpy(words, name, strnlen(name, QV_HANG_NAME_BYTES - 1));
-  name_word* out = (name_word*)(void*)event->hangName;
+  name_word* out = (name_word*)event->hangName;
   for (unsigned i = 0; i < kNameWords; ++i) __atomic_store_n(&out[i], words[i], __ATOMIC_RELEASE);
   __atomic_store_n(&event->threadID, (uint64_t)this_thread.thread_id, __ATOMIC_RELEASE);
 }

@@ -59,7 +59,7 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
   std::string bytes;
   while (!error) {
     const size_t before = bytes.size();
-    bytes.resize(before + 64 * 1024);
+    bytes.resize(before + size_t{64} * 1024);
     const ssize_t length = read(file.get(), bytes.data() + before, bytes.size() - before);
     if (length < 0) error = lastError();
     bytes.resize(before + static_cast<size_t>(length > 0 ? length : 0));

@@ -8,7 +8,7 @@ namespace quorvelctl {
 namespace {
 
 /// As long as the daemon reads.
-constexpr size_t kMaxListBytes = 1024 * 1024;
+constexpr size_t kMaxListBytes = size_t{1024} * 1024;
 
 constexpr std::string_view kEmptyList =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n</dict>\n</plist>\n";

@@ -61,7 +61,7 @@ Setting settingOf(const PreferenceKey& key, const PreferenceFile& domain, const 
 nlohmann::ordered_json jsonValue(const std::optional<StoredValue>& value) {
   if (!value) return nullptr;
   if (value->element == "true" || value->element == "false") return value->element == "true";
-  const nlohmann::ordered_json number = nlohmann::ordered_json::parse(value->text, nullptr, false);
+  nlohmann::ordered_json number = nlohmann::ordered_json::parse(value->text, nullptr, false);
   if ((value->element == "integer" || value->element == "real") && number.is_number()) return number;
   return value->element == "string" ? value->text : value->shown();
 }

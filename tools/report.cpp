@@ -161,8 +161,9 @@ std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
       if (frame != innermost.end()) thread.userStack = userStack(member(json, "stackFrames"), frame->second);
       report.threads.push_back(std::move(thread));
     }
-    std::stable_sort(report.threads.begin(), report.threads.end(),
-                     [](const ReportThread& a, const ReportThread& b) { return a.hung && !b.hung; });
+    const auto hung = std::find_if(report.threads.begin(), report.threads.end(),
+                                   [](const ReportThread& thread) { return thread.hung; });
+    if (hung != report.threads.end()) std::rotate(report.threads.begin(), hung, hung + 1);
     return report;
   } catch (const Json::exception& problem) {
     error = problem.what();

@@ -133,7 +133,8 @@ std::string reportText(const Report& report, const FrameNamer& nameOf) {
   }
   text += otherThreadsText(report.threads, nameOf);
   if (!report.leftOut.empty()) text += "\nLeft out\n";
-  for (const auto& [what, why] : report.leftOut) text += "  " + printable(what + ": " + why) + "\n";
+  for (const auto& [what, why] : report.leftOut)
+    text += "  " + printable(what) + ": " + printable(why) + "\n";
   return text;
 }
 

@@ -1,6 +1,6 @@
 #include "client/sample/options.h"
 
-#include <getopt.h>
+#include <getopt.h>  // NOLINT(misc-include-cleaner): getopt_long(3) says so, whatever it includes
 
 #include <array>
 #include <charconv>

@@ -114,7 +114,7 @@ void FakeDaemon::take(sd_bus_message* message) {
   while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
     const char* key = nullptr;
     const char* type = nullptr;
-    sd_bus_message_read_basic(message, 's', &key);
+    sd_bus_message_read_basic(message, 's', static_cast<void*>(&key));
     sd_bus_message_peek_type(message, nullptr, &type);
     sd_bus_message_enter_container(message, 'v', type);
     union {

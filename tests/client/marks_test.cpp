@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -131,9 +132,9 @@ const char* scan(hangEvent& slot, char (&name)[QV_HANG_NAME_BYTES], uint64_t& th
 }
 
 TEST_F(Marks, AScanReportsWholeOperationsHoweverFastSlotsChangeHands) {
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([](const std::stop_token& stop) {
+  std::array<std::jthread, 4> threads;
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([](const std::stop_token& stop) {
       // Names that change with each operation, all 63 bytes long, and say whose they are.
       const std::string id = std::to_string(gettid());
       for (int turn = 0; !stop.stop_requested(); ++turn) {
