@@ -10,7 +10,7 @@ namespace quorveld {
 /// A hang's or a bundle's name, in bytes.
 inline constexpr size_t kMaxNameBytes = 512;
 
-/// One component of a report's file name, in bytes: three of them, a date and a suffix fit into the 255 of a
+/// One component of a report's file name, in bytes: two of them, a date and a suffix fit into the 255 of a
 /// Linux name.
 inline constexpr size_t kMaxFileNameComponentBytes = 96;
 

@@ -1,3 +1,5 @@
+#include <optional>
+
 #include "base/log.h"
 #include "base/settings.h"
 #include "core/preferences.h"
@@ -23,12 +25,14 @@ void checkPreferences() {
     store.set("QuorvelEnabled", {true}, kPreferencesDomain);
     store.set("QuorvelInternalSettingCreated", {true}, kPreferencesDomain);
   }
-  const auto version = value("QuorvelInternalSettingsVersion");
+  const auto stored = value("QuorvelInternalSettingsVersion");
+  const std::optional<int64_t> version = stored ? stored->asInt() : std::nullopt;
   if (!version) store.remove("QuorvelDuration", kPreferencesDomain);
-  if (!version || version->asInt() != kInternalSettingsVersion) {
+  if (version != kInternalSettingsVersion) {
     store.set("QuorvelInternalSettingsVersion", {kInternalSettingsVersion}, kPreferencesDomain);
   }
-  if (!value("QuorvelEnableKelvane")) store.set("QuorvelEnableKelvane", {true}, kPreferencesDomain);
+  const auto kelvane = value("QuorvelEnableKelvane");
+  if (!kelvane || !kelvane->asBool()) store.set("QuorvelEnableKelvane", {true}, kPreferencesDomain);
   store.set("QuorvelEnableMemoryLogging", {true}, kPreferencesDomain);
   store.synchronise(kPreferencesDomain);
 }

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "base/log.h"
 #include "hangs/class_side.h"
 #include "hangs/qv_process_info.h"
@@ -153,7 +155,7 @@ bool QVProcessInfo::checkActivationAppCredit(const std::string& bundleID) {
 
 void QVProcessInfo::deductActivationAppCredit(const std::string& bundleID) {
   ClassSide& state = classSide();
-  uint32_t before = static_cast<uint32_t>(state.maxActivationKelvanesPerApp);
+  auto before = static_cast<uint32_t>(std::max(state.maxActivationKelvanesPerApp, 0));
   if (state.activationAppCredits) {
     const auto entry = state.activationAppCredits->find(bundleID);
     if (entry != state.activationAppCredits->end()) before = entry->second;

@@ -33,6 +33,7 @@ class Files {
  public:
   virtual ~Files() = default;
 
+  /// A link to a directory is a directory; any other link is something else.
   virtual EntryKind kind(const std::string& path) = 0;
   [[nodiscard]] virtual std::error_code makeDirectory(const std::string& path, unsigned mode) = 0;
   virtual std::error_code remove(const std::string& path) = 0;

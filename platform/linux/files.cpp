@@ -89,7 +89,10 @@ std::error_code moveAcrossFileSystems(const std::string& from, const std::string
 
 platform::EntryKind LinuxFiles::kind(const std::string& path) {
   struct stat status {};
-  if (::lstat(rooted(path).c_str(), &status) != 0) return platform::EntryKind::missing;
+  const std::string real = rooted(path);
+  if (::lstat(real.c_str(), &status) != 0) return platform::EntryKind::missing;
+  // A directory that an administrator has put elsewhere is one all the same.
+  if (S_ISLNK(status.st_mode)) (void)::stat(real.c_str(), &status);
   return S_ISDIR(status.st_mode) ? platform::EntryKind::directory : platform::EntryKind::other;
 }
 
