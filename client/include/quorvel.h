@@ -70,7 +70,8 @@ QV_EXPORT int qv_fd(void);
 
 /* Sends what waits, notices a lost daemon, and reconnects: a second after the loss, then twice as late each
  * time, up to a minute. Never blocks. 0 when there is a connection, -EINPROGRESS while one is being made,
- * otherwise the reason why there is none. A program without a poll loop may call it now and then. */
+ * otherwise the reason why there is none. A program without a poll loop may call it now and then; one that
+ * wants to be found by a daemon that starts while its main loop hangs calls it on another thread. */
 QV_EXPORT int qv_process(void);
 
 /* ---- operations ------------------------------------------------------------------------------------------
