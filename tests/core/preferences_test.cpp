@@ -332,6 +332,8 @@ TEST(InternalBuild, GetsItsDefaultsOnceButMemoryLoggingAlways) {
     userSetsAll(world, item.before);
     world.start();
     EXPECT_TRUE(settings().isInternalBuild);
+    EXPECT_EQ(world.preferences.synchronised.size(), 4u)
+        << "what was written is synchronised before it is read";
     for (const auto& [key, value] : item.after)
       EXPECT_EQ(world.preferences.stored(key), PreferenceValue(value)) << key;
     EXPECT_EQ(world.preferences.stored("QuorvelInternalSettingCreated"), PreferenceValue(true));

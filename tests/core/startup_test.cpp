@@ -29,8 +29,8 @@ TEST(StartUp, BringsThePartsUpInOrder) {
   EXPECT_EQ(world.files.history(), (std::vector<std::string>{"mkdir " + kCache, "mkdir " + kCache + "/tmp",
                                                              "mkdir " + kCache + "/spool"}));
   EXPECT_EQ(world.files.mode(kCache + "/spool"), 0755u);
-  ASSERT_GE(world.preferences.synchronised.size(), 2u);
-  EXPECT_EQ(world.preferences.synchronised[0], "com.corvix.telvo");
+  EXPECT_EQ(world.preferences.synchronised,
+            (std::vector<std::string>{"com.corvix.telvo", "com.corvix.telvo", "com.corvix.quorvel"}));
   ASSERT_FALSE(world.queues.made().empty());
   EXPECT_EQ(world.queues.made()[0].label, "com.corvix.quorvel");
   EXPECT_EQ(world.queues.made()[0].qos, platform::QoSClass::userInitiated);
