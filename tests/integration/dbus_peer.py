@@ -1,6 +1,6 @@
 """A D-Bus peer of quorveld on the plain socket: enough of the protocol to send a{sv} messages with descriptors.
 
-Written from the D-Bus specification, with nothing of the project's own client, so that both ends can't share a mistake.
+Written from the description of D-Bus, with nothing of the project's own client, so that both ends can't share a mistake.
 """
 import os
 import socket
