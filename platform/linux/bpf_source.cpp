@@ -47,6 +47,14 @@ std::string reasonOf(const char* what, int error) {
   return std::string(what) + ": " + std::strerror(error);
 }
 
+/// libbpf's option structs tell their own size, so that an older library knows which fields there are.
+template <typename Options>
+Options noOptions() {
+  Options options{};
+  options.sz = sizeof(options);
+  return options;
+}
+
 /// A BPF array's values, mapped into this process; unmapped on destruction.
 class MappedArray {
  public:
@@ -117,7 +125,8 @@ class BpfSource final : public ProcessSource {
 };
 
 std::string BpfSource::load() {
-  LIBBPF_OPTS(bpf_object_open_opts, options, .object_name = "task_snapshot");
+  auto options = noOptions<bpf_object_open_opts>();
+  options.object_name = "task_snapshot";
   object_.reset(bpf_object__open_mem(quorveld_task_snapshot_begin, taskSnapshotBytes(), &options));
   if (!object_) return reasonOf("BPF object", errno);
   const char* wanted = pass_ == BpfPass::taskWalk ? "walk_tasks" : "iterate_task";
@@ -146,7 +155,8 @@ std::string BpfSource::load() {
 }
 
 bool BpfSource::resize(uint32_t capacity) {
-  LIBBPF_OPTS(bpf_map_create_opts, options, .map_flags = BPF_F_MMAPABLE | BPF_F_INNER_MAP);
+  auto options = noOptions<bpf_map_create_opts>();
+  options.map_flags = BPF_F_MMAPABLE | BPF_F_INNER_MAP;
   const UniqueFd map(bpf_map_create(BPF_MAP_TYPE_ARRAY, "process_samples", sizeof(uint32_t),
                                     sizeof(process_sample), capacity, &options));
   if (!map) return false;
@@ -172,7 +182,7 @@ int BpfSource::runIterator() {
 
 int BpfSource::run() {
   if (pass_ == BpfPass::taskIterator) return runIterator();
-  LIBBPF_OPTS(bpf_test_run_opts, options);
+  auto options = noOptions<bpf_test_run_opts>();
   return bpf_prog_test_run_opts(program_, &options) == 0 ? 0 : errno;
 }
 

@@ -1,7 +1,6 @@
 #include "platform/linux/procfs_parse.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cstddef>
 #include <system_error>

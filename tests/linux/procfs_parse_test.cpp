@@ -17,27 +17,25 @@ const std::string kStat =
     "18446744073709551615 1 1 0 0 0 0 0 4096 1256 0 0 0 17 0 0 3 0 0 0 0 0 0 0 0 0 0 0\n";
 
 TEST(ProcfsText, StatIsReadByFieldAndTheNameMayHoldAnything) {
-  const auto stat = parseStat(kStat);
-  ASSERT_TRUE(stat);
-  EXPECT_EQ(stat->comm, "bash");
-  EXPECT_EQ(stat->majorFaults, 7u);
-  EXPECT_EQ(stat->childMajorFaults, 271u);
-  EXPECT_EQ(stat->userTicks, 415u);
-  EXPECT_EQ(stat->systemTicks, 1945u);
-  EXPECT_EQ(stat->childUserTicks, 807u);
-  EXPECT_EQ(stat->childSystemTicks, 481u);
-  EXPECT_EQ(stat->nice, 5);
-  EXPECT_EQ(stat->threadCount, 3u);
-  EXPECT_EQ(stat->startTicks, 3700u);
-  EXPECT_EQ(stat->policy, 3u);
-  EXPECT_FALSE(stat->isKernelThread());
+  const ProcfsStat stat = parseStat(kStat).value_or(ProcfsStat{});
+  EXPECT_EQ(stat.comm, "bash");
+  EXPECT_EQ(stat.majorFaults, 7u);
+  EXPECT_EQ(stat.childMajorFaults, 271u);
+  EXPECT_EQ(stat.userTicks, 415u);
+  EXPECT_EQ(stat.systemTicks, 1945u);
+  EXPECT_EQ(stat.childUserTicks, 807u);
+  EXPECT_EQ(stat.childSystemTicks, 481u);
+  EXPECT_EQ(stat.nice, 5);
+  EXPECT_EQ(stat.threadCount, 3u);
+  EXPECT_EQ(stat.startTicks, 3700u);
+  EXPECT_EQ(stat.policy, 3u);
+  EXPECT_FALSE(stat.isKernelThread());
 
   std::string hostile = kStat;
   hostile.replace(hostile.find("bash"), 4, "x) S 1 2 (3\n) R");
-  const auto same = parseStat(hostile);
-  ASSERT_TRUE(same);
-  EXPECT_EQ(same->comm, "x) S 1 2 (3\n) R");
-  EXPECT_EQ(same->startTicks, 3700u);
+  const ProcfsStat same = parseStat(hostile).value_or(ProcfsStat{});
+  EXPECT_EQ(same.comm, "x) S 1 2 (3\n) R");
+  EXPECT_EQ(same.startTicks, 3700u);
 
   for (const std::string_view broken : {"", "(", ")(", "1 (a)", "1 (a) S", "1 (a) S 1 1 1 0 -1 x"}) {
     EXPECT_FALSE(parseStat(broken)) << broken;
@@ -95,8 +93,7 @@ TEST(VmStatistics, EachFieldHasItsLine) {
   const std::string meminfo =
       "MemTotal: 99999999 kB\nMemFree:        400 kB\nSwapCached: 0 kB\nZswap:  44 kB\nZswapped: 88 kB\n"
       "VmallocTotal: 34359738367 kB\nVmallocUsed: 40000 kB\nPercpu: 400000 kB\n";
-  const auto vm = parseVmStatistics(vmstat, meminfo, 4096);
-  ASSERT_TRUE(vm);
+  const auto vm = parseVmStatistics(vmstat, meminfo, 4096).value_or(platform::vm_statistics64{});
   const platform::vm_statistics64 expected{.free_count = 100,
                                            .active_count = 5030,
                                            .inactive_count = 402,
@@ -121,12 +118,14 @@ TEST(VmStatistics, EachFieldHasItsLine) {
                                            .external_page_count = 890,
                                            .internal_page_count = 111,
                                            .total_uncompressed_pages_in_compressor = 22};
-  EXPECT_EQ(std::memcmp(&*vm, &expected, sizeof(expected)), 0);
+  EXPECT_EQ(std::memcmp(&vm, &expected, sizeof(expected)), 0);
 
   // No file page is left when more is shared than counted; 32-bit fields fill up.
-  const auto odd = parseVmStatistics("nr_shmem 5\nnr_file_pages 4\n", "MemFree: 99999999999999 kB", 4096);
-  EXPECT_EQ(odd->external_page_count, 0u);
-  EXPECT_EQ(odd->free_count, UINT32_MAX);
+  platform::vm_statistics64 odd{};
+  odd.external_page_count = 1;
+  odd = parseVmStatistics("nr_shmem 5\nnr_file_pages 4\n", "MemFree: 99999999999999 kB", 4096).value_or(odd);
+  EXPECT_EQ(odd.external_page_count, 0u);
+  EXPECT_EQ(odd.free_count, UINT32_MAX);
   EXPECT_FALSE(parseVmStatistics("", meminfo, 4096));
   EXPECT_FALSE(parseVmStatistics(vmstat, "", 4096));
   EXPECT_FALSE(parseVmStatistics(vmstat, "xMemFree: 1 kB\nMemFree 3", 4096));
