@@ -1,12 +1,15 @@
 #include "platform/linux/bpf_object.h"
 
-// QUORVELD_BPF_OBJECT: the path of what clang made of task_snapshot.bpf.c.
-asm(".pushsection .rodata\n"
-    ".balign 16\n"
-    ".global quorveld_task_snapshot_begin, quorveld_task_snapshot_end\n"
-    "quorveld_task_snapshot_begin:\n"
-    ".incbin \"" QUORVELD_BPF_OBJECT
-    "\"\n"
-    "quorveld_task_snapshot_end:\n"
-    ".byte 0\n"
-    ".popsection\n");
+// QUORVELD_TASK_WALK, QUORVELD_TASK_ITERATOR: the paths of what clang made of the two programs.
+#define QUORVELD_EMBED(name, path)                  \
+  asm(".pushsection .rodata\n"                      \
+      ".balign 16\n"                                \
+      ".global " name "_begin, " name "_end\n" name \
+      "_begin:\n"                                   \
+      ".incbin \"" path "\"\n" name                 \
+      "_end:\n"                                     \
+      ".byte 0\n"                                   \
+      ".popsection\n")
+
+QUORVELD_EMBED("quorveld_task_walk", QUORVELD_TASK_WALK);
+QUORVELD_EMBED("quorveld_task_iterator", QUORVELD_TASK_ITERATOR);

@@ -1,15 +1,10 @@
 #pragma once
 
-#include <cstddef>
+// The compiled task_walk.bpf.c and task_iterator.bpf.c: ELF objects that are part of the program.
 
-namespace quorveld::linux_platform {
-
-/// The compiled task_snapshot.bpf.c, an ELF object that is part of the program.
-extern "C" const unsigned char quorveld_task_snapshot_begin[];
-extern "C" const unsigned char quorveld_task_snapshot_end[];
-
-inline size_t taskSnapshotBytes() {
-  return static_cast<size_t>(quorveld_task_snapshot_end - quorveld_task_snapshot_begin);
+extern "C" {
+extern const unsigned char quorveld_task_walk_begin[];
+extern const unsigned char quorveld_task_walk_end[];
+extern const unsigned char quorveld_task_iterator_begin[];
+extern const unsigned char quorveld_task_iterator_end[];
 }
-
-}  // namespace quorveld::linux_platform

@@ -125,18 +125,16 @@ class BpfSource final : public ProcessSource {
 };
 
 std::string BpfSource::load() {
+  const bool walks = pass_ == BpfPass::taskWalk;
+  const unsigned char* begin = walks ? quorveld_task_walk_begin : quorveld_task_iterator_begin;
+  const unsigned char* end = walks ? quorveld_task_walk_end : quorveld_task_iterator_end;
   auto options = noOptions<bpf_object_open_opts>();
-  options.object_name = "task_snapshot";
-  object_.reset(bpf_object__open_mem(quorveld_task_snapshot_begin, taskSnapshotBytes(), &options));
+  options.object_name = walks ? "task_walk" : "task_iterator";
+  object_.reset(bpf_object__open_mem(begin, static_cast<size_t>(end - begin), &options));
   if (!object_) return reasonOf("BPF object", errno);
-  const char* wanted = pass_ == BpfPass::taskWalk ? "walk_tasks" : "iterate_task";
-  bpf_program* program = nullptr;
-  bpf_object__for_each_program(program, object_.get()) {
-    bpf_program__set_autoload(program, std::strcmp(bpf_program__name(program), wanted) == 0);
-  }
   if (const int error = bpf_object__load(object_.get())) return reasonOf(name(), -error);
 
-  program = bpf_object__find_program_by_name(object_.get(), wanted);
+  bpf_program* program = bpf_object__next_program(object_.get(), nullptr);
   program_ = bpf_program__fd(program);
   sampleArrays_ = bpf_object__find_map_fd_by_name(object_.get(), "sample_arrays");
   const int shared = bpf_object__find_map_fd_by_name(object_.get(), ".data.pass");

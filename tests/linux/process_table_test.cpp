@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <semaphore>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -122,12 +124,16 @@ void writeAndReadBack() {
   if (mapped != MAP_FAILED) (void)mapped[kBytes / 2];  // a major fault
 }
 
-void startSleepingThread(int cpuMs) {
-  std::thread([cpuMs] {
+/// Starts a thread of this nice level that spends CPU time and then sleeps; returns when it is about to.
+void startSleepingThread(int cpuMs, int nice = 0) {
+  std::binary_semaphore spent(0);
+  std::thread([cpuMs, nice, &spent] {
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice);
     burn(cpuMs);
+    spent.release();
     for (;;) pause();
   }).detach();
-  usleep(cpuMs * 3000);
+  spent.acquire();
 }
 
 TEST_P(ProcessTable, AgreesWithProcOnBusyThreadedShortLivedAndDiskBoundProcesses) {
@@ -168,7 +174,7 @@ TEST_P(ProcessTable, AgreesWithProcOnBusyThreadedShortLivedAndDiskBoundProcesses
     ASSERT_TRUE(usage.contains(child->pid()));
     expectAsInProc(child->pid(), usage[child->pid()]);
   }
-  EXPECT_GE(usage[busy.pid()].user_time, 100 * kTicksPerMs);
+  EXPECT_GE(usage[busy.pid()].user_time + usage[busy.pid()].system_time, 140 * kTicksPerMs);
   EXPECT_GE(usage[threaded.pid()].cpu_time_qos_legacy, 40 * kTicksPerMs);
   EXPECT_GE(usage[short_lived.pid()].child_user_time + usage[short_lived.pid()].child_system_time,
             70 * kTicksPerMs);
@@ -224,17 +230,10 @@ TEST_P(ProcessTable, TimeGoesToTheClassThatAThreadHoldsWhenLookedAt) {
 }
 
 TEST_P(ProcessTable, OneThreadsClassLeavesTheOthersAlone) {
-  const ChildProcess child({
-      [] {
-        startSleepingThread(30);
-        std::thread([] {
-          setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 5);  // of this thread alone
-          burn(80);
-          for (;;) pause();
-        }).detach();
-        usleep(250'000);
-      },
-  });
+  const ChildProcess child({[] {
+    startSleepingThread(30);
+    startSleepingThread(80, 5);
+  }});
   look();
   child.step();
   const rusage_info_v3 usage = look(child);
@@ -243,15 +242,14 @@ TEST_P(ProcessTable, OneThreadsClassLeavesTheOthersAlone) {
 }
 
 TEST_P(ProcessTable, SeesEveryProcessHoweverManyComeAndGo) {
-  constexpr int kMany = 700;  // more than the BPF array holds at first
+  constexpr int kMany = 600;  // more than the BPF array holds at first
   std::vector<pid_t> sleepers;
   look();
   for (int i = 0; i < kMany; ++i) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      for (;;) pause();
-    }
-    sleepers.push_back(pid);
+    char name[] = "sleep";
+    char forever[] = "infinity";
+    char* arguments[] = {name, forever, nullptr};
+    ASSERT_EQ(posix_spawnp(&sleepers.emplace_back(), name, nullptr, nullptr, arguments, nullptr), 0);
   }
   const auto crowd = look();
   for (const pid_t pid : sleepers) {

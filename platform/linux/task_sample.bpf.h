@@ -1,4 +1,7 @@
-// Fills one process_sample a process from the kernel's own records: no text, one pass over all threads.
+#pragma once
+
+// What the two BPF programs share: filling one process_sample a process from the kernel's own records,
+// without text.
 //
 // The kernel's types are declared by hand with just the fields that are used; libbpf finds each in the
 // running kernel's type information (CO-RE), so that one object fits all kernels. Direct reads of kernel
@@ -37,7 +40,8 @@ struct mm_struct {
   unsigned long locked_vm;
   struct percpu_counter rss_stat[4];
 };
-// Before 6.2.
+// Before 6.2. Types that the running kernel lacks are never asked for by name, since libbpf would then look
+// for them in modules, which takes CAP_SYS_ADMIN: only fields of types that all kernels have.
 struct mm_rss_stat {
   struct {
     long counter;
@@ -79,26 +83,13 @@ struct task_struct {
   struct signal_struct* signal;
   struct task_io_accounting ioac;
 };
-struct bpf_iter__task {
-  struct task_struct* task;
-};
 struct bpf_array {
   void* pptrs[1];
 };
 
 #pragma clang attribute pop
 
-struct bpf_iter_task {
-  __u64 opaque[3];
-};
-extern int bpf_iter_task_new(struct bpf_iter_task* it, struct task_struct* task,
-                             unsigned int flags) __ksym __weak;
-extern struct task_struct* bpf_iter_task_next(struct bpf_iter_task* it) __ksym __weak;
-extern void bpf_iter_task_destroy(struct bpf_iter_task* it) __ksym __weak;
-extern void bpf_rcu_read_lock(void) __ksym __weak;
-extern void bpf_rcu_read_unlock(void) __ksym __weak;
-
-enum { kIterateAllThreads = 1, kKernelThread = 0x00200000, kDefaultPriority = 120 };
+enum { kKernelThread = 0x00200000, kDefaultPriority = 120 };
 enum { kFilePages, kAnonymousPages, kSwapEntries, kSharedPages, kRssCounters };
 
 // The samples. User space puts a bigger array in the place of one that was too small, without loading anew.
@@ -199,8 +190,8 @@ static __always_inline __u64 positive(__s64 value) {
 static __always_inline void add_memory(struct process_sample* sample, struct mm_struct* mm) {
   struct memory_counters counters = {};
   __s64* pages = counters.pages;
-  if (bpf_core_type_exists(struct mm_rss_stat)) {
-    struct mm_struct___before_6_2* old = (void*)mm;
+  struct mm_struct___before_6_2* old = (void*)mm;
+  if (bpf_core_field_exists(old->rss_stat.count)) {
     bpf_probe_read_kernel(pages, sizeof(counters.pages), &old->rss_stat.count);
   } else {
     READ_COUNTER(mm, counters, kFilePages);
@@ -281,32 +272,9 @@ static __always_inline struct process_sample* sample_for(struct task_struct* tas
 
 static __always_inline void add_task(struct task_struct* task) {
   if (task->pid == 0) return;  // the idle task
+  if (known_cpus != pass.cpu_count) find_cpu_offsets();
   struct process_sample* sample = sample_for(task);
   if (!sample) return;
   if (task->pid == task->tgid) add_process(sample, task);
   add_thread(sample, task);
 }
-
-SEC("syscall")
-int walk_tasks(void* unused) {
-  struct bpf_iter_task iterator;
-  struct task_struct* task;
-  if (known_cpus != pass.cpu_count) find_cpu_offsets();
-  bpf_rcu_read_lock();
-  bpf_iter_task_new(&iterator, NULL, kIterateAllThreads);
-  while ((task = bpf_iter_task_next(&iterator))) add_task(task);
-  bpf_iter_task_destroy(&iterator);
-  bpf_rcu_read_unlock();
-  return 0;
-}
-
-SEC("iter/task")
-int iterate_task(struct bpf_iter__task* context) {
-  struct task_struct* task = context->task;
-  if (!task) return 0;  // the end
-  if (known_cpus != pass.cpu_count) find_cpu_offsets();
-  add_task(task);
-  return 0;
-}
-
-char LICENSE[] SEC("license") = "GPL";
