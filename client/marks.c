@@ -1,18 +1,20 @@
 /* Marking operations in the shared region.
  *
  * Who may write a slot is settled in its `reserved` word, which the daemon doesn't read: 0 is free, and a
- * thread takes the slot by a compare-and-swap from 0 to (thread id << 32 | low word of the tick count). The
- * holder alone writes the other fields. A thread tries the slot first that it used last, so threads
+ * thread takes the slot by a compare-and-swap from 0 to (thread id << 32 | count of the slots that it took).
+ * The holder alone writes the other fields. A thread tries the slot first that it used last, so threads
  * don't meet on a cache line, and no slot's fields share one with another's.
  *
  * What the daemon does meanwhile, without any lock:
- *   D1 reads timeoutExempt (seq_cst) and goes on if it is 0;  D2 reads startTime and goes on if it is too
- * old; D3 copies hangName, threadID and wantsKelvane;  D4 turns startTime from what it read at D2 into all
- * ones, by a compare-and-swap, and reports what it copied if that succeeds.
+ *   D0 reads the clock;  D1 reads timeoutExempt (seq_cst) and goes on if it is 0;  D2 reads startTime and
+ * goes on if it is too old at D0;  D3 copies hangName, threadID and wantsKelvane;  D4 turns startTime from
+ * what it read at D2 into all ones, by a compare-and-swap, and reports what it copied if that succeeds.
  *
  * The slot may be ended and used again between any two of these. The order of the stores here upholds:
  *   1. A begin writes timeoutExempt last, by a release store. So whoever reads 0 at D1 reads at D2 the start
- * of that operation or of a later one, never an older one: no operation looks older than it is.
+ * of that operation or of a later one, never an older one: no operation looks older than it is. A later one
+ * read the clock when it held the slot, after D1 and so after D0: it can't be too old, and a field that it
+ * has not written yet can't be copied at D3.
  *   2. A begin writes startTime first; every other field is a release store after it. So while startTime
  * reads S at D2 and at D4, each field read in between is that of the operation that began at S, whole. Had
  * the slot been used again, D4 would find another start (an operation old enough to be reported began at
@@ -37,6 +39,7 @@ struct thread_state {
   const struct qv_process_page* page;
   uint32_t thread_id;
   uint32_t last_slot;
+  uint32_t slots_taken;
 };
 
 static _Thread_local struct thread_state this_thread __attribute__((tls_model("initial-exec")));
@@ -74,16 +77,17 @@ static void enter_thread(const struct qv_process_page* page) {
 }
 
 /* Takes a free slot; the word that says so, or 0 when there is none. The slot is this_thread.last_slot. */
-static uint64_t take_slot(const struct qv_process_page* page, QVSharedHangRegion* region, uint64_t now) {
+static uint64_t take_slot(const struct qv_process_page* page, QVSharedHangRegion* region) {
   if (this_thread.page != page) enter_thread(page);
   uint32_t index = this_thread.last_slot;
-  const uint64_t owner = (uint64_t)this_thread.thread_id << 32 | (uint32_t)now;
+  const uint64_t owner = (uint64_t)this_thread.thread_id << 32 | this_thread.slots_taken;
   for (unsigned tried = 0; tried < QV_HANG_SLOT_COUNT; ++tried) {
     uint64_t* word = &region->slots[index].reserved;
     uint64_t unowned = 0;
     if (__atomic_load_n(word, __ATOMIC_RELAXED) == 0 &&
         __atomic_compare_exchange_n(word, &unowned, owner, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
       this_thread.last_slot = index;
+      ++this_thread.slots_taken;
       return owner;
     }
     index = index + 1 == QV_HANG_SLOT_COUNT ? 0 : index + 1;
@@ -105,10 +109,9 @@ qv_slot* qv_slot_claim(const char* name) {
   const struct qv_process_page* page = qv_page();
   QVSharedHangRegion* region = page->region;
   if (!region) return NULL;
-  const uint64_t now = qv_ticks_now();
-  if (!take_slot(page, region, now)) return NULL;
+  if (!take_slot(page, region)) return NULL;
   hangEvent* event = &region->slots[this_thread.last_slot];
-  __atomic_store_n(&event->startTime, now, __ATOMIC_RELAXED);
+  __atomic_store_n(&event->startTime, qv_ticks_now(), __ATOMIC_RELAXED);
   write_identity(event, name);
   return (qv_slot*)&page->slots[this_thread.last_slot];
 }
@@ -135,12 +138,11 @@ qv_operation qv_begin(const char* name, bool wants_kelvane) {
   const struct qv_process_page* page = qv_page();
   QVSharedHangRegion* region = page->region;
   if (!region) return operation;
-  const uint64_t now = qv_ticks_now();
-  operation.owner = take_slot(page, region, now);
+  operation.owner = take_slot(page, region);
   if (!operation.owner) return operation;
   operation.slot = this_thread.last_slot;
   hangEvent* event = &region->slots[operation.slot];
-  __atomic_store_n(&event->startTime, now, __ATOMIC_RELAXED);
+  __atomic_store_n(&event->startTime, qv_ticks_now(), __ATOMIC_RELAXED);
   write_identity(event, name);
   __atomic_store_n(&event->wantsKelvane, wants_kelvane, __ATOMIC_RELEASE);
   __atomic_store_n(&event->timeoutExempt, 0, __ATOMIC_RELEASE);

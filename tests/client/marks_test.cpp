@@ -129,10 +129,11 @@ uint64_t ticksNow() {
 /// One scan of a slot by a daemon with the shortest time-out that tells operations apart: two that begin in
 /// one tick look alike, so a start has to be some ticks old. What it would report, or null.
 const char* scan(hangEvent& slot, char (&name)[QV_HANG_NAME_BYTES], uint64_t& threadId) {
+  const uint64_t now = ticksNow();
   if (__atomic_load_n(&slot.timeoutExempt, __ATOMIC_SEQ_CST) != 0) return nullptr;
   uint64_t start = __atomic_load_n(&slot.startTime, __ATOMIC_RELAXED);
   constexpr uint64_t kTimeoutTicks = 4;
-  if (start == QV_HANG_REPORTED || ticksNow() < start + kTimeoutTicks) return nullptr;
+  if (start == QV_HANG_REPORTED || now < start + kTimeoutTicks) return nullptr;
   for (size_t i = 0; i < sizeof name; ++i) name[i] = __atomic_load_n(&slot.hangName[i], __ATOMIC_RELAXED);
   threadId = __atomic_load_n(&slot.threadID, __ATOMIC_RELAXED);
   const bool taken = __atomic_compare_exchange_n(&slot.startTime, &start, QV_HANG_REPORTED, false,
