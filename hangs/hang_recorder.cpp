@@ -43,12 +43,13 @@ void QVProcessInfo::recordHang(const char* name, uint64_t threadID, uint64_t sta
   }
 }
 
-/// On the screen for two seconds. A message that is still to be cleared keeps a timer; a flood of hangs shows
-/// no more of them than kMaxPendingHUDClears.
+/// On the screen for two seconds. The clear is due whether or not the message could be shown: who may show it
+/// is asked anew by then. It keeps a timer; a flood of hangs shows no more than kMaxPendingHUDClears
+/// messages.
 void QVProcessInfo::showHang(const std::string& hangName, double seconds) const {
   ClassSide& state = classSide();
   if (state.pendingHUDClears >= kMaxPendingHUDClears) return;
-  if (!setHUDMessage("HANG:%s %.10s %.2fs", hangName.c_str(), processName_.c_str(), seconds)) return;
+  setHUDMessage("HANG:%s %.10s %.2fs", hangName.c_str(), processName_.c_str(), seconds);
   ++state.pendingHUDClears;
   state.workQueue.after(kHUDDuration, [] {
     --classSide().pendingHUDClears;

@@ -24,9 +24,9 @@ std::unique_ptr<platform::RenderPort> renderPort() {
 
 }  // namespace
 
-bool setHUDMessage(const char* format, ...) {
+void setHUDMessage(const char* format, ...) {
   const auto port = renderPort();
-  if (!port) return false;
+  if (!port) return;
   std::array<char, 100> message;
   va_list arguments;
   va_start(arguments, format);
@@ -34,7 +34,6 @@ bool setHUDMessage(const char* format, ...) {
   va_end(arguments);
   quorvelLog().info("Setting message to: \"%s\"", message.data());
   port->setDebugMessage(message.data());
-  return true;
 }
 
 void clearHUDMessage() {
