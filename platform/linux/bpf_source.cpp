@@ -31,6 +31,13 @@ constexpr uint32_t kMaxCapacity = 1 << 22;
 /// How often a pass is repeated because processes were born faster than the array grew.
 constexpr int kMaxPasses = 4;
 
+/// What the kernel's verifier may say of a program: why it refuses it, or how long it took. Without a buffer
+/// of ours libbpf has a refused program verified again and again, for a log of each instruction in a buffer
+/// that doubles: seconds, where one refusal takes milliseconds.
+constexpr size_t kVerifierLogBytes = 4096;
+/// BPF_LOG_STATS of the kernel (linux/bpf_verifier.h): errors and statistics, no instructions.
+constexpr uint32_t kVerifierLogLevel = 4;
+
 /// The inode of the initial PID namespace (include/uapi/linux/nsfs.h): elsewhere the kernel's pids are not
 /// ours.
 constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
@@ -44,6 +51,7 @@ constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 }
 
 std::string reasonOf(const char* what, int error) {
+  if (error == EPERM) return "BPF: Operation not permitted, it takes CAP_BPF and CAP_PERFMON";
   return std::string(what) + ": " + std::strerror(error);
 }
 
@@ -132,9 +140,11 @@ std::string BpfSource::load() {
   options.object_name = walks ? "task_walk" : "task_iterator";
   object_.reset(bpf_object__open_mem(begin, static_cast<size_t>(end - begin), &options));
   if (!object_) return reasonOf("BPF object", errno);
-  if (const int error = bpf_object__load(object_.get())) return reasonOf(name(), -error);
-
   bpf_program* program = bpf_object__next_program(object_.get(), nullptr);
+  std::array<char, kVerifierLogBytes> verifierLog{};
+  bpf_program__set_log_level(program, kVerifierLogLevel);
+  bpf_program__set_log_buf(program, verifierLog.data(), verifierLog.size());
+  if (const int error = bpf_object__load(object_.get())) return reasonOf(name(), -error);
   program_ = bpf_program__fd(program);
   sampleArrays_ = bpf_object__find_map_fd_by_name(object_.get(), "sample_arrays");
   const int shared = bpf_object__find_map_fd_by_name(object_.get(), ".data.pass");
