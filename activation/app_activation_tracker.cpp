@@ -9,6 +9,7 @@
 #include "hangs/qv_process_info.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
+#include "platform/process_table.h"
 
 namespace quorveld {
 
@@ -71,7 +72,11 @@ AppActivationTracker::AppActivationTracker(platform::WorkQueue& workQueue)
 AppActivationTracker::~AppActivationTracker() = default;
 
 void AppActivationTracker::setShouldCaptureSystemState(bool capture) {
-  statsToCapture_ = capture ? kAllStatistics : 0;
+  const bool captured = statsToCapture_.exchange(capture ? kAllStatistics : 0) != 0;
+  if (!capture || captured) return;
+  activationQueue_->async([this] {
+    if (statsToCapture_ != 0) platform::current().processTables.prepare();
+  });
 }
 
 void AppActivationTracker::setShouldReportData(bool report) {

@@ -34,6 +34,7 @@ class AppActivationTracker {
   AppActivationTracker(const AppActivationTracker&) = delete;
   AppActivationTracker& operator=(const AppActivationTracker&) = delete;
 
+  /// Turning it on has the process table prepared ahead of the first begin.
   void setShouldCaptureSystemState(bool capture);
   void setShouldReportData(bool report);
   /// Turns slow-launch traces on, for launches of `thresholdMs` or more. Nothing turns them off again.

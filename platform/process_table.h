@@ -71,6 +71,10 @@ class ProcessTables {
  public:
   virtual ~ProcessTables() = default;
 
+  /// Does once what would make the first look a slow one: takes tens of milliseconds, and some memory for
+  /// good. For when looks are to come; without it the first look does the same.
+  virtual void prepare() = 0;
+
   /// Never null; a look that failed answers `listBytes` with 0.
   [[nodiscard]] virtual std::unique_ptr<ProcessTable> look() = 0;
 };

@@ -277,11 +277,10 @@ TraceMarker::TraceMarker(LogSink& sink) {
     file_.reset(open(path, O_WRONLY | O_CLOEXEC));
     if (file_) return;
   }
-  if (!sink.enabled(LogLevel::debug)) return;
   LineBuffer text;
-  text.append("Signposts are not in the kernel's trace: trace_marker can't be opened: ");
+  text.append("Signposts are not in the kernel's trace, only in the log: trace_marker can't be opened: ");
   text.append(strerrordesc_np(errno));
-  sink.write({LogLevel::debug, kDaemonSubsystem, "", text.view()});
+  sink.write({LogLevel::info, kDaemonSubsystem, "", text.view()});
 }
 
 void TraceMarker::mark(char phase, std::string_view name, uint64_t id) {

@@ -55,36 +55,51 @@ class LinuxProcessTable final : public platform::ProcessTable {
   size_t cursor_ = 0;
 };
 
-/// Null when not even /proc can be read.
+/// The fastest source that there is, logged with what is missed and what that costs (bench/README.md); null
+/// when not even /proc can be read.
 std::unique_ptr<ProcessSource> openBestSource() {
   std::string why;
-  std::unique_ptr<ProcessSource> source;
-  for (const BpfPass pass : {BpfPass::taskWalk, BpfPass::taskIterator}) {
-    std::string reason;
-    source = openBpfSource(pass, reason);
-    if (source) break;
-    if (reason != why) why += (why.empty() ? "" : "; ") + reason;
+  auto source = openBpfSource(BpfPass::taskWalk, why);
+  if (source) {
+    logDefault("Process table: read through %s", source->name());
+    return source;
   }
-  if (!source) source = openProcfsSource(why);
-  const char* name = source ? source->name() : "nothing";
-  if (why.empty()) {
-    logDefault("Process table: read through %s", name);
+  std::string reason;
+  if ((source = openBpfSource(BpfPass::taskIterator, reason))) {
+    logDefault("Process table: read through %s, half as fast as the task walk (%s)", source->name(),
+               why.c_str());
+    return source;
+  }
+  if (reason != why) why += "; " + reason;
+  if ((source = openProcfsSource(reason))) {
+    logDefault("Process table: read through %s, about 100 times slower than BPF (%s)", source->name(),
+               why.c_str());
   } else {
-    logDefault("Process table: read through %s (%s)", name, why.c_str());
+    logDefault("Process table: can't be read, snapshots will be without processes (%s; %s)", why.c_str(),
+               reason.c_str());
   }
   return source;
 }
 
 }  // namespace
 
+void LinuxProcessTables::prepare() {
+  const std::lock_guard lock(mutex_);
+  if (!source_) (void)read();
+}
+
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {
   const std::lock_guard lock(mutex_);
+  return std::make_unique<LinuxProcessTable>(read());
+}
+
+std::shared_ptr<const ProcessRecords> LinuxProcessTables::read() {
   if (!source_) source_ = openBestSource();
   const auto samples = source_ ? source_->read(*last_) : std::span<const process_sample>();
   // A pass that failed is no news of anybody: what was known stays, for the next one to go on from.
-  if (samples.empty()) return std::make_unique<LinuxProcessTable>(std::make_shared<ProcessRecords>());
+  if (samples.empty()) return std::make_shared<ProcessRecords>();
   last_ = std::make_shared<ProcessRecords>(recordsOf(samples, *last_));
-  return std::make_unique<LinuxProcessTable>(last_);
+  return last_;
 }
 
 }  // namespace quorveld::linux_platform

@@ -16,16 +16,24 @@ namespace quorveld::linux_platform {
 /// how much each process has spent: it holds live processes only, so it can't grow beyond them.
 class LinuxProcessTables final : public platform::ProcessTables {
  public:
-  /// Chooses the source at the first look, since loading a BPF program takes tens of milliseconds, and logs
-  /// it.
+  /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
+  /// milliseconds and a megabyte, which a daemon that takes no snapshots has no use for.
   LinuxProcessTables() = default;
 
   /// With this source and no other.
   explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source) : source_(std::move(source)) {}
 
+  /// Takes a first look as well, so that arrays are as large as this machine needs them.
+  void prepare() override;
   [[nodiscard]] std::unique_ptr<platform::ProcessTable> look() override;
 
+  /// What one look has read, for those who want more than the interface tells; empty on failure.
+  [[nodiscard]] std::shared_ptr<const ProcessRecords> records();
+
  private:
+  /// What a new look sees; with the lock held.
+  std::shared_ptr<const ProcessRecords> read();
+
   std::mutex mutex_;
   std::unique_ptr<ProcessSource> source_;
   std::shared_ptr<const ProcessRecords> last_ = std::make_shared<ProcessRecords>();

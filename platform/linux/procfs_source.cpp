@@ -107,7 +107,12 @@ class ProcfsSource final : public ProcessSource {
     const std::string_view text = readFileOf(sample.pid, "io");
     if (text.empty()) {
       if (errno != EACCES && errno != EPERM) return errno != ENOENT && errno != ESRCH;
-      if (!saidIoRefused_) logDefault("Process table: no leave to read the I/O of every process");
+      if (!saidIoRefused_) {
+        logDefault(
+            "Process table: /proc/PID/io of others can't be read without CAP_SYS_PTRACE, their disk I/O "
+            "counts "
+            "as 0");
+      }
       saidIoRefused_ = true;
       return true;
     }
@@ -128,7 +133,13 @@ class ProcfsSource final : public ProcessSource {
 
 std::unique_ptr<ProcessSource> openProcfsSource(std::string& why) {
   auto source = std::make_unique<ProcfsSource>();
-  if (source->usable()) return source;
+  if (source->usable()) {
+    // Everybody may read that of process 1, unless /proc is mounted with hidepid (proc(5)).
+    if (access("/proc/1/stat", R_OK) != 0) {
+      logDefault("Process table: /proc hides the processes of others (hidepid), snapshots are without them");
+    }
+    return source;
+  }
   why = std::string("/proc: ") + std::strerror(errno);
   return nullptr;
 }

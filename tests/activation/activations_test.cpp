@@ -30,6 +30,9 @@ uint64_t numberOf(const platform::Value& value) {
 TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
   LauncherWorld world;
   world.begin();
+  world.notifications.post("com.corvix.quorvel.pref_changed");
+  world.settle();
+  EXPECT_EQ(world.kernel.prepares, 1);  // once, and before anything is launched
   const uint64_t start = world.nowMs();
   world.beginActivation(70312, "com.example.viewer", Shown::foreground, 1, start, 120ms);
   EXPECT_EQ(world.kernel.looks, 1);
@@ -168,6 +171,7 @@ TEST(Activations, SlowLaunchesAreTracedFromTheThresholdOnAndWithinTheirCredits) 
   EXPECT_EQ(world.spool().size(), 2u);
   // Traces only: nothing is snapshot or reported meanwhile.
   EXPECT_EQ(world.kernel.looks, 0);
+  EXPECT_EQ(world.kernel.prepares, 0);
   EXPECT_TRUE(world.powerLog.events.empty());
   EXPECT_TRUE(world.logged(Level::standard, "QVActivationStats: slow FG Launch Duration = 6000ms"));
 }
