@@ -41,6 +41,11 @@ inline constexpr size_t kMaxNameBytes = 4'096;
 
 // All processes.
 
+/// How long the search for the other end of a pipe or socket may take, and how many descriptors of a process
+/// it looks at.
+inline constexpr std::chrono::milliseconds kPeerSearchBudget{200};
+inline constexpr size_t kMaxDescriptorsSearched = 4'096;
+
 inline constexpr size_t kMaxProcessesScanned = 16'384;
 inline constexpr size_t kMaxProcessesListed = 256;
 

@@ -76,9 +76,16 @@ uint64_t parseStatusNumber(std::string_view text, std::string_view name) {
   return 0;
 }
 
-std::optional<int64_t> parseSyscall(std::string_view text) {
+std::optional<SystemCall> parseSyscall(std::string_view text) {
   text = trimmed(text);
-  return parseNumber<int64_t>(takeUntil(text, ' '));
+  auto number = parseNumber<int64_t>(takeUntil(text, ' '));
+  if (!number) return std::nullopt;
+  SystemCall call{*number, {}};
+  for (uint64_t& argument : call.arguments) {
+    std::string_view part = takeUntil(text, ' ');
+    if (part.starts_with("0x")) argument = parseNumber<uint64_t>(part.substr(2), 16).value_or(0);
+  }
+  return call;
 }
 
 std::vector<std::string> parseKernelStack(std::string_view text, size_t maxFrames) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,8 +25,15 @@ std::optional<ProcStat> parseStat(std::string_view text);
 /// The number on the line "`name`:<tab>number" of /proc/PID/status; 0 if there is none.
 uint64_t parseStatusNumber(std::string_view text, std::string_view name);
 
-/// /proc/PID/syscall: a number (-1: blocked outside of a system call), or nothing for a running thread.
-std::optional<int64_t> parseSyscall(std::string_view text);
+/// The system call that a thread is in.
+struct SystemCall {
+  int64_t number = -1;  // -1: blocked outside of a system call
+  std::array<uint64_t, 6> arguments{};
+
+  bool operator==(const SystemCall&) const = default;
+};
+/// /proc/PID/syscall; nothing for a running thread.
+std::optional<SystemCall> parseSyscall(std::string_view text);
 
 /// The functions of /proc/PID/stack, innermost first, as "name+0x1a/0x80 [module]"; at most `maxFrames`.
 std::vector<std::string> parseKernelStack(std::string_view text, size_t maxFrames);

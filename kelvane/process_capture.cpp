@@ -10,6 +10,7 @@
 
 #include "kelvane/deadline.h"
 #include "kelvane/limits.h"
+#include "kelvane/lock_owner.h"
 #include "kelvane/memory_map.h"
 #include "kelvane/proc_files.h"
 #include "kelvane/proc_text.h"
@@ -29,7 +30,9 @@ class Capturer {
       : target_(target), publish_(publish), deadline_(kWorkBudget) {}
 
   void run() {
-    if (openProcess() && listThreads() && readFacts()) takeStacks();
+    if (!openProcess() || !listThreads() || !readFacts() || !findLockOwner()) return;
+    takeStacks();
+    findPeer();
   }
 
  private:
@@ -88,6 +91,7 @@ class Capturer {
       if (deadline_.passed()) return leaveOut("threads", "the time for the capture was over");
       auto facts = readThreadFacts(dir_.get(), tid, omissions);
       if (!facts) continue;
+      if (tid == hungThread_) hungFacts_ = *facts;
       bool wanted = publish_([&](ProcessCapture& capture) {
         rows_[tid] = capture.threads.size();
         capture.threads.push_back({std::move(*facts), {}, {}});
@@ -97,6 +101,17 @@ class Capturer {
     return publish_([&](ProcessCapture& capture) {
       capture.omissions.insert(capture.omissions.end(), omissions.begin(), omissions.end());
     });
+  }
+
+  bool findLockOwner() {
+    pid_t owner = kelvane::lockOwner(dir_.get(), target_.pid, hungFacts_);
+    return publish_([&](ProcessCapture& capture) { capture.lockOwner = owner; });
+  }
+
+  /// Last, since it looks at every process.
+  void findPeer() {
+    auto peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_);
+    publish_([&](ProcessCapture& capture) { capture.peer = std::move(peer); });
   }
 
   void takeStacks() {
@@ -194,6 +209,7 @@ class Capturer {
   UniqueFd dir_;
   ProcStat firstStat_;
   pid_t hungThread_ = 0;
+  ThreadFacts hungFacts_;
   std::vector<pid_t> tids_;                         // the hung thread's first
   std::unordered_map<pid_t, size_t> rows_;          // tid to index in ProcessCapture::threads
   std::vector<MappedModule> modules_;               // the same indices as ProcessCapture::modules

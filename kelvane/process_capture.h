@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "kelvane/dump_request.h"
+#include "kelvane/peer.h"
+#include "kelvane/proc_text.h"
 
 namespace kelvane {
 
@@ -18,7 +20,8 @@ struct ThreadFacts {
   std::string comm;
   char state = '?';         // proc(5); '?' if the thread went away
   std::string waitChannel;  // empty: not waiting, or not permitted
-  std::optional<int64_t> syscall;
+  pid_t tracerPid = 0;      // the process that traces it; 0: none
+  std::optional<SystemCall> syscall;
   std::vector<std::string> kernelStack;  // innermost first
   uint64_t userMs = 0;
   uint64_t systemMs = 0;
@@ -62,6 +65,10 @@ struct ProcessCapture {
   std::vector<ThreadCapture> threads;
   std::vector<Frame> frames;
   std::vector<Module> modules;
+  /// What the hung thread waits for: the holder of a lock (a thread of the process), or of the other end of a
+  /// pipe or socket. 0 and nothing: it doesn't, or that can't be told.
+  pid_t lockOwner = 0;
+  std::optional<Peer> peer;
   std::vector<Omission> omissions;
 };
 

@@ -98,9 +98,9 @@ void writeThread(JsonWriter& json, const ThreadCapture& thread, bool hung) {
   if (hung) json.member("hung", true);
   json.member("state", stateName(facts.state));
   writeText(json, "waitChannel", facts.waitChannel);
-  if (facts.syscall && *facts.syscall >= 0) {
-    json.member("syscall", *facts.syscall);
-    if (const char* name = syscallName(*facts.syscall)) json.member("syscallName", name);
+  if (facts.syscall && facts.syscall->number >= 0) {
+    json.member("syscall", facts.syscall->number);
+    if (const char* name = syscallName(facts.syscall->number)) json.member("syscallName", name);
   }
   json.member("userMs", facts.userMs);
   json.member("systemMs", facts.systemMs);

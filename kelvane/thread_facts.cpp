@@ -43,6 +43,7 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
 
   FileText status = read("status");
   facts.voluntarySwitches = parseStatusNumber(status.text, "voluntary_ctxt_switches");
+  facts.tracerPid = static_cast<pid_t>(parseStatusNumber(status.text, "TracerPid"));
   facts.involuntarySwitches = parseStatusNumber(status.text, "nonvoluntary_ctxt_switches");
 
   // "0" stands for a running thread, and for any thread that the reader may not look into.

@@ -25,8 +25,9 @@ TEST(ProcText, StatOfACommandMadeToConfuse) {
 TEST(ProcText, StatusSyscallAndKernelStack) {
   EXPECT_EQ(parseStatusNumber("Tgid:\t7\nTracerPid:\t815\nx", "TracerPid"), 815u);
   EXPECT_EQ(parseStatusNumber("NoTgid:\t7\n", "Tgid"), 0u);
-  EXPECT_EQ(parseSyscall("202 0x1 0x0 0x7f 0x7f\n"), 202);
-  EXPECT_EQ(parseSyscall("-1 0x7f 0x7f\n"), -1);
+  EXPECT_EQ(parseSyscall("202 0x1 0x80 0x7fffffffffffffff 0x7f\n"),
+            (SystemCall{202, {1, 0x80, 0x7fffffffffffffff, 0x7f}}));
+  EXPECT_EQ(parseSyscall("-1 0x7f 0x7f\n")->number, -1);
   EXPECT_FALSE(parseSyscall("running\n"));
   std::string stack =
       "[<0>] futex_do_wait+0x69/0x90\n[<0>] do_syscall_64+0x71/0x280 [mod]\nrubbish\n[<0>] cut";
