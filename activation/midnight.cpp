@@ -10,31 +10,26 @@ namespace {
 using platform::WallTime;
 using std::chrono::seconds;
 
-struct tm localTime(time_t time) {
+/// The local date at `time`, as a number that grows from day to day.
+int localDate(std::chrono::sys_seconds time) {
+  const time_t whole = time.time_since_epoch().count();
   struct tm local {};
-  localtime_r(&time, &local);
-  return local;
+  localtime_r(&whole, &local);
+  return local.tm_year * 1000 + local.tm_yday;
 }
 
 }  // namespace
 
+/// Looked for minute by minute, as days begin at whole minutes everywhere: mktime answers with the second of
+/// two midnights where the clocks go back over it, and with a moment of the day before where a zone has none.
 WallTime nextLocalMidnight(WallTime now) {
   tzset();  // the time zone may have changed since the last look
-  struct tm tomorrow = localTime(std::chrono::floor<seconds>(now).time_since_epoch().count());
-  tomorrow.tm_mday += 1;
-  tomorrow.tm_isdst = -1;
-  const time_t sameTimeTomorrow = mktime(&tomorrow);
-
-  struct tm midnight = localTime(sameTimeTomorrow);
-  const int day = midnight.tm_mday;
-  midnight.tm_hour = midnight.tm_min = midnight.tm_sec = 0;
-  midnight.tm_isdst = -1;
-  time_t start = mktime(&midnight);
-  // Where the clocks go forward at midnight there is no 00:00, and mktime may answer with an hour of the day
-  // before.
-  constexpr time_t kMinute = 60;
-  while (localTime(start).tm_mday != day && start < sameTimeTomorrow) start += kMinute;
-  return WallTime(seconds(start));
+  const int today = localDate(std::chrono::floor<seconds>(now));
+  auto minute = std::chrono::floor<std::chrono::minutes>(now);
+  do {
+    minute += std::chrono::minutes(1);
+  } while (localDate(minute) <= today);
+  return minute;
 }
 
 seconds delayUntilMidnight(WallTime now, WallTime midnight) {
