@@ -79,22 +79,18 @@ int32_t oomScoreAdjustment(int32_t pid) {
 
 void LinuxKernelMemory::takeLook() {
   priorities_.clear();
-  look_ = processTables_.look();
-  const int listBytes = look_->listBytes();
-  if (listBytes < static_cast<int>(sizeof(int32_t))) return;
-  std::vector<int32_t> pids(static_cast<size_t>(listBytes) / sizeof(int32_t));
-  const int filledBytes = look_->list(pids.data(), listBytes);
-  pids.resize(filledBytes < 0 ? 0 : static_cast<size_t>(filledBytes) / sizeof(int32_t));
+  look_ = processTables_.records();
+  cursor_ = 0;
   MemoryCgroups cgroups;
-  for (const int32_t pid : pids) {
-    platform::rusage_info_v3 usage{};
-    if (look_->usage(pid, &usage) != 0) continue;
+  for (const ProcessRecord& record : *look_) {
+    const process_sample& sample = record.sample;
     // Kernel threads and zombies have no memory of their own.
-    if (usage.resident_size == 0 && usage.phys_footprint == 0) continue;
-    priorities_.push_back({.pid = pid,
-                           .priority = oomScoreAdjustment(pid),
+    if (sample.resident_pages == 0 && sample.footprint_pages == 0) continue;
+    const bool scored = sample.flags & kSampleHasScore;
+    priorities_.push_back({.pid = sample.pid,
+                           .priority = scored ? sample.oom_score_adj : oomScoreAdjustment(sample.pid),
                            .user_data = 0,
-                           .limit = cgroups.limitMiB(pid),
+                           .limit = cgroups.limitMiB(sample.pid, sample.cgroups),
                            .state = 0});
   }
 }
@@ -117,11 +113,12 @@ std::optional<std::vector<platform::ledger_template_info>> LinuxKernelMemory::le
 }
 
 bool LinuxKernelMemory::ledger(int32_t pid, platform::ledger_entry_info* entries, size_t count) {
-  platform::rusage_info_v3 usage{};
-  if (!look_ || count < kLedgerEntries || look_->usage(pid, &usage) != 0) return false;
+  const ProcessRecord* record = look_ ? findRecord(*look_, pid, cursor_) : nullptr;
+  if (!record || count < kLedgerEntries) return false;
+  const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   std::fill_n(entries, count, platform::ledger_entry_info{});
-  entries[kResidentIndex].balance = static_cast<int64_t>(usage.resident_size);
-  entries[kFootprintIndex].balance = static_cast<int64_t>(usage.phys_footprint);
+  entries[kResidentIndex].balance = static_cast<int64_t>(record->sample.resident_pages * pageSize);
+  entries[kFootprintIndex].balance = static_cast<int64_t>(record->sample.footprint_pages * pageSize);
   return true;
 }
 

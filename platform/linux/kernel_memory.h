@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/kernel_memory.h"
-#include "platform/process_table.h"
+#include "platform/linux/process_table.h"
 
 namespace quorveld::linux_platform {
 
@@ -16,8 +16,8 @@ namespace quorveld::linux_platform {
 /// said once, until what was refused is granted.
 class LinuxKernelMemory final : public platform::KernelMemory {
  public:
-  /// `processTables` answers footprints and must outlive this object.
-  explicit LinuxKernelMemory(platform::ProcessTables& processTables) : processTables_(processTables) {}
+  /// `processTables` answers footprints and scores and must outlive this object.
+  explicit LinuxKernelMemory(LinuxProcessTables& processTables) : processTables_(processTables) {}
 
   /// Every process that has memory of its own, with oom_score_adj as priority and its memory cgroup's limit.
   /// Asking for the size takes the look that the next fetch and the ledgers answer from.
@@ -32,8 +32,9 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   void takeLook();
   std::optional<std::string> readOrSay(const char* path);
 
-  platform::ProcessTables& processTables_;
-  std::unique_ptr<platform::ProcessTable> look_;
+  LinuxProcessTables& processTables_;
+  std::shared_ptr<const ProcessRecords> look_;
+  size_t cursor_ = 0;  ///< where in `look_` a ledger was last found
   std::vector<platform::priority_list_entry> priorities_;
 
   // Of the last memoryInfo: the kernel hides addresses, so sites are numbered in the order of their size.

@@ -40,16 +40,20 @@ int32_t lowestLimitMiB(const CgroupPath& group) {
 
 }  // namespace
 
-int32_t MemoryCgroups::limitMiB(int32_t pid) {
+int32_t MemoryCgroups::limitMiB(int32_t pid, uint64_t cgroups) {
+  const auto shared = limitByCgroups_.find(cgroups);
+  if (shared != limitByCgroups_.end()) return shared->second;
   std::error_code error;
   const auto text = readFile("/proc/" + std::to_string(pid) + "/cgroup", kMaxFileBytes, error);
-  if (!text) return -1;
-  const auto known = limitByGroup_.find(*text);
-  if (known != limitByGroup_.end()) return known->second;
-  const auto group = parseMemoryCgroup(*text);
-  const int32_t limit = group && group->path.starts_with('/') ? lowestLimitMiB(*group) : -1;
-  limitByGroup_.emplace(*text, limit);
-  return limit;
+  if (!text) return -1;  // gone: the next one that shares its groups may answer
+  auto known = limitByGroup_.find(*text);
+  if (known == limitByGroup_.end()) {
+    const auto group = parseMemoryCgroup(*text);
+    const int32_t limit = group && group->path.starts_with('/') ? lowestLimitMiB(*group) : -1;
+    known = limitByGroup_.emplace(*text, limit).first;
+  }
+  if (cgroups != 0) limitByCgroups_.emplace(cgroups, known->second);
+  return known->second;
 }
 
 }  // namespace quorveld::linux_platform

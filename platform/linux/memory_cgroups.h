@@ -6,13 +6,16 @@
 
 namespace quorveld::linux_platform {
 
-/// Memory limits of control groups (cgroups(7)), each group read once in the life of this object.
+/// Memory limits of control groups (cgroups(7)), as of one look at the processes: each group is read once in
+/// the life of this object.
 class MemoryCgroups {
  public:
   /// The lowest limit of the process's group and those above it, in MiB; -1: none, or not readable.
-  int32_t limitMiB(int32_t pid);
+  /// `cgroups` as in process_sample: one process answers for all that share it.
+  int32_t limitMiB(int32_t pid, uint64_t cgroups);
 
  private:
+  std::map<uint64_t, int32_t> limitByCgroups_;
   std::map<std::string, int32_t> limitByGroup_;
 };
 

@@ -89,8 +89,12 @@ void LinuxProcessTables::prepare() {
 }
 
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {
+  return std::make_unique<LinuxProcessTable>(records());
+}
+
+std::shared_ptr<const ProcessRecords> LinuxProcessTables::records() {
   const std::lock_guard lock(mutex_);
-  return std::make_unique<LinuxProcessTable>(read());
+  return read();
 }
 
 std::shared_ptr<const ProcessRecords> LinuxProcessTables::read() {

@@ -27,7 +27,7 @@ class LinuxProcessTables final : public platform::ProcessTables {
   void prepare() override;
   [[nodiscard]] std::unique_ptr<platform::ProcessTable> look() override;
 
-  /// What one look has read, for those who want more than the interface tells; empty on failure.
+  /// What a look reads, for those who want more than the interface tells; empty on failure.
   [[nodiscard]] std::shared_ptr<const ProcessRecords> records();
 
  private:

@@ -30,6 +30,8 @@ std::vector<uint64_t> orderByPid(std::span<const process_sample> samples) {
 void addPart(process_sample& whole, const process_sample& part) {
   if (part.flags & kSampleHasLeader) {
     whole.leader_class = part.leader_class;
+    whole.oom_score_adj = part.oom_score_adj;
+    whole.cgroups = part.cgroups;
     std::memcpy(whole.comm, part.comm, sizeof(whole.comm));
   }
   whole.flags |= part.flags;

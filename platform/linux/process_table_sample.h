@@ -11,6 +11,7 @@ enum {
   kSampleCommBytes = 16,      // the kernel's TASK_COMM_LEN
   kSampleHasLeader = 1,       // the fields that the main thread gives are filled
   kSampleClassesUnknown = 2,  // class_runtime_ns was not read, because the process has spent no CPU since
+  kSampleHasScore = 4,        // oom_score_adj was read
 };
 
 /// What one pass read of one process, raw: figures of the whole process, and sums over its threads.
@@ -19,10 +20,13 @@ enum {
 /// them then has kSampleHasLeader, unless the process was going away.
 struct process_sample {
   int32_t pid;
-  uint16_t flags;
-  uint16_t leader_class;        // enum qos_class of the main thread
+  uint8_t flags;
+  uint8_t leader_class;         // enum qos_class of the main thread
+  int16_t oom_score_adj;        // proc(5)
   char comm[kSampleCommBytes];  // NUL-terminated
   uint64_t start_ns;            // CLOCK_BOOTTIME
+  /// The same number in two samples of one pass: both processes are in the same control groups; 0: unknown.
+  uint64_t cgroups;
 
   // What the kernel scales to the user and system times that proc(5) shows: precise run time, the tick's
   // samples of user and system time, and what it answered last. All of the whole process, ended threads too.

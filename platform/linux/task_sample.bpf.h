@@ -64,6 +64,7 @@ struct signal_struct {
   struct prev_cputime prev_cputime;
   unsigned long maj_flt, cmaj_flt;
   struct task_io_accounting ioac;
+  short oom_score_adj;
   unsigned long long sum_sched_runtime;
 };
 struct sched_entity {
@@ -81,6 +82,7 @@ struct task_struct {
   unsigned long maj_flt;
   char comm[kSampleCommBytes];
   struct signal_struct* signal;
+  struct css_set* cgroups;
   struct task_io_accounting ioac;
 };
 struct bpf_array {
@@ -210,11 +212,14 @@ static __always_inline void add_memory(struct process_sample* sample, struct mm_
 // where the other order would count it twice.
 static __always_inline void add_process(struct process_sample* sample, struct task_struct* leader) {
   struct signal_struct* process = leader->signal;
-  sample->flags = kSampleHasLeader;
+  sample->flags = kSampleHasLeader | kSampleHasScore;
   sample->leader_class = class_of(leader->policy, leader->static_prio, leader->flags);
   bpf_probe_read_kernel(sample->comm, sizeof(sample->comm), &leader->comm);
   sample->comm[kSampleCommBytes - 1] = 0;
   sample->start_ns = leader->start_boottime;
+  sample->oom_score_adj = process->oom_score_adj;
+  // The kernel keeps each combination of control groups once, and shares it among the processes in them.
+  if (bpf_core_field_exists(leader->cgroups)) sample->cgroups = address_of(leader->cgroups);
   sample->runtime_ns += process->sum_sched_runtime;
   sample->utime_ns += process->utime;
   sample->stime_ns += process->stime;
