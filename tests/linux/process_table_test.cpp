@@ -272,6 +272,7 @@ INSTANTIATE_TEST_SUITE_P(Every, ProcessTable, testing::Values(Way::taskWalk, Way
 TEST(ProcessTables, ChoosesOneWayAndSaysSoOnceWithLooksFromTwoThreads) {
   SimPlatform sim;
   LinuxProcessTables tables;
+  tables.prepare();
   const auto looking = [&] {
     for (int i = 0; i < 20; ++i) {
       const auto table = tables.look();
