@@ -11,6 +11,7 @@ namespace quorvelctl {
 void addPrefsCommands(CLI::App& app, Context& context);
 void addNotifyCommand(CLI::App& app, Context& context);
 void addReportsCommands(CLI::App& app, Context& context);
+void addMemoryCommands(CLI::App& app, Context& context);
 void addMetricsCommand(CLI::App& app, Context& context);
 
 }  // namespace quorvelctl

@@ -20,6 +20,7 @@ int run(int argc, char** argv) {
   quorvelctl::addPrefsCommands(app, context);
   quorvelctl::addNotifyCommand(app, context);
   quorvelctl::addReportsCommands(app, context);
+  quorvelctl::addMemoryCommands(app, context);
   quorvelctl::addMetricsCommand(app, context);
   try {
     app.parse(argc, argv);

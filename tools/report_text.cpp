@@ -105,7 +105,8 @@ std::string sizeText(uint64_t bytes) {
   const auto size = static_cast<double>(bytes);
   if (bytes < 1024) return std::to_string(bytes) + " B";
   if (size < kKilobyte * kKilobyte) return fixed(size / kKilobyte, 0) + " KB";
-  return fixed(size / (kKilobyte * kKilobyte), 1) + " MB";
+  if (size < kKilobyte * kKilobyte * kKilobyte) return fixed(size / (kKilobyte * kKilobyte), 1) + " MB";
+  return fixed(size / (kKilobyte * kKilobyte * kKilobyte), 2) + " GB";
 }
 
 std::string reportTable(const std::vector<ReportEntry>& entries) {

@@ -23,7 +23,7 @@ using FrameNamer = std::function<std::string(const ReportFrame&)>;
 
 /// "7.50 s", or "401 ms" below a second.
 std::string durationText(double ms);
-/// "512 B", "12 KB", "3.4 MB".
+/// "512 B", "12 KB", "3.4 MB", "1.25 GB".
 std::string sizeText(uint64_t bytes);
 
 /// One line a report, in local time.

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace quorvelctl {
+
+/// The longest memory report that is read, in bytes: some half a million processes.
+inline constexpr size_t kMaxMemoryReportBytes = size_t{64} * 1024 * 1024;
+
+/// More memory than there can be, in bytes; a section that claims more is refused, so that sums and
+/// differences fit 64 bits.
+inline constexpr uint64_t kMaxMemoryBytes = uint64_t{1} << 60;
+
+struct NamedBytes {
+  std::string name;  ///< may hold anything
+  uint64_t bytes = 0;
+};
+
+struct MemoryProcess {
+  std::string name;  ///< may hold anything
+  int64_t priority = 0;
+  uint64_t footprintBytes = 0;
+  std::string dirty;  ///< "Y", "N", or "-": not tracked
+  std::vector<std::string> assertions;
+};
+
+/// A memory report of the daemon (docs/memory-report.md), its pages converted to bytes.
+struct MemoryReport {
+  std::string osVersion;
+  std::string model;
+  std::string timestamp;  ///< yyyy-MM-dd-HHmmss, the device's local time
+  /// Stands among the VM counters: where these could not be read, the usual 4096 is taken.
+  uint64_t pageSizeBytes = 4096;
+  std::string vmError;                                     ///< why there are no VM counters
+  std::vector<std::pair<std::string, uint64_t>> counters;  ///< VM counters, in pages or events
+  std::vector<MemoryProcess> processes;                    ///< this and the lists below: largest first
+  std::vector<NamedBytes> zones;
+  std::vector<NamedBytes> consumers;  ///< of wired memory: tags, extensions and call sites
+  std::vector<NamedBytes> totals;     ///< the kernel's counters, each over many consumers
+
+  /// The VM counter, or nothing.
+  std::optional<uint64_t> counter(std::string_view name) const;
+};
+
+/// Whether a VM counter counts pages, and not events.
+bool countsPages(std::string_view counter);
+
+uint64_t sumOf(const std::vector<NamedBytes>& entries);
+
+/// Reads a memory report; nothing, and why, when `text` isn't a whole one.
+std::optional<MemoryReport> parseMemoryReport(std::string_view text, std::string& error);
+
+inline constexpr const char* kUnaccounted = "unaccounted for";
+
+/// All memory that the kernel hands out, by what it is used for.
+struct MemoryAccount {
+  uint64_t totalBytes = 0;
+  std::vector<NamedBytes> parts;
+  /// What no part explains; slightly negative when the figures moved while they were read.
+  int64_t unaccountedBytes = 0;
+};
+
+/// Nothing when the report lacks the VM counters or the kernel's total.
+std::optional<MemoryAccount> accountOf(const MemoryReport& report);
+
+}  // namespace quorvelctl
