@@ -59,6 +59,13 @@ std::error_code renameWithoutReplacing(const char* from, const char* to) {
   return resultOf(::unlink(from));
 }
 
+std::error_code renameReplacing(const char* from, const char* to) {
+  return resultOf(::rename(from, to));
+}
+
+/// How the finished copy gets its name.
+using Renaming = std::error_code (*)(const char* from, const char* to);
+
 std::error_code copyContents(int from, int to) {
   for (;;) {
     constexpr size_t kStepBytes = 1U << 20U;
@@ -68,7 +75,7 @@ std::error_code copyContents(int from, int to) {
   }
 }
 
-std::error_code moveAcrossFileSystems(const std::string& from, const std::string& to) {
+std::error_code moveAcrossFileSystems(const std::string& from, const std::string& to, Renaming rename) {
   const UniqueFd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
   if (!source || ::fstat(source.get(), &status) != 0) return lastError();
@@ -79,7 +86,7 @@ std::error_code moveAcrossFileSystems(const std::string& from, const std::string
   if (error) return error;
   if (::fchmod(copy.descriptor(), status.st_mode & 07777U) != 0) return lastError();
   if (::fsync(copy.descriptor()) != 0) return lastError();
-  error = renameWithoutReplacing(copy.path().c_str(), to.c_str());
+  error = rename(copy.path().c_str(), to.c_str());
   if (error) return error;
   copy.keep();
   return resultOf(::unlink(from.c_str()));
@@ -118,13 +125,20 @@ std::error_code LinuxFiles::move(const std::string& from, const std::string& to)
   const std::string source = rooted(from);
   const std::string target = rooted(to);
   std::error_code error = renameWithoutReplacing(source.c_str(), target.c_str());
-  if (error == std::errc::cross_device_link) error = moveAcrossFileSystems(source, target);
+  if (error == std::errc::cross_device_link) {
+    error = moveAcrossFileSystems(source, target, renameWithoutReplacing);
+  }
   if (!error) syncDirectory(directoryOf(target));
   return error;
 }
 
 std::error_code LinuxFiles::rename(const std::string& from, const std::string& to) {
-  return resultOf(::rename(rooted(from).c_str(), rooted(to).c_str()));
+  const std::string source = rooted(from);
+  const std::string target = rooted(to);
+  const std::error_code error = renameReplacing(source.c_str(), target.c_str());
+  // Folders that are bind mounts of their own, as a sandbox makes them, answer so even on one disk.
+  if (error != std::errc::cross_device_link) return error;
+  return moveAcrossFileSystems(source, target, renameReplacing);
 }
 
 std::optional<std::string> LinuxFiles::serializeJson(const platform::Dictionary& dictionary,

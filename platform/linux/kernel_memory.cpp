@@ -139,11 +139,12 @@ std::optional<std::string> LinuxKernelMemory::readOrSay(const char* path) {
 
 std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
   const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  // The first refusal is enough to say: who may not read the one may seldom read the next.
   const auto slabInfo = readOrSay("/proc/slabinfo");
-  const auto vmallocInfo = readOrSay("/proc/vmallocinfo");
-  const auto memInfo = readOrSay("/proc/meminfo");
-  const auto zoneInfo = readOrSay("/proc/zoneinfo");
-  if (!slabInfo || !vmallocInfo || !memInfo || !zoneInfo) return std::nullopt;
+  const auto vmallocInfo = slabInfo ? readOrSay("/proc/vmallocinfo") : std::nullopt;
+  const auto memInfo = vmallocInfo ? readOrSay("/proc/meminfo") : std::nullopt;
+  const auto zoneInfo = memInfo ? readOrSay("/proc/zoneinfo") : std::nullopt;
+  if (!zoneInfo) return std::nullopt;
   const auto caches = parseSlabInfo(*slabInfo, pageSize);
   if (!caches) {
     logDefault("No memory snapshot: /proc/slabinfo is of an unknown version");

@@ -77,7 +77,7 @@ TEST_F(Files, MoveKeepsWhatIsThereAndRenameReplacesIt) {
   EXPECT_EQ(root_.read("b"), "a");
 }
 
-TEST_F(Files, MoveCrossesFileSystemsWithTheSamePromises) {
+TEST_F(Files, MoveAndRenameCrossFileSystemsWithTheSamePromises) {
   std::string other = "/dev/shm/quorveld-XXXXXX";
   struct stat here {};
   struct stat there {};
@@ -98,6 +98,9 @@ TEST_F(Files, MoveCrossesFileSystemsWithTheSamePromises) {
   std::filesystem::create_symlink(root_ / "b", root_ / "link");
   EXPECT_TRUE(files_.move("/link", "/spool/link"));
   EXPECT_EQ(root_.read("b"), "b");
+  EXPECT_FALSE(files_.rename("/b", "/spool/a"));
+  EXPECT_EQ(root_.read("spool/a"), "b");
+  EXPECT_FALSE(root_.exists("b"));
   EXPECT_EQ(entriesIn("spool"), 1u);  // and no copy half done
   std::filesystem::remove_all(other);
 }
