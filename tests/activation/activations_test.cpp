@@ -2,6 +2,7 @@
 
 #include "base/limits.h"
 #include "base/string_hash.h"
+#include "base/value_text.h"
 #include "tests/activation/launcher.h"
 
 // Activations from the launcher's messages to the report: who is paired with whom, who is reported, who is
@@ -29,11 +30,12 @@ uint64_t numberOf(const platform::Value& value) {
 
 TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
   LauncherWorld world;
+  world.kernel.processNames = {{0, "kernel"}, {70312, "viewer"}};
   world.begin();
   world.notifications.post("com.corvix.quorvel.pref_changed");
   world.settle();
-  EXPECT_EQ(world.kernel.prepares, 1);  // once, and before anything is launched
-  const uint64_t start = world.nowMs();
+  EXPECT_EQ(world.kernel.prepares, 1);        // once, and before anything is launched
+  const uint64_t start = world.nowMs() - 30;  // latencies count from now all the same
   world.beginActivation(70312, "com.example.viewer", Shown::foreground, 1, start, 120ms);
   EXPECT_EQ(world.kernel.looks, 1);
   EXPECT_TRUE(
@@ -41,7 +43,7 @@ TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
   EXPECT_TRUE(world.logged(Level::debug, "QVActivationStats: Latency to get start message:120 ms"));
   EXPECT_TRUE(world.logged(Level::debug, "ipxStartLatencyInMs 120 ms"));
   world.advance(800ms);
-  world.endActivation(70312, "com.example.viewer", Shown::foreground, 5, start + 700);
+  world.endActivation(70312, "com.example.viewer", Shown::foreground, 5, start + 730);
 
   const uint64_t id = start << 32 | uint32_t{stringHash("com.example.viewer") << 16} | (70312 & 0xFFFF);
   EXPECT_TRUE(world.logged(Level::debug, "QVActivationStats: Latency to get end message:100 ms"));
@@ -49,18 +51,20 @@ TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
   EXPECT_TRUE(world.logged(
       Level::debug,
       "QVActivationStats: Activation Complete:Activationid:" + std::to_string(static_cast<int64_t>(id)) +
-          " BundleID:com.example.viewer PID:70312 Result:5 Type:1 TimeTaken:700 ms"));
+          " BundleID:com.example.viewer PID:70312 Result:5 Type:1 TimeTaken:730 ms"));
   EXPECT_TRUE(
-      world.logged(Level::standard, "QVActivationStats: com.example.viewer FG Launch Duration = 700ms"));
+      world.logged(Level::standard, "QVActivationStats: com.example.viewer FG Launch Duration = 730ms"));
   EXPECT_TRUE(
       world.logged(Level::debug,
                    "QVActivationStats: Sending activation for com.example.viewer to Pelmar. Number Of "
                    "Activations recorded:1"));
   ASSERT_EQ(world.powerLog.events.size(), 1u);
   EXPECT_EQ(numberOf(world.reported("ActivationID")), id);
-  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 700u);
+  EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 730u);
   EXPECT_EQ(numberOf(world.reported("ActivationResult")), 5u);
   EXPECT_EQ(numberOf(world.reported("SystemUptime")), 100u);
+  // In no snapshot, so it has its record's name: that of process 0.
+  EXPECT_NE(describe(world.powerLog.events[0].processData).find("ProcessName = kernel;"), std::string::npos);
   // 120 ms and 100 ms in units of 50 ms, at bits 8 and 13.
   EXPECT_EQ(numberOf(world.reported("ActivationFlags")), 2u << 8 | 2u << 13);
   EXPECT_EQ(world.kernel.looks, 2);

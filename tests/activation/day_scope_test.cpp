@@ -110,7 +110,7 @@ TEST(Midnight, StaysAPointOfAClockThatIsSet) {
   world.advance(47h);
   EXPECT_EQ(armed(world), Midnights{});
   world.advance(1h);
-  EXPECT_EQ(armed(world).back(), "2026-01-19 00:00:00 +0000");
+  EXPECT_EQ(armed(world), Midnights{"2026-01-19 00:00:00 +0000"});
 }
 
 TEST(Midnight, PassesWhileTheMachineSleepsAndATimeoutDoesNot) {

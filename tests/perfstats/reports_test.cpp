@@ -217,7 +217,7 @@ TEST_F(ReportsTest, PowerLogCountsUpTo255SmallProcessesInTheFlags) {
 }
 
 TEST_F(ReportsTest, PowerLogNamesEachPidOnceUntilPidsStartOver) {
-  between({}, {task(312, "app"), task(200, "shell")});
+  between({}, {task(312, "app", 9), task(200, "shell")});
   EXPECT_EQ(names(sendToPelmar()), (Names{"OtherProcesses", "shell", "app"}));
   EXPECT_EQ(reportState().largestTrackedPid, 312);
 
