@@ -84,8 +84,9 @@ void AppActivationTracker::setShouldReportData(bool report) {
 }
 
 void AppActivationTracker::setShouldCaptureKelvanesAtThreshold(uint32_t thresholdMs) {
-  captureKelvanes_ = true;
+  // The threshold first: a launch that ends meanwhile must not be measured by none.
   kelvaneTimeThreshold_ = thresholdMs;
+  captureKelvanes_ = true;
   quorvelLog().info("QVActivationStats: CaptureLaunchKelvanes=%i launchTimeThresholdForCapture=%i", 1,
                     static_cast<int>(thresholdMs));
 }
