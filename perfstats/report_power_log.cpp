@@ -40,6 +40,7 @@ class EventBuilder {
   void addCpuData();
   void addTask(int32_t position, const task_statistics& task, const PerfStatsProcess& process);
   Dictionary cpuDictionary(uint64_t uniqueID, const UsageValues& values, uint8_t state) const;
+  void noticeRollover() const;
   void nameToService(PerfStatsProcess process);
   void addVmData(const char* key, int64_t sequenceID, const Vm& vm);
   void addActivationData();
@@ -91,19 +92,22 @@ void EventBuilder::addTask(int32_t position, const task_statistics& task, const 
       cpuDictionary(process.uniqueIdentifier(), values, task.state));
 }
 
-/// Names the process unless an earlier report did. An activation below the largest pid that was named means
-/// that pids have started over: everything from there on is named again.
-void EventBuilder::nameToService(PerfStatsProcess process) {
+/// An activation below the largest pid that was named means that pids have started over: everything from
+/// there on is named again. Once a report, not once a process: a launcher may send any number as the pid.
+void EventBuilder::noticeRollover() const {
   int32_t& largestTrackedPid = reportState().largestTrackedPid;
-  if (report_.pid < largestTrackedPid) {
-    quorvelLog().standard(
-        " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids [App pid: %d. Last "
-        "Seen:%d] *****",
-        report_.pid, largestTrackedPid);
-    largestTrackedPid = -1;
-  }
+  if (report_.pid >= largestTrackedPid) return;
+  quorvelLog().standard(
+      " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids [App pid: %d. Last "
+      "Seen:%d] *****",
+      report_.pid, largestTrackedPid);
+  largestTrackedPid = -1;
+}
+
+/// Names the process unless an earlier report did.
+void EventBuilder::nameToService(PerfStatsProcess process) {
   const int32_t pid = process.pid();
-  if (pid <= largestTrackedPid) return;
+  if (pid <= reportState().largestTrackedPid) return;
   if (pid > largestNewPid_) largestNewPid_ = pid;
   processes_.insert_or_assign(pid, std::move(process));
 }
@@ -111,6 +115,7 @@ void EventBuilder::nameToService(PerfStatsProcess process) {
 void EventBuilder::addCpuData() {
   const CpuStatisticsPtr delta = cpuDelta(report_);
   if (!delta) return;
+  noticeRollover();
   for (int32_t n = 0; n < delta->count; ++n) {
     const task_statistics& task = delta->tasks[n];
     PerfStatsProcess process = PerfStatsProcess::processWithPID(task.pid, task.name);

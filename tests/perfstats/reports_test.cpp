@@ -238,6 +238,14 @@ TEST_F(ReportsTest, PowerLogNamesEachPidOnceUntilPidsStartOver) {
   pid = 312;
   resetLargestTrackedPid();
   EXPECT_EQ(names(sendToPelmar()), (Names{"second app", "shell", "com.example.view\xEF\xBF\xBD"}));
+
+  pid = -5;  // no process's: below everything, always
+  resetLargestTrackedPid();
+  sendToPelmar();
+  EXPECT_EQ(world.logs.count(LogLevel::standard,
+                             " ***** QVActivationStats:Pids rolled over! Resetting our state to track new "
+                             "pids [App pid: -5. Last Seen:-1] *****"),
+            1);
 }
 
 TEST_F(ReportsTest, PowerLogSaysNothingOfWhatASnapshotLacks) {
