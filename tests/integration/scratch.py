@@ -50,6 +50,7 @@ class Scratch:
         self.temporary = self.root / CACHE / "tmp"
         self.log_path = self.root / "log"
         self.prefix = list(prefix)
+        self.executable = DAEMON
         self.process = None
         if kelvane:
             (self.root / "usr/lib").mkdir(parents=True)
@@ -79,7 +80,7 @@ class Scratch:
 
     def start(self):
         with open(self.log_path, "ab") as log:
-            self.process = subprocess.Popen([*self.prefix, DAEMON], env=self.environment(), stdin=subprocess.DEVNULL,
+            self.process = subprocess.Popen([*self.prefix, self.executable], env=self.environment(), stdin=subprocess.DEVNULL,
                                             stdout=log, stderr=log)
         # The last thing that start-up does; by then it listens.
         until(lambda: "refreshPreferences: App Activation Logging " in self.log() or self.process.poll() is not None, 20,
