@@ -88,6 +88,27 @@ TEST(Activations, MissingAndFutureTimesAreTakenAsTheyCome) {
   EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), UINT32_MAX);
 }
 
+TEST(Activations, AnyNumberOfALaunchersIsTakenModuloItsWidth) {
+  LauncherWorld world;
+  world.begin();
+  world.prefer("QuorvelSlowActKelvanesEnabled", true);  // so that every time is turned into ticks, too
+  const uint64_t times[] = {1, uint64_t{INT64_MAX} + 1, UINT64_MAX};
+  for (const uint64_t start : times) {
+    for (const uint64_t end : times) {
+      world.logs.clear();
+      world.beginActivation(INT64_MIN | 7, "a", Shown::foreground, 1, start);
+      world.endActivation(INT64_MIN | 7, "a", Shown::foreground, INT64_MAX, end);
+      const auto wallTime = static_cast<int>(static_cast<uint32_t>(end - start));
+      EXPECT_TRUE(world.logged(
+          Level::standard, "QVActivationStats: a FG Launch Duration = " + std::to_string(wallTime) + "ms"));
+    }
+  }
+  EXPECT_FALSE(world.traceLibraries.requests.empty());
+  EXPECT_TRUE(world.logged(Level::debug,
+                           "QVActivationStats: Activation Complete:Activationid:-3604217849 "
+                           "BundleID:a PID:7 Result:-1 Type:1 TimeTaken:0 ms"));
+}
+
 TEST(Activations, AnnouncementsThatDontMatchAreSortedOut) {
   LauncherWorld world;
   world.begin();
