@@ -39,6 +39,19 @@ inline constexpr uint64_t kMaxSectionBytes = uint64_t{64} * 1024 * 1024;
 inline constexpr size_t kMaxMangledBytes = 1'024;
 inline constexpr size_t kMaxNameBytes = 4'096;
 
+// The flight recorder.
+
+/// Events of one report; the oldest are left out. 40 bytes each, held twice while they are put in order.
+inline constexpr size_t kMaxRecordedEvents = 400'000;
+inline constexpr size_t kMaxThreadNames = 65'536;
+inline constexpr size_t kMaxMarks = 16'384;
+inline constexpr size_t kMaxMarkBytes = 256;
+/// A page of the kernel's buffer.
+inline constexpr size_t kMaxTracePageBytes = size_t{64} * 1024;
+/// A page that was read is kept until it is this old, or until more than this many buffers' worth were read since.
+inline constexpr std::chrono::minutes kKeepPagesFor{10};
+inline constexpr size_t kKeptBuffers = 2;
+
 // All processes.
 
 /// How long the search for the other end of a pipe or socket may take, and how many descriptors of a process
@@ -48,6 +61,18 @@ inline constexpr size_t kMaxDescriptorsSearched = 4'096;
 
 inline constexpr size_t kMaxProcessesScanned = 16'384;
 inline constexpr size_t kMaxProcessesListed = 256;
+
+// What the flight recorder adds to a report.
+
+/// Reading the recording goes on beside the look at the process.
+inline constexpr std::chrono::milliseconds kRecordingBudget{1'000};
+/// How much time around the hang is shown.
+inline constexpr std::chrono::seconds kContext{1};
+/// Intervals drawn of all CPUs together, and of the hung thread's states: some 120 bytes each. The longest are
+/// kept, since a viewer shows the others as hairlines anyway.
+inline constexpr size_t kMaxCpuRunsDrawn = 50'000;
+inline constexpr size_t kMaxStatesDrawn = 10'000;
+inline constexpr size_t kMaxMarksDrawn = 1'000;
 
 // The header and the small files of /proc.
 

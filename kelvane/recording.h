@@ -13,13 +13,15 @@ namespace kelvane {
 /// What happened. "tid" and the like are RecordedEvent's members.
 enum class RecordedKind : uint8_t {
   contextSwitch,  // tid leaves the CPU in `state`, other takes it
-  wakeup,         // tid, or an interrupt on top of it, wakes other
-  blockIssue,  // a request goes to `device`: `bytes`, sector `value`, `state` 'R' read, 'W' write, 'F' flush,
-               // 'D' discard, '?' else
+  wakeup,         // tid wakes other; `state` 'i': an interrupt on top of tid did, else 'R'
+  // A request goes to `device`: `bytes`, sector `value`, `state` 'R' read, 'W' write, 'F' flush, 'D' discard,
+  // '?'.
+  blockIssue,
   blockComplete,  // the same request comes back; tid is whoever was interrupted
-  signal,         // number `value` is delivered to tid; other: its sender, if known
-  fileFault,      // tid has a page of a file read in
-  reclaimBegin,   // tid reclaims memory directly
+  // Number `value` is sent to tid and not ignored; other: whoever was on the CPU, mostly the sender.
+  signal,
+  fileFault,     // tid faults on a page of the file with inode `value` on `device`
+  reclaimBegin,  // tid reclaims memory directly
   reclaimEnd,
   suspendBegin,  // of the machine
   suspendEnd,
@@ -30,10 +32,9 @@ enum class RecordedKind : uint8_t {
 struct RecordedEvent {
   uint64_t atNs = 0;  // CLOCK_MONOTONIC
   RecordedKind kind = RecordedKind::contextSwitch;
-  char state =
-      '?';  // of a switch: a letter of proc(5), 'R' for preempted or yielded. Of a block event: see there
+  char state = '?';  // of a switch: a letter of proc(5), 'R' for preempted or yielded. Else: see kind
   uint16_t cpu = 0;
-  int32_t tid = 0;    // who was on the CPU; 0: the idle task
+  int32_t tid = 0;    // who was on the CPU, except of a signal; 0: the idle task
   int32_t other = 0;  // see kind; 0: nobody, or the idle task
   uint32_t bytes = 0;
   uint32_t device = 0;  // the kernel's number: major << 20 | minor
@@ -48,7 +49,7 @@ struct Recording {
   uint64_t fromNs = 0;  // the window asked for, in CLOCK_MONOTONIC
   uint64_t toNs = 0;
   uint64_t coveredFromNs = 0;       // from here on every CPU's events are there; == toNs: nothing is covered
-  uint64_t lostEvents = 0;          // overwritten within the covered span before they could be read
+  uint64_t lostEvents = 0;          // overwritten unread, where that is what cuts the covered span short
   std::vector<Omission> omissions;  // e.g. {"flight recorder", "it is not running: kelvanectl start"}
 };
 
