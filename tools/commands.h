@@ -13,5 +13,7 @@ void addNotifyCommand(CLI::App& app, Context& context);
 void addReportsCommands(CLI::App& app, Context& context);
 void addMemoryCommands(CLI::App& app, Context& context);
 void addMetricsCommand(CLI::App& app, Context& context);
+void addLaunchCommand(CLI::App& app, Context& context);
+void addActivationsCommand(CLI::App& app, Context& context);
 
 }  // namespace quorvelctl

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quorvelctl {
 
@@ -14,6 +15,7 @@ struct Context {
   std::string root;  ///< put before every path of the daemon
   bool json = false;
   int status = 0;
+  std::vector<std::string> command;  ///< what follows "--" after `launch`
 
   std::string path(std::string_view absolute) const { return root + std::string(absolute); }
 

@@ -8,26 +8,14 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "tools/descriptor.h"
+
 namespace quorvelctl {
 namespace {
 
 std::error_code lastError() {
   return {errno, std::generic_category()};
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 std::error_code writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {

@@ -1,12 +1,28 @@
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "tools/commands.h"
 
 namespace {
 
+/// Takes the command of `launch` off the command line: what follows "--". CLI11 would take arguments of it
+/// apart that look like lists, "[...]".
+std::vector<std::string> takeCommand(int& argc, char** argv) {
+  const auto is = [](const char* text) {
+    return [text](const char* a) { return std::strcmp(a, text) == 0; };
+  };
+  char** const end = argv + argc;
+  char** const separator = std::find_if(argv, end, is("--"));
+  if (separator == end || std::find_if(argv, separator, is("launch")) == separator) return {};
+  argc = static_cast<int>(separator - argv);
+  return {separator + 1, end};
+}
+
 int run(int argc, char** argv) {
   quorvelctl::Context context;
+  context.command = takeCommand(argc, argv);
   CLI::App app{"Looks after quorveld: its preferences, notifications, reports and counters.", "quorvelctl"};
   app.fallthrough();
   app.require_subcommand(1);
@@ -22,6 +38,8 @@ int run(int argc, char** argv) {
   quorvelctl::addReportsCommands(app, context);
   quorvelctl::addMemoryCommands(app, context);
   quorvelctl::addMetricsCommand(app, context);
+  quorvelctl::addLaunchCommand(app, context);
+  quorvelctl::addActivationsCommand(app, context);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
