@@ -1,53 +1,31 @@
 #include "tools/report.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <sstream>
+
+#include "tools/json_access.h"
 
 namespace quorvelctl {
 namespace {
 
-using Json = nlohmann::json;
-
 constexpr double kTicksPerMs = 24'000;
 constexpr size_t kMaxFrames = 4096;
 
-const Json& member(const Json& object, const char* key) {
-  static const Json kNone;
-  if (!object.is_object()) return kNone;
-  const auto found = object.find(key);
-  return found == object.end() ? kNone : *found;
-}
-
-std::string text(const Json& object, const char* key) {
-  const Json& value = member(object, key);
-  return value.is_string() ? value.get<std::string>() : std::string();
-}
-
-template <typename Number>
-Number number(const Json& object, const char* key) {
-  const Json& value = member(object, key);
-  return value.is_number() ? value.get<Number>() : Number{};
-}
-
-uint64_t hexNumber(const std::string& text) {
-  return std::strtoull(text.c_str(), nullptr, 16);
-}
-
 ReportHeader headerOf(const Json& metadata) {
   ReportHeader header;
-  header.reason = text(metadata, "Reason");
-  header.serviceName = text(metadata, "ServiceName");
-  header.processPath = text(metadata, "ProcessPath");
-  header.pid = number<int64_t>(metadata, "PID");
-  header.threadId = number<int64_t>(metadata, "ThreadID");
-  header.startTicks = number<int64_t>(metadata, "StartTime");
-  header.endTicks = number<int64_t>(metadata, "EndTime");
+  header.reason = textMember(metadata, "Reason");
+  header.serviceName = textMember(metadata, "ServiceName");
+  header.processPath = textMember(metadata, "ProcessPath");
+  header.pid = integerMember(metadata, "PID");
+  header.threadId = integerMember(metadata, "ThreadID");
+  header.startTicks = integerMember(metadata, "StartTime");
+  header.endTicks = integerMember(metadata, "EndTime");
   const Json& display = member(metadata, "DisplayData");
   for (size_t i = 0; display.is_array() && i + 1 < display.size(); i += 2) {
-    if (!display[i].is_number() || !display[i + 1].is_number()) continue;
+    if (!display[i].is_number_integer() || !display[i + 1].is_number_integer()) continue;
     header.display.emplace_back(display[i].get<int64_t>(), display[i + 1].get<int64_t>());
   }
   return header;
@@ -56,10 +34,10 @@ ReportHeader headerOf(const Json& metadata) {
 std::string hostOf(const Json& host) {
   std::string line;
   for (const char* key : {"system", "kernel", "machine"}) {
-    const std::string part = text(host, key);
+    const std::string part = textMember(host, key);
     if (!part.empty()) line += (line.empty() ? "" : ", ") + part;
   }
-  const auto cpus = number<int64_t>(host, "cpus");
+  const auto cpus = integerMember(host, "cpus");
   return cpus == 0 ? line : line + ", " + std::to_string(cpus) + " CPUs";
 }
 
@@ -68,46 +46,75 @@ std::vector<ReportFrame> userStack(const Json& frames, std::string id) {
   std::vector<ReportFrame> stack;
   for (size_t steps = 0; !id.empty() && steps < kMaxFrames; ++steps) {
     const Json& frame = member(frames, id.c_str());
-    if (text(frame, "category") != "kernel" && frame.is_object()) {
-      stack.push_back({text(frame, "name"), text(frame, "module"), text(frame, "build_id"),
-                       hexNumber(text(frame, "offset"))});
+    if (textMember(frame, "category") != "kernel" && frame.is_object()) {
+      stack.push_back(reportFrame(frame));
     }
-    id = text(frame, "parent");
+    id = textMember(frame, "parent");
   }
   return stack;
 }
 
-/// By thread, the id of the innermost frame of its stack.
-std::map<int64_t, std::string> innermostFrames(const Json& events) {
-  std::map<int64_t, std::string> frames;
-  for (const Json& event : events) {
-    if (text(event, "ph") == "P") frames[number<int64_t>(event, "tid")] = text(event, "sf");
-  }
-  return frames;
-}
-
 ReportThread threadOf(const Json& json) {
   ReportThread thread;
-  thread.tid = number<int64_t>(json, "tid");
-  thread.name = text(json, "name");
+  thread.tid = integerMember(json, "tid");
+  thread.name = textMember(json, "name");
   thread.hung = member(json, "hung") == true;
-  thread.state = text(json, "state");
-  thread.waitChannel = text(json, "waitChannel");
-  thread.syscall = text(json, "syscallName");
+  thread.state = textMember(json, "state");
+  thread.waitChannel = textMember(json, "waitChannel");
+  thread.syscall = textMember(json, "syscallName");
   if (thread.syscall.empty() && member(json, "syscall").is_number()) {
-    thread.syscall = std::to_string(number<int64_t>(json, "syscall"));
+    thread.syscall = std::to_string(integerMember(json, "syscall"));
   }
-  thread.userMs = number<double>(json, "userMs");
-  thread.systemMs = number<double>(json, "systemMs");
+  thread.userMs = numberMember(json, "userMs");
+  thread.systemMs = numberMember(json, "systemMs");
   for (const Json& frame : member(json, "kernelStack")) {
     if (frame.is_string()) thread.kernelStack.push_back(frame.get<std::string>());
   }
-  thread.noStack = text(json, "noStack");
-  thread.stackCutOff = text(json, "stackCutOff");
+  thread.noStack = textMember(json, "noStack");
+  thread.stackCutOff = textMember(json, "stackCutOff");
   return thread;
 }
 
+/// The threads with their stacks, the hung one first.
+std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
+  std::vector<ReportThread> threads;
+  for (const Json& entry : member(report, "threads")) {
+    ReportThread thread = threadOf(entry);
+    const auto frame = trace.innermostFrames.find(thread.tid);
+    if (frame != trace.innermostFrames.end())
+      thread.userStack = userStack(member(report, "stackFrames"), frame->second);
+    threads.push_back(std::move(thread));
+  }
+  const auto hung =
+      std::find_if(threads.begin(), threads.end(), [](const ReportThread& thread) { return thread.hung; });
+  if (hung != threads.end()) std::rotate(threads.begin(), hung, hung + 1);
+  return threads;
+}
+
+/// The report's JSON but for its events, of which there may be hundreds of thousands: they go to `trace`.
+Json parseWithoutEvents(std::string_view bytes, TraceReader& trace) {
+  bool inEvents = false;
+  return Json::parse(bytes, [&](int depth, Json::parse_event_t what, Json& parsed) {
+    if (depth == 1 && what == Json::parse_event_t::key) inEvents = parsed == "traceEvents";
+    if (!inEvents || depth != 2 || what != Json::parse_event_t::object_end) return true;
+    trace.take(parsed);
+    return false;
+  });
+}
+
 }  // namespace
+
+ReportFrame reportFrame(const Json& frame) {
+  return {textMember(frame, "name"), textMember(frame, "module"), textMember(frame, "build_id"),
+          std::strtoull(textMember(frame, "offset").c_str(), nullptr, 16)};
+}
+
+std::string ReportFrame::place() const {
+  if (module.empty()) return {};
+  char digits[24];
+  std::snprintf(digits, sizeof digits, "+0x%" PRIx64, offset);
+  return module.substr(module.rfind('/') + 1) + digits;
+}
 
 double ReportHeader::durationMs() const {
   return (static_cast<double>(endTicks) - static_cast<double>(startTicks)) / kTicksPerMs;
@@ -141,7 +148,8 @@ std::optional<ReportHeader> parseReportHeader(std::string_view bytes, std::strin
 
 std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
   try {
-    const Json json = Json::parse(bytes);
+    TraceReader trace;
+    const Json json = parseWithoutEvents(bytes, trace);
     const Json& metadata = member(json, "metadata");
     if (!metadata.is_object()) {
       error = "it has no metadata";
@@ -149,21 +157,15 @@ std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
     }
     Report report;
     report.header = headerOf(metadata);
-    report.madeAt = text(member(metadata, "capture"), "time");
+    report.madeAt = textMember(member(metadata, "capture"), "time");
+    report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
     report.host = hostOf(member(metadata, "host"));
+    report.verdict = verdictOf(member(metadata, "verdict"));
     for (const Json& omission : member(metadata, "leftOut")) {
-      report.leftOut.emplace_back(text(omission, "what"), text(omission, "why"));
+      report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
     }
-    const std::map<int64_t, std::string> innermost = innermostFrames(member(json, "traceEvents"));
-    for (const Json& entry : member(json, "threads")) {
-      ReportThread thread = threadOf(entry);
-      const auto frame = innermost.find(thread.tid);
-      if (frame != innermost.end()) thread.userStack = userStack(member(json, "stackFrames"), frame->second);
-      report.threads.push_back(std::move(thread));
-    }
-    const auto hung = std::find_if(report.threads.begin(), report.threads.end(),
-                                   [](const ReportThread& thread) { return thread.hung; });
-    if (hung != report.threads.end()) std::rotate(report.threads.begin(), hung, hung + 1);
+    report.trace = trace.finish();
+    report.threads = threadsOf(json, report.trace);
     return report;
   } catch (const Json::exception& problem) {
     error = problem.what();

@@ -7,6 +7,10 @@
 #include <utility>
 #include <vector>
 
+#include "tools/json_access.h"
+#include "tools/report_trace.h"
+#include "tools/report_verdict.h"
+
 namespace quorvelctl {
 
 /// What a report says of its hang. Texts come from the application and may hold anything.
@@ -32,6 +36,9 @@ struct ReportFrame {
   std::string module;  ///< path; empty when no file was mapped there
   std::string buildId;
   uint64_t offset = 0;  ///< in the module's own numbering
+
+  /// "libc.so.6+0x8612b"; empty when no file was mapped there.
+  std::string place() const;
 };
 
 struct ReportThread {
@@ -51,11 +58,17 @@ struct ReportThread {
 
 struct Report {
   ReportHeader header;
-  std::string madeAt;  ///< UTC
+  std::string madeAt;     ///< UTC
+  double lookedAtUs = 0;  ///< CLOCK_MONOTONIC, when the stacks were copied; 0: not said
   std::string host;
+  std::optional<ReportVerdict> verdict;
   std::vector<ReportThread> threads;  ///< the hung one first
+  Trace trace;
   std::vector<std::pair<std::string, std::string>> leftOut;
 };
+
+/// One entry of a report's stack frames.
+ReportFrame reportFrame(const Json& frame);
 
 /// Reads a report's header alone, without parsing what follows it when it stands first. Nothing, and why,
 /// when `text` is no report.

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "tools/table.h"
+#include "tools/verdict_text.h"
 
 namespace quorvelctl {
 namespace {
@@ -23,30 +24,10 @@ std::string localTime(time_t time) {
 }
 
 std::string frameText(const ReportFrame& frame, const FrameNamer& nameOf) {
-  const std::string function = nameOf(frame);
-  if (function.empty()) return printable(frame.name);
-  return printable(function + "  (" + frame.name + ")");
-}
-
-/// "sleeping in futex_wait_queue, system call futex"
-std::string doingText(const ReportThread& thread) {
-  std::string text = thread.state;
-  if (!thread.waitChannel.empty()) text += " in " + thread.waitChannel;
-  if (!thread.syscall.empty()) text += ", system call " + thread.syscall;
-  return printable(text);
-}
-
-std::string displayText(const ReportHeader& header) {
-  std::string text;
-  for (const auto& [ticks, state] : header.display) {
-    if (!text.empty()) text += ", then ";
-    text += state == 0 ? "off" : state < 0 ? "unknown" : "on";
-    const double beforeMs =
-        (static_cast<double>(header.startTicks) - static_cast<double>(ticks)) / kTicksPerMs;
-    text += beforeMs >= 0 ? " from " + durationText(beforeMs) + " before the hang"
-                          : " from " + durationText(-beforeMs) + " into it";
-  }
-  return text;
+  std::string function = nameOf(frame);
+  if (function.empty()) function = frame.name;
+  const std::string place = frame.place();
+  return printable(place.empty() || function == place ? function : function + "  (" + place + ")");
 }
 
 std::string headerText(const Report& report) {
@@ -65,12 +46,14 @@ std::string headerText(const Report& report) {
   add("display", displayText(header));
   add("made", report.madeAt);
   add("host", report.host);
-  return printable(title) + "\n\n" + table(rows);
+  std::string text = printable(title) + "\n\n";
+  if (report.verdict) text += verdictText(*report.verdict, header) + "\n";
+  return text + table(rows);
 }
 
 std::string hungThreadText(const ReportThread& thread, const FrameNamer& nameOf) {
   std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(thread.name) +
-                     ", which hung: " + doingText(thread) + "\n";
+                     ", which hung: " + printable(doingText(thread)) + "\n";
   text += "CPU time so far: " + fixed(thread.userMs, 0) + " ms user, " + fixed(thread.systemMs, 0) +
           " ms system\n";
   text += "\n  kernel, innermost first\n";
@@ -89,12 +72,32 @@ std::string otherThreadsText(const std::vector<ReportThread>& threads, const Fra
   for (const ReportThread& thread : threads) {
     if (thread.hung) continue;
     const std::string frame = thread.userStack.empty() ? "-" : frameText(thread.userStack.front(), nameOf);
-    rows.push_back({std::to_string(thread.tid), printable(thread.name), doingText(thread), frame});
+    rows.push_back({std::to_string(thread.tid), printable(thread.name), printable(doingText(thread)), frame});
   }
   return rows.size() == 1 ? "" : "\nOther threads\n" + table(rows);
 }
 
 }  // namespace
+
+std::string doingText(const ReportThread& thread) {
+  std::string text = thread.state;
+  if (!thread.waitChannel.empty()) text += " in " + thread.waitChannel;
+  if (!thread.syscall.empty()) text += ", system call " + thread.syscall;
+  return text;
+}
+
+std::string displayText(const ReportHeader& header) {
+  std::string text;
+  for (const auto& [ticks, state] : header.display) {
+    if (!text.empty()) text += ", then ";
+    text += state == 0 ? "off" : state < 0 ? "unknown" : "on";
+    const double beforeMs =
+        (static_cast<double>(header.startTicks) - static_cast<double>(ticks)) / kTicksPerMs;
+    text += beforeMs >= 0 ? " from " + durationText(beforeMs) + " before the hang"
+                          : " from " + durationText(-beforeMs) + " into it";
+  }
+  return text;
+}
 
 std::string durationText(double ms) {
   return ms < 1000 ? fixed(ms, 0) + " ms" : fixed(ms / 1000, 2) + " s";

@@ -26,10 +26,18 @@ std::string durationText(double ms);
 /// "512 B", "12 KB", "3.4 MB", "1.25 GB".
 std::string sizeText(uint64_t bytes);
 
+// As it came from the report: not yet fit for a terminal or a page.
+
+/// "sleeping in futex_wait_queue, system call futex"
+std::string doingText(const ReportThread& thread);
+/// "off from 500 ms before the hang, then on from 1.00 s into it"; empty when nothing is known of the
+/// display.
+std::string displayText(const ReportHeader& header);
+
 /// One line a report, in local time.
 std::string reportTable(const std::vector<ReportEntry>& entries);
 
-/// The report in words: what hung and when, the hung thread's stacks, one line for each other thread.
+/// The report in words: what hung and why, when, the hung thread's stacks, one line for each other thread.
 std::string reportText(const Report& report, const FrameNamer& nameOf);
 
 }  // namespace quorvelctl

@@ -9,7 +9,9 @@
 #include "tools/commands.h"
 #include "tools/files.h"
 #include "tools/report.h"
+#include "tools/report_html.h"
 #include "tools/report_text.h"
+#include "tools/symbolicate.h"
 #include "tools/symbols.h"
 #include "tools/table.h"
 
@@ -93,27 +95,109 @@ std::string pathOf(Context& context, const std::string& name) {
   return context.path(kSpool) + "/" + entries->back().fileName;
 }
 
-void show(Context& context, const std::string& name, bool withSymbols) {
-  const std::string path = pathOf(context, name);
-  if (path.empty()) return;
-  std::error_code code;
-  const std::optional<std::string> text = readFile(path, kMaxFileBytes, code);
-  if (!text) {
-    context.fail("can't read " + path + ": " + code.message());
-    return;
+/// All of a report's file; nothing when it can't be read, which has been told.
+std::optional<std::string> readReport(Context& context, const std::string& path) {
+  std::error_code error;
+  std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
+  if (!text) context.fail("can't read " + path + ": " + error.message());
+  return text;
+}
+
+/// Puts `bytes` into the file that the user named for the output.
+void writeOutput(Context& context, const std::string& path, const std::string& bytes) {
+  std::error_code error;
+  const auto status = std::filesystem::status(path, error);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    context.fail(path + " is no regular file");  // a device would be replaced by a file
+  } else if (const auto failure = replaceFile(std::filesystem::absolute(path), bytes, false)) {
+    context.fail("can't write " + path + ": " + failure.message());
   }
+}
+
+struct ShowArguments {
+  std::string file;
+  std::string html;  ///< where the page goes; empty: none is asked for
+  bool symbols = false;
+};
+
+void show(Context& context, const ShowArguments& arguments) {
+  const std::string path = pathOf(context, arguments.file);
+  if (path.empty()) return;
+  const std::optional<std::string> text = readReport(context, path);
+  if (!text) return;
   std::string error;
   const std::optional<Report> report = parseReport(*text, error);
   if (!report) {
     context.fail(path + " is no report: " + error);
+    return;
+  }
+  std::unique_ptr<Symbols> symbols;
+  if (arguments.symbols) symbols = std::make_unique<Symbols>(std::vector<std::string>());
+  const FrameNamer nameOf = [&](const ReportFrame& frame) {
+    return symbols ? symbols->nameOf(frame) : std::string();
+  };
+  if (!arguments.html.empty()) {
+    writeOutput(context, arguments.html, reportPage(*report, nameOf));
   } else if (context.json) {
     std::fwrite(text->data(), 1, text->size(), stdout);
   } else {
-    Symbols symbols;
-    const FrameNamer named = [&](const ReportFrame& frame) { return symbols.nameOf(frame); };
-    const FrameNamer unnamed = [](const ReportFrame&) { return std::string(); };
-    std::fputs(reportText(*report, withSymbols ? named : unnamed).c_str(), stdout);
+    std::fputs(reportText(*report, nameOf).c_str(), stdout);
   }
+}
+
+struct SymbolicateArguments {
+  std::string file;
+  std::string out;  ///< empty: standard output
+  std::vector<std::string> debugDirs;
+};
+
+void symbolicate(Context& context, const SymbolicateArguments& arguments) {
+  const std::string path = pathOf(context, arguments.file);
+  if (path.empty()) return;
+  const std::optional<std::string> text = readReport(context, path);
+  if (!text) return;
+  Symbols symbols(arguments.debugDirs);
+  std::string error;
+  const std::optional<NamedReport> named = nameReport(*text, symbols, error);
+  if (!named) {
+    context.fail(path + " is no report: " + error);
+    return;
+  }
+  if (arguments.out.empty()) {
+    std::fwrite(named->text.data(), 1, named->text.size(), stdout);
+  } else {
+    writeOutput(context, arguments.out, named->text);
+  }
+  std::fprintf(stderr, "quorvelctl: %zu of %zu frames named\n", named->named, named->frames);
+  for (const std::string& module : named->withoutFile) {
+    std::fprintf(stderr, "quorvelctl: no file with the build id of %s\n", printable(module).c_str());
+  }
+}
+
+void addShow(CLI::App& reports, Context& context) {
+  auto arguments = std::make_shared<ShowArguments>();
+  CLI::App* command = reports.add_subcommand("show", "One report in words; with --json as it is");
+  command->add_option("FILE", arguments->file, "Its name in the spool, or a path; the newest if not given");
+  command->add_option("--html", arguments->html, "Write it as a page for a browser instead")
+      ->type_name("OUT");
+  command->add_flag(
+      "--symbols", arguments->symbols,
+      "Name functions by the programs and libraries that the report names, which are opened for that");
+  command->callback([arguments, &context] { show(context, *arguments); });
+}
+
+void addSymbolicate(CLI::App& reports, Context& context) {
+  auto arguments = std::make_shared<SymbolicateArguments>();
+  CLI::App* command = reports.add_subcommand(
+      "symbolicate", "The same report with functions named, by files with the build ids that it gives");
+  command->add_option("FILE", arguments->file, "Its name in the spool, or a path")->required();
+  command->add_option("-o,--output", arguments->out, "Where it goes; standard output if not given")
+      ->type_name("OUT");
+  command->add_option("--debug-dir", arguments->debugDirs, "Look for debug files here too")
+      ->check(CLI::ExistingDirectory)
+      ->allow_extra_args(false)
+      ->type_name("DIR");
+  command->callback([arguments, &context] { symbolicate(context, *arguments); });
 }
 
 }  // namespace
@@ -122,18 +206,8 @@ void addReportsCommands(CLI::App& app, Context& context) {
   CLI::App* reports = app.add_subcommand("reports", "Show the trace reports of hangs and slow launches");
   reports->require_subcommand(1);
   reports->add_subcommand("list", "All reports, oldest first")->callback([&context] { list(context); });
-
-  struct Arguments {
-    std::string file;
-    bool symbols = false;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  CLI::App* command = reports->add_subcommand("show", "One report in words; with --json as it is");
-  command->add_option("FILE", arguments->file, "Its name in the spool, or a path; the newest if not given");
-  command->add_flag(
-      "--symbols", arguments->symbols,
-      "Name functions by the programs and libraries that the report names, which are opened for that");
-  command->callback([arguments, &context] { show(context, arguments->file, arguments->symbols); });
+  addShow(*reports, context);
+  addSymbolicate(*reports, context);
 }
 
 }  // namespace quorvelctl

@@ -39,35 +39,58 @@ std::string demangled(const char* symbol) {
   return status == 0 ? name.get() : symbol;
 }
 
+/// The paths at which a file with the frame's build id may be.
+std::vector<std::string> candidatesOf(const ReportFrame& frame, const std::vector<std::string>& debugDirs) {
+  const std::string& id = frame.buildId;
+  // What isn't a build id would lead out of the folder.
+  if (id.size() < 4 || id.find_first_not_of("0123456789abcdef") != std::string::npos) return {};
+  const std::string byBuildId = "/.build-id/" + id.substr(0, 2) + "/" + id.substr(2) + ".debug";
+  const std::string fileName = "/" + frame.module.substr(frame.module.rfind('/') + 1);
+  std::vector<std::string> paths;
+  for (const std::string& dir : debugDirs) {
+    for (const std::string& path : {byBuildId, fileName + ".debug", fileName}) paths.push_back(dir + path);
+  }
+  paths.push_back("/usr/lib/debug" + byBuildId);
+  paths.push_back(frame.module);
+  return paths;
+}
+
 }  // namespace
 
-Symbols::Symbols() : dwfl_(dwfl_begin(&kCallbacks)) {}
+Symbols::Symbols(std::vector<std::string> debugDirs)
+    : debugDirs_(std::move(debugDirs)), dwfl_(dwfl_begin(&kCallbacks)) {}
 
 Symbols::~Symbols() {
   dwfl_end(dwfl_);
 }
 
-Dwfl_Module* Symbols::moduleOf(const ReportFrame& frame) {
-  const auto [entry, isNew] = modules_.try_emplace(frame.module, nullptr);
+Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
   std::error_code error;
-  if (!isNew || !dwfl_ || frame.buildId.empty() || !std::filesystem::is_regular_file(frame.module, error)) {
-    return entry->second;
-  }
+  if (!dwfl_ || !std::filesystem::is_regular_file(path, error)) return nullptr;
   dwfl_report_begin_add(dwfl_);
-  Dwfl_Module* module = dwfl_report_offline(dwfl_, frame.module.c_str(), frame.module.c_str(), -1);
+  Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), -1);
   dwfl_report_end(dwfl_, nullptr, nullptr);
   GElf_Addr bias = 0;
-  if (module && dwfl_module_getelf(module, &bias) && buildIdOf(module) == frame.buildId)
-    entry->second = module;
-  return entry->second;
+  const bool fits = module && dwfl_module_getelf(module, &bias) && buildIdOf(module) == buildId;
+  return fits ? module : nullptr;
+}
+
+const std::vector<Dwfl_Module*>& Symbols::filesOf(const ReportFrame& frame) {
+  const auto [known, isNew] = files_.try_emplace({frame.module, frame.buildId});
+  if (!isNew) return known->second;
+  for (const std::string& path : candidatesOf(frame, debugDirs_)) {
+    if (Dwfl_Module* module = open(path, frame.buildId)) known->second.push_back(module);
+  }
+  return known->second;
 }
 
 std::string Symbols::nameOf(const ReportFrame& frame) {
-  Dwfl_Module* module = moduleOf(frame);
-  GElf_Addr bias = 0;
-  if (!module || !dwfl_module_getelf(module, &bias)) return {};
-  const char* symbol = dwfl_module_addrname(module, frame.offset + bias);
-  return symbol ? demangled(symbol) : std::string();
+  for (Dwfl_Module* module : filesOf(frame)) {
+    GElf_Addr bias = 0;
+    if (!dwfl_module_getelf(module, &bias)) continue;
+    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias)) return demangled(symbol);
+  }
+  return {};
 }
 
 }  // namespace quorvelctl
