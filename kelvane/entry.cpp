@@ -1,5 +1,6 @@
 #include <malloc.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 
@@ -12,20 +13,42 @@
 #include "kelvane/process_scan.h"
 #include "kelvane/report.h"
 #include "kelvane/report_file.h"
+#include "kelvane/thread_process.h"
 
 namespace kelvane {
 namespace {
 
+/// The recording of a hang, with some context. It ends with the look at the process, which itself wakes and
+/// stops threads.
+Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
+  constexpr uint64_t kContextNs = std::chrono::nanoseconds(kContext).count();
+  uint64_t startNs = nsOfTicks(hang.start);
+  uint64_t fromNs = std::min(startNs - std::min(startNs, kContextNs), lookNs);
+  uint64_t toNs = std::clamp(nsOfTicks(hang.end) + kContextNs, fromNs, lookNs);
+  return readRecording(fromNs, toNs, Deadline(kRecordingBudget));
+}
+
+/// Nothing for a hang that is yet to come.
+std::optional<Verdict> verdictOn(const Report& report, const Pressure& pressure) {
+  uint64_t fromNs = nsOfTicks(report.request.hang->start);
+  uint64_t toNs = std::min(nsOfTicks(report.request.hang->end), report.capturedAtNs);
+  if (fromNs >= toNs) return std::nullopt;
+  return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, findProcess});
+}
+
 Report capture(const kelvane_options* options) {
   Report report;
   report.capturedAtNs = monotonicNs();
+  Pressure pressure = readPressure();
   Deadline deadline(kCaptureBudget);
   report.request = parseRequest(options);
   const DumpRequest& request = report.request;
   std::optional<CaptureWorker> worker;
   if (request.pid) worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
   report.processes = scanProcesses(deadline);
+  if (request.hang) report.recording = recordingOf(*request.hang, report.capturedAtNs);
   if (worker) report.process = worker->take(deadline);
+  if (request.hang) report.verdict = verdictOn(report, pressure);
   report.captureNs = monotonicNs() - report.capturedAtNs;
   return report;
 }

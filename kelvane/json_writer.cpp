@@ -1,6 +1,7 @@
 #include "kelvane/json_writer.h"
 
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <string>
 
@@ -78,11 +79,29 @@ void JsonWriter::raw(std::string_view json) {
 }
 
 void JsonWriter::memberMicroseconds(std::string_view name, uint64_t nanoseconds) {
-  std::array<char, 32> text;
-  int length = snprintf(text.data(), text.size(), "%llu.%03u",
-                        static_cast<unsigned long long>(nanoseconds / 1000), unsigned(nanoseconds % 1000));
   key(name);
-  raw({text.data(), static_cast<size_t>(length)});
+  writeThousandths(nanoseconds);
+}
+
+void JsonWriter::memberMilliseconds(std::string_view name, uint64_t nanoseconds) {
+  key(name);
+  writeThousandths(nanoseconds / 1000);
+}
+
+void JsonWriter::memberPercent(std::string_view name, double percent) {
+  std::array<char, 32> text;
+  auto end = std::to_chars(text.data(), text.data() + text.size(), percent, std::chars_format::fixed, 2).ptr;
+  key(name);
+  raw({text.data(), end});
+}
+
+void JsonWriter::writeThousandths(uint64_t thousandths) {
+  std::array<char, 32> text;
+  char* end = std::to_chars(text.data(), text.data() + text.size(), thousandths / 1000).ptr;
+  auto rest = static_cast<unsigned>(thousandths % 1000);
+  *end++ = '.';
+  for (unsigned digit : {rest / 100, rest / 10 % 10, rest % 10}) *end++ = static_cast<char>('0' + digit);
+  raw({text.data(), end});
 }
 
 void JsonWriter::writeSigned(int64_t number) {

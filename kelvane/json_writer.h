@@ -45,12 +45,16 @@ class JsonWriter {
 
   /// Nanoseconds as the microseconds with three decimals that trace events count in.
   void memberMicroseconds(std::string_view name, uint64_t nanoseconds);
+  /// The same as milliseconds, rounded down to three decimals.
+  void memberMilliseconds(std::string_view name, uint64_t nanoseconds);
+  void memberPercent(std::string_view name, double percent);
 
  private:
   void separate();
   void writeString(std::string_view text);
   void writeSigned(int64_t number);
   void writeUnsigned(uint64_t number);
+  void writeThousandths(uint64_t thousandths);
 
   ReportFile& file_;
   /// For each open object or array: whether it has a member already.

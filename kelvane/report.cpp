@@ -4,8 +4,10 @@
 #include <ctime>
 
 #include "kelvane/host_info.h"
+#include "kelvane/recorder_tracks.h"
 #include "kelvane/syscall_names.h"
 #include "kelvane/trace_events.h"
+#include "kelvane/verdict_json.h"
 
 namespace kelvane {
 namespace {
@@ -67,7 +69,7 @@ void writeCapture(JsonWriter& json, const Report& report) {
   json.endObject();
 }
 
-void writeMetadata(JsonWriter& json, const Report& report) {
+void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks& tracks) {
   json.key("metadata");
   json.beginObject();
   json.member("format", "kelvane");
@@ -81,11 +83,14 @@ void writeMetadata(JsonWriter& json, const Report& report) {
   if (report.request.maxTicks) json.member("MaxTimestamp", *report.request.maxTicks);
   writeHost(json);
   writeCapture(json, report);
+  if (report.verdict) writeVerdict(json, *report.verdict);
   json.key("leftOut");
   json.beginArray();
   writeOmissions(json, report.request.omissions);
   writeOmissions(json, report.process.omissions);
   writeOmissions(json, report.processes.omissions);
+  writeOmissions(json, report.recording.omissions);
+  writeOmissions(json, tracks.omissions());
   json.endArray();
   json.endObject();
 }
@@ -139,11 +144,15 @@ void writeProcesses(JsonWriter& json, const ProcessScan& scan) {
 
 void writeReport(const Report& report, JsonWriter& json) {
   TraceEvents events(report.request, report.process, report.capturedAtNs);
+  RecorderTracks tracks(report.recording, report.process);
   json.beginObject();
-  writeMetadata(json, report);
+  writeMetadata(json, report, tracks);
   json.member("displayTimeUnit", "ms");
   json.key("traceEvents");
+  json.beginArray();
   events.writeEvents(json);
+  tracks.writeEvents(json);
+  json.endArray();
   json.key("stackFrames");
   events.writeStackFrames(json);
   json.key("threads");

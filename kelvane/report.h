@@ -4,6 +4,8 @@
 #include "kelvane/json_writer.h"
 #include "kelvane/process_capture.h"
 #include "kelvane/process_scan.h"
+#include "kelvane/recording.h"
+#include "kelvane/verdict.h"
 
 namespace kelvane {
 
@@ -12,8 +14,10 @@ struct Report {
   DumpRequest request;
   ProcessCapture process;
   ProcessScan processes;
-  uint64_t capturedAtNs = 0;  // CLOCK_MONOTONIC, at the beginning
-  uint64_t captureNs = 0;     // how long looking took
+  Recording recording;
+  std::optional<Verdict> verdict;  // of a report with a hang
+  uint64_t capturedAtNs = 0;       // CLOCK_MONOTONIC, at the beginning
+  uint64_t captureNs = 0;          // how long looking took
 };
 
 /// Writes the report as one JSON object (docs/report-format.md).

@@ -21,6 +21,11 @@ std::string hexText(uint64_t number) {
   return text;
 }
 
+/// Null if no file is mapped there.
+const Module* moduleOf(const ProcessCapture& process, const Frame& frame) {
+  return frame.module < 0 ? nullptr : &process.modules[static_cast<size_t>(frame.module)];
+}
+
 /// What a thread was doing, as one line: its state and what it waits in.
 std::string stateText(const ThreadFacts& facts) {
   std::string text = stateName(facts.state);
@@ -55,6 +60,12 @@ std::string fileName(const std::string& path) {
   return path.substr(path.rfind('/') + 1);
 }
 
+std::string frameName(const ProcessCapture& process, const Frame& frame) {
+  if (!frame.name.empty()) return frame.name;
+  const Module* module = moduleOf(process, frame);
+  return module ? fileName(module->path) + "+" + hexText(frame.offset) : hexText(frame.address);
+}
+
 TraceEvents::TraceEvents(const DumpRequest& request, const ProcessCapture& process, uint64_t capturedAtNs)
     : request_(request), process_(process), capturedAtNs_(capturedAtNs) {
   pid_ = request.pid.value_or(kNoProcessTrack);
@@ -85,15 +96,9 @@ uint32_t TraceEvents::addStack(const ThreadCapture& thread) {
   return leaf;
 }
 
-const Module* TraceEvents::moduleOf(const Frame& frame) const {
-  return frame.module < 0 ? nullptr : &process_.modules[static_cast<size_t>(frame.module)];
-}
-
 std::string TraceEvents::nodeName(const Node& node) const {
   if (node.kernelFrame) return *node.kernelFrame;
-  if (!node.frame->name.empty()) return node.frame->name;
-  const Module* module = moduleOf(*node.frame);
-  return module ? fileName(module->path) + "+" + hexText(node.frame->offset) : hexText(node.frame->address);
+  return frameName(process_, *node.frame);
 }
 
 void TraceEvents::writeName(JsonWriter& json, const char* what, int64_t tid, const std::string& name) const {
@@ -171,13 +176,11 @@ void TraceEvents::writeThread(JsonWriter& json, size_t index) const {
 }
 
 void TraceEvents::writeEvents(JsonWriter& json) const {
-  json.beginArray();
   std::string name = fileName(request_.processPath);
   if (name.empty()) name = process_.comm;
   writeName(json, "process_name", hungThread_, name);
   writeHang(json);
   for (size_t i = 0; i < process_.threads.size(); i++) writeThread(json, i);
-  json.endArray();
 }
 
 void TraceEvents::writeStackFrames(JsonWriter& json) const {
@@ -187,7 +190,7 @@ void TraceEvents::writeStackFrames(JsonWriter& json) const {
     json.key(std::to_string(i + 1));
     json.beginObject();
     json.member("name", std::string_view(nodeName(node)));
-    const Module* module = node.frame ? moduleOf(*node.frame) : nullptr;
+    const Module* module = node.frame ? moduleOf(process_, *node.frame) : nullptr;
     json.member("category", std::string_view(node.kernelFrame ? "kernel"
                                              : module         ? fileName(module->path)
                                                               : ""));

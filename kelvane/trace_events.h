@@ -23,6 +23,7 @@ class TraceEvents {
   /// Both must outlive this. `capturedAtNs` stands in where a stack or a hang has no time of its own.
   TraceEvents(const DumpRequest& request, const ProcessCapture& process, uint64_t capturedAtNs);
 
+  /// Adds to an array of events that is open.
   void writeEvents(JsonWriter& json) const;
   void writeStackFrames(JsonWriter& json) const;
 
@@ -45,7 +46,6 @@ class TraceEvents {
   void writeNodes(JsonWriter& json, uint32_t leaf, int64_t tid, uint64_t startNs, uint64_t durationNs) const;
 
   std::string nodeName(const Node& node) const;
-  const Module* moduleOf(const Frame& frame) const;
 
   const DumpRequest& request_;
   const ProcessCapture& process_;
@@ -60,6 +60,9 @@ class TraceEvents {
 
 /// "running", "sleeping", … for a state letter of proc(5).
 const char* stateName(char state);
+
+/// A user frame's function, or "MODULE+0xOFFSET", or just its address.
+std::string frameName(const ProcessCapture& process, const Frame& frame);
 
 /// The part of a path behind its last '/'.
 std::string fileName(const std::string& path);

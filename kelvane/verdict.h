@@ -1,0 +1,95 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelvane/disk_activity.h"
+#include "kelvane/peer.h"
+#include "kelvane/pressure.h"
+#include "kelvane/process_capture.h"
+#include "kelvane/process_scan.h"
+#include "kelvane/recording.h"
+#include "kelvane/thread_timeline.h"
+
+namespace kelvane {
+
+/// Why a thread hung, as far as can be told.
+enum class Cause : uint8_t {
+  ownCpu,     // it was computing
+  starved,    // it was ready to run, and others were given the CPU
+  disk,       // it waited for block devices
+  lock,       // it waited for a lock that a thread of its process holds
+  peer,       // it waited for a process at the other end of a pipe or socket
+  memory,     // it had to free memory first, or waited for memory that had been taken from it
+  stopped,    // by a signal or a debugger
+  suspended,  // the machine was on its way into suspend, or back
+  sleeping,   // it waited for something else: time to pass, an event
+  unknown,
+};
+
+/// The cause's name in a report: "own-cpu", …
+const char* causeName(Cause cause);
+
+/// A thread that had to do with the hang.
+struct NamedThread {
+  int32_t tid = 0;
+  std::string name;
+  pid_t pid = 0;  // of its process; 0: not known
+  std::string process;
+};
+
+/// A stretch of the hang in which the thread did not run; within the hang's time.
+struct Wait {
+  uint64_t fromNs = 0;
+  uint64_t toNs = 0;
+  ThreadState state = ThreadState::unknown;
+  std::string waitChannel;  // empty: not known
+  std::optional<NamedThread> wokenBy;
+};
+
+struct BusyThread {
+  NamedThread thread;
+  uint64_t runningNs = 0;
+};
+
+struct Verdict {
+  Cause cause = Cause::unknown;
+  std::string sentence;  // for people
+  // What it rests on.
+  bool fromRecorder = false;  // else on one look
+  uint64_t windowNs = 0;      // how long the hang was
+  uint64_t coveredNs = 0;     // how much of that is recorded
+  uint64_t eventsLost = 0;
+
+  // From the recorder, all within the hang.
+  std::optional<TimeByState> spent;
+  std::vector<Wait> waits;          // longest first
+  std::vector<BusyThread> busiest;  // other threads, most first
+  std::optional<DiskActivity> disk;
+
+  std::optional<NamedThread> lockOwner;
+  std::optional<Peer> peer;
+  Pressure pressure;
+};
+
+/// What there is to judge a hang by.
+struct Evidence {
+  uint64_t fromNs = 0;  // the hang, in CLOCK_MONOTONIC
+  uint64_t toNs = 0;
+  const Recording& recording;  // up to the look at the process, at most
+  const ProcessCapture& process;
+  const ProcessScan& processes;
+  Pressure pressure;
+  /// Fills in a thread's process; leaves it open where it can't be told.
+  std::function<void(NamedThread&)> findProcess;
+};
+
+/// Judges the hang. Reads nothing but `evidence`.
+Verdict judge(const Evidence& evidence);
+
+}  // namespace kelvane
