@@ -32,11 +32,13 @@ std::string buildIdOf(Dwfl_Module* module) {
   return text;
 }
 
-std::string demangled(const char* symbol) {
+/// Without the version that a symbol of a library may have: "read@@GLIBC_2.2.5".
+std::string readable(const std::string& symbol) {
+  const std::string name = symbol.substr(0, symbol.find('@', 1));
   int status = 0;
-  const std::unique_ptr<char, void (*)(void*)> name(abi::__cxa_demangle(symbol, nullptr, nullptr, &status),
-                                                    std::free);
-  return status == 0 ? name.get() : symbol;
+  const std::unique_ptr<char, void (*)(void*)> plain(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), std::free);
+  return status == 0 ? plain.get() : name;
 }
 
 /// The paths at which a file with the frame's build id may be.
@@ -88,7 +90,7 @@ std::string Symbols::nameOf(const ReportFrame& frame) {
   for (Dwfl_Module* module : filesOf(frame)) {
     GElf_Addr bias = 0;
     if (!dwfl_module_getelf(module, &bias)) continue;
-    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias)) return demangled(symbol);
+    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias)) return readable(symbol);
   }
   return {};
 }

@@ -42,7 +42,7 @@ TEST(ReportPage, NothingOfAReportBecomesMarkup) {
   const std::string harmless = quorvelctl::reportPage(*harmlessReport, unnamed);
   std::string text(kHostile);
   for (size_t at = text.find("\"X\""); at != std::string::npos; at = text.find("\"X\"", at)) {
-    // Of the phases of events, which are X too, none is harmed: they stand before their category.
+    // An event's phase, which may be X too, stays: else there would be nothing to draw.
     if (text.compare(at - 5, 5, "\"ph\":") == 0) {
       ++at;
     } else {
