@@ -8,6 +8,7 @@
 #include "memsnapshot/memory_snapshot.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
+#include "platform/process_table.h"
 
 namespace quorveld {
 
@@ -50,7 +51,9 @@ void DaemonTimers::checkHangs() {
 }
 
 void DaemonTimers::startMemoryLogging() {
-  if (!memoryLoggingTimer_) memoryLoggingTimer_ = workQueue_.repeat(memoryLogging(), take_memory_snapshot);
+  if (memoryLoggingTimer_) return;
+  platform::current().processTables.prepare();
+  memoryLoggingTimer_ = workQueue_.repeat(memoryLogging(), take_memory_snapshot);
 }
 
 void DaemonTimers::stopMemoryLogging() {

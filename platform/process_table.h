@@ -71,8 +71,8 @@ class ProcessTables {
  public:
   virtual ~ProcessTables() = default;
 
-  /// Does once what would make the first look a slow one: takes tens of milliseconds, and some memory for
-  /// good. For when looks are to come; without it the first look does the same.
+  /// Begins, beside its caller, what would make the first look a slow one: takes tens of milliseconds, once,
+  /// and some memory for good. A look meanwhile waits for it; without it the first look does the same.
   virtual void prepare() = 0;
 
   /// Never null; a look that failed answers `listBytes` with 0.

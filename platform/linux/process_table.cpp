@@ -83,9 +83,17 @@ std::unique_ptr<ProcessSource> openBestSource() {
 
 }  // namespace
 
+LinuxProcessTables::~LinuxProcessTables() {
+  if (preparation_.joinable()) preparation_.join();
+}
+
 void LinuxProcessTables::prepare() {
-  const std::lock_guard lock(mutex_);
-  if (!source_) (void)read();
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock || source_ || preparation_.joinable()) return;  // under way, or done
+  preparation_ = std::thread([this] {
+    const std::lock_guard alone(mutex_);
+    if (!source_) (void)read();
+  });
 }
 
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "platform/linux/process_table_records.h"
 #include "platform/linux/process_table_source.h"
@@ -23,7 +24,10 @@ class LinuxProcessTables final : public platform::ProcessTables {
   /// With this source and no other.
   explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source) : source_(std::move(source)) {}
 
-  /// Takes a first look as well, so that arrays are as large as this machine needs them.
+  ~LinuxProcessTables() override;
+
+  /// On a thread that ends with it. Takes a first look as well, so that arrays are as large as this machine
+  /// needs them.
   void prepare() override;
   [[nodiscard]] std::unique_ptr<platform::ProcessTable> look() override;
 
@@ -35,6 +39,7 @@ class LinuxProcessTables final : public platform::ProcessTables {
   std::shared_ptr<const ProcessRecords> read();
 
   std::mutex mutex_;
+  std::thread preparation_;
   std::unique_ptr<ProcessSource> source_;
   std::shared_ptr<const ProcessRecords> last_ = std::make_shared<ProcessRecords>();
 };

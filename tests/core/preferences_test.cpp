@@ -358,9 +358,11 @@ TEST(MemoryLogging, FollowsItsIntervalFromTheMomentOfAChange) {
   world.prefer("QuorvelMemoryLoggingInterval", int64_t{600});
   world.advance(2h);
   EXPECT_EQ(snapshots(), 0);
+  EXPECT_EQ(world.kernel.prepares, 0);
   world.prefer("QuorvelEnableMemoryLogging", true);
   world.advance(599s);
   EXPECT_EQ(snapshots(), 0);
+  EXPECT_EQ(world.kernel.prepares, 1);  // long before the first one needs it
   world.advance(601s);
   EXPECT_EQ(snapshots(), 2);
   world.advance(300s);
