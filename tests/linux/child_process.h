@@ -7,7 +7,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
+#include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -37,6 +42,7 @@ class ChildProcess {
     close(done[1]);
     go_ = go[1];
     done_ = done[0];
+    waitUntilAsleep();
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -49,15 +55,42 @@ class ChildProcess {
 
   int32_t pid() const { return pid_; }
 
-  /// Returns when the next step is done and the process is about to sleep again.
+  /// Returns when the next step is done and the process sleeps again.
   void step() const {
     char byte = 0;
-    ASSERT_EQ(write(go_, &byte, 1), 1);
+    begin();
     ASSERT_EQ(read(done_, &byte, 1), 1);
-    usleep(2000);
+    waitUntilAsleep();
+  }
+
+  /// Has the next step begin: for one that never ends.
+  void begin() const { ASSERT_EQ(write(go_, "", 1), 1); }
+
+  /// Returns when all threads sleep, so that nothing moves the figures of the process any more.
+  void waitUntilAsleep() const {
+    constexpr int kMaxMilliseconds = 60'000;
+    for (int waited = 0; !isAsleep(); ++waited) {
+      if (waited == kMaxMilliseconds) {
+        ADD_FAILURE() << "process " << pid_ << " doesn't come to rest";
+        return;
+      }
+      usleep(1000);
+    }
   }
 
  private:
+  bool isAsleep() const {
+    std::error_code gone;
+    const std::filesystem::path threads = "/proc/" + std::to_string(pid_) + "/task";
+    for (const auto& thread : std::filesystem::directory_iterator(threads, gone)) {
+      std::stringstream text;
+      text << std::ifstream(thread.path() / "stat").rdbuf();
+      const size_t name = text.str().rfind(") ");
+      if (name == std::string::npos || text.str()[name + 2] != 'S') return false;
+    }
+    return !gone;
+  }
+
   pid_t pid_;
   int go_;
   int done_;

@@ -241,6 +241,44 @@ TEST_P(ProcessTable, OneThreadsClassLeavesTheOthersAlone) {
   EXPECT_NEAR(usage.cpu_time_qos_legacy, 30 * kTicksPerMs, 2 * kTicksPerClockTick);
 }
 
+TEST_P(ProcessTable, WhatBecomesOfAProcessBetweenLooksDistortsNobodysFigures) {
+  const ChildProcess::Steps spend = {[] { burn(30), startSleepingThread(20); }};
+  const ChildProcess bystander(spend);
+  ChildProcess::Steps steps = spend;
+  steps.emplace_back([] { std::thread([] { burn(40); }).join(), prctl(PR_SET_NAME, "renamed"); });
+  // All threads but the one that calls it end, and that becomes the main thread.
+  steps.emplace_back([] { std::thread([] { execlp("sleep", "sleep", "infinity", nullptr); }).join(); });
+  const ChildProcess changing(steps);
+  auto mortal = std::make_unique<const ChildProcess>(spend);
+  for (const ChildProcess* child : {&bystander, &changing, mortal.get()}) child->step();
+
+  const auto before = look();
+  const pid_t dead = mortal->pid();
+  mortal.reset();
+  changing.step();
+  const auto renamed = look();
+  EXPECT_FALSE(renamed.contains(dead));
+  EXPECT_EQ(nameOf(changing.pid()), "renamed");
+  const auto spent = [](const rusage_info_v3& usage) { return usage.user_time + usage.system_time; };
+  EXPECT_NEAR(spent(renamed.at(changing.pid())) - spent(before.at(changing.pid())), 40 * kTicksPerMs,
+              2 * kTicksPerClockTick);
+
+  changing.begin();
+  for (int waited = 0; nameOf(changing.pid()) != "sleep" && waited < 6000; ++waited) usleep(10'000);
+  changing.waitUntilAsleep();
+  const auto after = look();
+  for (const auto* looked : {&before, &renamed, &after}) {
+    const rusage_info_v3& other = looked->at(bystander.pid());
+    EXPECT_EQ(spent(other), spent(before.at(bystander.pid())));
+    EXPECT_EQ(other.diskio_bytesread, before.at(bystander.pid()).diskio_bytesread);
+    EXPECT_NEAR(sumOfClasses(other), spent(other), 8);
+    EXPECT_EQ(looked->at(changing.pid()).proc_start_abstime, before.at(changing.pid()).proc_start_abstime);
+  }
+  EXPECT_GE(after.at(changing.pid()).user_time, renamed.at(changing.pid()).user_time);
+  EXPECT_GE(after.at(changing.pid()).system_time, renamed.at(changing.pid()).system_time);
+  expectAsInProc(changing.pid(), after.at(changing.pid()));
+}
+
 TEST_P(ProcessTable, SeesEveryProcessHoweverManyComeAndGo) {
   constexpr int kMany = 600;  // more than the BPF array holds at first
   std::vector<pid_t> sleepers;
