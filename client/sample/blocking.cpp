@@ -1,12 +1,19 @@
 #include "client/sample/blocking.h"
 
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace quorvel_sample {
 namespace {
@@ -52,6 +59,48 @@ using std::chrono::nanoseconds;
   close(ends[0]);
 }
 
+/// Writes to a file without a name, and through to the disk each time.
+[[gnu::noinline]] void blockOnDisk(nanoseconds duration) {
+  constexpr size_t kPieceBytes = size_t{1} << 20;
+  constexpr off_t kPieces = 16;
+  const char* folder = std::getenv("TMPDIR");
+  const int fd = open(folder ? folder : "/var/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  const std::vector<char> piece(kPieceBytes, 'q');
+  const auto end = std::chrono::steady_clock::now() + duration;
+  for (off_t i = 0; fd >= 0 && std::chrono::steady_clock::now() < end; ++i) {
+    if (pwrite(fd, piece.data(), piece.size(), i % kPieces * off_t{kPieceBytes}) < 0 || fdatasync(fd) < 0)
+      break;
+  }
+  if (std::chrono::steady_clock::now() < end) std::perror("quorvel-sample: writing to the disk");
+  if (fd >= 0) close(fd);
+}
+
+/// Has work to do, on a CPU that it shares with many processes named "hog" which have more.
+[[gnu::noinline]] void blockStarving(nanoseconds duration) {
+  constexpr int kHogs = 9;
+  cpu_set_t before;
+  cpu_set_t one;
+  sched_getaffinity(0, sizeof before, &before);
+  CPU_ZERO(&one);
+  CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+  sched_setaffinity(0, sizeof one, &one);
+  std::vector<pid_t> hogs;
+  for (int i = 0; i < kHogs; ++i) {
+    const pid_t hog = fork();
+    if (hog == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      prctl(PR_SET_NAME, "hog");
+      blockSpinning(duration + std::chrono::seconds(5));
+      _exit(0);
+    }
+    if (hog > 0) hogs.push_back(hog);
+  }
+  blockSpinning(duration);
+  for (const pid_t hog : hogs) kill(hog, SIGKILL);
+  for (const pid_t hog : hogs) waitpid(hog, nullptr, 0);
+  sched_setaffinity(0, sizeof before, &before);
+}
+
 struct Way {
   BlockingWay way;
   const char* name;
@@ -59,11 +108,13 @@ struct Way {
   void (*block)(nanoseconds);
 };
 
-constexpr std::array<Way, 4> kWays{{
+constexpr std::array<Way, 6> kWays{{
     {BlockingWay::sleep, "sleep", "sleeping", blockInSleep},
     {BlockingWay::spin, "spin", "spinning on the CPU", blockSpinning},
     {BlockingWay::lock, "lock", "waiting for a mutex that another thread holds", blockOnMutex},
     {BlockingWay::pipe, "pipe", "reading from a pipe that nobody writes", blockInRead},
+    {BlockingWay::disk, "disk", "writing to the disk", blockOnDisk},
+    {BlockingWay::starve, "starve", "computing on a CPU that others have taken", blockStarving},
 }};
 
 const Way& entry(BlockingWay way) {

@@ -6,7 +6,7 @@
 
 namespace quorvel_sample {
 
-enum class BlockingWay { sleep, spin, lock, pipe };
+enum class BlockingWay { sleep, spin, lock, pipe, disk, starve };
 
 std::optional<BlockingWay> blockingWay(std::string_view name);
 const char* describe(BlockingWay way);
