@@ -12,6 +12,7 @@ using Json = nlohmann::json;
 
 constexpr const char* kOthersKey = "-1";
 constexpr uint64_t kFlagUnitMs = 50;
+constexpr double kMaxSeconds = 1e11;  ///< of a date: what the C library can still tell
 
 /// A whole number that fits its type, or nothing by Json::exception.
 template <typename Number>
@@ -64,7 +65,7 @@ Activation activationOf(const Json& event) {
   const Json& data = event.at("activationData");
   Activation activation;
   activation.identifier = number<uint64_t>(data, "ActivationID");
-  activation.startedAt = data.at("Timestamp").get<double>();
+  activation.startedAt = std::clamp(data.at("Timestamp").get<double>(), -kMaxSeconds, kMaxSeconds);
   activation.bundleID = data.at("BundleID").get<std::string>();
   activation.pid = pidOf(number<uint64_t>(data, "UniqueID"));
   activation.launch = number<uint64_t>(data, "ActivationType") == 1;

@@ -132,7 +132,7 @@ class Machine {
   uint64_t grown(const char* key) const {
     const int64_t before = figure(begin_, key);
     const int64_t after = figure(end_, key);
-    return after > before ? static_cast<uint64_t>(after - before) : 0;
+    return after > before ? static_cast<uint64_t>(after) - static_cast<uint64_t>(before) : 0;
   }
   std::string change(const char* key) const {
     const uint64_t before = static_cast<uint64_t>(figure(begin_, key)) * pageBytes_;

@@ -66,7 +66,8 @@ void addActivationsCommand(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* command = app.add_subcommand(
       "activations", "What launches and resumes cost, and whom: the last five, the newest at the end");
-  CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead")->type_name("N");
+  CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
+  last->check(CLI::PositiveNumber)->type_name("N");
   command->add_flag("--all", arguments->all, "All of them")->excludes(last);
   command->callback([arguments, &context] { show(context, *arguments); });
 }

@@ -76,9 +76,9 @@ TEST_F(Command, ABrokenFileIsLeftAlone) {
 }
 
 TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
-  for (const char* arguments :
-       {"", "prefs", "prefs set QuorvelEnabled", "prefs set QuorvelEnabled perhaps", "prefs set Quorvel 1",
-        "notify ../x", "notify .x", "notify x 1.5", "nonsense"}) {
+  for (const char* arguments : {"", "prefs", "prefs set QuorvelEnabled", "prefs set QuorvelEnabled perhaps",
+                                "prefs set Quorvel 1", "notify ../x", "notify .x", "notify x 1.5", "nonsense",
+                                "launch x", "launch -- true", "activations --last -1"}) {
     EXPECT_EQ(run(arguments), 2) << arguments;
     EXPECT_FALSE(output_.empty());
   }
