@@ -125,6 +125,7 @@ std::string ReportHeader::processName() const {
 }
 
 std::string ReportHeader::kind() const {
+  if (!hasHang()) return "trace";
   if (pid == 0) return "slow launch";
   return serviceName == "Fence-hang" ? "fence hang" : "hang";
 }

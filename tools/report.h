@@ -25,9 +25,11 @@ struct ReportHeader {
   /// Changes of the display before: ticks, and 0 off, -1 unknown, else on. Oldest first.
   std::vector<std::pair<int64_t, int64_t>> display;
 
+  /// False for a trace of a time that somebody asked for.
+  bool hasHang() const { return endTicks != 0; }
   double durationMs() const;
   std::string processName() const;
-  /// "hang", "fence hang" or "slow launch".
+  /// "hang", "fence hang", "slow launch", or "trace" when there was no hang.
   std::string kind() const;
 };
 

@@ -2,6 +2,7 @@
 
 #include "tools/html.h"
 #include "tools/report_page.h"
+#include "tools/report_text.h"
 #include "tools/report_timeline.h"
 #include "tools/verdict_html.h"
 
@@ -12,14 +13,16 @@ namespace {
 constexpr size_t kMaxThreads = 256;
 
 std::string titleText(const ReportHeader& header) {
-  return (header.processName().empty() ? "?" : header.processName()) +
-         (header.kind() == "slow launch" ? " took " : " hung for ") + durationText(header.durationMs()) +
-         (header.kind() == "slow launch" ? " to launch" : "");
+  if (!header.hasHang()) return "Trace";
+  const std::string duration = durationText(header.durationMs());
+  if (header.pid == 0) return header.processName() + " took " + duration + " to launch";
+  return header.processName() + " hung for " + duration;
 }
 
 Html headerHtml(const Report& report) {
   const ReportHeader& header = report.header;
-  std::string line = header.kind() + " · " + header.serviceName;
+  std::string line = header.kind();
+  if (!header.serviceName.empty()) line += " · " + header.serviceName;
   if (header.pid != 0) line += " · pid " + std::to_string(header.pid);
   if (!report.madeAt.empty()) line += " · " + report.madeAt;
   return element("header", "", element("h1", "", titleText(header)) + element("p", "", line));
@@ -34,26 +37,25 @@ Html factsHtml(const Report& report) {
   add("Reason", header.reason);
   add("Process", header.processPath);
   if (header.threadId != 0) add("Thread", std::to_string(header.threadId));
-  add("Ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
+  if (header.hasHang())
+    add("Ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
   add("Display", displayText(header));
   add("Host", report.host);
   return element("section", "card", element("h2", "", "Report") + element("dl", "", facts));
 }
 
-Html frameHtml(const ReportFrame& frame, const FrameNamer& nameOf) {
-  std::string function = nameOf(frame);
-  if (function.empty()) function = frame.name;
+Html frameHtml(const ReportFrame& frame) {
   const std::string place = frame.place();
-  Html line = escaped(function);
-  if (!place.empty() && function != place) line += element("span", "place", place);
+  Html line = escaped(frame.name);
+  if (!place.empty() && frame.name != place) line += element("span", "place", place);
   return element("li", "", line);
 }
 
-Html stackHtml(const ReportThread& thread, const FrameNamer& nameOf) {
+Html stackHtml(const ReportThread& thread) {
   Html kernel;
   for (const std::string& frame : thread.kernelStack) kernel += element("li", "", frame);
   Html user;
-  for (const ReportFrame& frame : thread.userStack) user += frameHtml(frame, nameOf);
+  for (const ReportFrame& frame : thread.userStack) user += frameHtml(frame);
   Html stack;
   if (!thread.kernelStack.empty()) {
     stack += element("h4", "", "Kernel") + element("ol", "stack kernel", kernel);
@@ -66,23 +68,23 @@ Html stackHtml(const ReportThread& thread, const FrameNamer& nameOf) {
   return stack;
 }
 
-Html threadHtml(const ReportThread& thread, const FrameNamer& nameOf) {
+Html threadHtml(const ReportThread& thread) {
   const Html name = element("b", "", thread.name) + element("span", "tid", std::to_string(thread.tid)) +
                     element("span", "doing", doingText(thread));
   Html details{thread.hung ? "<details class=\"hung\" open><summary>" : "<details><summary>"};
   details += name;
   if (thread.hung) details += element("span", "badge", "hung");
-  details += Html{"</summary>"} + stackHtml(thread, nameOf) + Html{"</details>\n"};
+  details += Html{"</summary>"} + stackHtml(thread) + Html{"</details>\n"};
   return details;
 }
 
-Html stacksHtml(const Report& report, const FrameNamer& nameOf) {
+Html stacksHtml(const Report& report) {
   Html content = element("h2", "", "Stacks");
   if (report.header.pid != 0 && (report.threads.empty() || !report.threads.front().hung)) {
     content += element("p", "note", "The thread that hung had ended, or could not be looked at.");
   }
   for (size_t i = 0; i < report.threads.size() && i < kMaxThreads; ++i) {
-    content += threadHtml(report.threads[i], nameOf);
+    content += threadHtml(report.threads[i]);
   }
   if (report.threads.size() > kMaxThreads) {
     content += element("p", "note",
@@ -99,12 +101,14 @@ Html timelineHtml(const Timeline& timeline) {
                 "</button>"};
   };
   const Html tools = button("in", "+", "Closer") + button("out", "&minus;", "Farther") +
-                     button("hang", "Hang", "The hang alone") + button("all", "All", "All that was recorded");
+                     (timeline.hangUs > 0 ? button("hang", "Hang", "The hang alone") : Html{}) +
+                     button("all", "All", "All that was recorded");
   Html content = element("div", "heading", element("h2", "", "Timeline") + element("div", "tools", tools));
   content += Html{
       "<div id=\"timeline\"><canvas id=\"canvas\" tabindex=\"0\" role=\"img\" aria-label=\"Timeline of the "
       "hang\"></canvas><div id=\"tip\" hidden></div></div><ul class=\"legend\" id=\"legend\"></ul>"};
-  std::string note = "Drag to move; hold Ctrl and turn the wheel, or press + and −, to look closer.";
+  std::string note =
+      "Drag to move; hold Ctrl and turn the wheel, double-click, or press + and − to look closer.";
   if (timeline.hiddenCpus > 0)
     note += " " + std::to_string(timeline.hiddenCpus) + " more CPUs are in the report.";
   content += element("p", "note", note) +
@@ -123,7 +127,7 @@ Html leftOutHtml(const Report& report) {
 
 }  // namespace
 
-std::string reportPage(const Report& report, const FrameNamer& nameOf) {
+std::string reportPage(const Report& report) {
   const Timeline timeline = timelineOf(report);
   return filled(kReportPage,
                 {{"title", escaped(titleText(report.header))},
@@ -131,7 +135,7 @@ std::string reportPage(const Report& report, const FrameNamer& nameOf) {
                  {"header", headerHtml(report)},
                  {"verdict", report.verdict ? verdictHtml(*report.verdict, report.header) : Html{}},
                  {"timeline", timelineHtml(timeline)},
-                 {"stacks", stacksHtml(report, nameOf)},
+                 {"stacks", stacksHtml(report)},
                  {"facts", factsHtml(report)},
                  {"leftOut", leftOutHtml(report)},
                  {"data", scriptData(timelineJson(timeline))},

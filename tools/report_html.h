@@ -3,12 +3,11 @@
 #include <string>
 
 #include "tools/report.h"
-#include "tools/report_text.h"
 
 namespace quorvelctl {
 
 /// The report as one page that needs nothing else: verdict, timeline, stacks. Nothing of the report becomes
 /// markup or script in it, whatever it holds.
-std::string reportPage(const Report& report, const FrameNamer& nameOf);
+std::string reportPage(const Report& report);
 
 }  // namespace quorvelctl

@@ -209,7 +209,9 @@
   const showAll = () => show(whole.from, whole.to);
   const showHang = () => show(-data.hang * .02, data.hang * 1.02);
   const actions = { in: () => zoom(.5), out: () => zoom(2), hang: showHang, all: showAll };
-  for (const [id, action] of Object.entries(actions)) document.getElementById(id).onclick = action;
+  for (const [id, action] of Object.entries(actions)) {
+    document.getElementById(id)?.addEventListener('click', action);
+  }
 
   canvas.addEventListener('keydown', (event) => {
     const keys = { '+': actions.in, '=': actions.in, '-': actions.out, '0': showAll,
@@ -257,7 +259,7 @@
     const lines = [tid ? `${text} (${tid})` : text];
     if (count) lines[0] = `${count} × , mostly ${lines[0]}`;
     if (duration > 0) lines.push(`for ${timeText(duration)}` + (count ? `, busy for ${timeText(busy)}` : ''));
-    lines.push(start < 0 ? `${timeText(-start)} before the hang` : `${timeText(start)} into the hang`);
+    lines.push(start < 0 ? `${timeText(-start)} before the hang` : `${timeText(start)} after its begin`);
     tip.textContent = lines.join('\n');
     tip.style.left = Math.max(Math.min(x + 12, width - tip.offsetWidth), 0) + 'px';
     tip.style.top = track.y + track.height + 6 + 'px';

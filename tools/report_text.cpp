@@ -23,18 +23,17 @@ std::string localTime(time_t time) {
   return text;
 }
 
-std::string frameText(const ReportFrame& frame, const FrameNamer& nameOf) {
-  std::string function = nameOf(frame);
-  if (function.empty()) function = frame.name;
+std::string frameText(const ReportFrame& frame) {
   const std::string place = frame.place();
-  return printable(place.empty() || function == place ? function : function + "  (" + place + ")");
+  return printable(place.empty() || frame.name == place ? frame.name : frame.name + "  (" + place + ")");
 }
 
 std::string headerText(const Report& report) {
   const ReportHeader& header = report.header;
-  std::string title = header.kind() + " " + header.serviceName + ": " + header.processName();
+  std::string title = header.kind();
+  if (header.hasHang()) title += " " + header.serviceName + ": " + header.processName();
   if (header.pid != 0) title += " (pid " + std::to_string(header.pid) + ")";
-  title += ", " + durationText(header.durationMs());
+  if (header.hasHang()) title += ", " + durationText(header.durationMs());
   std::vector<std::vector<std::string>> rows;
   const auto add = [&](const char* what, const std::string& value) {
     if (!value.empty()) rows.push_back({what, printable(value)});
@@ -42,7 +41,8 @@ std::string headerText(const Report& report) {
   add("reason", header.reason);
   add("process", header.processPath);
   if (header.threadId != 0) add("thread", std::to_string(header.threadId));
-  add("ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
+  if (header.hasHang())
+    add("ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
   add("display", displayText(header));
   add("made", report.madeAt);
   add("host", report.host);
@@ -51,7 +51,7 @@ std::string headerText(const Report& report) {
   return text + table(rows);
 }
 
-std::string hungThreadText(const ReportThread& thread, const FrameNamer& nameOf) {
+std::string hungThreadText(const ReportThread& thread) {
   std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(thread.name) +
                      ", which hung: " + printable(doingText(thread)) + "\n";
   text += "CPU time so far: " + fixed(thread.userMs, 0) + " ms user, " + fixed(thread.systemMs, 0) +
@@ -60,18 +60,18 @@ std::string hungThreadText(const ReportThread& thread, const FrameNamer& nameOf)
   for (const std::string& frame : thread.kernelStack) text += "    " + printable(frame) + "\n";
   if (thread.kernelStack.empty()) text += "    (none)\n";
   text += "\n  user, innermost first\n";
-  for (const ReportFrame& frame : thread.userStack) text += "    " + frameText(frame, nameOf) + "\n";
+  for (const ReportFrame& frame : thread.userStack) text += "    " + frameText(frame) + "\n";
   if (!thread.stackCutOff.empty()) text += "    (ends here: " + printable(thread.stackCutOff) + ")\n";
   if (thread.userStack.empty())
     text += "    (none" + printable(thread.noStack.empty() ? "" : ": " + thread.noStack) + ")\n";
   return text;
 }
 
-std::string otherThreadsText(const std::vector<ReportThread>& threads, const FrameNamer& nameOf) {
+std::string otherThreadsText(const std::vector<ReportThread>& threads) {
   std::vector<std::vector<std::string>> rows{{"THREAD", "NAME", "DOING", "INNERMOST FRAME"}};
   for (const ReportThread& thread : threads) {
     if (thread.hung) continue;
-    const std::string frame = thread.userStack.empty() ? "-" : frameText(thread.userStack.front(), nameOf);
+    const std::string frame = thread.userStack.empty() ? "-" : frameText(thread.userStack.front());
     rows.push_back({std::to_string(thread.tid), printable(thread.name), printable(doingText(thread)), frame});
   }
   return rows.size() == 1 ? "" : "\nOther threads\n" + table(rows);
@@ -128,14 +128,14 @@ std::string reportTable(const std::vector<ReportEntry>& entries) {
   return table(rows);
 }
 
-std::string reportText(const Report& report, const FrameNamer& nameOf) {
+std::string reportText(const Report& report) {
   std::string text = headerText(report);
   if (!report.threads.empty() && report.threads.front().hung) {
-    text += hungThreadText(report.threads.front(), nameOf);
+    text += hungThreadText(report.threads.front());
   } else if (report.header.pid != 0) {
     text += "\nThe thread that hung had ended, or could not be looked at.\n";
   }
-  text += otherThreadsText(report.threads, nameOf);
+  text += otherThreadsText(report.threads);
   if (!report.leftOut.empty()) text += "\nLeft out\n";
   for (const auto& [what, why] : report.leftOut)
     text += "  " + printable(what) + ": " + printable(why) + "\n";

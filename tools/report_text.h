@@ -1,7 +1,6 @@
 #pragma once
 
 #include <ctime>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,9 +16,6 @@ struct ReportEntry {
   ReportHeader header;
   std::string problem;  ///< why the header is missing
 };
-
-/// Names the function of a frame; empty when it can't.
-using FrameNamer = std::function<std::string(const ReportFrame&)>;
 
 /// "7.50 s", or "401 ms" below a second.
 std::string durationText(double ms);
@@ -38,6 +34,6 @@ std::string displayText(const ReportHeader& header);
 std::string reportTable(const std::vector<ReportEntry>& entries);
 
 /// The report in words: what hung and why, when, the hung thread's stacks, one line for each other thread.
-std::string reportText(const Report& report, const FrameNamer& nameOf);
+std::string reportText(const Report& report);
 
 }  // namespace quorvelctl

@@ -44,9 +44,7 @@ void forEachRun(const Events& events, double columnUs, Use use) {
 class Builder {
  public:
   explicit Builder(const Report& report)
-      : trace_(report.trace),
-        header_(report.header),
-        originUs_(static_cast<double>(header_.startTicks) / kTicksPerUs) {
+      : trace_(report.trace), header_(report.header), originUs_(originOf(report)) {
     for (const ReportThread& thread : report.threads) ownThreads_.insert(thread.tid);
     timeline_.hangUs = std::max(0.0, header_.durationMs() * 1000);
     timeline_.lookedUs =
@@ -64,6 +62,15 @@ class Builder {
   }
 
  private:
+  /// Of a trace without a hang, the first event.
+  static double originOf(const Report& report) {
+    if (report.header.hasHang()) return static_cast<double>(report.header.startTicks) / kTicksPerUs;
+    const auto& events = report.trace.events;
+    const auto first = std::min_element(events.begin(), events.end(),
+                                        [](const auto& a, const auto& b) { return a.startUs < b.startUs; });
+    return first == events.end() ? 0 : first->startUs;
+  }
+
   /// Puts each event that is drawn to its track, and finds the span of them all.
   void sortOut() {
     Events looks;

@@ -10,7 +10,7 @@ namespace quorvelctl {
 /// What of a report's trace is drawn: who had each CPU, the hung thread's states, marks, the hang.
 ///
 /// Bounded whatever the trace holds: where it has more than can be told apart, neighbours are one item.
-/// Times are microseconds from the begin of the hang.
+/// Times are microseconds from the begin of the hang, or of the trace if there was none.
 struct Timeline {
   /// One or more neighbouring events of a track.
   struct Item {

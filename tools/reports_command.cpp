@@ -126,22 +126,20 @@ void show(Context& context, const ShowArguments& arguments) {
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;
   std::string error;
-  const std::optional<Report> report = parseReport(*text, error);
+  std::optional<NamedReport> named;
+  if (arguments.symbols) {
+    Symbols symbols({});
+    named = nameReport(*text, symbols, error);
+  }
+  const std::optional<Report> report = parseReport(named ? named->text : *text, error);
   if (!report) {
     context.fail(path + " is no report: " + error);
-    return;
-  }
-  std::unique_ptr<Symbols> symbols;
-  if (arguments.symbols) symbols = std::make_unique<Symbols>(std::vector<std::string>());
-  const FrameNamer nameOf = [&](const ReportFrame& frame) {
-    return symbols ? symbols->nameOf(frame) : std::string();
-  };
-  if (!arguments.html.empty()) {
-    writeOutput(context, arguments.html, reportPage(*report, nameOf));
+  } else if (!arguments.html.empty()) {
+    writeOutput(context, arguments.html, reportPage(*report));
   } else if (context.json) {
     std::fwrite(text->data(), 1, text->size(), stdout);
   } else {
-    std::fputs(reportText(*report, nameOf).c_str(), stdout);
+    std::fputs(reportText(*report).c_str(), stdout);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "tools/symbolicate.h"
 
+#include <cctype>
 #include <map>
 #include <set>
 
@@ -49,6 +50,20 @@ void renameIntervals(OrderedJson& events, const Renamed& renamed) {
   }
 }
 
+/// The verdict may say in which function the thread was.
+void renameIn(OrderedJson& sentence, const Renamed& renamed) {
+  if (!sentence.is_string()) return;
+  auto text = sentence.get<std::string>();
+  for (const auto& [from, to] : renamed) {
+    const size_t at = text.find(" " + from);
+    const size_t end = at + 1 + from.size();
+    if (to.empty() || at == std::string::npos) continue;
+    if (end < text.size() && std::isalnum(static_cast<unsigned char>(text[end]))) continue;  // a longer one
+    text.replace(at + 1, from.size(), to);
+  }
+  sentence = std::move(text);
+}
+
 }  // namespace
 
 std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error) {
@@ -64,6 +79,8 @@ std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, s
     Renamed renamed;
     if (frames != report.end()) renamed = nameFrames(*frames, symbols, result);
     if (events != report.end()) renameIntervals(*events, renamed);
+    const OrderedJson::json_pointer sentence("/metadata/verdict/sentence");
+    if (report.contains(sentence)) renameIn(report[sentence], renamed);
     result.text = report.dump();
     return result;
   } catch (const OrderedJson::exception& problem) {

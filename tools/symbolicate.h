@@ -16,8 +16,8 @@ struct NamedReport {
   std::vector<std::string> withoutFile;  ///< modules for which no file was found
 };
 
-/// Puts names in the place of addresses, in the stack frames and in the intervals that draw them. Nothing,
-/// and why, when `text` is no report.
+/// Puts names in the place of addresses: in the stack frames, in the intervals that draw them, and in the
+/// verdict's sentence. Nothing, and why, when `text` is no report.
 std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error);
 
 }  // namespace quorvelctl

@@ -4,7 +4,6 @@
 #include "tools/report_timeline.h"
 
 using quorvelctl::Report;
-using quorvelctl::ReportFrame;
 using quorvelctl::Timeline;
 
 namespace {
@@ -13,10 +12,6 @@ size_t countOf(const std::string& text, std::string_view what) {
   size_t count = 0;
   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
   return count;
-}
-
-std::string unnamed(const ReportFrame&) {
-  return {};
 }
 
 // Every text of it is hostile; two of three states are drawn on the states' own track.
@@ -39,7 +34,7 @@ TEST(ReportPage, NothingOfAReportBecomesMarkup) {
   std::string error;
   const auto harmlessReport = quorvelctl::parseReport(kHostile, error);
   ASSERT_TRUE(harmlessReport) << error;
-  const std::string harmless = quorvelctl::reportPage(*harmlessReport, unnamed);
+  const std::string harmless = quorvelctl::reportPage(*harmlessReport);
   std::string text(kHostile);
   for (size_t at = text.find("\"X\""); at != std::string::npos; at = text.find("\"X\"", at)) {
     // An event's phase, which may be X too, stays: else there would be nothing to draw.
@@ -51,7 +46,7 @@ TEST(ReportPage, NothingOfAReportBecomesMarkup) {
   }
   const auto report = quorvelctl::parseReport(text, error);
   ASSERT_TRUE(report) << error;
-  const std::string page = quorvelctl::reportPage(*report, unnamed);
+  const std::string page = quorvelctl::reportPage(*report);
   EXPECT_GT(countOf(page, "&lt;/script&gt;"), 15u);
   for (const char* markup : {"<", ">", "\""}) {
     // In the embedded JSON alone quotes and '>' are plain, or escaped by a backslash.
@@ -106,7 +101,7 @@ TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {
     EXPECT_EQ(label.owner, owner);
     EXPECT_DOUBLE_EQ(label.totalUs, label.tid == 7 ? hogUs : label.totalUs);
   }
-  EXPECT_LT(quorvelctl::reportPage(report, unnamed).size(), size_t{1} * 1024 * 1024);
+  EXPECT_LT(quorvelctl::reportPage(report).size(), size_t{1} * 1024 * 1024);
 }
 
 }  // namespace

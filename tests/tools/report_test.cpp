@@ -5,7 +5,6 @@
 #include "tools/report_text.h"
 
 using quorvelctl::Report;
-using quorvelctl::ReportFrame;
 using quorvelctl::ReportHeader;
 
 namespace {
@@ -17,7 +16,7 @@ constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,
 "host":{"system":"Linux","kernel":"6.1","cpus":2},"capture":{"time":"2026-03-01T10:00:00Z"},
 "leftOut":[{"what":"scheduler events","why":"not recorded"}]},
 "traceEvents":[{"ph":"P","tid":41,"sf":"4"},{"ph":"P","tid":42,"sf":"2"},{"ph":"X","tid":41}],
-"stackFrames":{"1":{"name":"viewer+0x10","category":"viewer","module":"/usr/bin/viewer","offset":"0x10","build_id":"ab"},
+"stackFrames":{"1":{"name":"main","category":"viewer","module":"/usr/bin/viewer","offset":"0x10","build_id":"ab"},
 "2":{"name":"libc.so.6+0x20","category":"libc.so.6","parent":"1","offset":"0x20"},
 "3":{"name":"do_futex","category":"kernel","parent":"2"},"4":{"name":"futex_wait","category":"kernel","parent":"3"}},
 "threads":[{"tid":42,"name":"wor\u001b[31mker","state":"sleeping","syscall":999},
@@ -27,8 +26,7 @@ constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,
 TEST(ReportFile, IsToldInWords) {
   std::string error;
   const Report report = quorvelctl::parseReport(kReport, error).value_or(Report{});
-  const std::string text = quorvelctl::reportText(
-      report, [](const ReportFrame& frame) { return frame.buildId == "ab" ? "main" : std::string(); });
+  const std::string text = quorvelctl::reportText(report);
   EXPECT_EQ(text,
             "hang MainThread: viewer (pid 41), 8.50 s\n\n"
             "reason   MainThread-viewer: timeout 8500ms\n"
@@ -61,7 +59,7 @@ TEST(ReportFile, ItsVerdictComesFirst) {
 "pressure":{"io":{"some10":12.34,"full10":3}}},)");
   std::string error;
   const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
-  const std::string shown = quorvelctl::reportText(report, [](const ReportFrame&) { return std::string(); });
+  const std::string shown = quorvelctl::reportText(report);
   EXPECT_EQ(shown.substr(0, shown.find("reason")),
             "hang MainThread: viewer (pid 41), 8.50 s\n\n"
             "It waited for ?worker.\n\n"
@@ -100,7 +98,7 @@ TEST(ReportFile, WhatIsOfAnotherTypeStaysEmptyAndWhatIsNoReportIsRefused) {
           "traceEvents":[{"ph":"P","tid":0,"sf":"1"}],"stackFrames":{"1":{"parent":"1"}}})",
           error)
           .value_or(Report{});
-  EXPECT_EQ(odd.header.kind(), "slow launch");
+  EXPECT_EQ(odd.header.kind(), "trace");
   EXPECT_EQ(odd.threads.size(), 2u);
   for (const char* text : {"", "[]", "{}", "{\"metadata\":", "{\"metadata\":{\"PID\":1", "\xff"}) {
     EXPECT_FALSE(quorvelctl::parseReport(text, error)) << text;

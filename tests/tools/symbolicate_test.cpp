@@ -60,7 +60,8 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) - own.base);
   const std::string other = "00" + own.buildId.substr(2) + "77";
   const auto report = [&](const std::string& module, const std::string& buildId) {
-    Json json = Json::parse(R"({"metadata":{"PID":4},"traceEvents":[{"ph":"X","cat":"user","name":"m+0x1"},
+    Json json = Json::parse(
+        R"({"metadata":{"PID":4,"verdict":{"sentence":"in m+0x1."}},"traceEvents":[{"ph":"X","cat":"user","name":"m+0x1"},
       {"ph":"X","cat":"cpu","name":"m+0x1"}],"stackFrames":{"1":{"name":"do_futex","category":"kernel"},
       "2":{"name":"m+0x1","category":"m"},"3":{"name":"0x5","category":""}}})");
     json["stackFrames"]["2"].update({{"module", module}, {"offset", offset}, {"build_id", buildId}});
@@ -90,6 +91,7 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
     EXPECT_EQ(json["stackFrames"]["2"]["name"], name) << one.module << " " << one.buildId;
     EXPECT_EQ(json["traceEvents"][0]["name"], name);
     EXPECT_EQ(json["traceEvents"][1]["name"], "m+0x1");
+    EXPECT_EQ(json["metadata"]["verdict"]["sentence"], std::string("in ") + name + ".");
     EXPECT_EQ(json["stackFrames"]["1"]["name"], "do_futex");
     EXPECT_EQ(result.frames, 2u);
     EXPECT_EQ(result.withoutFile.empty(), one.named);
