@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -231,6 +232,42 @@ class Memory(ScratchTest):
         (inside / "filler").unlink()
         until(lambda: list(daemon.logs.glob("*.ips")), 60, "a report on the other file system")
         self.assertEqual(list(Report(next(daemon.logs.glob("*.ips"))).body)[0], "VM")
+
+    def test_a_kill_in_the_middle_leaves_nothing_under_a_reports_name(self):
+        daemon = self.logging()
+        daemon.logs.mkdir(parents=True)
+        daemon.start()
+        end = time.monotonic() + 60
+        while True:
+            working = next((daemon.root / CACHE).glob("memory-snapshot-*"), None)
+            if working:
+                daemon.process.send_signal(signal.SIGSTOP)
+                os.waitid(os.P_PID, daemon.process.pid, os.WSTOPPED | os.WNOWAIT)
+                if working.exists():
+                    break
+                daemon.process.send_signal(signal.SIGCONT)
+            self.assertLess(time.monotonic(), end, "no report was met in the middle")
+        finished = set(daemon.logs.iterdir())
+        daemon.process.kill()
+        daemon.process.wait()
+        self.assertEqual(set(daemon.logs.iterdir()), finished)
+        self.assertNotIn(daemon.logs / working.name, finished)
+        for path in finished:
+            Report(path)
+        daemon.start()
+        Report(self.next_report(daemon))
+
+    def test_processes_that_vanish_meanwhile_spoil_no_report(self):
+        daemon = self.logging()
+        daemon.logs.mkdir(parents=True)
+        daemon.start()
+        for _ in range(3):
+            churn = subprocess.Popen(["sh", "-c", "while :; do sleep 0 & sleep 0; done"])
+            self.addCleanup(churn.wait)
+            self.addCleanup(churn.kill)
+        for _ in range(3):
+            self.assertGreater(len(Report(self.next_report(daemon)).body["Processes"]), 4)
+        self.assertNotIn("not kept", daemon.log())
 
 
 class Refused(ScratchTest):
