@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <limits>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <tuple>
 
 namespace quorvelctl {
 namespace {
@@ -28,8 +29,10 @@ class Changes {
       changes.push_back(change);
       changes.back().name = name;
     }
-    std::stable_sort(changes.begin(), changes.end(), [](const MemoryChange& a, const MemoryChange& b) {
-      return std::abs(a.bytes()) > std::abs(b.bytes());
+    std::sort(changes.begin(), changes.end(), [](const MemoryChange& a, const MemoryChange& b) {
+      const int64_t aBytes = std::abs(a.bytes());
+      const int64_t bBytes = std::abs(b.bytes());
+      return std::tie(bBytes, a.name) < std::tie(aBytes, b.name);
     });
     return changes;
   }

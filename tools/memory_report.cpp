@@ -4,6 +4,7 @@
 #include <array>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <tuple>
 
 namespace quorvelctl {
 namespace {
@@ -103,13 +104,15 @@ void readProcesses(const Json& entries, MemoryReport& report) {
     }
     report.processes.push_back(std::move(process));
   }
-  std::stable_sort(report.processes.begin(), report.processes.end(),
-                   [](const auto& a, const auto& b) { return a.footprintBytes > b.footprintBytes; });
+  std::sort(report.processes.begin(), report.processes.end(), [](const auto& a, const auto& b) {
+    return std::tie(b.footprintBytes, a.name, a.priority) < std::tie(a.footprintBytes, b.name, b.priority);
+  });
 }
 
 void sortBySize(std::vector<NamedBytes>& entries) {
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const NamedBytes& a, const NamedBytes& b) { return a.bytes > b.bytes; });
+  std::sort(entries.begin(), entries.end(), [](const NamedBytes& a, const NamedBytes& b) {
+    return std::tie(b.bytes, a.name) < std::tie(a.bytes, b.name);
+  });
 }
 
 void readZones(const Json& entries, MemoryReport& report) {
@@ -217,6 +220,7 @@ std::optional<MemoryAccount> accountOf(const MemoryReport& report) {
       {"page tables", wired("VM_KERN_MEMORY_PTE") + wired("VM_KERN_MEMORY_PMAP")},
       {"per-CPU data", wired("VM_KERN_MEMORY_CPU")},
   };
+  sortBySize(account.parts);
   account.unaccountedBytes = static_cast<int64_t>(*total) - static_cast<int64_t>(sumOf(account.parts));
   return account;
 }

@@ -61,7 +61,7 @@ inline constexpr const char* kUnaccounted = "unaccounted for";
 /// All memory that the kernel hands out, by what it is used for.
 struct MemoryAccount {
   uint64_t totalBytes = 0;
-  std::vector<NamedBytes> parts;
+  std::vector<NamedBytes> parts;  ///< largest first
   /// What no part explains; slightly negative when the figures moved while they were read.
   int64_t unaccountedBytes = 0;
 };

@@ -52,10 +52,8 @@ std::string accountText(const MemoryReport& report) {
   const std::optional<MemoryAccount> account = accountOf(report);
   if (!account) return "";
   Rows rows{{"SIZE", "SHARE", "WHAT"}};
-  std::vector<NamedBytes> parts = account->parts;
-  std::stable_sort(parts.begin(), parts.end(),
-                   [](const NamedBytes& a, const NamedBytes& b) { return a.bytes > b.bytes; });
-  for (const NamedBytes& part : parts) {
+  for (const NamedBytes& part : account->parts) {
+    if (part.bytes == 0) break;
     rows.push_back({sizeText(part.bytes), percentText(static_cast<int64_t>(part.bytes), account->totalBytes),
                     part.name});
   }

@@ -106,7 +106,7 @@ TEST(MemoryDiff, TakesProcessesOfOneNameTogetherAndPutsTheLargestChangeFirst) {
   const auto diff = quorvelctl::diffOf(older, newer);
   EXPECT_EQ(diff.processes,
             (std::vector<MemoryChange>{
-                {"viewer", 0, 9 * 4096, 0, 1}, {"init", 3 * 4096, 0, 1, 0}, {"No_Name", 0, 2 * 4096, 2, 3}}));
+                {"viewer", 0, 36864, 0, 1}, {"init", 12288, 0, 1, 0}, {"No_Name", 0, 8192, 2, 3}}));
   EXPECT_TRUE(diff.zones.empty());
   EXPECT_EQ(quorvelctl::memoryDiffText(older, newer, 2),
             "from 2026-01-15 10:00:00 to 2026-01-15 10:00:00\n\n"
