@@ -14,6 +14,8 @@ namespace kelvane {
 namespace {
 
 constexpr const char* kAsDeepAsKept = "more frames than are kept";
+/// No stack begins there, so it was cut off even if the unwinder is content.
+constexpr const char* kNoFile = "the code belongs to no file (made at run time, perhaps)";
 
 std::string dwflError() {
   const char* message = dwfl_errmsg(-1);
@@ -146,17 +148,24 @@ UnwoundStack Unwinder::unwind(const StackCopy& copy) {
     walk.stack.cutOff = dwflError();
   }
   if (walk.stack.addresses.empty()) walk.stack.addresses.push_back(copy.registers.pc);
+  if (!walk.full && !moduleAt(walk.stack.addresses.back())) walk.stack.cutOff = kNoFile;
   return std::move(walk.stack);
+}
+
+std::optional<size_t> Unwinder::moduleAt(uint64_t address) const {
+  auto after =
+      std::upper_bound(modules_.begin(), modules_.end(), address,
+                       [](uint64_t value, const MappedModule& module) { return value < module.start; });
+  if (after == modules_.begin() || address >= (after - 1)->end) return std::nullopt;
+  return static_cast<size_t>(after - 1 - modules_.begin());
 }
 
 Frame Unwinder::describe(uint64_t address, bool symbolicate) {
   Frame frame;
   frame.address = address;
-  auto after =
-      std::upper_bound(modules_.begin(), modules_.end(), address,
-                       [](uint64_t value, const MappedModule& module) { return value < module.start; });
-  if (after == modules_.begin() || address >= (after - 1)->end) return frame;
-  size_t index = static_cast<size_t>(after - 1 - modules_.begin());
+  auto found = moduleAt(address);
+  if (!found) return frame;
+  size_t index = *found;
   frame.module = static_cast<int32_t>(index);
   // Without the file, the distance from the first mapping: the same for every library that starts at 0.
   frame.offset = address - modules_[index].start;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,8 @@ class Unwinder {
   static bool readMemory(Dwfl* dwfl, Dwarf_Addr address, Dwarf_Word* result, void* self);
   static bool setRegisters(Dwfl_Thread* thread, void* self);
   void reportModules();
+  /// The index of the module that is mapped at `address`.
+  std::optional<size_t> moduleAt(uint64_t address) const;
 
   static const Dwfl_Callbacks kCallbacks;
   static const Dwfl_Thread_Callbacks kThreadCallbacks;

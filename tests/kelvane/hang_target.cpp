@@ -20,14 +20,23 @@ namespace kelvane_test {
 using Json = nlohmann::json;
 using namespace std::chrono_literals;
 
-HangTarget::HangTarget(const std::string& mode, int count) {
+HangTarget::HangTarget(const std::string& mode, int count)
+    : HangTarget(std::vector<std::string>{KELVANE_VICTIM, mode, std::to_string(count)}) {}
+
+HangTarget HangTarget::byScript(const std::string& script) {
+  return HangTarget(std::vector<std::string>{"/bin/sh", "-c", script, "sh", KELVANE_VICTIM});
+}
+
+HangTarget::HangTarget(const std::vector<std::string>& command) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return;
-  std::string number = std::to_string(count);
+  std::vector<char*> arguments;
+  for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
-    execl(KELVANE_VICTIM, "victim", mode.c_str(), number.c_str(), nullptr);
+    execv(arguments[0], arguments.data());
     _exit(127);
   }
   close(ends[1]);

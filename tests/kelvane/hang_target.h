@@ -15,6 +15,8 @@ namespace kelvane_test {
 class HangTarget {
  public:
   explicit HangTarget(const std::string& mode, int count = 0);
+  /// Through a shell: `script` executes the victim, whose path is $1, in the end.
+  static HangTarget byScript(const std::string& script);
   ~HangTarget();
   HangTarget(const HangTarget&) = delete;
   HangTarget& operator=(const HangTarget&) = delete;
@@ -29,6 +31,8 @@ class HangTarget {
   void signal(int number) const;
 
  private:
+  explicit HangTarget(const std::vector<std::string>& command);
+
   pid_t pid_ = -1;
   pid_t thread_ = -1;
 };

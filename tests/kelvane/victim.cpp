@@ -103,6 +103,20 @@ void start(const char* name, Work work) {
   while (started == before) std::this_thread::yield();
 }
 
+/// Code that belongs to no file and keeps no frame pointer: it clears that and jumps to itself.
+[[gnu::noinline]] void runsCodeMadeAtRunTime() {
+#if defined(__x86_64__)
+  constexpr unsigned char kForEver[] = {0x31, 0xed, 0xeb, 0xfe};
+#elif defined(__aarch64__)
+  constexpr unsigned char kForEver[] = {0xfd, 0x03, 0x1f, 0xaa, 0, 0, 0, 0x14};
+#endif
+  void* code =
+      mmap(nullptr, sizeof kForEver, PROT_READ | PROT_WRITE | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  memcpy(code, kForEver, sizeof kForEver);
+  __builtin___clear_cache(static_cast<char*>(code), static_cast<char*>(code) + sizeof kForEver);
+  reinterpret_cast<void (*)()>(code)();
+}
+
 /// Threads that come and go, and the process with them after `ms`.
 [[noreturn]] void churn(int ms) {
   std::thread([ms] {
@@ -129,6 +143,8 @@ int main(int argc, char** argv) {
   if (mode == "deep") start("deep", [] { recurses(1000); });
   if (mode == "vfork") start("vforker", waitsForVforkChild);
   if (mode == "kinds") start("reader", waitsInRead);
+  if (mode == "mutex") start("mutex", waitsForMutex);
+  if (mode == "jit") start("jit", runsCodeMadeAtRunTime);
   if (mode == "churn") {
     printf("%d\n", getpid());
     fflush(stdout);
