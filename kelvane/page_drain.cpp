@@ -18,14 +18,6 @@ namespace {
 
 constexpr size_t kPagesAtATime = 64;
 
-size_t bufferPages(int instance, const std::string& cpuFolder, size_t pageBytes) {
-  const FileText file = readFileAt(instance, (cpuFolder + "/buffer_size_kb").c_str(), kMaxProcFileBytes);
-  size_t kilobytes = 0;
-  std::from_chars(file.text.data(), file.text.data() + file.text.size(), kilobytes);
-  // The kernel adds a page for the reader and may round up by another.
-  return kilobytes * 1024 / pageBytes + 2;
-}
-
 }  // namespace
 
 size_t readPageBytes(int instance) {
@@ -33,6 +25,14 @@ size_t readPageBytes(int instance) {
   const auto data = parseFormatField(file.text, "data");
   if (!data || data->offset + data->size > kMaxTracePageBytes) return 0;
   return data->offset + data->size;
+}
+
+size_t readBufferKb(int instance, unsigned cpu) {
+  const std::string path = "per_cpu/cpu" + std::to_string(cpu) + "/buffer_size_kb";
+  const FileText file = readFileAt(instance, path.c_str(), kMaxProcFileBytes);
+  size_t kilobytes = 0;
+  std::from_chars(file.text.data(), file.text.data() + file.text.size(), kilobytes);
+  return kilobytes;
 }
 
 PageDrain::PageDrain(int instance, int folder, size_t pageBytes)
@@ -43,14 +43,14 @@ PageDrain::Result PageDrain::run(const Deadline& deadline, uint64_t nowNs) {
   const uint64_t dropBeforeNs = nowNs > keepNs ? nowNs - keepNs : 0;
   const long cpus = sysconf(_SC_NPROCESSORS_CONF);
   for (unsigned number = 0; static_cast<long>(number) < cpus; ++number) {
-    const std::string cpuFolder = "per_cpu/cpu" + std::to_string(number);
-    const UniqueFd pipe(
-        openat(instance_, (cpuFolder + "/trace_pipe_raw").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const std::string path = "per_cpu/cpu" + std::to_string(number) + "/trace_pipe_raw";
+    const UniqueFd pipe(openat(instance_, path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!pipe && errno == ENOENT) continue;  // this CPU has never been there
     if (!pipe) return Result::unreadable;
     KeptPages kept(folder_, number, pageBytes_);
     if (!kept.isOpen()) return Result::notKept;
-    const size_t maxPages = bufferPages(instance_, cpuFolder, pageBytes_);
+    // The kernel adds a page for the reader and may round up by another.
+    const size_t maxPages = readBufferKb(instance_, number) * 1024 / pageBytes_ + 2;
     const Result result = drain(pipe.get(), kept, maxPages, deadline);
     if (result != Result::whole) return result;
     kept.prune(dropBeforeNs, maxPages * kKeptBuffers);

@@ -39,4 +39,7 @@ class PageDrain {
 /// The size of the instance's buffer pages; 0 if it isn't told or is beyond kMaxTracePageBytes.
 size_t readPageBytes(int instance);
 
+/// The size of a CPU's buffer, in KB; 0 if it isn't told.
+size_t readBufferKb(int instance, unsigned cpu);
+
 }  // namespace kelvane
