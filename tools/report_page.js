@@ -80,7 +80,7 @@
       draw.fillStyle = colors.line;
       draw.fillRect(Math.round(x), kAxis - 6, 1, bottom);
       draw.fillStyle = colors.dim;
-      if (x > left + 16 && x < width - 20) draw.fillText(timeText(Math.round(us), step), x, 20);
+      if (x >= left && x < width - 20) draw.fillText(timeText(Math.round(us), step), x, 20);
     }
   }
 

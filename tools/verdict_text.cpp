@@ -1,6 +1,6 @@
 #include "tools/verdict_text.h"
 
-#include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "tools/report_text.h"
@@ -34,7 +34,7 @@ std::string spentText(const ReportVerdict& verdict) {
   for (const auto& [state, ms] : verdict.spent) total += ms;
   Rows rows;
   for (const auto& [state, ms] : verdict.spent) {
-    const auto bar = static_cast<size_t>(ms / total * kBarWidth + 0.5);
+    const auto bar = static_cast<size_t>(std::lround(ms / total * kBarWidth));
     rows.push_back({state, durationText(ms), shareText(ms, total), std::string(bar, '#')});
   }
   return section("How the hung thread spent the time", rows);
@@ -85,7 +85,7 @@ std::string percentText(double percent) {
 }  // namespace
 
 std::string threadText(const VerdictThread& thread, const ReportHeader& header) {
-  const std::string text = thread.name + " (" + std::to_string(thread.tid) + ")";
+  std::string text = thread.name + " (" + std::to_string(thread.tid) + ")";
   if (thread.pid == 0 && thread.process.empty()) return text;
   if (thread.pid != 0 && thread.pid == header.pid) return text + " of the same process";
   if (thread.pid == thread.tid && thread.process == thread.name) return text;

@@ -14,6 +14,13 @@ size_t countOf(const std::string& text, std::string_view what) {
   return count;
 }
 
+std::string pageOf(const std::string& text) {
+  std::string error;
+  const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
+  EXPECT_EQ(error, "");
+  return quorvelctl::reportPage(report);
+}
+
 // Every text of it is hostile; two of three states are drawn on the states' own track.
 constexpr const char* kHostile =
     R"({"metadata":{"Reason":"X","ServiceName":"X","ProcessPath":"/bin/X","PID":41,
@@ -31,10 +38,7 @@ constexpr const char* kHostile =
 {"tid":42,"name":"X","noStack":"X"}]})";
 
 TEST(ReportPage, NothingOfAReportBecomesMarkup) {
-  std::string error;
-  const auto harmlessReport = quorvelctl::parseReport(kHostile, error);
-  ASSERT_TRUE(harmlessReport) << error;
-  const std::string harmless = quorvelctl::reportPage(*harmlessReport);
+  const std::string harmless = pageOf(kHostile);
   std::string text(kHostile);
   for (size_t at = text.find("\"X\""); at != std::string::npos; at = text.find("\"X\"", at)) {
     // An event's phase, which may be X too, stays: else there would be nothing to draw.
@@ -44,9 +48,7 @@ TEST(ReportPage, NothingOfAReportBecomesMarkup) {
       text.replace(at, 3, R"("</script><!--<img src=\"x\" onerror='f()'>{{script}}&amp;")");
     }
   }
-  const auto report = quorvelctl::parseReport(text, error);
-  ASSERT_TRUE(report) << error;
-  const std::string page = quorvelctl::reportPage(*report);
+  const std::string page = pageOf(text);
   EXPECT_GT(countOf(page, "&lt;/script&gt;"), 15u);
   for (const char* markup : {"<", ">", "\""}) {
     // In the embedded JSON alone quotes and '>' are plain, or escaped by a backslash.
@@ -70,7 +72,7 @@ TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {
   report.trace.texts = {"viewer", "worker", "sleeping", "hog"};
   double hogUs = 0;
   for (int i = 0; i < 150'000; ++i) {
-    const double start = 1e6 + (i / 2) * 40.0;
+    const double start = 1e6 + i * 20.0;
     const auto tid = static_cast<int64_t>(i % 6 == 0 ? 41 : i % 6 == 1 ? 42 : 7);
     const uint32_t name = tid == 41 ? 0 : tid == 42 ? 1 : 3;
     if (tid == 7) hogUs += 30;
@@ -95,7 +97,7 @@ TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {
   EXPECT_EQ(events, 150'001u);
   EXPECT_LE(items, 32'000u);
   EXPECT_GT(items, 15'000u) << "so coarse that looking closer shows nothing";
-  EXPECT_DOUBLE_EQ(end, 74'999 * 40.0 + 30);
+  EXPECT_DOUBLE_EQ(end, 149'999 * 20.0 + 30);
   for (const Timeline::Label& label : timeline.labels) {
     const char* owner = label.tid == 41 ? "hung" : label.tid == 42 ? "own" : label.tid == 7 ? "other" : "";
     EXPECT_EQ(label.owner, owner);

@@ -1,7 +1,10 @@
 #include "tools/symbolicate.h"
 
+#include <dlfcn.h>
+#include <elfutils/libdwelf.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <link.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -24,41 +27,33 @@ std::string hexText(uint64_t number) {
   return text;
 }
 
-/// The program that runs these tests, which dl_iterate_phdr(3) calls with first.
-struct OwnProgram {
-  uint64_t base = 0;
-  std::string buildId;
-
-  OwnProgram() { dl_iterate_phdr(&read, this); }
-
-  static int read(dl_phdr_info* info, size_t, void* into) {
-    auto& program = *static_cast<OwnProgram*>(into);
-    program.base = info->dlpi_addr;
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-      const ElfW(Phdr)& header = info->dlpi_phdr[i];
-      if (header.p_type != PT_NOTE) continue;
-      const auto* at = reinterpret_cast<const unsigned char*>(info->dlpi_addr + header.p_vaddr);
-      for (const auto* end = at + header.p_memsz; at < end;) {
-        const auto* note = reinterpret_cast<const ElfW(Nhdr)*>(at);
-        const auto* text = at + sizeof *note + (note->n_namesz + 3) / 4 * 4;
-        for (size_t byte = 0; note->n_type == NT_GNU_BUILD_ID && byte < note->n_descsz; ++byte) {
-          char digits[3];
-          std::snprintf(digits, sizeof digits, "%02x", text[byte]);
-          program.buildId += digits;
-        }
-        at = text + (note->n_descsz + 3) / 4 * 4;
-      }
-    }
-    return 1;
+/// Hexadecimal; empty when the file has none.
+std::string buildIdOf(const std::string& path) {
+  elf_version(EV_CURRENT);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  Elf* elf = elf_begin(fd, ELF_C_READ, nullptr);
+  const void* bytes = nullptr;
+  const ssize_t length = dwelf_elf_gnu_build_id(elf, &bytes);
+  std::string text;
+  for (ssize_t i = 0; i < length; ++i) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", static_cast<const unsigned char*>(bytes)[i]);
+    text += digits;
   }
-};
+  elf_end(elf);
+  close(fd);
+  return text;
+}
 
 TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
-  const OwnProgram own;
-  if (own.buildId.size() < 8) GTEST_SKIP() << "this program was linked without a build id";
   const std::string path = std::filesystem::read_symlink("/proc/self/exe");
-  const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) - own.base);
-  const std::string other = "00" + own.buildId.substr(2) + "77";
+  const std::string own = buildIdOf(path);
+  if (own.size() < 8) GTEST_SKIP() << "this program was linked without a build id";
+  Dl_info loaded{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&quorvelFunctionToName), &loaded), 0);
+  const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) -
+                                     reinterpret_cast<uint64_t>(loaded.dli_fbase));
+  const std::string other = "00" + own.substr(2) + "77";
   const auto report = [&](const std::string& module, const std::string& buildId) {
     Json json = Json::parse(
         R"({"metadata":{"PID":4,"verdict":{"sentence":"in m+0x1."}},"traceEvents":[{"ph":"X","cat":"user","name":"m+0x1"},
@@ -69,9 +64,9 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   };
   std::string scratch = "/tmp/symbolicate.XXXXXX";
   ASSERT_TRUE(mkdtemp(scratch.data()));
-  const std::string byBuildId = scratch + "/.build-id/" + own.buildId.substr(0, 2);
+  const std::string byBuildId = scratch + "/.build-id/" + own.substr(0, 2);
   std::filesystem::create_directories(byBuildId);
-  std::filesystem::create_symlink(path, byBuildId + "/" + own.buildId.substr(2) + ".debug");
+  std::filesystem::create_symlink(path, byBuildId + "/" + own.substr(2) + ".debug");
   std::filesystem::create_symlink(path, scratch + "/gone.so");
 
   struct Case {
@@ -79,8 +74,8 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
     bool named;
   };
   for (const Case& one :
-       {Case{path, own.buildId, "", true}, Case{path, other, "", false}, Case{path, "", "", false},
-        Case{"/gone/m", own.buildId, "", false}, Case{"/gone/m", own.buildId, scratch, true},
+       {Case{path, own, "", true}, Case{path, other, "", false}, Case{path, "", "", false},
+        Case{"/gone/m", own, "", false}, Case{"/gone/m", own, scratch, true},
         Case{"/gone/gone.so", other, scratch, false}, Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
     Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir});
     std::string error;
