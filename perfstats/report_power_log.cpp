@@ -115,7 +115,7 @@ void EventBuilder::nameToService(PerfStatsProcess process) {
 void EventBuilder::addCpuData() {
   const CpuStatisticsPtr delta = cpuDelta(report_);
   if (!delta) return;
-  noticeRollover();
+  if (delta->count > 0) noticeRollover();
   for (int32_t n = 0; n < delta->count; ++n) {
     const task_statistics& task = delta->tasks[n];
     PerfStatsProcess process = PerfStatsProcess::processWithPID(task.pid, task.name);
