@@ -9,23 +9,41 @@
 namespace quorvelctl {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Json = nlohmann::json;
 
 constexpr int kMaxDepth = 8;  // a report nests four deep
 constexpr uint64_t kMaxPageSizeBytes = uint64_t{1} << 20;
 constexpr std::string_view kCounterPrefix = "VM_KERN_COUNT_";
 
-constexpr std::array<std::string_view, 11> kPageCounters = {"free_count",
-                                                            "active_count",
-                                                            "inactive_count",
-                                                            "wire_count",
-                                                            "purgeable_count",
-                                                            "speculative_count",
-                                                            "compressor_page_count",
-                                                            "throttled_count",
-                                                            "external_page_count",
-                                                            "internal_page_count",
-                                                            "total_uncompressed_pages_in_compressor"};
+struct VmCounter {
+  const char* name;
+  bool countsPages;
+};
+
+constexpr std::array<VmCounter, 22> kVmCounters = {{
+    {"free_count", true},
+    {"active_count", true},
+    {"inactive_count", true},
+    {"wire_count", true},
+    {"zero_fill_count", false},
+    {"reactivations", false},
+    {"faults", false},
+    {"cow_faults", false},
+    {"lookups", false},
+    {"hits", false},
+    {"purges", false},
+    {"purgeable_count", true},
+    {"speculative_count", true},
+    {"decompressions", false},
+    {"compressions", false},
+    {"swapins", false},
+    {"swapouts", false},
+    {"compressor_page_count", true},
+    {"throttled_count", true},
+    {"external_page_count", true},
+    {"internal_page_count", true},
+    {"total_uncompressed_pages_in_compressor", true},
+}};
 
 /// Says what is broken; caught where the text is parsed.
 class Broken : public std::runtime_error {
@@ -76,10 +94,10 @@ void readCounters(const Json& vm, MemoryReport& report) {
     report.vmError = textOf(vm, "error");
     return;
   }
-  for (const auto& [name, value] : vm.items()) {
-    const uint64_t count = natural(value, "its counter " + name);
-    if (countsPages(name)) Pages("counters", kMaxPageSizeBytes).bytes(value);
-    if (name != "page_size") report.counters.emplace_back(name, count);
+  for (const VmCounter& counter : kVmCounters) {
+    const Json& value = member(vm, counter.name, Json::value_t::number_unsigned);
+    if (counter.countsPages) Pages("counters", kMaxPageSizeBytes).bytes(value);
+    report.counters.emplace_back(counter.name, value.get<uint64_t>());
   }
   report.pageSizeBytes = natural(member(vm, "page_size", Json::value_t::number_unsigned), "its page size");
   if (report.pageSizeBytes == 0 || report.pageSizeBytes > kMaxPageSizeBytes) {
@@ -136,11 +154,25 @@ void readWired(const Json& entries, MemoryReport& report) {
   sortBySize(report.totals);
 }
 
+/// Whether brackets outside of texts are nested deeper than a report's.
+bool isTooDeep(std::string_view text) {
+  int depth = 0;
+  bool inText = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') inText = !inText;
+    if (inText && c == '\\') ++i;
+    if (inText) continue;
+    if (c == '[' || c == '{') ++depth;
+    if (c == ']' || c == '}') --depth;
+    if (depth > kMaxDepth) return true;
+  }
+  return false;
+}
+
 Json parseBounded(std::string_view text) {
-  return Json::parse(text, [](int depth, Json::parse_event_t, const Json&) {
-    if (depth > kMaxDepth) throw Broken("it is nested too deeply");
-    return true;
-  });
+  if (isTooDeep(text)) throw Broken("it is nested too deeply");
+  return Json::parse(text);
 }
 
 /// The report's three JSON texts: a first line, a header, the body. The first line may be cut off, line break
@@ -180,7 +212,8 @@ std::optional<uint64_t> MemoryReport::counter(std::string_view name) const {
 }
 
 bool countsPages(std::string_view counter) {
-  return std::find(kPageCounters.begin(), kPageCounters.end(), counter) != kPageCounters.end();
+  return std::any_of(kVmCounters.begin(), kVmCounters.end(),
+                     [&](const VmCounter& known) { return known.countsPages && known.name == counter; });
 }
 
 uint64_t sumOf(const std::vector<NamedBytes>& entries) {
