@@ -1,7 +1,8 @@
-// One look at every process, by each of the daemon's sources and by libproc2 asked for the same nine items.
+// A snapshot of every process, by each of the daemon's sources and by libproc2 asked for the same nine items.
 //
 // BM_Look/<way>/<processes>/<threads of each>: forked sleepers, beside what the machine runs anyway; "seen"
-// is how many processes there were in all. A look includes asking it for the usage and name of each process.
+// is how many processes there were in all. The daemon's are whole snapshots, arrays filled and freed;
+// "allocations" and "bytes" are what one took from the heap.
 
 #include <benchmark/benchmark.h>
 #include <libproc2/pids.h>
@@ -13,14 +14,49 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "perfstats/perf_snapshot.h"
 #include "platform/linux/process_table.h"
 #include "tests/sim/sim_platform.h"
+
+namespace {
+
+int64_t allocations = 0;
+int64_t allocatedBytes = 0;
+
+}  // namespace
+
+void* operator new(size_t bytes) {
+  ++allocations;
+  allocatedBytes += static_cast<int64_t>(bytes);
+  void* memory = std::malloc(bytes);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+// The linker's --wrap chooses these names.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+  ++allocations;
+  allocatedBytes += static_cast<int64_t>(count * size);
+  return __real_calloc(count, size);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -79,27 +115,30 @@ void wantSleepers(int processes, int threads) {
   have = {processes, threads};
 }
 
-void look(benchmark::State& state, std::unique_ptr<ProcessSource> source, const std::string& why) {
+void takeSnapshots(benchmark::State& state, sim::SimPlatform& world, std::unique_ptr<ProcessSource> source,
+                   const std::string& why) {
   if (!source) {
     state.SkipWithError(why.c_str());
     return;
   }
   LinuxProcessTables tables(std::move(source));
-  std::vector<int32_t> pids;
+  const platform::Platform platform{
+      world.analytics, world.clock,         world.device,       world.files,
+      world.kernel,    world.ipc,           world.kernel,       world.kernel,
+      world.logs,      world.notifications, world.powerLog,     world.preferences,
+      tables,          world.queues,        world.renderServer, world.traceLibraries};
+  platform::install(&platform);
   size_t seen = 0;
   const auto takeOne = [&] {
-    const auto table = tables.look();
-    pids.resize(static_cast<size_t>(table->listBytes()) / sizeof(int32_t));
-    seen = static_cast<size_t>(table->list(pids.data(), table->listBytes())) / sizeof(int32_t);
-    for (const int32_t pid : pids) {
-      platform::rusage_info_v3 usage;
-      char name[32];
-      benchmark::DoNotOptimize(table->usage(pid, &usage));
-      benchmark::DoNotOptimize(table->name(pid, name, sizeof(name)));
-    }
+    const auto snapshot = PerfSnapshot::createPerformanceSnapshotWithOptions(kSnapshotCpu);
+    seen = static_cast<size_t>(snapshot->cpu_stats()->count);
   };
   takeOne();  // sizes the arrays
+  allocations = allocatedBytes = 0;
   for (auto _ : state) takeOne();
+  using benchmark::Counter;
+  state.counters["allocations"] = Counter(static_cast<double>(allocations), Counter::kAvgIterations);
+  state.counters["bytes"] = Counter(static_cast<double>(allocatedBytes), Counter::kAvgIterations);
   state.counters["seen"] = static_cast<double>(seen);
 }
 
@@ -123,18 +162,20 @@ void libproc2(benchmark::State& state) {
 
 void BM_Look(benchmark::State& state, std::string_view way) {
   wantSleepers(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  sim::SimPlatform world;  // takes the log's lines
   std::string why;
   if (way == "libproc2") {
     libproc2(state);
   } else if (way == "procfs") {
-    look(state, openProcfsSource(why), why);
+    takeSnapshots(state, world, openProcfsSource(why), why);
   } else {
     auto source = openBpfSource(way == "bpf_walk" ? BpfPass::taskWalk : BpfPass::taskIterator, why);
-    look(state, std::move(source), why);
+    takeSnapshots(state, world, std::move(source), why);
   }
 }
 
 void BM_LoadBpf(benchmark::State& state, BpfPass pass) {
+  const sim::SimPlatform world;  // takes the log's lines
   std::string why;
   for (auto _ : state) benchmark::DoNotOptimize(openBpfSource(pass, why));
   if (!why.empty()) state.SkipWithError(why.c_str());
@@ -143,7 +184,6 @@ void BM_LoadBpf(benchmark::State& state, BpfPass pass) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const sim::SimPlatform world;  // takes the log's lines
   // All ways for one crowd before the next crowd, so that it need not be made anew.
   for (const auto& [processes, threads] : {std::pair{100, 1}, {1000, 1}, {4000, 1}, {1000, 8}}) {
     for (const char* way : {"bpf_walk", "bpf_iterator", "procfs", "libproc2"}) {
