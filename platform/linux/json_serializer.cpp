@@ -28,9 +28,13 @@ Json fromValue(const platform::Value& value) {
 }
 
 Json fromDictionary(const platform::Dictionary& dictionary) {
-  Json object = Json::object();
-  for (const auto& [key, value] : dictionary) object[key] = fromValue(value);
-  return object;
+  // A key stands once in a dictionary, so none is looked for: that would take a walk over all of them each
+  // time.
+  Json::object_t members;
+  members.reserve(dictionary.size());
+  for (const auto& [key, value] : dictionary)
+    members.Json::object_t::Container::emplace_back(key, fromValue(value));
+  return members;
 }
 
 }  // namespace
