@@ -3,6 +3,8 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <map>
+#include <string_view>
 #include <unordered_map>
 
 #include "kelvane/cpu_runs.h"
@@ -78,6 +80,21 @@ std::vector<BusyThread> busiestOf(const Evidence& evidence, const TimeByThread& 
   return busiest;
 }
 
+Competitors competitorsOf(const Evidence& evidence, const TimeByThread& times) {
+  std::map<std::string_view, Competitors> byName;
+  Competitors most;
+  for (const auto& [tid, ns] : times) {
+    auto name = evidence.recording.threadNames.find(tid);
+    Competitors& group =
+        byName[name == evidence.recording.threadNames.end() ? std::string_view() : name->second];
+    if (group.count++ == 0 || ns > times.at(group.busiest.tid)) group.busiest.tid = tid;
+    group.runningNs += ns;
+    if (group.runningNs > most.runningNs) most = group;
+  }
+  if (most.count > 0) most.busiest = namedThread(evidence, most.busiest.tid);
+  return most;
+}
+
 /// Who else had CPUs: in all, and while the hung thread was ready to run on them.
 void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
   std::vector<const StateSpan*> runnable;
@@ -102,8 +119,7 @@ void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Fi
     }
   });
   findings.busiest = busiestOf(evidence, running, kMaxListed);
-  auto first = busiestOf(evidence, competing, 1);
-  if (!first.empty()) findings.competitor = first.front();
+  findings.competitors = competitorsOf(evidence, competing);
 }
 
 void addDisk(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {

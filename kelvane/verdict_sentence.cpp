@@ -158,9 +158,14 @@ class Sentence {
                        durationText(isWhole() ? verdict_.windowNs : findings_.knownNs);
     if (findings_.idleRunnableNs > findings_.in(ThreadState::runnable) / 2)
       return text + ", but was held back although its CPU was idle (a CPU limit of its group, perhaps)";
-    if (findings_.competitor.runningNs == 0) return text + ", but got no CPU";
-    return text + ", but the CPU ran " + threadText(findings_.competitor.thread) + " (" +
-           durationText(findings_.competitor.runningNs) + " of that) and others";
+    const Competitors& others = findings_.competitors;
+    if (others.count == 0) return text + ", but got no CPU";
+    text += ", but the CPU ran ";
+    if (others.runningNs < findings_.in(ThreadState::runnable) / 2) text += "others, most of all ";
+    if (others.count == 1) return text + threadText(others.busiest);
+    return text + std::to_string(others.count) + " threads named '" + others.busiest.name +
+           "', such as pid " +
+           std::to_string(others.busiest.pid == 0 ? others.busiest.tid : others.busiest.pid);
   }
 
   /// A process that runs at the moment of the look, since there is no record of the time before it.
