@@ -18,6 +18,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/linux/root_path.h"
+
 namespace quorveld::linux_platform {
 
 namespace {
@@ -272,15 +274,19 @@ void LogSink::emitToStderr(const LogRecord& record) {
   writeAll(STDERR_FILENO, line.view());
 }
 
-TraceMarker::TraceMarker(LogSink& sink) {
+TraceMarker::TraceMarker(LogSink& sink) : recorderPath_(rooted("/run/kelvane/instance/trace_marker")) {
   for (const char* path : {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"}) {
-    file_.reset(open(path, O_WRONLY | O_CLOEXEC));
-    if (file_) return;
+    everybodys_.reset(open(path, O_WRONLY | O_CLOEXEC));
+    if (everybodys_) return;
   }
   LineBuffer text;
   text.append("Signposts are not in the kernel's trace, only in the log: trace_marker can't be opened: ");
   text.append(strerrordesc_np(errno));
   sink.write({LogLevel::info, kDaemonSubsystem, "", text.view()});
+}
+
+bool TraceMarker::enabled() const {
+  return everybodys_ || access(recorderPath_.c_str(), W_OK) == 0;
 }
 
 void TraceMarker::mark(char phase, std::string_view name, uint64_t id) {
@@ -292,7 +298,8 @@ void TraceMarker::mark(char phase, std::string_view name, uint64_t id) {
   line.append(name);
   line.append("|");
   line.appendNumber(id);
-  writeAll(file_.get(), line.view());
+  const UniqueFd recorders(open(recorderPath_.c_str(), O_WRONLY | O_CLOEXEC));
+  writeAll(recorders ? recorders.get() : everybodys_.get(), line.view());
 }
 
 }  // namespace quorveld::linux_platform

@@ -80,18 +80,21 @@ class LogSink {
   std::array<LineBudget, 3> budgets_;
 };
 
-/// Asynchronous begin and end marks in the kernel's trace, in the text that trace viewers draw as intervals.
+/// Asynchronous begin and end marks in the kernel's trace, in the text that trace viewers draw as intervals:
+/// in the flight recorder's part of it while it runs, else in everybody's.
 class TraceMarker {
  public:
   /// Opens tracefs's trace_marker, where it may; what is missing is said at debug level.
   explicit TraceMarker(LogSink& sink);
 
-  bool enabled() const { return static_cast<bool>(file_); }
+  bool enabled() const;
   /// `phase` is 'S' at the begin and 'F' at the end; a viewer ties them by `name` and `id`.
   void mark(char phase, std::string_view name, uint64_t id);
 
  private:
-  UniqueFd file_;
+  /// The recorder comes and goes while the daemon runs, so this is opened for each mark.
+  std::string recorderPath_;
+  UniqueFd everybodys_;
 };
 
 }  // namespace quorveld::linux_platform

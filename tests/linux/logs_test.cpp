@@ -19,6 +19,7 @@
 
 #include "platform/linux/log_sink.h"
 #include "platform/linux/unique_fd.h"
+#include "tests/linux/scratch_root.h"
 
 namespace {
 std::atomic<long> allocations{0};
@@ -120,6 +121,21 @@ TEST(Logs, EnvironmentChoosesWhatIsShown) {
     EXPECT_EQ(lines.size(), each.lines) << each.value;
   }
   unsetenv("QUORVELD_LOG");
+}
+
+TEST(Logs, SignpostsMarkTheFlightRecordersTraceWhileItRuns) {
+  const ScratchRoot root;
+  const CapturedStderr captured;
+  LinuxLogs logs;
+  platform::LogHandle& launches = logs.handle("com.corvix.quorvel", "a|b");
+  const std::string marker = "run/kelvane/instance/trace_marker";
+  root.write(marker, "");
+  EXPECT_TRUE(launches.signpostsEnabled());
+  launches.signpostIntervalBegin(42, "appLaunch");
+  EXPECT_EQ(root.read(marker), "S|" + std::to_string(getpid()) + "|a_b|42");
+  std::filesystem::remove(root / marker);
+  launches.signpostIntervalEnd(42, "appLaunch");  // the recorder has stopped: to everybody's trace, if at all
+  EXPECT_FALSE(root.exists(marker));
 }
 
 TEST(Logs, OrdinaryLineTakesNothingFromTheHeap) {
