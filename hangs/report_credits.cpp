@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "base/log.h"
 #include "hangs/class_side.h"
@@ -22,6 +23,11 @@ int64_t usedToday(const DailyAllowance& allowance) {
 /// Keeps what was used today, so that the credits left may become negative.
 int32_t creditsUnderNewMaximum(const DailyAllowance& allowance, int32_t maximum) {
   return static_cast<int32_t>(maximum - usedToday(allowance));
+}
+
+/// Returns the credits before. They may be the smallest number, from a limit set since they were checked.
+int32_t takeOne(DailyAllowance& allowance) {
+  return std::exchange(allowance.credits, static_cast<int32_t>(int64_t{allowance.credits} - 1));
 }
 
 }  // namespace
@@ -80,12 +86,11 @@ bool QVProcessInfo::checkDailyCreditForDuration(double durationMs) {
 void QVProcessInfo::deductDailyCreditForDuration(double durationMs) {
   ClassSide& state = classSide();
   if (isLongHang(durationMs)) {
-    --state.longLogs.credits;
-    quorvelLog().info("Daily Long Log credits: %i -> %i", state.longLogs.credits + 1, state.longLogs.credits);
+    const int32_t before = takeOne(state.longLogs);
+    quorvelLog().info("Daily Long Log credits: %i -> %i", before, state.longLogs.credits);
   } else {
-    --state.shortLogs.credits;
-    quorvelLog().info("Daily Short Log credits: %i -> %i", state.shortLogs.credits + 1,
-                      state.shortLogs.credits);
+    const int32_t before = takeOne(state.shortLogs);
+    quorvelLog().info("Daily Short Log credits: %i -> %i", before, state.shortLogs.credits);
   }
 }
 
