@@ -231,6 +231,8 @@ std::unique_ptr<ProcessSource> openBpfSource(BpfPass pass, std::string& why) {
   }
   auto source = std::make_unique<BpfSource>(pass);
   why = source->load();
+  // A kernel may take the program and then not run it.
+  if (why.empty() && source->read({}).empty()) why = std::string(source->name()) + ": the first pass failed";
   if (why.empty()) return source;
   return nullptr;
 }

@@ -33,13 +33,13 @@ uint32_t largestLogBytes = 0;
 extern "C" long syscall(long number, ...) noexcept {
   using Syscall = long (*)(long, ...);
   static const auto real = reinterpret_cast<Syscall>(dlsym(RTLD_NEXT, "syscall"));
-  std::array<long, 6> arguments{};
+  std::array<void*, 6> arguments{};
   va_list list;
   va_start(list, number);
-  for (long& argument : arguments) argument = va_arg(list, long);
+  for (void*& argument : arguments) argument = va_arg(list, void*);
   va_end(list);
-  if (number == SYS_bpf && arguments[0] == BPF_PROG_LOAD) {
-    const auto* load = reinterpret_cast<const bpf_attr*>(arguments[1]);
+  if (number == SYS_bpf && reinterpret_cast<uintptr_t>(arguments[0]) == BPF_PROG_LOAD) {
+    const auto* load = static_cast<const bpf_attr*>(arguments[1]);
     if (load->insn_cnt > kRealProgramInstructions) {
       ++programLoads;
       largestLogBytes = std::max(largestLogBytes, load->log_size);
