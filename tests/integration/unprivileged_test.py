@@ -20,7 +20,6 @@ HIDDEN = "Process table: /proc hides the processes of others (hidepid), snapshot
 class Unprivileged(ScratchTest):
     def unprivileged_daemon(self, prefix=()):
         daemon = self.daemon(start=False)
-        daemon.write_preferences(**LOGGING)
         if os.getuid() == 0:
             # Where the build is, nobody else may be allowed to look.
             daemon.executable = shutil.copy(scratch.DAEMON, daemon.root / "quorveld")
@@ -33,10 +32,14 @@ class Unprivileged(ScratchTest):
 
     def looks(self, daemon):
         """Two activations, with the preferences read anew in between; the processes that they tell of."""
+        self.assertNotIn("Process table:", daemon.log())
+        daemon.write_preferences(**LOGGING)
+        daemon.post("com.corvix.quorvel.pref_changed")
+        daemon.wait_for("Process table: read through")  # ahead of any launch
         peer = self.peer(daemon)
         first = activation(daemon, peer, 42, "com.example.viewer")
         daemon.post("com.corvix.quorvel.pref_changed")
-        daemon.wait_for("Activation Logging preferences changed!")
+        daemon.wait_for("App Activation Logging Enabled", count=2)
         busy = Busy(b"quorvel-busy")
         self.addCleanup(busy.close)
         second = activation(daemon, peer, 43, "com.example.mail")
