@@ -6,13 +6,15 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "tools/json_access.h"
+#include "tools/report_json.h"
 
 namespace quorvelctl {
 namespace {
 
 constexpr double kTicksPerMs = 24'000;
-constexpr size_t kMaxFrames = 4096;
+// Beyond what a report has; its threads may share their frames, so that a small one could have very many.
+constexpr size_t kMaxFrames = 512;
+constexpr size_t kMaxThreads = 2048;
 
 ReportHeader headerOf(const Json& metadata) {
   ReportHeader header;
@@ -79,6 +81,7 @@ ReportThread threadOf(const Json& json) {
 std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
   std::vector<ReportThread> threads;
   for (const Json& entry : member(report, "threads")) {
+    if (threads.size() == kMaxThreads) break;
     ReportThread thread = threadOf(entry);
     const auto frame = trace.innermostFrames.find(thread.tid);
     if (frame != trace.innermostFrames.end())
@@ -89,17 +92,6 @@ std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
       std::find_if(threads.begin(), threads.end(), [](const ReportThread& thread) { return thread.hung; });
   if (hung != threads.end()) std::rotate(threads.begin(), hung, hung + 1);
   return threads;
-}
-
-/// The report's JSON but for its events, of which there may be hundreds of thousands: they go to `trace`.
-Json parseWithoutEvents(std::string_view bytes, TraceReader& trace) {
-  bool inEvents = false;
-  return Json::parse(bytes, [&](int depth, Json::parse_event_t what, Json& parsed) {
-    if (depth == 1 && what == Json::parse_event_t::key) inEvents = parsed == "traceEvents";
-    if (!inEvents || depth != 2 || what != Json::parse_event_t::object_end) return true;
-    trace.take(parsed);
-    return false;
-  });
 }
 
 }  // namespace
@@ -148,30 +140,27 @@ std::optional<ReportHeader> parseReportHeader(std::string_view bytes, std::strin
 }
 
 std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
-  try {
-    TraceReader trace;
-    const Json json = parseWithoutEvents(bytes, trace);
-    const Json& metadata = member(json, "metadata");
-    if (!metadata.is_object()) {
-      error = "it has no metadata";
-      return std::nullopt;
-    }
-    Report report;
-    report.header = headerOf(metadata);
-    report.madeAt = textMember(member(metadata, "capture"), "time");
-    report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
-    report.host = hostOf(member(metadata, "host"));
-    report.verdict = verdictOf(member(metadata, "verdict"));
-    for (const Json& omission : member(metadata, "leftOut")) {
-      report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
-    }
-    report.trace = trace.finish();
-    report.threads = threadsOf(json, report.trace);
-    return report;
-  } catch (const Json::exception& problem) {
-    error = problem.what();
+  TraceReader trace;
+  const auto json = parseReportJson(
+      bytes, [&](const Json& event) { trace.take(event); }, error);
+  if (!json) return std::nullopt;
+  const Json& metadata = member(*json, "metadata");
+  if (!metadata.is_object()) {
+    error = "it has no metadata";
     return std::nullopt;
   }
+  Report report;
+  report.header = headerOf(metadata);
+  report.madeAt = textMember(member(metadata, "capture"), "time");
+  report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
+  report.host = hostOf(member(metadata, "host"));
+  report.verdict = verdictOf(member(metadata, "verdict"));
+  for (const Json& omission : member(metadata, "leftOut")) {
+    report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
+  }
+  report.trace = trace.finish();
+  report.threads = threadsOf(*json, report.trace);
+  return report;
 }
 
 }  // namespace quorvelctl

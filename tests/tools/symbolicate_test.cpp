@@ -8,11 +8,9 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
 using quorvelctl::NamedReport;
 using quorvelctl::Symbols;
-using Json = nlohmann::json;
 
 // Of which this program's own symbol table knows the name.
 extern "C" __attribute__((noinline, used)) int quorvelFunctionToName(int x) {
@@ -54,13 +52,15 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) -
                                      reinterpret_cast<uint64_t>(loaded.dli_fbase));
   const std::string other = "00" + own.substr(2) + "77";
-  const auto report = [&](const std::string& module, const std::string& buildId) {
-    Json json = Json::parse(
-        R"({"metadata":{"PID":4,"verdict":{"sentence":"in m+0x1."}},"traceEvents":[{"ph":"X","cat":"user","name":"m+0x1"},
-      {"ph":"X","cat":"cpu","name":"m+0x1"}],"stackFrames":{"1":{"name":"do_futex","category":"kernel"},
-      "2":{"name":"m+0x1","category":"m"},"3":{"name":"0x5","category":""}}})");
-    json["stackFrames"]["2"].update({{"module", module}, {"offset", offset}, {"build_id", buildId}});
-    return json.dump();
+  // As a report has it, and as it has to be once its function is called `name`: members and digits stay as
+  // they are.
+  const auto report = [&](const std::string& module, const std::string& buildId, const std::string& name) {
+    return R"({"metadata":{"PID":4,"verdict":{"sentence":"in )" + name +
+           R"(."}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
+           R"(","cat":"user","ts":1.500,"args":{"name":"m+0x1"}},{"name":"m+0x1","cat":"cpu","dur":1e300},{}],)" +
+           R"("stackFrames":{"9":{"name":"do_futex","category":"kernel"},"2":{"name":")" + name +
+           R"(","category":"m","module":")" + module + R"(","offset":")" + offset + R"(","build_id":")" +
+           buildId + R"("},"3":{"name":"0x5","category":""}},"threads":[true,null,-7,"\n"]})";
   };
   std::string scratch = "/tmp/symbolicate.XXXXXX";
   ASSERT_TRUE(mkdtemp(scratch.data()));
@@ -79,15 +79,9 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
         Case{"/gone/gone.so", other, scratch, false}, Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
     Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir});
     std::string error;
-    const NamedReport result =
-        quorvelctl::nameReport(report(one.module, one.buildId), symbols, error).value_or(NamedReport{});
-    const Json json = Json::parse(result.text);
-    const char* name = one.named ? "quorvelFunctionToName" : "m+0x1";
-    EXPECT_EQ(json["stackFrames"]["2"]["name"], name) << one.module << " " << one.buildId;
-    EXPECT_EQ(json["traceEvents"][0]["name"], name);
-    EXPECT_EQ(json["traceEvents"][1]["name"], "m+0x1");
-    EXPECT_EQ(json["metadata"]["verdict"]["sentence"], std::string("in ") + name + ".");
-    EXPECT_EQ(json["stackFrames"]["1"]["name"], "do_futex");
+    const std::string before = report(one.module, one.buildId, "m+0x1");
+    const NamedReport result = quorvelctl::nameReport(before, symbols, error).value_or(NamedReport{});
+    EXPECT_EQ(result.text, one.named ? report(one.module, one.buildId, "quorvelFunctionToName") : before);
     EXPECT_EQ(result.frames, 2u);
     EXPECT_EQ(result.withoutFile.empty(), one.named);
   }
