@@ -100,6 +100,7 @@ std::string displayText(const ReportHeader& header) {
 }
 
 std::string durationText(double ms) {
+  if (ms > 0 && ms < 1) return fixed(ms, 2) + " ms";
   return ms < 1000 ? fixed(ms, 0) + " ms" : fixed(ms / 1000, 2) + " s";
 }
 

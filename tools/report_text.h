@@ -17,7 +17,7 @@ struct ReportEntry {
   std::string problem;  ///< why the header is missing
 };
 
-/// "7.50 s", or "401 ms" below a second.
+/// "7.50 s", "401 ms" below a second, "0.15 ms" below a millisecond.
 std::string durationText(double ms);
 /// "512 B", "12 KB", "3.4 MB", "1.25 GB".
 std::string sizeText(uint64_t bytes);

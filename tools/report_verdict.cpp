@@ -18,6 +18,7 @@ std::vector<std::pair<std::string, double>> spentOf(const Json& json) {
     const double ms = numberMember(json, (std::string(state) + "Ms").c_str());
     if (ms > 0) spent.emplace_back(state, ms);
   }
+  if (spent.size() == 1 && spent.front().first == "unknown") return {};  // which tells nothing
   std::sort(spent.begin(), spent.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
   return spent;
 }

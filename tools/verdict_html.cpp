@@ -61,6 +61,7 @@ Html spentHtml(const ReportVerdict& verdict) {
   Html bar;
   Html legend;
   for (const auto& [state, ms] : verdict.spent) {
+    if (isNegligible(ms, verdict)) break;
     char part[96];
     std::snprintf(part, sizeof part, "<i class=\"%s\" style=\"flex-grow:%.5f\"></i>", state.c_str(),
                   std::max(ms / total, 0.003));
@@ -77,6 +78,7 @@ Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   if (verdict.waits.empty()) return {};
   Html rows{"<thead><tr><th>For<th>From<th>State<th>Woken by</thead><tbody>\n"};
   for (const ReportVerdict::Wait& wait : verdict.waits) {
+    if (isNegligible(wait.durationMs, verdict)) break;
     Html state = escaped(wait.state);
     if (!wait.waitChannel.empty()) state += escaped(" in ") + element("span", "code", wait.waitChannel);
     rows += row({number(durationText(wait.durationMs)), number(offsetText(wait.atUs, header)),
@@ -89,12 +91,13 @@ Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
 
 Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   if (verdict.busiest.empty()) return {};
-  const double window = verdict.evidence.windowMs;
+  const double covered = verdict.evidence.coveredMs;
   Html rows{"<thead><tr><th>Thread<th>Ran<th colspan=2>Of a CPU</thead><tbody>\n"};
   for (const ReportVerdict::Busy& busy : verdict.busiest) {
+    if (isNegligible(busy.runningMs, verdict)) break;
     rows +=
         row({cell(threadText(busy.thread, header)), number(durationText(busy.runningMs)),
-             number(shareText(busy.runningMs, window)), element("td", "", meter(busy.runningMs, window))});
+             number(shareText(busy.runningMs, covered)), element("td", "", meter(busy.runningMs, covered))});
   }
   return element("section", "",
                  element("h3", "", "Busiest other threads") +
@@ -107,7 +110,7 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
     facts += element("div", "", element("dt", "", what) + element("dd", "", value));
   };
   if (verdict.lock) add("Lock", "held by " + threadText(*verdict.lock, header));
-  if (verdict.peer) add("Peer", peerText(*verdict.peer));
+  if (verdict.peer) add("Peer", peerText(*verdict.peer, header));
   if (verdict.disk) add("Disk", diskText(*verdict.disk));
   for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
     add(pressure.resource == "cpu"  ? "CPU pressure"

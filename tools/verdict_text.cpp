@@ -10,6 +10,8 @@ namespace quorvelctl {
 namespace {
 
 constexpr double kTicksPerUs = 24;
+/// Of each list: who wants them all has the page, and the report.
+constexpr size_t kMaxRows = 5;
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -23,8 +25,9 @@ std::string indented(const std::string& lines) {
   return text;
 }
 
+/// The first row is a heading; nothing when there is no other.
 std::string section(const std::string& heading, const Rows& rows) {
-  return "\n" + heading + "\n" + indented(table(rows));
+  return rows.size() < 2 ? "" : "\n" + heading + "\n" + indented(table(rows));
 }
 
 std::string spentText(const ReportVerdict& verdict) {
@@ -32,8 +35,9 @@ std::string spentText(const ReportVerdict& verdict) {
   if (verdict.spent.empty()) return {};
   double total = 0;
   for (const auto& [state, ms] : verdict.spent) total += ms;
-  Rows rows;
+  Rows rows{{"STATE", "FOR", "SHARE", ""}};
   for (const auto& [state, ms] : verdict.spent) {
+    if (isNegligible(ms, verdict)) break;
     const auto bar = static_cast<size_t>(std::lround(ms / total * kBarWidth));
     rows.push_back({state, durationText(ms), shareText(ms, total), std::string(bar, '#')});
   }
@@ -41,9 +45,9 @@ std::string spentText(const ReportVerdict& verdict) {
 }
 
 std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) {
-  if (verdict.waits.empty()) return {};
   Rows rows{{"FOR", "FROM", "STATE", "IN", "WOKEN BY"}};
   for (const ReportVerdict::Wait& wait : verdict.waits) {
+    if (rows.size() > kMaxRows || isNegligible(wait.durationMs, verdict)) break;
     rows.push_back({durationText(wait.durationMs), offsetText(wait.atUs, header), printable(wait.state),
                     wait.waitChannel.empty() ? "-" : printable(wait.waitChannel),
                     wait.wokenBy ? printable(threadText(*wait.wokenBy, header)) : "-"});
@@ -52,10 +56,10 @@ std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) 
 }
 
 std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header) {
-  if (verdict.busiest.empty()) return {};
   Rows rows{{"RAN", "OF A CPU", "THREAD"}};
   for (const ReportVerdict::Busy& busy : verdict.busiest) {
-    rows.push_back({durationText(busy.runningMs), shareText(busy.runningMs, verdict.evidence.windowMs),
+    if (rows.size() > kMaxRows || isNegligible(busy.runningMs, verdict)) break;
+    rows.push_back({durationText(busy.runningMs), shareText(busy.runningMs, verdict.evidence.coveredMs),
                     printable(threadText(busy.thread, header))});
   }
   return section("Busiest other threads", rows);
@@ -67,7 +71,7 @@ std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) 
     rows.push_back({what, printable(value)});
   };
   if (verdict.lock) add("lock", "held by " + threadText(*verdict.lock, header));
-  if (verdict.peer) add("peer", peerText(*verdict.peer));
+  if (verdict.peer) add("peer", peerText(*verdict.peer, header));
   if (verdict.disk) add("disk", diskText(*verdict.disk));
   for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
     add(pressure.resource + " pressure", pressureText(pressure));
@@ -84,7 +88,13 @@ std::string percentText(double percent) {
 
 }  // namespace
 
+bool isNegligible(double ms, const ReportVerdict& verdict) {
+  constexpr double kShare = 0.0005;  // which is told as 0.0 %
+  return ms < verdict.evidence.windowMs * kShare;
+}
+
 std::string threadText(const VerdictThread& thread, const ReportHeader& header) {
+  if (thread.tid == 0) return thread.name;  // an interrupt
   std::string text = thread.name + " (" + std::to_string(thread.tid) + ")";
   if (thread.pid == 0 && thread.process.empty()) return text;
   if (thread.pid != 0 && thread.pid == header.pid) return text + " of the same process";
@@ -92,9 +102,10 @@ std::string threadText(const VerdictThread& thread, const ReportHeader& header) 
   return text + " of " + thread.process + (thread.pid == 0 ? "" : " (" + std::to_string(thread.pid) + ")");
 }
 
-std::string peerText(const ReportVerdict::Peer& peer) {
-  const std::string text = peer.process + " (" + std::to_string(peer.pid) + ")";
-  return peer.through.empty() ? text : text + " through " + peer.through;
+std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header) {
+  const std::string text = peer.pid == header.pid ? "another thread of the same process"
+                                                  : peer.process + " (" + std::to_string(peer.pid) + ")";
+  return peer.through.empty() ? text : text + ", through a " + peer.through;
 }
 
 std::string diskText(const ReportVerdict::Disk& disk) {
@@ -110,8 +121,7 @@ std::string pressureText(const ReportVerdict::Pressure& pressure) {
 }
 
 std::string evidenceText(const ReportVerdict::Evidence& evidence) {
-  if (evidence.source != "recorder")
-    return "one look at the process, no recorder: what came before is not known";
+  if (evidence.source != "recorder") return "one look at the process: nothing of the hang is recorded";
   const std::string text = "recorder: " + durationText(evidence.coveredMs) + " of " +
                            durationText(evidence.windowMs) + " covered (" +
                            shareText(evidence.coveredMs, evidence.windowMs) + ")";

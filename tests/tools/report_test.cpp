@@ -52,8 +52,9 @@ TEST(ReportFile, ItsVerdictComesFirst) {
 "evidence":{"source":"recorder","windowMs":8500.0,"coveredMs":6375,"eventsLost":12},
 "spent":{"runningMs":170,"sleepingMs":8330.4,"stoppedMs":0},
 "waits":[{"ts":1000500,"durationMs":8000,"state":"sleeping","waitChannel":"futex_do_wait",
-"wokenBy":{"tid":42,"name":"worker","pid":41,"process":"viewer"}},{"ts":999000,"durationMs":1,"state":"sleeping"}],
-"lock":{"ownerTid":42,"ownerName":"worker"},"peer":{"pid":55,"process":"bus","through":"a Unix socket"},
+"wokenBy":{"tid":42,"name":"worker","pid":41,"process":"viewer"}},{"ts":999000,"durationMs":10,"state":"sleeping"},
+{"durationMs":1}],
+"lock":{"ownerTid":42,"ownerName":"worker"},"peer":{"pid":55,"process":"bus","through":"Unix socket"},
 "busiest":[{"tid":9,"name":"hog","pid":8,"process":"hogs","runningMs":4250}],
 "disk":{"requests":3,"readBytes":4096,"writtenBytes":-1,"busyMs":20,"slowestMs":9},
 "pressure":{"io":{"some10":12.34,"full10":3}}},)");
@@ -64,17 +65,18 @@ TEST(ReportFile, ItsVerdictComesFirst) {
             "hang MainThread: viewer (pid 41), 8.50 s\n\n"
             "It waited for ?worker.\n\n"
             "How the hung thread spent the time\n"
+            "  STATE     FOR     SHARE   \n"
             "  sleeping  8.33 s  98.0 %  #############################\n"
             "  running   170 ms  2.0 %   #\n\n"
             "Its longest waits\n"
-            "  FOR     FROM   STATE     IN             WOKEN BY\n"
-            "  8.00 s  +0 ms  sleeping  futex_do_wait  worker (42) of the same process\n"
-            "  1 ms    -1 ms  sleeping  -              -\n\n"
+            "  FOR     FROM      STATE     IN             WOKEN BY\n"
+            "  8.00 s  +0.50 ms  sleeping  futex_do_wait  worker (42) of the same process\n"
+            "  10 ms   -1 ms     sleeping  -              -\n\n"
             "Busiest other threads\n"
             "  RAN     OF A CPU  THREAD\n"
-            "  4.25 s  50.0 %    hog (9) of hogs (8)\n\n"
+            "  4.25 s  66.7 %    hog (9) of hogs (8)\n\n"
             "  lock         held by worker (42)\n"
-            "  peer         bus (55) through a Unix socket\n"
+            "  peer         bus (55), through a Unix socket\n"
             "  disk         3 requests, 4 KB read, 0 B written; busy for 20 ms, the slowest took 9 ms\n"
             "  io pressure  some tasks waited 12.3 % of the last 10 s, all 3.0 %\n"
             "  evidence     recorder: 6.38 s of 8.50 s covered (75.0 %), 12 events lost\n\n");
