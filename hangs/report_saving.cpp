@@ -88,6 +88,8 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
+  // Reports are written one at a time: what is there is left from a daemon that was killed meanwhile.
+  files.removeFiles(kTemporaryDirectory, "");
   std::error_code error;
   auto file = files.createProtected(tempPath, error);
   if (!file) {

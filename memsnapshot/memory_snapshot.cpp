@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 
@@ -64,7 +65,11 @@ const ReportOrigin& reportOrigin() {
 std::string reportText(const std::string& date) {
   const ReportOrigin& origin = reportOrigin();
   std::string report;
-  report.reserve(kInitialCapacity);
+  try {
+    report.reserve(kInitialCapacity);
+  } catch (const std::bad_alloc&) {
+    // A system that promises no more memory than it has: the text grows as it needs to.
+  }
   report += origin.firstHeaderLine;
   report += "{\n\"Model\" : \"" + origin.machine + "\",\n\"Timestamp\" : \"" + date +
             "\",\n\"OSVersion\" : \"" + origin.osVersion + "\"\n}\n";
@@ -80,10 +85,12 @@ std::string reportText(const std::string& date) {
 void take_memory_snapshot() {
   platform::Files& files = platform::current().files;
   const std::string date = reportDate(platform::current().clock.wallTime());
-  const std::string name = "memory-snapshot-" + date + ".ips";
+  const std::string name = kMemoryReportPrefix + date + ".ips";
   const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 
+  // Left from a daemon that was killed while it wrote one.
+  files.removeFiles(kCacheDirectory, kMemoryReportPrefix);
   std::error_code error;
   auto file = files.createProtected(workingPath, error);
   if (!file) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <utility>
 
 #include "platform/linux/file_bytes.h"
@@ -109,6 +110,16 @@ std::error_code LinuxFiles::makeDirectory(const std::string& path, unsigned mode
 
 std::error_code LinuxFiles::remove(const std::string& path) {
   return resultOf(::unlink(rooted(path).c_str()));
+}
+
+void LinuxFiles::removeFiles(const std::string& directory, std::string_view prefix) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(rooted(directory), error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code unreadable;
+    if (!entry->path().filename().native().starts_with(prefix)) continue;
+    if (std::filesystem::is_regular_file(entry->symlink_status(unreadable))) ::unlink(entry->path().c_str());
+  }
 }
 
 std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& path, std::error_code& error) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <span>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "platform/linux/linux_log.h"
@@ -90,10 +91,14 @@ LinuxProcessTables::~LinuxProcessTables() {
 void LinuxProcessTables::prepare() {
   const std::unique_lock lock(mutex_, std::try_to_lock);
   if (!lock || source_ || preparation_.joinable()) return;  // under way, or done
-  preparation_ = std::thread([this] {
-    const std::lock_guard alone(mutex_);
-    if (!source_) (void)read();
-  });
+  try {
+    preparation_ = std::thread([this] {
+      const std::lock_guard alone(mutex_);
+      if (!source_) (void)read();
+    });
+  } catch (const std::system_error&) {
+    // No thread to be had: the first look prepares, and takes longer.
+  }
 }
 
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {

@@ -24,6 +24,7 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
   World world;
   const App viewer = world.startApp("viewer");
   world.logs.clear();
+  world.files.putFile(kTmp + "half.kelvane", "left by a daemon that was killed");
   const size_t before = world.files.history().size();
   viewer.reportHang(7500ms, Save::yes);
 
@@ -33,7 +34,8 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
   EXPECT_EQ(world.files.mode(kSpool + name), 0644u);
   EXPECT_EQ(
       std::vector(world.files.history().begin() + static_cast<long>(before), world.files.history().end()),
-      (std::vector<std::string>{"create " + kTmp + name, "move " + kTmp + name + " " + kSpool + name}));
+      (std::vector<std::string>{"remove " + kTmp + "half.kelvane", "create " + kTmp + name,
+                                "move " + kTmp + name + " " + kSpool + name}));
   EXPECT_EQ(world.files.openFiles(), 0);
 
   ASSERT_EQ(world.traceLibraries.requests.size(), 1u);

@@ -105,8 +105,10 @@ TEST(MemorySnapshot, IsWholeOrNotThere) {
                                std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
               c.said)
         << static_cast<int>(c.op);
-    // One refusal spoils one report.
+    // One refusal spoils one report, and so does a kill.
+    machine.files.putFile(std::string(kWorkingFile) + "~", "left by a daemon that was killed");
     take_memory_snapshot();
+    EXPECT_EQ(machine.files.list("/var/root/Library/Caches/quorveld").size(), 0u);
     EXPECT_TRUE(machine.files.content(kReport).has_value()) << static_cast<int>(c.op);
   }
 

@@ -132,6 +132,13 @@ std::error_code SimFiles::remove(const std::string& given) {
   return {};
 }
 
+void SimFiles::removeFiles(const std::string& directory, std::string_view prefix) {
+  for (const std::string& name : list(directory)) {
+    const std::string path = directory + "/" + name;
+    if (name.starts_with(prefix) && content(path)) static_cast<void>(remove(path));
+  }
+}
+
 std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& given, std::error_code& error) {
   const std::string path = plain(given);
   error = faults_.take(Op::createFile);
