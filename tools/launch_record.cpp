@@ -2,18 +2,20 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "tools/activation.h"
-#include "tools/files.h"
 #include "tools/preference_file.h"
 #include "tools/preference_keys.h"
 
 namespace quorvelctl {
 namespace {
 
-constexpr auto kLookEvery = std::chrono::milliseconds(2);
+constexpr auto kLookEvery = std::chrono::microseconds(500);
 
 /// What the boolean preference `key` is set to, under the name `storedAs`, in the list at `path`.
 std::optional<bool> stored(const std::string& path, const std::string& key, const std::string& storedAs) {
@@ -60,11 +62,10 @@ bool LaunchRecord::isThere(int32_t pid, uint64_t startMs) const {
   if (stat(path_.c_str(), &status) != 0) return false;
   const uint64_t from = status.st_ino == file_ ? offset_ : 0;
   if (static_cast<uint64_t>(status.st_size) <= from) return false;
-  std::error_code error;
-  const std::optional<std::string> text = readFile(path_, kMaxFileBytes, error);
-  if (!text || text->size() <= from) return false;
+  std::ifstream file(path_);
+  file.seekg(static_cast<std::streamoff>(from));
   ActivationReader reader;
-  reader.read(std::string_view(*text).substr(from));
+  reader.read(std::string(std::istreambuf_iterator<char>(file), {}));
   for (const Activation& activation : reader.activations()) {
     if (activation.isOf(pid, startMs)) return true;
   }
