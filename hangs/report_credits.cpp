@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <utility>
 
 #include "base/log.h"
 #include "hangs/class_side.h"
@@ -20,14 +19,20 @@ int64_t usedToday(const DailyAllowance& allowance) {
   return int64_t{allowance.maximum} - allowance.credits;
 }
 
-/// Keeps what was used today, so that the credits left may become negative.
-int32_t creditsUnderNewMaximum(const DailyAllowance& allowance, int32_t maximum) {
-  return static_cast<int32_t>(maximum - usedToday(allowance));
+/// The credits may be the smallest number already, from a limit set since they were checked. `what` they are
+/// for, as the log names it.
+void takeOne(DailyAllowance& allowance, const char* what) {
+  const int32_t before = allowance.credits;
+  allowance.credits = static_cast<int32_t>(int64_t{before} - 1);
+  quorvelLog().info("Daily %s credits: %i -> %i", what, before, allowance.credits);
 }
 
-/// Returns the credits before. They may be the smallest number, from a limit set since they were checked.
-int32_t takeOne(DailyAllowance& allowance) {
-  return std::exchange(allowance.credits, static_cast<int32_t>(int64_t{allowance.credits} - 1));
+/// Keeps what was used today, so that the credits left may become negative.
+void setMaximum(DailyAllowance& allowance, const char* what, int32_t maximum) {
+  const auto credits = static_cast<int32_t>(maximum - usedToday(allowance));
+  quorvelLog().info("Max Daily %s Limit: %i -> %i", what, allowance.maximum, maximum);
+  quorvelLog().info("Daily %s credits: %i -> %i", what, allowance.credits, credits);
+  allowance = {maximum, credits};
 }
 
 }  // namespace
@@ -86,11 +91,9 @@ bool QVProcessInfo::checkDailyCreditForDuration(double durationMs) {
 void QVProcessInfo::deductDailyCreditForDuration(double durationMs) {
   ClassSide& state = classSide();
   if (isLongHang(durationMs)) {
-    const int32_t before = takeOne(state.longLogs);
-    quorvelLog().info("Daily Long Log credits: %i -> %i", before, state.longLogs.credits);
+    takeOne(state.longLogs, "Long Log");
   } else {
-    const int32_t before = takeOne(state.shortLogs);
-    quorvelLog().info("Daily Short Log credits: %i -> %i", before, state.shortLogs.credits);
+    takeOne(state.shortLogs, "Short Log");
   }
 }
 
@@ -110,29 +113,17 @@ void QVProcessInfo::resetDailyLogCredits() {
 }
 
 void QVProcessInfo::setMaxDailyShortLogs(int32_t maximum) {
-  DailyAllowance& logs = classSide().shortLogs;
-  const int32_t credits = creditsUnderNewMaximum(logs, maximum);
-  quorvelLog().info("Max Daily Short Log Limit: %i -> %i", logs.maximum, maximum);
-  quorvelLog().info("Daily Short Log credits: %i -> %i", logs.credits, credits);
-  logs = {maximum, credits};
+  setMaximum(classSide().shortLogs, "Short Log", maximum);
 }
 
 void QVProcessInfo::setMaxDailyLongLogs(int32_t maximum) {
-  DailyAllowance& logs = classSide().longLogs;
-  const int32_t credits = creditsUnderNewMaximum(logs, maximum);
-  quorvelLog().info("Max Daily Long Log Limit: %i -> %i", logs.maximum, maximum);
-  quorvelLog().info("Daily Long Log credits: %i -> %i", logs.credits, credits);
-  logs = {maximum, credits};
+  setMaximum(classSide().longLogs, "Long Log", maximum);
 }
 
 // --- credits of slow activations ---
 
 void QVProcessInfo::setMaxActivationDailyKelvanes(int32_t maximum) {
-  DailyAllowance& kelvanes = classSide().activationKelvanes;
-  const int32_t credits = creditsUnderNewMaximum(kelvanes, maximum);
-  quorvelLog().info("Max Daily Activation Kelvane Limit: %i -> %i", kelvanes.maximum, maximum);
-  quorvelLog().info("Daily Activation Kelvane credits: %i -> %i", kelvanes.credits, credits);
-  kelvanes = {maximum, credits};
+  setMaximum(classSide().activationKelvanes, "Activation Kelvane", maximum);
 }
 
 void QVProcessInfo::setMaxActivationKelvanesPerApp(int32_t maximum) {
