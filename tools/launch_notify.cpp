@@ -23,7 +23,8 @@ constexpr size_t kMaxAncestors = 4096;
 std::optional<pid_t> parentOf(pid_t pid) {
   std::error_code error;
   const auto stat = readFile("/proc/" + std::to_string(pid) + "/stat", kMaxFileBytes, error);
-  const size_t name = stat ? stat->rfind(") ") : std::string::npos;  // the name may hold a ')' too
+  if (!stat) return std::nullopt;
+  const size_t name = stat->rfind(") ");  // the name may hold a ')' too
   if (name == std::string::npos || stat->size() < name + 4) return std::nullopt;
   pid_t parent = 0;
   std::from_chars(stat->data() + name + 4, stat->data() + stat->size(), parent);
