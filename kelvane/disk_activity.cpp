@@ -11,12 +11,13 @@ using Intervals = std::vector<std::pair<uint64_t, uint64_t>>;
 /// From issue to completion, for each request; those without a completion end with the recording.
 Intervals requestTimes(const Recording& recording) {
   using Key = std::pair<uint32_t, uint64_t>;  // device and first sector
-  std::multimap<Key, uint64_t> underWay;
+  std::map<Key, uint64_t> underWay;
   Intervals times;
   for (const RecordedEvent& event : recording.events) {
     Key key{event.device, event.value};
     if (event.kind == RecordedKind::blockIssue) {
-      underWay.emplace(key, event.atNs);
+      // If one is under way already, its completion was lost.
+      underWay.insert_or_assign(key, event.atNs);
     } else if (event.kind == RecordedKind::blockComplete) {
       auto issued = underWay.find(key);
       if (issued == underWay.end()) continue;

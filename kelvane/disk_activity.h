@@ -19,6 +19,7 @@ struct DiskActivity {
   std::vector<std::pair<uint64_t, uint64_t>> busy;
 };
 
+/// Counts what is recorded of the window: less than there was where the recording doesn't cover it.
 DiskActivity diskActivity(const Recording& recording, uint64_t fromNs, uint64_t toNs);
 
 }  // namespace kelvane

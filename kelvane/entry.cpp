@@ -10,6 +10,7 @@
 #include "kelvane/dump_request.h"
 #include "kelvane/json_writer.h"
 #include "kelvane/limits.h"
+#include "kelvane/missing_switches.h"
 #include "kelvane/process_scan.h"
 #include "kelvane/report.h"
 #include "kelvane/report_file.h"
@@ -25,7 +26,9 @@ Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
   uint64_t startNs = nsOfTicks(hang.start);
   uint64_t fromNs = std::min(startNs - std::min(startNs, kContextNs), lookNs);
   uint64_t toNs = std::clamp(nsOfTicks(hang.end) + kContextNs, fromNs, lookNs);
-  return readRecording(fromNs, toNs, Deadline(kRecordingBudget));
+  Recording recording = readRecording(fromNs, toNs, Deadline(kRecordingBudget));
+  addMissingSwitches(recording);
+  return recording;
 }
 
 /// Nothing for a hang that is yet to come.

@@ -123,7 +123,8 @@ void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Fi
 }
 
 void addDisk(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
-  findings.disk = diskActivity(evidence.recording, evidence.fromNs, evidence.toNs);
+  uint64_t coveredFromNs = std::max(evidence.fromNs, evidence.recording.coveredFromNs);
+  findings.disk = diskActivity(evidence.recording, std::min(coveredFromNs, evidence.toNs), evidence.toNs);
   auto busy = findings.disk.busy.begin();
   for (const StateSpan& span : spans) {
     if (span.state != ThreadState::uninterruptible) continue;

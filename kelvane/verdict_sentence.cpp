@@ -53,10 +53,11 @@ std::string doingText(const ThreadFacts& facts) {
   return facts.waitChannel.empty() ? text : text + " in " + facts.waitChannel;
 }
 
-/// The function that the thread was in: the innermost one that is not the C library's or the kernel's, since
-/// those are where it waits or reads the clock.
+/// The function that the thread was in: the innermost one that is not of a language's own libraries, where
+/// programs wait and read the clock.
 std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
-  constexpr std::array<std::string_view, 4> kPlumbing = {"[vdso]", "libc.so", "ld-linux", "libpthread"};
+  constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
+                                                         "libpthread", "libstdc++.so", "libc++.so"};
   auto isPlumbing = [&](const Frame& frame) {
     if (frame.module < 0) return false;
     std::string module = fileName(process.modules[static_cast<size_t>(frame.module)].path);

@@ -10,7 +10,9 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -59,19 +61,18 @@ using std::chrono::nanoseconds;
   close(ends[0]);
 }
 
-/// Writes to a file without a name, and through to the disk each time.
+/// Reads a file without a name in large pieces, past the page cache: it is the disk that takes the time.
 [[gnu::noinline]] void blockOnDisk(nanoseconds duration) {
-  constexpr size_t kPieceBytes = size_t{1} << 20;
-  constexpr off_t kPieces = 16;
+  constexpr size_t kPieceBytes = size_t{16} << 20;
+  constexpr size_t kAlignment = 4096;
   const char* folder = std::getenv("TMPDIR");
-  const int fd = open(folder ? folder : "/var/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-  const std::vector<char> piece(kPieceBytes, 'q');
+  const int fd = open(folder ? folder : "/var/tmp", O_TMPFILE | O_RDWR | O_DIRECT | O_CLOEXEC, 0600);
+  const std::unique_ptr<void, void (*)(void*)> piece(std::aligned_alloc(kAlignment, kPieceBytes), std::free);
+  std::memset(piece.get(), 'q', kPieceBytes);
   const auto end = std::chrono::steady_clock::now() + duration;
-  for (off_t i = 0; fd >= 0 && std::chrono::steady_clock::now() < end; ++i) {
-    if (pwrite(fd, piece.data(), piece.size(), i % kPieces * off_t{kPieceBytes}) < 0 || fdatasync(fd) < 0)
-      break;
-  }
-  if (std::chrono::steady_clock::now() < end) std::perror("quorvel-sample: writing to the disk");
+  ssize_t done = pwrite(fd, piece.get(), kPieceBytes, 0);
+  while (done > 0 && std::chrono::steady_clock::now() < end) done = pread(fd, piece.get(), kPieceBytes, 0);
+  if (done <= 0) std::perror("quorvel-sample: reading past the page cache");
   if (fd >= 0) close(fd);
 }
 
@@ -113,7 +114,7 @@ constexpr std::array<Way, 6> kWays{{
     {BlockingWay::spin, "spin", "spinning on the CPU", blockSpinning},
     {BlockingWay::lock, "lock", "waiting for a mutex that another thread holds", blockOnMutex},
     {BlockingWay::pipe, "pipe", "reading from a pipe that nobody writes", blockInRead},
-    {BlockingWay::disk, "disk", "writing to the disk", blockOnDisk},
+    {BlockingWay::disk, "disk", "reading from the disk", blockOnDisk},
     {BlockingWay::starve, "starve", "computing on a CPU that others have taken", blockStarving},
 }};
 

@@ -20,7 +20,7 @@ An application with a main loop that quorveld watches. Runs until interrupted, o
 
   --hang SECONDS   block the main loop for so long, one second after the start
   --how WAY        by what: sleep (default), spin, lock (a mutex that another thread holds),
-                   pipe (a read from a pipe that nobody writes), disk (writes, to a file in
+                   pipe (a read from a pipe that nobody writes), disk (reads of a file in
                    $TMPDIR or /var/tmp), starve (work on a CPU that 9 processes named "hog" take)
   --times N        hang N times, a second apart (default 1)
   --report         notice long turns itself and report them, wanting a trace

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include "kelvane/lock_owner.h"
+#include "kelvane/missing_switches.h"
 #include "kelvane/pressure.h"
 
 namespace kelvane {
@@ -37,6 +38,7 @@ class Machine {
   void wakes(uint64_t atMs, int by, int whom) { event(atMs, RecordedKind::wakeup, by, whom); }
   void coveredFrom(uint64_t ms) { recording_.coveredFromNs = ms * kMs; }
   void withoutRecorder() { recording_ = {}; }
+  void addMissing() { addMissingSwitches(recording_); }
   ThreadFacts& look() { return process.threads[0].facts; }
 
   std::vector<StateSpan> timeline() const {
@@ -89,6 +91,21 @@ TEST(ThreadTimeline, FollowsAThreadFromStateToState) {
             "runnable 7000, running 8000, unknown 9000, sleeping 11000, ");
   EXPECT_EQ(machine.timeline()[3].wokenBy, kWorker);
   EXPECT_EQ(machine.timeline()[4].cpu, 1);
+}
+
+TEST(ThreadTimeline, ASwitchFromIdleThatTheKernelKeptBackIsMadeUp) {
+  Machine machine;
+  machine.switches(1'000, kApp, 'S', 0);
+  machine.wakes(2'000, 0, kApp);
+  machine.event(2'001, RecordedKind::blockComplete, 0);
+  machine.switches(5'000, kApp, 'S', 0);
+  machine.addMissing();
+  auto spans = machine.timeline();
+  ASSERT_EQ(spans.size(), 5u);
+  EXPECT_EQ(spans[2].state, ThreadState::runnable);
+  EXPECT_EQ(spans[3].state, ThreadState::running);
+  EXPECT_EQ(spans[3].fromNs, 2'001 * kMs);
+  EXPECT_EQ(spans[3].toNs, 5'000 * kMs);
 }
 
 TEST(ThreadTimeline, AThreadWithoutEventsIsJudgedByTheLook) {

@@ -1,0 +1,75 @@
+"""Four kinds of hangs of a real application, recorded by the real flight recorder: each report says which it was."""
+import json
+import os
+import subprocess
+import unittest
+
+from scratch import ScratchTest
+
+RECORDER = os.environ.get("QV_TEST_RECORDER", "")
+
+
+class Verdicts(ScratchTest):
+    def setUp(self):
+        if not RECORDER:
+            self.skipTest("the flight recorder's control was not built")
+        self.scratch = self.daemon(QuorvelHangTimeoutDuration=1000.0)
+        # Room enough for what else this machine does meanwhile.
+        started = self.recorder("start", "--buffer-kb", "16384")
+        if started.returncode != 0:
+            self.skipTest(f"no flight recorder can run here: {started.stderr.strip()}")
+        self.addCleanup(self.recorder, "stop")
+
+    def recorder(self, *command):
+        return subprocess.run([RECORDER, *command], env=self.scratch.environment(), capture_output=True, text=True,
+                              timeout=60)
+
+    def report_of(self, how):
+        """The report of a hang that was still on when it was made."""
+        sample = self.scratch.sample("--hang", "30", "--how", how)
+        self.addCleanup(sample.communicate)
+        self.addCleanup(sample.kill)
+        if how == "spin":
+            os.setpriority(os.PRIO_PROCESS, sample.pid, -15)  # or else a busy machine starves it
+        self.scratch.wait_for("Moving kelvane to spool", 60)
+        (name,) = self.scratch.reports()
+        report = json.loads((self.scratch.spool / name).read_text())
+        verdict = report["metadata"]["verdict"]
+        print(f"{how}: {verdict['sentence']} {verdict['evidence']}")
+        self.assertEqual(verdict["evidence"]["source"], "recorder", verdict)
+        self.assertGreater(verdict["evidence"]["coveredMs"], 0.9 * verdict["evidence"]["windowMs"], verdict)
+        self.assertAlmostEqual(sum(verdict["spent"].values()), verdict["evidence"]["windowMs"], delta=1)
+        return report, verdict
+
+    def test_a_busy_loop(self):
+        report, verdict = self.report_of("spin")
+        self.assertEqual(verdict["cause"], "own-cpu", verdict)
+        self.assertIn("quorvel-sample", verdict["sentence"])
+        # Besides, what a viewer draws: the CPUs, with this thread on one of them, and the thread's states.
+        pid = report["metadata"]["PID"]
+        drawn = [event for event in report["traceEvents"] if event["ph"] == "X"]
+        self.assertTrue(any(event["cat"] == "cpu" and event["args"]["tid"] == pid for event in drawn))
+        self.assertTrue(any(event["cat"] == "state" and event["tid"] == 4194306 for event in drawn))
+
+    def test_a_lock_that_another_thread_holds(self):
+        report, verdict = self.report_of("lock")
+        self.assertEqual(verdict["cause"], "lock", verdict)
+        self.assertIn(verdict["lock"]["ownerTid"], [thread["tid"] for thread in report["threads"][1:]])
+        self.assertEqual(verdict["waits"][0]["state"], "sleeping")
+
+    def test_the_disk(self):
+        _, verdict = self.report_of("disk")
+        if verdict["disk"]["requests"] == 0:
+            self.skipTest("files here are on no block device")
+        self.assertEqual(verdict["cause"], "disk", verdict)
+        self.assertGreater(verdict["disk"]["readBytes"], 1 << 20)
+
+    def test_starved_by_others(self):
+        _, verdict = self.report_of("starve")
+        self.assertEqual(verdict["cause"], "starved", verdict)
+        self.assertIn("'hog'", verdict["sentence"])
+        self.assertIn("hog", [thread.get("process") for thread in verdict["busiest"]])
+
+
+if __name__ == "__main__":
+    unittest.main()
