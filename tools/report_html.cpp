@@ -21,10 +21,14 @@ std::string titleText(const ReportHeader& header) {
 
 Html headerHtml(const Report& report) {
   const ReportHeader& header = report.header;
-  std::string line = header.kind();
-  if (!header.serviceName.empty()) line += " · " + header.serviceName;
-  if (header.pid != 0) line += " · pid " + std::to_string(header.pid);
-  if (!report.madeAt.empty()) line += " · " + report.madeAt;
+  std::string line;
+  const auto add = [&](const std::string& part) {
+    line += (line.empty() || part.empty() ? "" : " · ") + part;
+  };
+  if (header.hasHang()) add(header.kind());
+  add(header.serviceName);
+  if (header.pid != 0) add("pid " + std::to_string(header.pid));
+  add(report.madeAt);
   return element("header", "", element("h1", "", titleText(header)) + element("p", "", line));
 }
 

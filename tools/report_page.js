@@ -113,7 +113,7 @@
   }
 
   function drawSlice(track, color, text, from, to, share) {
-    const x = Math.max(from, left), room = Math.min(to, width) - x;
+    const x = Math.floor(Math.max(from, left)), room = Math.ceil(Math.min(to, width)) - x;
     const height = Math.max(track.height * share, 2);
     draw.fillStyle = colors[color];
     draw.fillRect(x, track.y + track.height - height, room, height);
@@ -121,6 +121,14 @@
     const letters = Math.floor((room - 10) / 6.6);
     draw.fillStyle = kPale.includes(color) ? colors.off : colors.on;
     draw.fillText(text.length > letters ? text.slice(0, letters - 1) + '…' : text, x + 6, track.y + track.height / 2 + .5);
+  }
+
+  function addToColumns(columns, color, from, to, busy) {
+    for (let column = Math.max(Math.floor(from), 0); column <= to; ++column) {
+      const share = to > from ? (Math.min(to, column + 1) - Math.max(from, column)) / (to - from) : 1;
+      if (!columns.has(column)) columns.set(column, {});
+      columns.get(column)[color] = (columns.get(column)[color] || 0) + busy * share;
+    }
   }
 
   // What is too narrow to be told apart: each column is filled to the share of its time in which something ran, and
@@ -151,11 +159,9 @@
         drawSlice(track, color, label[0], from, to, count ? Math.min(busy / duration, 1) : 1);
       } else if (track.kind === 'state') {
         draw.fillStyle = colors[color];
-        draw.fillRect(from, track.y, Math.max(to - from, .7), track.height);
+        draw.fillRect(Math.max(from, left), track.y, Math.max(to - from, .7), track.height);
       } else {
-        const column = Math.floor((Math.max(from, left) - left) / kColumn);
-        if (!columns.has(column)) columns.set(column, {});
-        columns.get(column)[color] = (columns.get(column)[color] || 0) + busy;
+        addToColumns(columns, color, (from - left) / kColumn, (to - left) / kColumn, busy);
       }
     }
     drawColumns(track, columns);

@@ -45,6 +45,14 @@ Html number(std::string_view text) {
   return element("td", "number", text);
 }
 
+/// A list with its heading; nothing of one without rows.
+Html listHtml(const char* heading, const char* columns, const Html& rows) {
+  if (rows.markup.empty()) return {};
+  const Html head = element("thead", "", element("tr", "", Html{columns})) + Html{"\n"};
+  const Html body = element("table", "", head + element("tbody", "", rows));
+  return element("section", "", element("h3", "", heading) + element("div", "scroll", body));
+}
+
 /// A bar behind a number: how much of `whole` it is.
 Html meter(double part, double whole) {
   const double share = whole > 0 ? std::clamp(part / whole, 0.0, 1.0) : 0;
@@ -75,8 +83,7 @@ Html spentHtml(const ReportVerdict& verdict) {
 }
 
 Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
-  if (verdict.waits.empty()) return {};
-  Html rows{"<thead><tr><th>For<th>From<th>State<th>Woken by</thead><tbody>\n"};
+  Html rows;
   for (const ReportVerdict::Wait& wait : verdict.waits) {
     if (isNegligible(wait.durationMs, verdict)) break;
     Html state = escaped(wait.state);
@@ -84,24 +91,19 @@ Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
     rows += row({number(durationText(wait.durationMs)), number(offsetText(wait.atUs, header)),
                  element("td", "", state), cell(wait.wokenBy ? threadText(*wait.wokenBy, header) : "–")});
   }
-  return element("section", "",
-                 element("h3", "", "Its longest waits") +
-                     element("div", "scroll", element("table", "", rows + Html{"</tbody>"})));
+  return listHtml("Its longest waits", "<th>For<th>From<th>State<th>Woken by", rows);
 }
 
 Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
-  if (verdict.busiest.empty()) return {};
   const double covered = verdict.evidence.coveredMs;
-  Html rows{"<thead><tr><th>Thread<th>Ran<th colspan=2>Of a CPU</thead><tbody>\n"};
+  Html rows;
   for (const ReportVerdict::Busy& busy : verdict.busiest) {
     if (isNegligible(busy.runningMs, verdict)) break;
     rows +=
         row({cell(threadText(busy.thread, header)), number(durationText(busy.runningMs)),
              number(shareText(busy.runningMs, covered)), element("td", "", meter(busy.runningMs, covered))});
   }
-  return element("section", "",
-                 element("h3", "", "Busiest other threads") +
-                     element("div", "scroll", element("table", "", rows + Html{"</tbody>"})));
+  return listHtml("Busiest other threads", "<th>Thread<th>Ran<th colspan=2>Of a CPU", rows);
 }
 
 Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -126,7 +128,7 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
 
 Html verdictHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   return element("section", "card verdict",
-                 element("p", "badge", causeText(verdict.cause)) +
+                 (header.hasHang() ? element("p", "badge", causeText(verdict.cause)) : Html{}) +
                      element("p", "sentence", verdict.sentence) + spentHtml(verdict) +
                      element("div", "pair", waitsHtml(verdict, header) + busiestHtml(verdict, header)) +
                      factsHtml(verdict, header));

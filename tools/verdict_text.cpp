@@ -110,8 +110,9 @@ std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header
 
 std::string diskText(const ReportVerdict::Disk& disk) {
   if (disk.requests == 0) return "no requests";
-  return std::to_string(disk.requests) + " requests, " + sizeText(static_cast<uint64_t>(disk.readBytes)) +
-         " read, " + sizeText(static_cast<uint64_t>(disk.writtenBytes)) + " written; busy for " +
+  return std::to_string(disk.requests) + (disk.requests == 1 ? " request, " : " requests, ") +
+         sizeText(static_cast<uint64_t>(disk.readBytes)) + " read, " +
+         sizeText(static_cast<uint64_t>(disk.writtenBytes)) + " written; busy for " +
          durationText(disk.busyMs) + ", the slowest took " + durationText(disk.slowestMs);
 }
 
@@ -121,8 +122,9 @@ std::string pressureText(const ReportVerdict::Pressure& pressure) {
 }
 
 std::string evidenceText(const ReportVerdict::Evidence& evidence) {
-  if (evidence.source != "recorder") return "one look at the process: nothing of the hang is recorded";
-  const std::string text = "recorder: " + durationText(evidence.coveredMs) + " of " +
+  const std::string look = evidence.source == "recorder" ? "" : "one look at the process; ";
+  if (evidence.coveredMs <= 0) return look + "nothing of that time is recorded";
+  const std::string text = look + "recorder: " + durationText(evidence.coveredMs) + " of " +
                            durationText(evidence.windowMs) + " covered (" +
                            shareText(evidence.coveredMs, evidence.windowMs) + ")";
   return text + ", " + (evidence.eventsLost == 0 ? "no" : std::to_string(evidence.eventsLost)) +
