@@ -1,13 +1,10 @@
-#define _POSIX_C_SOURCE 200809L /* strdup */
-
 #include "kelvane/recorder_instance.h"
 
 #include <string.h>
 #include <tracefs/tracefs.h>
 
 bool recorder_mount_tracefs(void) {
-  const char* where = NULL;
-  return tracefs_tracing_dir_is_mounted(true, &where) >= 0;
+  return tracefs_tracing_dir() != NULL;
 }
 
 struct tracefs_instance* recorder_instance_make(const char* name, bool* is_new) {

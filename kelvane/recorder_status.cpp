@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -81,11 +82,9 @@ double RecorderStatus::overheadPercent() const {
 RecorderStatus readRecorderStatus(const Deadline& deadline) {
   RecorderStatus status;
   const uint64_t nowNs = monotonicNs();
-  {
-    std::string error;
-    const auto folder = RecorderFolder::open(deadline, error);
-    const UniqueFd instance = folder ? folder->openInstance() : UniqueFd();
-    if (instance) {
+  std::string error;
+  if (const auto folder = RecorderFolder::open(deadline, error)) {
+    if (const UniqueFd instance = folder->openInstance()) {
       status.running = true;
       status.instance = folder->instancePath();
       status.runningForNs = nowNs - std::min(nowNs, folder->startedNs().value_or(nowNs));
@@ -114,7 +113,7 @@ std::string statusText(const RecorderStatus& status) {
     text += line;
   };
   if (status.running) {
-    const auto rounded = [](double value) { return std::to_string(static_cast<uint64_t>(value + 0.5)); };
+    const auto rounded = [](double value) { return std::to_string(std::llround(value)); };
     add("recording",
         "for " + seconds(static_cast<double>(status.runningForNs) / kNsPerSecond) + " in " + status.instance);
     add("covered", "the last " + seconds(static_cast<double>(status.coveredNs) / kNsPerSecond));

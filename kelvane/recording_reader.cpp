@@ -3,9 +3,9 @@
 #include <iterator>
 #include <string>
 
+#include "kelvane/cpu_history.h"
 #include "kelvane/event_decoder.h"
 #include "kelvane/limits.h"
-#include "kelvane/cpu_history.h"
 #include "kelvane/page_drain.h"
 #include "kelvane/recorder_folder.h"
 #include "kelvane/recording.h"

@@ -28,11 +28,11 @@ std::string_view takeLine(std::string_view& text) {
   return line;
 }
 
-/// "char prev_comm[16]" → "prev_comm".
+/// "char prev_comm[16]" → "prev_comm", "__data_loc char[] cmd" → "cmd".
 std::string_view nameOf(std::string_view declaration) {
-  declaration = declaration.substr(0, declaration.find('['));
   const size_t blank = declaration.find_last_of(" *");
-  return blank == std::string_view::npos ? declaration : declaration.substr(blank + 1);
+  if (blank != std::string_view::npos) declaration.remove_prefix(blank + 1);
+  return declaration.substr(0, declaration.find('['));
 }
 
 }  // namespace
@@ -52,7 +52,6 @@ std::optional<FormatField> parseFormatField(std::string_view text, std::string_v
     if (at == std::string_view::npos) continue;
     line.remove_prefix(at + kField.size());
     const std::string_view declaration = line.substr(0, line.find(';'));
-    // An array without a length is declared as "char buf[]", or with the brackets before the name.
     if (nameOf(declaration) != name) continue;
     const auto offset = numberAfter(line, "offset:");
     const auto size = numberAfter(line, "size:");
