@@ -103,13 +103,15 @@ std::optional<std::string> readReport(Context& context, const std::string& path)
   return text;
 }
 
-/// Puts `bytes` into the file that the user named for the output.
+/// Puts `bytes` into the file that the user named for the output. Links are followed: only a regular file may
+/// be replaced, neither a device nor a link to one.
 void writeOutput(Context& context, const std::string& path, const std::string& bytes) {
   std::error_code error;
+  const auto target = std::filesystem::weakly_canonical(std::filesystem::absolute(path), error);
   const auto status = std::filesystem::status(path, error);
   if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-    context.fail(path + " is no regular file");  // a device would be replaced by a file
-  } else if (const auto failure = replaceFile(std::filesystem::absolute(path), bytes, false)) {
+    context.fail(path + " is no regular file");
+  } else if (const auto failure = replaceFile(target, bytes, false)) {
     context.fail("can't write " + path + ": " + failure.message());
   }
 }

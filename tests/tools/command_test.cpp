@@ -123,6 +123,12 @@ TEST_F(Command, TheSpoolIsListedWithItsBrokenReports) {
   EXPECT_EQ(output_.find("other"), std::string::npos);
   EXPECT_EQ(run("reports show a.kelvane"), 0) << output_;
   EXPECT_EQ(run("reports show b.kelvane"), 1);
+  write("/page.html", "");
+  std::filesystem::create_symlink("page.html", root_ + "/link");
+  EXPECT_EQ(run("reports show a.kelvane --html " + root_ + "/link"), 0) << output_;
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ + "/link"));
+  EXPECT_NE(contents("/page.html").find("viewer hung for 1 ms"), std::string::npos);
+  EXPECT_EQ(run("reports symbolicate a.kelvane -o " + root_), 1) << "a folder";
   EXPECT_EQ(run("reports show c.kelvane"), 1);
 }
 
