@@ -1,0 +1,67 @@
+"""The flight recorder from a shell, and a launch whose marks it holds."""
+import json
+import os
+import subprocess
+import unittest
+
+from scratch import CTL, ScratchTest, until
+
+RECORDER = os.environ.get("QV_TEST_RECORDER", "")
+
+
+class Recorder(ScratchTest):
+    def setUp(self):
+        if not RECORDER:
+            self.skipTest("the flight recorder's control was not built")
+        self.daemon_ = self.daemon(start=False)
+        self.daemon_.write_preferences("com.corvix.quorvel", QuorvelEnableAppActivationLogging=True)
+        environment = {**self.daemon_.environment(), "QUORVELD_INTERNAL_BUILD": "1"}  # others have no signposts
+        self.daemon_.environment = lambda: environment
+        self.addCleanup(self.recorder, "stop")
+
+    def recorder(self, *command):
+        return subprocess.run([RECORDER, *command], env=self.daemon_.environment(), capture_output=True, text=True,
+                              timeout=60)
+
+    def test_a_launch_is_marked_in_a_dump(self):
+        idle = self.recorder("status", "--json")
+        self.assertEqual((idle.returncode, json.loads(idle.stdout)["running"]), (3, False))
+        self.assertEqual(self.recorder("stop").returncode, 0)
+        started = self.recorder("start", "--buffer-kb", "16384")
+        if started.returncode != 0:
+            self.skipTest(f"no flight recorder can run here: {started.stderr.strip()}")
+        self.assertEqual(self.recorder("start").returncode, 0)
+
+        daemon = self.daemon_.start()
+        subprocess.run([CTL, "launch", "com.example.viewer", "--", "true"], env=daemon.environment(), check=True,
+                       capture_output=True, timeout=60)
+        path = daemon.root / "dump"
+
+        def marks():
+            result = self.recorder("dump", "--from", "-600", str(path))
+            self.assertEqual(result.returncode, 0, result.stderr)
+            report = json.loads(path.read_text())
+            return [event["name"] for event in report["traceEvents"] if event.get("cat") == "signpost"]
+        until(lambda: len(marks()) >= 2, 30, "the marks of the launch's begin and end")
+
+        status = json.loads(self.recorder("status", "--json").stdout)
+        self.assertTrue(status["running"])
+        self.assertGreater(status["coveredSeconds"], 0)
+        self.assertGreaterEqual(status["bufferKbPerCpu"], 16384)
+        self.assertEqual(status["eventsLost"], 0)
+        self.assertEqual(self.recorder("stop").returncode, 0)
+        self.assertEqual(self.recorder("status").returncode, 3)
+
+    def test_wrong_usage_and_failures_say_so(self):
+        for wrong in ([], ["record"], ["start", "--buffer-kb", "1"], ["dump"], ["dump", "--from", "soon", "x"]):
+            self.assertEqual(self.recorder(*wrong).returncode, 2, wrong)
+        early = self.recorder("dump", "--from", "-1", "--to", "-2", str(self.daemon_.root / "dump"))
+        self.assertEqual(early.returncode, 1)
+        self.assertIn("--from is later than --to", early.stderr)
+        nowhere = self.recorder("dump", str(self.daemon_.root / "no/such/folder/dump"))
+        self.assertEqual(nowhere.returncode, 1)
+        self.assertIn("No such file or directory", nowhere.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
