@@ -41,6 +41,13 @@ void writeName(JsonWriter& json, const char* what, int64_t pid, int64_t tid, con
   json.endObject();
 }
 
+/// The interval ends a nanosecond early. Viewers add `dur` to `ts` in floating point; a sum that is rounded
+/// up would lie in the next interval, and speedscope takes a whole track of such for one deep stack.
+void writeTimes(JsonWriter& json, uint64_t fromNs, uint64_t toNs) {
+  json.memberMicroseconds("ts", fromNs);
+  json.memberMicroseconds("dur", toNs - fromNs - (toNs > fromNs ? 1 : 0));
+}
+
 void writeInstant(JsonWriter& json, std::string_view name, const char* category, int64_t pid, int64_t tid,
                   uint64_t atNs) {
   beginEvent(json, "i", name, pid, tid);
@@ -110,8 +117,7 @@ void RecorderTracks::writeCpus(JsonWriter& json) const {
     drawn++;
     beginEvent(json, "X", nameOf(run.tid), kCpusTrack, run.cpu);
     json.member("cat", "cpu");
-    json.memberMicroseconds("ts", run.fromNs);
-    json.memberMicroseconds("dur", run.toNs - run.fromNs);
+    writeTimes(json, run.fromNs, run.toNs);
     json.key("args");
     json.beginObject();
     json.member("tid", run.tid);
@@ -129,8 +135,7 @@ void RecorderTracks::writeStates(JsonWriter& json) const {
   for (const StateSpan& span : states_) {
     beginEvent(json, "X", threadStateName(span.state), pid, kStatesTrack);
     json.member("cat", "state");
-    json.memberMicroseconds("ts", span.fromNs);
-    json.memberMicroseconds("dur", span.toNs - span.fromNs);
+    writeTimes(json, span.fromNs, span.toNs);
     json.endObject();
     if (span.wokenBy == StateSpan::kNobody) continue;
     writeInstant(json, "woken by " + nameOf(span.wokenBy), "wakeup", pid, kStatesTrack, span.toNs);
