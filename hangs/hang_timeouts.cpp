@@ -54,26 +54,26 @@ void QVProcessInfo::checkForHangTimeouts(uint64_t nowTicks) {
   const TimeoutCheck check = {nowTicks, state.hangTimeoutDuration,
                               surelyRecent(nowTicks, state.hangTimeoutDuration)};
   for (size_t i = 0; i < processes.size(); ++i) {
-    if (i + 1 < processes.size()) processes[i + 1]->prefetchSlots();
-    processes[i]->checkEventsForTimeouts(check);
+    const size_t next = i + 1 < processes.size() ? i + 1 : i;
+    processes[i]->checkEventsForTimeouts(check, *processes[next]->shared_);
   }
 }
 
-/// Regions go cold in the 5 seconds between scans, and a scan mostly waits for memory: this asks for it in
-/// advance.
-void QVProcessInfo::prefetchSlots() const {
-  for (const hangEvent& slot : shared_->slots) __builtin_prefetch(&slot);
-}
-
-void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check) {
+/// Regions go cold in the 5 seconds between scans, and a scan mostly waits for memory: each step asks in
+/// advance for the same slot of the region that is scanned `next`.
+void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check, const QVSharedHangRegion& next) {
   hangEvent* slots = shared_->slots;
+  const hangEvent* nextSlots = next.slots;
+  const size_t slotsInRegion = slotsInRegion_;
+  const uint64_t recentTicks = check.recentTicks;
   // slotCount is read again at every step: the client may grow or shrink its list meanwhile, and may lie.
-  for (size_t i = 0; i < loadRelaxed(shared_->slotCount) && i < slotsInRegion_; ++i) {
+  for (size_t i = 0; i < loadRelaxed(shared_->slotCount) && i < slotsInRegion; ++i) {
+    __builtin_prefetch(nextSlots + i);
     hangEvent& slot = slots[i];
     // Sequentially consistent: no other field of the slot is read before it.
     if (std::atomic_ref(slot.timeoutExempt).load(std::memory_order_seq_cst) != 0) continue;
     const uint64_t startTicks = loadRelaxed(slot.startTime);
-    if (startTicks >= check.recentTicks || !isTimedOut(startTicks, check.nowTicks, check.timeoutMs)) continue;
+    if (startTicks >= recentTicks || !isTimedOut(startTicks, check.nowTicks, check.timeoutMs)) continue;
 
     TimedOutSlot taken;
     if (!takeTimedOutSlot(slot, startTicks, taken)) continue;

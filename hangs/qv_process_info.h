@@ -137,7 +137,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
     double timeoutMs;
     uint64_t recentTicks;
   };
-  void checkEventsForTimeouts(const TimeoutCheck& check);
+  void checkEventsForTimeouts(const TimeoutCheck& check, const QVSharedHangRegion& next);
 
   /// What the daemon takes from a slot that has timed out.
   struct TimedOutSlot {
@@ -146,7 +146,6 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
     bool wantsKelvane;
     std::string hangName;
   };
-  void prefetchSlots() const;
   static bool takeTimedOutSlot(hangEvent& slot, uint64_t startTicks, TimedOutSlot& taken);
 
   static bool isLongHang(double durationMs);
