@@ -5,10 +5,9 @@
 #include <emmintrin.h>
 #include <sys/mman.h>
 
-#include <atomic>
+#include "bench/allocations.h"
 #include <cstdlib>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include "abi/hang_region.h"
@@ -17,27 +16,6 @@
 #include "platform/platform.h"
 #include "platform/work_queue.h"
 #include "tests/sim/sim_platform.h"
-
-namespace {
-
-std::atomic<size_t> allocations{0};
-
-}  // namespace
-
-// Not inlined: the compiler would see malloc and free through them and take them for a mismatch.
-[[gnu::noinline]] void* operator new(size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* memory = std::malloc(size)) return memory;
-  std::abort();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -118,7 +96,7 @@ template <void (Watched::*kPass)() const, bool kCold>
 void pass(benchmark::State& state) {
   const Watched& all = watched();
   (all.*kPass)();
-  const size_t allocatedBefore = allocations.load();
+  const int64_t allocatedBefore = allocationsSoFar().count;
   size_t passes = 0;
   for (auto _ : state) {
     if (kCold) {
@@ -129,9 +107,10 @@ void pass(benchmark::State& state) {
     (all.*kPass)();
     ++passes;
   }
+  const int64_t allocated = allocationsSoFar().count - allocatedBefore;
   state.counters["slots/s"] =
       benchmark::Counter(static_cast<double>(passes) * kProcesses * kSlots, benchmark::Counter::kIsRate);
-  state.counters["allocations"] = static_cast<double>(allocations.load() - allocatedBefore);
+  state.counters["allocations"] = static_cast<double>(allocated);
 }
 
 BENCHMARK(pass<&Watched::bareLoop, false>)->Name("bare loop, hot")->Unit(benchmark::kMicrosecond);

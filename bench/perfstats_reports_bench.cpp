@@ -2,53 +2,16 @@
 // and the power-logging service throw away what they get.
 #include <benchmark/benchmark.h>
 
+#include "bench/allocations.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <string_view>
 
 #include "perfstats/activation_report.h"
 #include "perfstats/report_state.h"
 #include "platform/log.h"
 #include "tests/sim/sim_platform.h"
-
-namespace {
-
-int64_t allocations = 0;
-int64_t allocatedBytes = 0;
-
-void* counted(size_t bytes) {
-  ++allocations;
-  allocatedBytes += static_cast<int64_t>(bytes);
-  void* memory = std::malloc(bytes);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
-}  // namespace
-
-void* operator new(size_t bytes) {
-  return counted(bytes);
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
-
-// The linker's --wrap chooses these names.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-void* __real_calloc(size_t count, size_t size);
-void* __wrap_calloc(size_t count, size_t size) {
-  ++allocations;
-  allocatedBytes += static_cast<int64_t>(count * size);
-  return __real_calloc(count, size);
-}
-}
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace quorveld {
 namespace {
@@ -130,14 +93,16 @@ void report(benchmark::State& state, void (*output)(const ActivationReport&), Va
                                     .bundleID = "com.example.app",
                                     .appActivationFlags = flags};
   output(activation);  // names every process to the service
-  allocations = allocatedBytes = 0;
+  const Allocations before = allocationsSoFar();
   for (auto _ : state) {
     if (variant.namesAll) resetLargestTrackedPid();
     output(activation);
   }
   using benchmark::Counter;
-  state.counters["allocations"] = Counter(static_cast<double>(allocations), Counter::kAvgIterations);
-  state.counters["bytes"] = Counter(static_cast<double>(allocatedBytes), Counter::kAvgIterations);
+  const Allocations after = allocationsSoFar();
+  state.counters["allocations"] =
+      Counter(static_cast<double>(after.count - before.count), Counter::kAvgIterations);
+  state.counters["bytes"] = Counter(static_cast<double>(after.bytes - before.bytes), Counter::kAvgIterations);
   state.counters["longest_line"] = static_cast<double>(log.largestLine);
 }
 

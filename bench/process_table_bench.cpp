@@ -10,11 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench/allocations.h"
 #include <cstdint>
 #include <cstdlib>
 #include <iterator>
 #include <memory>
-#include <new>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -24,39 +24,6 @@
 #include "perfstats/perf_snapshot.h"
 #include "platform/linux/process_table.h"
 #include "tests/sim/sim_platform.h"
-
-namespace {
-
-int64_t allocations = 0;
-int64_t allocatedBytes = 0;
-
-}  // namespace
-
-void* operator new(size_t bytes) {
-  ++allocations;
-  allocatedBytes += static_cast<int64_t>(bytes);
-  void* memory = std::malloc(bytes);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
-
-// The linker's --wrap chooses these names.
-// NOLINTBEGIN(bugprone-reserved-identifier)
-extern "C" {
-void* __real_calloc(size_t count, size_t size);
-void* __wrap_calloc(size_t count, size_t size) {
-  ++allocations;
-  allocatedBytes += static_cast<int64_t>(count * size);
-  return __real_calloc(count, size);
-}
-}
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
@@ -134,11 +101,13 @@ void takeSnapshots(benchmark::State& state, sim::SimPlatform& world, std::unique
     seen = static_cast<size_t>(snapshot->cpu_stats()->count);
   };
   takeOne();  // sizes the arrays
-  allocations = allocatedBytes = 0;
+  const Allocations before = allocationsSoFar();
   for (auto _ : state) takeOne();
   using benchmark::Counter;
-  state.counters["allocations"] = Counter(static_cast<double>(allocations), Counter::kAvgIterations);
-  state.counters["bytes"] = Counter(static_cast<double>(allocatedBytes), Counter::kAvgIterations);
+  const Allocations after = allocationsSoFar();
+  state.counters["allocations"] =
+      Counter(static_cast<double>(after.count - before.count), Counter::kAvgIterations);
+  state.counters["bytes"] = Counter(static_cast<double>(after.bytes - before.bytes), Counter::kAvgIterations);
   state.counters["seen"] = static_cast<double>(seen);
 }
 
