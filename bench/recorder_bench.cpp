@@ -1,8 +1,10 @@
 // What bench/recorder runs, one command a process:
 //
-//   recorder_bench switches ROUNDS [pinned]         two processes pass a byte to and fro; prints ns a round
-//   recorder_bench report LIBRARY FILE PID SECONDS  a report of PID's hang over the last SECONDS; prints ms, and
-//                                                   the peak of the resident set above that before, in KB
+//   recorder_bench switches ROUNDS [pinned]
+//     two processes pass a byte to and fro; prints ns a round
+//   recorder_bench report LIBRARY FILE PID SECONDS
+//     a report of PID's hang over the last SECONDS; prints ms, and the peak of the resident set above that
+//     before, in KB
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
