@@ -53,6 +53,7 @@ int stop() {
 int status(bool json) {
   const kelvane::RecorderStatus status = kelvane::readRecorderStatus(kelvane::Deadline(kStatusWait));
   std::fputs((json ? statusJson(status) : statusText(status)).c_str(), stdout);
+  if (!status.known) return kFailed;
   return status.running ? kDone : kNotRunning;
 }
 

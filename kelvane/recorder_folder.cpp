@@ -45,7 +45,7 @@ std::string RecorderFolder::path() {
 std::optional<RecorderFolder> RecorderFolder::open(const Deadline& deadline, std::string& error) {
   UniqueFd fd(::open(path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
   if (!fd) {
-    error = errno == ENOENT ? "it is not running: kelvanectl start" : path() + ": " + errorText(errno);
+    error = errno == ENOENT ? kRecorderNotRunning : path() + ": " + errorText(errno);
     return std::nullopt;
   }
   if (!lock(fd.get(), deadline)) {

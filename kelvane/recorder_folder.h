@@ -10,6 +10,9 @@
 
 namespace kelvane {
 
+/// Why there is no recording when nobody has started the recorder.
+inline constexpr const char* kRecorderNotRunning = "it is not running: kelvanectl start";
+
 /// The recorder's folder, <root>/run/kelvane, locked against every other reader while this lives. <root> is
 /// the environment's QUORVELD_ROOT.
 ///

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -84,12 +85,16 @@ RecorderStatus readRecorderStatus(const Deadline& deadline) {
   const uint64_t nowNs = monotonicNs();
   std::string error;
   if (const auto folder = RecorderFolder::open(deadline, error)) {
-    if (const UniqueFd instance = folder->openInstance()) {
-      status.running = true;
+    const UniqueFd instance = folder->openInstance();
+    status.running = static_cast<bool>(instance);
+    status.known = status.running || errno == ENOENT;
+    if (status.running) {
       status.instance = folder->instancePath();
       status.runningForNs = nowNs - std::min(nowNs, folder->startedNs().value_or(nowNs));
       addBuffers(instance.get(), *folder, status);
     }
+  } else {
+    status.known = error == kRecorderNotRunning;
   }
   const auto reach = static_cast<uint64_t>(std::chrono::nanoseconds(kKeepPagesFor).count());
   const Recording recording = readRecording(nowNs - std::min(nowNs, reach), nowNs, deadline);
@@ -137,7 +142,9 @@ std::string statusJson(const RecorderStatus& status) {
   nlohmann::ordered_json leftOut = nlohmann::ordered_json::array();
   for (const Omission& omission : status.leftOut)
     leftOut.push_back({{"what", omission.what}, {"why", omission.why}});
-  nlohmann::ordered_json json = {{"running", status.running}};
+  nlohmann::ordered_json json;
+  json["running"] =
+      status.known ? nlohmann::ordered_json(status.running) : nullptr;  // null: it can't be told
   if (status.running) {
     json.update({{"instance", status.instance},
                  {"runningForSeconds", static_cast<double>(status.runningForNs) / kNsPerSecond},

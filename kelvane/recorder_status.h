@@ -23,6 +23,7 @@ BufferStats parseBufferStats(std::string_view text);
 /// What a report made now would find of the past.
 struct RecorderStatus {
   bool running = false;
+  bool known = true;     // false: whether it is running could not be told, and `leftOut` says why
   std::string instance;  // its path
   size_t cpus = 0;
   size_t bufferKb = 0;  // of each CPU

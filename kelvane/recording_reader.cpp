@@ -107,7 +107,7 @@ std::string read(Recording& recording, const Deadline& deadline) {
   const auto folder = RecorderFolder::open(deadline, error);
   if (!folder) return error;
   const UniqueFd instance = folder->openInstance();
-  if (!instance) return errno == ENOENT ? "it is not running: kelvanectl start" : errorText(errno);
+  if (!instance) return errno == ENOENT ? kRecorderNotRunning : errorText(errno);
   const FileText tracing = readFileAt(instance.get(), "tracing_on", kMaxProcFileBytes);
   if (!tracing.text.starts_with('1'))
     return tracing.error ? errorText(tracing.error) : "someone has switched it off";
