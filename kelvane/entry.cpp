@@ -48,8 +48,8 @@ Report capture(const kelvane_options* options) {
   const DumpRequest& request = report.request;
   std::optional<CaptureWorker> worker;
   if (request.pid) worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
-  report.processes = scanProcesses(deadline);
   if (request.hang) report.recording = recordingOf(*request.hang, report.capturedAtNs);
+  report.processes = scanProcesses(deadline);
   if (worker) report.process = worker->take(deadline);
   if (request.hang) report.verdict = verdictOn(report, pressure);
   report.captureNs = monotonicNs() - report.capturedAtNs;

@@ -38,6 +38,13 @@ std::string durationText(uint64_t ns) {
   return ofDuration(ns, ns).substr(strlen("all of "));
 }
 
+std::string bytesText(uint64_t bytes) {
+  constexpr double kMb = 1 << 20;
+  constexpr double kGb = 1 << 30;
+  auto number = static_cast<double>(bytes);
+  return number >= kGb ? decimal(number / kGb) + " GB" : decimal(number / kMb) + " MB";
+}
+
 std::string percentOf(uint64_t partNs, uint64_t wholeNs) {
   double share = wholeNs == 0 ? 0 : static_cast<double>(partNs) / static_cast<double>(wholeNs);
   return std::to_string(std::lround(std::min(share, 1.0) * 100)) + " %";
@@ -188,10 +195,8 @@ class Sentence {
   std::string diskText() const {
     if (!verdict_.disk || verdict_.disk->requests == 0) return {};
     const DiskActivity& disk = *verdict_.disk;
-    constexpr double kMegabyte = 1e6;
-    return " (the system's " + std::to_string(disk.requests) +
-           " requests: " + decimal(static_cast<double>(disk.readBytes) / kMegabyte) + " MB read, " +
-           decimal(static_cast<double>(disk.writtenBytes) / kMegabyte) + " MB written; the slowest took " +
+    return " (the system's " + std::to_string(disk.requests) + " requests: " + bytesText(disk.readBytes) +
+           " read, " + bytesText(disk.writtenBytes) + " written; the slowest took " +
            decimal(static_cast<double>(disk.slowestNs) / 1e6) + " ms)";
   }
 

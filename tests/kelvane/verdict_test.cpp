@@ -179,7 +179,7 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
     disk.event(ms + 900, RecordedKind::blockComplete, 0).value = ms;
   }
   Verdict verdict = disk.verdict();
-  expectSays(verdict, Cause::disk, "all of 10.0 s for the disk (the system's 8 requests: 4.0 MB read");
+  expectSays(verdict, Cause::disk, "all of 10.0 s for the disk (the system's 8 requests: 3.8 MB read");
   EXPECT_EQ(verdict.disk->busyNs, 7'200 * kMs);
   EXPECT_EQ(verdict.disk->slowestNs, 900 * kMs);
   disk.pressure.memory = PressureLine{60, 40};
