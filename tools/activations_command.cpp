@@ -15,6 +15,7 @@ namespace quorvelctl {
 namespace {
 
 constexpr size_t kDefaultShown = 5;
+constexpr size_t kMostShown = 1000000;
 
 struct Arguments {
   size_t last = kDefaultShown;
@@ -67,7 +68,7 @@ void addActivationsCommand(CLI::App& app, Context& context) {
   CLI::App* command = app.add_subcommand(
       "activations", "What launches and resumes cost, and whom: the last five, the newest at the end");
   CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
-  last->check(CLI::PositiveNumber)->type_name("N");
+  last->check(CLI::Range(size_t{1}, kMostShown, "N"));
   command->add_flag("--all", arguments->all, "All of them")->excludes(last);
   command->callback([arguments, &context] { show(context, *arguments); });
 }

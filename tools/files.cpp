@@ -43,7 +43,8 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
     error = lastError();
     return std::nullopt;
   }
-  if (!S_ISREG(status.st_mode)) error = std::make_error_code(std::errc::invalid_argument);
+  if (S_ISDIR(status.st_mode)) error = std::make_error_code(std::errc::is_a_directory);
+  if (!error && !S_ISREG(status.st_mode)) error = std::make_error_code(std::errc::invalid_argument);
   std::string bytes;
   while (!error) {
     const size_t before = bytes.size();
@@ -57,11 +58,15 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
   return std::nullopt;
 }
 
+std::error_code makeFolderOf(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  return error;
+}
+
 std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced) {
   const std::filesystem::path directory = std::filesystem::path(path).parent_path();
   std::error_code error;
-  std::filesystem::create_directories(directory, error);
-  if (error) return error;
   std::string temporary = directory / ".quorvelctl-XXXXXX";
   {
     const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));

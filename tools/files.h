@@ -14,8 +14,11 @@ inline constexpr size_t kMaxFileBytes = size_t{256} * 1024 * 1024;
 /// `maxBytes`.
 std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error);
 
-/// Puts `bytes` in the place of the file at `path` in one step, mode 0644; directories that are missing are
-/// made. On an error the old file stays as it was. `synced`: they survive a power cut from then on.
+/// Makes the directories above `path` that are missing.
+[[nodiscard]] std::error_code makeFolderOf(const std::string& path);
+
+/// Puts `bytes` in the place of the file at `path` in one step, mode 0644. On an error the old file stays as
+/// it was. `synced`: they survive a power cut from then on.
 [[nodiscard]] std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced);
 
 }  // namespace quorvelctl

@@ -171,8 +171,9 @@ void launch(Context& context, const Arguments& arguments) {
     context.fail("which command? quorvelctl launch [--resume] BUNDLE-ID -- COMMAND...", kWrongUsage);
     return;
   }
-  if (arguments.bundleID.size() > QV_TEXT_MAX) {
-    context.fail("the bundle ID is too long", kWrongUsage);
+  if (arguments.bundleID.empty() || arguments.bundleID.size() > QV_TEXT_MAX) {
+    context.fail(arguments.bundleID.empty() ? "the bundle ID is empty" : "the bundle ID is too long",
+                 kWrongUsage);
     return;
   }
   // The client library, and the command if it speaks to the daemon, know the root from the environment.

@@ -13,8 +13,9 @@ bool isNotificationName(std::string_view name) {
 }
 
 std::error_code post(const Context& context, std::string_view name, uint64_t state) {
-  return replaceFile(context.path("/run/quorveld/notify/") + std::string(name), std::to_string(state) + '\n',
-                     false);
+  const std::string path = context.path("/run/quorveld/notify/") + std::string(name);
+  if (const std::error_code error = makeFolderOf(path)) return error;
+  return replaceFile(path, std::to_string(state) + '\n', false);
 }
 
 }  // namespace quorvelctl

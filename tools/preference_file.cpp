@@ -81,7 +81,7 @@ std::optional<PreferenceFile> PreferenceFile::load(const std::string& path, std:
     return std::nullopt;
   }
   std::optional<PreferenceFile> file = parse(text.value_or(""), error);
-  if (!file) error = path + " is no property list, " + error;
+  if (!file) error = path + " is no property list, " + error + "; mend it, or move it away";
   return file;
 }
 

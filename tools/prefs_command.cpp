@@ -121,12 +121,14 @@ struct Change {
 
 void write(Context& context, const PreferenceKey& key, const PreferenceFile& file, bool notify) {
   const std::string path = domainPath(context, key.domain);
-  if (const std::error_code error = replaceFile(path, file.text(), true)) {
+  std::error_code error = makeFolderOf(path);
+  if (!error) error = replaceFile(path, file.text(), true);
+  if (error) {
     context.fail("can't write " + path + ": " + error.message());
     return;
   }
   if (!notify) return;
-  if (const std::error_code error = post(context, kChanged, 0)) {
+  if ((error = post(context, kChanged, 0))) {
     context.fail(path + " is written, but the daemon could not be told: " + error.message());
   }
 }

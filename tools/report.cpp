@@ -133,8 +133,8 @@ std::optional<ReportHeader> parseReportHeader(std::string_view bytes, std::strin
     Json metadata;
     rest >> metadata;  // reads one value and no further
     return headerOf(metadata);
-  } catch (const Json::exception& problem) {
-    error = problem.what();
+  } catch (const Json::exception&) {
+    error = "its metadata is broken or cut off";
     return std::nullopt;
   }
 }

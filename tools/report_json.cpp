@@ -13,7 +13,7 @@ class Builder final : public nlohmann::json_sax<Json> {
   explicit Builder(const std::function<void(const Json&)>& take) : take_(take) {}
 
   Json root;
-  std::string error;
+  size_t brokenAt = 0;
 
   bool null() override { return add(nullptr); }
   bool boolean(bool value) override { return add(value); }
@@ -45,8 +45,8 @@ class Builder final : public nlohmann::json_sax<Json> {
     return true;
   }
 
-  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& problem) override {
-    error = problem.what();
+  bool parse_error(size_t position, const std::string&, const nlohmann::detail::exception&) override {
+    brokenAt = position;
     return false;
   }
 
@@ -81,7 +81,9 @@ std::optional<Json> parseReportJson(std::string_view bytes, const std::function<
                                     std::string& error) {
   Builder builder(take);
   if (Json::sax_parse(bytes, &builder)) return std::move(builder.root);
-  error = builder.error;
+  error = builder.brokenAt > bytes.size()
+              ? "it is cut off"
+              : "it isn't JSON from byte " + std::to_string(builder.brokenAt) + " on";
   return std::nullopt;
 }
 

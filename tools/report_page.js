@@ -265,7 +265,7 @@
     const lines = [tid ? `${text} (${tid})` : text];
     if (count) lines[0] = `${count} × , mostly ${lines[0]}`;
     if (duration > 0) lines.push(`for ${timeText(duration)}` + (count ? `, busy for ${timeText(busy)}` : ''));
-    lines.push(start < 0 ? `${timeText(-start)} before the hang` : `${timeText(start)} after its begin`);
+    lines.push(start < 0 ? `${timeText(-start)} before it began` : `${timeText(start)} into it`);
     tip.textContent = lines.join('\n');
     tip.style.left = Math.max(Math.min(x + 12, width - tip.offsetWidth), 0) + 'px';
     tip.style.top = track.y + track.height + 6 + 'px';

@@ -93,7 +93,7 @@ std::string displayText(const ReportHeader& header) {
     text += state == 0 ? "off" : state < 0 ? "unknown" : "on";
     const double beforeMs =
         (static_cast<double>(header.startTicks) - static_cast<double>(ticks)) / kTicksPerMs;
-    text += beforeMs >= 0 ? " from " + durationText(beforeMs) + " before the hang"
+    text += beforeMs >= 0 ? " from " + durationText(beforeMs) + " before it began"
                           : " from " + durationText(-beforeMs) + " into it";
   }
   return text;

@@ -26,7 +26,7 @@ std::string sizeText(uint64_t bytes);
 
 /// "sleeping in futex_wait_queue, system call futex"
 std::string doingText(const ReportThread& thread);
-/// "off from 500 ms before the hang, then on from 1.00 s into it"; empty when nothing is known of the
+/// "off from 500 ms before it began, then on from 1.00 s into it"; empty when nothing is known of the
 /// display.
 std::string displayText(const ReportHeader& header);
 

@@ -120,7 +120,7 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
                                     : "Memory pressure",
         pressureText(pressure));
   }
-  add("Evidence", evidenceText(verdict.evidence));
+  add("Evidence", evidenceText(verdict.evidence, header));
   return element("dl", "", facts);
 }
 

@@ -76,7 +76,7 @@ std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) 
   for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
     add(pressure.resource + " pressure", pressureText(pressure));
   }
-  add("evidence", evidenceText(verdict.evidence));
+  add("evidence", evidenceText(verdict.evidence, header));
   return "\n" + indented(table(rows));
 }
 
@@ -121,8 +121,9 @@ std::string pressureText(const ReportVerdict::Pressure& pressure) {
   return pressure.full ? some + ", all " + percentText(*pressure.full) : some;
 }
 
-std::string evidenceText(const ReportVerdict::Evidence& evidence) {
-  const std::string look = evidence.source == "recorder" ? "" : "one look at the process; ";
+std::string evidenceText(const ReportVerdict::Evidence& evidence, const ReportHeader& header) {
+  const std::string look =
+      evidence.source == "recorder" || header.pid == 0 ? "" : "one look at the process; ";
   if (evidence.coveredMs <= 0) return look + "nothing of that time is recorded";
   const std::string text = look + "recorder: " + durationText(evidence.coveredMs) + " of " +
                            durationText(evidence.windowMs) + " covered (" +

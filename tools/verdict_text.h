@@ -23,7 +23,7 @@ std::string diskText(const ReportVerdict::Disk& disk);
 /// "some tasks waited 12.5 % of the last 10 s, all 3.0 %"
 std::string pressureText(const ReportVerdict::Pressure& pressure);
 /// On what the verdict rests, and how much of the window it covers.
-std::string evidenceText(const ReportVerdict::Evidence& evidence);
+std::string evidenceText(const ReportVerdict::Evidence& evidence, const ReportHeader& header);
 /// "97.8 %"; "-" of nothing.
 std::string shareText(double part, double whole);
 /// "+1.02 s" into the hang, or "-500 ms" before it.

@@ -33,7 +33,7 @@ TEST(ReportFile, IsToldInWords) {
             "process  /usr/bin/viewer\n"
             "thread   41\n"
             "ticks    24000000 to 228000000\n"
-            "display  unknown from 500 ms before the hang, then off from 1.00 s into it\n"
+            "display  unknown from 500 ms before it began, then off from 1.00 s into it\n"
             "made     2026-03-01T10:00:00Z\n"
             "host     Linux, 6.1, 2 CPUs\n\n"
             "Thread 41 viewer, which hung: sleeping in futex_do_wait, system call futex\n"
