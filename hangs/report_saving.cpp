@@ -25,12 +25,14 @@ namespace {
 
 using platform::Dictionary;
 
+constexpr const char* kReportSuffix = ".kelvane";
+
 /// Service or activation type, process or bundle, date. Clients choose the first two, so they can't lead out
 /// of the folder.
 std::string reportFileName(const std::string& what, const std::string& who) {
   return fileNameComponent(what, kMaxFileNameComponentBytes) + "-" +
          fileNameComponent(who, kMaxFileNameComponentBytes) + "-" +
-         reportDate(platform::current().clock.wallTime()) + ".kelvane";
+         reportDate(platform::current().clock.wallTime()) + kReportSuffix;
 }
 
 /// The report's header: always these eight keys.
@@ -88,8 +90,8 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
-  // Reports are written one at a time: what is there is left from a daemon that was killed meanwhile.
-  files.removeFiles(kTemporaryDirectory, "");
+  // Reports are written one at a time: one that is there is left from a daemon that was killed meanwhile.
+  files.removeFiles(kTemporaryDirectory, "", kReportSuffix);
   std::error_code error;
   auto file = files.createProtected(tempPath, error);
   if (!file) {

@@ -90,7 +90,7 @@ void take_memory_snapshot() {
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 
   // Left from a daemon that was killed while it wrote one.
-  files.removeFiles(kCacheDirectory, kMemoryReportPrefix);
+  files.removeFiles(kCacheDirectory, kMemoryReportPrefix, "");
   std::error_code error;
   auto file = files.createProtected(workingPath, error);
   if (!file) {

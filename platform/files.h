@@ -38,9 +38,10 @@ class Files {
   [[nodiscard]] virtual std::error_code makeDirectory(const std::string& path, unsigned mode) = 0;
   virtual std::error_code remove(const std::string& path) = 0;
 
-  /// Removes the regular files of `directory`, not of those below it, whose names begin with `prefix`. What
-  /// can't be removed stays.
-  virtual void removeFiles(const std::string& directory, std::string_view prefix) = 0;
+  /// Removes the regular files of `directory`, not of those below it, whose names begin with `prefix` and end
+  /// with `suffix`. What can't be removed stays.
+  virtual void removeFiles(const std::string& directory, std::string_view prefix,
+                           std::string_view suffix) = 0;
 
   /// Opens read-write, creating without truncation, with mode 0644 in protection class 4 (readable while the
   /// device is locked). Null, and the reason in `error`, on failure.

@@ -112,12 +112,13 @@ std::error_code LinuxFiles::remove(const std::string& path) {
   return resultOf(::unlink(rooted(path).c_str()));
 }
 
-void LinuxFiles::removeFiles(const std::string& directory, std::string_view prefix) {
+void LinuxFiles::removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) {
   std::error_code error;
   for (std::filesystem::directory_iterator entry(rooted(directory), error), end; !error && entry != end;
        entry.increment(error)) {
     std::error_code unreadable;
-    if (!entry->path().filename().native().starts_with(prefix)) continue;
+    const std::string name = entry->path().filename();
+    if (!name.starts_with(prefix) || !name.ends_with(suffix)) continue;
     if (std::filesystem::is_regular_file(entry->symlink_status(unreadable))) ::unlink(entry->path().c_str());
   }
 }

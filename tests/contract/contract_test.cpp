@@ -233,16 +233,18 @@ TEST_P(Contract, FilesAreCreatedMovedAndReplacedWithoutSurprises) {
   EXPECT_EQ(files.move(sub + "/b", sub + "/d"), std::errc::no_such_file_or_directory);
   EXPECT_FALSE(files.remove(sub + "/c"));
   EXPECT_EQ(files.remove(sub + "/c"), std::errc::no_such_file_or_directory);
-  write(sub + "/report-1", "half");
+  write(sub + "/report-1.half", "half");
+  write(sub + "/report-1", "whole");
   write(sub + "/other", "kept");
-  EXPECT_FALSE(files.makeDirectory(sub + "/report-2", 0755));
-  bench_->putLink(sub + "/report-3", sub + "/other");
-  files.removeFiles(sub, "report-");
-  EXPECT_EQ(files.kind(sub + "/report-1"), EntryKind::missing);
-  EXPECT_EQ(files.kind(sub + "/report-2"), EntryKind::directory);
-  EXPECT_EQ(files.kind(sub + "/report-3"), EntryKind::other);
+  EXPECT_FALSE(files.makeDirectory(sub + "/report-2.half", 0755));
+  bench_->putLink(sub + "/report-3.half", sub + "/other");
+  files.removeFiles(sub, "report-", ".half");
+  EXPECT_EQ(files.kind(sub + "/report-1.half"), EntryKind::missing);
+  EXPECT_EQ(bench_->content(sub + "/report-1"), "whole");
+  EXPECT_EQ(files.kind(sub + "/report-2.half"), EntryKind::directory);
+  EXPECT_EQ(files.kind(sub + "/report-3.half"), EntryKind::other);
   EXPECT_EQ(bench_->content(sub + "/other"), "kept");
-  files.removeFiles(sub + "/missing", "");
+  files.removeFiles(sub + "/missing", "", "");
   EXPECT_FALSE(files.createProtected(bench_->directory() + "/no/such", error));
   EXPECT_EQ(error, std::errc::no_such_file_or_directory);
 }

@@ -132,10 +132,10 @@ std::error_code SimFiles::remove(const std::string& given) {
   return {};
 }
 
-void SimFiles::removeFiles(const std::string& directory, std::string_view prefix) {
+void SimFiles::removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) {
   for (const std::string& name : list(directory)) {
     const std::string path = directory + "/" + name;
-    if (name.starts_with(prefix) && content(path)) static_cast<void>(remove(path));
+    if (name.starts_with(prefix) && name.ends_with(suffix) && content(path)) static_cast<void>(remove(path));
   }
 }
 

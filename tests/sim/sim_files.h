@@ -36,7 +36,7 @@ class SimFiles final : public platform::Files {
   platform::EntryKind kind(const std::string& path) override;
   std::error_code makeDirectory(const std::string& path, unsigned mode) override;
   std::error_code remove(const std::string& path) override;
-  void removeFiles(const std::string& directory, std::string_view prefix) override;
+  void removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) override;
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
   std::error_code move(const std::string& from, const std::string& to) override;
   std::error_code rename(const std::string& from, const std::string& to) override;
