@@ -68,6 +68,10 @@ int dump(double from, std::optional<double> to, const std::string& path) {
   const uint64_t min = ticksOf(from, nowNs);
   const uint64_t max = to ? ticksOf(*to, nowNs) : nowNs * 3 / 125;
   if (min > max) return fail("nothing to dump", "--from is later than --to");
+  const kelvane::RecorderStatus status = kelvane::readRecorderStatus(kelvane::Deadline(kStatusWait));
+  if (!status.running) {
+    return fail("nothing to dump", status.leftOut.empty() ? "not recording" : status.leftOut.back().why);
+  }
   const kelvane::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (!file) return fail(path, kelvane::errorText(errno));
   kelvane_option options[] = {{KSPDumpOptions_MinTimestamp, KELVANE_UINT64, {}},

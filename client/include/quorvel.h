@@ -39,13 +39,11 @@ extern "C" {
 /* How many messages wait in this process while the daemon reads none. */
 #define QV_MESSAGES_MAX 256
 
-/* ---- connection ------------------------------------------------------------------------------------------
- */
+/* ---- connection --------------------------------------------------------------------------------------- */
 
 /* Connects to the daemon at $QUORVELD_ROOT/run/quorveld/com.corvix.quorveld, to send messages and nothing
  * else. Waits for the handshake, for two seconds at the most. A negative result says why there is no daemon
- * now
- * (-ENOENT, -ECONNREFUSED, -ETIMEDOUT, ...); from then on, as after the loss of a connection, qv_process
+ * now (-ENOENT, -ECONNREFUSED, -ETIMEDOUT, ...); from then on, as after the loss of a connection, qv_process
  * tries again. 0 at once when connected already. */
 QV_EXPORT int qv_connect(void);
 
@@ -74,8 +72,7 @@ QV_EXPORT int qv_fd(void);
  * wants to be found by a daemon that starts while its main loop hangs calls it on another thread. */
 QV_EXPORT int qv_process(void);
 
-/* ---- operations ------------------------------------------------------------------------------------------
- */
+/* ---- operations --------------------------------------------------------------------------------------- */
 
 /* A slot that the calling thread holds, for one operation at a time. */
 typedef struct qv_slot qv_slot;
@@ -112,8 +109,7 @@ QV_EXPORT uint64_t qv_untracked(void);
 /* The tick count now; never 0. */
 QV_EXPORT uint64_t qv_ticks(void);
 
-/* ---- messages --------------------------------------------------------------------------------------------
- */
+/* ---- messages ----------------------------------------------------------------------------------------- */
 /* One way: 0 says that the daemon's socket or the buffer took the message, not that the daemon liked it. They
  * never wait for the daemon: -ENOBUFS when QV_MESSAGES_MAX messages wait, -ENOTCONN while there is no
  * connection; what is refused is not sent later. (They do wait for a qv_connect under way on another thread.)

@@ -44,6 +44,10 @@ class Recorder(ScratchTest):
             return [event["name"] for event in report["traceEvents"] if event.get("cat") == "signpost"]
         until(lambda: len(marks()) >= 2, 30, "the marks of the launch's begin and end")
 
+        nowhere = self.recorder("dump", str(daemon.root / "no/such/folder/dump"))
+        self.assertEqual(nowhere.returncode, 1)
+        self.assertIn("No such file or directory", nowhere.stderr)
+
         status = json.loads(self.recorder("status", "--json").stdout)
         self.assertTrue(status["running"])
         self.assertGreater(status["coveredSeconds"], 0)
@@ -58,9 +62,10 @@ class Recorder(ScratchTest):
         early = self.recorder("dump", "--from", "-1", "--to", "-2", str(self.daemon_.root / "dump"))
         self.assertEqual(early.returncode, 1)
         self.assertIn("--from is later than --to", early.stderr)
-        nowhere = self.recorder("dump", str(self.daemon_.root / "no/such/folder/dump"))
-        self.assertEqual(nowhere.returncode, 1)
-        self.assertIn("No such file or directory", nowhere.stderr)
+        idle = self.recorder("dump", str(self.daemon_.root / "dump"))
+        self.assertEqual(idle.returncode, 1)
+        self.assertIn("not running", idle.stderr)
+        self.assertFalse((self.daemon_.root / "dump").exists())
 
 
 if __name__ == "__main__":
