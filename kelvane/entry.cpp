@@ -32,9 +32,9 @@ Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
 }
 
 /// Nothing for a hang that is yet to come.
-std::optional<Verdict> verdictOn(const Report& report, const Pressure& pressure) {
-  uint64_t fromNs = nsOfTicks(report.request.hang->start);
-  uint64_t toNs = std::min(nsOfTicks(report.request.hang->end), report.capturedAtNs);
+std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, const Pressure& pressure) {
+  uint64_t fromNs = nsOfTicks(hang.start);
+  uint64_t toNs = std::min(nsOfTicks(hang.end), report.capturedAtNs);
   if (fromNs >= toNs) return std::nullopt;
   return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, findProcess});
 }
@@ -51,7 +51,7 @@ Report capture(const kelvane_options* options) {
   if (request.hang) report.recording = recordingOf(*request.hang, report.capturedAtNs);
   report.processes = scanProcesses(deadline);
   if (worker) report.process = worker->take(deadline);
-  if (request.hang) report.verdict = verdictOn(report, pressure);
+  if (request.hang) report.verdict = verdictOn(*request.hang, report, pressure);
   report.captureNs = monotonicNs() - report.capturedAtNs;
   return report;
 }

@@ -76,6 +76,7 @@ std::vector<BusyThread> busiestOf(const Evidence& evidence, const TimeByThread& 
   std::sort(order.rbegin(), order.rend());
   if (order.size() > count) order.resize(count);
   std::vector<BusyThread> busiest;
+  busiest.reserve(order.size());
   for (const auto& [ns, tid] : order) busiest.push_back({namedThread(evidence, tid), ns});
   return busiest;
 }

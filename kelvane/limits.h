@@ -48,7 +48,8 @@ inline constexpr size_t kMaxMarks = 16'384;
 inline constexpr size_t kMaxMarkBytes = 256;
 /// A page of the kernel's buffer.
 inline constexpr size_t kMaxTracePageBytes = size_t{64} * 1024;
-/// A page that was read is kept until it is this old, or until more than this many buffers' worth were read since.
+/// A page that was read is kept until it is this old, or until more than this many buffers' worth were read
+/// since.
 inline constexpr std::chrono::minutes kKeepPagesFor{10};
 inline constexpr size_t kKeptBuffers = 2;
 
@@ -68,8 +69,8 @@ inline constexpr size_t kMaxProcessesListed = 256;
 inline constexpr std::chrono::milliseconds kRecordingBudget{1'000};
 /// How much time around the hang is shown.
 inline constexpr std::chrono::seconds kContext{1};
-/// Intervals drawn of all CPUs together, and of the hung thread's states: some 120 bytes each. The longest are
-/// kept, since a viewer shows the others as hairlines anyway.
+/// Intervals drawn of all CPUs together, and of the hung thread's states: some 120 bytes each. The longest
+/// are kept, since a viewer shows the others as hairlines anyway.
 inline constexpr size_t kMaxCpuRunsDrawn = 50'000;
 inline constexpr size_t kMaxStatesDrawn = 10'000;
 inline constexpr size_t kMaxMarksDrawn = 1'000;

@@ -1,6 +1,5 @@
 #include "kelvane/lock_owner.h"
 
-#include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>

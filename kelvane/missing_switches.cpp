@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace kelvane {
@@ -28,12 +29,13 @@ void addMissingSwitches(Recording& recording) {
     if (event.kind == RecordedKind::wakeup) wokenNs[event.other] = event.atNs;
   }
   auto earlier = [](const RecordedEvent& a, const RecordedEvent& b) { return a.atNs < b.atNs; };
-  std::stable_sort(missing.begin(), missing.end(), earlier);
-  auto recorded = static_cast<ptrdiff_t>(recording.events.size());
-  recording.events.insert(recording.events.end(), missing.begin(), missing.end());
+  if (missing.empty()) return;
+  std::sort(missing.begin(), missing.end(), earlier);
+  std::vector<RecordedEvent> all(recording.events.size() + missing.size());
   // Of events at one time the recorded ones stay first: a wake-up comes before its switch.
-  std::inplace_merge(recording.events.begin(), recording.events.begin() + recorded, recording.events.end(),
-                     earlier);
+  std::merge(recording.events.begin(), recording.events.end(), missing.begin(), missing.end(), all.begin(),
+             earlier);
+  recording.events = std::move(all);
 }
 
 }  // namespace kelvane

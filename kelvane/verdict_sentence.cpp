@@ -1,7 +1,5 @@
 #include "kelvane/verdict_sentence.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -201,7 +199,7 @@ class Sentence {
   }
 
   std::string ownerText() const {
-    const NamedThread& owner = *verdict_.lockOwner;
+    const NamedThread owner = verdict_.lockOwner.value_or(NamedThread{});
     if (owner.tid == process_.hungThread) return "it holds itself";
     std::string text = "thread " + std::to_string(owner.tid) + quoted(owner.name) + " holds";
     for (const ThreadCapture& thread : process_.threads) {
@@ -211,7 +209,7 @@ class Sentence {
   }
 
   std::string peerText() const {
-    const Peer& peer = *verdict_.peer;
+    const Peer peer = verdict_.peer.value_or(Peer{});
     if (peer.pid == process_.pid) return "another thread of its own process, through a " + peer.through;
     return "process" + quoted(peer.process) + " (pid " + std::to_string(peer.pid) + "), through a " +
            peer.through;
@@ -249,10 +247,10 @@ class Sentence {
       if (name) return "in the system call " + std::string(call) + place;
       return facts.waitChannel.empty() ? "for a reason that can't be told" : "in " + facts.waitChannel;
     }
-    if (!findings_.waits.empty() && findings_.waits.front().wokenBy) {
-      const NamedThread& waker = *findings_.waits.front().wokenBy;
-      return "and was woken from its longest sleep by " + (waker.tid == 0 ? waker.name : threadText(waker));
-    }
+    const auto waker = findings_.waits.empty() ? std::nullopt : findings_.waits.front().wokenBy;
+    if (waker)
+      return "and was woken from its longest sleep by " +
+             (waker->tid == 0 ? waker->name : threadText(*waker));
     return "for a reason that can't be told any more";
   }
 

@@ -63,7 +63,7 @@ void expectSays(const Verdict& verdict, Cause cause, const std::string& part) {
 }
 
 uint64_t spentMs(const Verdict& verdict, ThreadState state) {
-  return (*verdict.spent)[static_cast<size_t>(state)] / kMs;
+  return verdict.spent.value_or(TimeByState{})[static_cast<size_t>(state)] / kMs;
 }
 
 TEST(ThreadTimeline, FollowsAThreadFromStateToState) {
@@ -164,7 +164,7 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   machine.switches(10'901, kOther, 'S', kApp);
   Verdict over = machine.verdict();
   expectSays(over, Cause::sleeping, "woken from its longest sleep by its own thread 'worker'");
-  EXPECT_EQ(over.waits[0].wokenBy->name, "worker");
+  EXPECT_EQ(over.waits[0].wokenBy.value_or(NamedThread{}).name, "worker");
   EXPECT_FALSE(over.peer);
 }
 
@@ -180,8 +180,9 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   }
   Verdict verdict = disk.verdict();
   expectSays(verdict, Cause::disk, "all of 10.0 s for the disk (the system's 8 requests: 3.8 MB read");
-  EXPECT_EQ(verdict.disk->busyNs, 7'200 * kMs);
-  EXPECT_EQ(verdict.disk->slowestNs, 900 * kMs);
+  const DiskActivity activity = verdict.disk.value_or(DiskActivity{});
+  EXPECT_EQ(activity.busyNs, 7'200 * kMs);
+  EXPECT_EQ(activity.slowestNs, 900 * kMs);
   disk.pressure.memory = PressureLine{60, 40};
   disk.event(9'999, RecordedKind::fileFault, kApp);
   expectSays(disk.verdict(), Cause::memory, "read back in (1 pages)");
@@ -250,11 +251,12 @@ TEST(Verdict, ReadsMutexesAndPressure) {
   EXPECT_EQ(ownerInMutex({1, 0, 4711, 1, 0}), 0);                   // nobody waits
   EXPECT_EQ(ownerInMutex({2, 0, 4711, 1, 0x7f001234}), 0);          // no mutex's kind
   EXPECT_EQ(ownerInMutex({0x80000000 | 4711, 0, 0, 0, 32}), 4711);  // priority-inheriting
-  auto line = parsePressure(
-      "some avg10=30.47 avg60=8.51 avg300=4.36 total=2804470008\nfull avg10=1.50 avg60=0 total=0\n");
-  ASSERT_TRUE(line);
-  EXPECT_DOUBLE_EQ(line->some10, 30.47);
-  EXPECT_DOUBLE_EQ(*line->full10, 1.5);
+  const PressureLine line =
+      parsePressure(
+          "some avg10=30.47 avg60=8.51 avg300=4.36 total=2804470008\nfull avg10=1.50 avg60=0 total=0\n")
+          .value_or(PressureLine{});
+  EXPECT_DOUBLE_EQ(line.some10, 30.47);
+  EXPECT_DOUBLE_EQ(line.full10.value_or(0), 1.5);
   EXPECT_FALSE(parsePressure("some avg10=-1 "));
   EXPECT_FALSE(parsePressure(""));
 }
