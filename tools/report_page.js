@@ -8,6 +8,8 @@
   const rest = Math.max(data.to - data.from, 1) * 0.01;
   const whole = { from: data.from - rest, to: data.to + rest };
   const kMinSpan = 20;  // µs
+  const cpus = data.tracks.filter((track) => track.kind === 'cpu' && track.items.length);
+  const recordedFrom = Math.min(...cpus.map((track) => track.items[0][0]));  // µs; switches never cease for long
   const heights = { state: 26, wakeup: 14, signpost: 18, cpu: data.tracks.length > 20 ? 12 : 22 };
   const kAxis = 34, kGap = 5, kColumn = 2;  // pixels
   const view = { ...whole };
@@ -147,7 +149,14 @@
     }
   }
 
+  // Before the recording begins a CPU is not idle: nothing is known of it.
+  function drawUnrecorded(track) {
+    if (track.kind !== 'cpu' || xOf(recordedFrom) <= left || xOf(data.from) >= width) return;
+    drawSlice(track, 'unknown', 'not recorded', xOf(data.from), xOf(recordedFrom), 1);
+  }
+
   function drawTrack(track) {
+    drawUnrecorded(track);
     const columns = new Map();
     for (const [start, duration, labelIndex, count, busy = duration] of track.items) {
       const from = xOf(start), to = xOf(start + duration);
