@@ -53,7 +53,7 @@ pid_t lockOwner(int processDir, pid_t pid, const ThreadFacts& facts) {
   if (owner <= 0 || faccessat(processDir, taskPath(owner, "stat").c_str(), F_OK, 0) != 0) return 0;
   // What was read counts only if the thread still waits there.
   FileText now = readFileAt(processDir, taskPath(facts.tid, "syscall").c_str(), kMaxProcFileBytes);
-  return parseSyscall(now.text) == facts.syscall ? owner : 0;
+  return parseSyscall(now.text).value_or(SystemCall{}).arguments == facts.syscall->arguments ? owner : 0;
 }
 
 }  // namespace kelvane

@@ -1,5 +1,7 @@
 #include "kelvane/thread_facts.h"
 
+#include <sys/syscall.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -13,6 +15,16 @@ namespace {
 uint64_t msOfClockTicks(uint64_t ticks) {
   static const auto perSecond = static_cast<uint64_t>(std::max(sysconf(_SC_CLK_TCK), 1L));
   return ticks * 1000 / perSecond;
+}
+
+/// A stop makes some waits go on as restart_syscall(2), with the arguments still in the registers; every copy
+/// of the stack is such a stop. Where the thread waits tells which call it was.
+int64_t callBeforeRestart(const std::string& waitChannel) {
+  auto waitsIn = [&](const char* part) { return waitChannel.find(part) != std::string::npos; };
+  if (waitsIn("poll")) return SYS_ppoll;
+  if (waitsIn("futex")) return SYS_futex;
+  if (waitsIn("nanosleep")) return SYS_clock_nanosleep;
+  return SYS_restart_syscall;
 }
 
 void noteOnce(std::vector<Omission>& omissions, const char* what, int error) {
@@ -51,6 +63,9 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
   if (wchan.text != "0") facts.waitChannel = wchan.text;
   FileText syscall = read("syscall");
   facts.syscall = parseSyscall(syscall.text);
+  if (facts.syscall && facts.syscall->number == SYS_restart_syscall) {
+    facts.syscall->number = callBeforeRestart(facts.waitChannel);
+  }
   if (syscall.error) noteOnce(omissions, "wait channels and system calls", syscall.error);
   FileText stack = read("stack");
   facts.kernelStack = parseKernelStack(stack.text, kMaxKernelFrames);
