@@ -83,7 +83,8 @@ struct IpcOddEvent {
 
 using IpcEvent = std::variant<const IpcMessage*, const IpcError*, const IpcOddEvent*>;
 
-/// One client's connection. Belongs to the listener's queue; the listener keeps it until the connection has gone.
+/// One client's connection. Belongs to the listener's queue; the listener keeps it until the connection has
+/// gone.
 class Peer {
  public:
   virtual ~Peer() = default;
