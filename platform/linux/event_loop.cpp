@@ -206,16 +206,18 @@ void EventLoop::wake() {
   (void)eventfd_write(wakeFd_.get(), 1);
 }
 
+/// Both lists in one step: between two, a task put beside what still waits in the other would wake nobody,
+/// and neither would any after it.
 void EventLoop::takeInbox() {
-  for (auto [list, deadlines] :
-       {std::pair(&Inbox::monotonic, &monotonic_), std::pair(&Inbox::wall, &wall_)}) {
-    {
-      const std::lock_guard lock(inbox_.mutex);
-      taken_.swap(inbox_.*list);
-      if (inbox_.stopRequested) exit(0);
-    }
-    for (Deadlines::Entry& entry : taken_) deadlines->add(std::move(entry));
-    taken_.clear();
+  {
+    const std::lock_guard lock(inbox_.mutex);
+    takenMonotonic_.swap(inbox_.monotonic);
+    takenWall_.swap(inbox_.wall);
+    if (inbox_.stopRequested) exit(0);
+  }
+  for (auto [taken, deadlines] : {std::pair(&takenMonotonic_, &monotonic_), std::pair(&takenWall_, &wall_)}) {
+    for (Deadlines::Entry& entry : *taken) deadlines->add(std::move(entry));
+    taken->clear();
   }
 }
 

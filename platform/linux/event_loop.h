@@ -114,7 +114,9 @@ class EventLoop {
   Inbox inbox_;
   Deadlines monotonic_{CLOCK_MONOTONIC};
   Deadlines wall_{CLOCK_REALTIME};
-  std::vector<Deadlines::Entry> taken_;
+  // Empty between two calls of takeInbox, which keeps their memory.
+  std::vector<Deadlines::Entry> takenMonotonic_;
+  std::vector<Deadlines::Entry> takenWall_;
   bool exiting_ = false;
   std::atomic<std::thread::id> serving_;
 };
