@@ -1,10 +1,8 @@
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 
 #include "abi/hang_region.h"
 #include "base/log.h"
-#include "base/text.h"
 #include "base/ticks.h"
 #include "hangs/class_side.h"
 #include "hangs/qv_process_info.h"

@@ -69,6 +69,7 @@ std::string reportText(const std::string& date) {
     report.reserve(kInitialCapacity);
   } catch (const std::bad_alloc&) {
     // A system that promises no more memory than it has: the text grows as it needs to.
+    quorvelLog().debug("Memory snapshot: %zu bytes can't be reserved at once", kInitialCapacity);
   }
   report += origin.firstHeaderLine;
   report += "{\n\"Model\" : \"" + origin.machine + "\",\n\"Timestamp\" : \"" + date +

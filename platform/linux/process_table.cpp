@@ -66,13 +66,15 @@ std::unique_ptr<ProcessSource> openBestSource() {
     return source;
   }
   std::string reason;
-  if ((source = openBpfSource(BpfPass::taskIterator, reason))) {
+  source = openBpfSource(BpfPass::taskIterator, reason);
+  if (source) {
     logDefault("Process table: read through %s, half as fast as the task walk (%s)", source->name(),
                why.c_str());
     return source;
   }
   if (reason != why) why += "; " + reason;
-  if ((source = openProcfsSource(reason))) {
+  source = openProcfsSource(reason);
+  if (source) {
     logDefault("Process table: read through %s, about 100 times slower than BPF (%s)", source->name(),
                why.c_str());
   } else {
@@ -96,8 +98,8 @@ void LinuxProcessTables::prepare() {
       const std::lock_guard alone(mutex_);
       if (!source_) (void)read();
     });
-  } catch (const std::system_error&) {
-    // No thread to be had: the first look prepares, and takes longer.
+  } catch (const std::system_error& error) {
+    logDefault("Process table: no thread to prepare on, the first look will take longer (%s)", error.what());
   }
 }
 
