@@ -66,29 +66,34 @@ class ChildProcess {
   /// Has the next step begin: for one that never ends.
   void begin() const { ASSERT_EQ(write(go_, "", 1), 1); }
 
-  /// Returns when all threads sleep, so that nothing moves the figures of the process any more.
+  /// Returns when all threads sleep and go on sleeping, so that nothing moves the figures of the process any
+  /// more: a program that starts sleeps now and then on its way.
   void waitUntilAsleep() const {
-    constexpr int kMaxMilliseconds = 60'000;
-    for (int waited = 0; !isAsleep(); ++waited) {
-      if (waited == kMaxMilliseconds) {
-        ADD_FAILURE() << "process " << pid_ << " doesn't come to rest";
-        return;
-      }
-      usleep(1000);
+    constexpr int kMostLooks = 3'000;
+    std::string before;
+    for (int looks = 0; looks < kMostLooks; ++looks) {
+      const std::string spent = spentAsleep();
+      if (!spent.empty() && spent == before) return;
+      before = spent;
+      usleep(20'000);
     }
+    ADD_FAILURE() << "process " << pid_ << " doesn't come to rest";
   }
 
  private:
-  bool isAsleep() const {
+  /// What each thread has run so far, of proc(5)'s schedstat; empty unless all of them sleep.
+  std::string spentAsleep() const {
     std::error_code gone;
+    std::stringstream spent;
     const std::filesystem::path threads = "/proc/" + std::to_string(pid_) + "/task";
     for (const auto& thread : std::filesystem::directory_iterator(threads, gone)) {
       std::stringstream text;
       text << std::ifstream(thread.path() / "stat").rdbuf();
       const size_t name = text.str().rfind(") ");
-      if (name == std::string::npos || text.str()[name + 2] != 'S') return false;
+      if (name == std::string::npos || text.str()[name + 2] != 'S') return {};
+      spent << thread.path().filename() << std::ifstream(thread.path() / "schedstat").rdbuf();
     }
-    return !gone;
+    return gone ? std::string() : spent.str();
   }
 
   pid_t pid_;

@@ -252,11 +252,15 @@ TEST_P(ProcessTable, WhatBecomesOfAProcessBetweenLooksDistortsNobodysFigures) {
   auto mortal = std::make_unique<const ChildProcess>(spend);
   for (const ChildProcess* child : {&bystander, &changing, mortal.get()}) child->step();
 
+  // Compared with /proc after each look: to both, user and system time never shrink, and their shares shift
+  // with every clock tick, so what one has seen and the other hasn't would stand between them for good.
   const auto before = look();
+  expectAsInProc(changing.pid(), before.at(changing.pid()));
   const pid_t dead = mortal->pid();
   mortal.reset();
   changing.step();
   const auto renamed = look();
+  expectAsInProc(changing.pid(), renamed.at(changing.pid()));
   EXPECT_FALSE(renamed.contains(dead));
   EXPECT_EQ(nameOf(changing.pid()), "renamed");
   const auto spent = [](const rusage_info_v3& usage) { return usage.user_time + usage.system_time; };
@@ -264,7 +268,7 @@ TEST_P(ProcessTable, WhatBecomesOfAProcessBetweenLooksDistortsNobodysFigures) {
               2 * kTicksPerClockTick);
 
   changing.begin();
-  for (int waited = 0; nameOf(changing.pid()) != "sleep" && waited < 6000; ++waited) usleep(10'000);
+  for (int waited = 0; read(changing.pid(), "comm") != "sleep\n" && waited < 6000; ++waited) usleep(10'000);
   changing.waitUntilAsleep();
   const auto after = look();
   for (const auto* looked : {&before, &renamed, &after}) {
