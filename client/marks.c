@@ -1,9 +1,10 @@
 /* Marking operations in the shared region.
  *
  * Who may write a slot is settled in its `reserved` word, which the daemon doesn't read: 0 is free, and a
- * thread takes the slot by a compare-and-swap from 0 to (thread id << 32 | count of the slots that it took).
- * The holder alone writes the other fields. A thread tries the slot first that it used last, so threads
- * don't meet on a cache line, and no slot's fields share one with another's.
+ * thread takes the slot by a compare-and-swap from 0 to (thread id << 32 | turn). Turns count up from the
+ * tick count at the thread's first, so that a later thread with the same id doesn't repeat them. The holder
+ * alone writes the other fields. A thread tries the slot first that it used last, so threads don't meet on a
+ * cache line, and no slot's fields share one with another's.
  *
  * What the daemon does meanwhile, without any lock:
  *   D0 reads the clock;  D1 reads timeoutExempt (seq_cst) and goes on if it is 0;  D2 reads startTime and
@@ -39,7 +40,7 @@ struct thread_state {
   const struct qv_process_page* page;
   uint32_t thread_id;
   uint32_t last_slot;
-  uint32_t slots_taken;
+  uint32_t next_turn;
 };
 
 static _Thread_local struct thread_state this_thread __attribute__((tls_model("initial-exec")));
@@ -74,20 +75,21 @@ static void enter_thread(const struct qv_process_page* page) {
   this_thread.page = page;
   this_thread.thread_id = (uint32_t)gettid();
   this_thread.last_slot = this_thread.thread_id % QV_HANG_SLOT_COUNT;
+  this_thread.next_turn = (uint32_t)qv_ticks_now();
 }
 
 /* Takes a free slot; the word that says so, or 0 when there is none. The slot is this_thread.last_slot. */
 static uint64_t take_slot(const struct qv_process_page* page, QVSharedHangRegion* region) {
   if (this_thread.page != page) enter_thread(page);
   uint32_t index = this_thread.last_slot;
-  const uint64_t owner = (uint64_t)this_thread.thread_id << 32 | this_thread.slots_taken;
+  const uint64_t owner = (uint64_t)this_thread.thread_id << 32 | this_thread.next_turn;
   for (unsigned tried = 0; tried < QV_HANG_SLOT_COUNT; ++tried) {
     uint64_t* word = &region->slots[index].reserved;
     uint64_t unowned = 0;
     if (__atomic_load_n(word, __ATOMIC_RELAXED) == 0 &&
         __atomic_compare_exchange_n(word, &unowned, owner, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
       this_thread.last_slot = index;
-      ++this_thread.slots_taken;
+      ++this_thread.next_turn;
       return owner;
     }
     index = index + 1 == QV_HANG_SLOT_COUNT ? 0 : index + 1;
