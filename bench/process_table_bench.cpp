@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "perfstats/perf_snapshot.h"
-#include "platform/linux/process_table.h"
+#include "platform/linux/processes/process_table.h"
 #include "tests/sim/sim_platform.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <variant>
 
-#include "platform/linux/property_list.h"
+#include "platform/linux/preferences/property_list.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/linux/ipc_limits.h"
-#include "platform/linux/runtime_directory.h"
+#include "platform/linux/base/runtime_directory.h"
+#include "platform/linux/ipc/ipc_limits.h"
 
 namespace quorveld::linux_platform {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/kernel_memory_text.h"
+#include "platform/linux/memory/kernel_memory_text.h"
 
 #include <gtest/gtest.h>
 

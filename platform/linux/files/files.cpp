@@ -1,0 +1,161 @@
+#include "platform/linux/files/files.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <utility>
+
+#include "platform/linux/base/file_bytes.h"
+#include "platform/linux/base/root_path.h"
+#include "platform/linux/base/unique_fd.h"
+#include "platform/linux/files/json_serializer.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+constexpr mode_t kFileMode = 0644;
+
+class LinuxFile final : public platform::File {
+ public:
+  explicit LinuxFile(UniqueFd fd) : fd_(std::move(fd)) {}
+
+  int descriptor() const override { return fd_.get(); }
+
+  std::error_code write(std::string_view bytes) override {
+    const ssize_t written = ::write(fd_.get(), bytes.data(), bytes.size());
+    if (written < 0) return lastError();
+    // The disk or the file's size limit was reached within the text.
+    if (static_cast<size_t>(written) != bytes.size())
+      return std::make_error_code(std::errc::no_space_on_device);
+    return {};
+  }
+
+  std::error_code close() override {
+    std::error_code error;
+    if (::fsync(fd_.get()) != 0) error = lastError();
+    // The descriptor is gone whatever close(2) answers.
+    if (::close(fd_.release()) != 0 && !error) error = lastError();
+    return error;
+  }
+
+ private:
+  UniqueFd fd_;
+};
+
+std::error_code resultOf(int status) {
+  return status == 0 ? std::error_code() : lastError();
+}
+
+/// Gives `from` the name `to` unless something has it already; both on one file system.
+std::error_code renameWithoutReplacing(const char* from, const char* to) {
+  const std::error_code error = resultOf(::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE));
+  // What a file system answers that knows no flags, and a kernel that lacks the call.
+  if (error != std::errc::invalid_argument && error != std::errc::function_not_supported) return error;
+  if (::link(from, to) != 0) return lastError();
+  return resultOf(::unlink(from));
+}
+
+std::error_code renameReplacing(const char* from, const char* to) {
+  return resultOf(::rename(from, to));
+}
+
+/// How the finished copy gets its name.
+using Renaming = std::error_code (*)(const char* from, const char* to);
+
+std::error_code copyContents(int from, int to) {
+  for (;;) {
+    constexpr size_t kStepBytes = 1U << 20U;
+    const ssize_t copied = ::sendfile(to, from, nullptr, kStepBytes);
+    if (copied == 0) return {};
+    if (copied < 0 && errno != EINTR) return lastError();
+  }
+}
+
+std::error_code moveAcrossFileSystems(const std::string& from, const std::string& to, Renaming rename) {
+  const UniqueFd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status {};
+  if (!source || ::fstat(source.get(), &status) != 0) return lastError();
+  if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::cross_device_link);
+  std::error_code error;
+  TemporaryFile copy(directoryOf(to), error);
+  if (!error) error = copyContents(source.get(), copy.descriptor());
+  if (error) return error;
+  if (::fchmod(copy.descriptor(), status.st_mode & 07777U) != 0) return lastError();
+  if (::fsync(copy.descriptor()) != 0) return lastError();
+  error = rename(copy.path().c_str(), to.c_str());
+  if (error) return error;
+  copy.keep();
+  return resultOf(::unlink(from.c_str()));
+}
+
+}  // namespace
+
+platform::EntryKind LinuxFiles::kind(const std::string& path) {
+  struct stat status {};
+  const std::string real = rooted(path);
+  if (::lstat(real.c_str(), &status) != 0) return platform::EntryKind::missing;
+  // A directory that an administrator has put elsewhere is one all the same.
+  if (S_ISLNK(status.st_mode)) (void)::stat(real.c_str(), &status);
+  return S_ISDIR(status.st_mode) ? platform::EntryKind::directory : platform::EntryKind::other;
+}
+
+std::error_code LinuxFiles::makeDirectory(const std::string& path, unsigned mode) {
+  return makeDirectories(rooted(path), mode);
+}
+
+std::error_code LinuxFiles::remove(const std::string& path) {
+  return resultOf(::unlink(rooted(path).c_str()));
+}
+
+void LinuxFiles::removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(rooted(directory), error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code unreadable;
+    const std::string name = entry->path().filename();
+    if (!name.starts_with(prefix) || !name.ends_with(suffix)) continue;
+    if (std::filesystem::is_regular_file(entry->symlink_status(unreadable))) ::unlink(entry->path().c_str());
+  }
+}
+
+std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& path, std::error_code& error) {
+  UniqueFd fd(::open(rooted(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+  // The umask does not cut a report's mode: whoever collects reports may read them.
+  if (!fd || ::fchmod(fd.get(), kFileMode) != 0) {
+    error = lastError();
+    return nullptr;
+  }
+  return std::make_unique<LinuxFile>(std::move(fd));
+}
+
+std::error_code LinuxFiles::move(const std::string& from, const std::string& to) {
+  const std::string source = rooted(from);
+  const std::string target = rooted(to);
+  std::error_code error = renameWithoutReplacing(source.c_str(), target.c_str());
+  if (error == std::errc::cross_device_link) {
+    error = moveAcrossFileSystems(source, target, renameWithoutReplacing);
+  }
+  if (!error) syncDirectory(directoryOf(target));
+  return error;
+}
+
+std::error_code LinuxFiles::rename(const std::string& from, const std::string& to) {
+  const std::string source = rooted(from);
+  const std::string target = rooted(to);
+  const std::error_code error = renameReplacing(source.c_str(), target.c_str());
+  // Folders that are bind mounts of their own, as a sandbox makes them, answer so even on one disk.
+  if (error != std::errc::cross_device_link) return error;
+  return moveAcrossFileSystems(source, target, renameReplacing);
+}
+
+std::optional<std::string> LinuxFiles::serializeJson(const platform::Dictionary& dictionary,
+                                                     std::string& error) {
+  return toJson(dictionary, error);
+}
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,37 @@
+#include "platform/linux/host/trace_library.h"
+
+#include <dlfcn.h>
+
+#include "platform/linux/base/linux_log.h"
+#include "platform/linux/base/root_path.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+class LoadedLibrary final : public platform::TraceLibrary {
+ public:
+  explicit LoadedLibrary(void* handle) : handle_(handle) {}
+  LoadedLibrary(const LoadedLibrary&) = delete;
+  LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+  ~LoadedLibrary() override { ::dlclose(handle_); }
+
+  void* symbol(const char* name) override { return ::dlsym(handle_, name); }
+
+ private:
+  void* handle_;
+};
+
+}  // namespace
+
+std::unique_ptr<platform::TraceLibrary> LinuxTraceLibraryLoader::open(const std::string& path) {
+  void* handle = ::dlopen(rooted(path).c_str(), RTLD_LAZY | RTLD_LOCAL);
+  if (!handle) {
+    const char* reason = ::dlerror();
+    logDebug("Trace library not loaded: %s", reason ? reason : "no reason given");
+    return nullptr;
+  }
+  return std::make_unique<LoadedLibrary>(handle);
+}
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,184 @@
+#include "platform/linux/memory/kernel_memory.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "platform/linux/base/file_bytes.h"
+#include "platform/linux/base/linux_log.h"
+#include "platform/linux/memory/kernel_memory_text.h"
+#include "platform/linux/memory/memory_cgroups.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+using platform::KernelMemoryInfo;
+using platform::memory_info_site;
+using platform::priority_list_entry;
+
+/// The kernel's own texts: bounded all the same, since modules and callers have no fixed number.
+constexpr size_t kMaxFileBytes = 8 * 1024 * 1024;
+
+constexpr size_t kResidentIndex = 0;
+constexpr size_t kFootprintIndex = 1;
+constexpr size_t kLedgerEntries = 2;
+
+constexpr uint64_t kWired = 0x100;
+enum SiteKind : uint64_t { kTag = 0, kExtension = 1, kKernelSite = 2, kCounter = 3 };
+
+/// Tags of wired memory and the lines of /proc/meminfo that hold what they stand for.
+constexpr std::array<std::pair<uint64_t, const char*>, 7> kTagLines = {{
+    {8, "KernelStack"},
+    {9, "Percpu"},
+    {10, "SecPageTables"},
+    {11, "PageTables"},
+    {12, "Slab"},
+    {14, "Zswap"},
+    {24, "Mlocked"},
+}};
+
+enum Counter : uint64_t { kManaged = 0, kReserved = 1, kLowPages = 5, kKernelMap = 6 };
+
+memory_info_site wiredSite(SiteKind kind, uint64_t site, uint64_t sizeBytes) {
+  memory_info_site info{};
+  info.flags = kWired | kind;
+  info.site = site;
+  info.size = sizeBytes;
+  return info;
+}
+
+void addZones(KernelMemoryInfo& info, const std::vector<SlabCache>& caches) {
+  for (const SlabCache& cache : caches) {
+    platform::zone_name name{};
+    std::strncpy(name.name, cache.name.c_str(), sizeof(name.name) - 1);
+    info.zoneNames.push_back(name);
+    platform::zone_info zone{};
+    zone.element_count = cache.objectCount;
+    zone.current_size = cache.sizeBytes;
+    zone.element_size = cache.objectBytes;
+    info.zoneInfos.push_back(zone);
+  }
+}
+
+int32_t oomScoreAdjustment(int32_t pid) {
+  std::error_code error;
+  const auto text = readFile("/proc/" + std::to_string(pid) + "/oom_score_adj", kMaxFileBytes, error);
+  int32_t value = 0;
+  if (text) std::from_chars(text->data(), text->data() + text->size(), value);
+  return value;
+}
+
+}  // namespace
+
+void LinuxKernelMemory::takeLook() {
+  priorities_.clear();
+  look_ = processTables_.records();
+  cursor_ = 0;
+  MemoryCgroups cgroups;
+  for (const ProcessRecord& record : *look_) {
+    const process_sample& sample = record.sample;
+    // Kernel threads and zombies have no memory of their own.
+    if (sample.resident_pages == 0 && sample.footprint_pages == 0) continue;
+    const bool scored = sample.flags & kSampleHasScore;
+    priorities_.push_back({.pid = sample.pid,
+                           .priority = scored ? sample.oom_score_adj : oomScoreAdjustment(sample.pid),
+                           .user_data = 0,
+                           .limit = cgroups.limitMiB(sample.pid, sample.cgroups),
+                           .state = 0});
+  }
+}
+
+int LinuxKernelMemory::priorityList(priority_list_entry* entries, size_t sizeBytes) {
+  if (!entries) takeLook();
+  const size_t wholeBytes = priorities_.size() * sizeof(priority_list_entry);
+  if (!entries) return static_cast<int>(wholeBytes);
+  const size_t filledBytes =
+      std::min(wholeBytes, sizeBytes / sizeof(priority_list_entry) * sizeof(priority_list_entry));
+  std::memcpy(entries, priorities_.data(), filledBytes);
+  return static_cast<int>(filledBytes);
+}
+
+std::optional<std::vector<platform::ledger_template_info>> LinuxKernelMemory::ledgerTemplate() {
+  std::vector<platform::ledger_template_info> entries(kLedgerEntries);
+  entries[kResidentIndex] = {"resident", "physmem", "bytes"};
+  entries[kFootprintIndex] = {"phys_footprint", "physmem", "bytes"};
+  return entries;
+}
+
+bool LinuxKernelMemory::ledger(int32_t pid, platform::ledger_entry_info* entries, size_t count) {
+  const ProcessRecord* record = look_ ? findRecord(*look_, pid, cursor_) : nullptr;
+  if (!record || count < kLedgerEntries) return false;
+  const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  std::fill_n(entries, count, platform::ledger_entry_info{});
+  entries[kResidentIndex].balance = static_cast<int64_t>(record->sample.resident_pages * pageSize);
+  entries[kFootprintIndex].balance = static_cast<int64_t>(record->sample.footprint_pages * pageSize);
+  return true;
+}
+
+std::optional<std::string> LinuxKernelMemory::readOrSay(const char* path) {
+  std::error_code error;
+  auto text = readFile(path, kMaxFileBytes, error);
+  if (text) {
+    refused_.erase(path);
+    return text;
+  }
+  std::string& said = refused_[path];
+  if (said != error.message()) {
+    said = error.message();
+    logDefault("No memory snapshot without %s: %s", path, said.c_str());
+  }
+  return std::nullopt;
+}
+
+std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
+  const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  // The first refusal is enough to say: who may not read the one may seldom read the next.
+  const auto slabInfo = readOrSay("/proc/slabinfo");
+  const auto vmallocInfo = slabInfo ? readOrSay("/proc/vmallocinfo") : std::nullopt;
+  const auto memInfo = vmallocInfo ? readOrSay("/proc/meminfo") : std::nullopt;
+  const auto zoneInfo = memInfo ? readOrSay("/proc/zoneinfo") : std::nullopt;
+  if (!zoneInfo) return std::nullopt;
+  const auto caches = parseSlabInfo(*slabInfo, pageSize);
+  if (!caches) {
+    logDefault("No memory snapshot: /proc/slabinfo is of an unknown version");
+    return std::nullopt;
+  }
+
+  KernelMemoryInfo info;
+  addZones(info, *caches);
+  for (const auto& [tag, line] : kTagLines) {
+    info.sites.push_back(wiredSite(kTag, tag, memInfoBytes(*memInfo, line).value_or(0)));
+  }
+  std::error_code noModules;  // a kernel without loadable modules has no such file
+  extensions_.clear();
+  for (const NamedSize& module :
+       parseModules(readFile("/proc/modules", kMaxFileBytes, noModules).value_or(""))) {
+    const uint64_t loadTag = extensions_.size() + 1;
+    extensions_.emplace(loadTag, module.name);
+    info.sites.push_back(wiredSite(kExtension, loadTag, module.sizeBytes));
+  }
+  callers_.clear();
+  for (const NamedSize& caller : parseVmallocInfo(*vmallocInfo, pageSize)) {
+    info.sites.push_back(wiredSite(kKernelSite, callers_.size(), caller.sizeBytes));
+    callers_.push_back(caller.name);
+  }
+  const ZonePages zones = parseZoneInfo(*zoneInfo);
+  info.sites.push_back(wiredSite(kCounter, kManaged, zones.managed * pageSize));
+  info.sites.push_back(wiredSite(kCounter, kReserved, zones.reserved * pageSize));
+  info.sites.push_back(wiredSite(kCounter, kLowPages, zones.dma * pageSize));
+  info.sites.push_back(wiredSite(kCounter, kKernelMap, memInfoBytes(*memInfo, "VmallocUsed").value_or(0)));
+  return info;
+}
+
+std::optional<std::string> LinuxKernelMemory::symbol(uint64_t address) {
+  return address < callers_.size() ? std::optional(callers_[address]) : std::nullopt;
+}
+
+}  // namespace quorveld::linux_platform

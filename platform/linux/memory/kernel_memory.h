@@ -1,0 +1,47 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/kernel_memory.h"
+#include "platform/linux/processes/process_table.h"
+
+namespace quorveld::linux_platform {
+
+/// Where the machine's memory is, as Linux accounts for it (docs/linux-platform.md has the table).
+///
+/// Zones are slab caches, which only root may see; without them there is no memory information. A refusal is
+/// said once, until what was refused is granted.
+class LinuxKernelMemory final : public platform::KernelMemory {
+ public:
+  /// `processTables` answers footprints and scores and must outlive this object.
+  explicit LinuxKernelMemory(LinuxProcessTables& processTables) : processTables_(processTables) {}
+
+  /// Every process that has memory of its own, with oom_score_adj as priority and its memory cgroup's limit.
+  /// Asking for the size takes the look that the next fetch and the ledgers answer from.
+  int priorityList(platform::priority_list_entry* entries, size_t sizeBytes) override;
+  std::optional<std::vector<platform::ledger_template_info>> ledgerTemplate() override;
+  bool ledger(int32_t pid, platform::ledger_entry_info* entries, size_t count) override;
+  std::optional<platform::KernelMemoryInfo> memoryInfo() override;
+  platform::ExtensionMap loadedExtensions() override { return extensions_; }
+  std::optional<std::string> symbol(uint64_t address) override;
+
+ private:
+  void takeLook();
+  std::optional<std::string> readOrSay(const char* path);
+
+  LinuxProcessTables& processTables_;
+  std::shared_ptr<const ProcessRecords> look_;
+  size_t cursor_ = 0;  ///< where in `look_` a ledger was last found
+  std::vector<platform::priority_list_entry> priorities_;
+
+  // Of the last memoryInfo: the kernel hides addresses, so sites are numbered in the order of their size.
+  platform::ExtensionMap extensions_;
+  std::vector<std::string> callers_;
+
+  std::map<std::string, std::string, std::less<>> refused_;  ///< path to reason, as last said
+};
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,82 @@
+#include "platform/linux/outputs/prometheus_text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "platform/linux/base/utf8.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+std::string number(double value) {
+  std::array<char, 32> digits;
+  return {digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr};
+}
+
+std::string labelValue(std::string_view key) {
+  std::string text;
+  for (const char c : wellFormedUtf8(key)) {
+    if (c == '\\' || c == '"') text += '\\';
+    if (c == '\n') {
+      text += "\\n";
+    } else {
+      text += c;
+    }
+  }
+  return text;
+}
+
+void appendFamily(std::string& text, const char* name, const char* type, const char* help) {
+  text.append("# HELP ").append(name).append(" ").append(help).append("\n");
+  text.append("# TYPE ").append(name).append(" ").append(type).append("\n");
+}
+
+void appendHistogram(std::string& text, const std::string& key, const Distribution& distribution) {
+  const std::string label = "{key=\"" + labelValue(key) + "\"";
+  uint64_t upTo = 0;
+  for (size_t i = 0; i < distribution.buckets.size(); ++i) {
+    upTo += distribution.buckets[i];
+    const std::string bound = i < kBucketBoundsMs.size() ? number(kBucketBoundsMs[i]) : "+Inf";
+    text.append("quorveld_distribution_ms_bucket").append(label).append(",le=\"").append(bound);
+    text.append("\"} ").append(std::to_string(upTo)).append("\n");
+  }
+  text += "quorveld_distribution_ms_sum" + label + "} " + number(distribution.sum) + "\n";
+  text += "quorveld_distribution_ms_count" + label + "} " + std::to_string(distribution.count) + "\n";
+}
+
+template <typename Values>
+void appendValues(std::string& text, const char* name, const Values& values) {
+  for (const auto& [key, value] : values) {
+    text.append(name).append("{key=\"" + labelValue(key) + "\"} " + std::to_string(value) + "\n");
+  }
+}
+
+}  // namespace
+
+void Distribution::add(double value) {
+  const auto bucket = std::lower_bound(kBucketBoundsMs.begin(), kBucketBoundsMs.end(), value);
+  ++buckets[static_cast<size_t>(bucket - kBucketBoundsMs.begin())];
+  ++count;
+  sum += value;
+}
+
+std::string prometheusText(const Metrics& metrics) {
+  std::string text;
+  if (!metrics.scalars.empty()) {
+    appendFamily(text, "quorveld_scalar", "gauge", "The value last set under the key.");
+    appendValues(text, "quorveld_scalar", metrics.scalars);
+  }
+  if (!metrics.counters.empty()) {
+    appendFamily(text, "quorveld_counter_total", "counter", "What was added under the key since the start.");
+    appendValues(text, "quorveld_counter_total", metrics.counters);
+  }
+  if (!metrics.distributions.empty()) {
+    appendFamily(text, "quorveld_distribution_ms", "histogram", "Durations reported under the key.");
+    for (const auto& [key, distribution] : metrics.distributions) appendHistogram(text, key, distribution);
+  }
+  return text;
+}
+
+}  // namespace quorveld::linux_platform

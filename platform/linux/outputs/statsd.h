@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/base/unique_fd.h"
+
+namespace quorveld::linux_platform {
+
+/// `key` with what separates StatsD's fields, blanks and control characters replaced by '_'.
+std::string statsdName(std::string_view key);
+
+/// Where `target` names a host and a port: both, brackets around the host taken away; else both empty.
+struct HostAndPort {
+  std::string host;
+  std::string port;
+};
+HostAndPort parseHostAndPort(std::string_view target);
+
+/// Sends StatsD datagrams, each once and never waiting: what the socket doesn't take is lost.
+///
+/// One thread at a time. A host's name is looked up once, in the constructor, which may take as long as the
+/// resolver does.
+class StatsdSender {
+ public:
+  /// To nobody.
+  StatsdSender() = default;
+
+  /// To `target`: the absolute path of a datagram socket, or host:port. A target that can't be used is logged
+  /// and nothing is ever sent.
+  explicit StatsdSender(std::string_view target);
+
+  void gauge(std::string_view key, int64_t value);
+  void counter(std::string_view key, int64_t amount);
+  void timing(std::string_view key, double valueMs);
+
+ private:
+  bool resolvePath(std::string_view path);
+  bool resolveHost(std::string_view target);
+  void send(const std::string& datagram);
+
+  UniqueFd socket_;
+  sockaddr_storage address_{};
+  socklen_t addressLength_ = 0;
+};
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,240 @@
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "platform/linux/base/linux_log.h"
+#include "platform/linux/base/unique_fd.h"
+#include "platform/linux/processes/bpf_object.h"
+#include "platform/linux/processes/process_table_source.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+/// The array starts with room for this many processes, and grows to what a pass needed and this share more.
+constexpr uint32_t kMinCapacity = 512;
+constexpr uint32_t kHeadroomShare = 4;
+/// An array of which less than this part was used is replaced by a smaller one.
+constexpr uint32_t kOversizedFactor = 8;
+/// Above any kernel's thread-max: a pass that asks for more is not believed.
+constexpr uint32_t kMaxCapacity = 1 << 22;
+/// How often a pass is repeated because processes were born faster than the array grew.
+constexpr int kMaxPasses = 4;
+
+/// What the kernel's verifier may say of a program: why it refuses it, or how long it took. Without a buffer
+/// of ours libbpf has a refused program verified again and again, for a log of each instruction in a buffer
+/// that doubles: seconds, where one refusal takes milliseconds.
+constexpr size_t kVerifierLogBytes = 4096;
+/// BPF_LOG_STATS of the kernel (linux/bpf_verifier.h): errors and statistics, no instructions.
+constexpr uint32_t kVerifierLogLevel = 4;
+
+/// The inode of the initial PID namespace (include/uapi/linux/nsfs.h): elsewhere the kernel's pids are not
+/// ours.
+constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
+
+[[gnu::format(printf, 2, 0)]] int logLibbpf(libbpf_print_level level, const char* format, va_list arguments) {
+  if (level == LIBBPF_DEBUG) return 0;
+  std::array<char, 512> line;
+  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+  logDebug("Process table: %s", line.data());
+  return length;
+}
+
+std::string reasonOf(const char* what, int error) {
+  if (error == EPERM) return "BPF: Operation not permitted, it takes CAP_BPF and CAP_PERFMON";
+  return std::string(what) + ": " + std::strerror(error);
+}
+
+/// libbpf's option structs tell their own size, so that an older library knows which fields there are.
+template <typename Options>
+Options noOptions() {
+  Options options{};
+  options.sz = sizeof(options);
+  return options;
+}
+
+/// A BPF array's values, mapped into this process; unmapped on destruction.
+class MappedArray {
+ public:
+  MappedArray() = default;
+  /// Null, with errno set, on failure.
+  MappedArray(int map, size_t lengthBytes, int protection) : lengthBytes_(lengthBytes) {
+    void* address = mmap(nullptr, lengthBytes, protection, MAP_SHARED, map, 0);
+    if (address != MAP_FAILED) address_ = address;
+  }
+  MappedArray(MappedArray&& other) noexcept { *this = std::move(other); }
+  MappedArray& operator=(MappedArray&& other) noexcept {
+    std::swap(address_, other.address_);
+    std::swap(lengthBytes_, other.lengthBytes_);
+    return *this;
+  }
+  ~MappedArray() {
+    if (address_) munmap(address_, lengthBytes_);
+  }
+
+  explicit operator bool() const { return address_ != nullptr; }
+  template <typename Value>
+  Value* as() const {
+    return static_cast<Value*>(address_);
+  }
+
+ private:
+  void* address_ = nullptr;
+  size_t lengthBytes_ = 0;
+};
+
+struct CloseObject {
+  void operator()(bpf_object* object) const { bpf_object__close(object); }
+};
+struct DestroyLink {
+  void operator()(bpf_link* link) const { bpf_link__destroy(link); }
+};
+
+class BpfSource final : public ProcessSource {
+ public:
+  explicit BpfSource(BpfPass pass) : pass_(pass) {}
+
+  const char* name() const override {
+    return pass_ == BpfPass::taskWalk ? "BPF (task walk)" : "BPF (task iterator)";
+  }
+
+  /// Empty on success, else the reason.
+  std::string load();
+
+  std::span<const process_sample> read(const ProcessRecords& before) override;
+
+ private:
+  bool resize(uint32_t capacity);
+  /// 0 or an errno.
+  int run();
+  int runIterator();
+
+  const BpfPass pass_;
+  std::unique_ptr<bpf_object, CloseObject> object_;
+  std::unique_ptr<bpf_link, DestroyLink> link_;
+  int program_ = -1;  // both owned by object_
+  int sampleArrays_ = -1;
+  MappedArray shared_;  // one sample_pass
+  MappedArray samples_;
+  uint32_t capacity_ = 0;
+  uint32_t wanted_ = kMinCapacity;
+  bool oversized_ = false;
+  bool failing_ = false;
+};
+
+std::string BpfSource::load() {
+  const bool walks = pass_ == BpfPass::taskWalk;
+  const unsigned char* begin = walks ? quorveld_task_walk_begin : quorveld_task_iterator_begin;
+  const unsigned char* end = walks ? quorveld_task_walk_end : quorveld_task_iterator_end;
+  auto options = noOptions<bpf_object_open_opts>();
+  options.object_name = walks ? "task_walk" : "task_iterator";
+  object_.reset(bpf_object__open_mem(begin, static_cast<size_t>(end - begin), &options));
+  if (!object_) return reasonOf("BPF object", errno);
+  bpf_program* program = bpf_object__next_program(object_.get(), nullptr);
+  std::array<char, kVerifierLogBytes> verifierLog{};
+  bpf_program__set_log_level(program, kVerifierLogLevel);
+  bpf_program__set_log_buf(program, verifierLog.data(), verifierLog.size());
+  if (const int error = bpf_object__load(object_.get())) return reasonOf(name(), -error);
+  program_ = bpf_program__fd(program);
+  sampleArrays_ = bpf_object__find_map_fd_by_name(object_.get(), "sample_arrays");
+  const int shared = bpf_object__find_map_fd_by_name(object_.get(), ".data.pass");
+  if (shared < 0 || sampleArrays_ < 0) return "BPF object: maps are missing";
+  shared_ = MappedArray(shared, sizeof(sample_pass), PROT_READ | PROT_WRITE);
+  if (!shared_) return reasonOf("BPF object", errno);
+  const int cpus = libbpf_num_possible_cpus();
+  shared_.as<sample_pass>()->cpu_count = cpus > 0 && cpus <= kSampleMaxCpus ? static_cast<uint32_t>(cpus) : 0;
+
+  if (pass_ == BpfPass::taskIterator) {
+    link_.reset(bpf_program__attach_iter(program, nullptr));
+    if (!link_) return reasonOf("BPF task iterator", errno);
+  }
+  if (!resize(kMinCapacity)) return reasonOf("BPF array", errno);
+  return {};
+}
+
+bool BpfSource::resize(uint32_t capacity) {
+  auto options = noOptions<bpf_map_create_opts>();
+  options.map_flags = BPF_F_MMAPABLE | BPF_F_INNER_MAP;
+  const UniqueFd map(bpf_map_create(BPF_MAP_TYPE_ARRAY, "process_samples", sizeof(uint32_t),
+                                    sizeof(process_sample), capacity, &options));
+  if (!map) return false;
+  MappedArray samples(map.get(), capacity * sizeof(process_sample), PROT_READ);
+  const uint32_t zero = 0;
+  const int fd = map.get();
+  if (!samples || bpf_map_update_elem(sampleArrays_, &zero, &fd, BPF_ANY) != 0) return false;
+  samples_ = std::move(samples);
+  capacity_ = capacity;
+  return true;
+}
+
+int BpfSource::runIterator() {
+  const UniqueFd pass(bpf_iter_create(bpf_link__fd(link_.get())));
+  if (!pass) return errno;
+  std::array<char, 64> nothing;  // the program writes no text
+  ssize_t length = 0;
+  do {
+    length = ::read(pass.get(), nothing.data(), nothing.size());
+  } while (length > 0 || (length < 0 && (errno == EAGAIN || errno == EINTR)));
+  return length < 0 ? errno : 0;
+}
+
+int BpfSource::run() {
+  if (pass_ == BpfPass::taskIterator) return runIterator();
+  auto options = noOptions<bpf_test_run_opts>();
+  return bpf_prog_test_run_opts(program_, &options) == 0 ? 0 : errno;
+}
+
+std::span<const process_sample> BpfSource::read(const ProcessRecords&) {
+  volatile sample_pass& pass = *shared_.as<sample_pass>();  // the program's to write while `run` lasts
+  std::string problem = "processes are born too fast";
+  if (oversized_) resize(wanted_);  // the old array serves on when there is no other
+  for (int attempt = 0; attempt < kMaxPasses; ++attempt) {
+    pass.sample_count = 0;
+    pass.last_pid = 0;
+    const int error = run();
+    const uint32_t count = pass.sample_count;
+    wanted_ = std::max(count + count / kHeadroomShare, kMinCapacity);
+    oversized_ = capacity_ / kOversizedFactor > wanted_;
+    if (error == 0 && count > 0 && count <= capacity_) {
+      failing_ = false;
+      return {samples_.as<const process_sample>(), count};
+    }
+    if (error != 0 || count == 0 || count > kMaxCapacity || !resize(wanted_)) {
+      problem = error != 0 ? std::strerror(error) : count == 0 ? "no process seen" : std::strerror(errno);
+      break;
+    }
+  }
+  if (!failing_) logDefault("Process table: %s failed: %s", name(), problem.c_str());
+  failing_ = true;
+  return {};
+}
+
+}  // namespace
+
+std::unique_ptr<ProcessSource> openBpfSource(BpfPass pass, std::string& why) {
+  static std::once_flag quiet;
+  std::call_once(quiet, [] { libbpf_set_print(logLibbpf); });
+  struct stat pidNamespace {};
+  if (stat("/proc/self/ns/pid", &pidNamespace) != 0 || pidNamespace.st_ino != kInitialPidNamespace) {
+    why = "BPF: not in the initial PID namespace";
+    return nullptr;
+  }
+  auto source = std::make_unique<BpfSource>(pass);
+  why = source->load();
+  // A kernel may take the program and then not run it.
+  if (why.empty() && source->read({}).empty()) why = std::string(source->name()) + ": the first pass failed";
+  if (why.empty()) return source;
+  return nullptr;
+}
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "platform/linux/processes/process_table_records.h"
+#include "platform/linux/processes/process_table_source.h"
+#include "platform/process_table.h"
+
+namespace quorveld::linux_platform {
+
+/// Linux's processes, kernel threads included, through the fastest source that kernel and privileges allow.
+///
+/// From any thread: looks are taken one after another. A look's answers are all of its one pass, whatever
+/// becomes of a process afterwards. Kept between looks is the last one alone, from which the next one tells
+/// how much each process has spent: it holds live processes only, so it can't grow beyond them.
+class LinuxProcessTables final : public platform::ProcessTables {
+ public:
+  /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
+  /// milliseconds and a megabyte, which a daemon that takes no snapshots has no use for.
+  LinuxProcessTables() = default;
+
+  /// With this source and no other.
+  explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source) : source_(std::move(source)) {}
+
+  ~LinuxProcessTables() override;
+
+  /// On a thread that ends with it. Takes a first look as well, so that arrays are as large as this machine
+  /// needs them.
+  void prepare() override;
+  [[nodiscard]] std::unique_ptr<platform::ProcessTable> look() override;
+
+  /// What a look reads, for those who want more than the interface tells; empty on failure.
+  [[nodiscard]] std::shared_ptr<const ProcessRecords> records();
+
+ private:
+  /// What a new look sees; with the lock held.
+  std::shared_ptr<const ProcessRecords> read();
+
+  std::mutex mutex_;
+  std::thread preparation_;
+  std::unique_ptr<ProcessSource> source_;
+  std::shared_ptr<const ProcessRecords> last_ = std::make_shared<ProcessRecords>();
+};
+
+}  // namespace quorveld::linux_platform

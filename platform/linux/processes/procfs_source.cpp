@@ -1,0 +1,147 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "platform/linux/base/linux_log.h"
+#include "platform/linux/processes/process_table_source.h"
+#include "platform/linux/processes/procfs_parse.h"
+#include "platform/linux/processes/procfs_reader.h"
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+/// "4194304/task/4194304/stat", the longest path below /proc that is read, and its NUL.
+constexpr size_t kPathBytes = 40;
+
+/// Reads stat, status and io of each process; of the threads only where there are several and CPU was spent,
+/// since nothing else depends on them.
+class ProcfsSource final : public ProcessSource {
+ public:
+  const char* name() const override { return "procfs"; }
+  bool usable() const { return static_cast<bool>(proc_); }
+
+  std::span<const process_sample> read(const ProcessRecords& before) override {
+    samples_.clear();
+    size_t cursor = 0;
+    proc_.forEachNumber([&](int32_t pid) {
+      process_sample sample{};
+      sample.pid = pid;
+      if (readProcess(sample, before, cursor)) samples_.push_back(sample);
+    });
+    return samples_;
+  }
+
+ private:
+  std::string_view readFileOf(int32_t pid, const char* file) {
+    char path[kPathBytes];
+    std::snprintf(path, sizeof(path), "%d/%s", pid, file);
+    return proc_.read(path);
+  }
+
+  /// False when the process has gone in between.
+  bool readProcess(process_sample& sample, const ProcessRecords& before, size_t& cursor) {
+    const std::optional<ProcfsStat> stat = parseStat(readFileOf(sample.pid, "stat"));
+    if (!stat) return false;
+    setFromStat(sample, *stat);
+
+    const ProcessRecord* last = findRecord(before, sample.pid, cursor);
+    if (last && last->sample.start_ns != sample.start_ns) last = nullptr;
+    if (stat->threadCount <= 1) {
+      sample.class_runtime_ns[sample.leader_class] = sample.runtime_ns;
+    } else if (sample.runtime_ns == (last ? last->sample.runtime_ns : 0)) {
+      sample.flags |= kSampleClassesUnknown;
+    } else {
+      readThreads(sample);
+    }
+    return (stat->isKernelThread() || readMemory(sample)) && readIo(sample);
+  }
+
+  void setFromStat(process_sample& sample, const ProcfsStat& stat) const {
+    const std::string_view comm = commOf(stat);
+    std::memcpy(sample.comm, comm.data(), comm.size());
+    sample.flags = kSampleHasLeader;
+    sample.leader_class = qosClassOf(stat.policy, stat.nice, stat.isKernelThread());
+    sample.start_ns = stat.startTicks * tickNs_;
+    // The kernel has scaled them already: what it answered last is what it answers now.
+    sample.prev_utime_ns = sample.utime_ns = stat.userTicks * tickNs_;
+    sample.prev_stime_ns = sample.stime_ns = stat.systemTicks * tickNs_;
+    sample.runtime_ns = sample.utime_ns + sample.stime_ns;
+    sample.child_utime_ns = stat.childUserTicks * tickNs_;
+    sample.child_stime_ns = stat.childSystemTicks * tickNs_;
+    sample.major_faults = stat.majorFaults;
+    sample.child_major_faults = stat.childMajorFaults;
+  }
+
+  void readThreads(process_sample& sample) {
+    char path[kPathBytes];
+    std::snprintf(path, sizeof(path), "/proc/%d/task", sample.pid);
+    ProcfsReader threads(path);
+    if (!threads) return;
+    threads.forEachNumber([&](int32_t tid) {
+      char file[kPathBytes];
+      std::snprintf(file, sizeof(file), "%d/stat", tid);
+      const std::optional<ProcfsStat> stat = parseStat(threads.read(file));
+      if (!stat) return;
+      const qos_class held = qosClassOf(stat->policy, stat->nice, stat->isKernelThread());
+      sample.class_runtime_ns[held] += (stat->userTicks + stat->systemTicks) * tickNs_;
+    });
+  }
+
+  bool readMemory(process_sample& sample) {
+    const std::string_view text = readFileOf(sample.pid, "status");
+    if (text.empty()) return false;
+    const ProcfsStatus status = parseStatus(text);
+    sample.resident_pages = status.residentKb / pageKb_;
+    sample.footprint_pages = (status.anonymousKb + status.swappedKb) / pageKb_;
+    sample.locked_pages = status.lockedKb / pageKb_;
+    return true;
+  }
+
+  /// I/O is told to those who might trace the process (ptrace(2)): to others it reads as 0.
+  bool readIo(process_sample& sample) {
+    const std::string_view text = readFileOf(sample.pid, "io");
+    if (text.empty()) {
+      if (errno != EACCES && errno != EPERM) return errno != ENOENT && errno != ESRCH;
+      if (!saidIoRefused_) {
+        logDefault(
+            "Process table: /proc/PID/io of others can't be read without CAP_SYS_PTRACE, their disk I/O "
+            "counts "
+            "as 0");
+      }
+      saidIoRefused_ = true;
+      return true;
+    }
+    const ProcfsIo io = parseIo(text);
+    sample.read_bytes = io.readBytes;
+    sample.write_bytes = io.writeBytes;
+    return true;
+  }
+
+  ProcfsReader proc_{"/proc"};
+  const uint64_t tickNs_ = 1'000'000'000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+  const uint64_t pageKb_ = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+  bool saidIoRefused_ = false;
+  std::vector<process_sample> samples_;
+};
+
+}  // namespace
+
+std::unique_ptr<ProcessSource> openProcfsSource(std::string& why) {
+  auto source = std::make_unique<ProcfsSource>();
+  if (source->usable()) {
+    // Everybody may read that of process 1, unless /proc is mounted with hidepid (proc(5)).
+    if (access("/proc/1/stat", R_OK) != 0) {
+      logDefault("Process table: /proc hides the processes of others (hidepid), snapshots are without them");
+    }
+    return source;
+  }
+  why = std::string("/proc: ") + std::strerror(errno);
+  return nullptr;
+}
+
+}  // namespace quorveld::linux_platform

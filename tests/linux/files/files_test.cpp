@@ -1,0 +1,140 @@
+#include "platform/linux/files/files.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "tests/linux/scratch_root.h"
+
+namespace quorveld::linux_platform {
+namespace {
+
+using platform::EntryKind;
+
+class Files : public testing::Test {
+ protected:
+  /// A file of the daemon's holding `text`.
+  void make(const std::string& path, const std::string& text) {
+    std::error_code error;
+    const auto file = files_.createProtected(path, error);
+    ASSERT_TRUE(file) << error.message();
+    EXPECT_FALSE(file->write(text));
+    EXPECT_FALSE(file->close());
+  }
+  size_t entriesIn(const std::string& path) const {
+    const std::filesystem::directory_iterator entries(root_ / path);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+  }
+
+  const ScratchRoot root_;
+  LinuxFiles files_;
+};
+
+TEST_F(Files, AreMadeWithTheirModeWithoutTruncationAndNeverThroughALink) {
+  const mode_t before = ::umask(0077);
+  make("/report", "first, long");
+  ::umask(before);
+  struct stat status {};
+  ASSERT_EQ(::stat((root_ / "report").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0644U);
+  make("/report", "second");
+  EXPECT_EQ(root_.read("report"), "second long");
+
+  root_.write("victim", "untouched");
+  std::filesystem::create_symlink(root_ / "victim", root_ / "link");
+  std::filesystem::create_symlink(root_ / "nowhere", root_ / "dangling");
+  for (const char* path : {"/link", "/dangling"}) {
+    std::error_code error;
+    EXPECT_FALSE(files_.createProtected(path, error));
+    EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
+    EXPECT_EQ(files_.kind(path), EntryKind::other);
+  }
+  EXPECT_FALSE(root_.exists("nowhere"));
+}
+
+TEST_F(Files, DirectoriesAreMadeWithWhatIsMissingAboveThem) {
+  EXPECT_EQ(files_.kind("/var"), EntryKind::missing);
+  EXPECT_FALSE(files_.makeDirectory("/var/root/Library", 0755));
+  EXPECT_EQ(files_.kind("/var/root/Library"), EntryKind::directory);
+  EXPECT_EQ(files_.makeDirectory("/var/root/Library", 0755), std::errc::file_exists);
+  make("/var/plain", "");
+  EXPECT_EQ(files_.makeDirectory("/var/plain/below", 0755), std::errc::not_a_directory);
+  EXPECT_FALSE(files_.remove("/var/plain"));
+  EXPECT_EQ(files_.remove("/var/plain"), std::errc::no_such_file_or_directory);
+}
+
+TEST_F(Files, MoveKeepsWhatIsThereAndRenameReplacesIt) {
+  make("/a", "a");
+  make("/b", "b");
+  EXPECT_EQ(files_.move("/a", "/b"), std::errc::file_exists);
+  EXPECT_EQ(root_.read("b"), "b");
+  EXPECT_FALSE(files_.move("/a", "/c"));
+  EXPECT_EQ(root_.read("c"), "a");
+  EXPECT_FALSE(root_.exists("a"));
+  EXPECT_FALSE(files_.rename("/c", "/b"));
+  EXPECT_EQ(root_.read("b"), "a");
+}
+
+TEST_F(Files, MoveAndRenameCrossFileSystemsWithTheSamePromises) {
+  std::string other = "/dev/shm/quorveld-XXXXXX";
+  struct stat here {};
+  struct stat there {};
+  if (!::mkdtemp(other.data()) || ::stat((root_ / "").c_str(), &here) != 0 ||
+      ::stat(other.c_str(), &there) != 0 || here.st_dev == there.st_dev) {
+    GTEST_SKIP() << "/dev/shm is no other file system";
+  }
+  std::filesystem::create_directory_symlink(other, root_ / "spool");
+  const std::string text(3'000'000, 'x');
+  make("/a", text);
+  EXPECT_FALSE(files_.move("/a", "/spool/a"));
+  EXPECT_EQ(root_.read("spool/a"), text);
+  EXPECT_FALSE(root_.exists("a"));
+
+  make("/b", "b");
+  EXPECT_EQ(files_.move("/b", "/spool/a"), std::errc::file_exists);
+  EXPECT_EQ(root_.read("spool/a").size(), text.size());
+  std::filesystem::create_symlink(root_ / "b", root_ / "link");
+  EXPECT_TRUE(files_.move("/link", "/spool/link"));
+  EXPECT_EQ(root_.read("b"), "b");
+  EXPECT_FALSE(files_.rename("/b", "/spool/a"));
+  EXPECT_EQ(root_.read("spool/a"), "b");
+  EXPECT_FALSE(root_.exists("b"));
+  EXPECT_EQ(entriesIn("spool"), 1u);  // and no copy half done
+  std::filesystem::remove_all(other);
+}
+
+TEST_F(Files, WriteThatDoesNotFitIsAnError) {
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small{4096, before.rlim_max};
+  const auto ignored = ::signal(SIGXFSZ, SIG_IGN);
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  std::error_code error;
+  const auto file = files_.createProtected("/report", error);
+  ASSERT_TRUE(file);
+  EXPECT_FALSE(file->write(std::string(4000, 'x')));
+  EXPECT_TRUE(file->write(std::string(4000, 'x')));
+  EXPECT_TRUE(file->write("x"));
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  ::signal(SIGXFSZ, ignored);
+}
+
+TEST_F(Files, JsonKeepsItsOrderAndRefusesWhatIsNoUtf8) {
+  using platform::Value;
+  const platform::Dictionary dictionary = {
+      {"Reason", Value{std::string("h\u00e4ngt\n\"1\"")}},
+      {"PID", Value{int64_t{-1}}},
+      {"Array", Value{platform::Array{Value{uint64_t{18446744073709551615U}}, Value{true}, Value{0.5}}}},
+      {"Empty", Value{platform::Dictionary{}}}};
+  std::string error;
+  EXPECT_EQ(files_.serializeJson(dictionary, error),
+            "{\"Reason\":\"h\u00e4ngt\\n\\\"1\\\"\",\"PID\":-1,"
+            "\"Array\":[18446744073709551615,true,0.5],\"Empty\":{}}");
+  EXPECT_EQ(files_.serializeJson({{"Reason", Value{std::string("\xff")}}}, error), std::nullopt);
+  EXPECT_FALSE(error.empty());
+}
+
+}  // namespace
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,208 @@
+#include "platform/linux/logs/logs.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <new>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/base/unique_fd.h"
+#include "platform/linux/logs/log_sink.h"
+#include "tests/linux/scratch_root.h"
+
+namespace {
+std::atomic<long> allocations{0};
+}  // namespace
+
+// Counts what the whole program takes from the heap.
+[[gnu::noinline]] void* operator new(size_t size) {
+  ++allocations;
+  if (void* const memory = malloc(size ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
+  free(memory);
+}
+
+namespace quorveld::linux_platform {
+namespace {
+
+using platform::LogLevel;
+
+/// Stands in for stderr while it lives: a pipe large enough for a test's lines, whose every write can be told
+/// apart.
+class CapturedStderr {
+ public:
+  CapturedStderr() : saved_(dup(STDERR_FILENO)) {
+    std::array<int, 2> ends;
+    // Datagrams: one read is one write.
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+    reader_.reset(ends[0]);
+    dup2(ends[1], STDERR_FILENO);
+    ::close(ends[1]);
+  }
+  ~CapturedStderr() { dup2(saved_.get(), STDERR_FILENO); }
+
+  /// What each write since the last call wrote.
+  std::vector<std::string> writes() const {
+    std::vector<std::string> result;
+    std::string buffer(1 << 18, '\0');
+    for (;;) {
+      const ssize_t length = recv(reader_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+      if (length <= 0) return result;
+      result.push_back(buffer.substr(0, static_cast<size_t>(length)));
+    }
+  }
+  void closeReader() { reader_.reset(); }
+
+ private:
+  UniqueFd saved_;
+  UniqueFd reader_;
+};
+
+TEST(Logs, LineIsOneWriteWithNothingInItThatForgesAnother) {
+  CapturedStderr captured;
+  unsetenv("QUORVELD_LOG");
+  LinuxLogs logs;
+  platform::LogHandle& app = logs.handle("com.corvix.quorvel", "app");
+  EXPECT_EQ(&app, &logs.handle("com.corvix.quorvel", "app"));
+  EXPECT_NE(&app, &logs.handle("com.corvix.quorvel", ""));
+  app.write(LogLevel::standard, "a\n2026 default forged\r\x1b[2J\t\xc2\x9bz \xc3\xa9\n\n");
+  logs.handle("com.corvix.quorvel", "").write(LogLevel::info, std::string(5000, 'x'));
+  logs.system("");
+  app.write(LogLevel::debug, "not shown");
+  app.signpostIntervalBegin(42, "appLaunch");
+
+  const std::vector<std::string> lines = captured.writes();
+  ASSERT_EQ(lines.size(), 4u);
+  const std::string time = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )";
+  const auto matches = [&](size_t i, const std::string& rest) {
+    return std::regex_match(lines[i], std::regex(time + rest + "\n")) || (ADD_FAILURE() << lines[i], false);
+  };
+  matches(0, R"(default com\.corvix\.quorvel:app a\\n2026 default forged\\x0d\\x1b\[2J\\t\\x9bz é)");
+  matches(1, R"(info com\.corvix\.quorvel x{5000})");
+  matches(2, "default ");
+  matches(3, R"(info com\.corvix\.quorvel:app signpost begin 42 appLaunch)");
+}
+
+TEST(Logs, EnvironmentChoosesWhatIsShown) {
+  struct Case {
+    const char* value;
+    size_t lines;
+    bool info, debug;
+  };
+  for (const Case& each : {Case{"default", 1, false, false}, Case{"info", 2, true, false},
+                           Case{"debug", 3, true, true}, Case{"loud", 3, true, false}}) {
+    CapturedStderr captured;
+    setenv("QUORVELD_LOG", each.value, 1);
+    LinuxLogs logs;
+    platform::LogHandle& log = logs.handle("s", "c");
+    EXPECT_EQ(log.enabled(LogLevel::info), each.info) << each.value;
+    EXPECT_EQ(log.enabled(LogLevel::debug), each.debug) << each.value;
+    for (const LogLevel level : {LogLevel::standard, LogLevel::info, LogLevel::debug})
+      log.write(level, "line");
+    std::vector<std::string> lines = captured.writes();
+    std::erase_if(lines,
+                  [](const std::string& line) { return line.find("trace_marker") != std::string::npos; });
+    EXPECT_EQ(lines.size(), each.lines) << each.value;
+  }
+  unsetenv("QUORVELD_LOG");
+}
+
+TEST(Logs, SignpostsMarkTheFlightRecordersTraceWhileItRuns) {
+  const ScratchRoot root;
+  const CapturedStderr captured;
+  LinuxLogs logs;
+  platform::LogHandle& launches = logs.handle("com.corvix.quorvel", "a|b");
+  const std::string marker = "run/kelvane/instance/trace_marker";
+  root.write(marker, "");
+  EXPECT_TRUE(launches.signpostsEnabled());
+  launches.signpostIntervalBegin(42, "appLaunch");
+  EXPECT_EQ(root.read(marker), "S|" + std::to_string(getpid()) + "|a_b|42");
+  std::filesystem::remove(root / marker);
+  launches.signpostIntervalEnd(42, "appLaunch");  // the recorder has stopped: to everybody's trace, if at all
+  EXPECT_FALSE(root.exists(marker));
+}
+
+TEST(Logs, OrdinaryLineTakesNothingFromTheHeap) {
+  const UniqueFd saved(dup(STDERR_FILENO));
+  const UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  LinuxLogs logs;
+  logs.handle("com.corvix.quorvel", "app").write(LogLevel::standard, "makes the handle");
+  dup2(null.get(), STDERR_FILENO);
+  const long before = allocations;
+  for (int i = 0; i < 100; ++i) {
+    logs.handle("com.corvix.quorvel", "app")
+        .write(LogLevel::standard, "viewer is out of credits. Not saving a report!");
+  }
+  EXPECT_EQ(allocations, before);
+  dup2(saved.get(), STDERR_FILENO);
+}
+
+TEST(Logs, FloodIsCutAndOwnedUpToAndSparesTheOtherLevels) {
+  LineBudget budget;
+  for (uint32_t i = 0; i < kMaxLogLinesPerSecond; ++i) ASSERT_TRUE(budget.take(7).pass);
+  for (int i = 0; i < 5; ++i) ASSERT_FALSE(budget.take(7).pass);
+  const LineBudget::Verdict next = budget.take(8);
+  EXPECT_TRUE(next.pass);
+  EXPECT_EQ(next.droppedBefore, 5u);
+  EXPECT_EQ(budget.take(8).droppedBefore, 0u);
+
+  const UniqueFd saved(dup(STDERR_FILENO));
+  const UniqueFd file(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  dup2(file.get(), STDERR_FILENO);
+  LinuxLogs logs;
+  platform::LogHandle& log = logs.handle("s", "");
+  for (uint32_t i = 0; i < 10 * kMaxLogLinesPerSecond; ++i) log.write(LogLevel::info, "flood");
+  log.write(LogLevel::standard, "important");
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  log.write(LogLevel::info, "calm");
+  dup2(saved.get(), STDERR_FILENO);
+  std::string text(1 << 21, '\0');
+  text.resize(static_cast<size_t>(std::max<ssize_t>(0, pread(file.get(), text.data(), text.size(), 0))));
+  EXPECT_LT(std::count(text.begin(), text.end(), '\n'), 4 * kMaxLogLinesPerSecond);
+  EXPECT_NE(text.find("default s important\n"), std::string::npos);
+  EXPECT_NE(text.find("lines of level info dropped: too many in a second\n"), std::string::npos);
+}
+
+TEST(Logs, DeadReaderAndFullDiskAreSurvived) {
+  signal(SIGPIPE, SIG_IGN);
+  CapturedStderr captured;
+  LinuxLogs logs;
+  captured.closeReader();
+  logs.system("nobody reads this");
+  const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  dup2(full.get(), STDERR_FILENO);
+  logs.system("nor this");
+}
+
+TEST(Logs, JournalIsUsedOnlyWhenStderrIsItsStream) {
+  CapturedStderr captured;
+  struct stat status {};
+  ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+  const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+  setenv("JOURNAL_STREAM", "1:1", 1);  // inherited, and stderr redirected since
+  LinuxLogs().system("to stderr");
+  EXPECT_EQ(captured.writes().size(), 1u);
+  setenv("JOURNAL_STREAM", stream.c_str(), 1);
+  LinuxLogs().system("to the journal");
+  EXPECT_EQ(captured.writes().size(), 0u);
+  unsetenv("JOURNAL_STREAM");
+}
+
+}  // namespace
+}  // namespace quorveld::linux_platform

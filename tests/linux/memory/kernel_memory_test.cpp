@@ -1,0 +1,143 @@
+#include "platform/linux/memory/kernel_memory.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "platform/linux/memory/kernel_memory_text.h"
+#include "platform/linux/processes/procfs_parse.h"
+#include "tests/linux/processes/child_process.h"
+#include "tests/sim/sim_platform.h"
+
+// What a memory report says of processes, by each way to read them, held against /proc.
+
+namespace quorveld::linux_platform {
+namespace {
+
+using platform::priority_list_entry;
+
+std::string read(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+/// A control group of a memory limit, below this process's own; removed on destruction, when it must be
+/// empty.
+class LimitedGroup {
+ public:
+  explicit LimitedGroup(const char* limitBytes) {
+    const auto own = parseMemoryCgroup(read("/proc/self/cgroup"));
+    if (!own) return;
+    path_ = std::string("/sys/fs/cgroup") + (own->unified ? "" : "/memory") + own->path + "/quorveld-test";
+    std::error_code refused;
+    std::filesystem::create_directory(path_, refused);
+    usable_ = write(own->unified ? "memory.max" : "memory.limit_in_bytes", limitBytes);
+  }
+  LimitedGroup(const LimitedGroup&) = delete;
+  LimitedGroup& operator=(const LimitedGroup&) = delete;
+  ~LimitedGroup() {
+    std::error_code refused;
+    std::filesystem::remove(path_, refused);
+  }
+
+  explicit operator bool() const { return usable_; }
+  bool add(const ChildProcess& child) const { return write("cgroup.procs", std::to_string(child.pid())); }
+
+ private:
+  bool write(const char* file, const std::string& text) const {
+    return static_cast<bool>(std::ofstream(path_ + "/" + file) << text << std::flush);
+  }
+
+  std::string path_;
+  bool usable_ = false;
+};
+
+class KernelMemory : public testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    const std::string way = GetParam();
+    std::string why;
+    auto source = way == "Procfs"
+                      ? openProcfsSource(why)
+                      : openBpfSource(way == "TaskWalk" ? BpfPass::taskWalk : BpfPass::taskIterator, why);
+    if (!source) GTEST_SKIP() << why;
+    tables_ = std::make_unique<LinuxProcessTables>(std::move(source));
+    memory_ = std::make_unique<LinuxKernelMemory>(*tables_);
+  }
+
+  std::map<int32_t, priority_list_entry> priorities() {
+    const int bytes = memory_->priorityList(nullptr, 0);
+    std::vector<priority_list_entry> list(static_cast<size_t>(bytes) / sizeof(priority_list_entry));
+    EXPECT_EQ(memory_->priorityList(list.data(), static_cast<size_t>(bytes)), bytes);
+    std::map<int32_t, priority_list_entry> all;
+    for (const priority_list_entry& entry : list) all[entry.pid] = entry;
+    return all;
+  }
+  /// Bytes of the process's footprint; -1 without a ledger.
+  int64_t footprint(int32_t pid) {
+    const auto names = memory_->ledgerTemplate().value_or(std::vector<platform::ledger_template_info>());
+    std::vector<platform::ledger_entry_info> ledger(names.size());
+    if (!memory_->ledger(pid, ledger.data(), ledger.size())) return -1;
+    for (size_t i = 0; i < names.size(); ++i) {
+      if (std::string(names[i].name) == "phys_footprint") return ledger[i].balance;
+    }
+    return -1;
+  }
+
+  sim::SimPlatform platform_;  // takes the log's lines
+  std::unique_ptr<LinuxProcessTables> tables_;
+  std::unique_ptr<LinuxKernelMemory> memory_;
+};
+
+TEST_P(KernelMemory, AgreesWithProcAndStandsByAProcessThatVanishes) {
+  const ChildProcess scored({[] { std::ofstream("/proc/self/oom_score_adj") << 517 << std::flush; }});
+  scored.step();
+  auto vanishing = std::make_unique<ChildProcess>(ChildProcess::Steps());
+  const int32_t gone = vanishing->pid();
+
+  auto list = priorities();
+  for (const int32_t pid : {scored.pid(), gone, getpid()}) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    ASSERT_TRUE(list.contains(pid));
+    EXPECT_EQ(std::to_string(list[pid].priority) + "\n", read(proc + "/oom_score_adj"));
+    EXPECT_EQ(list[pid].limit, list[getpid()].limit);
+    if (pid == getpid()) continue;  // reading changes it
+    const ProcfsStatus status = parseStatus(read(proc + "/status"));
+    EXPECT_EQ(footprint(pid), (status.anonymousKb + status.swappedKb) * 1024);
+  }
+  EXPECT_EQ(list[scored.pid()].priority, 517);
+  EXPECT_FALSE(list.contains(2)) << "a kernel thread has no memory of its own";
+
+  vanishing.reset();
+  EXPECT_GT(footprint(gone), 0);  // one report is of one moment
+  EXPECT_FALSE(priorities().contains(gone));
+  EXPECT_EQ(footprint(gone), -1);
+}
+
+TEST_P(KernelMemory, TellsTheLimitOfAControlGroup) {
+  const LimitedGroup group("314572800");
+  if (!group) GTEST_SKIP() << "needs leave to make a memory control group";
+  const ChildProcess first{ChildProcess::Steps()};
+  const ChildProcess second{ChildProcess::Steps()};
+  const ChildProcess outside{ChildProcess::Steps()};
+  const int32_t unconfined = priorities()[first.pid()].limit;
+  ASSERT_TRUE(group.add(first) && group.add(second));
+  auto list = priorities();
+  EXPECT_EQ(list[first.pid()].limit, 300);
+  EXPECT_EQ(list[second.pid()].limit, 300);
+  EXPECT_EQ(list[outside.pid()].limit, unconfined);
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, KernelMemory, testing::Values("TaskWalk", "TaskIterator", "Procfs"),
+                         [](const auto& way) { return std::string(way.param); });
+
+}  // namespace
+}  // namespace quorveld::linux_platform

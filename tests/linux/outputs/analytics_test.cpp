@@ -1,0 +1,146 @@
+#include "platform/linux/outputs/analytics.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <limits>
+
+#include "platform/linux/base/unique_fd.h"
+#include "tests/linux/scratch_root.h"
+#include "tests/sim/sim_platform.h"
+
+namespace quorveld::linux_platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kFile = "var/lib/quorveld/quorveld.prom";
+
+class Analytics : public testing::Test {
+ protected:
+  size_t linesWith(const std::string& part) const {
+    std::stringstream lines(root_.read(kFile));
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line);) count += line.find(part) != std::string::npos ? 1 : 0;
+    return count;
+  }
+
+  sim::SimPlatform sim_;  // for its log and a queue on virtual time
+  const ScratchRoot root_;
+  std::unique_ptr<platform::MainQueue> queue_ =
+      sim_.queues.createMain("test", platform::QoSClass::userInitiated);
+};
+
+TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
+  Metrics metrics;
+  metrics.scalars["a\"b\\c\nd\xff\xed\xa0\x80"] = -5;
+  metrics.counters["hängt"] = std::numeric_limits<uint64_t>::max();
+  for (const double value : {-1.0, 50.0, 50.5, 300000.0, 300001.0}) metrics.distributions["d"].add(value);
+  const std::string text = prometheusText(metrics);
+  const std::string bad = "\xEF\xBF\xBD";
+  const auto has = [&](const std::string& line) {
+    return text.find("\n" + line + "\n") != std::string::npos;
+  };
+  EXPECT_TRUE(has("quorveld_scalar{key=\"a\\\"b\\\\c\\nd" + bad + bad + bad + bad + "\"} -5"));
+  EXPECT_TRUE(has("# TYPE quorveld_counter_total counter"));
+  EXPECT_TRUE(has("quorveld_counter_total{key=\"hängt\"} 18446744073709551615"));
+  EXPECT_TRUE(has("# TYPE quorveld_distribution_ms histogram"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"50\"} 2"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"100\"} 3"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"3e+05\"} 4"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"+Inf\"} 5"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_sum{key=\"d\"} 600100.5"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_count{key=\"d\"} 5")) << text;
+  EXPECT_EQ(prometheusText({}), "");
+}
+
+TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
+  {
+    LinuxAnalytics analytics;
+    analytics.useQueue(*queue_);
+    analytics.addToScalar("k", 2);
+    analytics.addToScalar("k", -1);
+    analytics.pushDistribution("d", std::numeric_limits<double>::quiet_NaN());
+    sim_.advance(milliseconds(500));
+    analytics.addToScalar("k", 3);
+    EXPECT_FALSE(root_.exists(kFile));
+    sim_.advance(milliseconds(600));
+    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
+    EXPECT_EQ(linesWith("distribution"), 0u);
+
+    analytics.addToScalar("k", 1);
+    sim_.advance(milliseconds(800));
+    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
+    sim_.advance(milliseconds(300));
+    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 6"), 1u);
+
+    std::filesystem::remove(root_ / kFile);
+    sim_.advance(milliseconds(5000));
+    EXPECT_FALSE(root_.exists(kFile));  // nothing has changed
+    analytics.setScalar("s", 7);
+  }
+  EXPECT_EQ(linesWith("quorveld_scalar{key=\"s\"} 7"), 1u);
+  sim_.advance(milliseconds(5000));  // the delayed writing finds nobody
+}
+
+TEST_F(Analytics, KeysBeyondTheLimitShareOne) {
+  {
+    LinuxAnalytics analytics;
+    for (size_t i = 0; i < kMaxAnalyticsKeys; ++i) analytics.addToScalar("k" + std::to_string(i), 1);
+    EXPECT_TRUE(sim_.logs.lines.empty());
+    for (int i = 0; i < 10; ++i) analytics.addToScalar("more" + std::to_string(i), 1);
+    analytics.addToScalar("k0", 1);
+    analytics.setScalar(std::string(kMaxAnalyticsKeyBytes, 'x') + "cut", 1);
+  }
+  EXPECT_EQ(linesWith("quorveld_counter_total{"), kMaxAnalyticsKeys + 1);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"(other)\"} 10"), 1u);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k0\"} 2"), 1u);
+  EXPECT_EQ(linesWith("xx\"} 1"), 1u);
+  EXPECT_EQ(sim_.logs.lines.size(), 1u) << sim_.logs.dump();
+}
+
+TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
+  const std::string path = root_ / "statsd";
+  const UniqueFd server(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const auto received = [&] {
+    std::array<char, 512> buffer;
+    const ssize_t length = ::recv(server.get(), buffer.data(), buffer.size(), 0);
+    return std::string(buffer.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
+  };
+
+  ::setenv("QUORVELD_STATSD", path.c_str(), 1);
+  LinuxAnalytics analytics;
+  analytics.useQueue(*queue_);
+  ::unsetenv("QUORVELD_STATSD");
+  analytics.setScalar("a:b|c@d\ne", 5);
+  analytics.setScalar("a", -5);
+  analytics.addToScalar("c", 1);
+  analytics.pushDistribution("d", 1e22);
+  EXPECT_EQ(received(), "a_b_c_d_e:5|g");
+  EXPECT_EQ(received(), "a:0|g\na:-5|g");
+  EXPECT_EQ(received(), "c:1|c");
+  EXPECT_EQ(received(), "d:10000000000000000000000|ms");
+  for (int i = 0; i < 20'000; ++i) analytics.addToScalar("flood", 1);
+  EXPECT_EQ(received(), "flood:1|c");
+  std::filesystem::remove(path);
+  analytics.addToScalar("nobody", 1);
+  EXPECT_TRUE(sim_.logs.lines.empty()) << sim_.logs.dump();
+}
+
+TEST(Statsd, SplitsHostAndPort) {
+  const auto joined = [](std::string_view target) {
+    const HostAndPort parts = parseHostAndPort(target);
+    return parts.host + " " + parts.port;
+  };
+  EXPECT_EQ(joined("localhost:8125"), "localhost 8125");
+  EXPECT_EQ(joined("[::1]:8125"), "::1 8125");
+  for (const char* bad : {"", "localhost", ":8125", "localhost:", "[]:1"}) EXPECT_EQ(joined(bad), " ") << bad;
+}
+
+}  // namespace
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,133 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <linux/bpf.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "platform/linux/processes/process_table.h"
+#include "platform/linux/processes/process_table_source.h"
+#include "tests/sim/sim_platform.h"
+
+// A kernel or a policy that refuses BPF costs one cheap attempt a program, and /proc serves in its place.
+
+namespace {
+
+/// Larger than what libbpf loads to find out what the kernel can do.
+constexpr uint32_t kRealProgramInstructions = 64;
+
+int programLoads = 0;
+uint32_t largestLogBytes = 0;
+
+}  // namespace
+
+/// Stands before the C library's, through which libbpf makes its system calls.
+extern "C" long syscall(long number, ...) noexcept {
+  using Syscall = long (*)(long, ...);
+  static const auto real = reinterpret_cast<Syscall>(dlsym(RTLD_NEXT, "syscall"));
+  std::array<void*, 6> arguments{};
+  va_list list;
+  va_start(list, number);
+  for (void*& argument : arguments) argument = va_arg(list, void*);
+  va_end(list);
+  if (number == SYS_bpf && reinterpret_cast<uintptr_t>(arguments[0]) == BPF_PROG_LOAD) {
+    const auto* load = static_cast<const bpf_attr*>(arguments[1]);
+    if (load->insn_cnt > kRealProgramInstructions) {
+      ++programLoads;
+      largestLogBytes = std::max(largestLogBytes, load->log_size);
+    }
+  }
+  return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+}
+
+namespace quorveld::linux_platform {
+namespace {
+
+constexpr uint32_t kNoCapabilities = 0;
+constexpr uint32_t kBpfAlone = 1U << (CAP_BPF - 32);  // of the upper 32
+
+/// What a process saw that had given up all capabilities but these.
+struct Outcome {
+  bool gaveUp;
+  int loads;
+  uint32_t logBytes;
+  bool sawItself;
+  char line[512];  ///< of the log
+};
+
+bool keepOnly(uint32_t upperCapabilities) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  std::array<__user_cap_data_struct, 2> sets{};
+  sets[1].effective = sets[1].permitted = upperCapabilities;
+  return syscall(SYS_capset, &header, sets.data()) == 0;
+}
+
+Outcome lookWithOnly(uint32_t upperCapabilities) {
+  Outcome outcome{};
+  outcome.gaveUp = keepOnly(upperCapabilities);
+  if (!outcome.gaveUp) return outcome;
+  programLoads = 0;
+  largestLogBytes = 0;
+  const sim::SimPlatform sim;  // takes the log's lines
+  LinuxProcessTables tables;
+  tables.prepare();
+  platform::rusage_info_v3 usage;
+  outcome.sawItself = tables.look()->usage(getpid(), &usage) == 0;
+  outcome.loads = programLoads;
+  outcome.logBytes = largestLogBytes;
+  for (const auto& line : sim.logs.lines) {
+    if (line.text.starts_with("Process table: read through")) {
+      std::snprintf(outcome.line, sizeof(outcome.line), "%s", line.text.c_str());
+    }
+  }
+  return outcome;
+}
+
+Outcome inAnotherProcess(uint32_t upperCapabilities) {
+  Outcome outcome{};
+  int ends[2];
+  if (pipe(ends) != 0) return outcome;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    outcome = lookWithOnly(upperCapabilities);
+    _exit(write(ends[1], &outcome, sizeof(outcome)) == sizeof(outcome) ? 0 : 1);
+  }
+  close(ends[1]);
+  EXPECT_EQ(read(ends[0], &outcome, sizeof(outcome)), static_cast<ssize_t>(sizeof(outcome)));
+  close(ends[0]);
+  waitpid(pid, nullptr, 0);
+  return outcome;
+}
+
+TEST(BpfRefusal, WithoutCapabilitiesProcIsReadAndTheLogSaysWhatThatCosts) {
+  const Outcome outcome = inAnotherProcess(kNoCapabilities);
+  ASSERT_TRUE(outcome.gaveUp);
+  EXPECT_TRUE(outcome.sawItself);
+  EXPECT_EQ(outcome.loads, 0);
+  EXPECT_TRUE(std::string(outcome.line)
+                  .starts_with("Process table: read through procfs, about 100 times slower than BPF ("))
+      << outcome.line;
+}
+
+TEST(BpfRefusal, TheVerifierSaysNoOnceAndBriefly) {
+  std::string why;
+  if (!openBpfSource(BpfPass::taskWalk, why)) GTEST_SKIP() << why;
+  const Outcome outcome = inAnotherProcess(kBpfAlone);
+  if (!outcome.gaveUp) GTEST_SKIP() << "needs CAP_BPF";
+  EXPECT_TRUE(outcome.sawItself);
+  EXPECT_NE(std::strstr(outcome.line, "procfs"), nullptr) << outcome.line;
+  EXPECT_GE(outcome.loads, 1);  // what the walk reads of the kernel takes CAP_PERFMON
+  EXPECT_LE(outcome.loads, 2);  // no program twice, with a log that grows
+  EXPECT_LE(outcome.logBytes, 65'536u);
+}
+
+}  // namespace
+}  // namespace quorveld::linux_platform
