@@ -17,7 +17,7 @@ using platform::LogLevel;
 /// Formats into a buffer on the stack, or into the heap when the line is longer, and hands the text to
 /// `sink`.
 template <typename Sink>
-[[gnu::format(printf, 1, 0)]] void formatted(const char* format, va_list arguments, const Sink& sink) {
+[[gnu::format(printf, 1, 0)]] void withText(const char* format, va_list arguments, const Sink& sink) {
   va_list again;
   va_copy(again, arguments);
   std::array<char, 512> line;
@@ -35,7 +35,7 @@ template <typename Sink>
 [[gnu::format(printf, 3, 0)]] void write(platform::LogHandle& handle, LogLevel level, const char* format,
                                          va_list arguments) {
   if (!handle.enabled(level)) return;
-  formatted(format, arguments, [&](std::string_view text) { handle.write(level, text); });
+  withText(format, arguments, [&](std::string_view text) { handle.write(level, text); });
 }
 
 }  // namespace
@@ -68,7 +68,7 @@ Log quorvelLog() {
 void systemLog(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  formatted(format, arguments, [](std::string_view text) { platform::current().logs.system(text); });
+  withText(format, arguments, [](std::string_view text) { platform::current().logs.system(text); });
   va_end(arguments);
 }
 

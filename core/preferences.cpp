@@ -15,6 +15,13 @@
 
 namespace quorveld {
 
+/// Seconds as a profile or a user wrote them: the value must answer the integer reading, and is then read as
+/// a float.
+struct ReportPeriod {
+  float seconds;
+  int32_t wholeSeconds;
+};
+
 namespace {
 
 using platform::PreferenceDictionary;
@@ -58,18 +65,11 @@ std::optional<Result> fromProfile(const PreferenceDictionary& managed, const cha
   return fromStore(key, convert);
 }
 
-/// Seconds as a profile or a user wrote them: the value must answer the integer reading, and is then read as
-/// a float.
-struct Period {
-  float seconds;
-  int32_t wholeSeconds;
-};
-
-std::optional<Period> asPeriod(const PreferenceValue& value) {
+std::optional<ReportPeriod> asPeriod(const PreferenceValue& value) {
   const auto whole = asInteger<int32_t>(value);
   const auto seconds = value.asDouble();
   if (!whole || !seconds) return std::nullopt;
-  return Period{static_cast<float>(*seconds), *whole};
+  return ReportPeriod{static_cast<float>(*seconds), *whole};
 }
 
 }  // namespace
@@ -77,7 +77,7 @@ std::optional<Period> asPeriod(const PreferenceValue& value) {
 /// Every key, read once, before any value is applied: what is applied is one consistent look.
 struct Preferences::Fetched {
   std::optional<bool> enabled;
-  std::optional<Period> reportPeriod;
+  std::optional<ReportPeriod> reportPeriod;
   std::optional<int32_t> dailyLogLimit;
   std::optional<int32_t> dailyLongLogLimit;
   std::optional<double> longHangDurationThreshold;

@@ -12,7 +12,6 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr mode_t kFileMode = 0644;
 constexpr size_t kReadStepBytes = size_t{16} * 1024;
 
 }  // namespace

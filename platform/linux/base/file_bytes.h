@@ -11,6 +11,9 @@
 
 namespace quorveld::linux_platform {
 
+/// Mode of the files that others are meant to read.
+inline constexpr mode_t kFileMode = 0644;
+
 /// The calling thread's errno as an error_code.
 std::error_code lastError();
 
@@ -34,7 +37,7 @@ void syncDirectory(const std::string& path);
 /// Whether new contents must be on the disk before they take the old ones' place.
 enum class Durability { cached, synced };
 
-/// Puts `bytes` in the place of the file at `path` in one step, with mode 0644, its directory being made
+/// Puts `bytes` in the place of the file at `path` in one step, with mode kFileMode, its directory being made
 /// where it is missing. On an error the old file stays as it is and nothing is left beside it.
 [[nodiscard]] std::error_code replaceFile(const std::string& path, std::string_view bytes,
                                           Durability durability);

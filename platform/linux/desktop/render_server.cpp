@@ -19,24 +19,14 @@ constexpr uint64_t kReplyTimeoutUs = 2'000'000;
 constexpr const char* kService = "org.freedesktop.Notifications";
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 
-struct UnrefMessage {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, UnrefMessage>;
-
-struct UnrefSlot {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using Slot = std::unique_ptr<sd_bus_slot, UnrefSlot>;
-
-int newCall(sd_bus* bus, const char* method, Message& call) {
+int newCall(sd_bus* bus, const char* method, BusMessage& call) {
   sd_bus_message* raw = nullptr;
   const int result = sd_bus_message_new_method_call(bus, &raw, kService, kPath, kService, method);
   call.reset(raw);
   return result;
 }
 
-int newNotify(sd_bus* bus, uint32_t replacedId, const std::string& text, Message& call) {
+int newNotify(sd_bus* bus, uint32_t replacedId, const std::string& text, BusMessage& call) {
   const int result = newCall(bus, "Notify", call);
   if (result < 0) return result;
   // Summary alone: a body would be read as markup. Transient: no history is kept of it.
@@ -44,7 +34,7 @@ int newNotify(sd_bus* bus, uint32_t replacedId, const std::string& text, Message
                                1, "transient", "b", 1, -1);
 }
 
-int newClose(sd_bus* bus, uint32_t id, Message& call) {
+int newClose(sd_bus* bus, uint32_t id, BusMessage& call) {
   const int result = newCall(bus, "CloseNotification", call);
   return result < 0 ? result : sd_bus_message_append(call.get(), "u", id);
 }
@@ -71,7 +61,7 @@ class ScreenConnection {
     if (!unsent_ || !bus_) return;
     unsent_ = false;
     if (!wanted_ && shownId_ == 0) return;
-    Message call;
+    BusMessage call;
     const int made = wanted_ ? newNotify(bus_.get(), shownId_, *wanted_, call)
                              : newClose(bus_.get(), std::exchange(shownId_, 0), call);
     sd_bus_slot* slot = nullptr;
@@ -113,7 +103,7 @@ class ScreenConnection {
 
   bool& complained_;
   BusHandle bus_;
-  Slot pending_;  // the call under way
+  BusSlot pending_;  // the call under way
   std::optional<std::string> wanted_;
   bool unsent_ = false;
   uint32_t shownId_ = 0;  // 0: nothing is shown

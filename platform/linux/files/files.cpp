@@ -18,8 +18,6 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr mode_t kFileMode = 0644;
-
 class LinuxFile final : public platform::File {
  public:
   explicit LinuxFile(UniqueFd fd) : fd_(std::move(fd)) {}

@@ -12,7 +12,7 @@ constexpr std::string_view kRejected = "REJECTED EXTERNAL ANONYMOUS\r\n";
 constexpr std::string_view kLineEnd = "\r\n";
 
 /// The first word of `line`, which loses it and the blank behind it.
-std::string_view takeWord(std::string_view& line) {
+std::string_view takeToken(std::string_view& line) {
   const std::string_view word = line.substr(0, line.find(' '));
   line.remove_prefix(std::min(line.size(), word.size() + 1));
   return word;
@@ -38,7 +38,7 @@ DBusHandshake::Step DBusHandshake::take(std::string_view bytes) {
   takenBytes_ += length;
 
   std::string_view line = bytes.substr(0, end);
-  const std::string_view command = takeWord(line);
+  const std::string_view command = takeToken(line);
   if (state_ == State::accepted) {
     if (command == "BEGIN") return {Status::done, length, {}};
     if (command == "NEGOTIATE_UNIX_FD") return {Status::goesOn, length, "AGREE_UNIX_FD\r\n"};
@@ -55,7 +55,7 @@ DBusHandshake::Step DBusHandshake::take(std::string_view bytes) {
 }
 
 DBusHandshake::Step DBusHandshake::authenticate(std::string_view arguments, size_t consumedBytes) {
-  const std::string_view mechanism = takeWord(arguments);
+  const std::string_view mechanism = takeToken(arguments);
   state_ = State::waiting;
   if (mechanism != "EXTERNAL" && mechanism != "ANONYMOUS") return {Status::goesOn, consumedBytes, kRejected};
   if (!arguments.empty()) return accept(consumedBytes);

@@ -22,7 +22,6 @@ namespace {
 
 constexpr char kPath[] = "/var/log/quorveld/activations.jsonl";
 constexpr mode_t kDirectoryMode = 0755;
-constexpr mode_t kFileMode = 0644;
 
 /// The event as one line, its line break included; nothing, and the reason in `error`, when a text in it is
 /// no UTF-8.

@@ -11,20 +11,20 @@ namespace {
 using platform::PreferenceValue;
 
 constexpr const char* kDomain = "com.corvix.telvo";
-constexpr const char* kFile = "var/mobile/Library/Preferences/com.corvix.telvo.plist";
+constexpr const char* kStoredFile = "var/mobile/Library/Preferences/com.corvix.telvo.plist";
 
 PreferenceValue of(bool value) {
   return PreferenceValue::Variant(value);
 }
 
-std::string listOf(const std::string& contents) {
+std::string plistOf(const std::string& contents) {
   return "<plist version=\"1.0\"><dict>" + contents + "</dict></plist>";
 }
 
 class Preferences : public testing::Test {
  protected:
   PropertyList stored() const {
-    auto result = parsePropertyList(root_.read(kFile));
+    auto result = parsePropertyList(root_.read(kStoredFile));
     return std::get<PropertyList>(std::move(result));
   }
 
@@ -37,12 +37,13 @@ TEST_F(Preferences, SetsOfTheDaemonAndOfOthersAreMerged) {
   EXPECT_EQ(store_.value("QuorvelEnabled", kDomain), std::nullopt);
   store_.set("QuorvelEnabled", of(true), kDomain);
   EXPECT_EQ(store_.value("QuorvelEnabled", kDomain), of(true));
-  EXPECT_FALSE(root_.exists(kFile));
+  EXPECT_FALSE(root_.exists(kStoredFile));
 
   const std::string opaque = "<array><string>kept</string></array>";
-  root_.write(kFile, listOf("<key>QuorvelEnabled</key><false/><key>Gone</key><true/><key>Other</key><true/>"
-                            "<key>List</key>" +
-                            opaque));
+  root_.write(kStoredFile,
+              plistOf("<key>QuorvelEnabled</key><false/><key>Gone</key><true/><key>Other</key><true/>"
+                      "<key>List</key>" +
+                      opaque));
   store_.remove("Gone", kDomain);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("QuorvelEnabled", kDomain), of(true));
@@ -52,7 +53,7 @@ TEST_F(Preferences, SetsOfTheDaemonAndOfOthersAreMerged) {
   EXPECT_EQ(stored().at("List").xml, opaque);
 
   // What was written is the daemon's no longer: others may change it.
-  root_.write(kFile, listOf("<key>QuorvelEnabled</key><false/>"));
+  root_.write(kStoredFile, plistOf("<key>QuorvelEnabled</key><false/>"));
   EXPECT_EQ(store_.value("QuorvelEnabled", kDomain), of(true));
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("QuorvelEnabled", kDomain), of(false));
@@ -60,64 +61,65 @@ TEST_F(Preferences, SetsOfTheDaemonAndOfOthersAreMerged) {
 }
 
 TEST_F(Preferences, NothingIsWrittenThatIsThereAlready) {
-  const std::string text = listOf("<key>a</key><true/>");
-  root_.write(kFile, text);
+  const std::string text = plistOf("<key>a</key><true/>");
+  root_.write(kStoredFile, text);
   store_.set("a", of(true), kDomain);
   store_.remove("b", kDomain);
   store_.synchronise(kDomain);
-  EXPECT_EQ(root_.read(kFile), text);
+  EXPECT_EQ(root_.read(kStoredFile), text);
 }
 
 TEST_F(Preferences, AnotherDomainIsReadAgainAfterASynchronise) {
   const std::string other = "var/mobile/Library/Preferences/com.corvix.quorvel.plist";
   EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), std::nullopt);
-  root_.write(other, listOf("<key>a</key><true/>"));
+  root_.write(other, plistOf("<key>a</key><true/>"));
   EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), std::nullopt);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), of(true));
 }
 
 TEST_F(Preferences, BrokenFileActsAsEmptyIsLoggedOncePerStateAndIsKeptAside) {
-  root_.write(kFile, listOf("<key>a</key>\n<integer>x</integer>"));
+  root_.write(kStoredFile, plistOf("<key>a</key>\n<integer>x</integer>"));
   store_.synchronise(kDomain);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", kDomain), std::nullopt);
-  const std::string path = root_ / kFile;
+  const std::string path = root_ / kStoredFile;
   EXPECT_EQ(sim_.logs.count(platform::LogLevel::standard,
                             "Unusable property list " + path + ": line 2: <integer> holds no whole number"),
             1)
       << sim_.logs.dump();
-  EXPECT_FALSE(root_.exists(std::string(kFile) + ".broken"));
+  EXPECT_FALSE(root_.exists(std::string(kStoredFile) + ".broken"));
 
-  const std::string worse = listOf("<key>a</key>\n\n<integer>xyz</integer>");
-  root_.write(kFile, worse);
+  const std::string worse = plistOf("<key>a</key>\n\n<integer>xyz</integer>");
+  root_.write(kStoredFile, worse);
   store_.set("b", of(true), kDomain);
   store_.synchronise(kDomain);
   EXPECT_TRUE(sim_.logs.has(platform::LogLevel::standard,
                             "Unusable property list " + path + ": line 3: <integer> holds no whole number"));
-  EXPECT_EQ(root_.read(std::string(kFile) + ".broken"), worse);
+  EXPECT_EQ(root_.read(std::string(kStoredFile) + ".broken"), worse);
   EXPECT_EQ(stored().size(), 1u);
 }
 
 TEST_F(Preferences, WhatCannotBeReadOrWrittenLeavesTheValuesAtHand) {
-  root_.write(kFile, listOf("<key>a</key><true/>"));
+  root_.write(kStoredFile, plistOf("<key>a</key><true/>"));
   store_.synchronise(kDomain);
-  std::filesystem::remove(root_ / kFile);
-  std::filesystem::create_directory_symlink(root_ / "", root_ / kFile);  // nothing to read, easily replaced
+  std::filesystem::remove(root_ / kStoredFile);
+  std::filesystem::create_directory_symlink(root_ / "",
+                                            root_ / kStoredFile);  // nothing to read, easily replaced
   store_.set("b", of(true), kDomain);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", kDomain), of(true));
   EXPECT_EQ(store_.value("b", kDomain), of(true));
-  EXPECT_TRUE(std::filesystem::is_symlink(root_ / kFile));
+  EXPECT_TRUE(std::filesystem::is_symlink(root_ / kStoredFile));
 
-  std::filesystem::remove(root_ / kFile);
+  std::filesystem::remove(root_ / kStoredFile);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", kDomain), std::nullopt);
   EXPECT_EQ(stored().at("b").value, of(true));
 }
 
 TEST_F(Preferences, FileAtTheSizeLimitIsReadAndALongerOneIsNot) {
-  std::string text = listOf("<key>a</key><true/>");
+  std::string text = plistOf("<key>a</key><true/>");
   text.append(kMaxPropertyListBytes - text.size(), '\n');
   root_.write("managed.plist", text);
   EXPECT_EQ(store_.managedDictionary("/managed.plist").size(), 1u);
