@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "abi/kelvane.h"
+#include "kelvane/omission.h"
 
 namespace kelvane {
 
@@ -16,12 +17,6 @@ namespace kelvane {
 struct TickSpan {
   uint64_t start = 0;
   uint64_t end = 0;
-};
-
-/// Something that the report lacks, and the reason: both are texts for people.
-struct Omission {
-  std::string what;
-  std::string why;
 };
 
 /// What a call asks for: the options, and what the header among them says of the hang.

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "kelvane/dump_request.h"
+#include "kelvane/omission.h"
 #include "kelvane/peer.h"
 #include "kelvane/proc_text.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "kelvane/dump_request.h"
+#include "kelvane/omission.h"
 
 namespace kelvane {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "kelvane/deadline.h"
-#include "kelvane/dump_request.h"
+#include "kelvane/omission.h"
 
 namespace kelvane {
 
