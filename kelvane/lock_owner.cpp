@@ -7,7 +7,6 @@
 
 #include "kelvane/limits.h"
 #include "kelvane/proc_files.h"
-#include "kelvane/thread_facts.h"
 
 namespace kelvane {
 namespace {

@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include "kelvane/process_capture.h"
+#include "kelvane/thread_facts.h"
 
 namespace kelvane {
 

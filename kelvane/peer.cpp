@@ -12,7 +12,7 @@
 
 #include "kelvane/limits.h"
 #include "kelvane/proc_files.h"
-#include "kelvane/process_capture.h"
+#include "kelvane/thread_facts.h"
 #include "kelvane/unix_socket.h"
 
 namespace kelvane {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "kelvane/captured_process.h"
 #include "kelvane/json_writer.h"
-#include "kelvane/process_capture.h"
 #include "kelvane/recording.h"
 #include "kelvane/thread_timeline.h"
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "kelvane/captured_process.h"
 #include "kelvane/dump_request.h"
 #include "kelvane/json_writer.h"
-#include "kelvane/process_capture.h"
 #include "kelvane/process_scan.h"
 #include "kelvane/recording.h"
 #include "kelvane/verdict.h"

@@ -1,13 +1,13 @@
 #include "kelvane/thread_facts.h"
 
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 
 #include "kelvane/limits.h"
 #include "kelvane/proc_files.h"
-#include "kelvane/proc_text.h"
 
 namespace kelvane {
 namespace {

@@ -2,11 +2,30 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
-#include "kelvane/process_capture.h"
+#include "kelvane/omission.h"
+#include "kelvane/proc_text.h"
 
 namespace kelvane {
+
+/// What /proc tells of a thread, without stopping it.
+struct ThreadFacts {
+  pid_t tid = 0;
+  std::string comm;
+  char state = '?';         // proc(5); '?' if the thread went away
+  std::string waitChannel;  // empty: not waiting, or not permitted
+  pid_t tracerPid = 0;      // the process that traces it; 0: none
+  std::optional<SystemCall> syscall;
+  std::vector<std::string> kernelStack;  // innermost first
+  uint64_t userMs = 0;
+  uint64_t systemMs = 0;
+  uint64_t voluntarySwitches = 0;
+  uint64_t involuntarySwitches = 0;
+};
 
 /// The file `task/TID/NAME` of a process's directory in /proc.
 std::string taskPath(pid_t tid, const char* name);

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "kelvane/captured_process.h"
 #include "kelvane/dump_request.h"
 #include "kelvane/json_writer.h"
-#include "kelvane/process_capture.h"
 
 namespace kelvane {
 

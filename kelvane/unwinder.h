@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "kelvane/elf_image.h"
+#include "kelvane/frame.h"
 #include "kelvane/memory_map.h"
-#include "kelvane/process_capture.h"
 #include "kelvane/stack_copy.h"
 
 namespace kelvane {

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "kelvane/captured_process.h"
 #include "kelvane/disk_activity.h"
 #include "kelvane/peer.h"
 #include "kelvane/pressure.h"
-#include "kelvane/process_capture.h"
 #include "kelvane/process_scan.h"
 #include "kelvane/recording.h"
 #include "kelvane/thread_timeline.h"
