@@ -9,6 +9,7 @@
 #include "kelvane/deadline.h"
 #include "kelvane/dump_request.h"
 #include "kelvane/json_writer.h"
+#include "kelvane/judge.h"
 #include "kelvane/limits.h"
 #include "kelvane/missing_switches.h"
 #include "kelvane/process_scan.h"

@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "kelvane/evidence.h"
 #include "kelvane/verdict.h"
 
 namespace kelvane {

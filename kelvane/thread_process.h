@@ -1,8 +1,19 @@
 #pragma once
 
-#include "kelvane/verdict.h"
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
 
 namespace kelvane {
+
+/// A thread that had to do with the hang.
+struct NamedThread {
+  int32_t tid = 0;
+  std::string name;
+  pid_t pid = 0;  // of its process; 0: not known
+  std::string process;
+};
 
 /// Fills in the process of a thread, if the thread is still there under the name that was recorded: its id
 /// may have passed to another since.

@@ -1,19 +1,15 @@
 #pragma once
 
-#include <sys/types.h>
-
+#include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "kelvane/captured_process.h"
 #include "kelvane/disk_activity.h"
 #include "kelvane/peer.h"
 #include "kelvane/pressure.h"
-#include "kelvane/process_scan.h"
-#include "kelvane/recording.h"
+#include "kelvane/thread_process.h"
 #include "kelvane/thread_timeline.h"
 
 namespace kelvane {
@@ -33,15 +29,11 @@ enum class Cause : uint8_t {
 };
 
 /// The cause's name in a report: "own-cpu", …
-const char* causeName(Cause cause);
-
-/// A thread that had to do with the hang.
-struct NamedThread {
-  int32_t tid = 0;
-  std::string name;
-  pid_t pid = 0;  // of its process; 0: not known
-  std::string process;
-};
+inline const char* causeName(Cause cause) {
+  constexpr std::array<const char*, 10> kNames = {"own-cpu", "starved", "disk",      "lock",     "peer",
+                                                  "memory",  "stopped", "suspended", "sleeping", "unknown"};
+  return kNames[static_cast<size_t>(cause)];
+}
 
 /// A stretch of the hang in which the thread did not run; within the hang's time.
 struct Wait {
@@ -76,20 +68,5 @@ struct Verdict {
   std::optional<Peer> peer;
   Pressure pressure;
 };
-
-/// What there is to judge a hang by.
-struct Evidence {
-  uint64_t fromNs = 0;  // the hang, in CLOCK_MONOTONIC
-  uint64_t toNs = 0;
-  const Recording& recording;  // up to the look at the process, at most
-  const ProcessCapture& process;
-  const ProcessScan& processes;
-  Pressure pressure;
-  /// Fills in a thread's process; leaves it open where it can't be told.
-  std::function<void(NamedThread&)> findProcess;
-};
-
-/// Judges the hang. Reads nothing but `evidence`.
-Verdict judge(const Evidence& evidence);
 
 }  // namespace kelvane

@@ -1,4 +1,4 @@
-#include "kelvane/verdict.h"
+#include "kelvane/judge.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-#include "kelvane/verdict.h"
+#include "kelvane/judge.h"
 
 #include <algorithm>
 #include <array>
@@ -104,12 +104,6 @@ std::optional<NamedThread> namedOwner(const ProcessCapture& process) {
 }
 
 }  // namespace
-
-const char* causeName(Cause cause) {
-  constexpr std::array<const char*, 10> kNames = {"own-cpu", "starved", "disk",      "lock",     "peer",
-                                                  "memory",  "stopped", "suspended", "sleeping", "unknown"};
-  return kNames[static_cast<size_t>(cause)];
-}
 
 Verdict judge(const Evidence& evidence) {
   const Recording& recording = evidence.recording;
