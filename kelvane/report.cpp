@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "kelvane/display_names.h"
 #include "kelvane/host_info.h"
 #include "kelvane/recorder_tracks.h"
 #include "kelvane/syscall_names.h"

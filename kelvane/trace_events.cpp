@@ -1,9 +1,7 @@
 #include "kelvane/trace_events.h"
 
-#include <cinttypes>
-#include <cstdio>
-
 #include "kelvane/deadline.h"
+#include "kelvane/display_names.h"
 
 namespace kelvane {
 namespace {
@@ -15,17 +13,6 @@ constexpr int64_t kNoProcessTrack = (1 << 22) + 1;
 /// How wide a stack is drawn that has a moment but no duration.
 constexpr uint64_t kMomentNs = 1'000'000;
 
-std::string hexText(uint64_t number) {
-  char text[24];
-  snprintf(text, sizeof text, "0x%" PRIx64, number);
-  return text;
-}
-
-/// Null if no file is mapped there.
-const Module* moduleOf(const ProcessCapture& process, const Frame& frame) {
-  return frame.module < 0 ? nullptr : &process.modules[static_cast<size_t>(frame.module)];
-}
-
 /// What a thread was doing, as one line: its state and what it waits in.
 std::string stateText(const ThreadFacts& facts) {
   std::string text = stateName(facts.state);
@@ -33,38 +20,6 @@ std::string stateText(const ThreadFacts& facts) {
 }
 
 }  // namespace
-
-const char* stateName(char state) {
-  switch (state) {
-    case 'R':
-      return "running";
-    case 'S':
-      return "sleeping";
-    case 'D':
-      return "uninterruptible";
-    case 'T':
-      return "stopped";
-    case 't':
-      return "traced";
-    case 'Z':
-    case 'X':
-      return "ended";
-    case 'I':
-      return "idle";
-    default:
-      return "unknown";
-  }
-}
-
-std::string fileName(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);
-}
-
-std::string frameName(const ProcessCapture& process, const Frame& frame) {
-  if (!frame.name.empty()) return frame.name;
-  const Module* module = moduleOf(process, frame);
-  return module ? fileName(module->path) + "+" + hexText(frame.offset) : hexText(frame.address);
-}
 
 TraceEvents::TraceEvents(const DumpRequest& request, const ProcessCapture& process, uint64_t capturedAtNs)
     : request_(request), process_(process), capturedAtNs_(capturedAtNs) {

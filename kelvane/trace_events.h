@@ -58,13 +58,4 @@ class TraceEvents {
   std::vector<uint32_t> leaves_;  // for each thread, the node of its innermost frame; 0: no stack
 };
 
-/// "running", "sleeping", … for a state letter of proc(5).
-const char* stateName(char state);
-
-/// A user frame's function, or "MODULE+0xOFFSET", or just its address.
-std::string frameName(const ProcessCapture& process, const Frame& frame);
-
-/// The part of a path behind its last '/'.
-std::string fileName(const std::string& path);
-
 }  // namespace kelvane

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "kelvane/display_names.h"
 #include "kelvane/syscall_names.h"
-#include "kelvane/trace_events.h"
 
 namespace kelvane {
 namespace {
