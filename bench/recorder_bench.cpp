@@ -20,7 +20,7 @@
 #include <string>
 
 #include "abi/kelvane.h"
-#include "kelvane/deadline.h"
+#include "kelvane/base/deadline.h"
 
 namespace {
 

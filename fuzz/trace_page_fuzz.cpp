@@ -5,8 +5,8 @@
 #include <span>
 #include <string>
 
-#include "kelvane/event_decoder.h"
-#include "kelvane/trace_page.h"
+#include "kelvane/recording/event_decoder.h"
+#include "kelvane/recording/trace_page.h"
 
 namespace {
 

@@ -5,17 +5,17 @@
 #include <optional>
 
 #include "abi/kelvane.h"
-#include "kelvane/capture_worker.h"
-#include "kelvane/deadline.h"
-#include "kelvane/dump_request.h"
-#include "kelvane/json_writer.h"
-#include "kelvane/judge.h"
-#include "kelvane/limits.h"
-#include "kelvane/missing_switches.h"
-#include "kelvane/process_scan.h"
-#include "kelvane/report.h"
-#include "kelvane/report_file.h"
-#include "kelvane/thread_process.h"
+#include "kelvane/base/deadline.h"
+#include "kelvane/base/limits.h"
+#include "kelvane/capture/capture_worker.h"
+#include "kelvane/capture/process_scan.h"
+#include "kelvane/capture/thread_process.h"
+#include "kelvane/report/dump_request.h"
+#include "kelvane/report/json_writer.h"
+#include "kelvane/report/report.h"
+#include "kelvane/report/report_file.h"
+#include "kelvane/timeline/missing_switches.h"
+#include "kelvane/verdict/judge.h"
 
 namespace kelvane {
 namespace {

@@ -10,10 +10,10 @@
 #include <string>
 
 #include "abi/kelvane.h"
-#include "kelvane/deadline.h"
-#include "kelvane/proc_files.h"
-#include "kelvane/recorder.h"
-#include "kelvane/recorder_status.h"
+#include "kelvane/base/deadline.h"
+#include "kelvane/base/proc_files.h"
+#include "kelvane/recorder/recorder.h"
+#include "kelvane/recorder/recorder_status.h"
 
 namespace {
 

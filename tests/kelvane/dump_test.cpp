@@ -18,7 +18,7 @@
 #include <set>
 #include <thread>
 
-#include "kelvane/limits.h"
+#include "kelvane/base/limits.h"
 #include "tests/kelvane/hang_target.h"
 
 namespace kelvane_test {

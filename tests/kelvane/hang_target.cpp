@@ -12,8 +12,8 @@
 #include <fstream>
 #include <thread>
 
-#include "kelvane/deadline.h"
-#include "kelvane/proc_text.h"
+#include "kelvane/base/deadline.h"
+#include "kelvane/base/proc_text.h"
 
 namespace kelvane_test {
 

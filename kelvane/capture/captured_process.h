@@ -1,0 +1,53 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelvane/base/omission.h"
+#include "kelvane/capture/peer.h"
+#include "kelvane/threads/frame.h"
+#include "kelvane/threads/thread_facts.h"
+
+namespace kelvane {
+
+/// The user stack of a thread at one moment.
+struct StackSample {
+  uint64_t atNs = 0;  // CLOCK_MONOTONIC
+  uint32_t stoppedUs = 0;
+  std::vector<uint32_t> frames;  // indices into ProcessCapture::frames, innermost first
+  std::string cutOff;            // why the stack ends before the thread's start; empty: it doesn't
+};
+
+struct ThreadCapture {
+  ThreadFacts facts;
+  std::optional<StackSample> stack;
+  std::string noStack;  // why there is no stack, if that is known
+};
+
+struct Module {
+  std::string path;
+  std::string buildId;  // hexadecimal; empty: not known
+};
+
+/// What was found of the process that a header names.
+struct ProcessCapture {
+  pid_t pid = 0;
+  std::string comm;
+  pid_t hungThread = 0;  // always threads[0] if any thread is listed
+  size_t threadCount = 0;
+  std::vector<ThreadCapture> threads;
+  std::vector<Frame> frames;
+  std::vector<Module> modules;  // Frame::module counts these
+  /// What the hung thread waits for: the holder of a lock (a thread of the process), or of the other end of a
+  /// pipe or socket. 0 and nothing: it doesn't, or that can't be told.
+  pid_t lockOwner = 0;
+  std::optional<Peer> peer;
+  std::vector<Omission> omissions;
+};
+
+}  // namespace kelvane

@@ -1,0 +1,60 @@
+#include "kelvane/capture/unix_socket.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstring>
+
+#include "kelvane/base/proc_files.h"
+
+namespace kelvane {
+namespace {
+
+struct Request {
+  nlmsghdr header;
+  unix_diag_req body;
+};
+
+bool ask(int fd, uint32_t inode) {
+  Request request{};
+  request.header.nlmsg_len = sizeof request;
+  request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  request.header.nlmsg_flags = NLM_F_REQUEST;
+  request.body.sdiag_family = AF_UNIX;
+  request.body.udiag_states = UINT32_MAX;
+  request.body.udiag_ino = inode;
+  request.body.udiag_show = UDIAG_SHOW_PEER;
+  request.body.udiag_cookie[0] = request.body.udiag_cookie[1] = UINT32_MAX;  // any
+  return send(fd, &request, sizeof request, 0) == ssize_t{sizeof request};
+}
+
+}  // namespace
+
+uint32_t unixSocketPeer(uint32_t inode) {
+  if (inode == 0) return 0;
+  UniqueFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!fd || !ask(fd.get(), inode)) return 0;
+  alignas(nlmsghdr) std::array<char, 1024> answer{};
+  // The kernel has answered before send() returned.
+  ssize_t got = recv(fd.get(), answer.data(), answer.size(), MSG_DONTWAIT);
+  nlmsghdr header{};
+  constexpr size_t kAttributes = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(unix_diag_msg));
+  if (got < static_cast<ssize_t>(kAttributes)) return 0;
+  memcpy(&header, answer.data(), sizeof header);
+  if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) return 0;
+  auto left = static_cast<size_t>(got) - kAttributes;
+  for (const auto* attribute = reinterpret_cast<const rtattr*>(answer.data() + kAttributes);
+       RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+    uint32_t peer = 0;
+    if (attribute->rta_type != UNIX_DIAG_PEER || RTA_PAYLOAD(attribute) < sizeof peer) continue;
+    memcpy(&peer, RTA_DATA(attribute), sizeof peer);
+    return peer;
+  }
+  return 0;
+}
+
+}  // namespace kelvane

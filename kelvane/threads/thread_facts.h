@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelvane/base/omission.h"
+#include "kelvane/base/proc_text.h"
+
+namespace kelvane {
+
+/// What /proc tells of a thread, without stopping it.
+struct ThreadFacts {
+  pid_t tid = 0;
+  std::string comm;
+  char state = '?';         // proc(5); '?' if the thread went away
+  std::string waitChannel;  // empty: not waiting, or not permitted
+  pid_t tracerPid = 0;      // the process that traces it; 0: none
+  std::optional<SystemCall> syscall;
+  std::vector<std::string> kernelStack;  // innermost first
+  uint64_t userMs = 0;
+  uint64_t systemMs = 0;
+  uint64_t voluntarySwitches = 0;
+  uint64_t involuntarySwitches = 0;
+};
+
+/// The file `task/TID/NAME` of a process's directory in /proc.
+std::string taskPath(pid_t tid, const char* name);
+
+/// Reads what /proc says of a thread. `processDir` is the process's directory: it stays bound to that very
+/// process, so a reused process id is never taken for it. Nothing if the thread has gone. What is not
+/// permitted is added to `omissions`, once per kind.
+std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vector<Omission>& omissions);
+
+/// The thread's state right now (proc(5)); '?' if it has gone.
+char readThreadState(int processDir, pid_t tid);
+
+}  // namespace kelvane

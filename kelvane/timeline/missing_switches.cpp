@@ -1,0 +1,41 @@
+#include "kelvane/timeline/missing_switches.h"
+
+#include <algorithm>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kelvane {
+
+void addMissingSwitches(Recording& recording) {
+  struct Cpu {
+    std::optional<int32_t> tid;  // whom it runs, once that is known
+    uint64_t lastEventNs = 0;
+  };
+  if (recording.lostEvents > 0) return;
+  std::vector<Cpu> cpus;
+  std::unordered_map<int32_t, uint64_t> wokenNs;
+  std::vector<RecordedEvent> missing;
+  for (const RecordedEvent& event : recording.events) {
+    if (event.cpu >= cpus.size()) cpus.resize(size_t{event.cpu} + 1);
+    Cpu& cpu = cpus[event.cpu];
+    if (cpu.tid == 0 && event.tid != 0) {
+      uint64_t atNs = std::max(cpu.lastEventNs, wokenNs[event.tid]);
+      missing.push_back({atNs, RecordedKind::contextSwitch, 'R', event.cpu, 0, event.tid, 0, 0, 0});
+    }
+    cpu.tid = event.kind == RecordedKind::contextSwitch ? event.other : event.tid;
+    cpu.lastEventNs = event.atNs;
+    if (event.kind == RecordedKind::wakeup) wokenNs[event.other] = event.atNs;
+  }
+  auto earlier = [](const RecordedEvent& a, const RecordedEvent& b) { return a.atNs < b.atNs; };
+  if (missing.empty()) return;
+  std::sort(missing.begin(), missing.end(), earlier);
+  std::vector<RecordedEvent> all(recording.events.size() + missing.size());
+  // Of events at one time the recorded ones stay first: a wake-up comes before its switch.
+  std::merge(recording.events.begin(), recording.events.end(), missing.begin(), missing.end(), all.begin(),
+             earlier);
+  recording.events = std::move(all);
+}
+
+}  // namespace kelvane

@@ -1,0 +1,131 @@
+#include "kelvane/timeline/thread_timeline.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace kelvane {
+namespace {
+
+/// The state of a thread that is off the CPU, by its letter of proc(5).
+ThreadState stateOfLetter(char letter) {
+  switch (letter) {
+    case 'R':
+      return ThreadState::runnable;
+    case 'S':
+    case 'I':
+    case 'P':
+      return ThreadState::sleeping;
+    case 'D':
+      return ThreadState::uninterruptible;
+    case 'T':
+    case 't':
+      return ThreadState::stopped;
+    default:
+      return ThreadState::unknown;  // it has ended, or is something newer than this
+  }
+}
+
+/// Follows one thread through its events. An event that can't follow the state before it means that events
+/// were lost: the time since the last one becomes unknown.
+class Follower {
+ public:
+  Follower(int32_t tid, uint64_t fromNs) : tid_(tid), sinceNs_(fromNs) {}
+
+  void take(const RecordedEvent& event) {
+    if (event.kind == RecordedKind::contextSwitch) {
+      if (event.tid == tid_) switchedOut(event);
+      if (event.other == tid_) switchedIn(event);
+    } else if (event.kind == RecordedKind::wakeup && event.other == tid_) {
+      woken(event);
+    }
+  }
+
+  std::vector<StateSpan> finish(uint64_t toNs, char stateAfterwards) {
+    ThreadState last = state_.value_or(stateOfLetter(stateAfterwards));
+    // A thread that wants the CPU and never took or left one may have had a CPU to itself, or none.
+    if (!state_ && last == ThreadState::runnable) last = ThreadState::unknown;
+    close(toNs, last, cpu_);
+    return std::move(spans_);
+  }
+
+ private:
+  void close(uint64_t atNs, ThreadState state, int32_t cpu = -1, int32_t wokenBy = StateSpan::kNobody) {
+    if (atNs > sinceNs_) spans_.push_back({sinceNs_, atNs, state, cpu, wokenBy});
+    sinceNs_ = atNs;
+  }
+
+  bool isAsleep() const {
+    return state_ == ThreadState::sleeping || state_ == ThreadState::uninterruptible ||
+           state_ == ThreadState::stopped;
+  }
+
+  void switchedIn(const RecordedEvent& event) {
+    if (!state_ || state_ == ThreadState::runnable) {
+      // Without an event before, its wake-up came before the coverage: it has been runnable throughout.
+      close(event.atNs, ThreadState::runnable, event.cpu);
+    } else if (isAsleep()) {
+      // A wake-up can be recorded just before the switch that begins the sleep, which then was none.
+      close(event.atNs, wokenWhileRunning_ ? ThreadState::runnable : *state_,
+            wokenWhileRunning_ ? event.cpu : -1);
+    } else {
+      close(event.atNs, ThreadState::unknown);
+    }
+    state_ = ThreadState::running;
+    cpu_ = event.cpu;
+    wokenWhileRunning_ = false;
+  }
+
+  void switchedOut(const RecordedEvent& event) {
+    bool wasRunning = !state_ || state_ == ThreadState::running;
+    close(event.atNs, wasRunning ? ThreadState::running : ThreadState::unknown, wasRunning ? event.cpu : -1);
+    state_ = stateOfLetter(event.state);
+    cpu_ = -1;
+  }
+
+  void woken(const RecordedEvent& event) {
+    if (state_ == ThreadState::running) {
+      wokenWhileRunning_ = true;
+      return;
+    }
+    if (state_ == ThreadState::runnable) return;
+    // Of a sleep that began before the coverage the kind is not known.
+    close(event.atNs, state_.value_or(ThreadState::unknown), -1, event.tid);
+    state_ = ThreadState::runnable;
+  }
+
+  const int32_t tid_;
+  uint64_t sinceNs_;
+  std::optional<ThreadState> state_;
+  int32_t cpu_ = -1;
+  bool wokenWhileRunning_ = false;
+  std::vector<StateSpan> spans_;
+};
+
+}  // namespace
+
+const char* threadStateName(ThreadState state) {
+  constexpr std::array<const char*, 6> kNames = {"running",         "runnable", "sleeping",
+                                                 "uninterruptible", "stopped",  "unknown"};
+  return kNames[static_cast<size_t>(state)];
+}
+
+std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, char stateAfterwards) {
+  uint64_t coveredFromNs = std::clamp(recording.coveredFromNs, recording.fromNs, recording.toNs);
+  Follower follower(tid, coveredFromNs);
+  for (const RecordedEvent& event : recording.events) {
+    if (event.atNs >= coveredFromNs) follower.take(event);
+  }
+  std::vector<StateSpan> spans = follower.finish(recording.toNs, stateAfterwards);
+  if (coveredFromNs > recording.fromNs) spans.insert(spans.begin(), {recording.fromNs, coveredFromNs});
+  return spans;
+}
+
+TimeByState timeByState(std::span<const StateSpan> spans, uint64_t fromNs, uint64_t toNs) {
+  TimeByState sums{};
+  for (const StateSpan& span : spans) {
+    sums[static_cast<size_t>(span.state)] += sharedNs(span.fromNs, span.toNs, fromNs, toNs);
+  }
+  return sums;
+}
+
+}  // namespace kelvane

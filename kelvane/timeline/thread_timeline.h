@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "kelvane/recording/recording.h"
+
+namespace kelvane {
+
+enum class ThreadState : uint8_t { running, runnable, sleeping, uninterruptible, stopped, unknown };
+
+/// "running", "runnable", …
+const char* threadStateName(ThreadState state);
+
+/// A stretch of time that a thread spent in one state.
+struct StateSpan {
+  static constexpr int32_t kNobody = -1;
+
+  uint64_t fromNs = 0;
+  uint64_t toNs = 0;
+  ThreadState state = ThreadState::unknown;
+  /// The CPU that it ran on, or that took it after it had been runnable; -1 if that is not known.
+  int32_t cpu = -1;
+  /// Whom the CPU ran that ended this sleep or stop: the thread that did it or that an interrupt came upon
+  /// (0: the idle task). kNobody: it has not ended, or that is not known.
+  int32_t wokenBy = kNobody;
+
+  bool isAwake() const { return state == ThreadState::running || state == ThreadState::runnable; }
+};
+
+/// How thread `tid` spent the recording's window: spans without gaps, ascending. What the events don't tell
+/// is unknown: the time before the recording's coverage, and the time around events that were lost.
+///
+/// `stateAfterwards` is the thread's letter of proc(5) right after the window: a thread without any event
+/// has slept throughout if it still sleeps.
+std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, char stateAfterwards);
+
+/// Nanoseconds for each ThreadState.
+using TimeByState = std::array<uint64_t, 6>;
+
+/// Sums the spans' times within [fromNs, toNs].
+TimeByState timeByState(std::span<const StateSpan> spans, uint64_t fromNs, uint64_t toNs);
+
+/// Nanoseconds that [fromNs, toNs] and [otherFromNs, otherToNs] share.
+constexpr uint64_t sharedNs(uint64_t fromNs, uint64_t toNs, uint64_t otherFromNs, uint64_t otherToNs) {
+  uint64_t from = fromNs > otherFromNs ? fromNs : otherFromNs;
+  uint64_t to = toNs < otherToNs ? toNs : otherToNs;
+  return to > from ? to - from : 0;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kelvane/capture/captured_process.h"
+
+/// What reports and sentences call states, files and places in code.
+namespace kelvane {
+
+/// "running", "sleeping", … for a state letter of proc(5).
+const char* stateName(char state);
+
+/// The part of a path behind its last '/'.
+std::string fileName(const std::string& path);
+
+/// "0x7f01".
+std::string hexText(uint64_t number);
+
+/// Null if no file is mapped there.
+const Module* moduleOf(const ProcessCapture& process, const Frame& frame);
+
+/// A user frame's function, or "MODULE+0xOFFSET", or just its address.
+std::string frameName(const ProcessCapture& process, const Frame& frame);
+
+}  // namespace kelvane

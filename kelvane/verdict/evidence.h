@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "kelvane/capture/captured_process.h"
+#include "kelvane/capture/pressure.h"
+#include "kelvane/capture/process_scan.h"
+#include "kelvane/capture/thread_process.h"
+#include "kelvane/recording/recording.h"
+
+namespace kelvane {
+
+/// What there is to judge a hang by.
+struct Evidence {
+  uint64_t fromNs = 0;  // the hang, in CLOCK_MONOTONIC
+  uint64_t toNs = 0;
+  const Recording& recording;  // up to the look at the process, at most
+  const ProcessCapture& process;
+  const ProcessScan& processes;
+  Pressure pressure;
+  /// Fills in a thread's process; leaves it open where it can't be told.
+  std::function<void(NamedThread&)> findProcess;
+};
+
+}  // namespace kelvane

@@ -1,0 +1,217 @@
+#include "kelvane/verdict/findings.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+#include <unordered_map>
+
+#include "kelvane/timeline/cpu_runs.h"
+
+namespace kelvane {
+namespace {
+
+/// How many waits and busy threads a verdict lists.
+constexpr size_t kMaxListed = 10;
+
+using TimeByThread = std::unordered_map<int32_t, uint64_t>;
+
+NamedThread namedThread(const Evidence& evidence, int32_t tid) {
+  NamedThread thread{tid, {}, 0, {}};
+  auto name = evidence.recording.threadNames.find(tid);
+  if (name != evidence.recording.threadNames.end()) thread.name = name->second;
+  if (tid == 0) {
+    thread.name = "an interrupt on an idle CPU";
+  } else if (evidence.findProcess) {
+    evidence.findProcess(thread);
+  }
+  return thread;
+}
+
+/// Whether the thread was as awake, or as asleep, at the end of the recording as at the end of the hang, and
+/// always between.
+bool isSameSince(const std::vector<StateSpan>& spans, uint64_t hangEndNs) {
+  if (spans.empty() || spans.back().state == ThreadState::unknown) return false;
+  bool awake = spans.back().isAwake();
+  for (auto span = spans.rbegin(); span != spans.rend() && span->toNs >= hangEndNs; ++span) {
+    if (span->state == ThreadState::unknown || span->isAwake() != awake) return false;
+    // A wait that began after the hang's end is another one.
+    if (!awake && span == spans.rbegin() && span->fromNs > hangEndNs) return false;
+  }
+  return true;
+}
+
+std::vector<Wait> longestWaits(const Evidence& evidence, const std::vector<StateSpan>& spans,
+                               const Findings& findings) {
+  std::vector<const StateSpan*> candidates;
+  auto length = [&](const StateSpan* span) {
+    return sharedNs(span->fromNs, span->toNs, evidence.fromNs, evidence.toNs);
+  };
+  for (const StateSpan& span : spans) {
+    bool isWait = span.state != ThreadState::running && span.state != ThreadState::unknown;
+    if (isWait && length(&span) > 0) candidates.push_back(&span);
+  }
+  auto end = candidates.begin() + static_cast<ptrdiff_t>(std::min(kMaxListed, candidates.size()));
+  std::partial_sort(candidates.begin(), end, candidates.end(),
+                    [&](auto* a, auto* b) { return length(a) > length(b); });
+  std::vector<Wait> waits;
+  for (auto span = candidates.begin(); span != end; ++span) {
+    Wait wait{std::max((*span)->fromNs, evidence.fromNs),
+              std::min((*span)->toNs, evidence.toNs),
+              (*span)->state,
+              {},
+              {}};
+    bool isTheLast = *span == &spans.back() && findings.stillAsleep;
+    if (isTheLast) wait.waitChannel = findings.thread->facts.waitChannel;
+    if ((*span)->wokenBy != StateSpan::kNobody) wait.wokenBy = namedThread(evidence, (*span)->wokenBy);
+    waits.push_back(std::move(wait));
+  }
+  return waits;
+}
+
+std::vector<BusyThread> busiestOf(const Evidence& evidence, const TimeByThread& times, size_t count) {
+  std::vector<std::pair<uint64_t, int32_t>> order;
+  for (const auto& [tid, ns] : times) order.emplace_back(ns, tid);
+  std::sort(order.rbegin(), order.rend());
+  if (order.size() > count) order.resize(count);
+  std::vector<BusyThread> busiest;
+  busiest.reserve(order.size());
+  for (const auto& [ns, tid] : order) busiest.push_back({namedThread(evidence, tid), ns});
+  return busiest;
+}
+
+Competitors competitorsOf(const Evidence& evidence, const TimeByThread& times) {
+  std::map<std::string_view, Competitors> byName;
+  Competitors most;
+  for (const auto& [tid, ns] : times) {
+    auto name = evidence.recording.threadNames.find(tid);
+    Competitors& group =
+        byName[name == evidence.recording.threadNames.end() ? std::string_view() : name->second];
+    if (group.count++ == 0 || ns > times.at(group.busiest.tid)) group.busiest.tid = tid;
+    group.runningNs += ns;
+    if (group.runningNs > most.runningNs) most = group;
+  }
+  if (most.count > 0) most.busiest = namedThread(evidence, most.busiest.tid);
+  return most;
+}
+
+/// Who else had CPUs: in all, and while the hung thread was ready to run on them.
+void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
+  std::vector<const StateSpan*> runnable;
+  for (const StateSpan& span : spans) {
+    if (span.state == ThreadState::runnable && span.toNs > evidence.fromNs && span.fromNs < evidence.toNs)
+      runnable.push_back(&span);
+  }
+  TimeByThread running;
+  TimeByThread competing;
+  std::unordered_map<uint16_t, size_t> nextOfCpu;  // each CPU's runs ascend, as do the spans
+  visitCpuRuns(evidence.recording, [&](const CpuRun& run) {
+    uint64_t from = std::max(run.fromNs, evidence.fromNs);
+    uint64_t to = std::min(run.toNs, evidence.toNs);
+    if (from >= to || (run.tid != 0 && run.tid == evidence.process.hungThread)) return;
+    if (run.tid != 0) running[run.tid] += to - from;
+    size_t& next = nextOfCpu[run.cpu];
+    while (next < runnable.size() && runnable[next]->toNs <= from) next++;
+    for (size_t i = next; i < runnable.size() && runnable[i]->fromNs < to; i++) {
+      if (runnable[i]->cpu != -1 && runnable[i]->cpu != run.cpu) continue;
+      uint64_t ns = sharedNs(from, to, runnable[i]->fromNs, runnable[i]->toNs);
+      (run.tid == 0 ? findings.idleRunnableNs : competing[run.tid]) += ns;
+    }
+  });
+  findings.busiest = busiestOf(evidence, running, kMaxListed);
+  findings.competitors = competitorsOf(evidence, competing);
+}
+
+void addDisk(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
+  uint64_t coveredFromNs = std::max(evidence.fromNs, evidence.recording.coveredFromNs);
+  findings.disk = diskActivity(evidence.recording, std::min(coveredFromNs, evidence.toNs), evidence.toNs);
+  auto busy = findings.disk.busy.begin();
+  for (const StateSpan& span : spans) {
+    if (span.state != ThreadState::uninterruptible) continue;
+    while (busy != findings.disk.busy.end() && busy->second <= span.fromNs) ++busy;
+    for (auto at = busy; at != findings.disk.busy.end() && at->first < span.toNs; ++at) {
+      findings.diskWaitNs += sharedNs(span.fromNs, span.toNs, at->first, at->second);
+    }
+  }
+}
+
+/// Sums the time between begin and end events; either may lie outside of the recording.
+class PairedTime {
+ public:
+  explicit PairedTime(const Evidence& evidence)
+      : evidence_(evidence), sinceNs_(evidence.recording.coveredFromNs) {}
+
+  void begin(uint64_t atNs) {
+    if (depth_++ == 0) sinceNs_ = atNs;
+    begun_ = true;
+  }
+  void end(uint64_t atNs) {
+    if (depth_ == 0 && begun_) return;  // its begin was lost
+    begun_ = true;
+    depth_ = std::max(depth_ - 1, 0);
+    if (depth_ > 0) return;
+    sumNs_ += sharedNs(sinceNs_, atNs, evidence_.fromNs, evidence_.toNs);
+  }
+  uint64_t sumNs() const {
+    uint64_t open = sharedNs(sinceNs_, evidence_.recording.toNs, evidence_.fromNs, evidence_.toNs);
+    return depth_ > 0 ? sumNs_ + open : sumNs_;
+  }
+
+ private:
+  const Evidence& evidence_;
+  uint64_t sinceNs_;
+  uint64_t sumNs_ = 0;
+  int depth_ = 0;
+  bool begun_ = false;
+};
+
+bool isOfProcess(const ProcessCapture& process, int32_t tid) {
+  return std::any_of(process.threads.begin(), process.threads.end(),
+                     [&](const ThreadCapture& thread) { return thread.facts.tid == tid; });
+}
+
+void addEvents(const Evidence& evidence, Findings& findings) {
+  PairedTime reclaim(evidence);
+  PairedTime suspend(evidence);
+  int32_t hung = evidence.process.hungThread;
+  for (const RecordedEvent& event : evidence.recording.events) {
+    bool inside = event.atNs >= evidence.fromNs && event.atNs <= evidence.toNs;
+    bool own = event.tid == hung;
+    if (event.kind == RecordedKind::suspendBegin) suspend.begin(event.atNs);
+    if (event.kind == RecordedKind::suspendEnd) suspend.end(event.atNs);
+    if (event.kind == RecordedKind::reclaimBegin && own) reclaim.begin(event.atNs);
+    if (event.kind == RecordedKind::reclaimEnd && own) reclaim.end(event.atNs);
+    if (event.kind == RecordedKind::fileFault && own && inside) findings.pageIns++;
+    bool stops =
+        event.value == SIGSTOP || event.value == SIGTSTP || event.value == SIGTTIN || event.value == SIGTTOU;
+    if (event.kind == RecordedKind::signal && stops && isOfProcess(evidence.process, event.tid))
+      findings.stopSignal = event;
+  }
+  findings.reclaimNs = reclaim.sumNs();
+  findings.suspendNs = suspend.sumNs();
+}
+
+}  // namespace
+
+Findings findingsOf(const Evidence& evidence) {
+  Findings findings;
+  if (!evidence.process.threads.empty()) findings.thread = &evidence.process.threads.front();
+  std::vector<StateSpan> spans;
+  if (findings.thread) {
+    spans = threadTimeline(evidence.recording, evidence.process.hungThread, findings.thread->facts.state);
+    findings.spent = timeByState(spans, evidence.fromNs, evidence.toNs);
+    for (uint64_t ns : findings.spent) findings.knownNs += ns;
+    findings.knownNs -= findings.in(ThreadState::unknown);
+    bool same = isSameSince(spans, evidence.toNs);
+    findings.stillAwake = same && spans.back().isAwake();
+    findings.stillAsleep = same && !findings.stillAwake;
+    findings.waits = longestWaits(evidence, spans, findings);
+  }
+  addOthers(evidence, spans, findings);
+  addDisk(evidence, spans, findings);
+  addEvents(evidence, findings);
+  return findings;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kelvane/capture/peer.h"
+#include "kelvane/capture/pressure.h"
+#include "kelvane/capture/thread_process.h"
+#include "kelvane/timeline/disk_activity.h"
+#include "kelvane/timeline/thread_timeline.h"
+
+namespace kelvane {
+
+/// Why a thread hung, as far as can be told.
+enum class Cause : uint8_t {
+  ownCpu,     // it was computing
+  starved,    // it was ready to run, and others were given the CPU
+  disk,       // it waited for block devices
+  lock,       // it waited for a lock that a thread of its process holds
+  peer,       // it waited for a process at the other end of a pipe or socket
+  memory,     // it had to free memory first, or waited for memory that had been taken from it
+  stopped,    // by a signal or a debugger
+  suspended,  // the machine was on its way into suspend, or back
+  sleeping,   // it waited for something else: time to pass, an event
+  unknown,
+};
+
+/// The cause's name in a report: "own-cpu", …
+inline const char* causeName(Cause cause) {
+  constexpr std::array<const char*, 10> kNames = {"own-cpu", "starved", "disk",      "lock",     "peer",
+                                                  "memory",  "stopped", "suspended", "sleeping", "unknown"};
+  return kNames[static_cast<size_t>(cause)];
+}
+
+/// A stretch of the hang in which the thread did not run; within the hang's time.
+struct Wait {
+  uint64_t fromNs = 0;
+  uint64_t toNs = 0;
+  ThreadState state = ThreadState::unknown;
+  std::string waitChannel;  // empty: not known
+  std::optional<NamedThread> wokenBy;
+};
+
+struct BusyThread {
+  NamedThread thread;
+  uint64_t runningNs = 0;
+};
+
+struct Verdict {
+  Cause cause = Cause::unknown;
+  std::string sentence;  // for people
+  // What it rests on.
+  bool fromRecorder = false;  // else on one look
+  uint64_t windowNs = 0;      // how long the hang was
+  uint64_t coveredNs = 0;     // how much of that is recorded
+  uint64_t eventsLost = 0;
+
+  // From the recorder, all within the hang.
+  std::optional<TimeByState> spent;
+  std::vector<Wait> waits;          // longest first
+  std::vector<BusyThread> busiest;  // other threads, most first
+  std::optional<DiskActivity> disk;
+
+  std::optional<NamedThread> lockOwner;
+  std::optional<Peer> peer;
+  Pressure pressure;
+};
+
+}  // namespace kelvane
