@@ -27,6 +27,9 @@ class CheckIncludes(unittest.TestCase):
                 ("core/main.cpp", "#include <systemd/sd-daemon.h>"),
                 ("client/a.c", "#include <nlohmann/json.hpp>"),
                 ("kelvane/a.cpp", '#  include "tests/sim/world.h"'),
+                ("kelvane/threads/a.h", '#include "kelvane/capture/process_capture.h"'),
+                ("kelvane/verdict/a.cpp", '#include "kelvane/report/trace_events.h"'),
+                ("kelvane/timeline/a.cpp", '#include "kelvane/entry.h"'),
         ]:
             with self.subTest(path=path, line=line):
                 result = self.verdict(path, line)
@@ -41,6 +44,8 @@ class CheckIncludes(unittest.TestCase):
                 ("hangs/a.h", '#include "abi/hang_region.h"'),
                 ("platform/linux/a.cpp", "#include <systemd/sd-bus.h>"),
                 ("client/a.c", "#include <systemd/sd-bus.h>"),
+                ("kelvane/report/a.cpp", '#include "kelvane/threads/frame.h"'),
+                ("kelvane/a.cpp", '#include "abi/kelvane.h"'),
         ]:
             with self.subTest(path=path, line=line):
                 self.assertEqual(self.verdict(path, line).returncode, 0)
