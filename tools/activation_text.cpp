@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "tools/report_text.h"
 #include "tools/table.h"
+#include "tools/units.h"
 
 namespace quorvelctl {
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <vector>
 
-#include "tools/report_text.h"
 #include "tools/table.h"
+#include "tools/units.h"
 
 namespace quorvelctl {
 namespace {

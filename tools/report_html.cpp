@@ -4,6 +4,7 @@
 #include "tools/report_page.h"
 #include "tools/report_text.h"
 #include "tools/report_timeline.h"
+#include "tools/units.h"
 #include "tools/verdict_html.h"
 
 namespace quorvelctl {

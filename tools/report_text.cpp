@@ -1,20 +1,15 @@
 #include "tools/report_text.h"
 
-#include <cstdio>
+#include <ctime>
 
 #include "tools/table.h"
+#include "tools/units.h"
 #include "tools/verdict_text.h"
 
 namespace quorvelctl {
 namespace {
 
 constexpr double kTicksPerMs = 24'000;
-
-std::string fixed(double value, int digits) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*f", digits, value);
-  return text;
-}
 
 std::string localTime(time_t time) {
   tm parts{};
@@ -97,20 +92,6 @@ std::string displayText(const ReportHeader& header) {
                           : " from " + durationText(-beforeMs) + " into it";
   }
   return text;
-}
-
-std::string durationText(double ms) {
-  if (ms > 0 && ms < 1) return fixed(ms, 2) + " ms";
-  return ms < 1000 ? fixed(ms, 0) + " ms" : fixed(ms / 1000, 2) + " s";
-}
-
-std::string sizeText(uint64_t bytes) {
-  constexpr double kKilobyte = 1024;
-  const auto size = static_cast<double>(bytes);
-  if (bytes < 1024) return std::to_string(bytes) + " B";
-  if (size < kKilobyte * kKilobyte) return fixed(size / kKilobyte, 0) + " KB";
-  if (size < kKilobyte * kKilobyte * kKilobyte) return fixed(size / (kKilobyte * kKilobyte), 1) + " MB";
-  return fixed(size / (kKilobyte * kKilobyte * kKilobyte), 2) + " GB";
 }
 
 std::string reportTable(const std::vector<ReportEntry>& entries) {

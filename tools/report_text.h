@@ -17,11 +17,6 @@ struct ReportEntry {
   std::string problem;  ///< why the header is missing
 };
 
-/// "7.50 s", "401 ms" below a second, "0.15 ms" below a millisecond.
-std::string durationText(double ms);
-/// "512 B", "12 KB", "3.4 MB", "1.25 GB".
-std::string sizeText(uint64_t bytes);
-
 // As it came from the report: not yet fit for a terminal or a page.
 
 /// "sleeping in futex_wait_queue, system call futex"

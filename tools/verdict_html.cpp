@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "tools/report_text.h"
+#include "tools/units.h"
 #include "tools/verdict_text.h"
 
 namespace quorvelctl {

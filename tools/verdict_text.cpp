@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
-#include "tools/report_text.h"
 #include "tools/table.h"
+#include "tools/units.h"
 
 namespace quorvelctl {
 namespace {
