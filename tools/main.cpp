@@ -3,7 +3,7 @@
 #include <cstring>
 #include <exception>
 
-#include "tools/commands.h"
+#include "tools/commands/commands.h"
 
 namespace {
 

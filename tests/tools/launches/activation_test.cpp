@@ -1,0 +1,97 @@
+#include "tools/launches/activation.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+#include "tools/launches/activation_text.h"
+#include "tools/launches/launch_notify.h"
+
+using quorvelctl::ActivationReader;
+
+namespace {
+
+constexpr uint64_t kHash = uint64_t{7} << 32;  ///< the upper word of identifiers
+
+std::string cost(uint64_t identifier, uint64_t user, uint64_t legacy, uint64_t background, uint64_t read,
+                 int life) {
+  return nlohmann::json{
+      {"UniqueID", identifier},       {"TotalCPU_ms", user},      {"QOSDisabled_ms", 0},
+      {"QOSUserInteractive_ms", 0},   {"QOSUserInitiated_ms", 0}, {"QOSDefault_ms", legacy},
+      {"QOSUtility_ms", 0},           {"QOSMaintenance_ms", 0},   {"QOSBackground_ms", background},
+      {"IOReads_kb", read},           {"IOWrites_kb", 0},         {"PageIns", 0},
+      {"ProcessLifecycleState", life}}
+      .dump();
+}
+
+std::string line(const std::string& costs, const std::string& names, int result = 0) {
+  return R"({"activationData":{"Timestamp":810000000.5,"ActivationID":)" +
+         std::to_string(uint64_t{0x98968000} << 32 | 41) + R"(,"UniqueID":)" + std::to_string(kHash | 41) +
+         R"(,"SystemUptime":100,"BundleID":"com.example.\u001b[31mviewer","ActivationDuration_ms":1500,)" +
+         R"("ActivationResult":)" + std::to_string(result) + R"(,"ActivationType":1,"ActivationFlags":)" +
+         std::to_string(3 << 13 | 2) + R"(},"cpuData":{)" + costs +
+         R"(},"vmData":{"1":{"FreeQueue":2048,"PageIns":10,"PageOuts":0,"Faults":5,"SwapIns":0},)"
+         R"("2":{"FreeQueue":1024,"PageIns":266,"PageOuts":0,"Faults":905,"SwapIns":256}},"processData":{)" +
+         names + "}}\n";
+}
+
+std::string name(uint64_t identifier, const std::string& text) {
+  return '"' + std::to_string(identifier) + R"(":{"UniqueID":)" + std::to_string(identifier) +
+         R"(,"ProcessName":")" + text + "\"}";
+}
+
+TEST(Activations, AreToldWithWhoSpentMostFirst) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const std::string costs = R"("0":)" + cost(kHash | 41, 200, 300, 0, 0, 0) + R"(,"1":)" +
+                            cost(kHash | 42, 10, 0, 1200, 4096, 1) + R"(,"3":)" +
+                            cost(kHash | 43, 0, 0, 0, 0, 2) + R"(,"4":)" + cost(kHash | 44, 0, 0, 0, 8, 0) +
+                            R"(,"-1":)" + cost(~uint64_t{0}, 3, 4, 0, 0, 0);
+  ActivationReader reader;
+  reader.read(line("", name(kHash | 44, "old")) +
+              line(costs, name(kHash | 41, "viewer") + "," + name(kHash | 42, "helper") + "," +
+                              name(kHash | 43, "gone")));
+  ASSERT_EQ(reader.activations().size(), 2u);
+  EXPECT_EQ(
+      quorvelctl::activationText(reader.activations()[1], 4096),
+      "2026-09-02 00:00:00  com.example.?[31mviewer  launch in 1.50 s, ok, end heard 150 ms late\n"
+      "  CPU     USER    READ    WRITTEN  PAGE-INS  PID  PROCESS\n"
+      "  1.20 s  10 ms   4.0 MB  -        -         42   helper, born\n"
+      "  300 ms  200 ms  -       -        -         41   viewer, the application\n"
+      "  -       -       8 KB    -        -         44   old\n"
+      "  4 ms    3 ms    -       -        -              2 others together\n"
+      "  ended: gone (43)\n"
+      "  machine: 4.0 MB free (-4.0 MB), 1.0 MB read in, 0 B written out, 900 faults, 1.0 MB swapped in\n");
+  EXPECT_TRUE(reader.activations()[1].isOf(41, 0x98968000));
+  EXPECT_FALSE(reader.activations()[1].isOf(42, 0x98968000));
+  EXPECT_FALSE(reader.activations()[1].isOf(41, 0x98968001));
+}
+
+TEST(Activations, NamesCarryOverAndBrokenLinesAreCounted) {
+  ActivationReader reader;
+  const std::string app = R"("0":)" + cost(kHash | 41, 0, 1, 0, 0, 0);
+  reader.read(line(app, name(kHash | 41, "viewer")) + "{\"activationData\":3}\n\xff\n[]\n\n");
+  reader.read(line(app, "") + line(R"("0":)" + cost(kHash * 2 | 41, 0, 1, 0, 0, 0), "", 33) +
+              line(R"("0":)" + cost(kHash | 50, 0, 1, 0, 0, 0), "") + line(R"("0":{"UniqueID":"x"})", "") +
+              line(app, "").substr(0, 40));  // a line under way is none
+  EXPECT_EQ(reader.brokenLines(), 5u);
+  ASSERT_EQ(reader.activations().size(), 4u);
+  EXPECT_EQ(reader.activations()[1].processes[0].name, "viewer");
+  EXPECT_EQ(reader.activations()[2].processes[0].name, "was viewer");
+  EXPECT_EQ(reader.activations()[3].processes[0].name, "");
+  const auto json = quorvelctl::activationJson(reader.activations()[2]);
+  EXPECT_EQ(json["result"], 33);
+  EXPECT_EQ(json["startedAt"], "2026-09-02T00:00:00Z");
+  EXPECT_EQ(json["processes"][0]["cpuMsByClass"]["legacy"], 1);
+  EXPECT_EQ(json["vm"]["end"]["SwapIns"], 256);
+}
+
+TEST(Notifications, AreReadByTheLine) {
+  EXPECT_TRUE(quorvelctl::hasLine("STATUS=up\nREADY=1\n", "READY=1"));
+  for (const char* text : {"", "\n", "READY=10", "READY=0", "STATUS=READY=1", "XREADY=1"})
+    EXPECT_FALSE(quorvelctl::hasLine(text, "READY=1")) << text;
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include "tools/page/report_html.h"
+#include "tools/page/report_timeline.h"
+
+using quorvelctl::Report;
+using quorvelctl::Timeline;
+
+namespace {
+
+size_t countOf(const std::string& text, std::string_view what) {
+  size_t count = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+  return count;
+}
+
+std::string pageOf(const std::string& text) {
+  std::string error;
+  const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
+  EXPECT_EQ(error, "");
+  return quorvelctl::reportPage(report);
+}
+
+// Every text of it is hostile; two of three states are drawn on the states' own track.
+constexpr const char* kHostile =
+    R"({"metadata":{"Reason":"X","ServiceName":"X","ProcessPath":"/bin/X","PID":41,
+"ThreadID":41,"StartTime":24000000,"EndTime":48000000,"host":{"system":"X"},"capture":{"time":"X","ts":1500000},
+"leftOut":[{"what":"X","why":"X"}],"verdict":{"cause":"X","sentence":"X","evidence":{"source":"X"},
+"spent":{"runningMs":1},"waits":[{"state":"X","waitChannel":"X","wokenBy":{"tid":1,"name":"X","process":"X"}}],
+"lock":{"ownerTid":3,"ownerName":"X"},"peer":{"pid":3,"process":"X","through":"X"},
+"busiest":[{"tid":3,"name":"X","process":"X","runningMs":1}]}},
+"traceEvents":[{"ph":"P","tid":41,"sf":"1"},{"ph":"X","cat":"cpu","tid":0,"ts":1e6,"dur":5,"name":"X","args":{"tid":7}},
+{"ph":"X","cat":"state","tid":41,"ts":1e6,"dur":1e6,"name":"one look"},
+{"ph":"X","cat":"state","tid":4194306,"ts":1e6,"dur":5,"name":"X"},
+{"ph":"X","cat":"cpu","tid":0,"ts":1e300,"dur":5,"name":"far"},{"ph":"i","cat":"signpost","ts":1e6,"name":"X"}],
+"stackFrames":{"1":{"name":"X","category":"X","module":"X","offset":"X"}},
+"threads":[{"tid":41,"hung":true,"name":"X","state":"X","waitChannel":"X","kernelStack":["X"],"stackCutOff":"X"},
+{"tid":42,"name":"X","noStack":"X"}]})";
+
+TEST(ReportPage, NothingOfAReportBecomesMarkup) {
+  const std::string harmless = pageOf(kHostile);
+  std::string text(kHostile);
+  for (size_t at = text.find("\"X\""); at != std::string::npos; at = text.find("\"X\"", at)) {
+    // An event's phase, which may be X too, stays: else there would be nothing to draw.
+    if (text.compare(at - 5, 5, "\"ph\":") == 0) {
+      ++at;
+    } else {
+      text.replace(at, 3, R"("</script><!--<img src=\"x\" onerror='f()'>{{script}}&amp;")");
+    }
+  }
+  const std::string page = pageOf(text);
+  EXPECT_GT(countOf(page, "&lt;/script&gt;"), 15u);
+  for (const char* markup : {"<", ">", "\""}) {
+    // In the embedded JSON alone quotes and '>' are plain, or escaped by a backslash.
+    const auto outside = [&](const std::string& all) {
+      return countOf(all.substr(0, all.find("id=\"data\"")), markup);
+    };
+    EXPECT_EQ(outside(page), outside(harmless)) << markup;
+  }
+  EXPECT_EQ(countOf(page, "</script>"), 2u);
+  EXPECT_EQ(countOf(page, "<!--"), 0u);
+  EXPECT_EQ(countOf(page, "'use strict'"), 1u) << "a part of the page was put into a text of the report";
+}
+
+TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {
+  Report report;
+  report.header.pid = report.header.threadId = 41;
+  report.header.startTicks = 24'000'000;
+  report.header.endTicks = 48'000'000;
+  report.threads.resize(1);
+  report.threads.front().tid = 42;
+  report.trace.texts = {"viewer", "worker", "sleeping", "hog"};
+  double hogUs = 0;
+  for (int i = 0; i < 150'000; ++i) {
+    const double start = 1e6 + i * 20.0;
+    const auto tid = static_cast<int64_t>(i % 6 == 0 ? 41 : i % 6 == 1 ? 42 : 7);
+    const uint32_t name = tid == 41 ? 0 : tid == 42 ? 1 : 3;
+    if (tid == 7) hogUs += 30;
+    report.trace.events.push_back({quorvelctl::TraceEvent::Kind::cpu, name, i % 2, tid, start, 30});
+  }
+  report.trace.events.push_back({quorvelctl::TraceEvent::Kind::state, 2, 41, 0, 1e6, 1e6});
+
+  const Timeline timeline = quorvelctl::timelineOf(report);
+  EXPECT_EQ(timeline.events, 150'001u);
+  EXPECT_TRUE(timeline.statesOfLook);
+  ASSERT_EQ(timeline.tracks.size(), 3u);
+  size_t items = 0;
+  size_t events = 0;
+  double end = 0;
+  for (const Timeline::Track& track : timeline.tracks) {
+    items += track.items.size();
+    for (const Timeline::Item& item : track.items) {
+      events += item.count;
+      if (track.kind == "cpu") end = std::max(end, item.startUs + item.durationUs);
+    }
+  }
+  EXPECT_EQ(events, 150'001u);
+  EXPECT_LE(items, 32'000u);
+  EXPECT_GT(items, 15'000u) << "so coarse that looking closer shows nothing";
+  EXPECT_DOUBLE_EQ(end, 149'999 * 20.0 + 30);
+  for (const Timeline::Label& label : timeline.labels) {
+    const char* owner = label.tid == 41 ? "hung" : label.tid == 42 ? "own" : label.tid == 7 ? "other" : "";
+    EXPECT_EQ(label.owner, owner);
+    EXPECT_DOUBLE_EQ(label.totalUs, label.tid == 7 ? hogUs : label.totalUs);
+  }
+  EXPECT_LT(quorvelctl::reportPage(report).size(), size_t{1} * 1024 * 1024);
+}
+
+}  // namespace

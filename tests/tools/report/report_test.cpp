@@ -1,0 +1,111 @@
+#include "tools/report/report.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/report/report_text.h"
+
+using quorvelctl::Report;
+using quorvelctl::ReportHeader;
+
+namespace {
+
+// A report with one thread more than the hung one; a name that would speak to a terminal.
+constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,
+"Reason":"MainThread-viewer: timeout 8500ms","ServiceName":"MainThread","ProcessPath":"/usr/bin/viewer","PID":41,
+"ThreadID":41,"StartTime":24000000,"EndTime":228000000,"DisplayData":[12000000,-1,48000000,0],
+"host":{"system":"Linux","kernel":"6.1","cpus":2},"capture":{"time":"2026-03-01T10:00:00Z"},
+"leftOut":[{"what":"scheduler events","why":"not recorded"}]},
+"traceEvents":[{"ph":"P","tid":41,"sf":"4"},{"ph":"P","tid":42,"sf":"2"},{"ph":"X","tid":41}],
+"stackFrames":{"1":{"name":"main","category":"viewer","module":"/usr/bin/viewer","offset":"0x10","build_id":"ab"},
+"2":{"name":"libc.so.6+0x20","category":"libc.so.6","parent":"1","offset":"0x20"},
+"3":{"name":"do_futex","category":"kernel","parent":"2"},"4":{"name":"futex_wait","category":"kernel","parent":"3"}},
+"threads":[{"tid":42,"name":"wor\u001b[31mker","state":"sleeping","syscall":999},
+{"tid":41,"name":"viewer","hung":true,"state":"sleeping","waitChannel":"futex_do_wait","syscall":202,
+"syscallName":"futex","userMs":12,"systemMs":3,"kernelStack":["futex_wait","do_futex"]}]})";
+
+TEST(ReportFile, IsToldInWords) {
+  std::string error;
+  const Report report = quorvelctl::parseReport(kReport, error).value_or(Report{});
+  const std::string text = quorvelctl::reportText(report);
+  EXPECT_EQ(text,
+            "hang MainThread: viewer (pid 41), 8.50 s\n\n"
+            "reason   MainThread-viewer: timeout 8500ms\n"
+            "process  /usr/bin/viewer\n"
+            "thread   41\n"
+            "ticks    24000000 to 228000000\n"
+            "display  unknown from 500 ms before it began, then off from 1.00 s into it\n"
+            "made     2026-03-01T10:00:00Z\n"
+            "host     Linux, 6.1, 2 CPUs\n\n"
+            "Thread 41 viewer, which hung: sleeping in futex_do_wait, system call futex\n"
+            "CPU time so far: 12 ms user, 3 ms system\n\n"
+            "  kernel, innermost first\n    futex_wait\n    do_futex\n\n"
+            "  user, innermost first\n    libc.so.6+0x20\n    main  (viewer+0x10)\n\n"
+            "Other threads\n"
+            "THREAD  NAME         DOING                      INNERMOST FRAME\n"
+            "42      wor?[31mker  sleeping, system call 999  libc.so.6+0x20\n\n"
+            "Left out\n  scheduler events: not recorded\n");
+}
+
+TEST(ReportFile, ItsVerdictComesFirst) {
+  std::string text(kReport);
+  text.insert(text.find("\"leftOut\""), R"("verdict":{"cause":"lock","sentence":"It waited for \u001bworker.",
+"evidence":{"source":"recorder","windowMs":8500.0,"coveredMs":6375,"eventsLost":12},
+"spent":{"runningMs":170,"sleepingMs":8330.4,"stoppedMs":0},
+"waits":[{"ts":1000500,"durationMs":8000,"state":"sleeping","waitChannel":"futex_do_wait",
+"wokenBy":{"tid":42,"name":"worker","pid":41,"process":"viewer"}},{"ts":999000,"durationMs":10,"state":"sleeping"},
+{"durationMs":1}],
+"lock":{"ownerTid":42,"ownerName":"worker"},"peer":{"pid":55,"process":"bus","through":"Unix socket"},
+"busiest":[{"tid":9,"name":"hog","pid":8,"process":"hogs","runningMs":4250}],
+"disk":{"requests":3,"readBytes":4096,"writtenBytes":-1,"busyMs":20,"slowestMs":9},
+"pressure":{"io":{"some10":12.34,"full10":3}}},)");
+  std::string error;
+  const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
+  const std::string shown = quorvelctl::reportText(report);
+  EXPECT_EQ(shown.substr(0, shown.find("reason")),
+            "hang MainThread: viewer (pid 41), 8.50 s\n\n"
+            "It waited for ?worker.\n\n"
+            "How the hung thread spent the time\n"
+            "  STATE     FOR     SHARE   \n"
+            "  sleeping  8.33 s  98.0 %  #############################\n"
+            "  running   170 ms  2.0 %   #\n\n"
+            "Its longest waits\n"
+            "  FOR     FROM      STATE     IN             WOKEN BY\n"
+            "  8.00 s  +0.50 ms  sleeping  futex_do_wait  worker (42) of the same process\n"
+            "  10 ms   -1 ms     sleeping  -              -\n\n"
+            "Busiest other threads\n"
+            "  RAN     OF A CPU  THREAD\n"
+            "  4.25 s  66.7 %    hog (9) of hogs (8)\n\n"
+            "  lock         held by worker (42)\n"
+            "  peer         bus (55), through a Unix socket\n"
+            "  disk         3 requests, 4 KB read, 0 B written; busy for 20 ms, the slowest took 9 ms\n"
+            "  io pressure  some tasks waited 12.3 % of the last 10 s, all 3.0 %\n"
+            "  evidence     recorder: 6.38 s of 8.50 s covered (75.0 %), 12 events lost\n\n");
+}
+
+TEST(ReportFile, ItsHeaderIsReadWithoutTheRest) {
+  const std::string text(kReport);
+  std::string error;
+  const ReportHeader header =
+      quorvelctl::parseReportHeader(text.substr(0, text.find("\"traceEvents\"")), error)
+          .value_or(ReportHeader{});
+  EXPECT_EQ(header.kind() + " " + header.processName(), "hang viewer");
+  EXPECT_DOUBLE_EQ(header.durationMs(), 8500);
+}
+
+TEST(ReportFile, WhatIsOfAnotherTypeStaysEmptyAndWhatIsNoReportIsRefused) {
+  std::string error;
+  const Report odd =
+      quorvelctl::parseReport(
+          R"({"metadata":{"PID":"x","ServiceName":7,"DisplayData":[1,"y",3]},"threads":[3,{"hung":"yes"}],
+          "traceEvents":[{"ph":"P","tid":0,"sf":"1"}],"stackFrames":{"1":{"parent":"1"}}})",
+          error)
+          .value_or(Report{});
+  EXPECT_EQ(odd.header.kind(), "trace");
+  EXPECT_EQ(odd.threads.size(), 2u);
+  for (const char* text : {"", "[]", "{}", "{\"metadata\":", "{\"metadata\":{\"PID\":1", "\xff"}) {
+    EXPECT_FALSE(quorvelctl::parseReport(text, error)) << text;
+    EXPECT_FALSE(quorvelctl::parseReportHeader(text, error)) << text;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+#include "tools/symbols/symbolicate.h"
+
+#include <dlfcn.h>
+#include <elfutils/libdwelf.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+using quorvelctl::NamedReport;
+using quorvelctl::Symbols;
+
+// Of which this program's own symbol table knows the name.
+extern "C" __attribute__((noinline, used)) int quorvelFunctionToName(int x) {
+  return x + 1;
+}
+
+namespace {
+
+std::string hexText(uint64_t number) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%lx", static_cast<unsigned long>(number));
+  return text;
+}
+
+/// Hexadecimal; empty when the file has none.
+std::string buildIdOf(const std::string& path) {
+  elf_version(EV_CURRENT);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  Elf* elf = elf_begin(fd, ELF_C_READ, nullptr);
+  const void* bytes = nullptr;
+  const ssize_t length = dwelf_elf_gnu_build_id(elf, &bytes);
+  std::string text;
+  for (ssize_t i = 0; i < length; ++i) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", static_cast<const unsigned char*>(bytes)[i]);
+    text += digits;
+  }
+  elf_end(elf);
+  close(fd);
+  return text;
+}
+
+TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
+  const std::string path = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string own = buildIdOf(path);
+  if (own.size() < 8) GTEST_SKIP() << "this program was linked without a build id";
+  Dl_info loaded{};
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(&quorvelFunctionToName), &loaded), 0);
+  const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) -
+                                     reinterpret_cast<uint64_t>(loaded.dli_fbase));
+  const std::string other = "00" + own.substr(2) + "77";
+  // As a report has it, and as it has to be once its function is called `name`: members and digits stay as
+  // they are.
+  const auto report = [&](const std::string& module, const std::string& buildId, const std::string& name) {
+    return R"({"metadata":{"PID":4,"verdict":{"sentence":"in )" + name +
+           R"(."}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
+           R"(","cat":"user","ts":1.500,"args":{"name":"m+0x1"}},{"name":"m+0x1","cat":"cpu","dur":1e300},{}],)" +
+           R"("stackFrames":{"9":{"name":"do_futex","category":"kernel"},"2":{"name":")" + name +
+           R"(","category":"m","module":")" + module + R"(","offset":")" + offset + R"(","build_id":")" +
+           buildId + R"("},"3":{"name":"0x5","category":""}},"threads":[true,null,-7,"\n"]})";
+  };
+  std::string scratch = "/tmp/symbolicate.XXXXXX";
+  ASSERT_TRUE(mkdtemp(scratch.data()));
+  const std::string byBuildId = scratch + "/.build-id/" + own.substr(0, 2);
+  std::filesystem::create_directories(byBuildId);
+  std::filesystem::create_symlink(path, byBuildId + "/" + own.substr(2) + ".debug");
+  std::filesystem::create_symlink(path, scratch + "/gone.so");
+
+  struct Case {
+    std::string module, buildId, debugDir;
+    bool named;
+  };
+  for (const Case& one :
+       {Case{path, own, "", true}, Case{path, other, "", false}, Case{path, "", "", false},
+        Case{"/gone/m", own, "", false}, Case{"/gone/m", own, scratch, true},
+        Case{"/gone/gone.so", other, scratch, false}, Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
+    Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir});
+    std::string error;
+    const std::string before = report(one.module, one.buildId, "m+0x1");
+    const NamedReport result = quorvelctl::nameReport(before, symbols, error).value_or(NamedReport{});
+    EXPECT_EQ(result.text, one.named ? report(one.module, one.buildId, "quorvelFunctionToName") : before);
+    EXPECT_EQ(result.frames, 2u);
+    EXPECT_EQ(result.withoutFile.empty(), one.named);
+  }
+  std::filesystem::remove_all(scratch);
+}
+
+}  // namespace

@@ -1,0 +1,88 @@
+#include "tools/base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+
+#include "tools/base/descriptor.h"
+
+namespace quorvelctl {
+namespace {
+
+std::error_code lastError() {
+  return {errno, std::generic_category()};
+}
+
+std::error_code writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(fd, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return lastError();
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+  return {};
+}
+
+std::error_code fill(int fd, std::string_view bytes, bool synced) {
+  if (const std::error_code error = writeAll(fd, bytes)) return error;
+  if (fchmod(fd, 0644) != 0) return lastError();
+  if (synced && fsync(fd) != 0) return lastError();
+  return {};
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error) {
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+    error = lastError();
+    return std::nullopt;
+  }
+  if (S_ISDIR(status.st_mode)) error = std::make_error_code(std::errc::is_a_directory);
+  if (!error && !S_ISREG(status.st_mode)) error = std::make_error_code(std::errc::invalid_argument);
+  std::string bytes;
+  while (!error) {
+    const size_t before = bytes.size();
+    bytes.resize(before + size_t{64} * 1024);
+    const ssize_t length = read(file.get(), bytes.data() + before, bytes.size() - before);
+    if (length < 0) error = lastError();
+    bytes.resize(before + static_cast<size_t>(length > 0 ? length : 0));
+    if (length == 0) return bytes;
+    if (bytes.size() > maxBytes) error = std::make_error_code(std::errc::file_too_large);
+  }
+  return std::nullopt;
+}
+
+std::error_code makeFolderOf(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+  return error;
+}
+
+std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced) {
+  const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+  std::error_code error;
+  std::string temporary = directory / ".quorvelctl-XXXXXX";
+  {
+    const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+    if (file.get() < 0) return lastError();
+    error = fill(file.get(), bytes, synced);
+  }  // closed first: whoever watches the directory sees one event under the final name, not two
+  if (!error && rename(temporary.c_str(), path.c_str()) != 0) error = lastError();
+  if (error) {
+    unlink(temporary.c_str());
+    return error;
+  }
+  if (synced) {
+    const Descriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() >= 0) fsync(folder.get());  // a file system that can't is left be
+  }
+  return {};
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,76 @@
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <span>
+
+#include "tools/base/files.h"
+#include "tools/base/table.h"
+#include "tools/commands/commands.h"
+#include "tools/launches/activation.h"
+#include "tools/launches/activation_text.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr size_t kDefaultShown = 5;
+constexpr size_t kMostShown = 1000000;
+
+struct Arguments {
+  size_t last = kDefaultShown;
+  bool all = false;
+};
+
+/// False when there is a log that can't be read, which has been told.
+bool readLog(Context& context, const char* log, ActivationReader& reader) {
+  const std::string path = context.path(log);
+  std::error_code error;
+  const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
+  if (!text && error != std::errc::no_such_file_or_directory) {
+    context.fail("can't read the activations in " + path + ": " + error.message());
+    return false;
+  }
+  const size_t broken = reader.brokenLines();
+  if (text) reader.read(*text);
+  if (reader.brokenLines() > broken) {
+    std::fprintf(stderr, "quorvelctl: %zu broken lines in %s, skipped\n", reader.brokenLines() - broken,
+                 path.c_str());
+  }
+  return true;
+}
+
+void show(Context& context, const Arguments& arguments) {
+  ActivationReader reader;
+  if (!readLog(context, kOlderActivationLog, reader) || !readLog(context, kActivationLog, reader)) return;
+  std::span<const Activation> shown(reader.activations());
+  if (!arguments.all && shown.size() > arguments.last) shown = shown.last(arguments.last);
+  if (context.json) {
+    nlohmann::ordered_json json = nlohmann::ordered_json::array();
+    for (const Activation& activation : shown) json.push_back(activationJson(activation));
+    std::fputs(jsonText(json).c_str(), stdout);
+    return;
+  }
+  if (reader.activations().empty())
+    std::puts("no activation recorded; QuorvelEnableAppActivationLogging has the daemon record them");
+  const auto pageBytes = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  bool first = true;
+  for (const Activation& activation : shown) {
+    std::printf("%s%s", first ? "" : "\n", activationText(activation, pageBytes).c_str());
+    first = false;
+  }
+}
+
+}  // namespace
+
+void addActivationsCommand(CLI::App& app, Context& context) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* command = app.add_subcommand(
+      "activations", "What launches and resumes cost, and whom: the last five, the newest at the end");
+  CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
+  last->check(CLI::Range(size_t{1}, kMostShown, "N"));
+  command->add_flag("--all", arguments->all, "All of them")->excludes(last);
+  command->callback([arguments, &context] { show(context, *arguments); });
+}
+
+}  // namespace quorvelctl

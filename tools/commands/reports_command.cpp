@@ -1,0 +1,213 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "tools/base/files.h"
+#include "tools/base/table.h"
+#include "tools/commands/commands.h"
+#include "tools/page/report_html.h"
+#include "tools/report/report.h"
+#include "tools/report/report_text.h"
+#include "tools/symbols/symbolicate.h"
+#include "tools/symbols/symbols.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr const char* kSpool = "/var/root/Library/Caches/quorveld/spool";
+constexpr const char* kSuffix = ".kelvane";
+
+/// The spool's reports without their headers, oldest first. Nothing when it can't be read, which has been
+/// told.
+std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
+  std::vector<ReportEntry> entries;
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(context.path(kSpool), error), end; !error && file != end;
+       file.increment(error)) {
+    struct stat status {};
+    if (file->path().extension() != kSuffix || lstat(file->path().c_str(), &status) != 0) continue;
+    if (!S_ISREG(status.st_mode)) continue;
+    entries.push_back(
+        {file->path().filename(), status.st_mtim.tv_sec, static_cast<uint64_t>(status.st_size), {}, {}});
+  }
+  if (error) {
+    context.fail("can't read the reports in " + context.path(kSpool) + ": " + error.message());
+    return std::nullopt;
+  }
+  std::sort(entries.begin(), entries.end(), [](const ReportEntry& a, const ReportEntry& b) {
+    return std::tie(a.writtenAt, a.fileName) < std::tie(b.writtenAt, b.fileName);
+  });
+  return entries;
+}
+
+void readHeader(const std::string& path, ReportEntry& entry) {
+  std::error_code error;
+  const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
+  if (!text) {
+    entry.problem = error.message();
+  } else if (const auto header = parseReportHeader(*text, entry.problem)) {
+    entry.header = *header;
+  }
+}
+
+nlohmann::ordered_json jsonEntry(const ReportEntry& entry) {
+  tm parts{};
+  char date[32] = "";
+  if (gmtime_r(&entry.writtenAt, &parts)) std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  nlohmann::ordered_json json{{"file", entry.fileName}, {"date", date}, {"sizeBytes", entry.sizeBytes}};
+  if (!entry.problem.empty()) {
+    json["problem"] = entry.problem;
+    return json;
+  }
+  const ReportHeader& header = entry.header;
+  json.update({{"kind", header.kind()},
+               {"process", header.processName()},
+               {"pid", header.pid},
+               {"name", header.serviceName},
+               {"reason", header.reason},
+               {"durationMs", header.durationMs()}});
+  return json;
+}
+
+void list(Context& context) {
+  auto entries = spoolEntries(context);
+  if (!entries) return;
+  nlohmann::ordered_json json = nlohmann::ordered_json::array();
+  for (ReportEntry& entry : *entries) {
+    readHeader(context.path(kSpool) + "/" + entry.fileName, entry);
+    json.push_back(jsonEntry(entry));
+  }
+  std::fputs((context.json ? jsonText(json) : reportTable(*entries)).c_str(), stdout);
+}
+
+/// Where the report that was asked for is: the newest when no name was given. Empty when there is none, as
+/// told.
+std::string pathOf(Context& context, const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  if (!name.empty()) return context.path(kSpool) + "/" + name;
+  const auto entries = spoolEntries(context);
+  if (entries && entries->empty()) context.fail("there is no report");
+  if (!entries || entries->empty()) return {};
+  return context.path(kSpool) + "/" + entries->back().fileName;
+}
+
+/// All of a report's file; nothing when it can't be read, which has been told.
+std::optional<std::string> readReport(Context& context, const std::string& path) {
+  std::error_code error;
+  std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
+  if (!text) context.fail("can't read " + path + ": " + error.message());
+  return text;
+}
+
+/// Puts `bytes` into the file that the user named for the output. Links are followed: only a regular file may
+/// be replaced, neither a device nor a link to one.
+void writeOutput(Context& context, const std::string& path, const std::string& bytes) {
+  std::error_code error;
+  const auto target = std::filesystem::weakly_canonical(std::filesystem::absolute(path), error);
+  const auto status = std::filesystem::status(path, error);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    context.fail(path + " is no regular file");
+  } else if (const auto failure = replaceFile(target, bytes, false)) {
+    context.fail("can't write " + path + ": " + failure.message());
+  }
+}
+
+struct ShowArguments {
+  std::string file;
+  std::string html;  ///< where the page goes; empty: none is asked for
+  bool symbols = false;
+};
+
+void show(Context& context, const ShowArguments& arguments) {
+  const std::string path = pathOf(context, arguments.file);
+  if (path.empty()) return;
+  const std::optional<std::string> text = readReport(context, path);
+  if (!text) return;
+  std::string error;
+  std::optional<NamedReport> named;
+  if (arguments.symbols) {
+    Symbols symbols({});
+    named = nameReport(*text, symbols, error);
+  }
+  const std::optional<Report> report = parseReport(named ? named->text : *text, error);
+  if (!report) {
+    context.fail(path + " is no report: " + error);
+  } else if (!arguments.html.empty()) {
+    writeOutput(context, arguments.html, reportPage(*report));
+  } else if (context.json) {
+    std::fwrite(text->data(), 1, text->size(), stdout);
+  } else {
+    std::fputs(reportText(*report).c_str(), stdout);
+  }
+}
+
+struct SymbolicateArguments {
+  std::string file;
+  std::string out;  ///< empty: standard output
+  std::vector<std::string> debugDirs;
+};
+
+void symbolicate(Context& context, const SymbolicateArguments& arguments) {
+  const std::string path = pathOf(context, arguments.file);
+  if (path.empty()) return;
+  const std::optional<std::string> text = readReport(context, path);
+  if (!text) return;
+  Symbols symbols(arguments.debugDirs);
+  std::string error;
+  const std::optional<NamedReport> named = nameReport(*text, symbols, error);
+  if (!named) {
+    context.fail(path + " is no report: " + error);
+    return;
+  }
+  if (arguments.out.empty()) {
+    std::fwrite(named->text.data(), 1, named->text.size(), stdout);
+  } else {
+    writeOutput(context, arguments.out, named->text);
+  }
+  std::fprintf(stderr, "quorvelctl: %zu of %zu frames named\n", named->named, named->frames);
+  for (const std::string& module : named->withoutFile) {
+    std::fprintf(stderr, "quorvelctl: no file with the build id of %s\n", printable(module).c_str());
+  }
+}
+
+void addShow(CLI::App& reports, Context& context) {
+  auto arguments = std::make_shared<ShowArguments>();
+  CLI::App* command = reports.add_subcommand("show", "One report in words; with --json as it is");
+  command->add_option("FILE", arguments->file, "Its name in the spool, or a path; the newest if not given");
+  command->add_option("--html", arguments->html, "Write it as a page for a browser instead")
+      ->type_name("OUT");
+  command->add_flag(
+      "--symbols", arguments->symbols,
+      "Name functions by the programs and libraries that the report names, which are opened for that");
+  command->callback([arguments, &context] { show(context, *arguments); });
+}
+
+void addSymbolicate(CLI::App& reports, Context& context) {
+  auto arguments = std::make_shared<SymbolicateArguments>();
+  CLI::App* command = reports.add_subcommand(
+      "symbolicate", "The same report with functions named, by files with the build ids that it gives");
+  command->add_option("FILE", arguments->file, "Its name in the spool, or a path")->required();
+  command->add_option("-o,--output", arguments->out, "Where it goes; standard output if not given")
+      ->type_name("OUT");
+  command->add_option("--debug-dir", arguments->debugDirs, "Look for debug files here too")
+      ->check(CLI::ExistingDirectory)
+      ->allow_extra_args(false)
+      ->type_name("DIR");
+  command->callback([arguments, &context] { symbolicate(context, *arguments); });
+}
+
+}  // namespace
+
+void addReportsCommands(CLI::App& app, Context& context) {
+  CLI::App* reports = app.add_subcommand("reports", "Show the trace reports of hangs and slow launches");
+  reports->require_subcommand(1);
+  reports->add_subcommand("list", "All reports, oldest first")->callback([&context] { list(context); });
+  addShow(*reports, context);
+  addSymbolicate(*reports, context);
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "tools/memory/memory_diff.h"
+#include "tools/memory/memory_report.h"
+
+namespace quorvelctl {
+
+/// The report in words and tables, largest first; what a table leaves out after `maxRows` rows is summed up
+/// below it.
+std::string memoryText(const MemoryReport& report, size_t maxRows);
+
+/// What grew and what shrank from `older` to `newer`, in words and tables, largest change first.
+std::string memoryDiffText(const MemoryReport& older, const MemoryReport& newer, size_t maxRows);
+
+}  // namespace quorvelctl

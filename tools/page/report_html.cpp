@@ -1,0 +1,150 @@
+#include "tools/page/report_html.h"
+
+#include "tools/base/units.h"
+#include "tools/page/html.h"
+#include "tools/page/report_page.h"
+#include "tools/page/report_timeline.h"
+#include "tools/page/verdict_html.h"
+#include "tools/report/report_text.h"
+
+namespace quorvelctl {
+namespace {
+
+/// Threads whose stacks are on the page; a report lists more only with hundreds that look alike.
+constexpr size_t kMaxThreads = 256;
+
+std::string titleText(const ReportHeader& header) {
+  if (!header.hasHang()) return "Trace";
+  const std::string duration = durationText(header.durationMs());
+  if (header.pid == 0) return header.processName() + " took " + duration + " to launch";
+  return header.processName() + " hung for " + duration;
+}
+
+Html headerHtml(const Report& report) {
+  const ReportHeader& header = report.header;
+  std::string line;
+  const auto add = [&](const std::string& part) {
+    line += (line.empty() || part.empty() ? "" : " · ") + part;
+  };
+  if (header.hasHang()) add(header.kind());
+  add(header.serviceName);
+  if (header.pid != 0) add("pid " + std::to_string(header.pid));
+  add(report.madeAt);
+  return element("header", "", element("h1", "", titleText(header)) + element("p", "", line));
+}
+
+Html factsHtml(const Report& report) {
+  Html facts;
+  const auto add = [&](std::string_view what, const std::string& value) {
+    if (!value.empty()) facts += element("div", "", element("dt", "", what) + element("dd", "", value));
+  };
+  const ReportHeader& header = report.header;
+  add("Reason", header.reason);
+  add("Process", header.processPath);
+  if (header.threadId != 0) add("Thread", std::to_string(header.threadId));
+  if (header.hasHang())
+    add("Ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
+  add("Display", displayText(header));
+  add("Host", report.host);
+  return element("section", "card", element("h2", "", "Report") + element("dl", "", facts));
+}
+
+Html frameHtml(const ReportFrame& frame) {
+  const std::string place = frame.place();
+  Html line = escaped(frame.name);
+  if (!place.empty() && frame.name != place) line += element("span", "place", place);
+  return element("li", "", line);
+}
+
+Html stackHtml(const ReportThread& thread) {
+  Html kernel;
+  for (const std::string& frame : thread.kernelStack) kernel += element("li", "", frame);
+  Html user;
+  for (const ReportFrame& frame : thread.userStack) user += frameHtml(frame);
+  Html stack;
+  if (!thread.kernelStack.empty()) {
+    stack += element("h4", "", "Kernel") + element("ol", "stack kernel", kernel);
+  }
+  if (!thread.userStack.empty()) stack += element("h4", "", "User") + element("ol", "stack", user);
+  if (!thread.stackCutOff.empty()) stack += element("p", "note", "It ends here: " + thread.stackCutOff);
+  if (thread.userStack.empty()) {
+    stack += element("p", "note", "No user stack" + (thread.noStack.empty() ? "" : ": " + thread.noStack));
+  }
+  return stack;
+}
+
+Html threadHtml(const ReportThread& thread) {
+  const Html name = element("b", "", thread.name) + element("span", "tid", std::to_string(thread.tid)) +
+                    element("span", "doing", doingText(thread));
+  Html details{thread.hung ? "<details class=\"hung\" open><summary>" : "<details><summary>"};
+  details += name;
+  if (thread.hung) details += element("span", "badge", "hung");
+  details += Html{"</summary>"} + stackHtml(thread) + Html{"</details>\n"};
+  return details;
+}
+
+Html stacksHtml(const Report& report) {
+  Html content = element("h2", "", "Stacks");
+  if (report.header.pid != 0 && (report.threads.empty() || !report.threads.front().hung)) {
+    content += element("p", "note", "The thread that hung had ended, or could not be looked at.");
+  }
+  for (size_t i = 0; i < report.threads.size() && i < kMaxThreads; ++i) {
+    content += threadHtml(report.threads[i]);
+  }
+  if (report.threads.size() > kMaxThreads) {
+    content += element("p", "note",
+                       std::to_string(report.threads.size() - kMaxThreads) +
+                           " more threads are in the report, not on this page.");
+  }
+  return report.threads.empty() && report.header.pid == 0 ? Html{} : element("section", "card", content);
+}
+
+Html timelineHtml(const Timeline& timeline) {
+  if (timeline.tracks.empty()) return {};
+  const auto button = [](const char* id, const char* label, const char* title) {
+    return Html{std::string("<button type=\"button\" id=\"") + id + "\" title=\"" + title + "\">" + label +
+                "</button>"};
+  };
+  const Html tools = button("in", "+", "Closer") + button("out", "&minus;", "Farther") +
+                     (timeline.hangUs > 0 ? button("hang", "Hang", "The hang alone") : Html{}) +
+                     button("all", "All", "All that was recorded");
+  Html content = element("div", "heading", element("h2", "", "Timeline") + element("div", "tools", tools));
+  content += Html{
+      "<div id=\"timeline\"><canvas id=\"canvas\" tabindex=\"0\" role=\"img\" aria-label=\"Timeline of the "
+      "hang\"></canvas><div id=\"tip\" hidden></div></div><ul class=\"legend\" id=\"legend\"></ul>"};
+  std::string note =
+      "Drag to move; hold Ctrl and turn the wheel, double-click, or press + and − to look closer.";
+  if (timeline.hiddenCpus > 0)
+    note += " " + std::to_string(timeline.hiddenCpus) + " more CPUs are in the report.";
+  content += element("p", "note", note) +
+             Html{"<noscript><p class=\"note\">It is drawn by a script.</p></noscript>"};
+  return element("section", "card", content);
+}
+
+Html leftOutHtml(const Report& report) {
+  if (report.leftOut.empty()) return {};
+  Html list;
+  for (const auto& [what, why] : report.leftOut) {
+    list += element("div", "", element("dt", "", what) + element("dd", "", why));
+  }
+  return element("section", "card", element("h2", "", "Left out") + element("dl", "", list));
+}
+
+}  // namespace
+
+std::string reportPage(const Report& report) {
+  const Timeline timeline = timelineOf(report);
+  return filled(kReportPage,
+                {{"title", escaped(titleText(report.header))},
+                 {"style", Html{std::string(kReportStyle)}},
+                 {"header", headerHtml(report)},
+                 {"verdict", report.verdict ? verdictHtml(*report.verdict, report.header) : Html{}},
+                 {"timeline", timelineHtml(timeline)},
+                 {"stacks", stacksHtml(report)},
+                 {"facts", factsHtml(report)},
+                 {"leftOut", leftOutHtml(report)},
+                 {"data", scriptData(timelineJson(timeline))},
+                 {"script", Html{std::string(kReportScript)}}});
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,137 @@
+#include "tools/page/verdict_html.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+#include "tools/base/units.h"
+#include "tools/report/verdict_text.h"
+
+namespace quorvelctl {
+namespace {
+
+/// What each cause is called on its badge; the first one is for what is none of them.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kCauses{{
+    {"unknown", "cause unknown"},
+    {"own-cpu", "likely cause: own CPU time"},
+    {"starved", "likely cause: starved of CPU"},
+    {"disk", "likely cause: disk"},
+    {"lock", "likely cause: lock"},
+    {"peer", "likely cause: another process"},
+    {"memory", "likely cause: memory"},
+    {"stopped", "likely cause: it was stopped"},
+    {"suspended", "likely cause: suspend"},
+    {"sleeping", "likely cause: it slept"},
+}};
+
+std::string_view causeText(const std::string& cause) {
+  const auto known =
+      std::find_if(kCauses.begin(), kCauses.end(), [&](const auto& entry) { return entry.first == cause; });
+  return known == kCauses.end() ? kCauses.front().second : known->second;
+}
+
+Html row(std::initializer_list<Html> cells) {
+  Html content;
+  for (const Html& cell : cells) content += cell;
+  return element("tr", "", content) + Html{"\n"};
+}
+
+Html cell(std::string_view text) {
+  return element("td", "", text);
+}
+
+Html number(std::string_view text) {
+  return element("td", "number", text);
+}
+
+/// A list with its heading; nothing of one without rows.
+Html listHtml(const char* heading, const char* columns, const Html& rows) {
+  if (rows.markup.empty()) return {};
+  const Html head = element("thead", "", element("tr", "", Html{columns})) + Html{"\n"};
+  const Html body = element("table", "", head + element("tbody", "", rows));
+  return element("section", "", element("h3", "", heading) + element("div", "scroll", body));
+}
+
+/// A bar behind a number: how much of `whole` it is.
+Html meter(double part, double whole) {
+  const double share = whole > 0 ? std::clamp(part / whole, 0.0, 1.0) : 0;
+  char style[64];
+  std::snprintf(style, sizeof style, "<i style=\"width:%.2f%%\"></i>", share * 100);
+  return element("span", "meter", Html{style});
+}
+
+/// One bar of all states, and below it their names with their shares.
+Html spentHtml(const ReportVerdict& verdict) {
+  if (verdict.spent.empty()) return {};
+  double total = 0;
+  for (const auto& [state, ms] : verdict.spent) total += ms;
+  Html bar;
+  Html legend;
+  for (const auto& [state, ms] : verdict.spent) {
+    if (isNegligible(ms, verdict)) break;
+    char part[96];
+    std::snprintf(part, sizeof part, "<i class=\"%s\" style=\"flex-grow:%.5f\"></i>", state.c_str(),
+                  std::max(ms / total, 0.003));
+    bar += Html{part};
+    legend += element("li", "",
+                      element("i", state, "") + element("b", "", shareText(ms, total)) +
+                          escaped(" " + state + ", " + durationText(ms)));
+  }
+  return element("h3", "", "How the hung thread spent the time") + element("div", "bar", bar) +
+         element("ul", "legend", legend);
+}
+
+Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  Html rows;
+  for (const ReportVerdict::Wait& wait : verdict.waits) {
+    if (isNegligible(wait.durationMs, verdict)) break;
+    Html state = escaped(wait.state);
+    if (!wait.waitChannel.empty()) state += escaped(" in ") + element("span", "code", wait.waitChannel);
+    rows += row({number(durationText(wait.durationMs)), number(offsetText(wait.atUs, header)),
+                 element("td", "", state), cell(wait.wokenBy ? threadText(*wait.wokenBy, header) : "–")});
+  }
+  return listHtml("Its longest waits", "<th>For<th>From<th>State<th>Woken by", rows);
+}
+
+Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  const double covered = verdict.evidence.coveredMs;
+  Html rows;
+  for (const ReportVerdict::Busy& busy : verdict.busiest) {
+    if (isNegligible(busy.runningMs, verdict)) break;
+    rows +=
+        row({cell(threadText(busy.thread, header)), number(durationText(busy.runningMs)),
+             number(shareText(busy.runningMs, covered)), element("td", "", meter(busy.runningMs, covered))});
+  }
+  return listHtml("Busiest other threads", "<th>Thread<th>Ran<th colspan=2>Of a CPU", rows);
+}
+
+Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  Html facts;
+  const auto add = [&](std::string_view what, const std::string& value) {
+    facts += element("div", "", element("dt", "", what) + element("dd", "", value));
+  };
+  if (verdict.lock) add("Lock", "held by " + threadText(*verdict.lock, header));
+  if (verdict.peer) add("Peer", peerText(*verdict.peer, header));
+  if (verdict.disk) add("Disk", diskText(*verdict.disk));
+  for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
+    add(pressure.resource == "cpu"  ? "CPU pressure"
+        : pressure.resource == "io" ? "I/O pressure"
+                                    : "Memory pressure",
+        pressureText(pressure));
+  }
+  add("Evidence", evidenceText(verdict.evidence, header));
+  return element("dl", "", facts);
+}
+
+}  // namespace
+
+Html verdictHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  return element("section", "card verdict",
+                 (header.hasHang() ? element("p", "badge", causeText(verdict.cause)) : Html{}) +
+                     element("p", "sentence", verdict.sentence) + spentHtml(verdict) +
+                     element("div", "pair", waitsHtml(verdict, header) + busiestHtml(verdict, header)) +
+                     factsHtml(verdict, header));
+}
+
+}  // namespace quorvelctl

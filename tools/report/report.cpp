@@ -1,0 +1,166 @@
+#include "tools/report/report.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "tools/report/report_json.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr double kTicksPerMs = 24'000;
+// Beyond what a report has; its threads may share their frames, so that a small one could have very many.
+constexpr size_t kMaxFrames = 512;
+constexpr size_t kMaxThreads = 2048;
+
+ReportHeader headerOf(const Json& metadata) {
+  ReportHeader header;
+  header.reason = textMember(metadata, "Reason");
+  header.serviceName = textMember(metadata, "ServiceName");
+  header.processPath = textMember(metadata, "ProcessPath");
+  header.pid = integerMember(metadata, "PID");
+  header.threadId = integerMember(metadata, "ThreadID");
+  header.startTicks = integerMember(metadata, "StartTime");
+  header.endTicks = integerMember(metadata, "EndTime");
+  const Json& display = member(metadata, "DisplayData");
+  for (size_t i = 0; display.is_array() && i + 1 < display.size(); i += 2) {
+    if (!display[i].is_number_integer() || !display[i + 1].is_number_integer()) continue;
+    header.display.emplace_back(display[i].get<int64_t>(), display[i + 1].get<int64_t>());
+  }
+  return header;
+}
+
+std::string hostOf(const Json& host) {
+  std::string line;
+  for (const char* key : {"system", "kernel", "machine"}) {
+    const std::string part = textMember(host, key);
+    if (!part.empty()) line += (line.empty() ? "" : ", ") + part;
+  }
+  const auto cpus = integerMember(host, "cpus");
+  return cpus == 0 ? line : line + ", " + std::to_string(cpus) + " CPUs";
+}
+
+/// The user's frames from the innermost outwards, starting at the frame `id`.
+std::vector<ReportFrame> userStack(const Json& frames, std::string id) {
+  std::vector<ReportFrame> stack;
+  for (size_t steps = 0; !id.empty() && steps < kMaxFrames; ++steps) {
+    const Json& frame = member(frames, id.c_str());
+    if (textMember(frame, "category") != "kernel" && frame.is_object()) {
+      stack.push_back(reportFrame(frame));
+    }
+    id = textMember(frame, "parent");
+  }
+  return stack;
+}
+
+ReportThread threadOf(const Json& json) {
+  ReportThread thread;
+  thread.tid = integerMember(json, "tid");
+  thread.name = textMember(json, "name");
+  thread.hung = member(json, "hung") == true;
+  thread.state = textMember(json, "state");
+  thread.waitChannel = textMember(json, "waitChannel");
+  thread.syscall = textMember(json, "syscallName");
+  if (thread.syscall.empty() && member(json, "syscall").is_number()) {
+    thread.syscall = std::to_string(integerMember(json, "syscall"));
+  }
+  thread.userMs = numberMember(json, "userMs");
+  thread.systemMs = numberMember(json, "systemMs");
+  for (const Json& frame : member(json, "kernelStack")) {
+    if (frame.is_string()) thread.kernelStack.push_back(frame.get<std::string>());
+  }
+  thread.noStack = textMember(json, "noStack");
+  thread.stackCutOff = textMember(json, "stackCutOff");
+  return thread;
+}
+
+/// The threads with their stacks, the hung one first.
+std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
+  std::vector<ReportThread> threads;
+  for (const Json& entry : member(report, "threads")) {
+    if (threads.size() == kMaxThreads) break;
+    ReportThread thread = threadOf(entry);
+    const auto frame = trace.innermostFrames.find(thread.tid);
+    if (frame != trace.innermostFrames.end())
+      thread.userStack = userStack(member(report, "stackFrames"), frame->second);
+    threads.push_back(std::move(thread));
+  }
+  const auto hung =
+      std::find_if(threads.begin(), threads.end(), [](const ReportThread& thread) { return thread.hung; });
+  if (hung != threads.end()) std::rotate(threads.begin(), hung, hung + 1);
+  return threads;
+}
+
+}  // namespace
+
+ReportFrame reportFrame(const Json& frame) {
+  return {textMember(frame, "name"), textMember(frame, "module"), textMember(frame, "build_id"),
+          std::strtoull(textMember(frame, "offset").c_str(), nullptr, 16)};
+}
+
+std::string ReportFrame::place() const {
+  if (module.empty()) return {};
+  char digits[24];
+  std::snprintf(digits, sizeof digits, "+0x%" PRIx64, offset);
+  return module.substr(module.rfind('/') + 1) + digits;
+}
+
+double ReportHeader::durationMs() const {
+  return (static_cast<double>(endTicks) - static_cast<double>(startTicks)) / kTicksPerMs;
+}
+
+std::string ReportHeader::processName() const {
+  return processPath.substr(processPath.rfind('/') + 1);
+}
+
+std::string ReportHeader::kind() const {
+  if (!hasHang()) return "trace";
+  if (pid == 0) return "slow launch";
+  return serviceName == "Fence-hang" ? "fence hang" : "hang";
+}
+
+std::optional<ReportHeader> parseReportHeader(std::string_view bytes, std::string& error) {
+  constexpr std::string_view kStart = "{\"metadata\":";
+  if (!bytes.starts_with(kStart)) {
+    const std::optional<Report> report = parseReport(bytes, error);
+    return report ? std::optional(report->header) : std::nullopt;
+  }
+  std::istringstream rest{std::string(bytes.substr(kStart.size()))};
+  try {
+    Json metadata;
+    rest >> metadata;  // reads one value and no further
+    return headerOf(metadata);
+  } catch (const Json::exception&) {
+    error = "its metadata is broken or cut off";
+    return std::nullopt;
+  }
+}
+
+std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
+  TraceReader trace;
+  const auto json = parseReportJson(
+      bytes, [&](const Json& event) { trace.take(event); }, error);
+  if (!json) return std::nullopt;
+  const Json& metadata = member(*json, "metadata");
+  if (!metadata.is_object()) {
+    error = "it has no metadata";
+    return std::nullopt;
+  }
+  Report report;
+  report.header = headerOf(metadata);
+  report.madeAt = textMember(member(metadata, "capture"), "time");
+  report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
+  report.host = hostOf(member(metadata, "host"));
+  report.verdict = verdictOf(member(metadata, "verdict"));
+  for (const Json& omission : member(metadata, "leftOut")) {
+    report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
+  }
+  report.trace = trace.finish();
+  report.threads = threadsOf(*json, report.trace);
+  return report;
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/report/json_access.h"
+#include "tools/report/report_trace.h"
+#include "tools/report/report_verdict.h"
+
+namespace quorvelctl {
+
+/// What a report says of its hang. Texts come from the application and may hold anything.
+struct ReportHeader {
+  std::string reason;
+  std::string serviceName;  ///< the hang's name
+  std::string processPath;  ///< of an activation: the bundle id
+  int64_t pid = 0;          ///< 0: an activation
+  int64_t threadId = 0;
+  int64_t startTicks = 0;
+  int64_t endTicks = 0;
+  /// Changes of the display before: ticks, and 0 off, -1 unknown, else on. Oldest first.
+  std::vector<std::pair<int64_t, int64_t>> display;
+
+  /// False for a trace of a time that somebody asked for.
+  bool hasHang() const { return endTicks != 0; }
+  double durationMs() const;
+  std::string processName() const;
+  /// "hang", "fence hang", "slow launch", or "trace" when there was no hang.
+  std::string kind() const;
+};
+
+struct ReportFrame {
+  std::string name;    ///< a function, or module+offset, or an address
+  std::string module;  ///< path; empty when no file was mapped there
+  std::string buildId;
+  uint64_t offset = 0;  ///< in the module's own numbering
+
+  /// "libc.so.6+0x8612b"; empty when no file was mapped there.
+  std::string place() const;
+};
+
+struct ReportThread {
+  int64_t tid = 0;
+  std::string name;
+  bool hung = false;
+  std::string state;
+  std::string waitChannel;
+  std::string syscall;
+  double userMs = 0;
+  double systemMs = 0;
+  std::vector<ReportFrame> userStack;    ///< innermost first
+  std::vector<std::string> kernelStack;  ///< innermost first
+  std::string noStack;                   ///< why there is no user stack
+  std::string stackCutOff;               ///< why it ends early
+};
+
+struct Report {
+  ReportHeader header;
+  std::string madeAt;     ///< UTC
+  double lookedAtUs = 0;  ///< CLOCK_MONOTONIC, when the stacks were copied; 0: not said
+  std::string host;
+  std::optional<ReportVerdict> verdict;
+  std::vector<ReportThread> threads;  ///< the hung one first
+  Trace trace;
+  std::vector<std::pair<std::string, std::string>> leftOut;
+};
+
+/// One entry of a report's stack frames.
+ReportFrame reportFrame(const Json& frame);
+
+/// Reads a report's header alone, without parsing what follows it when it stands first. Nothing, and why,
+/// when `text` is no report.
+std::optional<ReportHeader> parseReportHeader(std::string_view text, std::string& error);
+
+/// Reads a whole report; a part that is missing or of another type stays empty.
+std::optional<Report> parseReport(std::string_view text, std::string& error);
+
+}  // namespace quorvelctl

@@ -1,0 +1,149 @@
+#include "tools/report/verdict_text.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "tools/base/table.h"
+#include "tools/base/units.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr double kTicksPerUs = 24;
+/// Of each list: who wants them all has the page, and the report.
+constexpr size_t kMaxRows = 5;
+
+using Rows = std::vector<std::vector<std::string>>;
+
+std::string indented(const std::string& lines) {
+  std::string text;
+  for (size_t at = 0; at < lines.size();) {
+    const size_t end = lines.find('\n', at) + 1;
+    text += "  " + lines.substr(at, end - at);
+    at = end;
+  }
+  return text;
+}
+
+/// The first row is a heading; nothing when there is no other.
+std::string section(const std::string& heading, const Rows& rows) {
+  return rows.size() < 2 ? "" : "\n" + heading + "\n" + indented(table(rows));
+}
+
+std::string spentText(const ReportVerdict& verdict) {
+  constexpr double kBarWidth = 30;
+  if (verdict.spent.empty()) return {};
+  double total = 0;
+  for (const auto& [state, ms] : verdict.spent) total += ms;
+  Rows rows{{"STATE", "FOR", "SHARE", ""}};
+  for (const auto& [state, ms] : verdict.spent) {
+    if (isNegligible(ms, verdict)) break;
+    const auto bar = static_cast<size_t>(std::lround(ms / total * kBarWidth));
+    rows.push_back({state, durationText(ms), shareText(ms, total), std::string(bar, '#')});
+  }
+  return section("How the hung thread spent the time", rows);
+}
+
+std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) {
+  Rows rows{{"FOR", "FROM", "STATE", "IN", "WOKEN BY"}};
+  for (const ReportVerdict::Wait& wait : verdict.waits) {
+    if (rows.size() > kMaxRows || isNegligible(wait.durationMs, verdict)) break;
+    rows.push_back({durationText(wait.durationMs), offsetText(wait.atUs, header), printable(wait.state),
+                    wait.waitChannel.empty() ? "-" : printable(wait.waitChannel),
+                    wait.wokenBy ? printable(threadText(*wait.wokenBy, header)) : "-"});
+  }
+  return section("Its longest waits", rows);
+}
+
+std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header) {
+  Rows rows{{"RAN", "OF A CPU", "THREAD"}};
+  for (const ReportVerdict::Busy& busy : verdict.busiest) {
+    if (rows.size() > kMaxRows || isNegligible(busy.runningMs, verdict)) break;
+    rows.push_back({durationText(busy.runningMs), shareText(busy.runningMs, verdict.evidence.coveredMs),
+                    printable(threadText(busy.thread, header))});
+  }
+  return section("Busiest other threads", rows);
+}
+
+std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) {
+  Rows rows;
+  const auto add = [&](const std::string& what, const std::string& value) {
+    rows.push_back({what, printable(value)});
+  };
+  if (verdict.lock) add("lock", "held by " + threadText(*verdict.lock, header));
+  if (verdict.peer) add("peer", peerText(*verdict.peer, header));
+  if (verdict.disk) add("disk", diskText(*verdict.disk));
+  for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
+    add(pressure.resource + " pressure", pressureText(pressure));
+  }
+  add("evidence", evidenceText(verdict.evidence, header));
+  return "\n" + indented(table(rows));
+}
+
+std::string percentText(double percent) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.1f %%", percent);
+  return text;
+}
+
+}  // namespace
+
+bool isNegligible(double ms, const ReportVerdict& verdict) {
+  constexpr double kShare = 0.0005;  // which is told as 0.0 %
+  return ms < verdict.evidence.windowMs * kShare;
+}
+
+std::string threadText(const VerdictThread& thread, const ReportHeader& header) {
+  if (thread.tid == 0) return thread.name;  // an interrupt
+  std::string text = thread.name + " (" + std::to_string(thread.tid) + ")";
+  if (thread.pid == 0 && thread.process.empty()) return text;
+  if (thread.pid != 0 && thread.pid == header.pid) return text + " of the same process";
+  if (thread.pid == thread.tid && thread.process == thread.name) return text;
+  return text + " of " + thread.process + (thread.pid == 0 ? "" : " (" + std::to_string(thread.pid) + ")");
+}
+
+std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header) {
+  const std::string text = peer.pid == header.pid ? "another thread of the same process"
+                                                  : peer.process + " (" + std::to_string(peer.pid) + ")";
+  return peer.through.empty() ? text : text + ", through a " + peer.through;
+}
+
+std::string diskText(const ReportVerdict::Disk& disk) {
+  if (disk.requests == 0) return "no requests";
+  return std::to_string(disk.requests) + (disk.requests == 1 ? " request, " : " requests, ") +
+         sizeText(static_cast<uint64_t>(disk.readBytes)) + " read, " +
+         sizeText(static_cast<uint64_t>(disk.writtenBytes)) + " written; busy for " +
+         durationText(disk.busyMs) + ", the slowest took " + durationText(disk.slowestMs);
+}
+
+std::string pressureText(const ReportVerdict::Pressure& pressure) {
+  const std::string some = "some tasks waited " + percentText(pressure.some) + " of the last 10 s";
+  return pressure.full ? some + ", all " + percentText(*pressure.full) : some;
+}
+
+std::string evidenceText(const ReportVerdict::Evidence& evidence, const ReportHeader& header) {
+  const std::string look =
+      evidence.source == "recorder" || header.pid == 0 ? "" : "one look at the process; ";
+  if (evidence.coveredMs <= 0) return look + "nothing of that time is recorded";
+  const std::string text = look + "recorder: " + durationText(evidence.coveredMs) + " of " +
+                           durationText(evidence.windowMs) + " covered (" +
+                           shareText(evidence.coveredMs, evidence.windowMs) + ")";
+  return text + ", " + (evidence.eventsLost == 0 ? "no" : std::to_string(evidence.eventsLost)) +
+         " events lost";
+}
+
+std::string shareText(double part, double whole) {
+  return whole > 0 ? percentText(100 * part / whole) : "-";
+}
+
+std::string offsetText(double atUs, const ReportHeader& header) {
+  const double ms = (atUs - static_cast<double>(header.startTicks) / kTicksPerUs) / 1000;
+  return (ms < 0 ? "-" : "+") + durationText(ms < 0 ? -ms : ms);
+}
+
+std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header) {
+  return printable(verdict.sentence) + "\n" + spentText(verdict) + waitsText(verdict, header) +
+         busiestText(verdict, header) + factsText(verdict, header);
+}
+
+}  // namespace quorvelctl

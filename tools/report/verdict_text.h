@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+#include "tools/report/report.h"
+
+namespace quorvelctl {
+
+/// The verdict in words, for a terminal: the sentence first.
+std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header);
+
+/// Whether so little of the hang isn't worth a line.
+bool isNegligible(double ms, const ReportVerdict& verdict);
+
+// Its parts, as they came from the report: not yet fit for a terminal or a page.
+
+/// "worker (43) of viewer (41)", or "of the same process" where it is the hung one's.
+std::string threadText(const VerdictThread& thread, const ReportHeader& header);
+/// "dbus-daemon (55), through a Unix socket"
+std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header);
+/// "12 requests, 3.4 MB read, 0 B written; busy for 210 ms, the slowest took 18 ms"
+std::string diskText(const ReportVerdict::Disk& disk);
+/// "some tasks waited 12.5 % of the last 10 s, all 3.0 %"
+std::string pressureText(const ReportVerdict::Pressure& pressure);
+/// On what the verdict rests, and how much of the window it covers.
+std::string evidenceText(const ReportVerdict::Evidence& evidence, const ReportHeader& header);
+/// "97.8 %"; "-" of nothing.
+std::string shareText(double part, double whole);
+/// "+1.02 s" into the hang, or "-500 ms" before it.
+std::string offsetText(double atUs, const ReportHeader& header);
+
+}  // namespace quorvelctl

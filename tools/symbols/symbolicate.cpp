@@ -1,0 +1,164 @@
+#include "tools/symbols/symbolicate.h"
+
+#include <cctype>
+#include <map>
+#include <set>
+
+#include "tools/report/report.h"
+#include "tools/report/report_json.h"
+
+namespace quorvelctl {
+namespace {
+
+/// A longer one isn't searched for each of the names.
+constexpr size_t kMaxSentenceBytes = 4096;
+
+struct Names {
+  std::map<std::string, std::string> byFrame;  ///< by the id of a stack frame
+  /// By the old name. Modules may share a file name and so an old name; such a one has no new name ("").
+  std::map<std::string, std::string> byOldName;
+};
+
+Names nameFrames(const Json& frames, Symbols& symbols, NamedReport& result) {
+  Names names;
+  std::set<std::string> withoutFile;
+  if (!frames.is_object()) return names;
+  for (const auto& [id, entry] : frames.items()) {
+    if (!entry.is_object() || textMember(entry, "category") == "kernel") continue;
+    const ReportFrame frame = reportFrame(entry);
+    ++result.frames;
+    std::string name = symbols.nameOf(frame);
+    if (!frame.module.empty() && !symbols.hasFileOf(frame)) withoutFile.insert(frame.module);
+    if (name.empty() && frame.name != frame.place()) name = frame.name;  // somebody named it before
+    if (name.empty() || frame.module.empty()) continue;
+    ++result.named;
+    const auto [known, isNew] = names.byOldName.try_emplace(frame.name, name);
+    if (!isNew && known->second != name) known->second.clear();
+    names.byFrame.emplace(id, std::move(name));
+  }
+  result.withoutFile.assign(withoutFile.begin(), withoutFile.end());
+  return names;
+}
+
+/// The verdict may say in which function the thread was.
+std::string renamedIn(std::string sentence, const Names& names) {
+  if (sentence.size() > kMaxSentenceBytes) return sentence;
+  for (const auto& [from, to] : names.byOldName) {
+    const size_t at = sentence.find(" " + from);
+    const size_t end = at + 1 + from.size();
+    if (to.empty() || at == std::string::npos) continue;
+    if (end < sentence.size() && std::isalnum(static_cast<unsigned char>(sentence[end])))
+      continue;  // a longer one
+    sentence.replace(at + 1, from.size(), to);
+  }
+  return sentence;
+}
+
+/// Writes JSON as it is read, but for the names. Numbers and the order of members stay as they are.
+class Rewriter final : public nlohmann::json_sax<Json> {
+ public:
+  explicit Rewriter(const Names& names) : names_(names) {}
+
+  std::string text;
+
+  bool null() override { return put("null"); }
+  bool boolean(bool value) override { return put(value ? "true" : "false"); }
+  bool number_integer(number_integer_t value) override { return put(std::to_string(value)); }
+  bool number_unsigned(number_unsigned_t value) override { return put(std::to_string(value)); }
+  bool number_float(number_float_t, const string_t& digits) override { return put(digits); }
+  bool binary(binary_t&) override { return false; }  // not in texts
+  bool string(string_t& value) override;
+  bool key(string_t& name) override;
+  bool start_object(size_t) override { return begin('{'); }
+  bool start_array(size_t) override { return begin('['); }
+  bool end_object() override;
+  bool end_array() override { return end(']'); }
+  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  bool put(std::string_view json) {
+    if (!path_.empty() && text.back() != '{' && text.back() != '[' && text.back() != ':') text += ',';
+    text += json;
+    return true;
+  }
+  bool begin(char bracket) {
+    put(std::string_view(&bracket, 1));
+    path_.emplace_back();
+    return true;
+  }
+  bool end(char bracket) {
+    text += bracket;
+    path_.pop_back();
+    return true;
+  }
+  static std::string quoted(const std::string& value) { return Json(value).dump(); }
+
+  /// Whether the value that comes is below the member `top`, in the `depth`th object or array.
+  bool isIn(const char* top, size_t depth) const { return path_.size() == depth && path_.front() == top; }
+
+  const Names& names_;
+  std::vector<std::string> path_;  // of each open object the last key, of an array ""
+  size_t nameAt_ = 0;              // of the event that is being read, where its name is written; 0: not yet
+  std::string name_;
+  bool isUserFrame_ = false;
+};
+
+bool Rewriter::key(string_t& name) {
+  put(quoted(name));
+  text += ':';
+  path_.back() = std::move(name);
+  return true;
+}
+
+bool Rewriter::string(string_t& value) {
+  const std::string member = path_.empty() ? "" : path_.back();
+  if (isIn("stackFrames", 3) && member == "name") {
+    const auto frame = names_.byFrame.find(path_[1]);
+    return put(quoted(frame == names_.byFrame.end() ? value : frame->second));
+  }
+  if (isIn("metadata", 3) && path_[1] == "verdict" && member == "sentence") {
+    return put(quoted(renamedIn(value, names_)));
+  }
+  put(quoted(value));
+  if (!isIn("traceEvents", 3)) return true;
+  if (member == "cat") isUserFrame_ = value == "user";
+  if (member == "name") {
+    name_ = value;
+    nameAt_ = text.size() - quoted(value).size();
+  }
+  return true;
+}
+
+/// Of an event the category may come after the name, so the name is put right at the end.
+bool Rewriter::end_object() {
+  if (isIn("traceEvents", 3)) {
+    const auto name = names_.byOldName.find(name_);
+    if (isUserFrame_ && nameAt_ != 0 && name != names_.byOldName.end() && !name->second.empty()) {
+      text.replace(nameAt_, quoted(name_).size(), quoted(name->second));
+    }
+    nameAt_ = 0;
+    isUserFrame_ = false;
+  }
+  return end('}');
+}
+
+}  // namespace
+
+std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error) {
+  const auto report = parseReportJson(
+      text, [](const Json&) {}, error);
+  if (!report) return std::nullopt;
+  if (!member(*report, "metadata").is_object()) {
+    error = "it has no metadata";
+    return std::nullopt;
+  }
+  NamedReport result;
+  const Names names = nameFrames(member(*report, "stackFrames"), symbols, result);
+  Rewriter rewriter(names);
+  rewriter.text.reserve(text.size() + text.size() / 8);
+  Json::sax_parse(text, &rewriter);
+  result.text = std::move(rewriter.text);
+  return result;
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,98 @@
+#include "tools/symbols/symbols.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+namespace quorvelctl {
+namespace {
+
+/// The file's own symbols have to do: separate ones would be asked for over the network where that is
+/// configured.
+int findNoDebugInfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const char*, const char*, GElf_Word,
+                    char**) {
+  return -1;
+}
+
+const Dwfl_Callbacks kCallbacks{dwfl_build_id_find_elf, findNoDebugInfo, dwfl_offline_section_address,
+                                nullptr};
+
+std::string buildIdOf(Dwfl_Module* module) {
+  const unsigned char* bytes = nullptr;
+  GElf_Addr address = 0;
+  const int length = dwfl_module_build_id(module, &bytes, &address);
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  for (int i = 0; i < length; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 15];
+  }
+  return text;
+}
+
+/// Without the version that a symbol of a library may have: "read@@GLIBC_2.2.5".
+std::string readable(const std::string& symbol) {
+  const std::string name = symbol.substr(0, symbol.find('@', 1));
+  int status = 0;
+  const std::unique_ptr<char, void (*)(void*)> plain(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), std::free);
+  return status == 0 ? plain.get() : name;
+}
+
+/// The paths at which a file with the frame's build id may be.
+std::vector<std::string> candidatesOf(const ReportFrame& frame, const std::vector<std::string>& debugDirs) {
+  const std::string& id = frame.buildId;
+  // What isn't a build id would lead out of the folder.
+  if (id.size() < 4 || id.find_first_not_of("0123456789abcdef") != std::string::npos) return {};
+  const std::string byBuildId = "/.build-id/" + id.substr(0, 2) + "/" + id.substr(2) + ".debug";
+  const std::string fileName = "/" + frame.module.substr(frame.module.rfind('/') + 1);
+  std::vector<std::string> paths;
+  for (const std::string& dir : debugDirs) {
+    for (const std::string& path : {byBuildId, fileName + ".debug", fileName}) paths.push_back(dir + path);
+  }
+  paths.push_back("/usr/lib/debug" + byBuildId);
+  paths.push_back(frame.module);
+  return paths;
+}
+
+}  // namespace
+
+Symbols::Symbols(std::vector<std::string> debugDirs)
+    : debugDirs_(std::move(debugDirs)), dwfl_(dwfl_begin(&kCallbacks)) {}
+
+Symbols::~Symbols() {
+  dwfl_end(dwfl_);
+}
+
+Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
+  std::error_code error;
+  if (!dwfl_ || !std::filesystem::is_regular_file(path, error)) return nullptr;
+  dwfl_report_begin_add(dwfl_);
+  Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), -1);
+  dwfl_report_end(dwfl_, nullptr, nullptr);
+  GElf_Addr bias = 0;
+  const bool fits = module && dwfl_module_getelf(module, &bias) && buildIdOf(module) == buildId;
+  return fits ? module : nullptr;
+}
+
+const std::vector<Dwfl_Module*>& Symbols::filesOf(const ReportFrame& frame) {
+  const auto [known, isNew] = files_.try_emplace({frame.module, frame.buildId});
+  if (!isNew) return known->second;
+  for (const std::string& path : candidatesOf(frame, debugDirs_)) {
+    if (Dwfl_Module* module = open(path, frame.buildId)) known->second.push_back(module);
+  }
+  return known->second;
+}
+
+std::string Symbols::nameOf(const ReportFrame& frame) {
+  for (Dwfl_Module* module : filesOf(frame)) {
+    GElf_Addr bias = 0;
+    if (!dwfl_module_getelf(module, &bias)) continue;
+    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias)) return readable(symbol);
+  }
+  return {};
+}
+
+}  // namespace quorvelctl

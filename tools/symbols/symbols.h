@@ -1,0 +1,43 @@
+#pragma once
+
+#include <elfutils/libdwfl.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/report/report.h"
+
+namespace quorvelctl {
+
+/// Names functions by symbol tables, without a network. A file is used only if its build id is the one that
+/// the report gives: a debug file below /usr/lib/debug/.build-id or a folder that was given, and the module
+/// at its path. It opens files by paths that the report names, so the report has to be one that its reader
+/// trusts.
+class Symbols {
+ public:
+  /// `debugDirs` are looked through first: for .build-id/xx/yyyy.debug, and for files named like the module,
+  /// with or without .debug at the end.
+  explicit Symbols(std::vector<std::string> debugDirs);
+  ~Symbols();
+  Symbols(const Symbols&) = delete;
+  Symbols& operator=(const Symbols&) = delete;
+
+  /// Demangled; empty when there is no such file or no symbol.
+  std::string nameOf(const ReportFrame& frame);
+
+  /// Whether a file with the frame's build id was found.
+  bool hasFileOf(const ReportFrame& frame) { return !filesOf(frame).empty(); }
+
+ private:
+  const std::vector<Dwfl_Module*>& filesOf(const ReportFrame& frame);
+  Dwfl_Module* open(const std::string& path, const std::string& buildId);
+
+  std::vector<std::string> debugDirs_;
+  Dwfl* dwfl_;
+  /// By the module's path and build id: the files of use, the one with the most symbols first as a rule.
+  std::map<std::pair<std::string, std::string>, std::vector<Dwfl_Module*>> files_;
+};
+
+}  // namespace quorvelctl
