@@ -26,6 +26,7 @@ class CheckIncludes(unittest.TestCase):
                 ("memsnapshot/a.cpp", "#include <pugixml.hpp>"),
                 ("core/main.cpp", "#include <systemd/sd-daemon.h>"),
                 ("client/a.c", "#include <nlohmann/json.hpp>"),
+                ("tools/report/a.cpp", '#include "tools/page/report_html.h"'),
                 ("kelvane/a.cpp", '#  include "tests/sim/world.h"'),
                 ("kelvane/threads/a.h", '#include "kelvane/capture/process_capture.h"'),
                 ("kelvane/verdict/a.cpp", '#include "kelvane/report/trace_events.h"'),
