@@ -180,7 +180,7 @@
     queued = false;
     const bottom = layOut();
     draw.clearRect(0, 0, width, bottom);
-    draw.font = '12px system-ui, "Liberation Sans", sans-serif';
+    draw.font = '12px system-ui, sans-serif';
     draw.textBaseline = 'middle';
     for (const track of data.tracks) {
       draw.fillStyle = colors.soft;
