@@ -216,8 +216,8 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
     }
   }
   log.debug(
-      "QVActivationStats: Activation Complete:Activationid:%lld BundleID:%s PID:%d Result:%d Type:%d "
-      "TimeTaken:%d ms",
+      "QVActivationStats: Activation Complete:Activationid:%lld "
+      "BundleID:%s PID:%d Result:%d Type:%d TimeTaken:%d ms",
       static_cast<long long>(activation->appActivationID()), activation->bundleID().c_str(),
       activation->pid(), static_cast<int>(announced.typeOrResult), activation->appActivationType(),
       static_cast<int>(activation->wallTime()));
@@ -230,8 +230,8 @@ void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& act
   if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount ||
       waitingReports_ >= kMaxWaitingActivationReports) {
     quorvelLog().standard(
-        "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s Number Of "
-        "Activations:%d",
+        "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s "
+        "Number Of Activations:%d",
         activation->bundleID().c_str(), stateName(activation->appActivationStartState()), stateName(endState),
         static_cast<int>(recorded));
     return;

@@ -154,15 +154,14 @@ void MessageDispatcher::activationBegin(const IpcMessage& message) {
   const auto state = static_cast<uint32_t>(message.int64(QV_KEY_ACTIVATION_STATE));
   const auto type = static_cast<uint32_t>(message.int64(QV_KEY_ACTIVATION_TYPE));
   log.info(
-      "QVActivationStats: ActivationBegin Command: Pid:%d BundleID:%s StartTime:%llu IPXStartTime:%llu "
-      "Foreground:%d "
-      "ActivationType:%d",
+      "QVActivationStats: ActivationBegin Command: Pid:%d BundleID:%s "
+      "StartTime:%llu IPXStartTime:%llu Foreground:%d ActivationType:%d",
       pid, bundleID, static_cast<unsigned long long>(startTimeMs),
       static_cast<unsigned long long>(launchProxyStartMs), static_cast<int>(state), static_cast<int>(type));
   if (!bundleID) {
     log.standard(
-        "QVActivationStats: Failed to get bundle-id for app activation begin command, this activation will "
-        "be ignored");
+        "QVActivationStats: Failed to get bundle-id for app activation begin command, "
+        "this activation will be ignored");
     return;
   }
   log.info("QVActivationStats: %s[%d] activation begin (%s)", bundleID, pid, type == 1 ? "launch" : "resume");
@@ -179,8 +178,8 @@ void MessageDispatcher::activationEnd(const IpcMessage& message) {
   const auto state = static_cast<uint32_t>(message.int64(QV_KEY_ACTIVATION_STATE));
   const auto result = static_cast<uint32_t>(message.int64(QV_KEY_ACTIVATION_RESULT));
   log.info(
-      "QVActivationStats: ActivationEnd Command: Pid:%d BundleID:%s EndTime:%llu Foreground:%d "
-      "ActivationResult:%d",
+      "QVActivationStats: ActivationEnd Command: Pid:%d BundleID:%s EndTime:%llu "
+      "Foreground:%d ActivationResult:%d",
       pid, bundleID, static_cast<unsigned long long>(endTimeMs), static_cast<int>(state),
       static_cast<int>(result));
   if (!bundleID) {

@@ -32,8 +32,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   /// Starts afresh: no watched process, default limits, full credits, the trace library not yet looked for.
   static void initialize(platform::WorkQueue& workQueue);
 
-  // --- watched_processes.cpp: the registry
-  // -------------------------------------------------------------------------
+  // --- watched_processes.cpp: the registry -----------------------------------------------------------------
 
   /// Watches `pid`, whose region is `sharedMem`; null when it is watched already, has no readable path, or
   /// its region is too short or of another version (logged; the region is unmapped then). A null `bundleID`
@@ -61,8 +60,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   const std::string& processBundleID() const { return processBundleID_; }
   std::string description() const;
 
-  // --- hang_timeouts.cpp: the scan of the regions
-  // ------------------------------------------------------------------
+  // --- hang_timeouts.cpp: the scan of the regions ----------------------------------------------------------
 
   /// Records a hang for each process that has an operation pending for longer than the time-out; one per
   /// process and scan.
@@ -70,8 +68,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   static void setHangTimeoutDuration(double ms);
   static void setLongHangDurationThreshold(double ms);
 
-  // --- hang_recorder.cpp and report_saving.cpp: from a hang to a report in the spool
-  // -----------------------------------
+  // --- hang_recorder.cpp and report_saving.cpp: from a hang to a report in the spool -----------------------
 
   /// Logs, shows and counts a hang, and saves a report of it when `saveKelvane` asks for one and settings,
   /// library and credits allow it. A null `name` stands as "(null)".
@@ -82,8 +79,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   static void saveActivationKelvane(const std::string& type, const std::string& reason,
                                     const std::string& bundleID, uint64_t startTimeMs, uint64_t endTimeMs);
 
-  // --- report_credits.cpp: how many reports a process and the device may cause
-  // ---------------------------------------
+  // --- report_credits.cpp: how many reports a process and the device may cause -----------------------------
 
   /// A hang is long when it lasted at least the long-hang threshold; long hangs never use per-process credit.
   bool checkAppCreditForDuration(double durationMs) const;
@@ -103,16 +99,14 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   static void resetDailyActivationKelvaneCredits();
   static void resetAppActivationKelvaneCredits();
 
-  // --- display_state_history.cpp: was the screen on around a hang?
-  // ----------------------------------------------------
+  // --- display_state_history.cpp: was the screen on around a hang? -----------------------------------------
 
   static void addDisplayStateChangeEvent(uint64_t timestampTicks, int32_t status, uint32_t extra);
 
   /// Timestamp, status, timestamp, status, …, oldest first; at most ten pairs.
   static platform::Array displayStateArray();
 
-  // --- status_report.cpp
-  // -------------------------------------------------------------------------------------------
+  // --- status_report.cpp -----------------------------------------------------------------------------------
 
   /// Logs the watched processes and the credits, a line each, for whoever asked the daemon for its state.
   static void logStatus();

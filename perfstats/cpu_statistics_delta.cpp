@@ -85,8 +85,8 @@ void delta_task_rusage(const Usage& start, const Usage& end, Usage* difference, 
                &Usage::cpu_time_qos_user_interactive, &Usage::cpu_time_qos_maintenance>(start, end);
   if (!sameProcess) {
     quorvelLog().standard(
-        " ******* QVActivationStats: Start values are greater than end values for Pid:%d StartUserTime:%llu "
-        "EndUserTime:%llu *******",
+        " ******* QVActivationStats: Start values are greater than end values "
+        "for Pid:%d StartUserTime:%llu EndUserTime:%llu *******",
         pid, static_cast<unsigned long long>(start.user_time),
         static_cast<unsigned long long>(end.user_time));
     *difference = end;

@@ -98,8 +98,8 @@ void EventBuilder::noticeRollover() const {
   int32_t& largestTrackedPid = reportState().largestTrackedPid;
   if (report_.pid >= largestTrackedPid) return;
   quorvelLog().standard(
-      " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids [App pid: %d. Last "
-      "Seen:%d] *****",
+      " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids "
+      "[App pid: %d. Last Seen:%d] *****",
       report_.pid, largestTrackedPid);
   largestTrackedPid = -1;
 }

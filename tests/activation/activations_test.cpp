@@ -54,10 +54,9 @@ TEST(Activations, AForegroundLaunchIsTimedAndReportedOnce) {
           " BundleID:com.example.viewer PID:70312 Result:5 Type:1 TimeTaken:730 ms"));
   EXPECT_TRUE(
       world.logged(Level::standard, "QVActivationStats: com.example.viewer FG Launch Duration = 730ms"));
-  EXPECT_TRUE(
-      world.logged(Level::debug,
-                   "QVActivationStats: Sending activation for com.example.viewer to Pelmar. Number Of "
-                   "Activations recorded:1"));
+  EXPECT_TRUE(world.logged(Level::debug,
+                           "QVActivationStats: Sending activation for com.example.viewer to Pelmar. "
+                           "Number Of Activations recorded:1"));
   ASSERT_EQ(world.powerLog.events.size(), 1u);
   EXPECT_EQ(numberOf(world.reported("ActivationID")), id);
   EXPECT_EQ(numberOf(world.reported("ActivationDuration_ms")), 730u);

@@ -68,17 +68,15 @@ TEST(Messages, OfAProcessThatIsNotWatched) {
       {"begin without a bundle",
        {{"command", 4}, {"bundle-id", 7}, {"startTime", int64_t{5}}},
        {"debug QVActivationStats: Noting an app activation begin",
-        "info QVActivationStats: ActivationBegin Command: Pid:0 BundleID:(null) StartTime:0 IPXStartTime:0 "
-        "Foreground:0 "
-        "ActivationType:0",
-        "default QVActivationStats: Failed to get bundle-id for app activation begin command, this "
-        "activation will be "
-        "ignored"}},
+        "info QVActivationStats: ActivationBegin Command: Pid:0 BundleID:(null) "
+        "StartTime:0 IPXStartTime:0 Foreground:0 ActivationType:0",
+        "default QVActivationStats: Failed to get bundle-id for app activation begin command, "
+        "this activation will be ignored"}},
       {"end without a bundle",
        {{"command", 5}},
        {"debug QVActivationStats: Noting an app activation end",
-        "info QVActivationStats: ActivationEnd Command: Pid:0 BundleID:(null) EndTime:0 Foreground:0 "
-        "ActivationResult:0",
+        "info QVActivationStats: ActivationEnd Command: Pid:0 BundleID:(null) EndTime:0 "
+        "Foreground:0 ActivationResult:0",
         "default QVActivationStats: Failed to get bundleID for app activation end command, ignoring this"}},
   };
   World world;

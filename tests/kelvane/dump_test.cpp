@@ -332,9 +332,8 @@ TEST(Dump, AStrippedProgramInAMountNamespaceIsUnwoundAllTheSame) {
   if (system("unshare -m mount -t tmpfs none /mnt && command -v strip >/dev/null") != 0)
     GTEST_SKIP() << "no mount namespace can be made here, or there is no strip";
   HangTarget victim = HangTarget::byScript(
-      "exec unshare -m sh -c 'mount -t tmpfs none /mnt && strip -o /mnt/hidden \"$1\" && exec /mnt/hidden "
-      "kinds' "
-      "sh \"$1\"");
+      "exec unshare -m sh -c 'mount -t tmpfs none /mnt && strip -o /mnt/hidden \"$1\" && "
+      "exec /mnt/hidden kinds' sh \"$1\"");
   Dump dump = dumpOf(victim.pid(), victim.thread());
   Json thread = dump.thread(victim.thread());
   EXPECT_FALSE(thread.contains("stackCutOff")) << thread;

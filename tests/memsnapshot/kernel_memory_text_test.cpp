@@ -9,8 +9,8 @@ namespace {
 
 TEST(KernelMemoryText, SlabInfo) {
   const std::string header =
-      "slabinfo - version: 2.1\n# name            <active_objs> <num_objs> <objsize> <objperslab> "
-      "<pagesperslab> : "
+      "slabinfo - version: 2.1\n"
+      "# name            <active_objs> <num_objs> <objsize> <objperslab> <pagesperslab> : "
       "tunables <limit> <batchcount> <sharedfactor> : slabdata <active_slabs> <num_slabs> <sharedavail>\n";
   const auto caches =
       parseSlabInfo(header +
@@ -51,8 +51,8 @@ TEST(KernelMemoryText, MemInfoAndModules) {
 TEST(KernelMemoryText, VmallocInfoIsSummedByCaller) {
   const auto callers = parseVmallocInfo(
       "0x000000000ad9390b-0x00000000754ae7ea   20480 irq_init_percpu_irqstack+0xca/0x100 vmap\n"
-      "0x00000000754ae7ea-0x00000000b79cb469    8192 acpi_os_map_iomem+0x1bc/0x1e0 phys=0x00000000000a0000 "
-      "ioremap\n"
+      "0x00000000754ae7ea-0x00000000b79cb469    8192 acpi_os_map_iomem+0x1bc/0x1e0 "
+      "phys=0x00000000000a0000 ioremap\n"
       "0x00000000525d5f57-0x0000000002d88c03   20480 kernel_clone+0x94/0x3e0 pages=4 vmalloc N0=4\n"
       "0x00000000525d5f57-0x0000000002d88c03   20480 big+0x1/0x2 [module] pages=100 vmalloc vpages N0=100\n"
       "0x00000000525d5f57-0x0000000002d88c03   20480 kernel_clone+0x97/0x3e0 pages=5 vmalloc N0=4\n"
@@ -67,8 +67,8 @@ TEST(KernelMemoryText, VmallocInfoIsSummedByCaller) {
 
 TEST(KernelMemoryText, ZonesAndControlGroups) {
   const ZonePages zones = parseZoneInfo(
-      "Node 0, zone      DMA\n  pages free     3840\n        spanned  4095\n        present  3998\n        "
-      "managed  3840\n"
+      "Node 0, zone      DMA\n  pages free     3840\n        spanned  4095\n"
+      "        present  3998\n        managed  3840\n"
       "Node 0, zone   Normal\n        present  1000\n        managed  900\n"
       "Node 1, zone    DMA32\n        managed  50\n        present 7");
   EXPECT_EQ(zones.managed, 3840u + 900 + 50);

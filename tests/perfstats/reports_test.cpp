@@ -230,10 +230,11 @@ TEST_F(ReportsTest, PowerLogNamesEachPidOnceUntilPidsStartOver) {
   between({}, {task(90, "second app"), task(200, "shell")});
   EXPECT_EQ(names(sendToPelmar()), (Names{"second app", "shell"}));
   EXPECT_EQ(reportState().largestTrackedPid, 200);
-  EXPECT_EQ(world.logs.count(LogLevel::standard,
-                             " ***** QVActivationStats:Pids rolled over! Resetting our state to track new "
-                             "pids [App pid: 90. Last Seen:360] *****"),
-            1);
+  EXPECT_EQ(
+      world.logs.count(LogLevel::standard,
+                       " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids "
+                       "[App pid: 90. Last Seen:360] *****"),
+      1);
 
   pid = 312;
   resetLargestTrackedPid();
@@ -242,10 +243,11 @@ TEST_F(ReportsTest, PowerLogNamesEachPidOnceUntilPidsStartOver) {
   pid = -5;  // no process's: below everything, always
   resetLargestTrackedPid();
   sendToPelmar();
-  EXPECT_EQ(world.logs.count(LogLevel::standard,
-                             " ***** QVActivationStats:Pids rolled over! Resetting our state to track new "
-                             "pids [App pid: -5. Last Seen:-1] *****"),
-            1);
+  EXPECT_EQ(
+      world.logs.count(LogLevel::standard,
+                       " ***** QVActivationStats:Pids rolled over! Resetting our state to track new pids "
+                       "[App pid: -5. Last Seen:-1] *****"),
+      1);
 }
 
 TEST_F(ReportsTest, PowerLogSaysNothingOfWhatASnapshotLacks) {

@@ -58,8 +58,8 @@ TEST_F(SnapshotTest, LeavesNoHoleForAProcessThatExitsBetweenListAndQuery) {
   EXPECT_EQ(pids(*cpu), (std::vector<int32_t>{30, 20}));
   EXPECT_STREQ(cpu->tasks[1].name, "last");
   EXPECT_EQ(cpu->tasks[1].rusage.user_time, 200u);
-  EXPECT_EQ(logged("QVActivationStats: ** Failed to get rusage info for pid 10 error:No such process "
-                   "number:3 **"),
+  EXPECT_EQ(logged("QVActivationStats: ** Failed to get rusage info for pid 10 "
+                   "error:No such process number:3 **"),
             1);
 
   // What the failed last process left behind is never counted, and shows that it was never filled.

@@ -198,8 +198,8 @@ void addLaunchCommand(CLI::App& app, Context& context) {
   command->add_option("BUNDLE-ID", arguments->bundleID, "The application, as com.example.viewer")->required();
   command->add_flag("--resume", arguments->resume, "Announce a resume, not a launch");
   command->footer(
-      "It is up when it says READY=1 (sd_notify(3)), or else when it has ended. Exit status: the command's, "
-      "or\n"
+      "It is up when it says READY=1 (sd_notify(3)), or else when it has ended. "
+      "Exit status: the command's, or\n"
       "128 + n after signal n; 127 it was not found, 126 it can't be run, 125 no process could be made.");
   command->callback([arguments, &context] { launch(context, *arguments); });
 }

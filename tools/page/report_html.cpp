@@ -110,8 +110,9 @@ Html timelineHtml(const Timeline& timeline) {
                      button("all", "All", "All that was recorded");
   Html content = element("div", "heading", element("h2", "", "Timeline") + element("div", "tools", tools));
   content += Html{
-      "<div id=\"timeline\"><canvas id=\"canvas\" tabindex=\"0\" role=\"img\" aria-label=\"Timeline of the "
-      "hang\"></canvas><div id=\"tip\" hidden></div></div><ul class=\"legend\" id=\"legend\"></ul>"};
+      "<div id=\"timeline\"><canvas id=\"canvas\" tabindex=\"0\" role=\"img\" "
+      "aria-label=\"Timeline of the hang\"></canvas><div id=\"tip\" hidden></div></div>"
+      "<ul class=\"legend\" id=\"legend\"></ul>"};
   std::string note =
       "Drag to move; hold Ctrl and turn the wheel, double-click, or press + and − to look closer.";
   if (timeline.hiddenCpus > 0)

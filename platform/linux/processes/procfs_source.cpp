@@ -109,9 +109,8 @@ class ProcfsSource final : public ProcessSource {
       if (errno != EACCES && errno != EPERM) return errno != ENOENT && errno != ESRCH;
       if (!saidIoRefused_) {
         logDefault(
-            "Process table: /proc/PID/io of others can't be read without CAP_SYS_PTRACE, their disk I/O "
-            "counts "
-            "as 0");
+            "Process table: /proc/PID/io of others can't be read without CAP_SYS_PTRACE, "
+            "their disk I/O counts as 0");
       }
       saidIoRefused_ = true;
       return true;

@@ -24,34 +24,29 @@ constexpr const char* kSwitchFormat =
     "\tfield:long prev_state;\toffset:32;\tsize:8;\tsigned:1;\n"
     "\tfield:char next_comm[16];\toffset:40;\tsize:16;\tsigned:0;\n"
     "\tfield:pid_t next_pid;\toffset:56;\tsize:4;\tsigned:1;\n\n"
-    "print fmt: \"prev_state=%s%s\", (REC->prev_state & 0xff) ? __print_flags(REC->prev_state & 0xff, \"|\", "
-    "{ 0x00000001, \"S\" }, { 0x00000002, \"D\" }, { 0x00000004, \"T\" }, { 0x00000008, \"t\" }, { "
-    "0x00000010, \"X\" }, "
-    "{ 0x00000020, \"Z\" }, { 0x00000040, \"P\" }, { 0x00000080, \"I\" }) : \"R\", REC->prev_state & 0x100 ? "
-    "\"+\" : \"\"";
+    "print fmt: \"prev_state=%s%s\", "
+    "(REC->prev_state & 0xff) ? __print_flags(REC->prev_state & 0xff, \"|\", "
+    "{ 0x00000001, \"S\" }, { 0x00000002, \"D\" }, { 0x00000004, \"T\" }, { 0x00000008, \"t\" }, "
+    "{ 0x00000010, \"X\" }, { 0x00000020, \"Z\" }, { 0x00000040, \"P\" }, { 0x00000080, \"I\" }) : \"R\", "
+    "REC->prev_state & 0x100 ? \"+\" : \"\"";
 
 /// The same of Linux 4.9, where bits beside the state's own are told too.
 constexpr const char* kOldStates =
-    "__print_flags(REC->prev_state & (2048-1), \"|\", { 1, \"S\"} , { 2, \"D\" }, { 4, \"T\" }, { 8, \"t\" "
-    "}, "
-    "{ 16, \"Z\" }, { 32, \"X\" }, { 64, \"x\" }, { 128, \"K\" }, { 256, \"W\" }, { 512, \"P\" }, { 1024, "
-    "\"N\" })";
+    "__print_flags(REC->prev_state & (2048-1), \"|\", { 1, \"S\"} , { 2, \"D\" }, { 4, \"T\" }, "
+    "{ 8, \"t\" }, { 16, \"Z\" }, { 32, \"X\" }, { 64, \"x\" }, { 128, \"K\" }, { 256, \"W\" }, "
+    "{ 512, \"P\" }, { 1024, \"N\" })";
 
 /// The begin of a page that Linux 6.18 gave out: four context switches.
 constexpr const char* kPage =
     "6c19e3d48d0d0000100100000000000010000000"
-    "74010102655c0000736c6565700000000000000000000000655c00007800000001000000000000006c696e75785f70726f636573"
-    "73657300"
-    "5f5c00007d000000b08e7f16"
-    "740101026b5c0000736c65657000000000000000000000006b5c00007800000001000000000000006c696e75785f70726f636573"
-    "73657300"
-    "5f5c00007d0000009040f605"
-    "74010102765c0000736c6565700000000000000000000000765c0000780000000001000000000000707974686f6e330000000000"
-    "00000000"
-    "625900007800000070433f00"
-    "7401010262590000707974686f6e3300000000000000000062590000780000000200000000000000736c65657000000000000000"
-    "00000000"
-    "765c000078000000";
+    "74010102655c0000736c6565700000000000000000000000655c0000780000000100000000000000"
+    "6c696e75785f70726f636573736573005f5c00007d000000b08e7f16"
+    "740101026b5c0000736c65657000000000000000000000006b5c0000780000000100000000000000"
+    "6c696e75785f70726f636573736573005f5c00007d0000009040f605"
+    "74010102765c0000736c6565700000000000000000000000765c0000780000000001000000000000"
+    "707974686f6e33000000000000000000625900007800000070433f00"
+    "7401010262590000707974686f6e3300000000000000000062590000780000000200000000000000"
+    "736c6565700000000000000000000000765c000078000000";
 
 std::vector<uint8_t> bytesOf(const std::string& hex) {
   std::vector<uint8_t> bytes;
@@ -101,8 +96,8 @@ TEST(TraceFormat, FindsMembersAndStatesOfOldAndNewKernels) {
     EXPECT_EQ(blockOperation(rwbs), operation) << rwbs;
   }
   const BufferStats stats = parseBufferStats(
-      "entries: 120\noverrun: 7\ncommit overrun: 2\nbytes: 5000\noldest event ts:     1.5\ndropped events: "
-      "3\n");
+      "entries: 120\noverrun: 7\ncommit overrun: 2\nbytes: 5000\noldest event ts:     1.5\n"
+      "dropped events: 3\n");
   EXPECT_EQ(stats.entries, 120u);
   EXPECT_EQ(stats.bytes, 5'000u);
   EXPECT_EQ(stats.lost, 5u);

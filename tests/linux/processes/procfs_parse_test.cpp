@@ -66,9 +66,8 @@ TEST(ProcfsText, KernelThreadsAreNamedAsTheKernelKeepsThem) {
 
 TEST(ProcfsText, StatusAndIoTakeWhatIsThere) {
   const ProcfsStatus status = parseStatus(
-      "Name:\tVmRSS:\\n 9\nVmLck:\t      12 kB\nVmHWM:\t 9999 kB\nVmRSS:\t    1616 kB\nRssAnon:\t     116 "
-      "kB\n"
-      "RssFile:\t    1500 kB\nVmSwap:\t       8 kB");
+      "Name:\tVmRSS:\\n 9\nVmLck:\t      12 kB\nVmHWM:\t 9999 kB\nVmRSS:\t    1616 kB\n"
+      "RssAnon:\t     116 kB\nRssFile:\t    1500 kB\nVmSwap:\t       8 kB");
   EXPECT_EQ(status.residentKb, 1616u);
   EXPECT_EQ(status.anonymousKb, 116u);
   EXPECT_EQ(status.swappedKb, 8u);
@@ -85,11 +84,10 @@ TEST(ProcfsText, StatusAndIoTakeWhatIsThere) {
 TEST(VmStatistics, EachFieldHasItsLine) {
   const std::string vmstat =
       "nr_free_pages 1\nnr_zone_active_anon 5\nnr_inactive_anon 2\nnr_active_anon 30\nnr_inactive_file 400\n"
-      "nr_active_file 5000\nnr_unevictable 7\nnr_slab_unreclaimable 60\nnr_anon_pages 11\nnr_file_pages "
-      "1000\n"
-      "nr_shmem 100\nnr_page_table_pages 800\nnr_sec_page_table_pages 9000\nnr_swapcached 10\npgpgin 4001\n"
-      "pgpgout 83\npswpin 3\npswpout 4\npgactivate 21\npgfault 5000000000\npgmajfault 22\npglazyfreed 6\n"
-      "zswpin 31\nzswpout 32\n";
+      "nr_active_file 5000\nnr_unevictable 7\nnr_slab_unreclaimable 60\nnr_anon_pages 11\n"
+      "nr_file_pages 1000\nnr_shmem 100\nnr_page_table_pages 800\nnr_sec_page_table_pages 9000\n"
+      "nr_swapcached 10\npgpgin 4001\npgpgout 83\npswpin 3\npswpout 4\npgactivate 21\n"
+      "pgfault 5000000000\npgmajfault 22\npglazyfreed 6\nzswpin 31\nzswpout 32\n";
   const std::string meminfo =
       "MemTotal: 99999999 kB\nMemFree:        400 kB\nSwapCached: 0 kB\nZswap:  44 kB\nZswapped: 88 kB\n"
       "VmallocTotal: 34359738367 kB\nVmallocUsed: 40000 kB\nPercpu: 400000 kB\n";
