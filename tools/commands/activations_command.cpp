@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kDefaultShown = 5;
 constexpr size_t kMostShown = 1000000;
 
-struct Arguments {
+struct ActivationArguments {
   size_t last = kDefaultShown;
   bool all = false;
 };
@@ -40,7 +40,7 @@ bool readLog(Context& context, const char* log, ActivationReader& reader) {
   return true;
 }
 
-void show(Context& context, const Arguments& arguments) {
+void showActivations(Context& context, const ActivationArguments& arguments) {
   ActivationReader reader;
   if (!readLog(context, kOlderActivationLog, reader) || !readLog(context, kActivationLog, reader)) return;
   std::span<const Activation> shown(reader.activations());
@@ -64,13 +64,13 @@ void show(Context& context, const Arguments& arguments) {
 }  // namespace
 
 void addActivationsCommand(CLI::App& app, Context& context) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<ActivationArguments>();
   CLI::App* command = app.add_subcommand(
       "activations", "What launches and resumes cost, and whom: the last five, the newest at the end");
   CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
   last->check(CLI::Range(size_t{1}, kMostShown, "N"));
   command->add_flag("--all", arguments->all, "All of them")->excludes(last);
-  command->callback([arguments, &context] { show(context, *arguments); });
+  command->callback([arguments, &context] { showActivations(context, *arguments); });
 }
 
 }  // namespace quorvelctl

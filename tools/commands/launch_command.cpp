@@ -33,7 +33,7 @@ constexpr auto kForgottenAfter = std::chrono::seconds(60);
 /// How long an ended process waits for the daemon's look at it.
 constexpr auto kRecordLimit = std::chrono::seconds(2);
 
-struct Arguments {
+struct LaunchArguments {
   std::string bundleID;
   bool resume = false;
 };
@@ -76,7 +76,7 @@ class Signals {
 /// One launch, from its announcement to the command's end.
 class Launch {
  public:
-  Launch(Context& context, const Arguments& arguments, uint64_t startMs)
+  Launch(Context& context, const LaunchArguments& arguments, uint64_t startMs)
       : context_(context),
         arguments_(arguments),
         startMs_(startMs),
@@ -93,7 +93,7 @@ class Launch {
   void waitForRecord();
 
   Context& context_;
-  const Arguments& arguments_;
+  const LaunchArguments& arguments_;
   const uint64_t startMs_;
   const Signals signals_;
   const NotifySocket notifications_;
@@ -165,7 +165,7 @@ int Launch::run() {
   return status;
 }
 
-void launch(Context& context, const Arguments& arguments) {
+void launch(Context& context, const LaunchArguments& arguments) {
   const uint64_t startMs = qv_wall_ms();
   if (context.command.empty()) {
     context.fail("which command? quorvelctl launch [--resume] BUNDLE-ID -- COMMAND...", kWrongUsage);
@@ -191,7 +191,7 @@ void launch(Context& context, const Arguments& arguments) {
 }  // namespace
 
 void addLaunchCommand(CLI::App& app, Context& context) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<LaunchArguments>();
   CLI::App* command = app.add_subcommand(
       "launch",
       "Start a command and announce its launch: quorvelctl launch [--resume] BUNDLE-ID -- COMMAND...");

@@ -17,7 +17,7 @@
 namespace quorvelctl {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 constexpr const char* kDirectory = "/Library/Logs/Faultkeep";
 constexpr size_t kShortTable = 20;
@@ -65,13 +65,13 @@ std::optional<MemoryReport> reportOf(Context& context, const std::string& name) 
   return report;
 }
 
-Json listJson(const std::vector<NamedBytes>& entries) {
-  Json json = Json::array();
+OrderedJson listJson(const std::vector<NamedBytes>& entries) {
+  OrderedJson json = OrderedJson::array();
   for (const NamedBytes& entry : entries) json.push_back({{"name", entry.name}, {"bytes", entry.bytes}});
   return json;
 }
 
-Json accountJson(const MemoryReport& report) {
+OrderedJson accountJson(const MemoryReport& report) {
   const std::optional<MemoryAccount> account = accountOf(report);
   if (!account) return nullptr;
   return {{"totalBytes", account->totalBytes},
@@ -79,8 +79,8 @@ Json accountJson(const MemoryReport& report) {
           {"unaccountedBytes", account->unaccountedBytes}};
 }
 
-Json reportJson(const MemoryReport& report) {
-  Json processes = Json::array();
+OrderedJson reportJson(const MemoryReport& report) {
+  OrderedJson processes = OrderedJson::array();
   for (const MemoryProcess& process : report.processes) {
     processes.push_back({{"name", process.name},
                          {"priority", process.priority},
@@ -88,12 +88,12 @@ Json reportJson(const MemoryReport& report) {
                          {"dirty", process.dirty},
                          {"assertions", process.assertions}});
   }
-  Json counters = Json::object();
+  OrderedJson counters = OrderedJson::object();
   for (const auto& [name, value] : report.counters) counters[name] = value;
-  Json json{{"timestamp", report.timestamp},
-            {"model", report.model},
-            {"osVersion", report.osVersion},
-            {"pageSizeBytes", report.pageSizeBytes}};
+  OrderedJson json{{"timestamp", report.timestamp},
+                   {"model", report.model},
+                   {"osVersion", report.osVersion},
+                   {"pageSizeBytes", report.pageSizeBytes}};
   if (!report.vmError.empty()) json["vmError"] = report.vmError;
   json.update({{"account", accountJson(report)},
                {"vmCounters", counters},
@@ -104,8 +104,8 @@ Json reportJson(const MemoryReport& report) {
   return json;
 }
 
-Json changesJson(const std::vector<MemoryChange>& changes) {
-  Json json = Json::array();
+OrderedJson changesJson(const std::vector<MemoryChange>& changes) {
+  OrderedJson json = OrderedJson::array();
   for (const MemoryChange& change : changes) {
     json.push_back({{"name", change.name},
                     {"changeBytes", change.bytes()},
@@ -117,14 +117,14 @@ Json changesJson(const std::vector<MemoryChange>& changes) {
   return json;
 }
 
-Json diffJson(const MemoryReport& older, const MemoryReport& newer) {
+OrderedJson diffJson(const MemoryReport& older, const MemoryReport& newer) {
   const MemoryDiff diff = diffOf(older, newer);
   return {{"oldTimestamp", older.timestamp},      {"newTimestamp", newer.timestamp},
           {"account", changesJson(diff.account)}, {"processes", changesJson(diff.processes)},
           {"zones", changesJson(diff.zones)},     {"consumers", changesJson(diff.consumers)}};
 }
 
-struct Arguments {
+struct MemoryArguments {
   std::string file;  ///< or the older one
   std::string newer;
   bool all = false;
@@ -132,7 +132,7 @@ struct Arguments {
   size_t maxRows() const { return all ? std::numeric_limits<size_t>::max() : kShortTable; }
 };
 
-void show(Context& context, const Arguments& arguments) {
+void showMemory(Context& context, const MemoryArguments& arguments) {
   const std::optional<MemoryReport> report = reportOf(context, arguments.file);
   if (!report) return;
   const std::string text =
@@ -140,7 +140,7 @@ void show(Context& context, const Arguments& arguments) {
   std::fputs(text.c_str(), stdout);
 }
 
-void diff(Context& context, const Arguments& arguments) {
+void diffMemory(Context& context, const MemoryArguments& arguments) {
   const std::optional<MemoryReport> older = reportOf(context, arguments.file);
   if (!older) return;
   const std::optional<MemoryReport> newer = reportOf(context, arguments.newer);
@@ -157,19 +157,19 @@ void addMemoryCommands(CLI::App& app, Context& context) {
   memory->require_subcommand(1);
   constexpr const char* kAll = "Whole tables, not their first 20 rows; JSON always has all";
 
-  auto shown = std::make_shared<Arguments>();
+  auto shown = std::make_shared<MemoryArguments>();
   CLI::App* showing = memory->add_subcommand("show", "Where the memory was, in tables, largest first");
   showing->add_option("FILE", shown->file,
                       "Its name in the log directory, or a path; the newest if not given");
   showing->add_flag("--all", shown->all, kAll);
-  showing->callback([shown, &context] { show(context, *shown); });
+  showing->callback([shown, &context] { showMemory(context, *shown); });
 
-  auto compared = std::make_shared<Arguments>();
+  auto compared = std::make_shared<MemoryArguments>();
   CLI::App* comparing = memory->add_subcommand("diff", "What grew and what shrank, largest change first");
   comparing->add_option("OLD", compared->file, "Name or path of the older report")->required();
   comparing->add_option("NEW", compared->newer, "Name or path of the newer one; the newest if not given");
   comparing->add_flag("--all", compared->all, kAll);
-  comparing->callback([compared, &context] { diff(context, *compared); });
+  comparing->callback([compared, &context] { diffMemory(context, *compared); });
 }
 
 }  // namespace quorvelctl

@@ -54,7 +54,7 @@ nlohmann::ordered_json metricsJson(const Metrics& metrics) {
   return {{"scalars", metrics.scalars}, {"counters", metrics.counters}, {"distributions", distributions}};
 }
 
-void show(Context& context) {
+void showMetrics(Context& context) {
   const std::string path = context.path(kMetricsFile);
   std::error_code error;
   const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
@@ -74,7 +74,7 @@ void show(Context& context) {
 }  // namespace
 
 void addMetricsCommand(CLI::App& app, Context& context) {
-  app.add_subcommand("metrics", "The daemon's counters")->callback([&context] { show(context); });
+  app.add_subcommand("metrics", "The daemon's counters")->callback([&context] { showMetrics(context); });
 }
 
 }  // namespace quorvelctl

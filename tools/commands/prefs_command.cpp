@@ -77,7 +77,7 @@ nlohmann::ordered_json jsonSetting(const PreferenceKey& key, const Setting& sett
           {"meaning", key.meaning}};
 }
 
-void list(Context& context) {
+void listPreferences(Context& context) {
   const auto managed = load(context, context.path(kManagedFile));
   if (!managed) return;
   std::map<std::string_view, PreferenceFile> domains;
@@ -170,7 +170,7 @@ void addPrefsCommands(CLI::App& app, Context& context) {
   CLI::App* prefs = app.add_subcommand("prefs", "Show and change the daemon's preferences");
   prefs->require_subcommand(1);
   prefs->add_subcommand("list", "All keys, their values and meanings")->callback([&context] {
-    list(context);
+    listPreferences(context);
   });
 
   auto name = std::make_shared<std::string>();

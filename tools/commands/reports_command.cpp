@@ -73,7 +73,7 @@ nlohmann::ordered_json jsonEntry(const ReportEntry& entry) {
   return json;
 }
 
-void list(Context& context) {
+void listReports(Context& context) {
   auto entries = spoolEntries(context);
   if (!entries) return;
   nlohmann::ordered_json json = nlohmann::ordered_json::array();
@@ -122,7 +122,7 @@ struct ShowArguments {
   bool symbols = false;
 };
 
-void show(Context& context, const ShowArguments& arguments) {
+void showReport(Context& context, const ShowArguments& arguments) {
   const std::string path = pathOf(context, arguments.file);
   if (path.empty()) return;
   const std::optional<std::string> text = readReport(context, path);
@@ -183,7 +183,7 @@ void addShow(CLI::App& reports, Context& context) {
   command->add_flag(
       "--symbols", arguments->symbols,
       "Name functions by the programs and libraries that the report names, which are opened for that");
-  command->callback([arguments, &context] { show(context, *arguments); });
+  command->callback([arguments, &context] { showReport(context, *arguments); });
 }
 
 void addSymbolicate(CLI::App& reports, Context& context) {
@@ -205,7 +205,9 @@ void addSymbolicate(CLI::App& reports, Context& context) {
 void addReportsCommands(CLI::App& app, Context& context) {
   CLI::App* reports = app.add_subcommand("reports", "Show the trace reports of hangs and slow launches");
   reports->require_subcommand(1);
-  reports->add_subcommand("list", "All reports, oldest first")->callback([&context] { list(context); });
+  reports->add_subcommand("list", "All reports, oldest first")->callback([&context] {
+    listReports(context);
+  });
   addShow(*reports, context);
   addSymbolicate(*reports, context);
 }

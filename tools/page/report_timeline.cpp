@@ -19,7 +19,6 @@ constexpr size_t kMaxCpus = 128;
 constexpr size_t kMaxItems = 32'000;
 /// By how much columns widen until their items are few enough.
 constexpr double kCoarser = 1.25;
-constexpr double kTicksPerUs = 24;
 
 using Events = std::vector<const TraceEvent*>;
 

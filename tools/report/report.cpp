@@ -11,7 +11,6 @@
 namespace quorvelctl {
 namespace {
 
-constexpr double kTicksPerMs = 24'000;
 // Beyond what a report has; its threads may share their frames, so that a small one could have very many.
 constexpr size_t kMaxFrames = 512;
 constexpr size_t kMaxThreads = 2048;

@@ -13,6 +13,10 @@
 
 namespace quorvelctl {
 
+/// Of the daemon's clock, on which reports tell times.
+inline constexpr double kTicksPerUs = 24;
+inline constexpr double kTicksPerMs = 1000 * kTicksPerUs;
+
 /// What a report says of its hang. Texts come from the application and may hold anything.
 struct ReportHeader {
   std::string reason;

@@ -9,8 +9,6 @@
 namespace quorvelctl {
 namespace {
 
-constexpr double kTicksPerMs = 24'000;
-
 std::string localTime(time_t time) {
   tm parts{};
   char text[32] = "";

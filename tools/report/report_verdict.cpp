@@ -5,9 +5,9 @@
 namespace quorvelctl {
 namespace {
 
-constexpr size_t kMaxRows = 100;
+constexpr size_t kMaxRowsRead = 100;
 
-VerdictThread threadOf(const Json& json) {
+VerdictThread verdictThreadOf(const Json& json) {
   return {integerMember(json, "tid"), textMember(json, "name"), integerMember(json, "pid"),
           textMember(json, "process")};
 }
@@ -26,7 +26,7 @@ std::vector<std::pair<std::string, double>> spentOf(const Json& json) {
 ReportVerdict::Wait waitOf(const Json& json) {
   ReportVerdict::Wait wait{numberMember(json, "ts"), numberMember(json, "durationMs"),
                            textMember(json, "state"), textMember(json, "waitChannel"), std::nullopt};
-  if (member(json, "wokenBy").is_object()) wait.wokenBy = threadOf(member(json, "wokenBy"));
+  if (member(json, "wokenBy").is_object()) wait.wokenBy = verdictThreadOf(member(json, "wokenBy"));
   return wait;
 }
 
@@ -34,7 +34,7 @@ template <typename Row, typename RowOf>
 std::vector<Row> rowsOf(const Json& json, RowOf rowOf) {
   std::vector<Row> rows;
   for (const Json& row : json) {
-    if (row.is_object() && rows.size() < kMaxRows) rows.push_back(rowOf(row));
+    if (row.is_object() && rows.size() < kMaxRowsRead) rows.push_back(rowOf(row));
   }
   return rows;
 }
@@ -63,7 +63,7 @@ std::optional<ReportVerdict> verdictOf(const Json& json) {
   verdict.spent = spentOf(member(json, "spent"));
   verdict.waits = rowsOf<ReportVerdict::Wait>(member(json, "waits"), waitOf);
   verdict.busiest = rowsOf<ReportVerdict::Busy>(member(json, "busiest"), [](const Json& row) {
-    return ReportVerdict::Busy{threadOf(row), numberMember(row, "runningMs")};
+    return ReportVerdict::Busy{verdictThreadOf(row), numberMember(row, "runningMs")};
   });
   if (const Json& lock = member(json, "lock"); lock.is_object()) {
     verdict.lock = VerdictThread{integerMember(lock, "ownerTid"), textMember(lock, "ownerName"), 0, {}};

@@ -9,9 +9,8 @@
 namespace quorvelctl {
 namespace {
 
-constexpr double kTicksPerUs = 24;
 /// Of each list: who wants them all has the page, and the report.
-constexpr size_t kMaxRows = 5;
+constexpr size_t kMaxRowsShown = 5;
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -47,7 +46,7 @@ std::string spentText(const ReportVerdict& verdict) {
 std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) {
   Rows rows{{"FOR", "FROM", "STATE", "IN", "WOKEN BY"}};
   for (const ReportVerdict::Wait& wait : verdict.waits) {
-    if (rows.size() > kMaxRows || isNegligible(wait.durationMs, verdict)) break;
+    if (rows.size() > kMaxRowsShown || isNegligible(wait.durationMs, verdict)) break;
     rows.push_back({durationText(wait.durationMs), offsetText(wait.atUs, header), printable(wait.state),
                     wait.waitChannel.empty() ? "-" : printable(wait.waitChannel),
                     wait.wokenBy ? printable(threadText(*wait.wokenBy, header)) : "-"});
@@ -58,7 +57,7 @@ std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) 
 std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header) {
   Rows rows{{"RAN", "OF A CPU", "THREAD"}};
   for (const ReportVerdict::Busy& busy : verdict.busiest) {
-    if (rows.size() > kMaxRows || isNegligible(busy.runningMs, verdict)) break;
+    if (rows.size() > kMaxRowsShown || isNegligible(busy.runningMs, verdict)) break;
     rows.push_back({durationText(busy.runningMs), shareText(busy.runningMs, verdict.evidence.coveredMs),
                     printable(threadText(busy.thread, header))});
   }

@@ -9,7 +9,7 @@ using quorvelctl::StoredValue;
 
 namespace {
 
-PreferenceFile parsed(const std::string& text) {
+PreferenceFile parsedPreferences(const std::string& text) {
   std::string error;
   auto file = PreferenceFile::parse(text, error);
   if (!file) throw std::runtime_error(error);
@@ -30,7 +30,7 @@ TEST(PreferenceFile, ChangesWhatItIsToldAndKeepsTheRestByteForByte) {
       "\t<key>QuorvelEnabled</key> <false/>\n"
       "\t<key>Text &amp; more</key><string><![CDATA[a<b]]></string>\n"
       "</dict>\n</plist>\n";
-  PreferenceFile file = parsed(before);
+  PreferenceFile file = parsedPreferences(before);
   EXPECT_EQ(file.text(), before);
   EXPECT_EQ(shown(file, "Text & more"), "\"a<b\"");
   EXPECT_EQ(shown(file, "Limits"), "<array>");
@@ -45,21 +45,21 @@ TEST(PreferenceFile, ChangesWhatItIsToldAndKeepsTheRestByteForByte) {
   EXPECT_TRUE(file.unset("New"));
   EXPECT_TRUE(file.unset("QuorvelEnabled"));
   EXPECT_FALSE(file.unset("QuorvelEnabled"));
-  const PreferenceFile again = parsed(file.text());
+  const PreferenceFile again = parsedPreferences(file.text());
   EXPECT_EQ(again.text().find("QuorvelEnabled"), std::string::npos);
   EXPECT_NE(again.text().find("set by hand"), std::string::npos);
   EXPECT_TRUE(again.get("Limits") && again.get("Text & more"));
 }
 
 TEST(PreferenceFile, TheLastOfAKeyCountsAndAllOfThemGo) {
-  PreferenceFile file = parsed(
+  PreferenceFile file = parsedPreferences(
       "<plist><dict><key>K</key><integer> 1 </integer><!--c--><key>K</key><!--c--><integer>2</integer>"
       "<key>L</key><true/></dict></plist>");
   EXPECT_EQ(shown(file, "K"), "2");
   file.set("K", {"integer", "3"});
-  EXPECT_EQ(shown(parsed(file.text()), "K"), "3");
+  EXPECT_EQ(shown(parsedPreferences(file.text()), "K"), "3");
   EXPECT_TRUE(file.unset("K"));
-  const PreferenceFile again = parsed(file.text());
+  const PreferenceFile again = parsedPreferences(file.text());
   EXPECT_FALSE(again.get("K"));
   EXPECT_TRUE(again.get("L"));
 }
@@ -71,8 +71,8 @@ TEST(PreferenceFile, RefusesWhatIsNoDictionaryWithItsLine) {
     EXPECT_FALSE(PreferenceFile::parse(text, error)) << text;
     EXPECT_EQ(error.find("line "), 0u) << error;
   }
-  EXPECT_FALSE(parsed("<plist><dict/></plist>").get("K"));
-  EXPECT_FALSE(parsed("").get("K"));
+  EXPECT_FALSE(parsedPreferences("<plist><dict/></plist>").get("K"));
+  EXPECT_FALSE(parsedPreferences("").get("K"));
 }
 
 TEST(PreferenceValue, IsTypedByTheKeyAndRefusedOtherwise) {
