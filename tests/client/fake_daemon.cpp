@@ -13,6 +13,7 @@
 
 #include "abi/messages.h"
 #include "client/include/quorvel.h"
+#include "tests/patience.h"
 
 using namespace std::chrono_literals;
 
@@ -145,15 +146,14 @@ void FakeDaemon::take(sd_bus_message* message) {
 
 std::vector<Received> FakeDaemon::await(size_t count) {
   std::unique_lock lock(mutex_);
-  arrived_.wait_for(lock, 5s, [&] { return received_.size() >= count; });
+  arrived_.wait_for(lock, quorveld::tests::kPatience, [&] { return received_.size() >= count; });
   return received_;
 }
 
 bool processUntil(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+  return quorveld::tests::eventually([&] {
     pollfd descriptor{qv_fd(), POLLIN, 0};
-    if (poll(&descriptor, 1, 10) > 0) qv_process();
-  }
-  return condition();
+    if (!condition() && poll(&descriptor, 1, 10) > 0) qv_process();
+    return condition();
+  });
 }

@@ -55,7 +55,7 @@ class FakeDaemon {
   /// Stops or goes on reading what clients send.
   void pause(bool paused) { paused_ = paused; }
 
-  /// What has come so far, once it is `count` messages or more; what there is after five seconds.
+  /// What has come so far, once it is `count` messages or more.
   std::vector<Received> await(size_t count);
   size_t received() const { return receivedCount_; }
   size_t connections() const { return connections_; }
@@ -82,5 +82,5 @@ class FakeDaemon {
   std::thread thread_;
 };
 
-/// Lets qv_process run for as long as `condition` is false, for five seconds at the most; what it is then.
+/// Lets qv_process run for as long as `condition` is false; false when it stays so.
 bool processUntil(const std::function<bool()>& condition);

@@ -11,6 +11,7 @@
 
 #include "client/include/quorvel.hpp"
 #include "tests/client/fake_daemon.h"
+#include "tests/patience.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ TEST_F(Marks, WhatFindsNoSlotIsCountedAndAThreadGivesItsSlotsBack) {
 
 /// Marks with all that the parent had, then a region of its own if the child may have one.
 int markInChild(qv_slot* slot, qv_operation operation, bool mayWatch) {
-  alarm(10);
+  alarm(quorveld::tests::kPatience.count());
   qv_slot_begin(slot, true);
   qv_end(operation);
   if (qv_begin("Child", true).owner != 0) return 1;

@@ -10,15 +10,14 @@
 
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/proc_text.h"
+#include "tests/patience.h"
 
 namespace kelvane_test {
 
 using Json = nlohmann::json;
-using namespace std::chrono_literals;
 
 HangTarget::HangTarget(const std::string& mode, int count)
     : HangTarget(std::vector<std::string>{KELVANE_VICTIM, mode, std::to_string(count)}) {}
@@ -52,10 +51,10 @@ HangTarget::~HangTarget() {
   waitpid(pid_, nullptr, 0);
 }
 
-std::string HangTarget::threadStates() const {
+std::string HangTarget::statesOf(pid_t pid) {
   std::string states;
   std::error_code gone;
-  for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
+  for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
     std::ifstream file(entry.path() / "stat");
     std::string text(std::istreambuf_iterator<char>(file), {});
     if (auto stat = kelvane::parseStat(text)) states += stat->state;
@@ -64,12 +63,10 @@ std::string HangTarget::threadStates() const {
 }
 
 bool HangTarget::reaches(char state) const {
-  for (int turn = 0; turn < 200; turn++) {
+  return quorveld::tests::eventually([&] {
     std::string states = threadStates();
-    if (!states.empty() && states.find_first_not_of(state) == std::string::npos) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return false;
+    return !states.empty() && states.find_first_not_of(state) == std::string::npos;
+  });
 }
 
 void HangTarget::signal(int number) const {
@@ -141,9 +138,9 @@ Dump dumpWith(const char* reason, bool symbolicate) {
   kelvane_options all{options.size(), options.data()};
   Dump dump;
   int fd = memfd_create("report", MFD_CLOEXEC);
-  uint64_t start = kelvane::monotonicNs();
+  const quorveld::tests::OwnTime time;
   dump.whole = library.dump(fd, &all);
-  dump.ms = static_cast<double>(kelvane::monotonicNs() - start) / 1e6;
+  dump.took = time.elapsed();
   dump.text.resize(static_cast<size_t>(lseek(fd, 0, SEEK_END)));
   EXPECT_EQ(pread(fd, dump.text.data(), dump.text.size(), 0), static_cast<ssize_t>(dump.text.size()));
   close(fd);

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -25,8 +26,9 @@ class HangTarget {
   /// The thread that the victim's mode is about.
   pid_t thread() const { return thread_; }
   /// The states (proc(5)) of all its threads, in the order of /proc.
-  std::string threadStates() const;
-  /// Waits until all threads are in `state`; false after two seconds.
+  std::string threadStates() const { return statesOf(pid_); }
+  static std::string statesOf(pid_t pid);
+  /// Waits until all threads are in `state`; false if they never are.
   bool reaches(char state) const;
   void signal(int number) const;
 
@@ -54,7 +56,7 @@ nlohmann::json headerOf(pid_t pid, int64_t threadId);
 /// What a call returned, and the file that it left.
 struct Dump {
   bool whole = false;
-  double ms = 0;
+  std::chrono::milliseconds took{};  // without what others had of the CPU that the caller was ready for
   std::string text;
   nlohmann::json report;  // discarded if the text is no strict JSON
 

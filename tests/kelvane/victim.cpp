@@ -1,5 +1,5 @@
 // A process to make reports of: `victim MODE [COUNT]`. It starts its threads, writes one line with the tid of
-// the thread of interest to stdout, and waits to be killed.
+// the thread of interest to stdout once each of them does what it is there for, and waits to be killed.
 #include <fcntl.h>
 #include <linux/userfaultfd.h>
 #include <pthread.h>
@@ -68,6 +68,35 @@ void enter(const char* name) {
   }
 }
 
+enum class Work { sleeps, spins };
+
+/// Waits until the thread that was started after `before` others has come to what it does for ever: it
+/// sleeps, or has spent more CPU time than it takes to get there.
+void awaitAtWork(int before, Work work) {
+  for (;; std::this_thread::sleep_for(std::chrono::microseconds(50))) {
+    if (started == before) continue;
+    char text[512] = "";
+    snprintf(text, sizeof text, "/proc/self/task/%d/stat", tidOfInterest.load());
+    int fd = open(text, O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || read(fd, text, sizeof text - 1) < 0) abort();
+    close(fd);
+    char state = 0;
+    unsigned long userTicks = 0;  // the 14th field of proc(5)'s stat; the name may hold anything
+    sscanf(strrchr(text, ')'), ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu", &state, &userTicks);
+    if (work == Work::sleeps ? state != 'R' : userTicks > 0) return;
+  }
+}
+
+template <typename Run>
+void start(const char* name, Run run, Work work = Work::sleeps) {
+  int before = started;
+  std::thread([=] {
+    enter(name);
+    run();
+  }).detach();
+  awaitAtWork(before, work);
+}
+
 /// A thread whose stack ends where memory begins that nobody provides: who reads it from outside waits for
 /// ever.
 [[gnu::noinline]] void startBelowUnprovidedMemory() {
@@ -90,17 +119,7 @@ void enter(const char* name) {
     return nullptr;
   };
   if (pthread_create(&thread, &attributes, run, nullptr) != 0) return;
-  while (started == 0) std::this_thread::yield();
-}
-
-template <typename Work>
-void start(const char* name, Work work) {
-  int before = started;
-  std::thread([=] {
-    enter(name);
-    work();
-  }).detach();
-  while (started == before) std::this_thread::yield();
+  awaitAtWork(0, Work::sleeps);
 }
 
 /// Code that belongs to no file and keeps no frame pointer: it clears that and jumps to itself.
@@ -136,7 +155,7 @@ int main(int argc, char** argv) {
   for (int i = 0; mode == "sleepers" && i < count; i++) start("sleeper", sleepsForEver);
   if (mode == "kinds") {
     start("sleeper", sleepsForEver);
-    start("spinner", spinsForEver);
+    start("spinner", spinsForEver, Work::spins);
     start("mu\"tex\xff", waitsForMutex);
   }
   if (mode == "unprovided") startBelowUnprovidedMemory();
@@ -144,13 +163,12 @@ int main(int argc, char** argv) {
   if (mode == "vfork") start("vforker", waitsForVforkChild);
   if (mode == "kinds") start("reader", waitsInRead);
   if (mode == "mutex") start("mutex", waitsForMutex);
-  if (mode == "jit") start("jit", runsCodeMadeAtRunTime);
+  if (mode == "jit") start("jit", runsCodeMadeAtRunTime, Work::spins);
   if (mode == "churn") {
     printf("%d\n", getpid());
     fflush(stdout);
     churn(count);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
   printf("%d\n", started > 0 ? tidOfInterest.load() : getpid());
   fflush(stdout);
   sleepsForEver();

@@ -36,7 +36,8 @@ class LimitedGroup {
   explicit LimitedGroup(const char* limitBytes) {
     const auto own = parseMemoryCgroup(read("/proc/self/cgroup"));
     if (!own) return;
-    path_ = std::string("/sys/fs/cgroup") + (own->unified ? "" : "/memory") + own->path + "/quorveld-test";
+    path_ = std::string("/sys/fs/cgroup") + (own->unified ? "" : "/memory") + own->path + "/quorveld-test-" +
+            std::to_string(getpid());
     std::error_code refused;
     std::filesystem::create_directory(path_, refused);
     usable_ = write(own->unified ? "memory.max" : "memory.limit_in_bytes", limitBytes);
