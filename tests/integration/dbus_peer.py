@@ -6,6 +6,8 @@ import os
 import socket
 import struct
 
+from waiting import PATIENCE
+
 
 class Int64(int):
     signature = "x"
@@ -101,7 +103,7 @@ class Peer:
     def __init__(self, path, hello=True):
         self.serial = 1
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.socket.settimeout(20)
+        self.socket.settimeout(PATIENCE)
         self.socket.connect(path)
         uid = str(os.getuid()).encode().hex()
         self.socket.sendall(b"\0AUTH EXTERNAL " + uid.encode() + b"\r\n")

@@ -6,7 +6,8 @@ import unittest
 
 from dbus_peer import Int64
 from launcher import LOGGING, Busy, activation, begin
-from scratch import ScratchTest, until
+from scratch import ScratchTest
+from waiting import until
 
 SANITIZED = os.environ.get("QV_TEST_SANITIZED")
 IN_FLIGHT = 64  # kMaxActivationsInFlight
@@ -58,13 +59,13 @@ class HostileLaunchers(ScratchTest):
             peer.send(command=6, name=Int64(1), startTime=Int64(1))  # anew each time: the log drops lines of a storm
             return "QVFenceTracking: Fence begin" in daemon.log()
 
-        until(calm, 30, "the storm's end")
+        until(calm, "the storm's end")
         if not SANITIZED:
             processes = sum(name.isdigit() for name in os.listdir("/proc"))
             # A snapshot of every process in flight, and what the messages took on their way through.
             self.assertLess(resident_bytes(daemon) - before, IN_FLIGHT * processes * TASK_BYTES + (8 << 20))
         line = "beginActivationTrackingForPID: Did not find an end call entry for {}:com.example.storm\n"
-        until(lambda: line.format(IN_FLIGHT) in daemon.log(), 90, "the last timeout")
+        until(lambda: line.format(IN_FLIGHT) in daemon.log(), "the last timeout")
         for pid in range(1, IN_FLIGHT + 1):
             self.assertEqual(daemon.log().count(line.format(pid)), 1, pid)
         activation(daemon, peer, 1, "com.example.after")

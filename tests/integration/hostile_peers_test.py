@@ -8,9 +8,9 @@ import time
 import unittest
 
 from dbus_peer import Fd, Int64, call
-from scratch import Region, ScratchTest, until
+from scratch import Metronome, Region, ScratchTest
+from waiting import PATIENCE, schedule, until
 
-REPORTED = 2**64 - 1
 SANITIZED = os.environ.get("QV_TEST_SANITIZED")
 
 
@@ -21,7 +21,7 @@ class Garbage(ScratchTest):
         for bytes_ in before:
             connection = socket.socket(socket.AF_UNIX)
             connection.connect(daemon.socket_path)
-            connection.settimeout(5)
+            connection.settimeout(PATIENCE)
             try:
                 connection.sendall(bytes_)
             except OSError:
@@ -54,27 +54,21 @@ class Garbage(ScratchTest):
         region = Region()
         for _ in range(200):
             peer.send(command=1, shmem=Fd(region.fd), name="again")
-        daemon.wait_for("was already being watched.", 20, 199)
+        daemon.wait_for("was already being watched.", 199)
         self.assertLessEqual(len(os.listdir(folder)), before)
 
 
 class Punctuality(ScratchTest):
-    """A slot that hangs for ever anew is found at each check: the checks' times can be read off its start time."""
-
-    def checks_stay_on_time(self, daemon, seconds):
-        region = Region()
-        watched = self.peer(daemon)
-        watched.send(command=1, shmem=Fd(region.fd), bundle_id="com.example.raw", name="metronome")
-        until(region.sealed, 10, "the region's adoption")
-        found = []
-        end = time.monotonic() + seconds
-        while time.monotonic() < end:
-            region.begin(0, "Metronome", seconds_ago=3600, wants_kelvane=False)
-            until(lambda: region.start_time(0) == REPORTED or time.monotonic() > end, 30, "a check")
-            if region.start_time(0) == REPORTED:
-                found.append(time.monotonic())
-        gaps = [later - earlier for earlier, later in zip(found, found[1:])]
-        self.assertGreaterEqual(len(gaps), 2, gaps)
+    def checks_stay_on_time(self, daemon, count):
+        metronome = Metronome(daemon)
+        # The work queue, where the checks are, is the first thread. What others have of the CPUs delays it, and this test.
+        clock = lambda: time.monotonic() - schedule(daemon.process.pid)[1] - schedule("thread-self")[1]
+        metronome.check()
+        gaps = []
+        for _ in range(count):
+            last = clock()
+            metronome.check()
+            gaps.append(clock() - last)
         # Every 5 seconds with a leeway of 1; half a second is the test's own.
         self.assertLess(max(gaps), 5 + 1 + 0.5, gaps)
 
@@ -105,19 +99,18 @@ class Punctuality(ScratchTest):
             self.addCleanup(silent.close)
             silent.connect(daemon.socket_path)
         # Not counted in the log: it takes a thousand lines a second and no more.
-        until(lambda: len(os.listdir(f"/proc/{daemon.process.pid}/fd")) > 1010, 30, "all connections")
+        until(lambda: len(os.listdir(f"/proc/{daemon.process.pid}/fd")) > 1010, "all connections")
         stop = threading.Event()
         flood = self.pour(daemon, stop)
         try:
-            self.checks_stay_on_time(daemon, 18)
+            self.checks_stay_on_time(daemon, 3)
         finally:
             stop.set()
-            flood.join(30)
+            flood.join(PATIENCE)
         with open(f"/proc/{daemon.process.pid}/status") as status:
             resident = next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
         if not SANITIZED:  # a sanitizer's own memory says nothing of the daemon's
             self.assertLess(resident, 40_000, "kB: a flood must not be stored")
-        time.sleep(1.1)  # a new second, so that the log takes lines again
         self.assertTrue(daemon.alive())
 
 

@@ -28,7 +28,7 @@ def activation(daemon, peer, pid, bundle, meanwhile=lambda: None):
     daemon.wait_for("] activation begin (", count=started + 1)
     meanwhile()
     end(peer, pid, bundle)
-    daemon.wait_for(recorded, 20, done + 1)
+    daemon.wait_for(recorded, done + 1)
     lines = (daemon.root / "var/log/quorveld/activations.jsonl").read_text().removesuffix("\n").split("\n")
     assert len(lines) == done + 1, lines
     return json.loads(lines[-1])

@@ -8,6 +8,7 @@ import subprocess
 import unittest
 
 from scratch import CACHE, DAEMON, ScratchTest
+from waiting import PATIENCE
 
 
 class Lifecycle(ScratchTest):
@@ -25,7 +26,7 @@ class Lifecycle(ScratchTest):
 
     def test_a_second_instance_is_refused_and_harms_nothing(self):
         daemon = self.daemon()
-        second = subprocess.run([DAEMON], env=daemon.environment(), capture_output=True, text=True, timeout=30)
+        second = subprocess.run([DAEMON], env=daemon.environment(), capture_output=True, text=True, timeout=PATIENCE)
         self.assertNotEqual(second.returncode, 0)
         self.assertNotEqual(second.stderr.strip(), "")
         self.assertTrue(daemon.alive())
@@ -42,7 +43,7 @@ class Lifecycle(ScratchTest):
     def test_every_source_off_ends_it_with_status_0_at_start_and_later(self):
         daemon = self.daemon(start=False)
         daemon.write_preferences(QuorvelEnabled=False, QuorvelSlowActKelvanesEnabled=True)
-        first = subprocess.run([DAEMON], env=daemon.environment(), capture_output=True, text=True, timeout=30)
+        first = subprocess.run([DAEMON], env=daemon.environment(), capture_output=True, text=True, timeout=PATIENCE)
         self.assertEqual(first.returncode, 0)
         self.assertIn("quorveld is exiting. All sources turned off", first.stderr)
 
@@ -50,7 +51,7 @@ class Lifecycle(ScratchTest):
         daemon.start()
         daemon.write_preferences(QuorvelEnabled=False)
         daemon.post("com.corvix.telvo.tasking_changed")
-        self.assertEqual(daemon.process.wait(20), 0)
+        self.assertEqual(daemon.process.wait(PATIENCE), 0)
         self.assertIn("quorveld is exiting. All sources turned off", daemon.log())
         self.assertFalse(os.path.exists(daemon.socket_path))
 
@@ -96,7 +97,7 @@ class Lifecycle(ScratchTest):
         notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         notify.bind(notify_path)
         self.addCleanup(notify.close)
-        notify.settimeout(20)
+        notify.settimeout(PATIENCE)
         peer = socket.socket(socket.AF_UNIX)
         self.addCleanup(peer.close)
         peer.connect(daemon.socket_path)  # waits for the daemon that is yet to start

@@ -10,7 +10,8 @@ import sys
 import time
 import unittest
 
-from scratch import CACHE, CTL, DAEMON, ScratchTest, until
+from scratch import CACHE, CTL, DAEMON, ScratchTest
+from waiting import PATIENCE, until
 
 PAGE = os.sysconf("SC_PAGE_SIZE")
 LOGS = "Library/Logs/Faultkeep"
@@ -96,7 +97,7 @@ class Memory(ScratchTest):
         """A report that was begun after this call."""
         known = set(daemon.logs.iterdir())
         new = lambda: sorted(set(daemon.logs.iterdir()) - known)
-        return until(lambda: len(new()) > 1 and new()[1], 60, "two more reports")
+        return until(lambda: len(new()) > 1 and new()[1], "two more reports")
 
     def ctl(self, daemon, *arguments):
         return subprocess.run([CTL, "--root", daemon.root, "memory", *map(str, arguments)], check=True,
@@ -186,7 +187,7 @@ class Memory(ScratchTest):
         (daemon.root / "etc").mkdir()
         (daemon.root / "etc/os-release").write_text('NAME="Orvane OS"\nVERSION_ID=7\nBUILD_ID="8\\"9"\n')
         daemon.start()
-        daemon.wait_for("Memory snapshot not kept: /Library/Logs/Faultkeep//memory-snapshot-", 60)
+        daemon.wait_for("Memory snapshot not kept: /Library/Logs/Faultkeep//memory-snapshot-")
         daemon.logs.mkdir(parents=True)  # its absence costs no more than a report
         older = self.next_report(daemon)
         name = self.holder(daemon)
@@ -225,19 +226,19 @@ class Memory(ScratchTest):
         fill = 'mount -t tmpfs -o size=8m none "$0" && head -c 9m /dev/zero >"$0/filler" 2>/dev/null; exec "$@"'
         daemon.prefix = [*prefix, "sh", "-c", fill, str(cache)]
         daemon.start()
-        daemon.wait_for(".ips: No space left on device", 60)
+        daemon.wait_for(".ips: No space left on device")
         inside = pathlib.Path(f"/proc/{daemon.process.pid}/root{cache}")
         self.assertEqual(list(daemon.logs.iterdir()), [])
-        until(lambda: not list(inside.glob("*.ips")), 10, "the working file's end")
+        until(lambda: not list(inside.glob("*.ips")), "the working file's end")
         (inside / "filler").unlink()
-        until(lambda: list(daemon.logs.glob("*.ips")), 60, "a report on the other file system")
+        until(lambda: list(daemon.logs.glob("*.ips")), "a report on the other file system")
         self.assertEqual(list(Report(next(daemon.logs.glob("*.ips"))).body)[0], "VM")
 
     def test_a_kill_in_the_middle_leaves_nothing_under_a_reports_name(self):
         daemon = self.logging()
         daemon.logs.mkdir(parents=True)
         daemon.start()
-        end = time.monotonic() + 60
+        end = time.monotonic() + PATIENCE
         while True:
             working = next((daemon.root / CACHE).glob("memory-snapshot-*"), None)
             if working:
@@ -286,7 +287,7 @@ class Refused(ScratchTest):
         if prefix:
             subprocess.run(["chown", "-R", "65534:65534", daemon.root], check=True)
         daemon.start()
-        daemon.wait_for("No memory snapshot without /proc/slabinfo: Permission denied", 60)
+        daemon.wait_for("No memory snapshot without /proc/slabinfo: Permission denied")
         time.sleep(2.5)  # a few more are tried, and not mentioned again
         self.assertTrue(daemon.alive())
         self.assertEqual(daemon.stop(), 0)

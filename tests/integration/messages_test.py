@@ -6,6 +6,7 @@ import unittest
 
 from dbus_peer import Fd, Int64, Uint64
 from scratch import Region, ScratchTest, TICKS_PER_SECOND, ticks
+from waiting import PATIENCE
 
 
 class StockTools(ScratchTest):
@@ -13,12 +14,12 @@ class StockTools(ScratchTest):
         count = str(len(arguments) // 3)
         subprocess.run(["busctl", f"--address=unix:path={daemon.socket_path}", "--expect-reply=no", "call",
                         "com.corvix.quorveld", "/com/corvix/quorveld", "com.corvix.quorveld", "Message", "a{sv}", count,
-                        *arguments], check=True, timeout=20)
+                        *arguments], check=True, timeout=PATIENCE)
 
     def gdbus(self, daemon, dictionary):
         subprocess.run(["gdbus", "emit", "--address", f"unix:path={daemon.socket_path}", "--object-path",
                         "/com/corvix/quorveld", "--signal", "com.corvix.quorveld.Message", dictionary],
-                       check=True, timeout=20)
+                       check=True, timeout=PATIENCE)
 
     def test_busctl_drives_commands_2_to_8(self):
         daemon = self.daemon()
@@ -70,7 +71,7 @@ class RawPeer(ScratchTest):
         peer.send(command=3, name="Slow/../query", startTime=Int64(end - 3 * TICKS_PER_SECOND), endTime=Int64(end),
                   threadID=Int64(os.getpid()), saveReport=True)
         daemon.wait_for("Hang detected 3.00s (Slow/../query)")
-        daemon.wait_for("Moving kelvane to spool", 30)
+        daemon.wait_for("Moving kelvane to spool")
         (report,) = daemon.reports()
         self.assertTrue(report.startswith("Slow_.._query-"), report)
         peer.close()
@@ -88,7 +89,7 @@ class RawPeer(ScratchTest):
         daemon.wait_for("Hang detected 4.00s (Fence-hang)")  # half a second wider each way
         peer.send(command=8, startTime=Int64(start), endTime=Int64(end))
         daemon.wait_for("Fence-hang, but waiting for FenceHangCapture - not saving another report!")
-        daemon.wait_for("Moving kelvane to spool", 30)
+        daemon.wait_for("Moving kelvane to spool")
         self.assertEqual(len(daemon.reports()), 1)
 
     def test_malformed_messages_are_named_and_dropped(self):
@@ -136,7 +137,7 @@ class RawPeer(ScratchTest):
         struct.pack_into("<I", region.map, 4, 0xFFFFFFFF)
         peer = self.peer(daemon)
         peer.send(command=1, shmem=Fd(region.fd), bundle_id="com.example.raw", name="hostile")
-        daemon.wait_for("Hang detected 10", 15)
+        daemon.wait_for("Hang detected 10")
         self.assertEqual(region.start_time(19), 0xFFFFFFFFFFFFFFFF)
         self.assertTrue(daemon.alive())
 

@@ -4,7 +4,8 @@ import os
 import subprocess
 import unittest
 
-from scratch import CTL, ScratchTest, until
+from scratch import CTL, ScratchTest
+from waiting import PATIENCE, until
 
 RECORDER = os.environ.get("QV_TEST_RECORDER", "")
 
@@ -21,7 +22,7 @@ class Recorder(ScratchTest):
 
     def recorder(self, *command):
         return subprocess.run([RECORDER, *command], env=self.daemon_.environment(), capture_output=True, text=True,
-                              timeout=60)
+                              timeout=PATIENCE)
 
     def test_a_launch_is_marked_in_a_dump(self):
         idle = self.recorder("status", "--json")
@@ -34,7 +35,7 @@ class Recorder(ScratchTest):
 
         daemon = self.daemon_.start()
         subprocess.run([CTL, "launch", "com.example.viewer", "--", "true"], env=daemon.environment(), check=True,
-                       capture_output=True, timeout=60)
+                       capture_output=True, timeout=PATIENCE)
         path = daemon.root / "dump"
 
         def marks():
@@ -42,7 +43,7 @@ class Recorder(ScratchTest):
             self.assertEqual(result.returncode, 0, result.stderr)
             report = json.loads(path.read_text())
             return [event["name"] for event in report["traceEvents"] if event.get("cat") == "signpost"]
-        until(lambda: len(marks()) >= 2, 30, "the marks of the launch's begin and end")
+        until(lambda: len(marks()) >= 2, "the marks of the launch's begin and end")
 
         nowhere = self.recorder("dump", str(daemon.root / "no/such/folder/dump"))
         self.assertEqual(nowhere.returncode, 1)

@@ -13,7 +13,8 @@ import tempfile
 import time
 import unittest
 
-from dbus_peer import Int64, Peer
+from dbus_peer import Fd, Int64, Peer
+from waiting import PATIENCE, until
 
 DAEMON = os.environ.get("QV_TEST_DAEMON", "")
 SAMPLE = os.environ.get("QV_TEST_SAMPLE", "")
@@ -26,18 +27,6 @@ CACHE = "var/root/Library/Caches/quorveld"
 
 def ticks():
     return time.clock_gettime_ns(time.CLOCK_MONOTONIC) * 3 // 125
-
-
-def until(condition, seconds, what):
-    """Waits for `condition()` to be true and returns it; an AssertionError that names `what` after `seconds`."""
-    end = time.monotonic() + seconds
-    while True:
-        result = condition()
-        if result:
-            return result
-        if time.monotonic() > end:
-            raise AssertionError(f"not within {seconds} s: {what}")
-        time.sleep(0.02)
 
 
 class Scratch:
@@ -83,14 +72,14 @@ class Scratch:
             self.process = subprocess.Popen([*self.prefix, self.executable], env=self.environment(), stdin=subprocess.DEVNULL,
                                             stdout=log, stderr=log)
         # The last thing that start-up does; by then it listens.
-        until(lambda: "refreshPreferences: App Activation Logging " in self.log() or self.process.poll() is not None, 20,
+        until(lambda: "refreshPreferences: App Activation Logging " in self.log() or self.process.poll() is not None,
               "the daemon's start")
         assert self.process.poll() is None, f"ended at start with {self.process.returncode}:\n{self.log()}"
         return self
 
-    def stop(self, seconds=20):
+    def stop(self):
         self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(seconds)
+        return self.process.wait(PATIENCE)
 
     def close(self):
         try:
@@ -111,13 +100,13 @@ class Scratch:
     def lines(self, pattern):
         return [line for line in self.log().splitlines() if re.search(pattern, line)]
 
-    def wait_for(self, text, seconds=10, count=1):
+    def wait_for(self, text, count=1):
         """Waits for `count` log lines that hold `text` as it stands."""
         def met():
             assert self.process.poll() is None, f"the daemon ended with {self.process.returncode}:\n{self.log()[-4000:]}"
             return self.log().count(text) >= count
         try:
-            until(met, seconds, f"{count} × log line {text!r}")
+            until(met, f"{count} × log line {text!r}")
         except AssertionError as failure:
             raise AssertionError(f"{failure}\n{self.log()[-4000:]}") from None
 
@@ -128,11 +117,15 @@ class Scratch:
         return subprocess.Popen([SAMPLE, *options], env=self.environment(), stdout=subprocess.PIPE, text=True)
 
     def alive(self):
-        """True when the daemon takes a new peer and handles its message."""
+        """True when the daemon takes a new peer and handles its messages."""
         before = self.log().count("QVFenceTracking: Fence begin")
         peer = Peer(self.socket_path)
-        peer.send(command=6, name=Int64(1), startTime=Int64(1))
-        self.wait_for("QVFenceTracking: Fence begin", 10, before + 1)
+
+        def heard():
+            peer.send(command=6, name=Int64(1), startTime=Int64(1))  # anew each time: the log drops lines of a flood
+            return self.log().count("QVFenceTracking: Fence begin") > before
+
+        until(heard, "a sign of life")
         peer.close()
         return True
 
@@ -178,6 +171,23 @@ class Region:
 
     def start_time(self, slot):
         return struct.unpack_from("<Q", self.map, 8 + 360 * slot)[0]
+
+
+class Metronome:
+    """A slot that has hung for ever, and does so anew after each of the daemon's checks: shows when they come."""
+
+    REPORTED = 2**64 - 1
+
+    def __init__(self, daemon):
+        self.region = Region()
+        self.peer = Peer(daemon.socket_path)
+        self.peer.send(command=1, shmem=Fd(self.region.fd), bundle_id="com.example.raw", name="metronome")
+        until(self.region.sealed, "the region's adoption")
+
+    def check(self):
+        """Returns when a check that began after this call has come to the slot."""
+        self.region.begin(0, "Metronome", seconds_ago=30, wants_kelvane=False)
+        until(lambda: self.region.start_time(0) == self.REPORTED, "a check")
 
 
 class ScratchTest(unittest.TestCase):

@@ -7,6 +7,7 @@ import unittest
 
 from dbus_peer import Fd, Int64
 from scratch import CACHE, Region, ScratchTest, TICKS_PER_SECOND, ticks
+from waiting import PATIENCE
 
 
 class Storage(ScratchTest):
@@ -40,7 +41,7 @@ class Storage(ScratchTest):
         daemon = self.daemon()
         shutil.rmtree(daemon.spool)
         self.hang(daemon)
-        daemon.wait_for("Unable to move kelvane to final path: ", 30)
+        daemon.wait_for("Unable to move kelvane to final path: ")
         self.assertEqual(list(daemon.temporary.iterdir()), [])
         self.assertTrue(daemon.alive())
 
@@ -85,7 +86,7 @@ class Storage(ScratchTest):
             except OSError:
                 pass
         self.hang(daemon)
-        daemon.wait_for("Unable to save kelvane data to file.", 30)
+        daemon.wait_for("Unable to save kelvane data to file.")
         self.assertEqual(os.listdir(inside + "/tmp"), ["filler"])
         self.assertEqual(os.listdir(inside + "/spool"), [])
         self.assertTrue(daemon.alive())
@@ -101,7 +102,7 @@ class Storage(ScratchTest):
         self.assertTrue(daemon.alive())
         path.write_bytes(broken)
         daemon.post("com.corvix.telvo.tasking_changed")
-        self.assertEqual(daemon.process.wait(20), 0)  # nothing is enabled in an empty list
+        self.assertEqual(daemon.process.wait(PATIENCE), 0)  # nothing is enabled in an empty list
         self.assertTrue(daemon.lines(r"com\.corvix\.telvo\.plist.*(line )?3"), daemon.log())
         self.assertEqual(path.read_bytes(), broken)
 

@@ -6,9 +6,22 @@ import subprocess
 import unittest
 
 from scratch import ScratchTest
+from waiting import PATIENCE, schedule
 
 CHECK_IMPORT = pathlib.Path(__file__).parents[2] / "scripts/check-import"
 RECORDER = os.environ.get("QV_TEST_RECORDER", "")
+
+
+def children(pid):
+    """The processes whose parent this is."""
+    found = []
+    for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        try:
+            if int(stat.read_text(errors="replace").rpartition(")")[2].split()[1]) == pid:
+                found.append(int(stat.parent.name))
+        except OSError:
+            pass  # gone meanwhile
+    return found
 
 
 class Verdicts(ScratchTest):
@@ -24,27 +37,37 @@ class Verdicts(ScratchTest):
 
     def recorder(self, *command):
         return subprocess.run([RECORDER, *command], env=self.scratch.environment(), capture_output=True, text=True,
-                              timeout=60)
+                              timeout=PATIENCE)
 
     def report_of(self, how):
         """The report of a hang that was still on when it was made."""
-        sample = self.scratch.sample("--hang", "30", "--how", how)
+        sample = self.scratch.sample("--hang", "600", "--how", how)
         self.addCleanup(sample.communicate)
         self.addCleanup(sample.kill)
         if how == "spin":
             os.setpriority(os.PRIO_PROCESS, sample.pid, -15)  # or else a busy machine starves it
-        self.scratch.wait_for("Moving kelvane to spool", 60)
+        self.scratch.wait_for("Moving kelvane to spool")
+        # What the kernel counted of the thread, which has hung for nearly all of its life.
+        self.ran, self.waited = schedule(sample.pid)
+        self.hogs = [schedule(pid)[0] for pid in children(sample.pid)]
         (name,) = self.scratch.reports()
         report = json.loads((self.scratch.spool / name).read_text())
         verdict = report["metadata"]["verdict"]
-        print(f"{how}: {verdict['sentence']}")
-        self.assertEqual(verdict["evidence"]["source"], "recorder", verdict)
+        print(f"{how}: {verdict['sentence']} The kernel counted {self.ran:.1f} s on the CPU, {self.waited:.1f} s ready for it.")
+        self.assertEqual(verdict["evidence"]["source"], "recorder", report["metadata"])
         self.assertGreater(verdict["evidence"]["coveredMs"], 0.9 * verdict["evidence"]["windowMs"], verdict)
         self.assertAlmostEqual(sum(verdict["spent"].values()), verdict["evidence"]["windowMs"], delta=1)
         return report, verdict
 
     def test_a_busy_loop(self):
         report, verdict = self.report_of("spin")
+        spent = verdict["spent"]
+        awake = spent["runningMs"] + spent["runnableMs"]
+        self.assertGreater(awake, 0.9 * verdict["evidence"]["windowMs"], verdict)
+        self.assertAlmostEqual(spent["runningMs"] / awake, self.ran / (self.ran + self.waited), delta=0.1)
+        if spent["runningMs"] < spent["runnableMs"]:
+            self.assertEqual(verdict["cause"], "starved", verdict)
+            self.skipTest(f"others had the CPU for {self.waited:.1f} s, and the verdict says so: {verdict['sentence']}")
         self.assertEqual(verdict["cause"], "own-cpu", verdict)
         self.assertIn("quorvel-sample", verdict["sentence"])
         # Besides, what a viewer draws: the CPUs, with this thread on one of them, and the thread's states.
@@ -70,12 +93,16 @@ class Verdicts(ScratchTest):
         _, verdict = self.report_of("disk")
         if verdict["disk"]["requests"] == 0:
             self.skipTest("files here are on no block device")
+        if 1000 * self.waited > 0.3 * verdict["evidence"]["windowMs"]:
+            self.skipTest(f"with its data there, it waited for a CPU that others had, {self.waited:.1f} s in all")
         self.assertEqual(verdict["cause"], "disk", verdict)
         self.assertGreater(verdict["disk"]["readBytes"], 1 << 20)
 
     def test_starved_by_others(self):
         _, verdict = self.report_of("starve")
         self.assertEqual(verdict["cause"], "starved", verdict)
+        if sum(self.hogs) < 0.6 * self.waited:
+            self.skipTest(f"it waited for {self.waited:.1f} s, of which its hogs had the CPU for {sum(self.hogs):.1f} s only")
         self.assertIn("'hog'", verdict["sentence"])
         self.assertIn("hog", [thread.get("process") for thread in verdict["busiest"]])
 
