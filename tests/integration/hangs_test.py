@@ -5,14 +5,14 @@ import re
 import signal
 import unittest
 
-from scratch import Metronome, ScratchTest
+from scratch import ScratchTest
 from waiting import PATIENCE, until
 
 
 class SampleApplication(ScratchTest):
     def check_twice(self, daemon):
         """Returns when the daemon has looked for hangs twice."""
-        metronome = Metronome(daemon)
+        metronome = self.metronome(daemon)
         for _ in range(2):
             metronome.check()
         daemon.wait_for("(Metronome)", count=2)

@@ -8,7 +8,7 @@ import time
 import unittest
 
 from dbus_peer import Fd, Int64, call
-from scratch import Metronome, Region, ScratchTest
+from scratch import Region, ScratchTest
 from waiting import PATIENCE, schedule, until
 
 SANITIZED = os.environ.get("QV_TEST_SANITIZED")
@@ -60,7 +60,7 @@ class Garbage(ScratchTest):
 
 class Punctuality(ScratchTest):
     def checks_stay_on_time(self, daemon, count):
-        metronome = Metronome(daemon)
+        metronome = self.metronome(daemon)
         # The work queue, where the checks are, is the first thread. What others have of the CPUs delays it, and this test.
         clock = lambda: time.monotonic() - schedule(daemon.process.pid)[1] - schedule("thread-self")[1]
         metronome.check()

@@ -114,7 +114,9 @@ class Scratch:
         return sorted(path.name for path in self.spool.iterdir() if path.is_file())
 
     def sample(self, *options):
-        return subprocess.Popen([SAMPLE, *options], env=self.environment(), stdout=subprocess.PIPE, text=True)
+        """The sample application, in a session of its own."""
+        return subprocess.Popen([SAMPLE, *options], env=self.environment(), stdout=subprocess.PIPE, text=True,
+                                start_new_session=True)
 
     def alive(self):
         """True when the daemon takes a new peer and handles its messages."""
@@ -184,6 +186,9 @@ class Metronome:
         self.peer.send(command=1, shmem=Fd(self.region.fd), bundle_id="com.example.raw", name="metronome")
         until(self.region.sealed, "the region's adoption")
 
+    def close(self):
+        self.peer.close()
+
     def check(self):
         """Returns when a check that began after this call has come to the slot."""
         self.region.begin(0, "Metronome", seconds_ago=30, wants_kelvane=False)
@@ -202,3 +207,8 @@ class ScratchTest(unittest.TestCase):
         peer = Peer(daemon.socket_path)
         self.addCleanup(peer.close)
         return peer
+
+    def metronome(self, daemon):
+        metronome = Metronome(daemon)
+        self.addCleanup(metronome.close)
+        return metronome

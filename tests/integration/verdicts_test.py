@@ -1,4 +1,5 @@
 """Four kinds of hangs of a real application, recorded by the real flight recorder: each report says which it was."""
+import contextlib
 import json
 import os
 import pathlib
@@ -9,6 +10,7 @@ from scratch import ScratchTest
 from waiting import PATIENCE, schedule
 
 CHECK_IMPORT = pathlib.Path(__file__).parents[2] / "scripts/check-import"
+BUSY_PERCENT = 30  # by themselves, these hangs and their reports hardly wait for each other, but for the hogs
 RECORDER = os.environ.get("QV_TEST_RECORDER", "")
 
 
@@ -39,6 +41,15 @@ class Verdicts(ScratchTest):
         return subprocess.run([RECORDER, *command], env=self.scratch.environment(), capture_output=True, text=True,
                               timeout=PATIENCE)
 
+    def skip_if_overrun(self, metadata):
+        """The recorder keeps so many events, of which a report reads as many as it can in a second; both say if not all."""
+        short = [f"{one['what']}: {one['why']}" for one in metadata["leftOut"] if "flight recorder" in one["what"]
+                 and one["why"] in ("reading took too long", "more than a report takes")]
+        lost = metadata["verdict"]["evidence"]["eventsLost"]
+        pressure = metadata["verdict"]["pressure"].get("cpu", {"some10": 0})["some10"]
+        if pressure >= BUSY_PERCENT and (short or lost):
+            self.skipTest(f"something waited for a CPU for {pressure} % of the last 10 s; {lost} events lost {short}")
+
     def report_of(self, how):
         """The report of a hang that was still on when it was made."""
         sample = self.scratch.sample("--hang", "600", "--how", how)
@@ -46,6 +57,9 @@ class Verdicts(ScratchTest):
         self.addCleanup(sample.kill)
         if how == "spin":
             os.setpriority(os.PRIO_PROCESS, sample.pid, -15)  # or else a busy machine starves it
+        if how in ("spin", "starve"):
+            with contextlib.suppress(OSError):  # where sessions share the CPUs, most of one for this: it, or its hogs
+                pathlib.Path(f"/proc/{sample.pid}/autogroup").write_text("-15")
         self.scratch.wait_for("Moving kelvane to spool")
         # What the kernel counted of the thread, which has hung for nearly all of its life.
         self.ran, self.waited = schedule(sample.pid)
@@ -54,9 +68,12 @@ class Verdicts(ScratchTest):
         report = json.loads((self.scratch.spool / name).read_text())
         verdict = report["metadata"]["verdict"]
         print(f"{how}: {verdict['sentence']} The kernel counted {self.ran:.1f} s on the CPU, {self.waited:.1f} s ready for it.")
-        self.assertEqual(verdict["evidence"]["source"], "recorder", report["metadata"])
-        self.assertGreater(verdict["evidence"]["coveredMs"], 0.9 * verdict["evidence"]["windowMs"], verdict)
-        self.assertAlmostEqual(sum(verdict["spent"].values()), verdict["evidence"]["windowMs"], delta=1)
+        evidence = verdict["evidence"]
+        if evidence["coveredMs"] < 0.9 * evidence["windowMs"]:
+            self.skip_if_overrun(report["metadata"])
+            self.fail(f"{evidence} {report['metadata']['leftOut']}")
+        self.assertEqual(evidence["source"], "recorder", report["metadata"]["leftOut"])
+        self.assertAlmostEqual(sum(verdict["spent"].values()), evidence["windowMs"], delta=1)
         return report, verdict
 
     def test_a_busy_loop(self):
