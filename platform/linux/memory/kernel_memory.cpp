@@ -170,8 +170,10 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
     callers_.push_back(caller.name);
   }
   const ZonePages zones = parseZoneInfo(*zoneInfo);
-  info.sites.push_back(wiredSite(kCounter, kManaged, zones.managed * pageSize));
-  info.sites.push_back(wiredSite(kCounter, kReserved, zones.reserved * pageSize));
+  const uint64_t presentBytes = zones.present * pageSize;
+  const uint64_t managedBytes = memInfoBytes(*memInfo, "MemTotal").value_or(0);
+  info.sites.push_back(wiredSite(kCounter, kManaged, managedBytes));
+  info.sites.push_back(wiredSite(kCounter, kReserved, presentBytes - std::min(presentBytes, managedBytes)));
   info.sites.push_back(wiredSite(kCounter, kLowPages, zones.dma * pageSize));
   info.sites.push_back(wiredSite(kCounter, kKernelMap, memInfoBytes(*memInfo, "VmallocUsed").value_or(0)));
   return info;

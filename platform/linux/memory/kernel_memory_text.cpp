@@ -124,21 +124,16 @@ std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSize
 ZonePages parseZoneInfo(std::string_view text) {
   ZonePages total;
   bool isDma = false;
-  uint64_t present = 0;
   while (!text.empty()) {
     std::string_view line = take(text, '\n');
     std::string_view words = line;
     const std::string_view first = takeWord(words);
     if (first == "Node") {
       isDma = line.find("zone") != std::string_view::npos && line.find("DMA") != std::string_view::npos;
-      present = 0;
     } else if (first == "present") {
-      present = takeNumber(words).value_or(0);
-    } else if (first == "managed") {
-      const uint64_t managed = takeNumber(words).value_or(0);
-      addTo(total.managed, managed);
-      if (present > managed) addTo(total.reserved, present - managed);
-      if (isDma) addTo(total.dma, managed);
+      addTo(total.present, takeNumber(words).value_or(0));
+    } else if (first == "managed" && isDma) {
+      addTo(total.dma, takeNumber(words).value_or(0));
     }
   }
   return total;

@@ -38,9 +38,8 @@ std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSize
 
 /// /proc/zoneinfo, in pages, over all nodes.
 struct ZonePages {
-  uint64_t managed = 0;   ///< what the page allocator hands out
-  uint64_t reserved = 0;  ///< present, but never handed out
-  uint64_t dma = 0;       ///< managed, in the zones for devices that can't reach all memory
+  uint64_t present = 0;
+  uint64_t dma = 0;  ///< managed, in the zones for devices that can't reach all memory
 };
 ZonePages parseZoneInfo(std::string_view text);
 
