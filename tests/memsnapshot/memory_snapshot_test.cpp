@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -87,30 +88,39 @@ TEST(MemorySnapshot, ReportsTheWholeMachine) {
   EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt);
 }
 
+/// One refusal of `op` spoils one report. `said`: here; what the kernel refuses is said by the platform.
+void expectOneReportLost(Op op, bool said) {
+  SCOPED_TRACE(static_cast<int>(op));
+  Machine machine;
+  machine.faults.failOnce(op);
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.content(kReport), std::nullopt);
+  EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt);
+  EXPECT_EQ(machine.files.openFiles(), 0);
+  EXPECT_EQ(machine.logs.has(LogLevel::standard,
+                             std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
+            said);
+  // So does a kill.
+  machine.files.putFile(std::string(kWorkingFile) + "~", "left by a daemon that was killed");
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.list("/var/root/Library/Caches/quorveld").size(), 0u);
+  EXPECT_TRUE(machine.files.content(kReport).has_value());
+}
+
+/// In a process of its own: once known, the ledger's template isn't asked for again.
+TEST(MemorySnapshotDeathTest, IsNotThereWithoutALedger) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        expectOneReportLost(Op::ledgerTemplate, false);
+        std::exit(testing::Test::HasFailure());
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 TEST(MemorySnapshot, IsWholeOrNotThere) {
-  struct Case {
-    Op op;
-    bool said;  ///< here; what the kernel refuses is said by the platform
-  };
-  // The ledger's template first: once known it isn't asked for again.
-  for (const Case& c : {Case{Op::ledgerTemplate, false}, Case{Op::memoryInfo, false},
-                        Case{Op::writeFile, true}, Case{Op::closeFile, true}, Case{Op::rename, true}}) {
-    Machine machine;
-    machine.faults.failOnce(c.op);
-    take_memory_snapshot();
-    EXPECT_EQ(machine.files.content(kReport), std::nullopt) << static_cast<int>(c.op);
-    EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt) << static_cast<int>(c.op);
-    EXPECT_EQ(machine.files.openFiles(), 0);
-    EXPECT_EQ(machine.logs.has(LogLevel::standard,
-                               std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
-              c.said)
-        << static_cast<int>(c.op);
-    // One refusal spoils one report, and so does a kill.
-    machine.files.putFile(std::string(kWorkingFile) + "~", "left by a daemon that was killed");
-    take_memory_snapshot();
-    EXPECT_EQ(machine.files.list("/var/root/Library/Caches/quorveld").size(), 0u);
-    EXPECT_TRUE(machine.files.content(kReport).has_value()) << static_cast<int>(c.op);
-  }
+  expectOneReportLost(Op::memoryInfo, false);
+  for (const Op op : {Op::writeFile, Op::closeFile, Op::rename}) expectOneReportLost(op, true);
 
   Machine machine;
   machine.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device);
