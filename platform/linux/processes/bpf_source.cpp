@@ -11,11 +11,14 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <system_error>
 
+#include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/linux_log.h"
 #include "platform/linux/base/unique_fd.h"
 #include "platform/linux/processes/bpf_object.h"
 #include "platform/linux/processes/process_table_source.h"
+#include "platform/linux/processes/procfs_parse.h"
 
 namespace quorveld::linux_platform {
 
@@ -37,6 +40,8 @@ constexpr int kMaxPasses = 4;
 constexpr size_t kVerifierLogBytes = 4096;
 /// BPF_LOG_STATS of the kernel (linux/bpf_verifier.h): errors and statistics, no instructions.
 constexpr uint32_t kVerifierLogLevel = 4;
+
+constexpr size_t kMaxOffsetsBytes = 4096;
 
 /// The inode of the initial PID namespace (include/uapi/linux/nsfs.h): elsewhere the kernel's pids are not
 /// ours.
@@ -152,7 +157,11 @@ std::string BpfSource::load() {
   shared_ = MappedArray(shared, sizeof(sample_pass), PROT_READ | PROT_WRITE);
   if (!shared_) return reasonOf("BPF object", errno);
   const int cpus = libbpf_num_possible_cpus();
-  shared_.as<sample_pass>()->cpu_count = cpus > 0 && cpus <= kSampleMaxCpus ? static_cast<uint32_t>(cpus) : 0;
+  auto* pass = shared_.as<sample_pass>();
+  pass->cpu_count = cpus > 0 && cpus <= kSampleMaxCpus ? static_cast<uint32_t>(cpus) : 0;
+  std::error_code noTimeNamespaces;  // a kernel that has none has no such file
+  const auto offsets = readFile("/proc/self/timens_offsets", kMaxOffsetsBytes, noTimeNamespaces);
+  pass->boottime_offset_ns = parseClockOffset(offsets.value_or(""), "boottime");
 
   if (pass_ == BpfPass::taskIterator) {
     link_.reset(bpf_program__attach_iter(program, nullptr));

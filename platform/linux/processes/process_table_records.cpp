@@ -166,7 +166,8 @@ platform::rusage_info_v3 usageOf(const ProcessRecord& record, uint64_t pageSizeB
   usage.wired_size = s.locked_pages * pageSizeBytes;
   usage.resident_size = s.resident_pages * pageSizeBytes;
   usage.phys_footprint = s.footprint_pages * pageSizeBytes;
-  usage.proc_start_abstime = ticks(s.start_ns);
+  // Who is older than a time namespace can be older than its clock.
+  usage.proc_start_abstime = static_cast<int64_t>(s.start_ns) < 0 ? 0 : ticks(s.start_ns);
   usage.child_user_time = ticks(s.child_utime_ns);
   usage.child_system_time = ticks(s.child_stime_ns);
   usage.child_pageins = s.child_major_faults;

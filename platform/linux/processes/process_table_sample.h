@@ -24,7 +24,7 @@ struct process_sample {
   uint8_t leader_class;         // enum qos_class of the main thread
   int16_t oom_score_adj;        // proc(5)
   char comm[kSampleCommBytes];  // NUL-terminated
-  uint64_t start_ns;            // CLOCK_BOOTTIME
+  uint64_t start_ns;            // CLOCK_BOOTTIME; as a signed number below 0: before this clock's beginning
   /// The same number in two samples of one pass: both processes are in the same control groups; 0: unknown.
   uint64_t cgroups;
 
@@ -58,4 +58,6 @@ struct sample_pass {
   /// Samples begun, those included for which there was no room. User space sets both to 0 before a pass.
   uint32_t sample_count;
   int32_t last_pid;  // whose sample was begun last
+  /// By how much CLOCK_BOOTTIME of the daemon's time namespace is ahead of the kernel's.
+  int64_t boottime_offset_ns;
 };

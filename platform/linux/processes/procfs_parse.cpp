@@ -106,4 +106,17 @@ ProcfsIo parseIo(std::string_view text) {
   return io;
 }
 
+int64_t parseClockOffset(std::string_view text, std::string_view clock) {
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    int64_t seconds = 0;
+    int64_t nanoseconds = 0;
+    if (takeField(line) != clock || !takeNumber(line, seconds) || !takeNumber(line, nanoseconds)) continue;
+    return seconds * 1'000'000'000 + nanoseconds;
+  }
+  return 0;
+}
+
 }  // namespace quorveld::linux_platform

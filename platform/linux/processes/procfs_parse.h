@@ -50,6 +50,10 @@ struct ProcfsIo {
 };
 ProcfsIo parseIo(std::string_view text);
 
+/// Nanoseconds by which a clock of this time namespace is ahead of the kernel's own, from
+/// /proc/self/timens_offsets (time_namespaces(7)); 0 for a clock that has no line there.
+int64_t parseClockOffset(std::string_view text, std::string_view clock);
+
 /// The decimal number that `text` starts with after blanks; 0 when there is none or it exceeds 64 bits.
 uint64_t leadingNumber(std::string_view text);
 

@@ -216,7 +216,7 @@ static __always_inline void add_process(struct process_sample* sample, struct ta
   sample->leader_class = class_of(leader->policy, leader->static_prio, leader->flags);
   bpf_probe_read_kernel(sample->comm, sizeof(sample->comm), &leader->comm);
   sample->comm[kSampleCommBytes - 1] = 0;
-  sample->start_ns = leader->start_boottime;
+  sample->start_ns = leader->start_boottime + pass.boottime_offset_ns;
   sample->oom_score_adj = process->oom_score_adj;
   // The kernel keeps each combination of control groups once, and shares it among the processes in them.
   if (bpf_core_field_exists(leader->cgroups)) sample->cgroups = address_of(leader->cgroups);

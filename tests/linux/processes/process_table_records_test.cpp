@@ -56,6 +56,14 @@ TEST(ProcessRecords, TimesAreScaledAsTheKernelDoes) {
   EXPECT_EQ(next.userNs, 760u);
 }
 
+TEST(ProcessRecords, WhoIsOlderThanTheClockStartedAtItsBeginning) {
+  process_sample sample = sampleOf(1, 1000);
+  sample.start_ns = 1'000'000'000;
+  EXPECT_EQ(usageOf(after(nullptr, sample), 4096).proc_start_abstime, 24'000'000u);
+  sample.start_ns = uint64_t{0} - 1'000'000'000;
+  EXPECT_EQ(usageOf(after(nullptr, sample), 4096).proc_start_abstime, 0u);
+}
+
 TEST(ProcessRecords, NoCounterFallsWhenAThreadIsMissingForOnce) {
   process_sample full = sampleOf(1, 1000, 3, 1);
   full.major_faults = 5, full.read_bytes = 4096, full.write_bytes = 8192;

@@ -81,6 +81,16 @@ TEST(ProcfsText, StatusAndIoTakeWhatIsThere) {
   }
 }
 
+TEST(ProcfsText, AClockIsAheadOfTheKernelsBySecondsAndNanoseconds) {
+  const std::string offsets = "monotonic        -300 250000000\nboottime         7         0\n";
+  EXPECT_EQ(parseClockOffset(offsets, "monotonic"), -299'750'000'000);
+  EXPECT_EQ(parseClockOffset(offsets, "boottime"), 7'000'000'000);
+  EXPECT_EQ(parseClockOffset(offsets, "boot"), 0);
+  for (const char* broken : {"", "boottime", "boottime 7", "boottime 7 x"}) {
+    EXPECT_EQ(parseClockOffset(broken, "boottime"), 0) << broken;
+  }
+}
+
 TEST(VmStatistics, EachFieldHasItsLine) {
   const std::string vmstat =
       "nr_free_pages 1\nnr_zone_active_anon 5\nnr_inactive_anon 2\nnr_active_anon 30\nnr_inactive_file 400\n"
