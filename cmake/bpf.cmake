@@ -11,9 +11,13 @@ endif()
 
 # quorveld_bpf_object(SOURCE OBJECT): compiles SOURCE, a .bpf.c file of this folder, to OBJECT.
 function(quorveld_bpf_object source object)
+  set(werror "")
+  if(CMAKE_COMPILE_WARNING_AS_ERROR)
+    set(werror -Werror)
+  endif()
   add_custom_command(
     OUTPUT ${object}
-    COMMAND ${QUORVELD_BPF_CLANG} -target bpf -ffreestanding -O2 -g -Wall -Werror -I${PROJECT_SOURCE_DIR}
+    COMMAND ${QUORVELD_BPF_CLANG} -target bpf -ffreestanding -O2 -g -Wall ${werror} -I${PROJECT_SOURCE_DIR}
             -MD -MT ${object} -MF ${object}.d -c ${CMAKE_CURRENT_SOURCE_DIR}/${source} -o ${object}
     DEPENDS ${source}
     DEPFILE ${object}.d
