@@ -32,3 +32,9 @@ function(quorveld_library name)
   add_library(${name} STATIC ${ARGN})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
 endfunction()
+
+# quorveld_tells_version(SOURCE...): defines QUORVELD_VERSION in these files of this folder's target, so that a new version
+# compiles no others.
+function(quorveld_tells_version)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_DEFINITIONS "QUORVELD_VERSION=\"${PROJECT_VERSION}\"")
+endfunction()

@@ -8,9 +8,12 @@
 
 int main(int argc, char** argv) {
   if (argc > 1) {
-    const bool asked = std::string_view(argv[1]) == "--help";
+    const std::string_view argument = argv[1];
+    if (argument == "--version") return std::puts("quorveld " QUORVELD_VERSION) < 0 ? 1 : 0;
+    const bool asked = argument == "--help";
     std::fputs(
-        "Usage: quorveld\nIt takes no arguments; quorvelctl prefs sets what it does. See quorveld(8).\n",
+        "Usage: quorveld [--help | --version]\n"
+        "quorvelctl prefs sets what it does. See quorveld(8).\n",
         asked ? stdout : stderr);
     return asked ? 0 : 2;
   }

@@ -88,6 +88,7 @@ int run(int argc, char** argv) {
   CLI::App app{"Looks after the flight recorder, out of which reports of hangs take their past.",
                "kelvanectl"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "kelvanectl " QUORVELD_VERSION);
   app.failure_message(CLI::FailureMessage::simple);
   app.footer("Exit status: 0 done, 1 failed, 2 wrong usage; status: 3 not running.");
   int result = kDone;

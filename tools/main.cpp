@@ -31,6 +31,7 @@ int run(int argc, char** argv) {
       ->envname("QUORVELD_ROOT")
       ->check(CLI::ExistingDirectory)
       ->type_name("DIR");
+  app.set_version_flag("--version", "quorvelctl " QUORVELD_VERSION);
   app.add_flag("--json", context.json, "Answer in JSON");
   app.footer("Every command takes --root DIR and --json. Exit status: 0 done, 1 failed, 2 wrong usage.");
   quorvelctl::addPrefsCommands(app, context);

@@ -32,6 +32,9 @@
 extern "C" {
 #endif
 
+/* The version of this header, and of what is built with it. */
+#define QV_VERSION "0.2.0"
+
 #define QV_EXPORT __attribute__((visibility("default")))
 
 /* The longest text that a message carries, in bytes, the NUL not counted. */

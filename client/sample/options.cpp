@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "client/include/quorvel.h"
+
 namespace quorvel_sample {
 namespace {
 
@@ -28,19 +30,21 @@ An application with a main loop that quorveld watches. Runs until interrupted, o
   --threads N      worker threads, each of which marks its jobs (default 1, at most 64)
   --bundle-id ID   the application's name in reports (default com.corvix.quorvel.sample)
   --help           this text
+  --version        its version
 )";
 
-enum Code { kHang = 1, kHow, kTimes, kReport, kFence, kThreads, kBundleId, kHelpWanted };
+enum Code { kHang = 1, kHow, kTimes, kReport, kFence, kThreads, kBundleId, kHelpWanted, kVersionWanted };
 
-constexpr std::array<option, 9> kLongOptions{{{"hang", required_argument, nullptr, kHang},
-                                              {"how", required_argument, nullptr, kHow},
-                                              {"times", required_argument, nullptr, kTimes},
-                                              {"report", no_argument, nullptr, kReport},
-                                              {"fence", no_argument, nullptr, kFence},
-                                              {"threads", required_argument, nullptr, kThreads},
-                                              {"bundle-id", required_argument, nullptr, kBundleId},
-                                              {"help", no_argument, nullptr, kHelpWanted},
-                                              {nullptr, 0, nullptr, 0}}};
+constexpr std::array<option, 10> kLongOptions{{{"hang", required_argument, nullptr, kHang},
+                                               {"how", required_argument, nullptr, kHow},
+                                               {"times", required_argument, nullptr, kTimes},
+                                               {"report", no_argument, nullptr, kReport},
+                                               {"fence", no_argument, nullptr, kFence},
+                                               {"threads", required_argument, nullptr, kThreads},
+                                               {"bundle-id", required_argument, nullptr, kBundleId},
+                                               {"help", no_argument, nullptr, kHelpWanted},
+                                               {"version", no_argument, nullptr, kVersionWanted},
+                                               {nullptr, 0, nullptr, 0}}};
 
 template <typename T>
 bool parseNumber(const char* text, T least, T most, T& out) {
@@ -86,8 +90,8 @@ std::optional<Options> parseOptions(int argc, char** argv, int& status) {
   int code;
   int index = 0;
   while ((code = getopt_long(argc, argv, "", kLongOptions.data(), &index)) != -1) {
-    if (code == kHelpWanted) {
-      std::fputs(kHelp, stdout);
+    if (code == kHelpWanted || code == kVersionWanted) {
+      std::fputs(code == kHelpWanted ? kHelp : "quorvel-sample " QV_VERSION "\n", stdout);
       status = 0;
       return std::nullopt;
     }

@@ -75,6 +75,7 @@ void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks&
   json.beginObject();
   json.member("format", "kelvane");
   json.member("version", kFormatVersion);
+  json.member("writtenBy", "kelvane " QUORVELD_VERSION);
   for (const auto& [key, value] : report.request.header) {
     json.key(key);
     json.raw(value);

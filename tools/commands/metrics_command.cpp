@@ -37,7 +37,8 @@ std::string metricsText(const Metrics& metrics) {
                     boundText(distribution.boundOf(kMostValues))});
   }
   if (rows.size() > 1) text += (text.empty() ? "" : "\n") + table(rows);
-  return text.empty() ? "nothing counted yet\n" : text;
+  if (text.empty()) text = "nothing counted yet\n";
+  return metrics.version.empty() ? text : "quorveld " + printable(metrics.version) + "\n\n" + text;
 }
 
 nlohmann::ordered_json metricsJson(const Metrics& metrics) {
@@ -51,7 +52,10 @@ nlohmann::ordered_json metricsJson(const Metrics& metrics) {
     }
     distributions[key] = {{"count", distribution.count}, {"sumMs", distribution.sumMs}, {"upTo", buckets}};
   }
-  return {{"scalars", metrics.scalars}, {"counters", metrics.counters}, {"distributions", distributions}};
+  return {{"version", metrics.version},
+          {"scalars", metrics.scalars},
+          {"counters", metrics.counters},
+          {"distributions", distributions}};
 }
 
 void showMetrics(Context& context) {

@@ -68,10 +68,15 @@ std::optional<Sample> parseSample(std::string_view line) {
   return sample;
 }
 
+std::string label(const Sample& sample, const char* name) {
+  const auto found = sample.labels.find(name);
+  return found == sample.labels.end() ? "" : found->second;
+}
+
 bool add(const Sample& sample, Metrics& metrics) {
   constexpr std::string_view kDistribution = "quorveld_distribution_ms";
-  const auto found = sample.labels.find("key");
-  const std::string key = found == sample.labels.end() ? "" : found->second;
+  const std::string key = label(sample, "key");
+  if (sample.name == "quorveld_build_info") metrics.version = label(sample, "version");
   if (sample.name == "quorveld_scalar") metrics.scalars[key] = sample.value;
   if (sample.name == "quorveld_counter_total") metrics.counters[key] = sample.value;
   if (!sample.name.starts_with(kDistribution)) return true;
@@ -80,9 +85,7 @@ bool add(const Sample& sample, Metrics& metrics) {
   if (part == "_sum") distribution.sumMs = sample.value;
   if (part == "_count") distribution.count = static_cast<uint64_t>(sample.value);
   if (part != "_bucket") return true;
-  const auto bound = sample.labels.find("le");
-  const std::optional<double> limit =
-      bound == sample.labels.end() ? std::nullopt : parseNumber(bound->second);
+  const std::optional<double> limit = parseNumber(label(sample, "le"));
   if (limit) distribution.upTo.emplace_back(*limit, static_cast<uint64_t>(sample.value));
   return limit.has_value();
 }

@@ -23,6 +23,7 @@ struct Distribution {
 
 /// The daemon's counters by key.
 struct Metrics {
+  std::string version;  // the daemon's; empty if it is too old to say
   std::map<std::string, double> scalars;
   std::map<std::string, double> counters;
   std::map<std::string, Distribution> distributions;

@@ -150,6 +150,7 @@ std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
   }
   Report report;
   report.header = headerOf(metadata);
+  report.writtenBy = textMember(metadata, "writtenBy");
   report.madeAt = textMember(member(metadata, "capture"), "time");
   report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
   report.host = hostOf(member(metadata, "host"));

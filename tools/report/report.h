@@ -65,6 +65,7 @@ struct ReportThread {
 struct Report {
   ReportHeader header;
   std::string madeAt;     ///< UTC
+  std::string writtenBy;  ///< program and version
   double lookedAtUs = 0;  ///< CLOCK_MONOTONIC, when the stacks were copied; 0: not said
   std::string host;
   std::optional<ReportVerdict> verdict;

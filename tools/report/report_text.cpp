@@ -37,7 +37,7 @@ std::string headerText(const Report& report) {
   if (header.hasHang())
     add("ticks", std::to_string(header.startTicks) + " to " + std::to_string(header.endTicks));
   add("display", displayText(header));
-  add("made", report.madeAt);
+  add("made", report.madeAt + (report.writtenBy.empty() ? "" : " by " + report.writtenBy));
   add("host", report.host);
   std::string text = printable(title) + "\n\n";
   if (report.verdict) text += verdictText(*report.verdict, header) + "\n";

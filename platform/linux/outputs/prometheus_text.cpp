@@ -64,6 +64,8 @@ void Distribution::add(double value) {
 
 std::string prometheusText(const Metrics& metrics) {
   std::string text;
+  appendFamily(text, "quorveld_build_info", "gauge", "Always 1; the label is the daemon's version.");
+  text += "quorveld_build_info{version=\"" QUORVELD_VERSION "\"} 1\n";
   if (!metrics.scalars.empty()) {
     appendFamily(text, "quorveld_scalar", "gauge", "The value last set under the key.");
     appendValues(text, "quorveld_scalar", metrics.scalars);

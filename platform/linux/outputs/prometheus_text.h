@@ -27,8 +27,8 @@ struct Metrics {
   std::map<std::string, Distribution, std::less<>> distributions;
 };
 
-/// `metrics` in Prometheus's text format 0.0.4: the families quorveld_scalar, quorveld_counter_total and
-/// quorveld_distribution_ms, a label `key` for the key. Keys are written as well-formed UTF-8.
+/// `metrics` in Prometheus's text format 0.0.4: the families quorveld_build_info, and, where there are
+/// any, quorveld_scalar, quorveld_counter_total and quorveld_distribution_ms with a label `key` for the key. Keys are written as well-formed UTF-8.
 std::string prometheusText(const Metrics& metrics);
 
 }  // namespace quorveld::linux_platform

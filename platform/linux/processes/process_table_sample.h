@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause OR GPL-2.0-only
 #pragma once
 
 #include <stdint.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause OR GPL-2.0-only
 #pragma once
 
 /// C as well as C++: the BPF program classifies threads with the very same rule.

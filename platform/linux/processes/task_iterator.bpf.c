@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-2-Clause OR GPL-2.0-only
+
 // Called by the kernel once a thread, in the order of thread ids, while a file is read to its end.
 
 #include "platform/linux/processes/task_sample.bpf.h"
@@ -16,4 +18,5 @@ int task_iterator(struct bpf_iter__task* context) {
   return 0;
 }
 
-char LICENSE[] SEC("license") = "GPL";
+// The kernel asks it: what this calls is for programs under the GPL alone.
+char LICENSE[] SEC("license") = "Dual BSD/GPL";

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause OR GPL-2.0-only
 #pragma once
 
 // What the two BPF programs share: filling one process_sample a process from the kernel's own records,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: BSD-2-Clause OR GPL-2.0-only
+
 // Walks all threads in one call, with the task iterator functions of kernel 6.7.
 
 #include "platform/linux/processes/task_sample.bpf.h"
@@ -25,4 +27,5 @@ int task_walk(void* unused) {
   return 0;
 }
 
-char LICENSE[] SEC("license") = "GPL";
+// The kernel asks it: what this calls is for programs under the GPL alone.
+char LICENSE[] SEC("license") = "Dual BSD/GPL";

@@ -52,7 +52,7 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
   EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"+Inf\"} 5"));
   EXPECT_TRUE(has("quorveld_distribution_ms_sum{key=\"d\"} 600100.5"));
   EXPECT_TRUE(has("quorveld_distribution_ms_count{key=\"d\"} 5")) << text;
-  EXPECT_EQ(prometheusText({}), "");
+  EXPECT_EQ(prometheusText({}).find("key="), std::string::npos);
 }
 
 TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {

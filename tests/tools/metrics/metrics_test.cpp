@@ -6,8 +6,9 @@
 
 namespace {
 
-TEST(MetricsText, ReadsTheDaemonsThreeFamilies) {
+TEST(MetricsText, ReadsTheDaemonsFamilies) {
   const char* text =
+      "quorveld_build_info{version=\"9.8.7\"} 1\n"
       "# HELP quorveld_scalar s\n# TYPE quorveld_scalar gauge\n"
       "quorveld_scalar{key=\"limit\"} -3\n"
       "quorveld_counter_total{key=\"a \\\"b\\\\c\\n}\"} 7\n"
@@ -20,6 +21,7 @@ TEST(MetricsText, ReadsTheDaemonsThreeFamilies) {
   size_t line = 0;
   const auto metrics = quorvelctl::parseMetrics(text, line).value_or(quorvelctl::Metrics{});
   ASSERT_TRUE(metrics.distributions.contains("hang")) << line;
+  EXPECT_EQ(metrics.version, "9.8.7");
   EXPECT_EQ(metrics.scalars.at("limit"), -3);
   EXPECT_EQ(metrics.counters.at("a \"b\\c\n}"), 7);
   const auto& hang = metrics.distributions.at("hang");

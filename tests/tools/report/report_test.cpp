@@ -10,7 +10,7 @@ using quorvelctl::ReportHeader;
 namespace {
 
 // A report with one thread more than the hung one; a name that would speak to a terminal.
-constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,
+constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,"writtenBy":"kelvane 9.8.7",
 "Reason":"MainThread-viewer: timeout 8500ms","ServiceName":"MainThread","ProcessPath":"/usr/bin/viewer","PID":41,
 "ThreadID":41,"StartTime":24000000,"EndTime":228000000,"DisplayData":[12000000,-1,48000000,0],
 "host":{"system":"Linux","kernel":"6.1","cpus":2},"capture":{"time":"2026-03-01T10:00:00Z"},
@@ -34,7 +34,7 @@ TEST(ReportFile, IsToldInWords) {
             "thread   41\n"
             "ticks    24000000 to 228000000\n"
             "display  unknown from 500 ms before it began, then off from 1.00 s into it\n"
-            "made     2026-03-01T10:00:00Z\n"
+            "made     2026-03-01T10:00:00Z by kelvane 9.8.7\n"
             "host     Linux, 6.1, 2 CPUs\n\n"
             "Thread 41 viewer, which hung: sleeping in futex_do_wait, system call futex\n"
             "CPU time so far: 12 ms user, 3 ms system\n\n"
