@@ -28,7 +28,8 @@ struct Metrics {
 };
 
 /// `metrics` in Prometheus's text format 0.0.4: the families quorveld_build_info, and, where there are
-/// any, quorveld_scalar, quorveld_counter_total and quorveld_distribution_ms with a label `key` for the key. Keys are written as well-formed UTF-8.
+/// any, quorveld_scalar, quorveld_counter_total and quorveld_distribution_ms with a label `key` for the key.
+/// Keys are written as well-formed UTF-8.
 std::string prometheusText(const Metrics& metrics);
 
 }  // namespace quorveld::linux_platform
