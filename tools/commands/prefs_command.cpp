@@ -119,7 +119,7 @@ struct Change {
   bool noNotify = false;
 };
 
-void write(Context& context, const PreferenceKey& key, const PreferenceFile& file, bool notify) {
+void writeSetting(Context& context, const PreferenceKey& key, const PreferenceFile& file, bool notify) {
   const std::string path = domainPath(context, key.domain);
   std::error_code error = makeFolderOf(path);
   if (!error) error = replaceFile(path, file.text(), true);
@@ -145,7 +145,7 @@ void set(Context& context, const Change& change) {
   auto file = load(context, domainPath(context, key->domain));
   if (!file) return;
   file->set(key->name, *value);
-  write(context, *key, *file, !change.noNotify);
+  writeSetting(context, *key, *file, !change.noNotify);
 }
 
 void unset(Context& context, const Change& change) {
@@ -153,7 +153,7 @@ void unset(Context& context, const Change& change) {
   if (!key) return;
   auto file = load(context, domainPath(context, key->domain));
   if (!file || !file->unset(key->name)) return;  // absent already is what was asked for
-  write(context, *key, *file, !change.noNotify);
+  writeSetting(context, *key, *file, !change.noNotify);
 }
 
 CLI::App* addChange(CLI::App& prefs, const char* name, const char* help,
