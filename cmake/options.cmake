@@ -7,10 +7,13 @@ set(QUORVELD_SANITIZE "" CACHE STRING "Sanitizers for every target: address,unde
 # than the code must not stop those who only build it.
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wimplicit-fallthrough
                     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>)
-if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # With optimisation it takes the idle alternatives of a std::variant for uninitialised values in use, and string
-  # concatenation for overlapping copies.
-  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-maybe-uninitialized> $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  # With optimisation it takes what a std::variant or an empty std::optional doesn't hold for uninitialised values in use.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-maybe-uninitialized>)
+  if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # And string concatenation for overlapping copies.
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
+  endif()
 endif()
 if(QUORVELD_SANITIZE)
   add_compile_options(-fsanitize=${QUORVELD_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
