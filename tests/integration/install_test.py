@@ -55,7 +55,7 @@ class Install(unittest.TestCase):
 
     def flags(self, below, **environment):
         packages = self.found(below, "quorvel.pc").parent
-        return run("pkg-config", "--cflags", "--libs", "quorvel", PKG_CONFIG_LIBDIR=str(packages), **environment).split()
+        return run("pkg-config", "--cflags", "--libs", "quorvel", PKG_CONFIG_PATH=str(packages), **environment).split()
 
     def version(self, flags):
         """Builds the program with `flags`, runs it, and returns what it says."""
