@@ -18,6 +18,7 @@
 #include <set>
 #include <thread>
 
+#include "client/include/quorvel.h"
 #include "kelvane/base/limits.h"
 #include "tests/kelvane/hang_target.h"
 #include "tests/patience.h"
@@ -106,6 +107,7 @@ TEST(Dump, ShowsEveryThreadOfAHungProcessWithTheHungOneFirst) {
   for (const char* key : {"Reason", "ServiceName", "ProcessPath", "PID", "ThreadID", "DisplayData"}) {
     EXPECT_EQ(dump.report["metadata"][key], header[key]) << key;
   }
+  EXPECT_EQ(dump.report["metadata"]["writtenBy"], "kelvane " QV_VERSION);
   EXPECT_GT(dump.report["metadata"]["host"]["cpus"], 0);
   EXPECT_EQ(dump.report["metadata"]["capture"]["threads"], 5);
   ASSERT_EQ(dump.report["threads"].size(), 5u);

@@ -6,6 +6,7 @@
 
 #include <limits>
 
+#include "client/include/quorvel.h"
 #include "platform/linux/base/unique_fd.h"
 #include "tests/linux/scratch_root.h"
 #include "tests/sim/sim_platform.h"
@@ -43,6 +44,7 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
     return text.find("\n" + line + "\n") != std::string::npos;
   };
   EXPECT_TRUE(has("quorveld_scalar{key=\"a\\\"b\\\\c\\nd" + bad + bad + bad + bad + "\"} -5"));
+  EXPECT_TRUE(has("quorveld_build_info{version=\"" QV_VERSION "\"} 1"));
   EXPECT_TRUE(has("# TYPE quorveld_counter_total counter"));
   EXPECT_TRUE(has("quorveld_counter_total{key=\"hängt\"} 18446744073709551615"));
   EXPECT_TRUE(has("# TYPE quorveld_distribution_ms histogram"));
