@@ -17,6 +17,12 @@ T loadRelaxed(T& field) {
   return std::atomic_ref(field).load(std::memory_order_relaxed);
 }
 
+/// The same; and whoever sees the value also sees what the client wrote before it.
+template <typename T>
+T loadAcquire(T& field) {
+  return std::atomic_ref(field).load(std::memory_order_acquire);
+}
+
 /// Judged in doubles: a start in the future, all ones among them, has a negative age.
 bool isTimedOut(uint64_t startTicks, uint64_t nowTicks, double timeoutMs) {
   return (static_cast<double>(nowTicks) - static_cast<double>(startTicks)) * msPerTick() > timeoutMs;
@@ -87,10 +93,10 @@ void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check, const QVSh
 /// what was copied is thrown away.
 bool QVProcessInfo::takeTimedOutSlot(hangEvent& slot, uint64_t startTicks, TimedOutSlot& taken) {
   char name[QV_HANG_NAME_BYTES];
-  for (size_t i = 0; i < sizeof(name); ++i) name[i] = loadRelaxed(slot.hangName[i]);
+  for (size_t i = 0; i < sizeof(name); ++i) name[i] = loadAcquire(slot.hangName[i]);
   taken.startTicks = startTicks;
-  taken.threadID = loadRelaxed(slot.threadID);
-  taken.wantsKelvane = loadRelaxed(slot.wantsKelvane) != 0;
+  taken.threadID = loadAcquire(slot.threadID);
+  taken.wantsKelvane = loadAcquire(slot.wantsKelvane) != 0;
   taken.hangName = std::string(name, strnlen(name, sizeof(name)));
 
   uint64_t expected = startTicks;
