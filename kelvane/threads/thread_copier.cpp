@@ -27,6 +27,7 @@ void assign(const user_regs_struct& user, UnwindRegisters& registers) {
   registers.pc = user.rip;
   registers.sp = user.rsp;
 }
+void readSignatureBits(pid_t, UnwindRegisters&) {}
 #elif defined(__aarch64__)
 void assign(const user_regs_struct& user, UnwindRegisters& registers) {
   std::copy(std::begin(user.regs), std::end(user.regs), registers.dwarf.begin());
@@ -35,8 +36,17 @@ void assign(const user_regs_struct& user, UnwindRegisters& registers) {
   registers.pc = user.pc;
   registers.sp = user.sp;
 }
+void readSignatureBits(pid_t tid, UnwindRegisters& registers) {
+  struct {
+    uint64_t data, code;
+  } masks{};
+  iovec area{&masks, sizeof masks};
+  // Refused where the machine doesn't sign.
+  if (ptrace(PTRACE_GETREGSET, tid, NT_ARM_PAC_MASK, &area) == 0) registers.signatureBits = masks.code;
+}
 #else
 void assign(const user_regs_struct&, UnwindRegisters&) {}  // how DWARF numbers them is not known here
+void readSignatureBits(pid_t, UnwindRegisters&) {}
 #endif
 
 bool readRegisters(pid_t tid, UnwindRegisters& registers) {
@@ -45,6 +55,7 @@ bool readRegisters(pid_t tid, UnwindRegisters& registers) {
   if (ptrace(PTRACE_GETREGSET, tid, NT_PRSTATUS, &area) != 0) return false;
   if (area.iov_len != sizeof user) return false;  // a 32-bit program
   assign(user, registers);
+  readSignatureBits(tid, registers);
   return registers.count != 0;
 }
 

@@ -20,6 +20,8 @@ struct UnwindRegisters {
   size_t count = 0;
   uint64_t pc = 0;
   uint64_t sp = 0;
+  /// The bits of a code address in which the machine may have signed it (pointer authentication).
+  uint64_t signatureBits = 0;
 };
 
 enum class CopyResult {

@@ -116,21 +116,32 @@ int Unwinder::findElf(Dwfl_Module* module, void** userData, const char*, Dwarf_A
   return fd;
 }
 
+// Unwinding asks for words of whatever kind, of which return addresses alone may be signed: a word counts as
+// one when it would lie in a module.
+uint64_t Unwinder::withoutSignature(uint64_t word) const {
+  const uint64_t address = word & ~copy_->registers.signatureBits;
+  return address != word && moduleAt(address) ? address : word;
+}
+
 bool Unwinder::readMemory(Dwfl*, Dwarf_Addr address, Dwarf_Word* result, void* argument) {
-  const StackCopy& copy = *static_cast<const Unwinder*>(argument)->copy_;
+  const auto* self = static_cast<const Unwinder*>(argument);
+  const StackCopy& copy = *self->copy_;
   uint64_t offset = address - copy.base;
   if (address < copy.base || copy.bytes.size() < sizeof *result ||
       offset > copy.bytes.size() - sizeof *result) {
     return false;
   }
   memcpy(result, copy.bytes.data() + offset, sizeof *result);
+  *result = self->withoutSignature(*result);
   return true;
 }
 
 bool Unwinder::setRegisters(Dwfl_Thread* thread, void* argument) {
-  const UnwindRegisters& registers = static_cast<const Unwinder*>(argument)->copy_->registers;
+  const auto* self = static_cast<const Unwinder*>(argument);
+  const UnwindRegisters& registers = self->copy_->registers;
   std::array<Dwarf_Word, 32> words{};
-  std::copy(registers.dwarf.begin(), registers.dwarf.end(), words.begin());
+  std::transform(registers.dwarf.begin(), registers.dwarf.end(), words.begin(),
+                 [&](uint64_t word) { return self->withoutSignature(word); });
   dwfl_thread_state_register_pc(thread, registers.pc);
   return dwfl_thread_state_registers(thread, 0, static_cast<unsigned>(registers.count), words.data());
 }

@@ -46,6 +46,8 @@ class Unwinder {
                      Elf** elf);
   static bool readMemory(Dwfl* dwfl, Dwarf_Addr address, Dwarf_Word* result, void* self);
   static bool setRegisters(Dwfl_Thread* thread, void* self);
+  /// A signed address of code as it was before; any other word as it is.
+  uint64_t withoutSignature(uint64_t word) const;
   void reportModules();
   /// The index of the module that is mapped at `address`.
   std::optional<size_t> moduleAt(uint64_t address) const;
