@@ -133,11 +133,11 @@ class RawPeer(ScratchTest):
     def test_a_hostile_region_yields_one_hang_and_no_harm(self):
         daemon = self.daemon(QuorvelHangTimeoutDuration=1000.0)
         region = Region()
-        region.begin(19, b"\xff" * 64, seconds_ago=100, wants_kelvane=False)  # no NUL, no UTF-8
+        region.begin(19, b"\xff" * 64, seconds_ago=30, wants_kelvane=False)  # no NUL, no UTF-8
         struct.pack_into("<I", region.map, 4, 0xFFFFFFFF)
         peer = self.peer(daemon)
         peer.send(command=1, shmem=Fd(region.fd), bundle_id="com.example.raw", name="hostile")
-        daemon.wait_for("Hang detected 10")
+        daemon.wait_for("Hang detected 3")
         self.assertEqual(region.start_time(19), 0xFFFFFFFFFFFFFFFF)
         self.assertTrue(daemon.alive())
 
