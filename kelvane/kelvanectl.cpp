@@ -1,6 +1,7 @@
 #include <fcntl.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -57,10 +58,11 @@ int status(bool json) {
   return status.running ? kDone : kNotRunning;
 }
 
-/// Seconds of CLOCK_MONOTONIC, or ago if negative, as ticks of 24 MHz.
+/// Seconds of CLOCK_MONOTONIC, or ago if negative, as ticks of 24 MHz: the clock's first if that is earlier,
+/// since 0 stands for no time.
 uint64_t ticksOf(double seconds, uint64_t nowNs) {
   if (std::signbit(seconds)) seconds += static_cast<double>(nowNs) / 1e9;
-  return seconds > 0 ? static_cast<uint64_t>(seconds * 24e6) : 0;
+  return std::max<uint64_t>(seconds > 0 ? static_cast<uint64_t>(seconds * 24e6) : 0, 1);
 }
 
 int dump(double from, std::optional<double> to, const std::string& path) {

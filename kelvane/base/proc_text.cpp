@@ -76,6 +76,18 @@ uint64_t parseStatusNumber(std::string_view text, std::string_view name) {
   return 0;
 }
 
+int64_t parseClockOffset(std::string_view text, std::string_view clock) {
+  while (!text.empty()) {
+    std::string_view line = trimmed(takeUntil(text, '\n'));
+    if (takeUntil(line, ' ') != clock) continue;
+    line = trimmed(line);
+    auto seconds = parseNumber<int64_t>(takeUntil(line, ' '));
+    auto nanoseconds = parseNumber<int64_t>(trimmed(line));
+    return seconds && nanoseconds ? *seconds * 1'000'000'000 + *nanoseconds : 0;
+  }
+  return 0;
+}
+
 std::optional<SystemCall> parseSyscall(std::string_view text) {
   text = trimmed(text);
   auto number = parseNumber<int64_t>(takeUntil(text, ' '));

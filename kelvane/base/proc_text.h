@@ -25,6 +25,10 @@ std::optional<ProcStat> parseStat(std::string_view text);
 /// The number on the line "`name`:<tab>number" of /proc/PID/status; 0 if there is none.
 uint64_t parseStatusNumber(std::string_view text, std::string_view name);
 
+/// Nanoseconds by which `clock` of a time namespace is ahead of the kernel's own, by
+/// /proc/PID/timens_offsets (time_namespaces(7)); 0 for a clock that has no line there.
+int64_t parseClockOffset(std::string_view text, std::string_view clock);
+
 /// The system call that a thread is in.
 struct SystemCall {
   int64_t number = -1;  // -1: blocked outside of a system call

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kelvane/recorder/recorder_instance.h"
+#include "kelvane/recording/kernel_view.h"
 #include "kelvane/recording/page_drain.h"
 #include "kelvane/recording/recorded_events.h"
 #include "kelvane/recording/recorder_folder.h"
@@ -78,6 +79,7 @@ std::string configure(const Instance& instance, size_t bufferKb, std::vector<Omi
 /// Makes and configures the instance `name` anew.
 std::string makeInstance(const std::string& name, size_t bufferKb, const RecorderFolder& folder,
                          std::vector<Omission>& leftOut) {
+  if (const std::string foreign = foreignThreads(); !foreign.empty()) return foreign;
   if (!recorder_mount_tracefs()) return "tracefs can't be mounted: " + errorText(errno);
   bool isNew = false;
   Instance instance(recorder_instance_make(name.c_str(), &isNew));
@@ -89,7 +91,7 @@ std::string makeInstance(const std::string& name, size_t bufferKb, const Recorde
   if (!instance) return "the tracefs instance " + name + " can't be made: " + errorText(errno);
   const std::unique_ptr<char, decltype(&free)> path(recorder_instance_path(instance.get()), free);
   std::string error = path ? configure(instance, bufferKb, leftOut) : errorText(errno);
-  if (error.empty() && !(folder.forgetPast(monotonicNs()) && folder.linkInstance(path.get()))) {
+  if (error.empty() && !(folder.forgetPast(kernelNs()) && folder.linkInstance(path.get()))) {
     error = RecorderFolder::path() + ": " + errorText(errno);
   }
   if (!error.empty()) removeInstance(instance);
@@ -132,7 +134,7 @@ ControlResult stopRecorder() {
     }
   }
   folder->unlinkInstance();
-  if (!folder->forgetPast(monotonicNs())) result.error = RecorderFolder::path() + ": " + errorText(errno);
+  if (!folder->forgetPast(kernelNs())) result.error = RecorderFolder::path() + ": " + errorText(errno);
   return result;
 }
 

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kelvane/base/limits.h"
+#include "kelvane/recording/kernel_view.h"
 #include "kelvane/recording/page_drain.h"
 #include "kelvane/recording/recorder_folder.h"
 #include "kelvane/recording/recording.h"
@@ -90,7 +91,8 @@ RecorderStatus readRecorderStatus(const Deadline& deadline) {
     status.known = status.running || errno == ENOENT;
     if (status.running) {
       status.instance = folder->instancePath();
-      status.runningForNs = nowNs - std::min(nowNs, folder->startedNs().value_or(nowNs));
+      const uint64_t kernelNowNs = kernelNs();
+      status.runningForNs = kernelNowNs - std::min(kernelNowNs, folder->startedNs().value_or(kernelNowNs));
       addBuffers(instance.get(), *folder, status);
     }
   } else {

@@ -17,7 +17,7 @@ inline constexpr const char* kRecorderNotRunning = "it is not running: kelvanect
 /// the environment's QUORVELD_ROOT.
 ///
 ///   instance   link to the tracefs instance; the recorder runs when it leads somewhere
-///   started    when recording began, ns of CLOCK_MONOTONIC in decimal
+///   started    when recording began, ns of the kernel's clock (kernel_view.h) in decimal
 ///   cpuN       KeptPages
 class RecorderFolder {
  public:

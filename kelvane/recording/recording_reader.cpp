@@ -6,6 +6,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/recording/cpu_history.h"
 #include "kelvane/recording/event_decoder.h"
+#include "kelvane/recording/kernel_view.h"
 #include "kelvane/recording/page_drain.h"
 #include "kelvane/recording/recorder_folder.h"
 #include "kelvane/recording/recording.h"
@@ -96,18 +97,19 @@ std::string failureOf(PageDrain::Result result, const RecorderFolder& folder) {
     case PageDrain::Result::notKept:
       // Pages have been taken from the kernel and are nowhere: what comes after is a new past.
       return "what was read can't be kept: " + reason +
-             (folder.forgetPast(monotonicNs()) ? "" : "; nor can that be noted: " + errorText(errno));
+             (folder.forgetPast(kernelNs()) ? "" : "; nor can that be noted: " + errorText(errno));
   }
   return {};
 }
 
-/// Empty when the recording has been read, else why not.
+/// Empty when the recording has been read, else why not. In the kernel's time.
 std::string read(Recording& recording, const Deadline& deadline) {
   std::string error;
   const auto folder = RecorderFolder::open(deadline, error);
   if (!folder) return error;
   const UniqueFd instance = folder->openInstance();
   if (!instance) return errno == ENOENT ? kRecorderNotRunning : errorText(errno);
+  if (const std::string foreign = foreignThreads(); !foreign.empty()) return foreign;
   const FileText tracing = readFileAt(instance.get(), "tracing_on", kMaxProcFileBytes);
   if (!tracing.text.starts_with('1'))
     return tracing.error ? errorText(tracing.error) : "someone has switched it off";
@@ -115,21 +117,32 @@ std::string read(Recording& recording, const Deadline& deadline) {
   if (pageBytes == 0) return "the kernel doesn't say how large its pages are";
 
   PageDrain drain(instance.get(), folder->fd(), pageBytes);
-  error = failureOf(drain.run(deadline, monotonicNs()), *folder);
+  error = failureOf(drain.run(deadline, kernelNs()), *folder);
   if (!error.empty()) return error;
   EventDecoder decoder = makeDecoder(instance.get(), recording);
   decode(drain, pageBytes, folder->startedNs().value_or(UINT64_MAX), decoder, deadline, recording);
   return {};
 }
 
+/// No earlier than the beginning of the clock that it leads to.
+uint64_t shifted(uint64_t ns, int64_t byNs) {
+  const auto moved = static_cast<int64_t>(ns) + byNs;
+  return moved < 0 ? 0 : static_cast<uint64_t>(moved);
+}
+
 }  // namespace
 
 Recording readRecording(uint64_t fromNs, uint64_t toNs, const Deadline& deadline) {
+  const int64_t offsetNs = clockOffsetNs();
   Recording recording;
-  recording.fromNs = std::min(fromNs, toNs);
-  recording.toNs = recording.coveredFromNs = toNs;
+  recording.toNs = recording.coveredFromNs = shifted(toNs, -offsetNs);
+  recording.fromNs = std::min(shifted(fromNs, -offsetNs), recording.toNs);
   const std::string failure = read(recording, deadline);
   if (!failure.empty()) recording.omissions.push_back({kWhat, failure});
+  for (RecordedEvent& event : recording.events) event.atNs = shifted(event.atNs, offsetNs);
+  for (uint64_t* ns : {&recording.fromNs, &recording.toNs, &recording.coveredFromNs}) {
+    *ns = shifted(*ns, offsetNs);
+  }
   return recording;
 }
 

@@ -45,6 +45,8 @@ class Recorder(ScratchTest):
             return [event["name"] for event in report["traceEvents"] if event.get("cat") == "signpost"]
         until(lambda: len(marks()) >= 2, "the marks of the launch's begin and end")
 
+        self.dumps_in_namespaces(path)
+
         nowhere = self.recorder("dump", str(daemon.root / "no/such/folder/dump"))
         self.assertEqual(nowhere.returncode, 1)
         self.assertIn("No such file or directory", nowhere.stderr)
@@ -56,6 +58,30 @@ class Recorder(ScratchTest):
         self.assertEqual(status["eventsLost"], 0)
         self.assertEqual(self.recorder("stop").returncode, 0)
         self.assertEqual(self.recorder("status").returncode, 3)
+
+    def dumps_in_namespaces(self, path):
+        """Times are told by the clock of a time namespace; whose threads they were can't be told in a PID namespace."""
+        def dump(*unshare):
+            namespaces = subprocess.run([*unshare, "true"], capture_output=True)
+            if namespaces.returncode != 0:
+                return print("can't be tried here:", *unshare, namespaces.stderr.decode().strip())
+            result = subprocess.run([*unshare, RECORDER, "dump", "--from", "-600", str(path)],
+                                    env=self.daemon_.environment(), capture_output=True, text=True, timeout=60)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            return json.loads(path.read_text())
+
+        def marked(report):
+            return next(event["ts"] for event in report["traceEvents"] if event.get("cat") == "signpost")
+        here = dump("env")
+        shifted = dump("unshare", "--time", "--fork", "--monotonic", "1000")
+        if shifted:  # from the kernel's clock, as this process may itself be
+            own = next(line.split() for line in open("/proc/self/timens_offsets") if line.startswith("monotonic"))
+            self.assertAlmostEqual(marked(shifted) - marked(here), (1000 - int(own[1])) * 1e6 - int(own[2]) / 1e3, delta=1)
+        elsewhere = dump("unshare", "--pid", "--fork", "--mount-proc")
+        if elsewhere:
+            self.assertIn("it records the thread ids of the initial PID namespace, this process is in another",
+                          [omission["why"] for omission in elsewhere["metadata"]["leftOut"]])
+            self.assertNotIn("cpu", [event.get("cat") for event in elsewhere["traceEvents"]])
 
     def test_wrong_usage_and_failures_say_so(self):
         for wrong in ([], ["record"], ["start", "--buffer-kb", "1"], ["dump"], ["dump", "--from", "soon", "x"]):

@@ -36,5 +36,14 @@ TEST(ProcText, StatusSyscallAndKernelStack) {
   EXPECT_EQ(parseOsReleaseName("ID=y\nNAME='X'"), "X");
 }
 
+TEST(ProcText, AClockOfATimeNamespaceIsAheadOfTheKernels) {
+  const std::string offsets = "monotonic        -300 250000000\nboottime         7         0\n";
+  EXPECT_EQ(parseClockOffset(offsets, "monotonic"), -299'750'000'000);
+  EXPECT_EQ(parseClockOffset(offsets, "boottime"), 7'000'000'000);
+  for (const char* broken : {"", "boottime", "boottime 7", "boottime 7 x"}) {
+    EXPECT_EQ(parseClockOffset(broken, "boottime"), 0) << broken;
+  }
+}
+
 }  // namespace
 }  // namespace kelvane
