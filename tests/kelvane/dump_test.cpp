@@ -42,6 +42,12 @@ bool isRoot() {
   return geteuid() == 0;
 }
 
+/// They are told to root with CAP_SYS_ADMIN, by kernels that can.
+bool kernelStacksAreTold() {
+  std::ifstream stack("/proc/self/stack");
+  return stack.get() != EOF;
+}
+
 /// Whether others have the CPUs so much that a look at a process may run out of time, going by its report. By
 /// itself it takes a fifth of its time or less.
 bool isShortOfCpu(const Dump& dump) {
@@ -130,7 +136,7 @@ TEST(Dump, ShowsEveryThreadOfAHungProcessWithTheHungOneFirst) {
     if (thread["name"] == "reader") {
       EXPECT_EQ(thread["syscallName"], "read");
     }
-    if (thread["name"] == "reader" && isRoot()) {
+    if (thread["name"] == "reader" && kernelStacksAreTold()) {
       EXPECT_TRUE(contains(stack, "pipe_read"));
     }
     if (thread["name"] == "spinner") {
@@ -416,9 +422,12 @@ TEST(Dump, TenThreadsStandStillForUnderTwoMilliseconds) {
 TEST(Dump, SaysWhatIsNotPermitted) {
   if (!isRoot()) GTEST_SKIP() << "needs root, to have privileges to drop";
   HangTarget victim("kinds");
+  // Loads the library, too: below a folder of root's the other user could not.
+  ASSERT_TRUE(dumpOf(victim.pid(), victim.thread()).whole);
+  constexpr int kNotDropped = 77;
   pid_t child = fork();
   if (child == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(kNotDropped);
     Dump dump = dumpOf(victim.pid(), victim.thread());
     bool said = dump.whyLeftOut("kernel stacks").find("ermi") != std::string::npos &&
                 dump.whyLeftOut("user stacks").find("ermi") != std::string::npos;
@@ -426,6 +435,7 @@ TEST(Dump, SaysWhatIsNotPermitted) {
   }
   int status = 0;
   waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotDropped) GTEST_SKIP() << "may not become another user";
   EXPECT_EQ(status, 0);
 }
 
@@ -491,7 +501,10 @@ TEST(Dump, LeavesTheCallerAsItWas) {
   Dump starved = dumpOf(victim.pid(), victim.thread());
   setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_TRUE(starved.whole);
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), 0) << "no child but the victim, and that runs";
+  // Whoever is the first of a PID namespace has others' orphans for children.
+  if (getpid() != 1) {
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), 0) << "no child but the victim, and that runs";
+  }
 }
 
 }  // namespace
