@@ -275,13 +275,15 @@ void LogSink::emitToStderr(const LogRecord& record) {
 }
 
 TraceMarker::TraceMarker(LogSink& sink) : recorderPath_(rooted("/run/kelvane/instance/trace_marker")) {
+  int reason = ENOENT;
   for (const char* path : {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"}) {
     everybodys_.reset(open(path, O_WRONLY | O_CLOEXEC));
     if (everybodys_) return;
+    if (errno != ENOENT) reason = errno;
   }
   LineBuffer text;
   text.append("Signposts are not in the kernel's trace, only in the log: trace_marker can't be opened: ");
-  text.append(strerrordesc_np(errno));
+  text.append(strerrordesc_np(reason));
   sink.write({LogLevel::info, kDaemonSubsystem, "", text.view()});
 }
 

@@ -84,7 +84,7 @@ class LogSink {
 /// in the flight recorder's part of it while it runs, else in everybody's.
 class TraceMarker {
  public:
-  /// Opens tracefs's trace_marker, where it may; what is missing is said at debug level.
+  /// Opens tracefs's trace_marker, where it may; says so where it may not.
   explicit TraceMarker(LogSink& sink);
 
   bool enabled() const;

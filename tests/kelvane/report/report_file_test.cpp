@@ -87,7 +87,7 @@ TEST(ReportFile, AFullDiskFailsTheReport) {
   ASSERT_NE(mkdtemp(dir), nullptr);
   if (mount("tmpfs", dir, "tmpfs", 0, "size=4096") != 0) {
     rmdir(dir);
-    GTEST_SKIP() << "mounting a small disk needs root";
+    GTEST_SKIP() << "no small disk can be mounted here (needs root)";
   }
   int fd = open((std::string(dir) + "/report").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   // Leave the disk fewer bytes than any report has.
