@@ -76,6 +76,17 @@ uint64_t parseStatusNumber(std::string_view text, std::string_view name) {
   return 0;
 }
 
+pid_t parseInnerId(std::string_view text) {
+  while (!text.empty()) {
+    std::string_view line = takeUntil(text, '\n');
+    if (takeUntil(line, ':') != "NSpid") continue;
+    line = trimmed(line);  // from the reader's namespace inwards
+    const size_t last = line.rfind('\t');
+    return last == std::string_view::npos ? 0 : parseNumber<pid_t>(line.substr(last + 1)).value_or(0);
+  }
+  return 0;
+}
+
 int64_t parseClockOffset(std::string_view text, std::string_view clock) {
   while (!text.empty()) {
     std::string_view line = trimmed(takeUntil(text, '\n'));

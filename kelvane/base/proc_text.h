@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -24,6 +26,10 @@ std::optional<ProcStat> parseStat(std::string_view text);
 
 /// The number on the line "`name`:<tab>number" of /proc/PID/status; 0 if there is none.
 uint64_t parseStatusNumber(std::string_view text, std::string_view name);
+
+/// What a thread is called inside the PID namespace that it lives in, by /proc/PID/status; 0 if that is the
+/// reader's own, where it has one name.
+pid_t parseInnerId(std::string_view text);
 
 /// Nanoseconds by which `clock` of a time namespace is ahead of the kernel's own, by
 /// /proc/PID/timens_offsets (time_namespaces(7)); 0 for a clock that has no line there.

@@ -48,8 +48,8 @@ pid_t lockOwner(int processDir, pid_t pid, const ThreadFacts& facts) {
   MutexWords words{};
   if (!facts.syscall || !waitsForFutex(*facts.syscall)) return 0;
   if (!readWords(pid, facts.syscall->arguments[0], words)) return 0;
-  pid_t owner = ownerInMutex(words);
-  if (owner <= 0 || faccessat(processDir, taskPath(owner, "stat").c_str(), F_OK, 0) != 0) return 0;
+  const pid_t owner = threadCalled(processDir, ownerInMutex(words));
+  if (owner == 0) return 0;
   // What was read counts only if the thread still waits there.
   FileText now = readFileAt(processDir, taskPath(facts.tid, "syscall").c_str(), kMaxProcFileBytes);
   return parseSyscall(now.text).value_or(SystemCall{}).arguments == facts.syscall->arguments ? owner : 0;

@@ -63,7 +63,7 @@ class Capturer {
     // What looks at the threads is none of the process's own.
     std::erase(tids_, gettid());
     size_t count = tids_.size();
-    auto hung = std::find(tids_.begin(), tids_.end(), target_.threadId);
+    auto hung = std::find(tids_.begin(), tids_.end(), threadCalled(dir_.get(), target_.threadId));
     bool found = hung != tids_.end();
     if (!found) hung = std::find(tids_.begin(), tids_.end(), target_.pid);
     if (hung != tids_.end()) std::rotate(tids_.begin(), hung, hung + 1);

@@ -1,10 +1,12 @@
 #include "kelvane/threads/thread_facts.h"
 
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
@@ -71,6 +73,21 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
   facts.kernelStack = parseKernelStack(stack.text, kMaxKernelFrames);
   if (stack.error) noteOnce(omissions, "kernel stacks", stack.error);
   return facts;
+}
+
+pid_t threadCalled(int processDir, int64_t id) {
+  if (id <= 0 || id > INT_MAX) return 0;
+  const auto called = static_cast<pid_t>(id);
+  const auto innerId = [&](const std::string& status) {
+    return parseInnerId(readFileAt(processDir, status.c_str(), kMaxProcFileBytes).text);
+  };
+  if (innerId("status") == 0) {
+    return faccessat(processDir, taskPath(called, "stat").c_str(), F_OK, 0) == 0 ? called : 0;
+  }
+  for (const pid_t tid : listNumbersAt(processDir, "task", kMaxThreadsCounted)) {
+    if (innerId(taskPath(tid, "status")) == called) return tid;
+  }
+  return 0;
 }
 
 char readThreadState(int processDir, pid_t tid) {

@@ -35,6 +35,10 @@ std::string taskPath(pid_t tid, const char* name);
 /// permitted is added to `omissions`, once per kind.
 std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vector<Omission>& omissions);
 
+/// The process's thread that it calls `id` itself, which in a PID namespace of its own is another number than
+/// /proc has here; 0: it has none.
+pid_t threadCalled(int processDir, int64_t id);
+
 /// The thread's state right now (proc(5)); '?' if it has gone.
 char readThreadState(int processDir, pid_t tid);
 

@@ -357,6 +357,24 @@ TEST(Dump, AStrippedProgramInAMountNamespaceIsUnwoundAllTheSame) {
   EXPECT_GT(thread["frames"], 4) << "up to the thread's start";
 }
 
+/// In a container a process knows its threads by other ids: those it says, and those in its locks.
+TEST(Dump, ThreadsOfAPidNamespaceAreFoundByTheirInnerIds) {
+  if (system("unshare --pid --fork --mount-proc true") != 0)
+    GTEST_SKIP() << "no PID namespace can be made here";
+  HangTarget unshare =
+      HangTarget::byScript("exec unshare --pid --fork --mount-proc --kill-child \"$1\" mutex");
+  const std::string own = std::to_string(unshare.pid());
+  pid_t victim = 0;
+  std::ifstream("/proc/" + own + "/task/" + own + "/children") >> victim;
+  if (victim == 0) GTEST_SKIP() << "this kernel doesn't tell whose children are whose";
+  EXPECT_LT(unshare.thread(), 10) << "the victim's own numbering";
+  Dump dump = dumpOf(victim, unshare.thread());
+  EXPECT_EQ(dump.whyLeftOut("hung thread"), "");
+  EXPECT_EQ(dump.report["threads"][0]["hung"], true);
+  EXPECT_NE(dump.report["threads"][0]["tid"], victim);
+  EXPECT_EQ(dump.report["metadata"]["verdict"]["lock"]["ownerTid"], victim) << dump.report["metadata"];
+}
+
 TEST(Dump, CodeMadeAtRunTimeEndsTheStackAndIsSaid) {
   HangTarget victim("jit");
   Dump dump = dumpOf(victim.pid(), victim.thread());

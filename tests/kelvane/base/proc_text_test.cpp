@@ -23,6 +23,10 @@ TEST(ProcText, StatOfACommandMadeToConfuse) {
 TEST(ProcText, StatusSyscallAndKernelStack) {
   EXPECT_EQ(parseStatusNumber("Tgid:\t7\nTracerPid:\t815\nx", "TracerPid"), 815u);
   EXPECT_EQ(parseStatusNumber("NoTgid:\t7\n", "Tgid"), 0u);
+  EXPECT_EQ(parseInnerId("Tgid:\t7\nNSpid:\t815\t42\t3\nx"), 3);
+  for (const char* here : {"", "NSpid:\t815\n", "NSpid:\t815\t", "NSpid:\t815\tx\n", "xNSpid:\t1\t2\n"}) {
+    EXPECT_EQ(parseInnerId(here), 0) << here;
+  }
   EXPECT_EQ(parseSyscall("202 0x1 0x80 0x7fffffffffffffff 0x7f\n"),
             (SystemCall{202, {1, 0x80, 0x7fffffffffffffff, 0x7f}}));
   EXPECT_EQ(parseSyscall("-1 0x7f 0x7f\n")->number, -1);
