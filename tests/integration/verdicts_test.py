@@ -6,12 +6,10 @@ import pathlib
 import subprocess
 import unittest
 
-from scratch import ScratchTest
-from waiting import PATIENCE, schedule
+from recorder import RecorderTest
+from waiting import schedule
 
 CHECK_IMPORT = pathlib.Path(__file__).parents[2] / "scripts/check-import"
-BUSY_PERCENT = 30  # by themselves, these hangs and their reports hardly wait for each other, but for the hogs
-RECORDER = os.environ.get("QV_TEST_RECORDER", "")
 
 
 def children(pid):
@@ -26,29 +24,10 @@ def children(pid):
     return found
 
 
-class Verdicts(ScratchTest):
+class Verdicts(RecorderTest):
     def setUp(self):
-        if not RECORDER:
-            self.skipTest("the flight recorder's control was not built")
         self.scratch = self.daemon(QuorvelHangTimeoutDuration=1000.0)
-        # Room enough for what else this machine does meanwhile.
-        started = self.recorder("start", "--buffer-kb", "16384")
-        if started.returncode != 0:
-            self.skipTest(f"no flight recorder can run here: {started.stderr.strip()}")
-        self.addCleanup(self.recorder, "stop")
-
-    def recorder(self, *command):
-        return subprocess.run([RECORDER, *command], env=self.scratch.environment(), capture_output=True, text=True,
-                              timeout=PATIENCE)
-
-    def skip_if_overrun(self, metadata):
-        """The recorder keeps so many events, of which a report reads as many as it can in a second; both say if not all."""
-        short = [f"{one['what']}: {one['why']}" for one in metadata["leftOut"] if "flight recorder" in one["what"]
-                 and one["why"] in ("reading took too long", "more than a report takes")]
-        lost = metadata["verdict"]["evidence"]["eventsLost"]
-        pressure = metadata["verdict"]["pressure"].get("cpu", {"some10": 0})["some10"]
-        if pressure >= BUSY_PERCENT and (short or lost):
-            self.skipTest(f"something waited for a CPU for {pressure} % of the last 10 s; {lost} events lost {short}")
+        self.start_recorder(self.scratch)
 
     def report_of(self, how):
         """The report of a hang that was still on when it was made."""

@@ -51,10 +51,10 @@ HangTarget::~HangTarget() {
   waitpid(pid_, nullptr, 0);
 }
 
-std::string HangTarget::statesOf(pid_t pid) {
+std::string HangTarget::threadStates() const {
   std::string states;
   std::error_code gone;
-  for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
+  for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
     std::ifstream file(entry.path() / "stat");
     std::string text(std::istreambuf_iterator<char>(file), {});
     if (auto stat = kelvane::parseStat(text)) states += stat->state;

@@ -26,8 +26,7 @@ class HangTarget {
   /// The thread that the victim's mode is about.
   pid_t thread() const { return thread_; }
   /// The states (proc(5)) of all its threads, in the order of /proc.
-  std::string threadStates() const { return statesOf(pid_); }
-  static std::string statesOf(pid_t pid);
+  std::string threadStates() const;
   /// Waits until all threads are in `state`; false if they never are.
   bool reaches(char state) const;
   void signal(int number) const;

@@ -14,6 +14,7 @@
 #include "kelvane/recording/recorder_folder.h"
 #include "kelvane/recording/recording.h"
 #include "tests/kelvane/hang_target.h"
+#include "tests/patience.h"
 
 namespace kelvane {
 namespace {
@@ -76,7 +77,8 @@ std::string whyNot(const Recording& recording) {
 
 TEST_F(Recorder, ShowsEachReaderTheSamePast) {
   EXPECT_EQ(whyNot(readAll()), "it is not running: kelvanectl start");
-  if (const std::string error = start(); !error.empty()) GTEST_SKIP() << error;
+  constexpr size_t kRoomyKb = 4 * kDefaultBufferKb;  // for what else this machine does
+  if (const std::string error = start(kRoomyKb); !error.empty()) GTEST_SKIP() << error;
   EXPECT_TRUE(startRecorder(kDefaultBufferKb).wasSo);
 
   kelvane_test::HangTarget victim("kinds");
@@ -111,6 +113,9 @@ TEST_F(Recorder, ShowsEachReaderTheSamePast) {
 
   const Recording later = readRecording(stoppedNs, monotonicNs(), Deadline(kLong));
   expectSound(later);
+  if (later.lostEvents > 0 || !later.omissions.empty())
+    GTEST_SKIP() << "others had more events recorded than are kept or read: " << later.lostEvents << " lost, "
+                 << whyNot(later);
   EXPECT_EQ(later.coveredFromNs, stoppedNs);
   EXPECT_EQ(count(later, "before"), 0u);
   EXPECT_EQ(count(later, "between"), 1u);
@@ -120,7 +125,7 @@ TEST_F(Recorder, ShowsEachReaderTheSamePast) {
   EXPECT_GT(status.coveredNs, 0u);
   EXPECT_GT(status.eventsPerSecond, 0);
   EXPECT_GT(status.keptBytes, 0u);
-  EXPECT_GE(status.bufferKb, kDefaultBufferKb);
+  EXPECT_GE(status.bufferKb, kRoomyKb);
   EXPECT_EQ(stopRecorder().error, "");
   EXPECT_FALSE(readRecorderStatus(Deadline(kLong)).running);
 }
@@ -168,10 +173,13 @@ TEST_F(Recorder, SurvivesWhateverItsFolderHolds) {
       file.close();
       if (round % 10 == 9) std::filesystem::resize_file(entry.path(), size + 100);
     }
-    mark("new");
-    const Recording recording = readAll();
-    expectSound(recording);
-    EXPECT_GE(count(recording, "new"), 1u);
+    // A busy machine may overwrite a mark before it is read.
+    EXPECT_TRUE(quorveld::tests::eventually([&] {
+      mark("new");
+      const Recording recording = readAll();
+      expectSound(recording);
+      return count(recording, "new") > 0;
+    }));
   }
   std::ofstream(folder() / "started") << "soon";
   EXPECT_FALSE(readAll().events.empty());
