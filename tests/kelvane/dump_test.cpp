@@ -262,7 +262,9 @@ TEST(Dump, ThousandsOfThreadsAreBounded) {
   EXPECT_TRUE(dump.whole);
   EXPECT_LT(dump.took, 3s);
   EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos);
-  if (dump.text.find("the time for the capture was over") != std::string::npos && isShortOfCpu(dump)) {
+  const bool isCut = dump.text.find("the time for the capture was over") != std::string::npos ||
+                     dump.text.find("the kernel held up") != std::string::npos;
+  if (isCut && isShortOfCpu(dump)) {
     GTEST_SKIP() << "others had the CPUs until the time for the capture was over: "
                  << dump.report["metadata"]["verdict"]["pressure"];
   }
