@@ -139,14 +139,17 @@ TEST_F(Recorder, OwnsUpToWhatWasOverwritten) {
   ASSERT_EQ(sched_setaffinity(0, sizeof here, &here), 0);
   mark("first");
   for (int i = 0; i < 20'000; ++i) mark("more");
-  mark("last");
-  const Recording recording = readAll();
+  Recording recording;
+  // A busy machine may overwrite all of so small a buffer again before it is read.
+  EXPECT_TRUE(quorveld::tests::eventually([&] {
+    mark("last");
+    recording = readAll();
+    return recording.coveredFromNs < recording.toNs && count(recording, "last") > 0;
+  }));
   expectSound(recording);
   EXPECT_EQ(count(recording, "first"), 0u);
-  EXPECT_EQ(count(recording, "last"), 1u);
   EXPECT_GT(recording.lostEvents, 0u);
   EXPECT_GT(recording.coveredFromNs, startedNs_);
-  EXPECT_LT(recording.coveredFromNs, recording.toNs);
   // What is kept has a limit too.
   for (int round = 0; round < 20; ++round) {
     for (int i = 0; i < 2'000; ++i) mark("more");
