@@ -24,7 +24,7 @@ UniqueFd datagramSocket(int family) {
 std::string statsdName(std::string_view key) {
   std::string name(key);
   for (char& c : name) {
-    const bool control = (c >= 0 && c <= ' ') || c == 0x7F;
+    const bool control = static_cast<unsigned char>(c) <= ' ' || c == 0x7F;
     if (control || std::strchr(":|@#,", c)) c = '_';
   }
   return name;

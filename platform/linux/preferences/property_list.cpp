@@ -170,7 +170,7 @@ std::string escaped(std::string_view text) {
       result += "&lt;";
     } else if (c == '>') {
       result += "&gt;";
-    } else if (c >= 0 && c < ' ' && c != '\n' && c != '\t') {
+    } else if (static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\t') {
       result += "&#" + std::to_string(c) + ";";
     } else {
       result += c;
