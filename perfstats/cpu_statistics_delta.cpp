@@ -11,16 +11,16 @@ namespace quorveld {
 
 namespace {
 
-using Usage = platform::rusage_info_v3;
+using Rusage = platform::rusage_info_v3;
 
 // As packs, so that every field is a fixed offset in straight code.
 template <auto... kFields>
-bool noneFell(const Usage& start, const Usage& end) {
+bool noneFell(const Rusage& start, const Rusage& end) {
   return ((end.*kFields >= start.*kFields) && ...);
 }
 
 template <auto... kFields>
-void subtract(const Usage& start, const Usage& end, Usage& difference) {
+void subtract(const Rusage& start, const Rusage& end, Rusage& difference) {
   ((difference.*kFields = end.*kFields - start.*kFields), ...);
 }
 
@@ -77,12 +77,12 @@ size_t merge(std::span<const task_statistics> start, std::span<const task_statis
 
 }  // namespace
 
-void delta_task_rusage(const Usage& start, const Usage& end, Usage* difference, int32_t pid) {
+void delta_task_rusage(const Rusage& start, const Rusage& end, Rusage* difference, int32_t pid) {
   const bool sameProcess =
-      noneFell<&Usage::user_time, &Usage::pageins, &Usage::diskio_bytesread, &Usage::diskio_byteswritten,
-               &Usage::cpu_time_qos_default, &Usage::cpu_time_qos_background, &Usage::cpu_time_qos_utility,
-               &Usage::cpu_time_qos_legacy, &Usage::cpu_time_qos_user_initiated,
-               &Usage::cpu_time_qos_user_interactive, &Usage::cpu_time_qos_maintenance>(start, end);
+      noneFell<&Rusage::user_time, &Rusage::pageins, &Rusage::diskio_bytesread, &Rusage::diskio_byteswritten,
+               &Rusage::cpu_time_qos_default, &Rusage::cpu_time_qos_background, &Rusage::cpu_time_qos_utility,
+               &Rusage::cpu_time_qos_legacy, &Rusage::cpu_time_qos_user_initiated,
+               &Rusage::cpu_time_qos_user_interactive, &Rusage::cpu_time_qos_maintenance>(start, end);
   if (!sameProcess) {
     quorvelLog().standard(
         " ******* QVActivationStats: Start values are greater than end values "
@@ -92,11 +92,12 @@ void delta_task_rusage(const Usage& start, const Usage& end, Usage* difference, 
     *difference = end;
     return;
   }
-  subtract<&Usage::user_time, &Usage::system_time, &Usage::pageins, &Usage::wired_size, &Usage::resident_size,
-           &Usage::phys_footprint, &Usage::diskio_bytesread, &Usage::diskio_byteswritten,
-           &Usage::cpu_time_qos_default, &Usage::cpu_time_qos_maintenance, &Usage::cpu_time_qos_background,
-           &Usage::cpu_time_qos_utility, &Usage::cpu_time_qos_legacy, &Usage::cpu_time_qos_user_initiated,
-           &Usage::cpu_time_qos_user_interactive>(start, end, *difference);
+  subtract<&Rusage::user_time, &Rusage::system_time, &Rusage::pageins, &Rusage::wired_size,
+           &Rusage::resident_size, &Rusage::phys_footprint, &Rusage::diskio_bytesread,
+           &Rusage::diskio_byteswritten, &Rusage::cpu_time_qos_default, &Rusage::cpu_time_qos_maintenance,
+           &Rusage::cpu_time_qos_background, &Rusage::cpu_time_qos_utility, &Rusage::cpu_time_qos_legacy,
+           &Rusage::cpu_time_qos_user_initiated, &Rusage::cpu_time_qos_user_interactive>(start, end,
+                                                                                         *difference);
 }
 
 CpuStatisticsPtr delta_cpu_statistics(cpu_statistics* start, cpu_statistics* end) {
