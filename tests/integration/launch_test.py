@@ -37,6 +37,11 @@ class Launches(ScratchTest):
         command = [CTL, "activations", "--all", "--json"]
         return json.loads(subprocess.run(command, env=daemon.environment(), check=True, stdout=subprocess.PIPE).stdout)
 
+    def recorded(self, daemon, count):
+        """The launches on record, once there are `count`: the daemon writes of one when its command has long ended."""
+        until(lambda: len(self.activations(daemon)) >= count, f"{count} launches on record")
+        return self.activations(daemon)
+
     def held(self, daemon, bundle, script):
         """The shell `script`, launched, which runs once the daemon has looked at the system as it was before."""
         looks = daemon.log().count("ipxStartLatencyInMs")
@@ -48,11 +53,12 @@ class Launches(ScratchTest):
 
     def cpu_of(self, daemon, bundle, script):
         """CPU in ms that the daemon reports of `script`'s own process, and what the kernel charged for the whole run."""
+        before = len(self.activations(daemon))
         process = self.held(daemon, bundle, script)
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = os.waitstatus_to_exitcode(status)
         self.assertEqual(process.returncode, 0, process.stderr.read())
-        activation = self.activations(daemon)[-1]
+        activation = self.recorded(daemon, before + 1)[-1]
         self.assertEqual(activation["bundleID"], bundle)
         own = next(cost for cost in activation["processes"] if cost["pid"] == activation["pid"])
         self.assertEqual(own["life"], "throughout")
@@ -85,9 +91,8 @@ class Launches(ScratchTest):
         # The child's own figures come from its shell, before it says that the application is up.
         script = f"({BURN.format(800_000)}; times; systemd-notify --ready; read -r end) 2>&1"
         process = self.held(daemon, "com.example.ready", script + "; exit 5")
-        until(lambda: (daemon.root / "var/log/quorveld/activations.jsonl").exists(), "the record of the launch")
+        (activation,) = self.recorded(daemon, 1)
         self.assertIsNone(process.poll())
-        (activation,) = self.activations(daemon)
         self.assertEqual((activation["bundleID"], activation["type"], activation["result"]),
                          ("com.example.ready", "launch", 0))
         output, _ = process.communicate("end\n", timeout=PATIENCE)
@@ -105,7 +110,7 @@ class Launches(ScratchTest):
         self.assertEqual(self.launch(daemon, "a", "--", "sh", "-c", "kill -KILL $$")[0], 137)
         self.assertEqual(self.launch(daemon, "--resume", "a", "--", "/nonsense/none")[0], 127)
         self.assertEqual(self.launch(daemon, "a", "--", "/etc/passwd")[0], 126)
-        self.assertEqual([(one["type"], one["result"]) for one in self.activations(daemon)],
+        self.assertEqual([(one["type"], one["result"]) for one in self.recorded(daemon, 4)],
                          [("launch", 3), ("launch", 137), ("resume", 127), ("launch", 126)])
         for number in (signal.SIGTERM, signal.SIGINT):
             process = self.start(daemon, "a", "--", "sh", "-c", "trap 'exit 9' TERM INT; echo up; while :; do sleep 0.1; done")
@@ -117,7 +122,7 @@ class Launches(ScratchTest):
         address = process.stdout.readline().strip()
         subprocess.run(["systemd-notify", "--ready"], env={**os.environ, "NOTIFY_SOCKET": address}, check=True)
         process.communicate("end\n", timeout=PATIENCE)
-        self.assertEqual(self.activations(daemon)[-1]["result"], 6)
+        self.assertEqual(self.recorded(daemon, 7)[-1]["result"], 6)
 
     def test_without_a_daemon_the_command_runs_all_the_same(self):
         status, output, errors = self.launch(self.daemon(start=False), "a", "--", "sh", "-c", "echo ran; exit 4")
