@@ -24,7 +24,7 @@ class SampleApplication(ScratchTest):
         self.addCleanup(sample.kill)
         daemon.wait_for("quorvel-sample: Hang detected")
         daemon.wait_for("Moving kelvane to spool")
-        (name,) = daemon.reports()
+        (name,) = daemon.filed()
         self.assertRegex(name, r"^MainThread-quorvel-sample-\d{4}-\d\d-\d\d-\d{6}\.kelvane$")
         report = json.loads((daemon.spool / name).read_text())
         text = json.dumps(report["metadata"])

@@ -72,7 +72,7 @@ class RawPeer(ScratchTest):
                   threadID=Int64(os.getpid()), saveReport=True)
         daemon.wait_for("Hang detected 3.00s (Slow/../query)")
         daemon.wait_for("Moving kelvane to spool")
-        (report,) = daemon.reports()
+        (report,) = daemon.filed()
         self.assertTrue(report.startswith("Slow_.._query-"), report)
         peer.close()
         daemon.wait_for(f"Client disconnected: {os.getpid()}")
@@ -90,7 +90,7 @@ class RawPeer(ScratchTest):
         peer.send(command=8, startTime=Int64(start), endTime=Int64(end))
         daemon.wait_for("Fence-hang, but waiting for FenceHangCapture - not saving another report!")
         daemon.wait_for("Moving kelvane to spool")
-        self.assertEqual(len(daemon.reports()), 1)
+        self.assertEqual(len(daemon.filed()), 1)
 
     def test_malformed_messages_are_named_and_dropped(self):
         daemon = self.daemon()

@@ -113,6 +113,11 @@ class Scratch:
     def reports(self):
         return sorted(path.name for path in self.spool.iterdir() if path.is_file())
 
+    def filed(self, count=1):
+        """The reports, once there are `count`: the daemon says that it moves one before it does."""
+        until(lambda: len(self.reports()) >= count, f"{count} reports in the spool")
+        return self.reports()
+
     def sample(self, *options):
         """The sample application, in a session of its own."""
         return subprocess.Popen([SAMPLE, *options], env=self.environment(), stdout=subprocess.PIPE, text=True,

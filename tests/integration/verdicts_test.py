@@ -43,7 +43,7 @@ class Verdicts(RecorderTest):
         # What the kernel counted of the thread, which has hung for nearly all of its life.
         self.ran, self.waited = schedule(sample.pid)
         self.hogs = [schedule(pid)[0] for pid in children(sample.pid)]
-        (name,) = self.scratch.reports()
+        (name,) = self.scratch.filed()
         report = json.loads((self.scratch.spool / name).read_text())
         verdict = report["metadata"]["verdict"]
         print(f"{how}: {verdict['sentence']} The kernel counted {self.ran:.1f} s on the CPU, {self.waited:.1f} s ready for it.")
@@ -77,7 +77,7 @@ class Verdicts(RecorderTest):
         self.assertEqual(verdict["cause"], "lock", verdict)
         self.assertIn(verdict["lock"]["ownerTid"], [thread["tid"] for thread in report["threads"][1:]])
         self.assertEqual(verdict["waits"][0]["state"], "sleeping")
-        (name,) = self.scratch.reports()
+        (name,) = self.scratch.filed()
         imported = subprocess.run([CHECK_IMPORT, self.scratch.spool / name], capture_output=True, text=True)
         if imported.returncode == 77:
             self.skipTest(f"the verdict is right; speedscope: {imported.stdout.strip()}")
