@@ -89,7 +89,7 @@ class Install(unittest.TestCase):
         self.assertIn("--hang", run(self.found(moved, "quorvel-sample"), "--help"))  # it finds the library
         (self.folder / "CMakeLists.txt").write_text(PROJECT.format(version=version))
         tree = self.folder / "build"
-        run(CMAKE, "-S", self.folder, "-B", tree, f"-DCMAKE_PREFIX_PATH={moved}", f"-DCMAKE_C_COMPILER={COMPILER}")
+        run(CMAKE, "-G", "Ninja", "-S", self.folder, "-B", tree, f"-DCMAKE_PREFIX_PATH={moved}", f"-DCMAKE_C_COMPILER={COMPILER}")
         run(CMAKE, "--build", tree)
         self.assertEqual(run(tree / "application").strip(), version)
 
