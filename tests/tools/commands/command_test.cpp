@@ -21,7 +21,7 @@ class Command : public testing::Test {
 
   /// The exit status; what it said is in `output_`, stderr too.
   int run(const std::string& arguments) {
-    const std::string line = std::string(QUORVELCTL) + " --root " + root_ + " " + arguments + " 2>&1";
+    const std::string line = "'" QUORVELCTL "' --root " + root_ + " " + arguments + " 2>&1";
     FILE* pipe = popen(line.c_str(), "r");
     output_.clear();
     for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) output_ += static_cast<char>(c);
