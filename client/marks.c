@@ -8,8 +8,9 @@
  *
  * What the daemon does meanwhile, without any lock:
  *   D0 reads the clock;  D1 reads timeoutExempt (seq_cst) and goes on if it is 0;  D2 reads startTime and
- * goes on if it is too old at D0;  D3 copies hangName, threadID and wantsKelvane (acquire);  D4 turns startTime from
- * what it read at D2 into all ones, by a compare-and-swap, and reports what it copied if that succeeds.
+ * goes on if it is too old at D0;  D3 copies hangName, threadID and wantsKelvane (acquire);  D4 turns
+ * startTime from what it read at D2 into all ones, by a compare-and-swap, and reports what it copied if that
+ * succeeds.
  *
  * The slot may be ended and used again between any two of these. The order of the stores here upholds:
  *   1. A begin writes timeoutExempt last, by a release store. So whoever reads 0 at D1 reads at D2 the start
