@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/proc_text.h"
@@ -55,9 +56,10 @@ std::string HangTarget::threadStates() const {
   std::string states;
   std::error_code gone;
   for (auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
-    std::ifstream file(entry.path() / "stat");
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    if (auto stat = kelvane::parseStat(text)) states += stat->state;
+    std::ostringstream
+        text;  // empty if the thread has ended meanwhile; an iterator over the file would throw
+    text << std::ifstream(entry.path() / "stat").rdbuf();
+    if (auto stat = kelvane::parseStat(text.str())) states += stat->state;
   }
   return states;
 }
