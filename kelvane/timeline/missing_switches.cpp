@@ -15,18 +15,20 @@ void addMissingSwitches(Recording& recording) {
   };
   if (recording.lostEvents > 0) return;
   std::vector<Cpu> cpus;
-  std::unordered_map<int32_t, uint64_t> wokenNs;
+  std::unordered_map<int32_t, uint64_t> seenNs;  // each thread's last event, on whatever CPU
   std::vector<RecordedEvent> missing;
   for (const RecordedEvent& event : recording.events) {
     if (event.cpu >= cpus.size()) cpus.resize(size_t{event.cpu} + 1);
     Cpu& cpu = cpus[event.cpu];
     if (cpu.tid == 0 && event.tid != 0) {
-      uint64_t atNs = std::max(cpu.lastEventNs, wokenNs[event.tid]);
+      uint64_t atNs = std::max(cpu.lastEventNs, seenNs[event.tid]);
       missing.push_back({atNs, RecordedKind::contextSwitch, 'R', event.cpu, 0, event.tid, 0, 0, 0});
     }
     cpu.tid = event.kind == RecordedKind::contextSwitch ? event.other : event.tid;
     cpu.lastEventNs = event.atNs;
-    if (event.kind == RecordedKind::wakeup) wokenNs[event.other] = event.atNs;
+    seenNs[event.tid] = event.atNs;
+    if (event.kind == RecordedKind::wakeup || event.kind == RecordedKind::contextSwitch)
+      seenNs[event.other] = event.atNs;
   }
   auto earlier = [](const RecordedEvent& a, const RecordedEvent& b) { return a.atNs < b.atNs; };
   if (missing.empty()) return;

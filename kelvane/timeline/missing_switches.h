@@ -6,8 +6,9 @@ namespace kelvane {
 
 /// Puts in the switches away from idle tasks that the kernel did not record, which no count of lost events
 /// tells: seen with Linux 6.18 in a virtual machine, on one CPU of two, for minutes. A thread that shows up
-/// on a CPU which was idle has been there since the CPU's last event, or since its own wake-up if that is
-/// later. Does nothing where events were lost, since these may be the ones.
+/// on a CPU which was idle has been there since the CPU's last event, or since its own last event if that is
+/// later: it may have come from another CPU. Does nothing where events were lost, since these may be the
+/// ones.
 void addMissingSwitches(Recording& recording);
 
 }  // namespace kelvane

@@ -105,6 +105,17 @@ TEST(ThreadTimeline, ASwitchFromIdleThatTheKernelKeptBackIsMadeUp) {
   EXPECT_EQ(spans[3].state, ThreadState::running);
   EXPECT_EQ(spans[3].fromNs, 2'001 * kMs);
   EXPECT_EQ(spans[3].toNs, 5'000 * kMs);
+
+  // It came from another CPU, long after this one had become idle.
+  Machine moved;
+  moved.switches(1'000, kApp, 'R', kHog);
+  moved.switches(2'000, kHog, 'S', kApp);
+  moved.switches(3'000, kOther, 'S', 0, 1);
+  moved.switches(6'000, kApp, 'R', kHog);
+  moved.switches(9'000, kApp, 'S', kOther, 1);
+  moved.addMissing();
+  EXPECT_EQ(timeByState(moved.timeline(), 0, 11'000 * kMs),
+            (TimeByState{8'000 * kMs, 1'000 * kMs, 2'000 * kMs, 0, 0, 0}));
 }
 
 TEST(ThreadTimeline, AThreadWithoutEventsIsJudgedByTheLook) {
