@@ -1,22 +1,16 @@
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <libelf.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
-#include <thread>
 
 #include "client/include/quorvel.h"
 #include "kelvane/base/limits.h"
@@ -25,74 +19,15 @@
 
 namespace kelvane_test {
 
-std::atomic<bool> filesAreHeldUp{false};
-
 namespace {
 
-using Json = nlohmann::json;
 using namespace std::chrono_literals;
 using quorveld::tests::eventually;
-
-bool contains(const std::vector<std::string>& names, const std::string& part) {
-  return std::any_of(names.begin(), names.end(),
-                     [&](const std::string& name) { return name.find(part) != std::string::npos; });
-}
-
-bool isRoot() {
-  return geteuid() == 0;
-}
 
 /// They are told to root with CAP_SYS_ADMIN, by kernels that can.
 bool kernelStacksAreTold() {
   std::ifstream stack("/proc/self/stack");
   return stack.get() != EOF;
-}
-
-/// Whether others have the CPUs so much that a look at a process may run out of time, going by its report. By
-/// itself it takes a fifth of its time or less.
-bool isShortOfCpu(const Dump& dump) {
-  const Json& pressure = dump.report["metadata"]["verdict"]["pressure"];
-  constexpr double kBusyPercent = 30;
-  return pressure.contains("cpu") && pressure["cpu"]["some10"] >= kBusyPercent;
-}
-
-/// What the viewers' importers ask of a file: every event has its members, every interval nests, every
-/// reference leads to a frame, and no chain of parents is a circle (a parent has a smaller id).
-void expectOpensInViewers(const Json& report) {
-  EXPECT_EQ(report["displayTimeUnit"], "ms");
-  const Json& frames = report["stackFrames"];
-  for (auto& [id, frame] : frames.items()) {
-    EXPECT_TRUE(frame["name"].is_string());
-    if (frame.contains("parent")) {
-      EXPECT_TRUE(frames.contains(frame["parent"]));
-      EXPECT_LT(std::stoi(frame["parent"].get<std::string>()), std::stoi(id));
-    }
-  }
-  std::map<std::pair<int64_t, int64_t>, std::vector<std::pair<double, double>>> open;
-  for (const Json& event : report["traceEvents"]) {
-    std::string phase = event["ph"];
-    EXPECT_TRUE(phase == "M" || phase == "X" || phase == "P" || phase == "i") << phase;
-    EXPECT_TRUE(event["pid"].is_number_integer() && event["tid"].is_number_integer());
-    EXPECT_TRUE(event["name"].is_string());
-    if (phase == "M") {
-      EXPECT_TRUE(event["args"]["name"].is_string());
-    }
-    if (phase == "P") {
-      EXPECT_TRUE(frames.contains(event["sf"]));
-    }
-    if (phase != "X") continue;
-    double start = event["ts"], end = start + event["dur"].get<double>();
-    auto& intervals = open[{event["pid"], event["tid"]}];
-    // Those that are over by now, but for rounding, hold nothing any more.
-    while (!intervals.empty() && intervals.back().second <= start + 1e-3 && intervals.back().first < start) {
-      intervals.pop_back();
-    }
-    if (!intervals.empty()) {
-      EXPECT_GE(start, intervals.back().first);
-      EXPECT_LE(end, intervals.back().second + 1e-3);
-    }
-    intervals.emplace_back(start, end);
-  }
 }
 
 TEST(Dump, ShowsEveryThreadOfAHungProcessWithTheHungOneFirst) {
@@ -190,201 +125,6 @@ TEST(Dump, WithoutNamesFramesSayModuleOffsetAndBuildId) {
   EXPECT_TRUE(offsetsInBare.contains(*offsetsOfFunction.begin()));
 }
 
-TEST(Dump, AStoppedProcessStaysStoppedAndRunsOnWhenTold) {
-  HangTarget victim("kinds");
-  victim.signal(SIGSTOP);
-  ASSERT_TRUE(victim.reaches('T'));
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  EXPECT_TRUE(dump.whole);
-  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "waitsInRead"));
-  EXPECT_EQ(dump.thread(victim.thread())["state"], "stopped");
-  EXPECT_TRUE(victim.reaches('T')) << victim.threadStates();
-  victim.signal(SIGCONT);
-  EXPECT_TRUE(eventually([&] { return victim.threadStates().find_first_of("Tt") == std::string::npos; }))
-      << victim.threadStates();
-}
-
-/// The wait for the thread is bounded, the others' stacks are there, and no stop lies in ambush for the time
-/// when the thread wakes.
-TEST(Dump, AnUninterruptibleThreadIsLeftAlone) {
-  HangTarget victim("vfork");
-  ASSERT_NE(victim.threadStates().find('D'), std::string::npos);
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  EXPECT_TRUE(dump.whole);
-  EXPECT_LT(dump.took, 2s);
-  Json thread = dump.thread(victim.thread());
-  EXPECT_EQ(thread["state"], "uninterruptible");
-  EXPECT_NE(thread.value("noStack", "").find("did not stop"), std::string::npos) << thread;
-  EXPECT_TRUE(contains(dump.stackOf(victim.pid()), "main"));
-  std::ifstream children("/proc/" + std::to_string(victim.pid()) + "/task/" +
-                         std::to_string(victim.thread()) + "/children");
-  pid_t child = 0;
-  ASSERT_TRUE(children >> child);
-  kill(child, SIGKILL);
-  EXPECT_TRUE(victim.reaches('S')) << victim.threadStates();
-}
-
-/// A file of the process that doesn't answer (its server is dead, say) costs the budget and no more; the next
-/// report waits for nothing.
-TEST(Dump, ACaptureThatIsHeldUpIsLeftBehind) {
-  HangTarget victim("kinds");
-  filesAreHeldUp = true;
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  EXPECT_TRUE(dump.whole);
-  EXPECT_LT(dump.took, 3500ms);
-  EXPECT_NE(dump.whyLeftOut("process").find("held up"), std::string::npos);
-  EXPECT_EQ(dump.report["threads"].size(), 5u);
-  Dump next = dumpOf(victim.pid(), victim.thread());
-  EXPECT_LT(next.took, 1s);
-  EXPECT_NE(next.whyLeftOut("process").find("earlier capture"), std::string::npos);
-  EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos) << victim.threadStates();
-  filesAreHeldUp = false;
-  EXPECT_TRUE(eventually([&] {
-    return contains(dumpOf(victim.pid(), victim.thread()).stackOf(victim.thread()), "waitsInRead");
-  }));
-}
-
-/// Memory that never comes holds up the copy; the thread runs on all the same, and so does the caller.
-TEST(Dump, AThreadWhoseMemoryCannotBeReadIsLetGo) {
-  HangTarget victim("unprovided");
-  if (victim.thread() == victim.pid()) GTEST_SKIP() << "userfaultfd is not permitted here";
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  EXPECT_TRUE(dump.whole);
-  EXPECT_LT(dump.took, 2s);
-  EXPECT_EQ(dump.thread(victim.thread()).value("noStack", ""), "the kernel held up its copy");
-  EXPECT_TRUE(contains(dump.stackOf(victim.pid()), "main"));
-  EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos) << victim.threadStates();
-}
-
-TEST(Dump, ThousandsOfThreadsAreBounded) {
-  HangTarget victim("sleepers", 2000);
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  EXPECT_TRUE(dump.whole);
-  EXPECT_LT(dump.took, 3s);
-  EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos);
-  const bool isCut = dump.text.find("the time for the capture was over") != std::string::npos ||
-                     dump.text.find("the kernel held up") != std::string::npos;
-  if (isCut && isShortOfCpu(dump)) {
-    GTEST_SKIP() << "others had the CPUs until the time for the capture was over: "
-                 << dump.report["metadata"]["verdict"]["pressure"];
-  }
-  EXPECT_EQ(dump.report["metadata"]["capture"]["threads"], 2001);
-  ASSERT_EQ(dump.report["threads"].size(), kelvane::kMaxThreadsListed);
-  EXPECT_EQ(dump.report["threads"][0]["tid"], victim.thread()) << "the last one that was started";
-  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "sleepsForEver"));
-  // On a busy machine some don't stop in time.
-  EXPECT_LE(dump.report["metadata"]["capture"]["stacks"], kelvane::kMaxThreadsWithStack);
-  EXPECT_GT(dump.report["metadata"]["capture"]["stacks"], kelvane::kMaxThreadsWithStack / 2);
-  EXPECT_NE(dump.whyLeftOut("threads"), "");
-  EXPECT_NE(dump.whyLeftOut("user stacks"), "");
-}
-
-TEST(Dump, ADeepStackKeepsItsInnermostFrames) {
-  HangTarget victim("deep");
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  Json thread = dump.thread(victim.thread());
-  EXPECT_EQ(thread["frames"], kelvane::kMaxFramesPerStack);
-  EXPECT_NE(thread.value("stackCutOff", ""), "");
-  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "recurses"));
-  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "sleepsForEver"));
-}
-
-/// Threads that end while they are looked at, and the process with them; its end stays its parent's to
-/// collect.
-TEST(Dump, AProcessThatFallsApartMeanwhileGivesWhatWasThere) {
-  for (int ms : {1, 5, 20, 60}) {
-    HangTarget victim("churn", ms);
-    for (int turn = 0; turn < 20; turn++) {
-      Dump dump = dumpOf(victim.pid(), victim.thread());
-      ASSERT_TRUE(dump.whole);
-      expectOpensInViewers(dump.report);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    siginfo_t info{};
-    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(victim.pid()), &info, WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(info.si_status, 3);
-    Dump zombie = dumpOf(victim.pid(), victim.thread());
-    EXPECT_TRUE(zombie.whole);
-    EXPECT_NE(zombie.whyLeftOut("user stacks"), "");
-  }
-  pid_t gone;
-  {
-    HangTarget victim("sleepers", 1);
-    gone = victim.pid();
-  }
-  Dump dump = dumpOf(gone, gone);
-  EXPECT_TRUE(dump.whole);
-  EXPECT_NE(dump.whyLeftOut("process"), "");
-  EXPECT_EQ(dump.report["traceEvents"][1]["name"], "MainThread") << "the hang itself is still shown";
-}
-
-TEST(Dump, SaysWhenAnotherTracesTheProcess) {
-  HangTarget victim("kinds");
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t tracer = fork();
-  if (tracer == 0) {
-    char byte = ptrace(PTRACE_SEIZE, victim.thread(), nullptr, nullptr) == 0;
-    if (write(ready[1], &byte, 1) == 1) pause();
-    _exit(0);
-  }
-  char seized = 0;
-  ASSERT_EQ(read(ready[0], &seized, 1), 1);
-  if (seized) {
-    Dump dump = dumpOf(victim.pid(), victim.thread());
-    EXPECT_TRUE(dump.whole);
-    EXPECT_NE(dump.whyLeftOut("user stacks").find("traced by process " + std::to_string(tracer)),
-              std::string::npos);
-  }
-  kill(tracer, SIGKILL);
-  waitpid(tracer, nullptr, 0);
-  close(ready[0]);
-  close(ready[1]);
-  if (!seized) GTEST_SKIP() << "tracing is not permitted here";
-}
-
-/// In a container the program has no path here, and a shipped one has no symbols: its unwind tables still
-/// lead to the thread's start.
-TEST(Dump, AStrippedProgramInAMountNamespaceIsUnwoundAllTheSame) {
-  if (!isRoot()) GTEST_SKIP() << "needs root, to mount";
-  if (system("unshare -m mount -t tmpfs none /mnt && command -v strip >/dev/null") != 0)
-    GTEST_SKIP() << "no mount namespace can be made here, or there is no strip";
-  HangTarget victim = HangTarget::byScript(
-      "exec unshare -m sh -c 'mount -t tmpfs none /mnt && strip -o /mnt/hidden \"$1\" && "
-      "exec /mnt/hidden kinds' sh \"$1\"");
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  Json thread = dump.thread(victim.thread());
-  EXPECT_FALSE(thread.contains("stackCutOff")) << thread;
-  EXPECT_TRUE(contains(dump.stackOf(victim.thread()), "hidden+0x"));
-  EXPECT_GT(thread["frames"], 4) << "up to the thread's start";
-}
-
-/// In a container a process knows its threads by other ids: those it says, and those in its locks.
-TEST(Dump, ThreadsOfAPidNamespaceAreFoundByTheirInnerIds) {
-  if (system("unshare --pid --fork --mount-proc true") != 0)
-    GTEST_SKIP() << "no PID namespace can be made here";
-  HangTarget unshare =
-      HangTarget::byScript("exec unshare --pid --fork --mount-proc --kill-child \"$1\" mutex");
-  const std::string own = std::to_string(unshare.pid());
-  pid_t victim = 0;
-  std::ifstream("/proc/" + own + "/task/" + own + "/children") >> victim;
-  if (victim == 0) GTEST_SKIP() << "this kernel doesn't tell whose children are whose";
-  EXPECT_LT(unshare.thread(), 10) << "the victim's own numbering";
-  Dump dump = dumpOf(victim, unshare.thread());
-  EXPECT_EQ(dump.whyLeftOut("hung thread"), "");
-  EXPECT_EQ(dump.report["threads"][0]["hung"], true);
-  EXPECT_NE(dump.report["threads"][0]["tid"], victim);
-  EXPECT_EQ(dump.report["metadata"]["verdict"]["lock"]["ownerTid"], victim) << dump.report["metadata"];
-}
-
-TEST(Dump, CodeMadeAtRunTimeEndsTheStackAndIsSaid) {
-  HangTarget victim("jit");
-  Dump dump = dumpOf(victim.pid(), victim.thread());
-  Json thread = dump.thread(victim.thread());
-  EXPECT_GE(thread["frames"], 1) << thread;
-  EXPECT_NE(thread.value("stackCutOff", "").find("belongs to no file"), std::string::npos) << thread;
-}
-
 TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
   HangTarget victim("mutex");
   Json lock = dumpOf(victim.pid(), victim.thread()).report["metadata"]["verdict"];
@@ -440,13 +180,13 @@ TEST(Dump, TenThreadsStandStillForUnderTwoMilliseconds) {
   ASSERT_FALSE(stoppedUs.empty());
   printf("10 threads stopped for %d us in all (median of %zu dumps; %d to %d)\n",
          stoppedUs[stoppedUs.size() / 2], stoppedUs.size(), stoppedUs.front(), stoppedUs.back());
-  if (best() >= kLimitUs && isShortOfCpu(dump))
+  if (best() >= kLimitUs && dump.wasShortOfCpu())
     GTEST_SKIP() << "others had the CPUs: " << dump.report["metadata"]["verdict"]["pressure"];
   EXPECT_LT(best(), kLimitUs);
 }
 
 TEST(Dump, SaysWhatIsNotPermitted) {
-  if (!isRoot()) GTEST_SKIP() << "needs root, to have privileges to drop";
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to have privileges to drop";
   HangTarget victim("kinds");
   // Loads the library, too: below a folder of root's the other user could not.
   ASSERT_TRUE(dumpOf(victim.pid(), victim.thread()).whole);
@@ -536,10 +276,3 @@ TEST(Dump, LeavesTheCallerAsItWas) {
 }  // namespace
 
 }  // namespace kelvane_test
-
-/// Stands before libelf's own: a read of a file that the kernel can hold up.
-extern "C" Elf* elf_begin(int fd, Elf_Cmd command, Elf* reference) {
-  static const auto next = reinterpret_cast<decltype(&elf_begin)>(dlsym(RTLD_NEXT, "elf_begin"));
-  while (kelvane_test::filesAreHeldUp) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return next(fd, command, reference);
-}

@@ -8,8 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "kelvane/base/deadline.h"
@@ -17,8 +19,6 @@
 #include "tests/patience.h"
 
 namespace kelvane_test {
-
-using Json = nlohmann::json;
 
 HangTarget::HangTarget(const std::string& mode, int count)
     : HangTarget(std::vector<std::string>{KELVANE_VICTIM, mode, std::to_string(count)}) {}
@@ -153,6 +153,54 @@ Dump dumpWith(const char* reason, bool symbolicate) {
 
 Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate) {
   return dumpWith(headerOf(pid, threadId).dump().c_str(), symbolicate);
+}
+
+bool Dump::wasShortOfCpu() const {
+  const Json& pressure = report["metadata"]["verdict"]["pressure"];
+  constexpr double kBusyPercent = 30;
+  return pressure.contains("cpu") && pressure["cpu"]["some10"] >= kBusyPercent;
+}
+
+bool contains(const std::vector<std::string>& names, const std::string& part) {
+  return std::any_of(names.begin(), names.end(),
+                     [&](const std::string& name) { return name.find(part) != std::string::npos; });
+}
+
+void expectOpensInViewers(const Json& report) {
+  EXPECT_EQ(report["displayTimeUnit"], "ms");
+  const Json& frames = report["stackFrames"];
+  for (auto& [id, frame] : frames.items()) {
+    EXPECT_TRUE(frame["name"].is_string());
+    if (frame.contains("parent")) {
+      EXPECT_TRUE(frames.contains(frame["parent"]));
+      EXPECT_LT(std::stoi(frame["parent"].get<std::string>()), std::stoi(id));
+    }
+  }
+  std::map<std::pair<int64_t, int64_t>, std::vector<std::pair<double, double>>> open;
+  for (const Json& event : report["traceEvents"]) {
+    std::string phase = event["ph"];
+    EXPECT_TRUE(phase == "M" || phase == "X" || phase == "P" || phase == "i") << phase;
+    EXPECT_TRUE(event["pid"].is_number_integer() && event["tid"].is_number_integer());
+    EXPECT_TRUE(event["name"].is_string());
+    if (phase == "M") {
+      EXPECT_TRUE(event["args"]["name"].is_string());
+    }
+    if (phase == "P") {
+      EXPECT_TRUE(frames.contains(event["sf"]));
+    }
+    if (phase != "X") continue;
+    double start = event["ts"], end = start + event["dur"].get<double>();
+    auto& intervals = open[{event["pid"], event["tid"]}];
+    // Those that are over by now, but for rounding, hold nothing any more.
+    while (!intervals.empty() && intervals.back().second <= start + 1e-3 && intervals.back().first < start) {
+      intervals.pop_back();
+    }
+    if (!intervals.empty()) {
+      EXPECT_GE(start, intervals.back().first);
+      EXPECT_LE(end, intervals.back().second + 1e-3);
+    }
+    intervals.emplace_back(start, end);
+  }
 }
 
 }  // namespace kelvane_test

@@ -12,6 +12,8 @@
 
 namespace kelvane_test {
 
+using Json = nlohmann::json;
+
 /// A running victim process (victim.cpp); killed and collected by the destructor.
 class HangTarget {
  public:
@@ -50,25 +52,35 @@ class Library {
 };
 
 /// A header as the daemon writes it.
-nlohmann::json headerOf(pid_t pid, int64_t threadId);
+Json headerOf(pid_t pid, int64_t threadId);
 
 /// What a call returned, and the file that it left.
 struct Dump {
   bool whole = false;
   std::chrono::milliseconds took{};  // without what others had of the CPU that the caller was ready for
   std::string text;
-  nlohmann::json report;  // discarded if the text is no strict JSON
+  Json report;  // discarded if the text is no strict JSON
 
   /// The reasons given for leaving out `what`; empty if it is not among the left out.
   std::string whyLeftOut(const std::string& what) const;
   /// Names of the thread's stack frames, innermost first, from the sample's chain of "stackFrames".
   std::vector<std::string> stackOf(pid_t tid) const;
   /// The thread's entry in "threads"; null if it has none.
-  nlohmann::json thread(pid_t tid) const;
+  Json thread(pid_t tid) const;
+  /// Whether others had the CPUs so much that a look at a process may run out of time, going by this report.
+  /// By itself it takes a fifth of its time or less.
+  bool wasShortOfCpu() const;
 };
 
 /// Makes a report through the library into a fresh file; null text: no ReasonString option.
 Dump dumpWith(const char* reason, bool symbolicate = true);
 Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
+
+/// Whether one of the names has `part` in it.
+bool contains(const std::vector<std::string>& names, const std::string& part);
+
+/// What the viewers' importers ask of a file: every event has its members, every interval nests, every
+/// reference leads to a frame, and no chain of parents is a circle (a parent has a smaller id).
+void expectOpensInViewers(const Json& report);
 
 }  // namespace kelvane_test

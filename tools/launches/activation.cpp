@@ -6,9 +6,10 @@
 #include <tuple>
 
 namespace quorvelctl {
-namespace {
 
 using Json = nlohmann::json;
+
+namespace {
 
 constexpr const char* kOthersKey = "-1";
 constexpr uint64_t kFlagUnitMs = 50;

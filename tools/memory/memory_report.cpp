@@ -7,9 +7,10 @@
 #include <tuple>
 
 namespace quorvelctl {
-namespace {
 
 using Json = nlohmann::json;
+
+namespace {
 
 constexpr int kMaxDepth = 8;  // a report nests four deep
 constexpr uint64_t kMaxPageSizeBytes = uint64_t{1} << 20;

@@ -29,8 +29,9 @@ uint32_t largestLogBytes = 0;
 
 }  // namespace
 
-/// Stands before the C library's, through which libbpf makes its system calls.
-extern "C" long syscall(long number, ...) noexcept {
+/// Stands before the C library's, through which libbpf makes its system calls. As that does, it takes six
+/// arguments from callers who passed fewer, which AddressSanitizer would stop at.
+extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...) noexcept {
   using Syscall = long (*)(long, ...);
   static const auto real = reinterpret_cast<Syscall>(dlsym(RTLD_NEXT, "syscall"));
   std::array<void*, 6> arguments{};
