@@ -9,10 +9,10 @@
  *
  * and from anywhere to off by qv_disconnect. One epoll descriptor, which the application polls, holds the
  * socket of the moment and one timer: the handshake's limit, or the time of the next try. The wait doubles
- * with each try and starts afresh only after a connection has stood for kStableMs: a daemon that is started
- * by our connecting and has nothing to do must not be woken every second.
+ * with each try that fails, and starts afresh with a connection that was ready: a daemon that is started by
+ * our connecting and has nothing to do answers no handshake, and must not be woken every second.
  *
- * All state is under one lock, held only while nothing can block, save in qv_connect's wait. */
+ * All state is under one lock, held only while nothing can block, save while the handshake is waited for. */
 #include "client/connection.h"
 
 #include <errno.h>
@@ -28,7 +28,7 @@
 #include "client/include/quorvel.h"
 #include "client/region.h"
 
-enum { kHandshakeMs = 2000, kFirstRetryMs = 1000, kLastRetryMs = 60000, kStableMs = 60000 };
+enum { kHandshakeMs = 2000, kWatchWaitMs = 250, kFirstRetryMs = 1000, kLastRetryMs = 60000 };
 enum { kBusStepsPerCall = 64 };
 
 enum state { kOff, kWaiting, kHandshake, kReady };
@@ -44,7 +44,6 @@ static struct {
   int epoll_fd;
   int timer_fd;
   int retry_ms;
-  int64_t ready_since_ms;
   bool watched; /* the daemon is to watch this process */
   char bundle_id[QV_TEXT_MAX + 1];
   char name[QV_TEXT_MAX + 1];
@@ -112,7 +111,6 @@ static void drop_bus(void) {
 }
 
 static void lose(int error) {
-  if (self.state == kReady && now_ms() - self.ready_since_ms >= kStableMs) self.retry_ms = kFirstRetryMs;
   drop_bus();
   self.state = kWaiting;
   self.error = error;
@@ -162,7 +160,7 @@ static int send_watch(void) {
 static void become_ready(void) {
   set_timer(0);
   self.state = kReady;
-  self.ready_since_ms = now_ms();
+  self.retry_ms = kFirstRetryMs;
   if (!self.watched) return;
   const int error = send_watch();
   if (error < 0) lose(error);
@@ -202,7 +200,8 @@ static int standing(void) {
   return -ENOTCONN;
 }
 
-static int connect_locked(void) {
+/* Waits for the handshake, for `wait_ms` at the most. */
+static int connect_locked(int wait_ms) {
   if (self.state == kOff) {
     pthread_once(&fork_once, handle_forks);
     const int error = open_poll();
@@ -210,9 +209,10 @@ static int connect_locked(void) {
     self.retry_ms = kFirstRetryMs;
   }
   if (self.state != kHandshake && self.state != kReady) start();
-  while (self.state == kHandshake) {
+  const int64_t until_ms = now_ms() + wait_ms;
+  for (int64_t left_ms = wait_ms; self.state == kHandshake && left_ms > 0; left_ms = until_ms - now_ms()) {
     struct pollfd ready = {self.epoll_fd, POLLIN, 0};
-    poll(&ready, 1, kHandshakeMs);
+    poll(&ready, 1, (int)left_ms);
     step();
   }
   return standing();
@@ -234,7 +234,7 @@ static int watch_locked(const char* bundle_id, const char* name) {
   if (memory < 0) return memory;
   const bool was_ready = self.state == kReady;
   self.watched = true;
-  error = connect_locked(); /* registers when it becomes ready */
+  error = connect_locked(kWatchWaitMs); /* registers when it becomes ready */
   if (self.state == kOff) self.watched = false;
   if (!was_ready || error < 0) return error;
   error = send_watch();
@@ -245,7 +245,7 @@ static int watch_locked(const char* bundle_id, const char* name) {
 
 int qv_connect(void) {
   pthread_mutex_lock(&lock);
-  const int result = connect_locked();
+  const int result = connect_locked(kHandshakeMs);
   pthread_mutex_unlock(&lock);
   return result;
 }

@@ -52,13 +52,21 @@ void Daemon::start() {
       [this](const platform::ListenerEvent& event) { dispatcher_.handleListenerEvent(event); });
   listener_->resume();
 
-  subscribe("com.corvix.telvo.tasking_changed", [this] { preferences_->refreshPreferences(); });
-  subscribe("com.corvix.Pravenet.profileListChanged", [this] { preferences_->refreshPreferences(); });
+  subscribe("com.corvix.telvo.tasking_changed", [this] { refresh(); });
+  subscribe("com.corvix.Pravenet.profileListChanged", [this] { refresh(); });
   subscribe("com.corvix.quorvel.pref_changed", [this] {
     quorvelLog().info("QVActivationStats: Activation Logging preferences changed!");
-    preferences_->refreshPreferences();
+    refresh();
   });
-  if (preferences_->refreshPreferences() && settings().enableDisplayData) startDisplayHistory();
+  if (refresh() && settings().enableDisplayData) startDisplayHistory();
+}
+
+bool Daemon::refresh() {
+  const bool watchedBefore = settings().hangWatchEnabled;
+  const bool stays = preferences_->refreshPreferences();
+  // While it was off, every look at the preferences let go of all processes.
+  if (!watchedBefore && settings().hangWatchEnabled) dispatcher_.disconnectForgottenPeers();
+  return stays;
 }
 
 int Daemon::run() {

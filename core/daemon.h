@@ -26,6 +26,8 @@ class Daemon {
   int run();
 
  private:
+  /// Reads the preferences and carries them into effect; false when that ends the daemon.
+  bool refresh();
   void subscribe(const char* name, platform::Task handler);
   void startDisplayHistory();
   void displayStateChanged();

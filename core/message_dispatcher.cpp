@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "abi/messages.h"
 #include "activation/app_activation_tracker.h"
@@ -58,21 +59,21 @@ void MessageDispatcher::handleListenerEvent(const platform::ListenerEvent& event
 void MessageDispatcher::welcome(platform::Peer& peer) {
   const int32_t pid = peer.pid();
   quorvelLog().info("IPX: Client started new connection: pid %d", pid);
-  peer.setHandler([this, pid](const platform::IpcEvent& event) { handlePeerEvent(pid, event); });
+  peer.setHandler([this, &peer](const platform::IpcEvent& event) { handlePeerEvent(peer, event); });
   peer.resume();
 }
 
-void MessageDispatcher::handlePeerEvent(int32_t peerPid, const platform::IpcEvent& event) {
+void MessageDispatcher::handlePeerEvent(platform::Peer& peer, const platform::IpcEvent& event) {
   const Log log = quorvelLog();
   if (const auto* message = std::get_if<const IpcMessage*>(&event)) {
-    dispatch(peerPid, **message);
+    dispatch(peer, **message);
   } else if (const auto* odd = std::get_if<const platform::IpcOddEvent*>(&event)) {
     log.standard("We got a non-dictionary event: %s", (*odd)->description.c_str());
   } else {
     const IpcError& error = *std::get<const IpcError*>(event);
     if (error.kind == IpcErrorKind::connectionInvalid) {
-      log.info("Client disconnected: %d", peerPid);
-      QVProcessInfo::stopWatchingPid(peerPid);
+      log.info("Client disconnected: %d", peer.pid());
+      stopWatching(peer);
     } else if (error.kind == IpcErrorKind::terminationImminent) {
       log.info("Termination imminent!");
     } else {
@@ -81,16 +82,24 @@ void MessageDispatcher::handlePeerEvent(int32_t peerPid, const platform::IpcEven
   }
 }
 
-void MessageDispatcher::dispatch(int32_t peerPid, const IpcMessage& message) {
+void MessageDispatcher::disconnectForgottenPeers() {
+  // A copy: each one that goes is taken from the list.
+  for (platform::Peer* peer : std::vector(registered_)) {
+    if (!QVProcessInfo::processForPid(peer->pid())) peer->disconnect();
+  }
+}
+
+void MessageDispatcher::dispatch(platform::Peer& peer, const IpcMessage& message) {
+  const int32_t peerPid = peer.pid();
   if (peerPid <= 0) {
     quorvelLog().info("%d is not a valid pid to watch", peerPid);
     return;
   }
   switch (message.int64(QV_KEY_COMMAND)) {
     case QV_COMMAND_START_WATCHING:
-      return startWatching(peerPid, message);
+      return startWatching(peer, message);
     case QV_COMMAND_STOP_WATCHING:
-      return QVProcessInfo::stopWatchingPid(peerPid);
+      return stopWatching(peer);
     case QV_COMMAND_HANG_DETECTED:
       return hangDetected(peerPid, message);
     case QV_COMMAND_ACTIVATION_BEGIN:
@@ -108,8 +117,9 @@ void MessageDispatcher::dispatch(int32_t peerPid, const IpcMessage& message) {
   }
 }
 
-void MessageDispatcher::startWatching(int32_t peerPid, const IpcMessage& message) {
+void MessageDispatcher::startWatching(platform::Peer& peer, const IpcMessage& message) {
   const Log log = quorvelLog();
+  const int32_t peerPid = peer.pid();
   platform::SharedMemory* sharedMemory = message.sharedMemory(QV_KEY_SHMEM);
   if (!sharedMemory) {
     log.standard("Didn't get shmem from no longer watching %d", peerPid);
@@ -122,9 +132,18 @@ void MessageDispatcher::startWatching(int32_t peerPid, const IpcMessage& message
   }
   const auto process =
       QVProcessInfo::startWatchingPid(peerPid, std::move(mapping), message.string(QV_KEY_BUNDLE_ID));
+  if (process) {
+    std::erase(registered_, &peer);
+    registered_.push_back(&peer);
+  }
   // Said of a refused process too, as "(null)": the line before it has the reason.
   log.info("Initialization complete now watching hangs for %s | %s",
            process ? process->description().c_str() : "(null)", message.string(QV_KEY_NAME));
+}
+
+void MessageDispatcher::stopWatching(platform::Peer& peer) {
+  std::erase(registered_, &peer);
+  QVProcessInfo::stopWatchingPid(peer.pid());
 }
 
 void MessageDispatcher::hangDetected(int32_t peerPid, const IpcMessage& message) {

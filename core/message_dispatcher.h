@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <vector>
 
 #include "core/fence_table.h"
 #include "platform/ipc.h"
@@ -15,13 +15,18 @@ namespace quorveld {
 class MessageDispatcher {
  public:
   void handleListenerEvent(const platform::ListenerEvent& event);
-  void handlePeerEvent(int32_t peerPid, const platform::IpcEvent& event);
+  void handlePeerEvent(platform::Peer& peer, const platform::IpcEvent& event);
+
+  /// Disconnects every peer whose process was watched and is no longer, though it has not asked for that.
+  /// Nobody else tells it so; the client library connects and registers again.
+  void disconnectForgottenPeers();
 
  private:
   void welcome(platform::Peer& peer);
-  void dispatch(int32_t peerPid, const platform::IpcMessage& message);
+  void dispatch(platform::Peer& peer, const platform::IpcMessage& message);
 
-  static void startWatching(int32_t peerPid, const platform::IpcMessage& message);
+  void startWatching(platform::Peer& peer, const platform::IpcMessage& message);
+  void stopWatching(platform::Peer& peer);
   void hangDetected(int32_t peerPid, const platform::IpcMessage& message);
   static void activationBegin(const platform::IpcMessage& message);
   static void activationEnd(const platform::IpcMessage& message);
@@ -30,6 +35,7 @@ class MessageDispatcher {
   static void fenceBlown(const platform::IpcMessage& message);
 
   FenceTable fences_;
+  std::vector<platform::Peer*> registered_;  ///< those that are to be watched, connected all of them
 };
 
 }  // namespace quorveld

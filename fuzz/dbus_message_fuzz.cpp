@@ -21,6 +21,14 @@ using namespace quorveld::linux_platform;
 
 constexpr int32_t kPid = 501;
 
+class FuzzPeer final : public platform::Peer {
+ public:
+  int32_t pid() const override { return kPid; }
+  void setHandler(std::function<void(const platform::IpcEvent&)>) override {}
+  void resume() override {}
+  void disconnect() override {}
+};
+
 /// One daemon for all inputs: what it keeps of one message must do no harm in the next.
 class Target {
  public:
@@ -58,7 +66,7 @@ class Target {
     platform::SharedMemory* const memories[] = {&region_, &tooShort_};
     platform::IpcMessage message;
     if (!decodeDictionary(envelope, memories, message)) return;
-    queue_->async([&] { dispatcher_.handlePeerEvent(kPid, platform::IpcEvent(&message)); });
+    queue_->async([&] { dispatcher_.handlePeerEvent(peer_, platform::IpcEvent(&message)); });
     sim_.advance(std::chrono::seconds(2));
     sim_.logs.clear();
   }
@@ -68,6 +76,7 @@ class Target {
       sim_.queues.createMain("com.corvix.quorvel", platform::QoSClass::userInitiated);
   sim::SimMemory region_{sizeof(QVSharedHangRegion), sim_.faults};
   sim::SimMemory tooShort_{8, sim_.faults};
+  FuzzPeer peer_;
   MessageDispatcher dispatcher_;
 };
 

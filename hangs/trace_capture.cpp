@@ -10,9 +10,12 @@ namespace quorveld {
 void TraceCapture::loadKelvaneLibrary() {
   platform::TraceLibraryLoader& loader = platform::current().traceLibraries;
   const std::string path = KELVANE_LIBRARY_PATH + std::string(loader.suffix());
-  library_ = loader.open(path);
+  std::string reason;
+  library_ = loader.open(path, reason);
   if (!library_) {
     quorvelLog().standard("%s is not present.", path.substr(path.find_last_of('/') + 1).c_str());
+    // It may be there after all: no library, or one that lacks another.
+    quorvelLog().standard("Trace library not loaded: %s", reason.c_str());
     return;
   }
   dump_ = reinterpret_cast<kelvane_dump_function>(library_->symbol(KELVANE_ENTRY_POINT));

@@ -98,6 +98,9 @@ class Peer {
 
   /// Starts delivery; until then what the peer sends waits.
   virtual void resume() = 0;
+
+  /// Closes the connection; the peer's last event, connectionInvalid, is delivered before this returns.
+  virtual void disconnect() = 0;
 };
 
 /// What a listener delivers: a new peer, an error, or an event of an unknown type.

@@ -22,9 +22,8 @@ class TraceLibraryLoader {
   /// The platform's dynamic-library suffix, dot included.
   virtual std::string_view suffix() const = 0;
 
-  /// Loads the library at `path` with lazy binding; null when that fails (the linker's reason has been logged
-  /// at debug level).
-  [[nodiscard]] virtual std::unique_ptr<TraceLibrary> open(const std::string& path) = 0;
+  /// Loads the library at `path` with lazy binding; null when that fails, with the linker's `reason`.
+  [[nodiscard]] virtual std::unique_ptr<TraceLibrary> open(const std::string& path, std::string& reason) = 0;
 };
 
 }  // namespace quorveld::platform

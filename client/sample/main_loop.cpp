@@ -75,6 +75,8 @@ void MainLoop::watch() {
   connection_ = qv_watch(options_.bundleId.c_str(), "quorvel-sample");
   if (connection_ == 0) {
     std::printf("pid %d, %s: watched\n", getpid(), options_.bundleId.c_str());
+  } else if (connection_ == -EINPROGRESS) {
+    std::printf("pid %d, %s: the daemon has yet to answer\n", getpid(), options_.bundleId.c_str());
   } else {
     std::printf("pid %d, %s: not watched, no daemon (%s); will try again\n", getpid(),
                 options_.bundleId.c_str(), std::strerror(-connection_));

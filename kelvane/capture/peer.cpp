@@ -111,14 +111,18 @@ std::optional<Peer> findHolder(pid_t self, const std::string& link, mode_t wante
 
 }  // namespace
 
-std::optional<Peer> findPeer(int processDir, pid_t pid, const ThreadFacts& facts, const Deadline& deadline) {
+std::optional<Peer> findPeer(int processDir, pid_t pid, const ThreadFacts& facts, const Deadline& deadline,
+                             std::vector<Omission>& omissions) {
   auto waited = facts.syscall ? waitedDescriptor(pid, *facts.syscall) : std::nullopt;
   if (!waited || waited->fd < 0) return std::nullopt;
   std::string link = linkText(processDir, "fd/" + std::to_string(waited->fd));
   if (inodeOf(link, "pipe:[") != 0) {
     return findHolder(pid, link, waited->writing ? S_IRUSR : S_IWUSR, "pipe", deadline);
   }
-  uint32_t peerInode = unixSocketPeer(inodeOf(link, "socket:["));
+  uint32_t peerInode = 0;
+  if (const int error = unixSocketPeer(inodeOf(link, "socket:["), peerInode)) {
+    omissions.push_back({"other end of the socket", "sock_diag: " + errorText(error)});
+  }
   if (peerInode == 0) return std::nullopt;
   return findHolder(pid, "socket:[" + std::to_string(peerInode) + "]", S_IRUSR, "Unix socket", deadline);
 }

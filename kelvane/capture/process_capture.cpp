@@ -110,8 +110,12 @@ class Capturer {
 
   /// Last, since it looks at every process.
   void findPeer() {
-    auto peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_);
-    publish_([&](ProcessCapture& capture) { capture.peer = std::move(peer); });
+    std::vector<Omission> omissions;
+    auto peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_, omissions);
+    publish_([&](ProcessCapture& capture) {
+      capture.peer = std::move(peer);
+      capture.omissions.insert(capture.omissions.end(), omissions.begin(), omissions.end());
+    });
   }
 
   void takeStacks() {

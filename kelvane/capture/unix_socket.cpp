@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "kelvane/base/proc_files.h"
@@ -34,10 +35,11 @@ bool ask(int fd, uint32_t inode) {
 
 }  // namespace
 
-uint32_t unixSocketPeer(uint32_t inode) {
+int unixSocketPeer(uint32_t inode, uint32_t& peer) {
+  peer = 0;
   if (inode == 0) return 0;
   UniqueFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-  if (!fd || !ask(fd.get(), inode)) return 0;
+  if (!fd || !ask(fd.get(), inode)) return errno;
   alignas(nlmsghdr) std::array<char, 1024> answer{};
   // The kernel has answered before send() returned.
   ssize_t got = recv(fd.get(), answer.data(), answer.size(), MSG_DONTWAIT);
@@ -49,10 +51,9 @@ uint32_t unixSocketPeer(uint32_t inode) {
   auto left = static_cast<size_t>(got) - kAttributes;
   for (const auto* attribute = reinterpret_cast<const rtattr*>(answer.data() + kAttributes);
        RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
-    uint32_t peer = 0;
     if (attribute->rta_type != UNIX_DIAG_PEER || RTA_PAYLOAD(attribute) < sizeof peer) continue;
     memcpy(&peer, RTA_DATA(attribute), sizeof peer);
-    return peer;
+    return 0;
   }
   return 0;
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "abi/messages.h"
 #include "client/include/quorvel.h"
@@ -19,7 +20,7 @@ using quorveld::tests::OwnTime;
 TEST(Connection, RegistersASealedRegionInWhichNothingIsInFlight) {
   FakeDaemon daemon;
   daemon.start();
-  ASSERT_EQ(qv_watch("org.example.viewer", "viewer"), 0);
+  ASSERT_EQ(watchPatiently("org.example.viewer", "viewer"), 0);
   EXPECT_EQ(qv_watch("org.example.viewer", "viewer"), -EALREADY);
 
   const auto messages = daemon.await(1);
@@ -137,18 +138,41 @@ TEST(Connection, AListenerThatNeverAnswersTheHandshakeIsGivenUpOn) {
   const OwnTime time;
   EXPECT_EQ(qv_connect(), -ETIMEDOUT);
   EXPECT_LT(time.elapsed(), 4s);
+  qv_disconnect();
+  const OwnTime startUp;
+  EXPECT_EQ(qv_watch("org.example.viewer", "viewer"), -EINPROGRESS);
+  EXPECT_LT(startUp.elapsed(), 1s);
+  daemon.pause(false);
+  ASSERT_TRUE(processUntil([&] { return daemon.memory() >= 0; }));
+}
+
+/// However often it has come and gone before.
+TEST(Connection, AfterEachLossTheNextTryComesWithinASecond) {
+  FakeDaemon daemon;
+  daemon.start();
+  ASSERT_EQ(watchPatiently("org.example.viewer", "viewer"), 0);
+  std::chrono::milliseconds last{};
+  for (int turn = 0; turn < 4; ++turn) {
+    daemon.stop();
+    ASSERT_TRUE(processUntil([] { return qv_process() < 0; }));
+    daemon.start();
+    const OwnTime time;
+    ASSERT_TRUE(processUntil([] { return qv_process() == 0; }));
+    last = time.elapsed();
+  }
+  EXPECT_LT(last, 4s) << "a wait that doubles has grown to 8 s";
 }
 
 TEST(Connection, AForkedChildHoldsNoConnectionOpen) {
   FakeDaemon daemon;
   daemon.start();
-  ASSERT_EQ(qv_watch("org.example.viewer", "viewer"), 0);
+  ASSERT_EQ(watchPatiently("org.example.viewer", "viewer"), 0);
   daemon.await(1);
   const pid_t child = fork();
   if (child == 0) {
     alarm(quorveld::tests::kPatience.count());
     if (qv_process() != -ENOTCONN) _exit(1);
-    if (qv_watch("org.example.child", "child") != 0) _exit(2);
+    if (watchPatiently("org.example.child", "child") != 0) _exit(2);
     pause();
   }
   const auto messages = daemon.await(2);

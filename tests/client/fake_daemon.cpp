@@ -157,3 +157,9 @@ bool processUntil(const std::function<bool()>& condition) {
     return condition();
   });
 }
+
+int watchPatiently(const char* bundleId, const char* name) {
+  int result = qv_watch(bundleId, name);
+  if (result == -EINPROGRESS) processUntil([&] { return (result = qv_process()) != -EINPROGRESS; });
+  return result;
+}

@@ -84,3 +84,6 @@ class FakeDaemon {
 
 /// Lets qv_process run for as long as `condition` is false; false when it stays so.
 bool processUntil(const std::function<bool()>& condition);
+
+/// qv_watch, and what becomes of it where the machine is too busy for an answer in its own time.
+int watchPatiently(const char* bundleId, const char* name);

@@ -19,7 +19,7 @@ class Marks : public testing::Test {
  protected:
   void SetUp() override {
     daemon_.start();
-    ASSERT_EQ(qv_watch("org.example.viewer", "viewer"), 0);
+    ASSERT_EQ(watchPatiently("org.example.viewer", "viewer"), 0);
     daemon_.await(1);
     region_ = std::make_unique<MappedRegion>(daemon_.memory());
     ASSERT_TRUE(region_->inFlight().empty());
@@ -94,7 +94,7 @@ int markInChild(qv_slot* slot, qv_operation operation, bool mayWatch) {
   qv_end(operation);
   if (qv_begin("Child", true).owner != 0) return 1;
   if (!mayWatch) return 0;
-  if (qv_watch("org.example.child", "child") != 0) return 2;
+  if (watchPatiently("org.example.child", "child") != 0) return 2;
   qv_slot_begin(slot, true);
   qv_end(operation);
   return qv_begin("Child", true).owner != 0 ? 0 : 3;

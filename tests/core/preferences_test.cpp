@@ -131,6 +131,28 @@ TEST(Preferences, AreAppliedInOneFixedOrder) {
   EXPECT_FALSE(current.memoryLoggingEnabled || current.appActivationLoggingEnabled);
 }
 
+/// An application that stays connected can't know that it is no longer watched; a lost connection tells it.
+TEST(Preferences, WhenTrackingComesBackOnWhoWasForgottenIsDisconnected) {
+  World world;
+  world.prefer("QuorvelEnableMemoryLogging", true);
+  const App forgotten = world.startApp("forgotten");
+  const App unwatched = world.startApp("unwatched");
+  unwatched.send({{"command", 2}});
+  const App launcher = world.connectApp("launcher");
+  world.prefer("QuorvelEnabled", false);
+  const App later = world.startApp("later");
+  world.logs.clear();
+  world.prefer("QuorvelEnabled", true);
+  const auto disconnected = [&](const App& app) {
+    return world.logs.count(Level::info, "Client disconnected: " + std::to_string(app.pid()));
+  };
+  EXPECT_EQ(disconnected(forgotten), 1);
+  EXPECT_EQ(disconnected(unwatched) + disconnected(launcher) + disconnected(later), 0);
+  EXPECT_TRUE(QVProcessInfo::processForPid(later.pid()));
+  world.announcePreferences();
+  EXPECT_EQ(disconnected(forgotten), 1);
+}
+
 TEST(Preferences, AManagedEntryWinsForTheKeysThatMayBeManaged) {
   World world(World::Daemon::later);
   manage(world, everyKey());

@@ -143,7 +143,7 @@ TEST(WatchedProcesses, TurningHangTracingOffLetsEveryoneGo) {
   world.advance(20s);
   EXPECT_TRUE(world.logs.lines.empty()) << "no check runs: " << world.logs.dump();
   world.prefer("QuorvelEnabled", true);
-  viewer.registerRegion();
+  world.startApp("viewer").begin(0, "busy", 6s);
   world.advance(5s);
   EXPECT_EQ(world.spool().size(), 1u);
 }

@@ -29,12 +29,14 @@ class Storage(ScratchTest):
         daemon.wait_for("Tried to save kelvane, but kelvane support is not present on this device!")
         self.assertEqual(daemon.reports(), [])
 
-    def test_a_library_without_the_entry_point_is_as_good_as_none(self):
+    def test_a_file_that_is_no_library_is_as_good_as_none_and_the_reason_is_told(self):
         daemon = self.daemon(kelvane=False, start=False)
         (daemon.root / "usr/lib").mkdir(parents=True)
         (daemon.root / "usr/lib/libkelvane.so").write_bytes(b"no library at all")
         daemon.start()
         self.hang(daemon)
+        daemon.wait_for("Trace library not loaded: ")
+        daemon.wait_for("libkelvane.so: file too short")
         daemon.wait_for("Tried to save kelvane, but kelvane support is not present on this device!")
 
     def test_a_missing_spool_keeps_no_temporary_file(self):

@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,6 +163,51 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
     waitpid(child, nullptr, 0);
     close(ends[1]);
   }
+}
+
+/// Sockets of this family are refused from here on, as a service's sandbox refuses them.
+bool refuseSockets(uint32_t family) {
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, family, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program = {std::size(steps), steps};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST(Dump, SaysWhenItMayNotAskForTheOtherEndOfASocket) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  const pid_t waiting = fork();
+  if (waiting == 0) {
+    char byte;
+    close(ends[1]);
+    _exit(read(ends[0], &byte, 1) < 0);
+  }
+  constexpr int kNoFilter = 77;
+  const pid_t looking = fork();
+  if (looking == 0) {
+    if (!refuseSockets(AF_NETLINK)) _exit(kNoFilter);
+    const bool said = eventually([&] {
+      const Dump dump = dumpOf(waiting, waiting);
+      return dump.whyLeftOut("other end of the socket").find("sock_diag: Address family not supported") !=
+             std::string::npos;
+    });
+    _exit(said ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(looking, &status, 0);
+  kill(waiting, SIGKILL);
+  waitpid(waiting, nullptr, 0);
+  close(ends[0]);
+  close(ends[1]);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNoFilter) GTEST_SKIP() << "no system call filters here";
+  EXPECT_EQ(status, 0);
 }
 
 /// Ten threads are stopped one after the other, each only while its stack is copied.

@@ -84,6 +84,15 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
     queue_->async([self = shared_from_this(), arrival = std::move(arrival)] { self->handle(arrival); });
   }
 
+  void disconnect() override {
+    if (!queue_ || !handler_) return;
+    const auto held = shared_from_this();
+    const auto handler = std::exchange(handler_, nullptr);
+    close();
+    const IpcError error{IpcErrorKind::connectionInvalid, "Connection invalid"};
+    handler(&error);
+  }
+
   /// No event comes any more; also breaks the circle of a handler that holds its peer.
   void close() {
     queue_ = nullptr;

@@ -65,8 +65,10 @@ SimTraceLibraries::~SimTraceLibraries() {
   active = nullptr;
 }
 
-std::unique_ptr<platform::TraceLibrary> SimTraceLibraries::open(const std::string& path) {
+std::unique_ptr<platform::TraceLibrary> SimTraceLibraries::open(const std::string& path,
+                                                                std::string& reason) {
   opened.push_back(path);
+  reason = path + ": invalid ELF header";
   if (faults_.fails(Op::openLibrary) || path != KELVANE_LIBRARY_PATH ".so") return nullptr;
   return std::make_unique<Library>(*this);
 }

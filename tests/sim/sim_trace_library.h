@@ -28,7 +28,7 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   ~SimTraceLibraries() override;
 
   std::string_view suffix() const override { return ".so"; }
-  std::unique_ptr<platform::TraceLibrary> open(const std::string& path) override;
+  std::unique_ptr<platform::TraceLibrary> open(const std::string& path, std::string& reason) override;
 
   std::string report = "TRACE";    ///< what the entry point writes
   bool succeeds = true;            ///< what it then answers

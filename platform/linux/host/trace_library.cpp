@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 
-#include "platform/linux/base/linux_log.h"
 #include "platform/linux/base/root_path.h"
 
 namespace quorveld::linux_platform {
@@ -24,11 +23,12 @@ class LoadedLibrary final : public platform::TraceLibrary {
 
 }  // namespace
 
-std::unique_ptr<platform::TraceLibrary> LinuxTraceLibraryLoader::open(const std::string& path) {
+std::unique_ptr<platform::TraceLibrary> LinuxTraceLibraryLoader::open(const std::string& path,
+                                                                      std::string& reason) {
   void* handle = ::dlopen(rooted(path).c_str(), RTLD_LAZY | RTLD_LOCAL);
   if (!handle) {
-    const char* reason = ::dlerror();
-    logDebug("Trace library not loaded: %s", reason ? reason : "no reason given");
+    const char* said = ::dlerror();
+    reason = said ? said : "no reason given";
     return nullptr;
   }
   return std::make_unique<LoadedLibrary>(handle);

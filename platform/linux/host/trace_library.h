@@ -8,7 +8,7 @@ namespace quorveld::linux_platform {
 class LinuxTraceLibraryLoader final : public platform::TraceLibraryLoader {
  public:
   std::string_view suffix() const override { return ".so"; }
-  std::unique_ptr<platform::TraceLibrary> open(const std::string& path) override;
+  std::unique_ptr<platform::TraceLibrary> open(const std::string& path, std::string& reason) override;
 };
 
 }  // namespace quorveld::linux_platform

@@ -237,6 +237,7 @@ void IpcConnection::refuse(std::string_view reason) {
 }
 
 void IpcConnection::fail(std::string_view reason) {
+  if (!isOpen()) return;
   const auto held = shared_from_this();
   const auto handler = std::exchange(handler_, nullptr);
   close();

@@ -58,6 +58,7 @@ class IpcConnection final : public platform::Peer, public std::enable_shared_fro
   uint32_t uid() const { return uid_; }
   void setHandler(std::function<void(const platform::IpcEvent&)> handler) override;
   void resume() override;
+  void disconnect() override { fail("Connection closed by the daemon"); }
 
   /// Tells the handler that the end is near.
   void announceTermination();

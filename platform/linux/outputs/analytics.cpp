@@ -21,6 +21,7 @@ void LinuxAnalytics::useQueue(platform::WorkQueue& queue) {
   queue_ = &queue;
   const char* target = std::getenv("QUORVELD_STATSD");
   if (target && *target) statsd_ = StatsdSender(target);
+  changed();  // the file still has the counts of the daemon before
 }
 
 template <typename Value>

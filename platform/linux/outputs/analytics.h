@@ -24,8 +24,8 @@ inline constexpr size_t kMaxAnalyticsKeyBytes = 200;
 /// Analytics as a Prometheus text file, /var/lib/quorveld/quorveld.prom below the instance's root, and as
 /// StatsD datagrams to where QUORVELD_STATSD says. Work queue only.
 ///
-/// The file is replaced at most once a second, and only after a change; the last state is written on
-/// destruction.
+/// The file is replaced once there is a queue, and then at most once a second and only after a change; the
+/// last state is written on destruction.
 class LinuxAnalytics final : public platform::Analytics {
  public:
   LinuxAnalytics() : self_(std::make_shared<LinuxAnalytics*>(this)) {}

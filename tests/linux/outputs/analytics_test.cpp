@@ -84,6 +84,12 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
   }
   EXPECT_EQ(linesWith("quorveld_scalar{key=\"s\"} 7"), 1u);
   sim_.advance(milliseconds(5000));  // the delayed writing finds nobody
+
+  LinuxAnalytics next;
+  next.useQueue(*queue_);
+  sim_.advance(milliseconds(1100));
+  EXPECT_EQ(linesWith("key="), 0u) << "what the one before counted";
+  EXPECT_EQ(linesWith("quorveld_build_info"), 3u);
 }
 
 TEST_F(Analytics, KeysBeyondTheLimitShareOne) {
