@@ -15,6 +15,8 @@ struct EventSource {
   /// What the kernel is to keep out of the buffer; null: it records all.
   const char* filter;
   std::array<const char*, 5> fields;
+  /// Linux 6.1 has none, and reports go without: `kelvanectl start` says so once, and no report again.
+  bool isNew = false;
 };
 
 /// sched_waking, not sched_wakeup: it is recorded on the CPU and in the context of the one who wakes.
@@ -33,7 +35,7 @@ inline constexpr EventSource kEventSources[] = {
      nullptr,
      {"dev", "sector", "nr_sector", "rwbs"}},
     {RecordedKind::signal, "signal", "signal_generate", "result == 0", {"pid", "sig"}},
-    {RecordedKind::fileFault, "filemap", "mm_filemap_fault", nullptr, {"s_dev", "i_ino"}},
+    {RecordedKind::fileFault, "filemap", "mm_filemap_fault", nullptr, {"s_dev", "i_ino"}, /*isNew=*/true},
     {RecordedKind::reclaimBegin, "vmscan", "mm_vmscan_direct_reclaim_begin", nullptr, {}},
     {RecordedKind::reclaimEnd, "vmscan", "mm_vmscan_direct_reclaim_end", nullptr, {}},
     {RecordedKind::suspendBegin, "power", "suspend_resume", "action == \"machine_suspend\"", {"start"}},

@@ -97,6 +97,17 @@ class Recorder(RecorderTest):
         self.assertIn("not running", idle.stderr)
         self.assertFalse((self.daemon_.root / "dump").exists())
 
+    def test_a_kernel_that_is_locked_down_is_given_as_the_reason(self):
+        """As such a kernel looks: tracefs is there, and has no files."""
+        locked = ("mount -t tmpfs none /sys/kernel/tracing && mount -t tmpfs none /sys/kernel/security && "
+                  "echo 'none integrity [confidentiality]' >/sys/kernel/security/lockdown")
+        if subprocess.run(["unshare", "--mount", "sh", "-c", locked], capture_output=True).returncode != 0:
+            self.skipTest("no mounts of its own are permitted here")
+        started = subprocess.run(["unshare", "--mount", "sh", "-c", f'{locked} && exec "$0" start', RECORDER],
+                                 env=self.daemon_.environment(), capture_output=True, text=True, timeout=PATIENCE)
+        self.assertEqual(started.returncode, 1)
+        self.assertIn("the kernel is locked down for confidentiality", started.stderr)
+
 
 if __name__ == "__main__":
     unittest.main()
