@@ -11,11 +11,13 @@ namespace quorveld::platform {
 
 /// A value of the store that is neither a boolean, a number nor a text: it answers no conversion.
 struct OpaquePreference {
+  std::string what;  ///< for people: "an array"
+
   bool operator==(const OpaquePreference&) const = default;
 };
 
-/// One preference value. Numbers and booleans answer every conversion; a text answers those that it spells in
-/// full.
+/// One preference value. Finite numbers and booleans answer every conversion; a text answers those that it
+/// spells in full.
 class PreferenceValue {
  public:
   using Variant = std::variant<bool, int64_t, double, std::string, OpaquePreference>;
@@ -25,7 +27,7 @@ class PreferenceValue {
   /// "true", "yes" and "1" are true, "false", "no" and "0" false, in any case; a number is true when it isn't
   /// 0.
   std::optional<bool> asBool() const;
-  /// A real number is truncated; one outside the type's range, or none, answers nothing.
+  /// A real number is truncated; one outside the type's range answers nothing.
   std::optional<int64_t> asInt() const;
   std::optional<double> asDouble() const;
 
@@ -51,10 +53,12 @@ class PreferencesStore {
   virtual void set(std::string_view key, PreferenceValue value, std::string_view domain) = 0;
   virtual void remove(std::string_view key, std::string_view domain) = 0;
 
-  /// Writes what was set and reads what others wrote. A failure is logged; the values at hand stay.
+  /// Writes what was set and reads what others wrote, of this domain alone. A failure is logged; the values
+  /// at hand stay.
   virtual void synchronise(std::string_view domain) = 0;
 
-  /// The property list at `path`; empty when it is missing or unreadable (then logged).
+  /// The property list at `path`: empty when it is missing; when it can't be read (then logged) as it was the
+  /// last time that it could, empty if it never could.
   virtual PreferenceDictionary managedDictionary(std::string_view path) = 0;
 };
 

@@ -178,7 +178,10 @@ TEST(Preferences, AManagedEntryWinsForTheKeysThatMayBeManaged) {
   EXPECT_EQ(viewer.memory().mappings(), 0);
   world.faults.failOnce(Op::readManaged);
   world.announcePreferences();
-  EXPECT_TRUE(settings().hangWatchEnabled) << "an unreadable file is an empty one";
+  EXPECT_FALSE(settings().hangWatchEnabled) << "a file that can't be read is as it was";
+  world.preferences.managed.clear();
+  world.announcePreferences();
+  EXPECT_TRUE(settings().hangWatchEnabled) << "a missing one is empty";
 }
 
 TEST(Preferences, AValueOfAnUnsuitableTypeCountsAsAbsent) {

@@ -94,21 +94,5 @@ class Storage(ScratchTest):
         self.assertEqual(os.listdir(inside + "/spool"), [])
         self.assertTrue(daemon.alive())
 
-    def test_a_broken_property_list_is_named_kept_and_not_overwritten(self):
-        daemon = self.daemon()
-        path = daemon.preferences_path()
-        broken = b'<?xml version="1.0"?>\n<plist version="1.0"><dict>\n<key>QuorvelEnabled</key><tru'
-        other = daemon.preferences_path("com.corvix.quorvel")
-        other.write_bytes(b"\x00\xff garbage")
-        daemon.post("com.corvix.telvo.tasking_changed")
-        daemon.wait_for("com.corvix.quorvel.plist")
-        self.assertTrue(daemon.alive())
-        path.write_bytes(broken)
-        daemon.post("com.corvix.telvo.tasking_changed")
-        self.assertEqual(daemon.process.wait(PATIENCE), 0)  # nothing is enabled in an empty list
-        self.assertTrue(daemon.lines(r"com\.corvix\.telvo\.plist.*(line )?3"), daemon.log())
-        self.assertEqual(path.read_bytes(), broken)
-
-
 if __name__ == "__main__":
     unittest.main()

@@ -100,9 +100,11 @@ void SimPreferences::synchronise(std::string_view domain) {
 }
 
 PreferenceDictionary SimPreferences::managedDictionary(std::string_view path) {
+  PreferenceDictionary& last = lastManaged_[std::string(path)];
+  if (faults_.fails(Op::readManaged)) return last;
   const auto file = managed.find(path);
-  if (faults_.fails(Op::readManaged) || file == managed.end()) return {};
-  return file->second;
+  last = file == managed.end() ? PreferenceDictionary() : file->second;
+  return last;
 }
 
 std::optional<PreferenceValue> SimPreferences::stored(const std::string& key, const char* domain) const {

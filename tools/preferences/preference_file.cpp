@@ -1,14 +1,15 @@
 #include "tools/preferences/preference_file.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 
+#include "plist/limits.h"
+#include "plist/xml_form.h"
 #include "tools/base/files.h"
 
 namespace quorvelctl {
 namespace {
-
-/// As long as the daemon reads.
-constexpr size_t kMaxListBytes = size_t{1024} * 1024;
 
 constexpr std::string_view kEmptyList =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n</dict>\n</plist>\n";
@@ -33,6 +34,17 @@ std::string trimmed(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
 
+/// A hexadecimal number, "-0x9", in decimal; anything else as it is.
+std::string inDecimal(const std::string& number) {
+  const size_t prefix = number.starts_with('-') || number.starts_with('+') ? 1 : 0;
+  if (number.compare(prefix, 2, "0x") != 0 && number.compare(prefix, 2, "0X") != 0) return number;
+  const char* const digits = number.c_str() + prefix + 2;
+  uint64_t value = 0;
+  const auto [end, error] = std::from_chars(digits, number.c_str() + number.size(), value, 16);
+  if (error != std::errc() || *end != '\0') return number;
+  return (number.starts_with('-') ? "-" : "") + std::to_string(value);
+}
+
 pugi::xml_node elementAt(pugi::xml_node node) {
   while (node && node.type() != pugi::node_element) node = node.next_sibling();
   return node;
@@ -40,16 +52,17 @@ pugi::xml_node elementAt(pugi::xml_node node) {
 
 }  // namespace
 
-std::optional<PreferenceFile> PreferenceFile::parse(std::string_view text, std::string& error) {
+std::optional<PreferenceFile> PreferenceFile::parse(std::string_view bytes, std::string& error) {
+  const std::optional<std::string> text = plist::xmlForm(bytes.empty() ? kEmptyList : bytes, error);
+  if (!text) return std::nullopt;
   PreferenceFile file;
-  if (text.empty()) text = kEmptyList;
   const pugi::xml_parse_result result = file.document_.load_buffer(
-      text.data(), text.size(), pugi::parse_full | pugi::parse_ws_pcdata, pugi::encoding_utf8);
+      text->data(), text->size(), pugi::parse_full | pugi::parse_ws_pcdata, pugi::encoding_utf8);
   if (!result) {
-    error = atLine(text, result.offset, result.description());
+    error = atLine(*text, result.offset, result.description());
     return std::nullopt;
   }
-  if (!file.index(error, text)) return std::nullopt;
+  if (!file.index(error, *text)) return std::nullopt;
   return file;
 }
 
@@ -75,7 +88,7 @@ bool PreferenceFile::index(std::string& error, std::string_view text) {
 
 std::optional<PreferenceFile> PreferenceFile::load(const std::string& path, std::string& error) {
   std::error_code code;
-  const std::optional<std::string> text = readFile(path, kMaxListBytes, code);
+  const std::optional<std::string> text = readFile(path, plist::kMaxBytes, code);
   if (!text && code != std::errc::no_such_file_or_directory) {
     error = "can't read " + path + ": " + code.message();
     return std::nullopt;
@@ -90,6 +103,7 @@ std::optional<StoredValue> PreferenceFile::get(std::string_view key) const {
   if (found == values_.end()) return std::nullopt;
   const std::string element = found->second.name();
   std::string text = textOf(found->second);
+  if (element == "integer") return StoredValue{element, inDecimal(trimmed(text))};
   return StoredValue{element, element == "string" ? std::move(text) : trimmed(text)};
 }
 

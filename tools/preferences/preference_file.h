@@ -10,12 +10,12 @@
 
 namespace quorvelctl {
 
-/// One XML property list whose outermost value is a dictionary. What isn't touched, comments and values of
-/// any kind among it, stays as it was.
+/// One property list whose outermost value is a dictionary. What isn't touched, comments and values of any
+/// kind among it, stays as it was; a list that is not XML in UTF-8 becomes that.
 class PreferenceFile {
  public:
-  /// An empty `text` is an empty list. Nothing, and the line and the reason, when it is no such list.
-  static std::optional<PreferenceFile> parse(std::string_view text, std::string& error);
+  /// No bytes are an empty list. Nothing, and the place and the reason, when it is no such list.
+  static std::optional<PreferenceFile> parse(std::string_view bytes, std::string& error);
 
   /// The file at `path`; a missing one is an empty list.
   static std::optional<PreferenceFile> load(const std::string& path, std::string& error);

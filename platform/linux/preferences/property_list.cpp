@@ -1,11 +1,13 @@
 #include "platform/linux/preferences/property_list.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <optional>
 #include <pugixml.hpp>
 #include <utility>
+
+#include "plist/xml_form.h"
+#include "plist/xml_writing.h"
 
 namespace quorveld::linux_platform {
 
@@ -67,12 +69,13 @@ std::string textOf(const pugi::xml_node& element) {
   return text;
 }
 
-template <typename Number>
-std::from_chars_result parseNumber(std::string_view text, Number& number) {
+/// std::errc() and the number, or what is wrong with all of `text` as one. `base` holds for whole numbers.
+template <typename Number, typename... Base>
+std::errc parseNumber(std::string_view text, Number& number, Base... base) {
+  if (text.starts_with("+-")) return std::errc::invalid_argument;
   if (text.starts_with('+')) text.remove_prefix(1);
-  const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (result.ptr != text.data() + text.size()) return {result.ptr, std::errc::invalid_argument};
-  return result;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base...);
+  return end == text.data() + text.size() ? error : std::errc::invalid_argument;
 }
 
 /// One parse: knows the text, so that a complaint can name its line.
@@ -108,13 +111,13 @@ class Parser {
   }
 
  private:
-  PropertyListError errorAt(ptrdiff_t offset, std::string reason) const {
+  PropertyListError errorAt(ptrdiff_t offset, const std::string& reason) const {
     const auto known = static_cast<size_t>(std::clamp<ptrdiff_t>(offset, 0, std::ssize(text_)));
     const ptrdiff_t breaks = std::count(text_.begin(), text_.begin() + known, '\n');
-    return {static_cast<size_t>(breaks) + 1, std::move(reason)};
+    return {"line " + std::to_string(breaks + 1) + ": " + reason};
   }
-  PropertyListError errorAt(const pugi::xml_node& node, std::string reason) const {
-    return errorAt(node.offset_debug(), std::move(reason));
+  PropertyListError errorAt(const pugi::xml_node& node, const std::string& reason) const {
+    return errorAt(node.offset_debug(), reason);
   }
 
   /// Nothing, with `complaint_` set, when the element is no value of a property list.
@@ -125,17 +128,26 @@ class Parser {
     if (name == "string") return PropertyListEntry{PreferenceValue::Variant(textOf(element)), {}};
     if (name == "integer") return integerOf(element);
     if (name == "real") return realOf(element);
-    if (name == "date" || name == "data" || name == "array" || name == "dict") return opaqueOf(element);
+    if (name == "date") return opaqueOf(element, "a date");
+    if (name == "data") return opaqueOf(element, "data");
+    if (name == "array") return opaqueOf(element, "an array");
+    if (name == "dict") return opaqueOf(element, "a dictionary");
     complaint_ = "<" + std::string(name) + "> is no property-list value";
     return std::nullopt;
   }
 
   std::optional<PropertyListEntry> integerOf(const pugi::xml_node& element) {
-    const std::string text = textOf(element);
+    std::string text(trimmed(textOf(element)));
+    const size_t prefix = text.find_first_not_of("+-");
+    const bool isHex =
+        prefix <= 1 && (text.compare(prefix, 2, "0x") == 0 || text.compare(prefix, 2, "0X") == 0);
+    if (isHex) text.erase(prefix, 2);
     int64_t number = 0;
-    const std::from_chars_result result = parseNumber(trimmed(text), number);
-    if (result.ec == std::errc()) return PropertyListEntry{PreferenceValue::Variant(number), {}};
-    if (result.ec == std::errc::result_out_of_range) return opaqueOf(element);
+    const std::errc error = isHex && text.find_first_of("+-", prefix) != std::string::npos
+                                ? std::errc::invalid_argument
+                                : parseNumber(text, number, isHex ? 16 : 10);
+    if (error == std::errc()) return PropertyListEntry{PreferenceValue::Variant(number), {}};
+    if (error == std::errc::result_out_of_range) return opaqueOf(element, "an integer out of range");
     complaint_ = "<integer> holds no whole number";
     return std::nullopt;
   }
@@ -143,62 +155,42 @@ class Parser {
   std::optional<PropertyListEntry> realOf(const pugi::xml_node& element) {
     const std::string text = textOf(element);
     double number = 0;
-    const std::from_chars_result result = parseNumber(trimmed(text), number);
-    if (result.ec == std::errc()) return PropertyListEntry{PreferenceValue::Variant(number), {}};
-    if (result.ec == std::errc::result_out_of_range) return opaqueOf(element);
+    const std::errc error = parseNumber(trimmed(text), number);
+    if (error == std::errc()) return PropertyListEntry{PreferenceValue::Variant(number), {}};
+    if (error == std::errc::result_out_of_range) return opaqueOf(element, "a real number out of range");
     complaint_ = "<real> holds no number";
     return std::nullopt;
   }
 
-  PropertyListEntry opaqueOf(const pugi::xml_node& element) const {
+  PropertyListEntry opaqueOf(const pugi::xml_node& element, const char* what) const {
     // The offset is that of the element's name, behind its '<'.
     const size_t start = static_cast<size_t>(std::max<ptrdiff_t>(element.offset_debug(), 1)) - 1;
-    return {PreferenceValue::Variant(OpaquePreference{}), std::string(elementAt(text_, start))};
+    return {PreferenceValue::Variant(OpaquePreference{what}), std::string(elementAt(text_, start))};
   }
 
   std::string_view text_;
   std::string complaint_;
 };
 
-/// What XML gives a meaning, and the control characters that a parser would change, as references.
-std::string escaped(std::string_view text) {
-  std::string result;
-  for (const char c : text) {
-    if (c == '&') {
-      result += "&amp;";
-    } else if (c == '<') {
-      result += "&lt;";
-    } else if (c == '>') {
-      result += "&gt;";
-    } else if (static_cast<unsigned char>(c) < ' ' && c != '\n' && c != '\t') {
-      result += "&#" + std::to_string(c) + ";";
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
-std::string realText(double number) {
-  std::array<char, 32> digits;
-  const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
-  return {digits.data(), result.ptr};
-}
-
 struct ValueFormatter {
   const PropertyListEntry& entry;
 
   std::string operator()(bool value) const { return value ? "<true/>" : "<false/>"; }
   std::string operator()(int64_t value) const { return "<integer>" + std::to_string(value) + "</integer>"; }
-  std::string operator()(double value) const { return "<real>" + realText(value) + "</real>"; }
-  std::string operator()(const std::string& value) const { return "<string>" + escaped(value) + "</string>"; }
+  std::string operator()(double value) const { return "<real>" + plist::realText(value) + "</real>"; }
+  std::string operator()(const std::string& value) const {
+    return "<string>" + plist::escaped(value) + "</string>";
+  }
   std::string operator()(const OpaquePreference&) const { return entry.xml; }
 };
 
 }  // namespace
 
-std::variant<PropertyList, PropertyListError> parsePropertyList(std::string_view text) {
-  return Parser(text).parse();
+std::variant<PropertyList, PropertyListError> parsePropertyList(std::string_view bytes) {
+  std::string error;
+  const std::optional<std::string> text = plist::xmlForm(bytes, error);
+  if (!text) return PropertyListError{std::move(error)};
+  return Parser(*text).parse();
 }
 
 std::string formatPropertyList(const PropertyList& list) {
@@ -206,7 +198,7 @@ std::string formatPropertyList(const PropertyList& list) {
   for (const auto& [key, entry] : list) {
     const std::string value = std::visit(ValueFormatter{entry}, entry.value.variant());
     if (value.empty()) continue;
-    text += "\t<key>" + escaped(key) + "</key>\n\t" + value + "\n";
+    text += "\t<key>" + plist::escaped(key) + "</key>\n\t" + value + "\n";
   }
   return text + "</dict>\n</plist>\n";
 }

@@ -10,9 +10,6 @@
 
 namespace quorveld::linux_platform {
 
-/// The longest property list that is read, in bytes; parsing takes some twenty times as much for a moment.
-inline constexpr size_t kMaxPropertyListBytes = size_t{1024} * 1024;
-
 struct PropertyListEntry {
   platform::PreferenceValue value;
   /// For an OpaquePreference that was parsed: its element as XML, so that writing the list back loses
@@ -26,13 +23,13 @@ struct PropertyListEntry {
 using PropertyList = std::map<std::string, PropertyListEntry, std::less<>>;
 
 struct PropertyListError {
-  size_t line;  // counted from 1
-  std::string reason;
+  std::string text;  // "line 3: the reason", or of a binary list "byte 120: the reason"
 };
 
-/// Reads an XML property list in UTF-8. Booleans, numbers and texts become values; dates, data, arrays,
-/// dictionaries and integers beyond 64 signed bits are opaque. The last one of a key counts.
-std::variant<PropertyList, PropertyListError> parsePropertyList(std::string_view text);
+/// Reads a property list: XML in any encoding that it names, or binary. Booleans, numbers and texts become
+/// values; dates, data, arrays, dictionaries and integers beyond 64 signed bits are opaque. The last one of a
+/// key counts.
+std::variant<PropertyList, PropertyListError> parsePropertyList(std::string_view bytes);
 
 /// The list as XML, by key; what `parsePropertyList` reads back as the same list. An opaque value that was
 /// never parsed has no text and is left out.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "plist/limits.h"
 #include "tests/linux/scratch_root.h"
 #include "tests/sim/sim_platform.h"
 
@@ -69,23 +70,25 @@ TEST_F(Preferences, NothingIsWrittenThatIsThereAlready) {
   EXPECT_EQ(root_.read(kStoredFile), text);
 }
 
-TEST_F(Preferences, AnotherDomainIsReadAgainAfterASynchronise) {
-  const std::string other = "var/mobile/Library/Preferences/com.corvix.quorvel.plist";
-  EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), std::nullopt);
-  root_.write(other, plistOf("<key>a</key><true/>"));
-  EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), std::nullopt);
+TEST_F(Preferences, ASynchroniseReadsItsDomainOnceAndNoOther) {
+  const char* other = "com.corvix.quorvel";
+  EXPECT_EQ(store_.value("a", other), std::nullopt);
+  root_.write("var/mobile/Library/Preferences/com.corvix.quorvel.plist", plistOf("<key>a</key><true/>"));
   store_.synchronise(kDomain);
-  EXPECT_EQ(store_.value("a", "com.corvix.quorvel"), of(true));
+  EXPECT_EQ(store_.value("a", other), std::nullopt);
+  store_.synchronise(other);
+  EXPECT_EQ(store_.value("a", other), of(true));
 }
 
-TEST_F(Preferences, BrokenFileActsAsEmptyIsLoggedOncePerStateAndIsKeptAside) {
+TEST_F(Preferences, AFileThatIsBrokenAtFirstActsAsEmptyIsLoggedOncePerStateAndIsKeptAside) {
   root_.write(kStoredFile, plistOf("<key>a</key>\n<integer>x</integer>"));
   store_.synchronise(kDomain);
   store_.synchronise(kDomain);
   EXPECT_EQ(store_.value("a", kDomain), std::nullopt);
   const std::string path = root_ / kStoredFile;
   EXPECT_EQ(sim_.logs.count(platform::LogLevel::standard,
-                            "Unusable property list " + path + ": line 2: <integer> holds no whole number"),
+                            "Unusable property list " + path +
+                                ": line 2: <integer> holds no whole number; it counts as empty"),
             1)
       << sim_.logs.dump();
   EXPECT_FALSE(root_.exists(std::string(kStoredFile) + ".broken"));
@@ -94,10 +97,56 @@ TEST_F(Preferences, BrokenFileActsAsEmptyIsLoggedOncePerStateAndIsKeptAside) {
   root_.write(kStoredFile, worse);
   store_.set("b", of(true), kDomain);
   store_.synchronise(kDomain);
-  EXPECT_TRUE(sim_.logs.has(platform::LogLevel::standard,
-                            "Unusable property list " + path + ": line 3: <integer> holds no whole number"));
+  EXPECT_TRUE(sim_.logs.has(
+      platform::LogLevel::standard,
+      "Unusable property list " + path + ": line 3: <integer> holds no whole number; it counts as empty"));
   EXPECT_EQ(root_.read(std::string(kStoredFile) + ".broken"), worse);
   EXPECT_EQ(stored().size(), 1u);
+}
+
+TEST_F(Preferences, AFileThatBreaksLaterKeepsItsLastGoodValuesUntilItIsGoodOrGone) {
+  const auto complaint = [&](const std::string& file, const std::string& reason) {
+    return sim_.logs.count(platform::LogLevel::standard, "Unusable property list " + (root_ / file) + ": " +
+                                                             reason + "; its last good values stay in force");
+  };
+  const std::string good = plistOf("<key>a</key><true/>");
+  const std::string broken = "<plist><dict><key>a</key><fal";
+  const std::string reason = "line 1: Error parsing start element tag";
+  root_.write(kStoredFile, good);
+  root_.write("managed.plist", good);
+  const auto look = [&] {
+    store_.synchronise(kDomain);
+    return std::pair(store_.value("a", kDomain).has_value(),
+                     store_.managedDictionary("/managed.plist").size());
+  };
+  EXPECT_EQ(look(), std::pair(true, size_t{1}));
+  for (const char* file : {kStoredFile, "managed.plist"}) root_.write(file, broken);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(look(), std::pair(true, size_t{1}));
+  EXPECT_EQ(complaint(kStoredFile, reason), 1) << sim_.logs.dump();
+  EXPECT_EQ(complaint("managed.plist", reason), 1);
+
+  // Whoever mends it finds it as it was: what the daemon sets meanwhile waits.
+  store_.set("b", of(true), kDomain);
+  store_.synchronise(kDomain);
+  EXPECT_EQ(root_.read(kStoredFile), broken);
+  EXPECT_FALSE(root_.exists(std::string(kStoredFile) + ".broken"));
+  EXPECT_EQ(store_.value("b", kDomain), of(true));
+  EXPECT_EQ(sim_.logs.lines.size(), 2u) << sim_.logs.dump();
+
+  root_.write(kStoredFile,
+              "bplist00");  // another slip is another line; so is the first one after a good state
+  EXPECT_EQ(look(), std::pair(true, size_t{1}));
+  EXPECT_EQ(complaint(kStoredFile, "byte 8: the trailer is missing"), 1);
+  root_.write(kStoredFile, plistOf("<key>c</key><true/>"));
+  EXPECT_EQ(look().first, false);
+  EXPECT_EQ(stored().size(), 2u);
+  root_.write(kStoredFile, broken);
+  look();
+  EXPECT_EQ(complaint(kStoredFile, reason), 2);
+
+  for (const char* file : {kStoredFile, "managed.plist"}) std::filesystem::remove(root_ / file);
+  EXPECT_EQ(look(), std::pair(false, size_t{0}));
+  EXPECT_EQ(store_.value("c", kDomain), std::nullopt);
 }
 
 TEST_F(Preferences, WhatCannotBeReadOrWrittenLeavesTheValuesAtHand) {
@@ -120,11 +169,11 @@ TEST_F(Preferences, WhatCannotBeReadOrWrittenLeavesTheValuesAtHand) {
 
 TEST_F(Preferences, FileAtTheSizeLimitIsReadAndALongerOneIsNot) {
   std::string text = plistOf("<key>a</key><true/>");
-  text.append(kMaxPropertyListBytes - text.size(), '\n');
+  text.append(plist::kMaxBytes - text.size(), '\n');
   root_.write("managed.plist", text);
   EXPECT_EQ(store_.managedDictionary("/managed.plist").size(), 1u);
-  root_.write("managed.plist", text + "\n");
-  EXPECT_TRUE(store_.managedDictionary("/managed.plist").empty());
+  root_.write("longer.plist", text + "\n");
+  EXPECT_TRUE(store_.managedDictionary("/longer.plist").empty());
   EXPECT_EQ(sim_.logs.lines.size(), 1u);
   EXPECT_TRUE(store_.managedDictionary("/missing.plist").empty());
   EXPECT_EQ(sim_.logs.lines.size(), 1u);

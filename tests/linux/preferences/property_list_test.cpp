@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <limits>
+#include <optional>
 
 namespace quorveld::linux_platform {
 namespace {
@@ -18,7 +20,7 @@ std::string listOf(const std::string& contents) {
 PropertyList parsed(const std::string& text) {
   auto result = parsePropertyList(text);
   if (const auto* error = std::get_if<PropertyListError>(&result)) {
-    ADD_FAILURE() << error->line << ": " << error->reason;
+    ADD_FAILURE() << error->text;
     return {};
   }
   return std::get<PropertyList>(std::move(result));
@@ -42,9 +44,9 @@ TEST(PropertyList, ReadsEveryKindOfValueAndWritesBackTheSame) {
   EXPECT_EQ(list.at("s").value, PreferenceValue::Variant(std::string("a & b<c>")));
   EXPECT_EQ(list.at("blank").value, PreferenceValue::Variant(std::string(" ")));
   EXPECT_EQ(list.at("&").value, PreferenceValue::Variant(std::string()));
-  for (const char* opaque : {"huge", "when", "nested"}) {
-    EXPECT_EQ(list.at(opaque).value, PreferenceValue::Variant(OpaquePreference{})) << opaque;
-  }
+  EXPECT_EQ(list.at("huge").value, PreferenceValue::Variant(OpaquePreference{"an integer out of range"}));
+  EXPECT_EQ(list.at("when").value, PreferenceValue::Variant(OpaquePreference{"a date"}));
+  EXPECT_EQ(list.at("nested").value, PreferenceValue::Variant(OpaquePreference{"an array"}));
   EXPECT_EQ(list.at("nested").xml, nested);
   EXPECT_EQ(list.size(), 10u);
 
@@ -55,11 +57,45 @@ TEST(PropertyList, ReadsEveryKindOfValueAndWritesBackTheSame) {
   EXPECT_TRUE(parsed(listOf("\n  ")).empty());
 }
 
+TEST(PropertyList, WholeNumbersMayBeHexadecimal) {
+  const auto valueOf = [](const std::string& text) -> std::optional<PreferenceValue> {
+    const auto result = parsePropertyList(listOf("<key>i</key><integer>" + text + "</integer>"));
+    const auto* list = std::get_if<PropertyList>(&result);
+    return list ? std::optional(list->at("i").value) : std::nullopt;
+  };
+  const auto number = [](int64_t value) { return PreferenceValue(PreferenceValue::Variant(value)); };
+  EXPECT_EQ(valueOf("0x9"), number(9));
+  EXPECT_EQ(valueOf(" +0XfF\n"), number(255));
+  EXPECT_EQ(valueOf("-0x8000000000000000"), number(std::numeric_limits<int64_t>::min()));
+  EXPECT_EQ(valueOf("0x8000000000000000"),
+            PreferenceValue::Variant(OpaquePreference{"an integer out of range"}));
+  for (const char* none :
+       {"0x", "-0x", "0x-9", "-0x-9", "0x+9", "+-9", "+-0x9", "0xg", "9x0", "0x 9", "", "-"}) {
+    EXPECT_EQ(valueOf(none), std::nullopt) << none;
+  }
+}
+
+TEST(PropertyList, OfAnotherFormIsReadAsItsXml) {
+  // As tools write it: {"QuorvelEnabled": true, "List": [2.5]}.
+  const std::string binary(
+      "bplist00\xd2\x01\x02\x03\x04^QuorvelEnabledTList\x09\xa1\x05#@\x04\x00\x00\x00\x00\x00\x00\x08\x0d\x1c!\x22$\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x06\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00-",
+      83);
+  const PropertyList list = parsed(binary);
+  EXPECT_EQ(list.at("QuorvelEnabled").value, PreferenceValue::Variant(true));
+  EXPECT_EQ(list.at("List").xml, "<array><real>2.5</real></array>");
+
+  std::string wide = "\xFF\xFE";
+  for (const char c : listOf("<key>k</key>\n<array>\n</array>")) wide += {c, '\0'};
+  EXPECT_EQ(parsed(wide).at("k").xml, "<array>\n</array>");
+  EXPECT_EQ(parsed("\xEF\xBB\xBF" + listOf("<key>k</key><date>x</date>")).at("k").xml, "<date>x</date>");
+}
+
 TEST(PropertyList, NamesTheLineOfWhatIsWrong) {
   const auto lineOf = [](const std::string& text) -> size_t {
     const auto result = parsePropertyList(text);
     const auto* error = std::get_if<PropertyListError>(&result);
-    return error && !error->reason.empty() ? error->line : 0;
+    size_t line = 0;
+    return error && std::sscanf(error->text.c_str(), "line %zu: %*s", &line) == 1 ? line : 0;
   };
   EXPECT_EQ(lineOf(listOf("\n<key>a</key><integer>1x</integer>")), 5u);
   EXPECT_EQ(lineOf(listOf("\n<key>a</key>\n<real/>")), 6u);

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "platform/linux/preferences/property_list.h"
+
+namespace quorveld::linux_platform {
+
+/// One property-list file and the last good look at it. Work queue only.
+///
+/// Invariants: a file that is missing is empty; one that can't be read or is broken changes nothing in
+/// `values`, which are empty before the first good look; each state of it in which it is of no use is logged
+/// once. It is never replaced while it is of no use, save for one that is broken and was never good: that one
+/// is renamed to PATH.broken when another takes its place.
+class PropertyListFile {
+ public:
+  explicit PropertyListFile(std::string path) : path_(std::move(path)) {}
+
+  /// Looks at the file anew.
+  void read();
+
+  const PropertyList& values() const { return values_; }
+
+  /// Puts `values` into the file's place, if they aren't what it holds. False, and logged where that is news,
+  /// when it must stay or can't be written.
+  bool write(PropertyList values);
+
+ private:
+  enum class State { good, broken, unreadable };
+
+  State look(PropertyList& list, std::string& problem) const;
+  void complainOnce(const std::string& problem);
+  bool keepBroken() const;
+
+  std::string path_;
+  PropertyList values_;
+  State state_ = State::unreadable;
+  bool known_ = false;     // there has been a good look
+  std::string complaint_;  // the state that was complained of
+};
+
+}  // namespace quorveld::linux_platform
