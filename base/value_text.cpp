@@ -43,4 +43,25 @@ std::string describe(const platform::Dictionary& dictionary) {
   return text + "}";
 }
 
+std::string describe(const platform::PreferenceValue& value) {
+  constexpr size_t kMaxTextBytes = 64;
+  return std::visit(
+      [](const auto& data) -> std::string {
+        using T = std::decay_t<decltype(data)>;
+        if constexpr (std::is_same_v<T, bool>) {
+          return data ? "true" : "false";
+        } else if constexpr (std::is_same_v<T, double>) {
+          return formatted("%g", data);
+        } else if constexpr (std::is_arithmetic_v<T>) {
+          return std::to_string(data);
+        } else if constexpr (std::is_same_v<T, std::string>) {
+          const std::string_view shown = cutAtCharacter(data, kMaxTextBytes);
+          return '"' + std::string(shown) + (shown.size() < data.size() ? "..." : "") + '"';
+        } else {
+          return data.what;
+        }
+      },
+      value.variant());
+}
+
 }  // namespace quorveld

@@ -1,7 +1,6 @@
 #include "core/preferences.h"
 
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <string>
 
@@ -9,70 +8,12 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "base/ticks.h"
+#include "core/preference_reader.h"
 #include "hangs/qv_process_info.h"
 #include "platform/platform.h"
 #include "platform/preferences_store.h"
 
 namespace quorveld {
-
-/// Seconds as a profile or a user wrote them: the value must answer the integer reading, and is then read as
-/// a float.
-struct ReportPeriod {
-  float seconds;
-  int32_t wholeSeconds;
-};
-
-namespace {
-
-using platform::PreferenceDictionary;
-using platform::PreferenceValue;
-
-// The three conversions that a value may answer; one out of range answers as little as one of a wrong type.
-std::optional<bool> asBool(const PreferenceValue& value) {
-  return value.asBool();
-}
-
-std::optional<double> asDouble(const PreferenceValue& value) {
-  return value.asDouble();
-}
-
-template <typename Integer>
-std::optional<Integer> asInteger(const PreferenceValue& value) {
-  const auto wide = value.asInt();
-  if (!wide || *wide < std::numeric_limits<Integer>::min() || *wide > std::numeric_limits<Integer>::max()) {
-    return std::nullopt;
-  }
-  return static_cast<Integer>(*wide);
-}
-
-template <typename Result>
-using Conversion = std::optional<Result> (*)(const PreferenceValue&);
-
-template <typename Result>
-std::optional<Result> fromStore(const char* key, Conversion<Result> convert,
-                                const char* domain = kPreferencesDomain) {
-  const auto value = platform::current().preferences.value(key, domain);
-  return value ? convert(*value) : std::nullopt;
-}
-
-/// The managed configuration's entry wins over the user's; one of an unsuitable type is passed over.
-template <typename Result>
-std::optional<Result> fromProfile(const PreferenceDictionary& managed, const char* key,
-                                  Conversion<Result> convert) {
-  if (const auto entry = managed.find(std::string("QVProfile.") + key); entry != managed.end()) {
-    if (const auto converted = convert(entry->second)) return converted;
-  }
-  return fromStore(key, convert);
-}
-
-std::optional<ReportPeriod> asPeriod(const PreferenceValue& value) {
-  const auto whole = asInteger<int32_t>(value);
-  const auto seconds = value.asDouble();
-  if (!whole || !seconds) return std::nullopt;
-  return ReportPeriod{static_cast<float>(*seconds), *whole};
-}
-
-}  // namespace
 
 /// Every key, read once, before any value is applied: what is applied is one consistent look.
 struct Preferences::Fetched {
@@ -98,32 +39,38 @@ struct Preferences::Fetched {
 
 Preferences::Fetched Preferences::fetch() {
   platform::PreferencesStore& store = platform::current().preferences;
-  const PreferenceDictionary managed = store.managedDictionary(kManagedPreferencesPath);
+  PreferenceReader reader(store, store.managedDictionary(kManagedPreferencesPath));
   store.synchronise(kPreferencesDomain);
   store.synchronise(kActivationPreferencesDomain);
-  const Conversion<int32_t> asInt = asInteger<int32_t>;
-  const Conversion<uint32_t> asUnsigned = asInteger<uint32_t>;
-  return {
-      .enabled = fromProfile(managed, "QuorvelEnabled", asBool),
-      .reportPeriod = fromProfile(managed, "QuorvelReportPeriod", asPeriod),
-      .dailyLogLimit = fromProfile(managed, "QuorvelDailyLogLimit", asInt),
-      .dailyLongLogLimit = fromProfile(managed, "QuorvelDailyLongLogLimit", asInt),
-      .longHangDurationThreshold = fromProfile(managed, "QuorvelLongHangDurationThreshold", asDouble),
-      .hangTimeoutDuration = fromProfile(managed, "QuorvelHangTimeoutDuration", asDouble),
-      .enableKelvane = fromProfile(managed, "QuorvelEnableKelvane", asBool),
-      .enableDisplayData = fromProfile(managed, "QuorvelEnableDisplayData", asBool),
-      .slowActKelvanesEnabled = fromProfile(managed, "QuorvelSlowActKelvanesEnabled", asBool),
-      .slowActPerAppMax = fromProfile(managed, "QuorvelSlowActPerAppMax", asInt),
-      .slowActDailyLogLimit = fromProfile(managed, "QuorvelSlowActDailyLogLimit", asInt),
-      .slowActLaunchKelvaneThreshold = fromProfile(managed, "QuorvelSlowActLaunchKelvaneThreshold", asInt),
-      .enableMemoryLogging = fromStore("QuorvelEnableMemoryLogging", asBool),
-      .memoryLoggingInterval = fromStore("QuorvelMemoryLoggingInterval", asUnsigned),
-      .enableHUD = fromStore("QuorvelEnableHUD", asBool),
+  Fetched fetched{
+      .enabled = reader.fromProfile("QuorvelEnabled", kBoolReading),
+      .reportPeriod = reader.fromProfile("QuorvelReportPeriod", kReportPeriodReading),
+      .dailyLogLimit = reader.fromProfile("QuorvelDailyLogLimit", kIntReading),
+      .dailyLongLogLimit = reader.fromProfile("QuorvelDailyLongLogLimit", kIntReading),
+      .longHangDurationThreshold = reader.fromProfile("QuorvelLongHangDurationThreshold", kRealReading),
+      .hangTimeoutDuration = reader.fromProfile("QuorvelHangTimeoutDuration", kRealReading),
+      .enableKelvane = reader.fromProfile("QuorvelEnableKelvane", kBoolReading),
+      .enableDisplayData = reader.fromProfile("QuorvelEnableDisplayData", kBoolReading),
+      .slowActKelvanesEnabled = reader.fromProfile("QuorvelSlowActKelvanesEnabled", kBoolReading),
+      .slowActPerAppMax = reader.fromProfile("QuorvelSlowActPerAppMax", kIntReading),
+      .slowActDailyLogLimit = reader.fromProfile("QuorvelSlowActDailyLogLimit", kIntReading),
+      .slowActLaunchKelvaneThreshold =
+          reader.fromProfile("QuorvelSlowActLaunchKelvaneThreshold", kIntReading),
+      .enableMemoryLogging = reader.fromStore("QuorvelEnableMemoryLogging", kBoolReading),
+      .memoryLoggingInterval = reader.fromStore("QuorvelMemoryLoggingInterval", kIntervalReading),
+      .enableHUD = reader.fromStore("QuorvelEnableHUD", kBoolReading),
       .enableAppActivationLogging =
-          fromStore("QuorvelEnableAppActivationLogging", asBool, kActivationPreferencesDomain),
-      .activationMaxCount = fromStore("QuorvelAppActivationLoggingMaxActivationCount", asUnsigned),
-      .activationCPUThreshold = fromStore("QuorvelAppActivationLoggingCPUUtilizationThreshold", asDouble),
+          reader.fromStore("QuorvelEnableAppActivationLogging", kBoolReading, kActivationPreferencesDomain),
+      .activationMaxCount =
+          reader.fromStore("QuorvelAppActivationLoggingMaxActivationCount", kUnsignedReading),
+      .activationCPUThreshold =
+          reader.fromStore("QuorvelAppActivationLoggingCPUUtilizationThreshold", kPositiveRealReading),
   };
+  for (const std::string& text : reader.ignored()) {
+    if (!ignored_.contains(text)) quorvelLog().standard("refreshPreferences: %s", text.c_str());
+  }
+  ignored_ = {reader.ignored().begin(), reader.ignored().end()};
+  return fetched;
 }
 
 bool Preferences::refreshPreferences() {
@@ -153,10 +100,7 @@ void Preferences::applyMemoryLogging(const Fetched& fetched) {
     log.info("refreshPreferences: Memory Logging Disabled");
     timers_.stopMemoryLogging();
   }
-  if (fetched.memoryLoggingInterval == 0u) {
-    log.standard("refreshPreferences: QuorvelMemoryLoggingInterval of 0 seconds is ignored");
-  } else if (fetched.memoryLoggingInterval &&
-             *fetched.memoryLoggingInterval != current.memoryLoggingInterval) {
+  if (fetched.memoryLoggingInterval && *fetched.memoryLoggingInterval != current.memoryLoggingInterval) {
     current.memoryLoggingInterval = *fetched.memoryLoggingInterval;
     timers_.rearmMemoryLogging();
     log.info("refreshPreferences: change memoryLoggingInterval to %u", current.memoryLoggingInterval);
@@ -228,7 +172,7 @@ void Preferences::applyActivationLogging(const Fetched& fetched) {
     log.info("refreshPreferences: QuorvelAppActivationLoggingMaxActivationCount = %d",
              static_cast<int>(*fetched.activationMaxCount));
   }
-  if (fetched.activationCPUThreshold && *fetched.activationCPUThreshold > 0.0) {
+  if (fetched.activationCPUThreshold) {
     current.activationCPUThreshold = *fetched.activationCPUThreshold;
     log.info("refreshPreferences: QuorvelAppActivationLoggingCPUUtilizationThreshold = %f",
              *fetched.activationCPUThreshold);

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <set>
+#include <string>
+
 #include "core/daemon_timers.h"
 #include "platform/work_queue.h"
 
@@ -17,7 +20,7 @@ void checkPreferences();
 /// Reads every preference and carries it into effect: settings, limits, timers.
 ///
 /// A value that is absent keeps what an earlier run set, except for the flags that are worked out anew each
-/// time. A value of an unsuitable type counts as absent. Work queue only.
+/// time. A value of an unsuitable type counts as absent, and is logged when it is first met. Work queue only.
 class Preferences {
  public:
   Preferences(platform::MainQueue& workQueue, DaemonTimers& timers)
@@ -28,7 +31,7 @@ class Preferences {
 
  private:
   struct Fetched;
-  static Fetched fetch();
+  Fetched fetch();
 
   void applyMemoryLogging(const Fetched& fetched);
   void applyHangTracing(const Fetched& fetched);
@@ -38,6 +41,7 @@ class Preferences {
 
   platform::MainQueue& workQueue_;
   DaemonTimers& timers_;
+  std::set<std::string> ignored_;  // what the last look ignored, as logged
 };
 
 }  // namespace quorveld

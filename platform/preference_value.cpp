@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <limits>
 
 #include "platform/preferences_store.h"
 
@@ -19,6 +18,10 @@ std::optional<T> parseWhole(const std::string& text) {
   return value;
 }
 
+std::optional<double> finite(double value) {
+  return std::isfinite(value) ? std::optional(value) : std::nullopt;
+}
+
 std::optional<int64_t> truncate(double value) {
   // 2^63 is a double, the largest int64_t isn't: the upper bound is exclusive.
   constexpr double kLimit = 9223372036854775808.0;
@@ -31,7 +34,9 @@ std::optional<int64_t> truncate(double value) {
 std::optional<bool> PreferenceValue::asBool() const {
   if (const bool* value = std::get_if<bool>(&value_)) return *value;
   if (const int64_t* value = std::get_if<int64_t>(&value_)) return *value != 0;
-  if (const double* value = std::get_if<double>(&value_)) return *value != 0.0;
+  if (const double* value = std::get_if<double>(&value_)) {
+    return std::isfinite(*value) ? std::optional(*value != 0.0) : std::nullopt;
+  }
   if (const std::string* text = std::get_if<std::string>(&value_)) {
     for (const char* yes : {"true", "yes", "1"}) {
       if (strcasecmp(text->c_str(), yes) == 0) return true;
@@ -54,8 +59,11 @@ std::optional<int64_t> PreferenceValue::asInt() const {
 std::optional<double> PreferenceValue::asDouble() const {
   if (const bool* value = std::get_if<bool>(&value_)) return *value ? 1.0 : 0.0;
   if (const int64_t* value = std::get_if<int64_t>(&value_)) return static_cast<double>(*value);
-  if (const double* value = std::get_if<double>(&value_)) return *value;
-  if (const std::string* text = std::get_if<std::string>(&value_)) return parseWhole<double>(*text);
+  if (const double* value = std::get_if<double>(&value_)) return finite(*value);
+  if (const std::string* text = std::get_if<std::string>(&value_)) {
+    const std::optional<double> spelled = parseWhole<double>(*text);
+    return spelled ? finite(*spelled) : std::nullopt;
+  }
   return std::nullopt;
 }
 

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <tuple>
+
 #include "base/settings.h"
 #include "base/ticks.h"
 #include "tests/sim/world.h"
@@ -229,6 +234,82 @@ TEST(Preferences, NumbersAndTextsAreReadAsWhatIsAskedFor) {
   EXPECT_NEAR(static_cast<double>(settings().reportPeriod), 60 * 24e6, 200);
 }
 
+TEST(Preferences, WhatIsIgnoredIsLoggedOnceForAsLongAsItStays) {
+  struct Case {
+    Setting setting;
+    const char* said;
+  };
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  const Case cases[] = {
+      {{"QuorvelEnableHUD", std::string("perhaps\n")}, "expected true or false, found \"perhaps\n\""},
+      {{"QuorvelEnableHUD", std::string(65, 'x')},
+       "expected true or false, found \"xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx...\""},
+      {{"QuorvelEnableHUD", std::nan("")}, "expected true or false, found nan"},
+      {{kActivationKey, OpaquePreference{"an array"}}, "expected true or false, found an array"},
+      {{"QuorvelDailyLogLimit", int64_t{1} << 31},
+       "expected a whole number from -2147483648 to 2147483647, found 2147483648"},
+      {{"QuorvelMemoryLoggingInterval", int64_t{0}}, "expected a whole number from 1 to 4294967295, found 0"},
+      {{"QuorvelMemoryLoggingInterval", false}, "expected a whole number from 1 to 4294967295, found false"},
+      {{"QuorvelAppActivationLoggingMaxActivationCount", int64_t{-1}},
+       "expected a whole number from 0 to 4294967295, found -1"},
+      {{"QuorvelReportPeriod", 2147483648.0},
+       "expected a number, whole if it is a text, from -2147483648 to 2147483647, found 2.14748e+09"},
+      {{"QuorvelReportPeriod", std::string("60.5")},
+       "expected a number, whole if it is a text, from -2147483648 to 2147483647, found \"60.5\""},
+      {{"QuorvelHangTimeoutDuration", kInfinity}, "expected a number, found inf"},
+      {{"QuorvelLongHangDurationThreshold", std::string("nan")}, "expected a number, found \"nan\""},
+      {{"QuorvelAppActivationLoggingCPUUtilizationThreshold", 0.0}, "expected a number above 0, found 0"},
+      {{"QuorvelAppActivationLoggingCPUUtilizationThreshold", -1.5}, "expected a number above 0, found -1.5"},
+  };
+  for (const Case& item : cases) {
+    const auto& [key, value] = item.setting;
+    World world;
+    const auto inForce = [] {
+      const Settings& current = settings();
+      return std::tuple(current.reportPeriod, current.memoryLoggingInterval,
+                        current.activationCPUThreshold.load(), current.activationMaxCount.load());
+    };
+    const auto before = inForce();
+    const std::string line =
+        "refreshPreferences: " + std::string(key) + " in " + domainOf(key) + " is ignored: " + item.said;
+    const auto said = [&] { return world.logs.count(Level::standard, line); };
+    world.prefer(key, value, domainOf(key));
+    world.announcePreferences();
+    EXPECT_EQ(said(), 1) << line << world.logs.dump();
+    EXPECT_EQ(inForce(), before);
+    world.prefer(key, int64_t{1}, domainOf(key));
+    EXPECT_EQ(said(), 1);
+    world.prefer(key, value, domainOf(key));
+    EXPECT_EQ(said(), 2) << "met anew";
+  }
+  World world;
+  manage(world, {{"QuorvelDailyLogLimit", OpaquePreference{"a date"}},
+                 {"QuorvelEnableHUD", std::string("perhaps")}});
+  world.prefer("QuorvelDailyLogLimit", std::string("ten"));
+  const auto ignored = std::count_if(world.logs.lines.begin(), world.logs.lines.end(), [](const auto& line) {
+    return line.text.find(" is ignored: ") != std::string::npos;
+  });
+  EXPECT_EQ(ignored, 2) << "an entry and what it would have overridden; no entry overrides QuorvelEnableHUD";
+  EXPECT_TRUE(
+      world.logged(Level::standard,
+                   "refreshPreferences: QVProfile.QuorvelDailyLogLimit in /Library/Managed "
+                   "Preferences/mobile/.GlobalPreferences.plist is ignored: expected a whole number from "
+                   "-2147483648 to 2147483647, found a date"));
+  manage(world, {{"QuorvelDailyLogLimit", int64_t{3}}});
+  world.logs.clear();
+  world.announcePreferences();
+  EXPECT_TRUE(world.lines(Level::standard).empty()) << "what is overridden isn't looked at";
+}
+
+TEST(Preferences, AReportPeriodIsTakenUpToTheLargestInt) {
+  World world;
+  world.prefer("QuorvelReportPeriod", 2147483647.0);
+  EXPECT_TRUE(world.logged(Level::info, "refreshPreferences: QuorvelReportPeriod = 2147483647"));
+  EXPECT_EQ(settings().reportPeriod, static_cast<uint64_t>(2147483648.0F * 1000.0 / msPerTick()));
+  world.prefer("QuorvelReportPeriod", -1.0);
+  EXPECT_EQ(settings().reportPeriod, 0u);
+}
+
 TEST(Preferences, ACPUThresholdThatIsNotPositiveIsNotTaken) {
   for (const double value : {0.0, -1.0}) {
     World world;
@@ -366,6 +447,17 @@ TEST(InternalBuild, GetsItsDefaultsOnceButMemoryLoggingAlways) {
     EXPECT_EQ(world.preferences.stored("QuorvelEnableMemoryLogging"), PreferenceValue(true));
     EXPECT_EQ(world.preferences.stored("QuorvelDuration").has_value(), item.keepsDuration);
     EXPECT_EQ(world.logs.has(Level::info, "checkPreferences: Internal install, force enabled."), item.forced);
+  }
+  {
+    World world(World::Daemon::later);
+    world.device.capabilities.insert("InternalBuild");
+    userSetsAll(world, {{"QuorvelInternalSettingCreated", OpaquePreference{"data"}}});
+    world.start();
+    EXPECT_TRUE(
+        world.logged(Level::standard,
+                     "checkPreferences: QuorvelInternalSettingCreated in com.corvix.telvo is ignored: "
+                     "expected true or false, found data"));
+    EXPECT_EQ(world.preferences.stored("QuorvelInternalSettingCreated"), PreferenceValue(true));
   }
   World other;
   EXPECT_FALSE(other.preferences.stored("QuorvelInternalSettingCreated"));

@@ -52,9 +52,9 @@ struct Setting {
 Setting settingOf(const PreferenceKey& key, const PreferenceFile& domain, const PreferenceFile& managed) {
   Setting setting;
   setting.own = domain.get(key.name);
-  setting.ownCounts = setting.own && answers(*setting.own, key.type);
+  setting.ownCounts = setting.own && answers(*setting.own, key);
   if (key.profile) setting.managed = managed.get("QVProfile." + std::string(key.name));
-  if (setting.managed && !answers(*setting.managed, key.type)) setting.managed.reset();
+  if (setting.managed && !answers(*setting.managed, key)) setting.managed.reset();
   return setting;
 }
 

@@ -23,8 +23,8 @@ constexpr PreferenceKey integer(std::string_view name, int64_t least, int64_t mo
 }
 
 constexpr PreferenceKey real(std::string_view name, std::string_view absent, bool profile,
-                             std::string_view meaning) {
-  return {name, kTelvo, PreferenceType::real, 0, 0, absent, profile, meaning};
+                             std::string_view meaning, PreferenceType type = PreferenceType::real) {
+  return {name, kTelvo, type, kIntMin, kIntMax, absent, profile, meaning};
 }
 
 constexpr std::array kKeys{
@@ -34,16 +34,18 @@ constexpr std::array kKeys{
     boolean("QuorvelEnableKelvane", kTelvo, "false", true, "trace reports are saved"),
     integer("QuorvelDailyLogLimit", kIntMin, kIntMax, "25", true, "reports of short hangs a day"),
     integer("QuorvelDailyLongLogLimit", kIntMin, kIntMax, "25", true, "reports of long hangs a day"),
-    real("QuorvelReportPeriod", "3600 s", true, "s; a quarter of it gives each process a credit back"),
+    real("QuorvelReportPeriod", "3600 s", true, "s; a quarter of it gives each process a credit back",
+         PreferenceType::seconds),
     boolean("QuorvelEnableDisplayData", kTelvo, "true", true, "reports carry the display's history"),
     boolean("QuorvelEnableHUD", kTelvo, "false", false, "hangs are shown on screen, on internal builds"),
     boolean("QuorvelEnableMemoryLogging", kTelvo, "false", false, "memory reports"),
-    integer("QuorvelMemoryLoggingInterval", 0, kUnsignedMax, "3600 s", false,
+    integer("QuorvelMemoryLoggingInterval", 1, kUnsignedMax, "3600 s", false,
             "s; time between two memory reports"),
     integer("QuorvelAppActivationLoggingMaxActivationCount", 0, kUnsignedMax, "200", false,
             "activations reported a day"),
     real("QuorvelAppActivationLoggingCPUUtilizationThreshold", "50 ms", false,
-         "ms; CPU time below which an activation's report leaves a process out; only above 0"),
+         "ms; CPU time below which an activation's report leaves a process out; only above 0",
+         PreferenceType::positive),
     boolean("QuorvelSlowActKelvanesEnabled", kTelvo, "false", true,
             "trace reports of slow launches, in place of activation reports"),
     integer("QuorvelSlowActLaunchKelvaneThreshold", kIntMin, kIntMax, "5000 ms", true,
@@ -79,6 +81,8 @@ std::string_view typeName(PreferenceType type) {
     case PreferenceType::integer:
       return "integer";
     case PreferenceType::real:
+    case PreferenceType::positive:
+    case PreferenceType::seconds:
       return "real";
   }
   return "";

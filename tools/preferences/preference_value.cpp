@@ -33,9 +33,28 @@ std::string realText(double number) {
   return text.find_first_of(".e") == std::string::npos ? text + ".0" : text;
 }
 
-bool fitsInteger(double number) {
+std::string range(const PreferenceKey& key) {
+  return std::to_string(key.least) + " to " + std::to_string(key.most);
+}
+
+/// The value as the daemon reads a number: truth is 1 or 0, a text what it spells in full. Nothing for what
+/// is none.
+std::optional<double> numberOf(const StoredValue& value) {
+  if (value.element == "true") return 1.0;
+  if (value.element == "false") return 0.0;
+  if (value.element == "integer" && !wholly<int64_t>(value.text)) return std::nullopt;
+  if (value.element != "integer" && value.element != "real" && value.element != "string") return std::nullopt;
+  const std::optional<double> number = wholly<double>(value.text);
+  return number && std::isfinite(*number) ? number : std::nullopt;
+}
+
+/// The same for a whole number, what follows the point of a real one being cut off.
+std::optional<int64_t> wholeOf(const StoredValue& value) {
   constexpr double kLimit = 9223372036854775808.0;  // 2^63
-  return number >= -kLimit && number < kLimit;
+  if (value.element == "integer" || value.element == "string") return wholly<int64_t>(value.text);
+  const std::optional<double> number = numberOf(value);
+  if (!number || *number < -kLimit || *number >= kLimit) return std::nullopt;
+  return static_cast<int64_t>(*number);
 }
 
 }  // namespace
@@ -60,29 +79,42 @@ std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view
       const auto value = wholly<int64_t>(text);
       if (value && *value >= key.least && *value <= key.most)
         return StoredValue{"integer", std::to_string(*value)};
-      error = name + " takes a whole number from " + std::to_string(key.least) + " to " +
-              std::to_string(key.most) + ", not " + given;
+      error = name + " takes a whole number from " + range(key) + ", not " + given;
       return std::nullopt;
     }
-    case PreferenceType::real: {
-      const auto value = wholly<double>(text);
-      if (value && std::isfinite(*value)) return StoredValue{"real", realText(*value)};
-      error = name + " takes a number, not " + given;
+    case PreferenceType::real:
+    case PreferenceType::positive:
+    case PreferenceType::seconds: {
+      const auto number = wholly<double>(text);
+      StoredValue value{"real", number ? realText(*number) : ""};
+      if (answers(value, key)) return value;
+      error = name + " takes a number";
+      if (key.type == PreferenceType::positive) error += " above 0";
+      if (key.type == PreferenceType::seconds) error += " from " + range(key);
+      error += ", not " + given;
       return std::nullopt;
     }
   }
   return std::nullopt;
 }
 
-bool answers(const StoredValue& value, PreferenceType type) {
-  if (value.element == "true" || value.element == "false") return true;
-  const bool isText = value.element == "string";
-  if (!isText && value.element != "integer" && value.element != "real") return false;
-  if (isText && type == PreferenceType::boolean) return spelledBool(value.text).has_value();
-  if (isText && type == PreferenceType::integer) return wholly<int64_t>(value.text).has_value();
-  const std::optional<double> number = wholly<double>(value.text);
-  if (value.element == "integer" && !wholly<int64_t>(value.text)) return false;
-  return number && (type != PreferenceType::integer || fitsInteger(*number));
+bool answers(const StoredValue& value, const PreferenceKey& key) {
+  const auto inRange = [&key](std::optional<int64_t> number) {
+    return number && *number >= key.least && *number <= key.most;
+  };
+  switch (key.type) {
+    case PreferenceType::boolean:
+      return value.element == "string" ? spelledBool(value.text).has_value() : numberOf(value).has_value();
+    case PreferenceType::integer:
+      return inRange(wholeOf(value));
+    case PreferenceType::real:
+      return numberOf(value).has_value();
+    case PreferenceType::positive:
+      return numberOf(value).value_or(0) > 0;
+    case PreferenceType::seconds:
+      return numberOf(value) && inRange(wholeOf(value));
+  }
+  return false;
 }
 
 }  // namespace quorvelctl

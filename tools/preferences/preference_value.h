@@ -23,8 +23,8 @@ struct StoredValue {
 /// otherwise.
 std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view text, std::string& error);
 
-/// Whether the daemon takes `value` for one of `type`: booleans and numbers answer as each other, a text as
-/// what it spells in full.
-bool answers(const StoredValue& value, PreferenceType type);
+/// Whether the daemon takes `value` for the key's: it is in range, booleans and numbers answer as each other,
+/// a text as what it spells in full.
+bool answers(const StoredValue& value, const PreferenceKey& key);
 
 }  // namespace quorvelctl

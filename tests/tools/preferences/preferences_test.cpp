@@ -89,21 +89,53 @@ TEST(PreferenceValue, IsTypedByTheKeyAndRefusedOtherwise) {
   EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "5s"),
             "QuorvelHangTimeoutDuration takes a number, not \"5s\"");
   EXPECT_EQ(typed("QuorvelMemoryLoggingInterval", "4294967295"), "integer 4294967295");
-  EXPECT_NE(typed("QuorvelMemoryLoggingInterval", "4294967296").find("from 0 to 4294967295"),
+  EXPECT_NE(typed("QuorvelMemoryLoggingInterval", "4294967296").find("from 1 to 4294967295"),
             std::string::npos);
   EXPECT_NE(typed("QuorvelDailyLogLimit", "1.5").find("whole number"), std::string::npos);
+  EXPECT_EQ(typed("QuorvelReportPeriod", "2147483647.5"), "real 2147483647.5");
+  EXPECT_EQ(typed("QuorvelReportPeriod", "2147483648"),
+            "QuorvelReportPeriod takes a number from -2147483648 to 2147483647, not \"2147483648\"");
+  EXPECT_EQ(typed("QuorvelAppActivationLoggingCPUUtilizationThreshold", "0"),
+            "QuorvelAppActivationLoggingCPUUtilizationThreshold takes a number above 0, not \"0\"");
+}
+
+TEST(PreferenceFile, OfAnotherFormBecomesXmlInUtf8AndLosesNothing) {
+  std::string wide = "\xFE\xFF";
+  for (const char c : std::string("<?xml version='1.0' encoding='UTF-16'?>\n<!-- by hand -->\n"
+                                  "<plist><dict><key>K</key><integer>-0x1F</integer></dict></plist>\n")) {
+    wide += {'\0', c};
+  }
+  PreferenceFile file = parsedPreferences(wide);
+  EXPECT_EQ(shown(file, "K"), "-31");
+  file.set("K", {"true", ""});
+  EXPECT_EQ(file.text(),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!-- by hand -->\n"
+            "<plist><dict><key>K</key><true/></dict></plist>\n");
+  std::string error;
+  EXPECT_FALSE(PreferenceFile::parse("bplist00 and no more", error));
+  EXPECT_EQ(error, "byte 20: the trailer is missing");
 }
 
 TEST(PreferenceValue, AnswersAsTheDaemonReadsIt) {
-  using enum quorvelctl::PreferenceType;
-  EXPECT_TRUE(answers({"string", "No"}, boolean));
-  EXPECT_FALSE(answers({"string", "maybe"}, boolean));
-  EXPECT_TRUE(answers({"true", ""}, real));
-  EXPECT_TRUE(answers({"real", "2.5"}, integer));
-  EXPECT_FALSE(answers({"real", "1e30"}, integer));
-  EXPECT_FALSE(answers({"string", "2.5"}, integer));
-  EXPECT_TRUE(answers({"string", "2.5"}, real));
-  EXPECT_FALSE(answers({"array", ""}, boolean));
+  const auto taken = [](const char* key, const StoredValue& value) {
+    return quorvelctl::answers(value, *quorvelctl::findPreferenceKey(key));
+  };
+  EXPECT_TRUE(taken("QuorvelEnabled", {"string", "No"}));
+  EXPECT_FALSE(taken("QuorvelEnabled", {"string", "maybe"}));
+  EXPECT_FALSE(taken("QuorvelEnabled", {"array", ""}));
+  EXPECT_FALSE(taken("QuorvelEnabled", {"real", "nan"}));
+  EXPECT_TRUE(taken("QuorvelHangTimeoutDuration", {"true", ""}));
+  EXPECT_TRUE(taken("QuorvelHangTimeoutDuration", {"string", "2.5"}));
+  EXPECT_FALSE(taken("QuorvelHangTimeoutDuration", {"real", "inf"}));
+  EXPECT_TRUE(taken("QuorvelDailyLogLimit", {"real", "2.5"}));
+  EXPECT_FALSE(taken("QuorvelDailyLogLimit", {"real", "1e30"}));
+  EXPECT_FALSE(taken("QuorvelDailyLogLimit", {"integer", "2147483648"}));
+  EXPECT_FALSE(taken("QuorvelDailyLogLimit", {"string", "2.5"}));
+  EXPECT_FALSE(taken("QuorvelMemoryLoggingInterval", {"false", ""}));
+  EXPECT_FALSE(taken("QuorvelAppActivationLoggingCPUUtilizationThreshold", {"integer", "0"}));
+  EXPECT_TRUE(taken("QuorvelReportPeriod", {"real", "60.5"}));
+  EXPECT_FALSE(taken("QuorvelReportPeriod", {"string", "60.5"}));
+  EXPECT_FALSE(taken("QuorvelReportPeriod", {"integer", "2147483648"}));
 }
 
 }  // namespace
