@@ -75,7 +75,6 @@ void appendLocalTime(LineBuffer& line) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
-  tzset();  // localtime_r alone need not notice that the device has moved to another time zone
   localtime_r(&now.tv_sec, &local);
   std::array<char, 40> text;
   const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
