@@ -18,6 +18,7 @@ function(quorveld_bpf_object source object)
   add_custom_command(
     OUTPUT ${object}
     COMMAND ${QUORVELD_BPF_CLANG} -target bpf -ffreestanding -O2 -g -Wall ${werror} -I${PROJECT_SOURCE_DIR}
+            -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.  # its debug information ships
             -MD -MT ${object} -MF ${object}.d -c ${CMAKE_CURRENT_SOURCE_DIR}/${source} -o ${object}
     DEPENDS ${source}
     DEPFILE ${object}.d
