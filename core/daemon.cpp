@@ -19,6 +19,9 @@ namespace quorveld {
 namespace {
 
 constexpr int32_t kDisplayStateUnknown = -1;
+constexpr const char* kTaskingChanged = "com.corvix.telvo.tasking_changed";
+constexpr const char* kProfileListChanged = "com.corvix.Pravenet.profileListChanged";
+constexpr const char* kActivationPreferencesChanged = "com.corvix.quorvel.pref_changed";
 
 uint64_t nowTicks() {
   return platform::current().clock.absoluteTime();
@@ -46,22 +49,28 @@ void Daemon::start() {
   timers_ = std::make_unique<DaemonTimers>(*workQueue_);
   preferences_ = std::make_unique<Preferences>(*workQueue_, *timers_);
   workQueue_->onStatusRequest([this] { logStatus(); });
+  workQueue_->onReloadRequest([this] { refresh(); });
 
   listener_ = platform.ipc.listen(QV_SERVICE_NAME, *workQueue_);
   listener_->setHandler(
       [this](const platform::ListenerEvent& event) { dispatcher_.handleListenerEvent(event); });
   listener_->resume();
 
-  subscribe("com.corvix.telvo.tasking_changed", [this] { refresh(); });
-  subscribe("com.corvix.Pravenet.profileListChanged", [this] { refresh(); });
-  subscribe("com.corvix.quorvel.pref_changed", [this] {
+  subscribe(kTaskingChanged, [this] { refresh(); });
+  subscribe(kProfileListChanged, [this] { refresh(); });
+  subscribe(kActivationPreferencesChanged, [this] {
     quorvelLog().info("QVActivationStats: Activation Logging preferences changed!");
     refresh();
   });
   if (refresh() && settings().enableDisplayData) startDisplayHistory();
 }
 
+/// Takes the posts first: a change after this look at the preferences finds its post untaken when the look
+/// ends the daemon, and whoever starts daemons sees it.
 bool Daemon::refresh() {
+  for (const char* name : {kTaskingChanged, kProfileListChanged, kActivationPreferencesChanged}) {
+    platform::current().notifications.take(name);
+  }
   const bool watchedBefore = settings().hangWatchEnabled;
   const bool stays = preferences_->refreshPreferences();
   // While it was off, every look at the preferences let go of all processes.

@@ -27,6 +27,10 @@ class Notifications {
   /// subscription that the system refuses is logged and never fires.
   [[nodiscard]] virtual std::unique_ptr<Subscription> subscribe(std::string_view name, WorkQueue& queue,
                                                                 Task handler) = 0;
+
+  /// What has been posted under `name` so far counts as taken, and its state goes. A post that nobody takes
+  /// outlives the daemon: on Linux its file starts the next one.
+  virtual void take(std::string_view name) = 0;
 };
 
 }  // namespace quorveld::platform

@@ -72,6 +72,10 @@ class MainQueue : public WorkQueue {
 
   /// Runs `task` on this queue whenever somebody asks the process for its state (on Linux: SIGUSR1).
   virtual void onStatusRequest(Task task) = 0;
+
+  /// Runs `task` on this queue whenever somebody asks the process to read its configuration again (on Linux:
+  /// SIGHUP).
+  virtual void onReloadRequest(Task task) = 0;
 };
 
 class Queues {

@@ -43,6 +43,7 @@ void prepareProcess() {
 }  // namespace
 
 std::unique_ptr<LinuxPlatform> LinuxPlatform::create(std::string& error) {
+  holdMainSignals();  // a reload that is asked for this early waits, rather than ending the process
   UniqueFd lock = takeInstanceLock(error);
   if (!lock) return nullptr;
   prepareProcess();

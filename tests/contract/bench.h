@@ -34,6 +34,7 @@ class Bench {
   virtual std::unique_ptr<Client> connect() = 0;
   virtual void postNotification(const std::string& name, uint64_t state) = 0;
   virtual void requestStatus() = 0;
+  virtual void requestReload() = 0;
 
   /// A directory that exists and is empty, as the platform's Files name it.
   virtual std::string directory() = 0;

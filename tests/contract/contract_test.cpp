@@ -197,14 +197,19 @@ TEST_P(Contract, TheClockTicksAt24MHzAndKnowsTheBoot) {
   EXPECT_LE(*boot, std::chrono::floor<std::chrono::seconds>(first.time_since_epoch()).count());
 }
 
-TEST_P(Contract, AStatusRequestRunsItsTaskOnTheMainQueue) {
-  int asked = 0;
+TEST_P(Contract, StatusAndReloadRequestsRunTheirTasksOnTheMainQueue) {
+  std::string asked;
   main_->onStatusRequest([&] {
     EXPECT_TRUE(main_->isCurrent());
-    ++asked;
+    asked += "status ";
   });
-  main_->async([&] { bench_->requestStatus(); });
-  serveUntil([&] { return asked == 1; });
+  main_->onReloadRequest([&] {
+    EXPECT_TRUE(main_->isCurrent());
+    asked += "reload ";
+  });
+  bench_->requestReload();  // before the queue is served: it waits
+  main_->after(1ms, [&] { bench_->requestStatus(); });
+  serveUntil([&] { return asked == "reload status "; });
 }
 
 TEST_P(Contract, FilesAreCreatedMovedAndReplacedWithoutSurprises) {
@@ -283,24 +288,33 @@ TEST_P(Contract, JsonKeepsOrderAndEscapesAndRefusesWhatIsNoUtf8) {
   EXPECT_FALSE(error.empty());
 }
 
-TEST_P(Contract, ANotificationArrivesWithItsStateUntilTheSubscriptionGoes) {
+TEST_P(Contract, ANotificationArrivesWithItsStateUntilItIsTakenOrTheSubscriptionGoes) {
+  platform::Notifications& notifications = platform().notifications;
   int kept = 0;
   int dropped = 0;
+  constexpr uint64_t kState = 18446744073709551615u;
   std::unique_ptr<platform::Subscription> subscription;
-  subscription = platform().notifications.subscribe("contract.kept", *main_, [&] {
+  subscription = notifications.subscribe("contract.kept", *main_, [&] {
     EXPECT_TRUE(main_->isCurrent());
-    EXPECT_EQ(subscription->state(), 18446744073709551615u);
-    ++kept;
+    EXPECT_EQ(subscription->state(), kState);
+    if (++kept == 2) return;
+    for (int time = 0; time < 2; ++time)
+      notifications.take("contract.kept");  // then there is nothing to take
+    EXPECT_NE(subscription->state(), kState);
+    main_->after(5ms, [&] {
+      EXPECT_EQ(kept, 1) << "taking is no posting";
+      bench_->postNotification("contract.kept", kState);
+    });
   });
-  auto gone = platform().notifications.subscribe("contract.dropped", *main_, [&] { ++dropped; });
+  auto gone = notifications.subscribe("contract.dropped", *main_, [&] { ++dropped; });
   main_->async([&] {
     bench_->postNotification("contract.dropped", 1);
     gone.reset();
     bench_->postNotification("contract.dropped", 2);
     bench_->postNotification("contract.other", 3);
-    bench_->postNotification("contract.kept", 18446744073709551615u);
+    bench_->postNotification("contract.kept", kState);
   });
-  serveUntil([&] { return kept == 1; });
+  serveUntil([&] { return kept == 2; });
   EXPECT_EQ(dropped, 0);
 }
 

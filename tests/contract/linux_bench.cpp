@@ -164,6 +164,7 @@ class LinuxBench final : public Bench {
     replace("run/quorveld/notify/" + name, std::to_string(state));
   }
   void requestStatus() override { ::kill(::getpid(), SIGUSR1); }
+  void requestReload() override { ::kill(::getpid(), SIGHUP); }
 
   std::string directory() override { return "/scratch"; }
   std::optional<std::string> content(const std::string& path) override {

@@ -33,6 +33,7 @@ class SimBench final : public Bench {
     world_.notifications.post(name, state);
   }
   void requestStatus() override { world_.queues.requestStatus(); }
+  void requestReload() override { world_.queues.requestReload(); }
   std::string directory() override { return "/var/root/Library/Caches"; }
   std::optional<std::string> content(const std::string& path) override { return world_.files.content(path); }
   void putLink(const std::string& path, const std::string&) override { world_.files.putLink(path); }

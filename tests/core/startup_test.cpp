@@ -111,6 +111,34 @@ TEST(StartUp, WithEverySourceOffTheDaemonIsUpAndGoneAtOnce) {
   EXPECT_FALSE(world.notifications.subscribed(kDisplayStatus));
 }
 
+TEST(StartUp, APostIsTakenByTheLookAtThePreferencesThatFollowsIt) {
+  const std::string names[] = {"com.corvix.telvo.tasking_changed", "com.corvix.Pravenet.profileListChanged",
+                               "com.corvix.quorvel.pref_changed"};
+  World world(World::Daemon::later);
+  world.preferences.userSets("QuorvelEnabled", true);
+  world.notifications.post(names[0]);
+  world.start();
+  EXPECT_FALSE(world.notifications.posted(names[0])) << "the start looks, too";
+  for (const std::string& name : names) {
+    world.notifications.post(name);
+    world.settle();
+    EXPECT_FALSE(world.notifications.posted(name)) << name;
+  }
+  world.preferences.userSets("QuorvelDailyLogLimit", 7);
+  world.queues.requestReload();
+  world.settle();
+  EXPECT_TRUE(world.logged(Level::info, "refreshPreferences: QuorvelDailyLogLimit = 7"));
+
+  world.preferences.userSets("QuorvelEnabled", false);
+  world.notifications.post(names[0]);
+  world.settle();
+  EXPECT_EQ(world.queues.exitStatus(), 0);
+  EXPECT_FALSE(world.notifications.posted(names[0]));
+  world.notifications.post(names[1]);
+  world.settle();
+  EXPECT_TRUE(world.notifications.posted(names[1])) << "nobody looks any more: it waits for the next daemon";
+}
+
 TEST(Display, ChangesAreKeptAndTold) {
   World world;
   const auto post = [&](uint64_t state) {

@@ -2,13 +2,14 @@
 import contextlib
 import os
 import plistlib
+import re
 import signal
 import socket
 import subprocess
 import unittest
 
 from scratch import CACHE, DAEMON, ScratchTest
-from waiting import PATIENCE
+from waiting import PATIENCE, until
 
 
 class Lifecycle(ScratchTest):
@@ -121,6 +122,38 @@ class Lifecycle(ScratchTest):
         self.assertEqual(daemon.stop(), 0)
         self.assertIn(b"STOPPING=1", notify.recv(4096))
         self.assertTrue(os.path.exists(daemon.socket_path), "the socket is systemd's: it stays")
+
+    def test_sighup_has_it_read_its_preferences_again_whenever_it_comes(self):
+        daemon = self.daemon(start=False)
+        notify_path = str(daemon.root / "notify")
+        notify = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        notify.bind(notify_path)
+        self.addCleanup(notify.close)
+        notify.settimeout(PATIENCE)
+        environment = {**daemon.environment(), "NOTIFY_SOCKET": notify_path}
+        with open(daemon.log_path, "ab") as log:
+            daemon.process = subprocess.Popen([DAEMON], env=environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        status = f"/proc/{daemon.process.pid}/status"
+        until(lambda: int(re.search(r"SigBlk:\t(\w+)", open(status).read())[1], 16) & 1 << signal.SIGHUP - 1,
+              "the daemon's first steps")
+        daemon.process.send_signal(signal.SIGHUP)  # it isn't up yet
+        daemon.wait_for("refreshPreferences: Hang Tracing Enabled", count=2)
+        self.assertIn(b"READY=1", notify.recv(4096))
+        self.assertRegex(notify.recv(4096), rb"^RELOADING=1\nMONOTONIC_USEC=\d+$")
+        self.assertEqual(notify.recv(4096), b"READY=1")
+
+        daemon.write_preferences(QuorvelEnabled=True, QuorvelDailyLogLimit=7)
+        daemon.process.send_signal(signal.SIGHUP)
+        daemon.wait_for("Max Daily Short Log Limit: 25 -> 7")
+        self.assertIn(b"RELOADING=1", notify.recv(4096))
+        self.assertEqual(notify.recv(4096), b"READY=1")
+        daemon.write_preferences(QuorvelEnabled=False)
+        daemon.process.send_signal(signal.SIGHUP)
+        self.assertEqual(daemon.process.wait(PATIENCE), 0)
+        self.assertIn(b"RELOADING=1", notify.recv(4096))
+        self.assertIn(b"STOPPING=1", notify.recv(4096))
+        notify.setblocking(False)
+        self.assertRaises(BlockingIOError, notify.recv, 4096)  # not READY=1: systemd would wait for it on
 
     def test_sigusr1_logs_the_state(self):
         daemon = self.daemon()

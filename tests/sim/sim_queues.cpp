@@ -37,6 +37,7 @@ struct Lane {
   std::vector<Deadline> deadlines;
   std::optional<int> exitStatus;
   Task onStatusRequest;
+  Task onReloadRequest;
 };
 
 class SimTimer final : public platform::Timer {
@@ -112,6 +113,7 @@ class SimMainQueue final : public SimQueue<platform::MainQueue> {
   int run() override { return queues_.serve(*lane_); }
   void quit(int status) override { lane_->exitStatus = status; }
   void onStatusRequest(Task task) override { lane_->onStatusRequest = std::move(task); }
+  void onReloadRequest(Task task) override { lane_->onReloadRequest = std::move(task); }
 };
 
 SimQueues::~SimQueues() = default;
@@ -234,6 +236,10 @@ int SimQueues::serve(const Lane& main) {
 
 void SimQueues::requestStatus() {
   if (main_ && main_->onStatusRequest) main_->ready.push_back(main_->onStatusRequest);
+}
+
+void SimQueues::requestReload() {
+  if (main_ && main_->onReloadRequest) main_->ready.push_back(main_->onReloadRequest);
 }
 
 std::optional<int> SimQueues::exitStatus() const {

@@ -64,6 +64,9 @@ class SimQueues final : public platform::Queues {
   /// What SIGUSR1 does on Linux.
   void requestStatus();
 
+  /// What SIGHUP does on Linux.
+  void requestReload();
+
   /// The status that the main queue was quit with, if it was. Its tasks don't run from then on.
   std::optional<int> exitStatus() const;
 

@@ -53,6 +53,10 @@ void SimNotifications::post(const std::string& name, uint64_t state) {
   }
 }
 
+void SimNotifications::take(std::string_view name) {
+  if (const auto state = states_.find(name); state != states_.end()) states_.erase(state);
+}
+
 bool SimNotifications::subscribed(std::string_view name) const {
   return std::any_of(subscribers_.begin(), subscribers_.end(), [name](const auto& weak) {
     const auto subscriber = weak.lock();

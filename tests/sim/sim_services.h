@@ -27,7 +27,11 @@ class SimNotifications final : public platform::Notifications {
   std::unique_ptr<platform::Subscription> subscribe(std::string_view name, platform::WorkQueue& queue,
                                                     platform::Task handler) override;
 
+  void take(std::string_view name) override;
+
   void post(const std::string& name, uint64_t state = 0);
+  /// Whether a post of that name waits to be taken.
+  bool posted(std::string_view name) const { return states_.contains(name); }
   bool subscribed(std::string_view name) const;
 
  private:

@@ -2,8 +2,10 @@
 
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -172,6 +174,13 @@ std::unique_ptr<platform::Subscription> LinuxNotifications::subscribe(std::strin
     queue.async([watch, &loop] { watch->attach(loop); });
   }
   return std::make_unique<LinuxSubscription>(std::move(watch));
+}
+
+void LinuxNotifications::take(std::string_view name) {
+  if (!isNotificationName(name)) return;
+  const std::string path = directory() + '/' + std::string(name);
+  if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
+  logDefault("Notification %s stays posted: %s", path.c_str(), lastError().message().c_str());
 }
 
 }  // namespace quorveld::linux_platform

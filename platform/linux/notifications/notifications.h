@@ -19,7 +19,8 @@ bool isNotificationName(std::string_view name);
 std::optional<uint64_t> parseNotificationState(std::string_view text);
 
 /// Notifications as files, one a name, in /run/quorveld/notify below the instance's root. Posting is
-/// replacing (or writing) the file; inotify(7) delivers. Only who may write into the directory can post.
+/// replacing (or writing) the file, and taking the post is removing it; inotify(7) delivers. Only who may
+/// write into the directory can post.
 ///
 /// `subscribe` may be called on any thread; what is posted from then on is delivered. A subscription belongs
 /// to its queue: it is destroyed there.
@@ -27,6 +28,7 @@ class LinuxNotifications final : public platform::Notifications {
  public:
   std::unique_ptr<platform::Subscription> subscribe(std::string_view name, platform::WorkQueue& queue,
                                                     platform::Task handler) override;
+  void take(std::string_view name) override;
 };
 
 }  // namespace quorveld::linux_platform

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <systemd/sd-daemon.h>
+#include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -23,13 +24,6 @@ constexpr int kUtilityNice = 5;
 /// Lowering it needs no privilege.
 void applyQoS(platform::QoSClass qos) {
   if (qos == platform::QoSClass::utility) (void)setpriority(PRIO_PROCESS, 0, kUtilityNice);
-}
-
-sigset_t mainSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&signals, signal);
-  return signals;
 }
 
 /// The part of Base that is the same for every queue.
@@ -95,6 +89,7 @@ class LinuxMainQueue final : public QueueOnLoop<MainEventQueue> {
     terminate_ = watchSignal(SIGTERM, terminated);
     interrupt_ = watchSignal(SIGINT, terminated);
     status_ = watchSignal(SIGUSR1, statusRequested);
+    reload_ = watchSignal(SIGHUP, reloadRequested);
     if (sd_event_set_watchdog(loop_.event(), true) < 0) {
       std::fputs("quorveld: the service manager's watchdog can't be fed\n", stderr);
     }
@@ -117,6 +112,7 @@ class LinuxMainQueue final : public QueueOnLoop<MainEventQueue> {
   }
 
   void onStatusRequest(platform::Task task) override { statusTasks_.push_back(std::move(task)); }
+  void onReloadRequest(platform::Task task) override { reloadTasks_.push_back(std::move(task)); }
   void onTermination(platform::Task task) override { terminationTasks_.push_back(std::move(task)); }
 
  private:
@@ -143,11 +139,24 @@ class LinuxMainQueue final : public QueueOnLoop<MainEventQueue> {
     return 0;
   }
 
+  static int reloadRequested(sd_event_source*, const signalfd_siginfo*, void* self) noexcept {
+    LinuxMainQueue& queue = *static_cast<LinuxMainQueue*>(self);
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    sd_notifyf(false, "RELOADING=1\nMONOTONIC_USEC=%lld",
+               static_cast<long long>(now.tv_sec) * 1'000'000 + now.tv_nsec / 1000);
+    for (const platform::Task& task : queue.reloadTasks_) task();
+    if (!queue.quit_) sd_notify(false, "READY=1");
+    return 0;
+  }
+
   std::vector<platform::Task> statusTasks_;
+  std::vector<platform::Task> reloadTasks_;
   std::vector<platform::Task> terminationTasks_;
   EventSource terminate_;
   EventSource interrupt_;
   EventSource status_;
+  EventSource reload_;
   bool running_ = false;
   bool quit_ = false;
 };
@@ -160,9 +169,15 @@ EventLoop& loopOf(platform::WorkQueue& queue) {
   std::abort();
 }
 
-std::unique_ptr<platform::MainQueue> LinuxQueues::createMain(std::string_view label, platform::QoSClass qos) {
-  const sigset_t signals = mainSignals();
+void holdMainSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGHUP}) sigaddset(&signals, signal);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+std::unique_ptr<platform::MainQueue> LinuxQueues::createMain(std::string_view label, platform::QoSClass qos) {
+  holdMainSignals();
   applyQoS(qos);
   auto queue = std::make_unique<LinuxMainQueue>(label);
   if (mainQueueMade_) mainQueueMade_(*queue);

@@ -25,12 +25,15 @@ class MainEventQueue : public platform::MainQueue, public EventQueue {
   virtual void onTermination(platform::Task task) = 0;
 };
 
+/// Holds back the signals that the main queue takes until it does. On the main thread, before any other.
+void holdMainSignals();
+
 /// Queues on sd-event: the main queue on the main thread, every other with a thread of its own. A queue other
 /// than the main one is destroyed by another thread than its own, which it waits for.
 ///
-/// The main queue takes SIGTERM, SIGINT and SIGUSR1 (blocked from `createMain` on, so make it before any
-/// other thread), feeds systemd's watchdog where the unit has one, and tells systemd READY=1 when it is first
-/// served and STOPPING=1 when it is quit (sd_notify(3)).
+/// The main queue takes SIGTERM, SIGINT, SIGUSR1 and SIGHUP (blocked from `createMain` on, so make it before
+/// any other thread), feeds systemd's watchdog where the unit has one, and tells systemd READY=1 when it is
+/// first served, RELOADING=1 and READY=1 around a reload, and STOPPING=1 when it is quit (sd_notify(3)).
 class LinuxQueues final : public platform::Queues {
  public:
   /// `mainQueueMade` is called with the main queue once there is one: for services that run work of their own
