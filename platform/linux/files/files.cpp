@@ -103,6 +103,8 @@ platform::EntryKind LinuxFiles::kind(const std::string& path) {
 }
 
 std::error_code LinuxFiles::makeDirectory(const std::string& path, unsigned mode) {
+  // The superuser's folder is nobody else's to enter, and so are the reports in it.
+  if (path.starts_with("/var/root/")) (void)makeDirectories(rooted("/var/root"), 0700);
   return makeDirectories(rooted(path), mode);
 }
 

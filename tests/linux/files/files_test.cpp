@@ -58,6 +58,9 @@ TEST_F(Files, DirectoriesAreMadeWithWhatIsMissingAboveThem) {
   EXPECT_EQ(files_.kind("/var"), EntryKind::missing);
   EXPECT_FALSE(files_.makeDirectory("/var/root/Library", 0755));
   EXPECT_EQ(files_.kind("/var/root/Library"), EntryKind::directory);
+  struct stat status {};
+  ASSERT_EQ(::stat((root_ / "var/root").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0700U) << "the superuser's alone";
   EXPECT_EQ(files_.makeDirectory("/var/root/Library", 0755), std::errc::file_exists);
   make("/var/plain", "");
   EXPECT_EQ(files_.makeDirectory("/var/plain/below", 0755), std::errc::not_a_directory);
