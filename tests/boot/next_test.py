@@ -1,7 +1,7 @@
 """The next boot of the same machine: what was set before holds from the start."""
 import time
 
-from machine import MANAGED, SERVICE, TELVO, MachineTest, journal, main_pid, run, running, show, until, write
+from machine import MANAGED, QUORVEL, TELVO, MachineTest, running, show, until, write
 
 
 class NextBoot(MachineTest):
@@ -14,6 +14,7 @@ class NextBoot(MachineTest):
         self.assertEqual(show("kelvane-recorder.service", "ActiveState"), ["active"])
 
     def test_it_still_follows_changes(self):
+        QUORVEL.unlink(missing_ok=True)
         write(TELVO, QuorvelEnabled=False)
         self.expect(False)
         write(MANAGED, **{"QVProfile.QuorvelEnabled": True})

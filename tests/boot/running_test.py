@@ -4,11 +4,9 @@ import os
 import pathlib
 import plistlib
 import signal
-import socket
-import subprocess
 import time
 
-from machine import (MANAGED, PREFERENCES, QUORVEL, SERVICE, TELVO, USER, MachineTest, ctl, journal, main_pid, report, reports, run,
+from machine import (MANAGED, QUORVEL, SERVICE, TELVO, MachineTest, ctl, journal, main_pid, report, reports, run,
                      running, show, until, write)
 
 
@@ -230,7 +228,6 @@ print("asking", flush=True)
 peer.recv(1)
 """
 ANSWERING = """
-import socket
 listener = socket.socket(socket.AF_UNIX)
 listener.bind("/tmp/answerer")
 listener.listen()
@@ -247,7 +244,8 @@ class Reports(MachineTest):
         sample = self.sample("--hang", "12", "--how", "lock")
         metadata = report(self.filed())["metadata"]
         self.assertEqual(metadata["verdict"]["cause"], "lock", metadata["verdict"])
-        self.assertEqual(metadata["verdict"]["evidence"]["source"], "recorder", metadata["verdict"])
+        self.assertEqual(metadata["verdict"]["evidence"]["source"], "recorder",
+                         (metadata["verdict"], metadata.get("leftOut"), run("kelvanectl", "status", check=False)))
         self.assertGreater(metadata["capture"]["stacks"], 1)
         print("#", metadata["verdict"]["sentence"], flush=True)
         print("# left out:", metadata.get("leftOut"), flush=True)
@@ -259,8 +257,10 @@ class Reports(MachineTest):
         self.assertEqual(answerer.stdout.readline().strip(), "listening")
         asker = self.user("python3", "-c", WAITING)
         self.assertEqual(asker.stdout.readline().strip(), "asking")
-        verdict = report(self.filed())["metadata"]["verdict"]
-        self.assertEqual((verdict["cause"], verdict.get("peer", {}).get("pid")), ("peer", answerer.pid), verdict)
+        metadata = report(self.filed())["metadata"]
+        verdict = metadata["verdict"]
+        self.assertEqual((verdict["cause"], verdict.get("peer", {}).get("pid")), ("peer", answerer.pid),
+                         (verdict["sentence"], metadata.get("leftOut"), metadata["capture"], run("lsmod")))
         print("#", verdict["sentence"], flush=True)
 
     def test_only_root_reads_reports(self):
@@ -314,6 +314,7 @@ class Time(MachineTest):
 
     def test_the_clock_is_set_forward_over_midnight(self):
         ctl("prefs", "set", "QuorvelEnableAppActivationLogging", "true")
+        run("systemctl", "restart", SERVICE)
         self.wait_for("Setting Timer to fire at")
         pid = main_pid()
         tomorrow = datetime.date.today() + datetime.timedelta(days=1)
