@@ -6,7 +6,7 @@ import plistlib
 import signal
 import time
 
-from machine import (MANAGED, QUORVEL, SERVICE, TELVO, MachineTest, ctl, journal, main_pid, report, reports, run,
+from machine import (MANAGED, QUORVEL, SERVICE, TELVO, MachineTest, ctl, journal, main_pid, report, run,
                      running, show, until, write)
 
 
