@@ -49,8 +49,9 @@ class Install(unittest.TestCase):
         return paths[0]
 
     def texts_with(self, below, text):
-        """The installed files, programs aside, that hold `text`."""
-        return [path for path in below.rglob("*") if path.is_file() and not path.read_bytes().startswith(b"\x7fELF")
+        """The installed files, programs and libraries aside, that hold `text`."""
+        compiled = (b"\x7fELF", b"!<arch>")
+        return [path for path in below.rglob("*") if path.is_file() and not path.read_bytes().startswith(compiled)
                 and text.encode() in path.read_bytes()]
 
     def flags(self, below, **environment):
