@@ -216,7 +216,7 @@ class Clients(MachineTest):
 # A program that waits for another one's word, in a turn that the daemon watches.
 WAITING = """
 import ctypes, os, socket, sys
-quorvel = ctypes.CDLL("libquorvel.so.0")
+quorvel = ctypes.CDLL("libquorvel.so.1")
 quorvel.qv_slot_claim.restype = ctypes.c_void_p
 quorvel.qv_slot_begin.argtypes = [ctypes.c_void_p, ctypes.c_bool]
 assert quorvel.qv_watch(b"com.example.asker", b"asker") == 0
