@@ -1,4 +1,4 @@
-"""A machine like any: turned on as the README says, and everything that may happen to it afterwards."""
+"""A machine like any: with the packages installed, and everything that may happen to it afterwards."""
 import datetime
 import os
 import pathlib
@@ -11,9 +11,9 @@ from machine import (MANAGED, QUORVEL, SERVICE, TELVO, MachineTest, ctl, journal
 
 
 def setUpModule():
-    """As the README says; and with everything off, which is the default, the daemon is not there."""
+    """As the packages leave it, the daemon is not there, since everything is off; and what notices changes is."""
     assert not any(path.exists() for path in (TELVO, QUORVEL, MANAGED))
-    run("systemctl", "enable", "--now", SERVICE, "kelvane-recorder.service")
+    run("systemctl", "enable", "--now", "kelvane-recorder.service")
     until(lambda: show(SERVICE, "ActiveState", "Result") == ["inactive", "success"], "the first daemon's end")
     assert show("quorveld.path", "ActiveState", "SubState") == ["active", "waiting"]
 
