@@ -80,19 +80,20 @@ std::string configure(const Instance& instance, size_t bufferKb, std::vector<Omi
   return {};
 }
 
-/// What to add to the kernel's word for why there is no tracing: a kernel that is locked down for
+/// The kernel's word for why there is no tracing, and the reason behind it: one that is locked down for
 /// confidentiality (kernel_lockdown(7)) has tracefs without its files.
-std::string lockdown() {
+std::string whyNoTracing(int error) {
   const FileText mode = readFileAt(AT_FDCWD, "/sys/kernel/security/lockdown", kMaxProcFileBytes);
   const bool confidential = mode.text.find("[confidentiality]") != std::string::npos;
-  return confidential ? "; the kernel is locked down for confidentiality, which allows no tracing" : "";
+  return errorText(error) +
+         (confidential ? "; the kernel is locked down for confidentiality, which allows no tracing" : "");
 }
 
 /// Makes and configures the instance `name` anew.
 std::string makeInstance(const std::string& name, size_t bufferKb, const RecorderFolder& folder,
                          std::vector<Omission>& leftOut) {
   if (const std::string foreign = foreignThreads(); !foreign.empty()) return foreign;
-  if (!recorder_mount_tracefs()) return "tracefs can't be mounted: " + errorText(errno) + lockdown();
+  if (!recorder_mount_tracefs()) return "tracefs can't be mounted: " + whyNoTracing(errno);
   bool isNew = false;
   Instance instance(recorder_instance_make(name.c_str(), &isNew));
   if (instance && !isNew) {
@@ -100,7 +101,7 @@ std::string makeInstance(const std::string& name, size_t bufferKb, const Recorde
     if (!removeInstance(instance)) return name + ": " + errorText(errno);
     instance.reset(recorder_instance_make(name.c_str(), &isNew));
   }
-  if (!instance) return "the tracefs instance " + name + " can't be made: " + errorText(errno) + lockdown();
+  if (!instance) return "the tracefs instance " + name + " can't be made: " + whyNoTracing(errno);
   const std::unique_ptr<char, decltype(&free)> path(recorder_instance_path(instance.get()), free);
   std::string error = path ? configure(instance, bufferKb, leftOut) : errorText(errno);
   if (error.empty() && !(folder.forgetPast(kernelNs()) && folder.linkInstance(path.get()))) {

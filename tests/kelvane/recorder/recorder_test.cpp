@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -186,6 +187,27 @@ TEST_F(Recorder, SurvivesWhateverItsFolderHolds) {
   }
   std::ofstream(folder() / "started") << "soon";
   EXPECT_FALSE(readAll().events.empty());
+}
+
+TEST_F(Recorder, TellsAnOrdinaryUserThatTracingIsNotForHim) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to have privileges to drop";
+  if (const std::string error = start(); !error.empty()) GTEST_SKIP() << error;
+  EXPECT_EQ(stopRecorder().error, "");
+  std::filesystem::remove_all(folder());
+  constexpr uid_t kNobody = 65534;
+  constexpr int kNotDropped = 77;
+  for (const auto& path : {folder().parent_path().parent_path(), folder().parent_path()}) {
+    ASSERT_EQ(chown(path.c_str(), kNobody, kNobody), 0);
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(kNotDropped);
+    _exit(startRecorder(kDefaultBufferKb).error.ends_with(": Permission denied") ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kNotDropped) GTEST_SKIP() << "may not become another user";
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(Recorder, SaysWhyThereIsNoPast) {
