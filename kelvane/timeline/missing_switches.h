@@ -9,6 +9,9 @@ namespace kelvane {
 /// on a CPU which was idle has been there since the CPU's last event, or since its own last event if that is
 /// later: it may have come from another CPU. Does nothing where events were lost, since these may be the
 /// ones.
+///
+/// The same kernel keeps back the switches away from some other threads. When those left the CPU nobody
+/// knows: that time stays unknown.
 void addMissingSwitches(Recording& recording);
 
 }  // namespace kelvane

@@ -24,6 +24,28 @@ def children(pid):
     return found
 
 
+def kept_back(report):
+    """Milliseconds for which nobody knows what the hung thread did since it left its CPU to a thread whose own leaving the kernel
+    didn't record: whom that CPU ran meanwhile is known just as little. Some kernels record nothing in the context of some threads."""
+    pid = report["metadata"]["PID"]
+    spans = [event for event in report["traceEvents"] if event["ph"] == "X"]
+    unknown = []
+    for span in spans:
+        if span["cat"] == "state" and span["tid"] == 4194306 and span["name"] == "unknown":
+            if unknown and span["ts"] - unknown[-1][1] < 1:
+                unknown[-1][1] = span["ts"] + span["dur"]
+            else:
+                unknown.append([span["ts"], span["ts"] + span["dur"]])
+    runs = [span for span in spans if span["cat"] == "cpu"]
+    total = 0
+    for begin, end in unknown:
+        left = {run["tid"] for run in runs if run["args"]["tid"] == pid and abs(run["ts"] + run["dur"] - begin) < 1}
+        seen = sum(max(0, min(run["ts"] + run["dur"], end) - max(run["ts"], begin)) for run in runs if run["tid"] in left)
+        if left and seen < 0.1 * (end - begin):
+            total += end - begin
+    return total / 1000
+
+
 class Verdicts(RecorderTest):
     def setUp(self):
         self.scratch = self.daemon(QuorvelHangTimeoutDuration=1000.0)
@@ -59,7 +81,8 @@ class Verdicts(RecorderTest):
         report, verdict = self.report_of("spin")
         spent = verdict["spent"]
         awake = spent["runningMs"] + spent["runnableMs"]
-        self.assertGreater(awake, 0.9 * verdict["evidence"]["windowMs"], verdict)
+        self.assertGreater(awake + kept_back(report), 0.9 * verdict["evidence"]["windowMs"], verdict)
+        self.assertGreater(awake, 0.5 * verdict["evidence"]["windowMs"], verdict)
         self.assertAlmostEqual(spent["runningMs"] / awake, self.ran / (self.ran + self.waited), delta=0.1)
         if spent["runningMs"] < spent["runnableMs"]:
             self.assertEqual(verdict["cause"], "starved", verdict)
