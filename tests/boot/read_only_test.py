@@ -8,7 +8,7 @@ class ReadOnly(MachineTest):
     def test_everything_works(self):
         self.assertIn("ro", run("findmnt", "--noheadings", "--output", "OPTIONS", "/").strip().split(","))
         self.assertEqual(run("findmnt", "--noheadings", "--output", "FSTYPE", "/var").strip(), "tmpfs")
-        self.sample("--hang", "9", "--how", "lock")
+        self.sample("--hang", "12", "--how", "lock")
         self.assertEqual(report(self.filed())["metadata"]["verdict"]["cause"], "lock")
         write(TELVO, QuorvelEnableMemoryLogging=True, QuorvelMemoryLoggingInterval=3)
         until(lambda: list(pathlib.Path("/Library/Logs/Faultkeep").glob("*.ips")), "a memory report")

@@ -228,6 +228,7 @@ print("asking", flush=True)
 peer.recv(1)
 """
 ANSWERING = """
+import socket
 listener = socket.socket(socket.AF_UNIX)
 listener.bind("/tmp/answerer")
 listener.listen()
@@ -264,7 +265,7 @@ class Reports(MachineTest):
         print("#", verdict["sentence"], flush=True)
 
     def test_only_root_reads_reports(self):
-        self.sample("--hang", "9", "--how", "spin")
+        self.sample("--hang", "12", "--how", "spin")
         name = self.filed()
         for command in (("ls", "/var/root"), ("quorvelctl", "reports", "show", name)):
             refused = self.user(*command)
@@ -309,7 +310,7 @@ class Time(MachineTest):
         self.assertEqual(sample.wait(60), 0)
         time.sleep(7)  # a check
         self.assertEqual(self.lines("Hang detected"), [])
-        self.sample("--hang", "9", "--how", "spin")
+        self.sample("--hang", "12", "--how", "spin")
         self.filed()
 
     def test_the_clock_is_set_forward_over_midnight(self):
@@ -325,5 +326,5 @@ class Time(MachineTest):
               and text in journal("-u", SERVICE, "-n", "20"), f"a timer for {text}")
         self.assertEqual(main_pid(), pid)
         self.since = time.time() - 1
-        self.sample("--hang", "9", "--how", "spin")
+        self.sample("--hang", "12", "--how", "spin")
         self.filed()

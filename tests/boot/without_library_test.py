@@ -7,7 +7,7 @@ from machine import TELVO, MachineTest, ctl, report, write
 class WithoutLibrary(MachineTest):
     def test_what_is_done_there_is_missing_and_no_more(self):
         self.assertFalse(pathlib.Path("/Library").exists())
-        self.sample("--hang", "9", "--how", "lock")
+        self.sample("--hang", "12", "--how", "lock")
         self.assertEqual(report(self.filed())["metadata"]["verdict"]["cause"], "lock")
         write(TELVO, QuorvelEnabled=True, QuorvelEnableMemoryLogging=True, QuorvelMemoryLoggingInterval=3)
         self.wait_for("/Library/Logs/Faultkeep")  # in a line that says that no report can be put there
