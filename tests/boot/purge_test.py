@@ -9,7 +9,10 @@ class Purge(unittest.TestCase):
     def test_nothing_of_it_runs_or_lies_about(self):
         write(TELVO, QuorvelEnabled=True)
         until(running, "the daemon")
-        run("systemctl", "enable", "--now", "quorveld.socket", "kelvane-recorder.service")
+        run("systemctl", "enable", "--now", "kelvane-recorder.service")
+        run("systemctl", "enable", "quorveld.socket")
+        run("systemctl", "stop", SERVICE)
+        run("systemctl", "start", "quorveld.socket", SERVICE)
         pid = main_pid()
         run("dpkg", "--install", *pathlib.Path("/packages").iterdir())
         until(running, "the daemon, after the upgrade")
