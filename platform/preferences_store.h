@@ -57,8 +57,7 @@ class PreferencesStore {
   /// at hand stay.
   virtual void synchronise(std::string_view domain) = 0;
 
-  /// The property list at `path`: empty when it is missing; when it can't be read (then logged) as it was the
-  /// last time that it could, empty if it never could.
+  /// The property list at `path`: empty when it is missing or can't be read (then logged).
   virtual PreferenceDictionary managedDictionary(std::string_view path) = 0;
 };
 

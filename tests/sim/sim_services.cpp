@@ -104,11 +104,9 @@ void SimPreferences::synchronise(std::string_view domain) {
 }
 
 PreferenceDictionary SimPreferences::managedDictionary(std::string_view path) {
-  PreferenceDictionary& last = lastManaged_[std::string(path)];
-  if (faults_.fails(Op::readManaged)) return last;
   const auto file = managed.find(path);
-  last = file == managed.end() ? PreferenceDictionary() : file->second;
-  return last;
+  if (faults_.fails(Op::readManaged) || file == managed.end()) return {};
+  return file->second;
 }
 
 std::optional<PreferenceValue> SimPreferences::stored(const std::string& key, const char* domain) const {

@@ -78,7 +78,6 @@ class SimPreferences final : public platform::PreferencesStore {
   FaultPlan& faults_;
   std::map<std::string, platform::PreferenceDictionary, std::less<>> stored_;
   std::map<std::string, Domain, std::less<>> domains_;
-  std::map<std::string, platform::PreferenceDictionary, std::less<>> lastManaged_;  // by path
 };
 
 struct LogLine {

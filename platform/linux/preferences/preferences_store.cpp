@@ -41,7 +41,9 @@ void LinuxPreferencesStore::synchronise(std::string_view domain) {
 
 platform::PreferenceDictionary LinuxPreferencesStore::managedDictionary(std::string_view path) {
   PropertyListFile& file =
-      managed_.try_emplace(std::string(path), PropertyListFile(rooted(path))).first->second;
+      managed_
+          .try_emplace(std::string(path), PropertyListFile(rooted(path), PropertyListFile::OfNoUse::isEmpty))
+          .first->second;
   file.read();
   platform::PreferenceDictionary dictionary;
   for (const auto& [key, entry] : file.values()) dictionary.emplace(key, entry.value);
@@ -51,7 +53,10 @@ platform::PreferenceDictionary LinuxPreferencesStore::managedDictionary(std::str
 LinuxPreferencesStore::Domain& LinuxPreferencesStore::domainNamed(std::string_view name) {
   const auto found = domains_.find(name);
   if (found != domains_.end()) return found->second;
-  Domain& fresh = domains_.emplace(name, Domain{PropertyListFile(pathOf(name)), {}}).first->second;
+  Domain& fresh =
+      domains_
+          .emplace(name, Domain{PropertyListFile(pathOf(name), PropertyListFile::OfNoUse::keepsValues), {}})
+          .first->second;
   fresh.file.read();
   return fresh;
 }

@@ -30,6 +30,10 @@ void PropertyListFile::read() {
   std::string problem;
   state_ = look(list, problem);
   if (state_ != State::good) {
+    if (ofNoUse_ == OfNoUse::isEmpty) {
+      values_.clear();
+      known_ = false;
+    }
     complainOnce(problem);
     return;
   }

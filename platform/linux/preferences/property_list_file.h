@@ -9,13 +9,16 @@ namespace quorveld::linux_platform {
 
 /// One property-list file and the last good look at it. Work queue only.
 ///
-/// Invariants: a file that is missing is empty; one that can't be read or is broken changes nothing in
-/// `values`, which are empty before the first good look; each state of it in which it is of no use is logged
-/// once. It is never replaced while it is of no use, save for one that is broken and was never good: that one
-/// is renamed to PATH.broken when another takes its place.
+/// Invariants: a file that is missing is empty; one that can't be read or is broken is empty too or changes
+/// nothing in `values` (OfNoUse), which are empty before the first good look; each state of it in which it is
+/// of no use is logged once. It is never replaced while it is of no use, save for one that is broken and was
+/// never good: that one is renamed to PATH.broken when another takes its place.
 class PropertyListFile {
  public:
-  explicit PropertyListFile(std::string path) : path_(std::move(path)) {}
+  /// What becomes of `values` when the file can't be read or is broken.
+  enum class OfNoUse { keepsValues, isEmpty };
+
+  PropertyListFile(std::string path, OfNoUse ofNoUse) : path_(std::move(path)), ofNoUse_(ofNoUse) {}
 
   /// Looks at the file anew.
   void read();
@@ -34,9 +37,10 @@ class PropertyListFile {
   bool keepBroken() const;
 
   std::string path_;
+  OfNoUse ofNoUse_;
   PropertyList values_;
   State state_ = State::unreadable;
-  bool known_ = false;     // there has been a good look
+  bool known_ = false;     // `values_` are of a good look
   std::string complaint_;  // the state that was complained of
 };
 
