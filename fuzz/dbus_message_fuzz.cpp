@@ -11,7 +11,7 @@
 #include "activation/app_activation_tracker.h"
 #include "core/message_dispatcher.h"
 #include "hangs/qv_process_info.h"
-#include "platform/linux/ipc/dbus_message.h"
+#include "platform/linux/wire/dbus_message.h"
 #include "tests/sim/sim_platform.h"
 
 namespace {

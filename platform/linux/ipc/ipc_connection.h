@@ -1,6 +1,5 @@
 #pragma once
 
-#include <sys/socket.h>
 #include <systemd/sd-event.h>
 
 #include <array>
@@ -9,94 +8,96 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/ipc.h"
 #include "platform/linux/base/unique_fd.h"
-#include "platform/linux/ipc/dbus_handshake.h"
-#include "platform/linux/ipc/dbus_message.h"
-#include "platform/linux/ipc/ipc_limits.h"
 #include "platform/linux/ipc/shared_memory.h"
 #include "platform/linux/queues/event_loop.h"
+#include "platform/linux/wire/dbus_handshake.h"
+#include "platform/linux/wire/dbus_message.h"
+#include "platform/linux/wire/receiver_packets.h"
 #include "platform/log.h"
 
 namespace quorveld::linux_platform {
 
 class IpcConnection;
 
-/// Where connections read to and decode into, one after another: nothing is allocated for a message.
+/// What messages are decoded into, one after another: nothing is allocated for one.
 struct IpcScratch {
   explicit IpcScratch(platform::LogHandle& log);
 
-  std::array<char, kMaxMessageBytes + kReadBytesPerTurn> bytes;
   platform::IpcMessage message;
   std::array<ReceivedMemory, kMaxDescriptors> memories;
   std::array<platform::SharedMemory*, kMaxDescriptors> memoryPointers;
 };
 
-/// What a connection shares with the others of its listener, and whom it tells that it has gone.
-struct IpcConnectionContext {
-  IpcConnectionContext(sd_event* loop, platform::LogHandle& logHandle);
+/// What serves connections and is told of their beginning and end.
+class ConnectionServer {
+ public:
+  virtual ~ConnectionServer() = default;
+  virtual void serve(IpcConnection& connection) = 0;
+  /// The connection has ended: it is forgotten, and its socket closed elsewhere.
+  virtual void dismiss(IpcConnection& connection, UniqueFd socket) = 0;
+};
 
-  sd_event* event;
-  platform::LogHandle& log;
-  std::string guid;  ///< names this server to D-Bus clients
-  std::function<void(IpcConnection&)> forget;
-  IpcScratch scratch;
+/// The process at the other end when it connected.
+struct ClientProcess {
+  int32_t pid = 0;
+  uint32_t uid = 0;
+  /// Readable once it has ended (pidfd_open(2)); none of a process that had ended before it was looked at.
+  UniqueFd pidFd;
 };
 
 /// One client at the other end of a D-Bus connection without a bus. Main queue only.
 ///
-/// Receives messages, answers Hello and nothing else. A client that breaks the format or a limit is closed.
-/// Invariant: an open connection holds at most one incomplete message (`partial_`) and the descriptors that
-/// came with it (`descriptors_`); what it could not send at once it does not keep, it closes.
+/// Its socket is read by the user's receiver; here is what the daemon knows of it. The connection ends with
+/// the process that made it, whoever else holds it: what was sent before is still heard.
 class IpcConnection final : public platform::Peer, public std::enable_shared_from_this<IpcConnection> {
  public:
-  IpcConnection(std::shared_ptr<IpcConnectionContext> context, UniqueFd socket, int32_t pid, uint32_t uid);
+  IpcConnection(uint32_t number, UniqueFd socket, ClientProcess process, ConnectionServer& server,
+                sd_event* event, std::shared_ptr<IpcScratch> scratch);
 
-  int32_t pid() const override { return pid_; }
-  uint32_t uid() const { return uid_; }
+  uint32_t number() const { return number_; }
+  int socket() const { return socket_.get(); }
+  int32_t pid() const override { return process_.pid; }
+  uint32_t uid() const { return process_.uid; }
+  HandshakeState handshake() const { return handshake_; }
+  void setHandshake(HandshakeState state) { handshake_ = state; }
+  /// Whether what it sends is wanted by now.
+  bool isResumed() const { return resumed_; }
+
   void setHandler(std::function<void(const platform::IpcEvent&)> handler) override;
   void resume() override;
-  void disconnect() override { fail("Connection closed by the daemon"); }
+  void disconnect() override { end("Connection closed by the daemon"); }
+
+  /// Delivers whole messages; of a packet with memory there is one.
+  void take(std::string_view frames, MemoryState state, UniqueFd memory);
 
   /// Tells the handler that the end is near.
   void announceTermination();
 
-  /// Closes without an event.
+  /// Gives the socket away and delivers the connection's last event.
+  void end(std::string_view reason);
+
+  /// Gives the socket away without an event.
   void close();
 
  private:
-  static int readable(sd_event_source*, int, uint32_t, void* self) noexcept;
-  static int handshakeTimedOut(sd_event_source*, uint64_t, void* self) noexcept;
-
-  void readOnce();
-  bool takeDescriptors(msghdr& header);
-  size_t consume(std::string_view bytes);
-  size_t consumeHandshake(std::string_view bytes);
-  size_t consumeMessage(std::string_view bytes);
-  void handleMessage(std::string_view frame);
-  void dispatchDictionary(const DBusEnvelope& envelope);
-  void answerHello(const DBusEnvelope& envelope);
-  bool send(std::string_view bytes);
+  static int processEnded(sd_event_source*, int, uint32_t, void* self) noexcept;
+  void stopListening();
+  void takeOne(std::string_view frame);
   void deliver(const platform::IpcEvent& event);
-
-  /// Closes a client that broke the rules, and says so in the log.
-  void refuse(std::string_view reason);
-  /// Closes, and delivers the connection's last event.
-  void fail(std::string_view reason);
   bool isOpen() const { return static_cast<bool>(socket_); }
 
-  std::shared_ptr<IpcConnectionContext> context_;
+  const uint32_t number_;
   UniqueFd socket_;
-  int32_t pid_;
-  uint32_t uid_;
-  uint32_t lastSerial_ = 0;
-  std::unique_ptr<DBusHandshake> handshake_;  // null once it is done
-  EventSource readSource_;
-  EventSource handshakeTimer_;
-  std::vector<char> partial_;
-  std::vector<UniqueFd> descriptors_;
+  ClientProcess process_;
+  ConnectionServer& server_;
+  sd_event* const event_;
+  HandshakeState handshake_ = HandshakeState::nulByte;
+  bool resumed_ = false;
+  EventSource processSource_;
+  std::shared_ptr<IpcScratch> scratch_;
   std::function<void(const platform::IpcEvent&)> handler_;
 };
 

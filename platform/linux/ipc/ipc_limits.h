@@ -6,13 +6,19 @@
 
 namespace quorveld::linux_platform {
 
-// What clients can make this process hold or do. At the worst kMaxPeers * kMaxMessageBytes (32 MiB) of
-// half-sent messages and kMaxPeers * (1 + kMaxDescriptors) descriptors; nothing is ever queued towards a
-// client.
+// What clients can make the daemon hold or do. Half-sent messages wait in the kernel, nothing is ever queued
+// towards a client, and an open connection costs the daemon two descriptors: its socket and its process.
 
-/// Connections at a time, in all and of one user. Beyond them a connection is accepted and closed at once.
-inline constexpr size_t kMaxPeers = 2048;
-inline constexpr size_t kMaxPeersPerUser = 1024;
+/// Connections at a time, those that are root's alone included; fewer where the process may not have the
+/// descriptors. How they are shared out: client_shares.h.
+inline constexpr size_t kMaxPeers = 4096;
+inline constexpr size_t kPeersOfRootAlone = 64;
+inline constexpr size_t kDescriptorsOfPeer = 2;
+/// Descriptors for everything else that the daemon does.
+inline constexpr size_t kReservedDescriptors = 128;
+
+/// Users whose receivers run at a time, root not counted.
+inline constexpr size_t kMaxUsers = 64;
 
 /// Connections taken before the loop looks at others again.
 inline constexpr int kMaxAcceptsPerTurn = 16;
@@ -24,29 +30,23 @@ inline constexpr std::chrono::seconds kRefusalLogInterval{10};
 /// spin.
 inline constexpr std::chrono::milliseconds kAcceptPause{1000};
 
-/// From the connection to the end of its handshake, and how many bytes it may take.
-inline constexpr std::chrono::seconds kHandshakeDeadline{30};
-inline constexpr size_t kMaxHandshakeBytes = 4096;
-
-/// One message, header included. The longest that a well-meaning client sends has some hundred bytes.
-inline constexpr size_t kMaxMessageBytes = 16384;
-
-/// Taken from one connection before the loop looks at others again: at the most some hundred messages.
-inline constexpr size_t kReadBytesPerTurn = 16384;
-
-/// Descriptors that one connection may have sent and no message claimed yet.
-inline constexpr size_t kMaxDescriptors = 4;
-
-/// Values nested in a value that is skipped.
-inline constexpr int kMaxNesting = 32;
+/// How long a receiver may be at one connection, held up by what the client sent.
+inline constexpr std::chrono::milliseconds kReceiverPatience{100};
+/// How long one that was ended may take to end, before it counts as left behind.
+inline constexpr std::chrono::milliseconds kReceiverEndPatience{20};
+/// Receivers of one user that were ended and have not: until one of them has, that user isn't served.
+inline constexpr size_t kMaxReceiversLeftBehind = 4;
+/// How long a receiver without connections waits for the next one.
+inline constexpr std::chrono::seconds kIdleReceiverStays{10};
+/// After so many receivers of a user that ended by themselves, and after one that could not be started, the
+/// next one waits.
+inline constexpr int kReceiverEndsWithoutPause = 3;
+inline constexpr std::chrono::milliseconds kReceiverPause{1000};
 
 /// One shared-memory object; a hang region has 7 KB.
 inline constexpr size_t kMaxSharedMemoryBytes = size_t{1} << 20;
 
-/// Of each name that an odd message's description quotes.
-inline constexpr size_t kMaxQuotedBytes = 64;
-
-/// Descriptors that the process asks for: the clients' and ample room for its own.
-inline constexpr size_t kWantedDescriptors = kMaxPeers * (1 + kMaxDescriptors) + 1024;
+/// Descriptors that the process asks for.
+inline constexpr size_t kWantedDescriptors = kMaxPeers * kDescriptorsOfPeer + 1024;
 
 }  // namespace quorveld::linux_platform

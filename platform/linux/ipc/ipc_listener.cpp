@@ -1,8 +1,13 @@
 #include "platform/linux/ipc/ipc_listener.h"
 
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <systemd/sd-id128.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -24,6 +29,41 @@ bool concernsOneClient(int error) {
   return error == EINTR || error == ECONNABORTED || error == EPERM;
 }
 
+/// 32 hexadecimal digits that name this server to D-Bus clients.
+std::string newGuid() {
+  sd_id128_t id{};
+  std::array<char, SD_ID128_STRING_MAX> text;
+  if (sd_id128_randomize(&id) < 0) id.bytes[0] = 1;  // any will do: clients only compare it with itself
+  return sd_id128_to_string(id, text.data());
+}
+
+/// As many connections as there may be descriptors for, some of these being kept for everything else.
+ClientShares sharesOfThisProcess() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const auto descriptors = static_cast<size_t>(limit.rlim_cur);
+  const size_t places = (descriptors - std::min(kReservedDescriptors, descriptors / 2)) / kDescriptorsOfPeer;
+  const size_t used = std::min(kMaxPeers, places);
+  return {used, std::min(kPeersOfRootAlone, used / 8), kMaxUsers};
+}
+
+/// Who has connected, as the kernel attests. 0, or an errno value when this process lacks descriptors.
+int clientProcessOf(int socket, ClientProcess& process) {
+  constexpr int kPeerPidFd = 77;  // SO_PEERPIDFD, since Linux 6.5
+  ucred credentials{};
+  socklen_t length = sizeof credentials;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return errno;
+  process.pid = credentials.pid;
+  process.uid = credentials.uid;
+  int fd = -1;
+  length = sizeof fd;
+  // Before, nobody knows whether the pid is still the client's; it was a moment ago.
+  if (getsockopt(socket, SOL_SOCKET, kPeerPidFd, &fd, &length) != 0 && errno == ENOPROTOOPT)
+    fd = static_cast<int>(syscall(SYS_pidfd_open, credentials.pid, 0));
+  process.pidFd.reset(fd);
+  return fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM) ? errno : 0;
+}
+
 }  // namespace
 
 std::unique_ptr<platform::Listener> LinuxIpc::listen(std::string_view serviceName,
@@ -35,8 +75,10 @@ IpcListener::IpcListener(std::string_view serviceName, MainEventQueue& queue, pl
     : serviceName_(serviceName),
       queue_(queue),
       log_(log),
-      context_(std::make_shared<IpcConnectionContext>(queue.loop().event(), log)) {
-  context_->forget = [this](IpcConnection& connection) { forget(connection); };
+      scratch_(std::make_shared<IpcScratch>(log)),
+      shares_(sharesOfThisProcess()),
+      guid_(newGuid()),
+      refusals_(makeReceiver("refused clients")) {
   queue_.onTermination([this, alive = std::weak_ptr(alive_)] {
     if (!alive.expired()) terminate();
   });
@@ -101,29 +143,49 @@ void IpcListener::acceptSome() {
 }
 
 void IpcListener::welcome(UniqueFd socket) {
-  ucred credentials{};
-  socklen_t length = sizeof credentials;
-  if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return;
-  if (!admits(credentials.uid)) return;
-  auto connection =
-      std::make_shared<IpcConnection>(context_, std::move(socket), credentials.pid, credentials.uid);
-  connections_.emplace(connection.get(), connection);
-  ++peersOfUser_[credentials.uid];
+  ClientProcess process;
+  const int error = clientProcessOf(socket.get(), process);
+  if (error != 0) {
+    refuse(std::move(socket));
+    return pauseAccepting(error);
+  }
+  if (!admits(process)) return refuse(std::move(socket));
+  if (++lastNumber_ == 0) ++lastNumber_;
+  UserReceiver& receiver = receiverOf(process.uid);
+  shares_.add(process.uid, process.pid);
+  const auto connection = std::make_shared<IpcConnection>(lastNumber_, std::move(socket), std::move(process),
+                                                          receiver, queue_.loop().event(), scratch_);
+  receiver.add(connection);
   if (handler_) handler_(std::static_pointer_cast<platform::Peer>(connection));
 }
 
-bool IpcListener::admits(uint32_t uid) {
-  const auto user = peersOfUser_.find(uid);
-  const size_t ofUser = user == peersOfUser_.end() ? 0 : user->second;
-  if (connections_.size() < kMaxPeers && ofUser < kMaxPeersPerUser) return true;
+bool IpcListener::admits(const ClientProcess& process) {
+  if (shares_.admits(process.uid, process.pid)) return true;
   ++refusedSinceLogged_;
   const auto now = std::chrono::steady_clock::now();
   if (refusalLogged_ && now - *refusalLogged_ < kRefusalLogInterval) return false;
   refusalLogged_ = now;
   log_.write(LogLevel::standard, "Refused " + std::to_string(std::exchange(refusedSinceLogged_, 0)) +
-                                     " connections, the last one of user " + std::to_string(uid) + " with " +
-                                     std::to_string(ofUser) + " of " + std::to_string(connections_.size()));
+                                     " connections, the last one of user " + std::to_string(process.uid) +
+                                     " with " + std::to_string(shares_.of(process.uid)) + " of " +
+                                     std::to_string(shares_.all()));
   return false;
+}
+
+std::unique_ptr<UserReceiver> IpcListener::makeReceiver(std::string user) {
+  return std::make_unique<UserReceiver>(
+      queue_.loop().event(), log_, guid_, std::move(user),
+      [this](const IpcConnection& connection) { shares_.remove(connection.uid(), connection.pid()); });
+}
+
+UserReceiver& IpcListener::receiverOf(uint32_t uid) {
+  if (const auto user = users_.find(uid); user != users_.end()) return *user->second;
+  std::erase_if(users_, [](const auto& user) { return user.second->isIdle(); });
+  return *users_.emplace(uid, makeReceiver("user " + std::to_string(uid))).first->second;
+}
+
+void IpcListener::refuse(UniqueFd socket) {
+  refusals_->refuse(std::move(socket));
 }
 
 void IpcListener::pauseAccepting(int error) {
@@ -139,27 +201,20 @@ int IpcListener::pauseEnded(sd_event_source*, uint64_t, void* self) noexcept {
   return 0;
 }
 
-void IpcListener::forget(IpcConnection& connection) {
-  const auto user = peersOfUser_.find(connection.uid());
-  if (connections_.erase(&connection) == 0) return;
-  if (--user->second == 0) peersOfUser_.erase(user);
-}
-
 void IpcListener::terminate() {
   acceptSource_.reset();
   pauseTimer_.reset();
-  // Every peer hears of it before any is closed; a handler may close peers of its own.
-  const auto connections = connections_;
-  for (const auto& [key, connection] : connections) connection->announceTermination();
+  // Every peer hears of it before any is closed.
+  for (const auto& [uid, user] : users_) user->announceTermination();
   closeAll();
 }
 
 void IpcListener::closeAll() {
-  for (const auto& [key, connection] : std::exchange(connections_, {})) connection->close();
-  peersOfUser_.clear();
   acceptSource_.reset();
   pauseTimer_.reset();
   socket_.fd.reset();
+  for (const auto& [uid, user] : users_) user->closeAll();
+  refusals_->closeAll();
 }
 
 void IpcListener::deliver(IpcErrorKind kind, std::string description) {

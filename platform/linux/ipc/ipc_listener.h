@@ -7,19 +7,20 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "platform/ipc.h"
+#include "platform/linux/ipc/client_shares.h"
 #include "platform/linux/ipc/ipc_connection.h"
 #include "platform/linux/ipc/ipc_socket.h"
+#include "platform/linux/ipc/user_receiver.h"
 #include "platform/linux/queues/event_queues.h"
 #include "platform/log.h"
 
 namespace quorveld::linux_platform {
 
-/// Accepts clients and owns their connections. Main queue only.
+/// Accepts clients and has them served, those of each user by a receiver of theirs. Main queue only.
 ///
-/// Invariant: `connections_` holds exactly the open ones, and `peersOfUser_` counts them by user.
+/// Invariant: `shares_` counts exactly the connections that `users_` hold.
 class IpcListener final : public platform::Listener {
  public:
   IpcListener(std::string_view serviceName, MainEventQueue& queue, platform::LogHandle& log);
@@ -35,10 +36,13 @@ class IpcListener final : public platform::Listener {
   bool open(std::string& error);
   void acceptSome();
   void welcome(UniqueFd socket);
-  /// True when there is room for one more client of that user; else a line about it, now and then.
-  bool admits(uint32_t uid);
+  /// True when there is room for one more; else a line about it, now and then.
+  bool admits(const ClientProcess& process);
+  UserReceiver& receiverOf(uint32_t uid);
+  /// Has a socket closed whose client is not let in.
+  void refuse(UniqueFd socket);
+  std::unique_ptr<UserReceiver> makeReceiver(std::string user);
   void pauseAccepting(int error);
-  void forget(IpcConnection& connection);
   void terminate();
   void closeAll();
   void deliver(platform::IpcErrorKind kind, std::string description);
@@ -50,10 +54,13 @@ class IpcListener final : public platform::Listener {
   ListeningSocket socket_;
   EventSource acceptSource_;
   EventSource pauseTimer_;
-  std::shared_ptr<IpcConnectionContext> context_;
   std::shared_ptr<const char> alive_ = std::make_shared<const char>();  // gone: what was posted is void
-  std::unordered_map<IpcConnection*, std::shared_ptr<IpcConnection>> connections_;
-  std::map<uint32_t, size_t> peersOfUser_;
+  std::shared_ptr<IpcScratch> scratch_;
+  ClientShares shares_;
+  std::string guid_;
+  uint32_t lastNumber_ = 0;
+  std::map<uint32_t, std::unique_ptr<UserReceiver>> users_;
+  std::unique_ptr<UserReceiver> refusals_;
   std::optional<std::chrono::steady_clock::time_point> refusalLogged_;
   uint64_t refusedSinceLogged_ = 0;
 };

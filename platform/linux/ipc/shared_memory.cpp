@@ -48,7 +48,9 @@ bool isOrdinaryMemory(int fd) {
 
 std::unique_ptr<platform::SharedMapping> ReceivedMemory::map() {
   const UniqueFd fd = std::move(fd_);
-  if (!fd) return refuse("it has been mapped before", 0);
+  if (!fd)
+    return refuse(
+        state_ == MemoryState::refused ? "it is no memfd of ordinary pages" : "it has been mapped before", 0);
   if (!isOrdinaryMemory(fd.get())) return refuse("it is no memfd of ordinary pages", 0);
   if (!seal(fd.get())) return refuse("it can't be sealed against shrinking", errno);
   // Only now does the size mean anything: until it was sealed, it was the client's to change.

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <utility>
+
 #include "platform/ipc.h"
 #include "platform/linux/base/unique_fd.h"
+#include "platform/linux/wire/receiver_packets.h"
 #include "platform/log.h"
 
 namespace quorveld::linux_platform {
@@ -10,8 +13,11 @@ namespace quorveld::linux_platform {
 /// under a mapping is a SIGBUS for whoever reads it.
 class ReceivedMemory final : public platform::SharedMemory {
  public:
-  /// Takes a descriptor, or none (-1), in place of the last one.
-  void receive(int fd) { fd_.reset(fd); }
+  /// Takes a descriptor, or what else became of it, in place of the last one.
+  void receive(UniqueFd fd, MemoryState state) {
+    fd_ = std::move(fd);
+    state_ = state;
+  }
 
   /// Where refusals are logged, at default level.
   void setLog(platform::LogHandle& log) { log_ = &log; }
@@ -23,6 +29,7 @@ class ReceivedMemory final : public platform::SharedMemory {
   std::unique_ptr<platform::SharedMapping> refuse(const char* what, int error);
 
   UniqueFd fd_;
+  MemoryState state_ = MemoryState::none;
   platform::LogHandle* log_ = nullptr;
 };
 

@@ -43,6 +43,11 @@ Frame frameOf(std::string_view bytes);
 /// Reads the header of a whole frame; nothing when it is malformed.
 std::optional<DBusEnvelope> parseEnvelope(std::string_view frame);
 
+/// A message for the daemon, of which decodeDictionary makes an IpcMessage.
+bool isDictionary(const DBusEnvelope& envelope);
+/// A bus client's first call, to which helloReply is the answer.
+bool isHello(const DBusEnvelope& envelope);
+
 /// Adds the body's entries, of the types that IpcMessage knows, to `message`; `memories` are those of the
 /// message's descriptors. Entries of other types are skipped. False when the body is not a well-formed a{sv}:
 /// then `message` may hold some of it.

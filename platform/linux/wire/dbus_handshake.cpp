@@ -1,8 +1,8 @@
-#include "platform/linux/ipc/dbus_handshake.h"
+#include "platform/linux/wire/dbus_handshake.h"
 
 #include <algorithm>
 
-#include "platform/linux/ipc/ipc_limits.h"
+#include "platform/linux/wire/message_limits.h"
 
 namespace quorveld::linux_platform {
 
@@ -20,15 +20,15 @@ std::string_view takeToken(std::string_view& line) {
 
 }  // namespace
 
-DBusHandshake::DBusHandshake(std::string_view guid) {
+DBusHandshake::DBusHandshake(std::string_view guid, HandshakeState state) : state_(state) {
   okLine_.append("OK ").append(guid).append(kLineEnd);
 }
 
 DBusHandshake::Step DBusHandshake::take(std::string_view bytes) {
   if (bytes.empty()) return {Status::needsMore, 0, {}};
-  if (state_ == State::nulByte) {
+  if (state_ == HandshakeState::nulByte) {
     if (bytes[0] != '\0') return {Status::refused, 0, {}};
-    state_ = State::waiting;
+    state_ = HandshakeState::waiting;
     return {Status::goesOn, 1, {}};
   }
   const size_t end = bytes.find(kLineEnd);
@@ -39,16 +39,19 @@ DBusHandshake::Step DBusHandshake::take(std::string_view bytes) {
 
   std::string_view line = bytes.substr(0, end);
   const std::string_view command = takeToken(line);
-  if (state_ == State::accepted) {
-    if (command == "BEGIN") return {Status::done, length, {}};
+  if (state_ == HandshakeState::accepted) {
+    if (command == "BEGIN") {
+      state_ = HandshakeState::done;
+      return {Status::done, length, {}};
+    }
     if (command == "NEGOTIATE_UNIX_FD") return {Status::goesOn, length, "AGREE_UNIX_FD\r\n"};
   } else {
     if (command == "BEGIN") return {Status::refused, length, {}};
     if (command == "AUTH") return authenticate(line, length);
-    if (command == "DATA" && state_ == State::data) return accept(length);
+    if (command == "DATA" && state_ == HandshakeState::data) return accept(length);
   }
   if (command == "CANCEL" || command == "ERROR") {
-    state_ = State::waiting;
+    state_ = HandshakeState::waiting;
     return {Status::goesOn, length, kRejected};
   }
   return {Status::goesOn, length, "ERROR\r\n"};
@@ -56,15 +59,15 @@ DBusHandshake::Step DBusHandshake::take(std::string_view bytes) {
 
 DBusHandshake::Step DBusHandshake::authenticate(std::string_view arguments, size_t consumedBytes) {
   const std::string_view mechanism = takeToken(arguments);
-  state_ = State::waiting;
+  state_ = HandshakeState::waiting;
   if (mechanism != "EXTERNAL" && mechanism != "ANONYMOUS") return {Status::goesOn, consumedBytes, kRejected};
   if (!arguments.empty()) return accept(consumedBytes);
-  state_ = State::data;
+  state_ = HandshakeState::data;
   return {Status::goesOn, consumedBytes, "DATA\r\n"};
 }
 
 DBusHandshake::Step DBusHandshake::accept(size_t consumedBytes) {
-  state_ = State::accepted;
+  state_ = HandshakeState::accepted;
   return {Status::goesOn, consumedBytes, okLine_};
 }
 

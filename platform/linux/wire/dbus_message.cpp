@@ -1,8 +1,9 @@
-#include "platform/linux/ipc/dbus_message.h"
+#include "platform/linux/wire/dbus_message.h"
 
 #include <cstring>
 
-#include "platform/linux/ipc/ipc_limits.h"
+#include "abi/messages.h"
+#include "platform/linux/wire/message_limits.h"
 
 namespace quorveld::linux_platform {
 
@@ -309,6 +310,17 @@ std::optional<DBusEnvelope> parseEnvelope(std::string_view frame) {
   if (fields.failed() || envelope.serial == 0) return std::nullopt;
   envelope.body = frame.substr(aligned(fieldsEnd, 8));
   return envelope;
+}
+
+bool isDictionary(const DBusEnvelope& envelope) {
+  return (envelope.type == DBusType::methodCall || envelope.type == DBusType::signal) &&
+         envelope.interface == QV_MESSAGE_INTERFACE && envelope.member == QV_MESSAGE_MEMBER &&
+         envelope.signature == QV_MESSAGE_SIGNATURE;
+}
+
+bool isHello(const DBusEnvelope& envelope) {
+  return envelope.type == DBusType::methodCall && envelope.interface == "org.freedesktop.DBus" &&
+         envelope.member == "Hello";
 }
 
 bool decodeDictionary(const DBusEnvelope& envelope, std::span<platform::SharedMemory* const> memories,

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace quorveld::linux_platform {
+
+/// How far a handshake has come. Another reader can go on from here.
+enum class HandshakeState : uint32_t { nulByte, waiting, data, accepted, done };
 
 /// The server's part of D-Bus's authentication, from bytes to bytes.
 ///
@@ -13,7 +17,7 @@ namespace quorveld::linux_platform {
 class DBusHandshake {
  public:
   /// `guid`: 32 hexadecimal digits.
-  explicit DBusHandshake(std::string_view guid);
+  DBusHandshake(std::string_view guid, HandshakeState state);
 
   enum class Status {
     needsMore,  ///< the bytes hold no whole line
@@ -27,15 +31,16 @@ class DBusHandshake {
     std::string_view reply;  ///< to be sent now; valid until the object is destroyed
   };
 
-  /// Takes one line from the start of `bytes`.
+  /// Takes one line from the start of `bytes`. Not once it is done.
   Step take(std::string_view bytes);
+
+  HandshakeState state() const { return state_; }
 
  private:
   Step authenticate(std::string_view arguments, size_t consumedBytes);
   Step accept(size_t consumedBytes);
 
-  enum class State { nulByte, waiting, data, accepted };
-  State state_ = State::nulByte;
+  HandshakeState state_;
   size_t takenBytes_ = 0;
   std::string okLine_;
 };

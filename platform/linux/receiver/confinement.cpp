@@ -1,0 +1,80 @@
+#include "platform/linux/receiver/confinement.h"
+
+#include <linux/audit.h>
+#include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <iterator>
+#include <vector>
+
+namespace quorveld::linux_platform {
+
+namespace {
+
+#if defined(__x86_64__)
+constexpr uint32_t kArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
+#else
+constexpr uint32_t kArchitecture = 0;
+#endif
+
+/// Its work; then what memory allocation, an abort and a sanitizer's report take.
+constexpr long kAllowed[] = {SYS_recvmsg,       SYS_sendmsg,         SYS_sendto,         SYS_epoll_ctl,
+                             SYS_epoll_pwait,   SYS_timerfd_settime, SYS_fcntl,          SYS_close,
+                             SYS_clock_gettime,
+#ifdef SYS_epoll_wait
+                             SYS_epoll_wait,
+#endif
+                             SYS_mmap,          SYS_munmap,          SYS_mremap,         SYS_mprotect,
+                             SYS_brk,           SYS_madvise,         SYS_futex,          SYS_write,
+                             SYS_getpid,        SYS_gettid,          SYS_tgkill,         SYS_exit,
+                             SYS_exit_group,    SYS_rt_sigreturn,    SYS_rt_sigprocmask, SYS_restart_syscall,
+                             SYS_sched_yield};
+
+void dropCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  const std::array<__user_cap_data_struct, 2> none{};
+  syscall(SYS_capset, &header, none.data());
+}
+
+void filterSystemCalls() {
+  if (kArchitecture == 0) return;
+  std::vector<sock_filter> filter = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kArchitecture, 1, 0),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+  };
+  for (const long call : kAllowed) {
+    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call), 0, 1));
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+  prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+}  // namespace
+
+void confineReceiver() {
+  // The daemon's end is its end, nobody's signal to the group or the terminal.
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) signal(number, SIG_IGN);
+  const rlimit none{0, 0};
+  for (const auto limit : {RLIMIT_CORE, RLIMIT_NPROC}) setrlimit(limit, &none);
+  prctl(PR_SET_DUMPABLE, 0);
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  dropCapabilities();
+  filterSystemCalls();
+}
+
+}  // namespace quorveld::linux_platform
