@@ -3,11 +3,12 @@ import contextlib
 import os
 import resource
 import socket
+import struct
 import threading
 import time
 import unittest
 
-from dbus_peer import Fd, Int64, call
+from dbus_peer import Fd, Int64, Peer, call
 from scratch import Region, ScratchTest
 from waiting import PATIENCE, schedule, until
 
@@ -56,6 +57,109 @@ class Garbage(ScratchTest):
             peer.send(command=1, shmem=Fd(region.fd), name="again")
         daemon.wait_for("was already being watched.", 199)
         self.assertLessEqual(len(os.listdir(folder)), before)
+
+
+def lingering():
+    """A descriptor whose last close waits for a minute: of a connection with more unsent than anybody takes."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        sender = socket.create_connection(server.getsockname())
+        keeps, _ = server.accept()
+    sender.setblocking(False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            sender.send(bytes(65536))
+    sender.setblocking(True)
+    sender.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 60))
+    return sender, keeps
+
+
+class HeldUp(ScratchTest):
+    """Closing what a client sent takes a minute; its neighbours, of the same user even, wait for it for a moment."""
+
+    def setUp(self):
+        self.scratch = self.daemon()
+        self.neighbour = self.peer(self.scratch)
+        self.region = Region()
+        self.neighbour.send(command=1, shmem=Fd(self.region.fd), name="neighbour")
+        self.scratch.wait_for("Initialization complete")
+        self.fences = 0
+
+    def answer_s(self):
+        """How long the neighbour waits until its message has been handled, without what others had of the CPUs."""
+        clock = lambda: time.monotonic() - schedule(self.scratch.process.pid)[1] - schedule("thread-self")[1]
+        self.fences += 1
+        start = clock()
+        self.neighbour.send(command=6, name=Int64(self.fences), startTime=Int64(1))
+        self.scratch.wait_for("QVFenceTracking: Fence begin", self.fences)
+        return clock() - start
+
+    def give_away(self, connection, data):
+        sender, keeps = lingering()
+        self.addCleanup(keeps.close)
+        socket.send_fds(connection, [data[:2]], [sender.fileno()])
+        sender.close()  # before the receiver can: the last one waits
+        connection.sendall(data[2:])
+
+    def neighbour_waits_s(self, times, line):
+        """How long at the most, until receivers have been ended `times`."""
+        worst = 0.0
+        deadline = time.monotonic() + PATIENCE
+        while len(self.scratch.lines(line)) < times:
+            self.assertLess(time.monotonic(), deadline, "\n".join(self.scratch.lines("(?i)receiver|connection")))
+            worst = max(worst, self.answer_s())
+        return max(worst, self.answer_s())
+
+    def test_by_a_message_and_by_what_nobody_has_read(self):
+        message, _ = call(9, "Message", {"command": Int64(1), "shmem": Fd(0), "name": "held"})
+        who = "user 0" if os.getuid() == 0 else f"user {os.getuid()}"
+        ended = f"Ending the receiver of {who}, which was held up for 100 ms by what pid {os.getpid()} sent$"
+        for times in (1, 2, 3):
+            attacker = self.peer(self.scratch)
+            self.give_away(attacker.socket, message)
+            self.assertLess(self.neighbour_waits_s(times, ended), 0.25)
+            until(lambda: attacker.socket.recv(1) == b"", "the attacker's end")
+
+        # Unread in a socket that its client has closed.
+        silent = socket.socket(socket.AF_UNIX)
+        silent.connect(self.scratch.socket_path)
+        self.give_away(silent, b"\0A")
+        silent.close()
+        self.assertLess(self.neighbour_waits_s(4, "Ending the receiver of user"), 0.25)
+
+    def test_the_daemon_ends_at_once_while_a_receiver_cannot(self):
+        attacker = self.peer(self.scratch)
+        message, _ = call(9, "Message", {"command": Int64(1), "shmem": Fd(0), "name": "held"})
+        self.give_away(attacker.socket, message)
+        start = time.monotonic()
+        self.assertEqual(self.scratch.stop(), 0)
+        self.assertLess(time.monotonic() - start, 5)
+        self.scratch.start()
+        until(lambda: os.path.exists(self.scratch.socket_path), "the next daemon")
+        self.assertTrue(self.scratch.alive())
+
+
+class Identity(ScratchTest):
+    def test_a_connection_ends_with_its_process_whoever_holds_it(self):
+        daemon = self.daemon()
+        ours, childs = socket.socketpair()
+        child = os.fork()
+        if child == 0:
+            peer = Peer(daemon.socket_path)
+            peer.send(command=1, shmem=Fd(Region().fd), name="child")
+            socket.send_fds(childs, [b"x"], [peer.socket.fileno()])
+            ours.close()
+            childs.recv(1)
+            peer.send(command=6, name=Int64(1), startTime=Int64(1))  # its last word is heard
+            os._exit(0)
+        kept = socket.socket(fileno=socket.recv_fds(ours, 1, 1)[1][0])
+        self.addCleanup(kept.close)
+        daemon.wait_for("Initialization complete")
+        ours.sendall(b"x")
+        os.waitpid(child, 0)
+        daemon.wait_for(f"Client disconnected: {child}")
+        self.assertEqual(len(daemon.lines("QVFenceTracking: Fence begin")), 1)
+        with self.assertRaises(OSError):
+            kept.sendall(call(9, "Message", {"command": Int64(6), "name": Int64(2)})[0])
 
 
 class Punctuality(ScratchTest):

@@ -100,7 +100,8 @@ void IpcConnection::deliver(const IpcEvent& event) {
 void IpcConnection::end(std::string_view reason) {
   if (!isOpen()) return;
   const auto held = shared_from_this();
-  const auto handler = handler_;
+  // Who never said who it is was no peer yet: its end, a deadline's most likely, says nothing of its process.
+  const auto handler = handshake_ == HandshakeState::done ? handler_ : nullptr;
   close();
   const IpcError error{IpcErrorKind::connectionInvalid, std::string(reason)};
   if (handler) handler(&error);

@@ -117,9 +117,9 @@ void Receiver::giveTurn(uint32_t number) {
   const HandshakeState before = connection.handshake();
   const auto next = connection.takeTurn(timer_, *this);
   flush();
-  if (connection.ended()) return end(number, *connection.ended());
   if (connection.handshake() != before)
     send({PacketKind::stage, number, static_cast<uint32_t>(connection.handshake())});
+  if (connection.ended()) return end(number, *connection.ended());
   if (next == ReceivedConnection::Next::again) turns_.push_back(number);
   if (next == ReceivedConnection::Next::waitBut)
     beginnings_.push_back({Clock::now() + kBeginningStays, number});
