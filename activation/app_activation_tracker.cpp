@@ -91,33 +91,35 @@ void AppActivationTracker::setShouldCaptureKelvanesAtThreshold(uint32_t threshol
                     static_cast<int>(thresholdMs));
 }
 
-void AppActivationTracker::beginAppActivationTrackingForPID(int32_t pid, const char* bundleID,
-                                                            uint64_t timeMs, uint64_t ipxStartTimeMs,
-                                                            uint32_t activationState,
+void AppActivationTracker::beginAppActivationTrackingForPID(uint32_t ownerUid, int32_t pid,
+                                                            const char* bundleID, uint64_t timeMs,
+                                                            uint64_t ipxStartTimeMs, uint32_t activationState,
                                                             uint32_t activationType) {
-  enqueue([this, announced = Announcement{pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs,
-                                          ipxStartTimeMs, activationState, activationType}] {
-    begin(announced);
-  });
+  enqueue(ownerUid, [this, announced = Announcement{
+                               ownerUid, pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs,
+                               ipxStartTimeMs, activationState, activationType}] { begin(announced); });
 }
 
-void AppActivationTracker::endAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+void AppActivationTracker::endAppActivationTrackingForPID(uint32_t ownerUid, int32_t pid,
+                                                          const char* bundleID, uint64_t timeMs,
                                                           uint32_t activationState,
                                                           uint32_t activationResult) {
-  enqueue([this, announced = Announcement{pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs,
-                                          timeMs, activationState, activationResult}] { end(announced); });
+  enqueue(ownerUid, [this, announced = Announcement{
+                               ownerUid, pid, toUtf8(cutAtCharacter(bundleID, kMaxNameBytes)), timeMs, timeMs,
+                               activationState, activationResult}] { end(announced); });
 }
 
-void AppActivationTracker::enqueue(platform::Task step) {
-  if (waitingSteps_ >= kMaxWaitingActivationSteps) {
+void AppActivationTracker::enqueue(uint32_t ownerUid, platform::Task step) {
+  std::shared_ptr<void> place = stepPlaces_.tryTake(ownerUid);
+  if (!place) {
     if (!saidOverload_.exchange(true)) {
       quorvelLog().standard("QVActivationStats: More activation messages than can be handled, dropping some");
     }
     return;
   }
-  ++waitingSteps_;
-  activationQueue_->async([this, step = std::move(step)] {
-    if (--waitingSteps_ == 0) saidOverload_ = false;
+  activationQueue_->async([this, place = std::move(place), step = std::move(step)]() mutable {
+    place.reset();
+    if (stepPlaces_.taken() == 0) saidOverload_ = false;
     step();
   });
 }
@@ -129,7 +131,7 @@ std::string AppActivationTracker::Announcement::key() const {
 AppActivation* AppActivationTracker::inFlight(const std::string& key) const {
   activationQueue_->assertCurrent();
   const auto entry = appActivationDictionary_.find(key);
-  return entry == appActivationDictionary_.end() ? nullptr : entry->second.get();
+  return entry == appActivationDictionary_.end() ? nullptr : entry->second.activation.get();
 }
 
 void AppActivationTracker::begin(const Announcement& announced) {
@@ -140,8 +142,9 @@ void AppActivationTracker::begin(const Announcement& announced) {
                  key.c_str());
     return;
   }
-  if (appActivationDictionary_.size() >= kMaxActivationsInFlight ||
-      pendingTimeouts_ >= kMaxPendingActivationTimeouts) {
+  auto place = activationPlaces_.tryTake(announced.ownerUid);
+  auto timeoutPlace = timeoutPlaces_.tryTake(announced.ownerUid);
+  if (!place || !timeoutPlace) {
     log.standard("QVActivationStats: Too many activations at once, ignoring the begin of %s", key.c_str());
     return;
   }
@@ -149,16 +152,15 @@ void AppActivationTracker::begin(const Announcement& announced) {
       static_cast<uint8_t>(statsToCapture_), announced.pid, announced.bundleID, announced.timeMs,
       announced.ipxStartTimeMs, static_cast<uint8_t>(announced.state),
       static_cast<uint8_t>(announced.typeOrResult));
-  appActivationDictionary_.emplace(key, activation);
+  appActivationDictionary_.emplace(key, InFlight{activation, std::move(place)});
   if (announced.typeOrResult == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxStartLatencyInMs %u ms", activation->ipxStartLatencyInMs());
     if (activation->ipxStartLatencyInMs() < kMaxSignpostLatencyMs) {
       signpostBeginOfLaunch(announced.pid, announced.bundleID);
     }
   }
-  ++pendingTimeouts_;
-  activationQueue_->after(kActivationTimeout, [this, announced] {
-    --pendingTimeouts_;
+  activationQueue_->after(kActivationTimeout, [this, announced, timeoutPlace]() mutable {
+    timeoutPlace.reset();
     timeOut(announced);
   });
 }
@@ -186,7 +188,7 @@ void AppActivationTracker::end(const Announcement& announced) {
   const std::shared_ptr<AppActivation> activation = finish(announced);
   if (activation->appActivationStartState() != kForeground || announced.state != kForeground) return;
 
-  reportOrSay(activation, announced.state);
+  reportOrSay(activation, announced);
   quorvelLog().standard("QVActivationStats: %s FG Launch Duration = %ims", announced.bundleID.c_str(),
                         static_cast<int>(activation->wallTime()));
   captureIfSlow(*activation, announced.timeMs);
@@ -207,7 +209,7 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
                  key.c_str());
     return activation;
   }
-  std::shared_ptr<AppActivation> activation = entry->second;
+  std::shared_ptr<AppActivation> activation = entry->second.activation;
   activation->activationEndedWithResult(static_cast<uint8_t>(announced.typeOrResult), announced.timeMs);
   if (activation->appActivationType() == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxEndLatencyInMs %u ms", activation->ipxEndLatencyInMs());
@@ -225,20 +227,20 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
   return activation;
 }
 
-void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation, uint32_t endState) {
+void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation,
+                                       const Announcement& ended) {
   const uint32_t recorded = activationsRecorded_;
-  if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount ||
-      waitingReports_ >= kMaxWaitingActivationReports) {
+  auto place = reportPlaces_.tryTake(ended.ownerUid);
+  if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount || !place) {
     quorvelLog().standard(
         "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s "
         "Number Of Activations:%d",
-        activation->bundleID().c_str(), stateName(activation->appActivationStartState()), stateName(endState),
-        static_cast<int>(recorded));
+        activation->bundleID().c_str(), stateName(activation->appActivationStartState()),
+        stateName(ended.state), static_cast<int>(recorded));
     return;
   }
-  ++waitingReports_;
-  logOutputQueue_->async([this, activation] {
-    --waitingReports_;
+  logOutputQueue_->async([this, activation, place]() mutable {
+    place.reset();
     const uint32_t count = ++activationsRecorded_;
     activation->logAppActivationData(reportingMethod_);
     quorvelLog().debug(
@@ -264,7 +266,8 @@ void AppActivationTracker::logStatus() {
   const auto& tracker = instanceSlot();
   if (!tracker) return;
   quorvelLog().standard("Status: %u activations reported today, %u timeouts pending",
-                        tracker->activationsRecorded_.load(), tracker->pendingTimeouts_.load());
+                        tracker->activationsRecorded_.load(),
+                        static_cast<uint32_t>(tracker->timeoutPlaces_.taken()));
 }
 
 }  // namespace quorveld

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "activation/app_activation.h"
+#include "base/limits.h"
 #include "base/log.h"
+#include "base/user_shares.h"
 #include "platform/notifications.h"
 #include "platform/work_queue.h"
 
@@ -18,9 +20,9 @@ namespace quorveld {
 ///
 /// One instance, made on first use. `activationQueue` runs every begin, end and timeout and owns the
 /// activations in flight; `logOutputQueue` runs the reports, the midnight timer and the first-unlock handler.
-/// The setters and the two entry points may be called from any queue and return at once. Launchers are as
-/// untrusted as any client: what waits, is in flight or is being reported is bounded (limits.h); what is
-/// beyond is dropped with a log line.
+/// The setters may be called from any queue; the two entry points belong to the work queue and return at
+/// once. Launchers are as untrusted as any client: what waits, is in flight or is being reported is bounded
+/// (limits.h) and shared out among the users who announce; what is beyond is dropped with a log line.
 class AppActivationTracker {
  public:
   /// Where reports of slow launches are saved, and a fresh start: no instance.
@@ -40,11 +42,12 @@ class AppActivationTracker {
   /// Turns slow-launch traces on, for launches of `thresholdMs` or more. Nothing turns them off again.
   void setShouldCaptureKelvanesAtThreshold(uint32_t thresholdMs);
 
-  /// Times in ms since the reference date; state 1 foreground, 0 background; type 1 launch.
-  void beginAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+  /// `ownerUid` is the user who announces it. Times in ms since the reference date; state 1 foreground, 0
+  /// background; type 1 launch.
+  void beginAppActivationTrackingForPID(uint32_t ownerUid, int32_t pid, const char* bundleID, uint64_t timeMs,
                                         uint64_t ipxStartTimeMs, uint32_t activationState,
                                         uint32_t activationType);
-  void endAppActivationTrackingForPID(int32_t pid, const char* bundleID, uint64_t timeMs,
+  void endAppActivationTrackingForPID(uint32_t ownerUid, int32_t pid, const char* bundleID, uint64_t timeMs,
                                       uint32_t activationState, uint32_t activationResult);
 
   /// Logs what was reported today and what is pending, for whoever asked the daemon for its state; nothing
@@ -54,6 +57,7 @@ class AppActivationTracker {
  private:
   /// What identifies an activation, and what its launcher said when it began or ended.
   struct Announcement {
+    uint32_t ownerUid;
     int32_t pid;
     std::string bundleID;
     uint64_t timeMs;
@@ -64,15 +68,20 @@ class AppActivationTracker {
     std::string key() const;
   };
 
+  struct InFlight {
+    std::shared_ptr<AppActivation> activation;
+    std::shared_ptr<void> place;
+  };
+
   explicit AppActivationTracker(platform::WorkQueue& workQueue);
 
   /// Runs `step` on the activation queue, unless too many steps wait there already.
-  void enqueue(platform::Task step);
+  void enqueue(uint32_t ownerUid, platform::Task step);
   void begin(const Announcement& announced);
   void end(const Announcement& announced);
   void timeOut(const Announcement& announced);
   std::shared_ptr<AppActivation> finish(const Announcement& announced);
-  void reportOrSay(const std::shared_ptr<AppActivation>& activation, uint32_t endState);
+  void reportOrSay(const std::shared_ptr<AppActivation>& activation, const Announcement& ended);
   void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 
@@ -87,7 +96,16 @@ class AppActivationTracker {
 
   platform::WorkQueue& workQueue_;
   const Log signpostLog_;
-  std::map<std::string, std::shared_ptr<AppActivation>> appActivationDictionary_;  ///< by "pid:bundle ID"
+
+  // Places of the activations in flight, of the timeouts to come and of the reports that wait are taken on
+  // the activation queue, those of waiting steps by whoever announces.
+  UserShares stepPlaces_{kMaxWaitingActivationSteps};
+  UserShares activationPlaces_{kMaxActivationsInFlight};
+  UserShares timeoutPlaces_{kMaxPendingActivationTimeouts};
+  UserShares reportPlaces_{kMaxWaitingActivationReports};
+  std::atomic<bool> saidOverload_{false};
+
+  std::map<std::string, InFlight> appActivationDictionary_;  ///< by "pid:bundle ID"
 
   // Written by the setters, read by whichever step runs next: each stands for itself.
   std::atomic<bool> captureKelvanes_{false};
@@ -98,11 +116,6 @@ class AppActivationTracker {
   /// Reported since midnight. Written on the log-output queue and read on the activation queue, so the daily
   /// maximum may be passed by the reports that are queued already.
   std::atomic<uint32_t> activationsRecorded_{0};
-
-  std::atomic<uint32_t> waitingSteps_{0};
-  std::atomic<uint32_t> waitingReports_{0};
-  std::atomic<uint32_t> pendingTimeouts_{0};
-  std::atomic<bool> saidOverload_{false};
 
   std::unique_ptr<platform::Subscription> firstUnlock_;
 

@@ -19,7 +19,7 @@ inline constexpr size_t kMaxPendingHUDClears = 64;
 
 // Activation messages that wait for the activation queue, activations in flight (each holds a snapshot of
 // every process), 60-second timeouts that have yet to fire, and finished activations that wait for their
-// report.
+// report; of each, a quarter is root's own.
 inline constexpr size_t kMaxWaitingActivationSteps = 1024;
 inline constexpr size_t kMaxActivationsInFlight = 64;
 inline constexpr size_t kMaxPendingActivationTimeouts = 4096;

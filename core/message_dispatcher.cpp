@@ -103,9 +103,9 @@ void MessageDispatcher::dispatch(platform::Peer& peer, const IpcMessage& message
     case QV_COMMAND_HANG_DETECTED:
       return hangDetected(peerPid, message);
     case QV_COMMAND_ACTIVATION_BEGIN:
-      return activationBegin(message);
+      return activationBegin(peer, message);
     case QV_COMMAND_ACTIVATION_END:
-      return activationEnd(message);
+      return activationEnd(peer, message);
     case QV_COMMAND_FENCE_BEGIN:
       return fenceBegin(message);
     case QV_COMMAND_FENCE_END:
@@ -163,7 +163,7 @@ void MessageDispatcher::hangDetected(int32_t peerPid, const IpcMessage& message)
   }
 }
 
-void MessageDispatcher::activationBegin(const IpcMessage& message) {
+void MessageDispatcher::activationBegin(const platform::Peer& peer, const IpcMessage& message) {
   const Log log = quorvelLog();
   log.debug("QVActivationStats: Noting an app activation begin");
   const auto pid = static_cast<int32_t>(message.int64(QV_KEY_PID));
@@ -184,11 +184,11 @@ void MessageDispatcher::activationBegin(const IpcMessage& message) {
     return;
   }
   log.info("QVActivationStats: %s[%d] activation begin (%s)", bundleID, pid, type == 1 ? "launch" : "resume");
-  AppActivationTracker::sharedInstance().beginAppActivationTrackingForPID(pid, bundleID, startTimeMs,
-                                                                          launchProxyStartMs, state, type);
+  AppActivationTracker::sharedInstance().beginAppActivationTrackingForPID(
+      peer.uid(), pid, bundleID, startTimeMs, launchProxyStartMs, state, type);
 }
 
-void MessageDispatcher::activationEnd(const IpcMessage& message) {
+void MessageDispatcher::activationEnd(const platform::Peer& peer, const IpcMessage& message) {
   const Log log = quorvelLog();
   log.debug("QVActivationStats: Noting an app activation end");
   const auto pid = static_cast<int32_t>(message.int64(QV_KEY_PID));
@@ -206,8 +206,8 @@ void MessageDispatcher::activationEnd(const IpcMessage& message) {
     return;
   }
   log.info("QVActivationStats: %s[%d] activation end", bundleID, pid);
-  AppActivationTracker::sharedInstance().endAppActivationTrackingForPID(pid, bundleID, endTimeMs, state,
-                                                                        result);
+  AppActivationTracker::sharedInstance().endAppActivationTrackingForPID(peer.uid(), pid, bundleID, endTimeMs,
+                                                                        state, result);
 }
 
 void MessageDispatcher::fenceBegin(const IpcMessage& message) {

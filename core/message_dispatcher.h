@@ -28,8 +28,8 @@ class MessageDispatcher {
   void startWatching(platform::Peer& peer, const platform::IpcMessage& message);
   void stopWatching(platform::Peer& peer);
   void hangDetected(int32_t peerPid, const platform::IpcMessage& message);
-  static void activationBegin(const platform::IpcMessage& message);
-  static void activationEnd(const platform::IpcMessage& message);
+  static void activationBegin(const platform::Peer& peer, const platform::IpcMessage& message);
+  static void activationEnd(const platform::Peer& peer, const platform::IpcMessage& message);
   void fenceBegin(const platform::IpcMessage& message);
   void fenceEnd(const platform::IpcMessage& message);
   static void fenceBlown(const platform::IpcMessage& message);

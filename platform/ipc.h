@@ -92,6 +92,9 @@ class Peer {
   /// The process at the other end when it connected, as the kernel attests; 0 when it isn't known.
   virtual int32_t pid() const = 0;
 
+  /// The user who connected, likewise.
+  virtual uint32_t uid() const = 0;
+
   /// Sets what receives this peer's events, on the listener's queue. After connectionInvalid no further event
   /// comes.
   virtual void setHandler(std::function<void(const IpcEvent&)> handler) = 0;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "activation/app_activation_tracker.h"
 #include "base/limits.h"
 #include "base/string_hash.h"
 #include "base/value_text.h"
@@ -218,6 +219,56 @@ TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
   }
   world.activate(9, "after", 100ms);
   EXPECT_EQ(world.powerLog.events.size(), 1u);
+}
+
+TEST(Activations, UsersThatBeginWithoutEndLeaveRoomForOthersAndForRoot) {
+  LauncherWorld world;
+  world.begin();
+  int32_t pid = 1000;
+  const auto begins = [&](uint32_t uid, int count) {
+    const auto client = world.ipc.connect(900 + static_cast<int32_t>(uid), uid);
+    const int looksBefore = world.kernel.looks;
+    for (int i = 0; i < count; ++i) {
+      client.send({{"command", 4},
+                   {"pid", int64_t{++pid}},
+                   {"bundle-id", "storm"},
+                   {"app-activation-state", 1},
+                   {"app-activation-type", 1}});
+    }
+    world.settle();
+    return world.kernel.looks - looksBefore;
+  };
+  // 48 of 64 places are the users': each may hold as many as are left for the others.
+  EXPECT_EQ(begins(1, 100), 24);
+  EXPECT_EQ(begins(2, 100), 12);
+  EXPECT_EQ(begins(1, 100), 0);
+  EXPECT_EQ(begins(3, 100), 6);
+  EXPECT_EQ(begins(0, 100), 64 - 24 - 12 - 6);
+
+  // What times out comes back.
+  world.advance(61s);
+  EXPECT_EQ(begins(2, 100), 24);
+
+  // So it is with the steps that wait: what one user piles up doesn't push out another's.
+  world.advance(61s);
+  world.logs.clear();
+  AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+  for (size_t i = 0; i < 2 * kMaxWaitingActivationSteps; ++i) {
+    tracker.endAppActivationTrackingForPID(1, 1, "flood", 0, 0, 0);
+  }
+  tracker.beginAppActivationTrackingForPID(2, 7, "honest", 0, 0, 1, 1);
+  tracker.endAppActivationTrackingForPID(2, 7, "honest", 0, 1, 0);
+  world.settle();
+  EXPECT_EQ(
+      world.logs.count(
+          Level::standard,
+          "QVActivationStats: endActivationTrackingForPID: Did not find an existing entry for 1:flood\n"),
+      384);
+  EXPECT_EQ(
+      world.logs.count(Level::standard,
+                       "QVActivationStats: More activation messages than can be handled, dropping some"),
+      1);
+  EXPECT_TRUE(world.logs.hasPrefix(Level::standard, "QVActivationStats: honest FG Launch Duration"));
 }
 
 }  // namespace

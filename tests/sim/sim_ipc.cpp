@@ -66,9 +66,10 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
  public:
   using Arrival = std::variant<SimMessage, IpcError, IpcOddEvent>;
 
-  SimPeer(int32_t pid, platform::MainQueue& queue) : pid_(pid), queue_(&queue) {}
+  SimPeer(int32_t pid, uint32_t uid, platform::MainQueue& queue) : pid_(pid), uid_(uid), queue_(&queue) {}
 
   int32_t pid() const override { return pid_; }
+  uint32_t uid() const override { return uid_; }
   void setHandler(std::function<void(const IpcEvent&)> handler) override { handler_ = std::move(handler); }
   void resume() override {
     resumed_ = true;
@@ -115,6 +116,7 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
   }
 
   int32_t pid_;
+  uint32_t uid_;
   platform::MainQueue* queue_;
   std::function<void(const IpcEvent&)> handler_;
   bool resumed_ = false;
@@ -135,8 +137,8 @@ class SimListener final : public platform::Listener {
   }
   void resume() override { resumed_ = true; }
 
-  std::shared_ptr<SimPeer> accept(int32_t pid) {
-    peers_.push_back(std::make_shared<SimPeer>(pid, queue_));
+  std::shared_ptr<SimPeer> accept(int32_t pid, uint32_t uid) {
+    peers_.push_back(std::make_shared<SimPeer>(pid, uid, queue_));
     post([this, peer = peers_.back()] { handler_(ListenerEvent(std::shared_ptr<platform::Peer>(peer))); });
     return peers_.back();
   }
@@ -166,8 +168,8 @@ std::unique_ptr<platform::Listener> SimIpc::listen(std::string_view serviceName,
   return std::make_unique<SimListener>(*this, queue);
 }
 
-SimClient SimIpc::connect(int32_t pid) {
-  return SimClient(listener_->accept(pid));
+SimClient SimIpc::connect(int32_t pid, uint32_t uid) {
+  return SimClient(listener_->accept(pid, uid));
 }
 
 void SimIpc::failListener(IpcErrorKind kind, std::string description) {

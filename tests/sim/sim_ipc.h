@@ -65,7 +65,7 @@ class SimIpc final : public platform::Ipc {
   int32_t pidOf(const platform::IpcError&) override { return errorPid; }
 
   /// A new connection to the listener; nothing is delivered while there is none.
-  SimClient connect(int32_t pid);
+  SimClient connect(int32_t pid, uint32_t uid = 0);
   void failListener(platform::IpcErrorKind kind, std::string description);
   void oddListenerEvent(std::string description);
   const std::string& serviceName() const { return serviceName_; }

@@ -60,7 +60,7 @@ class IpcConnection final : public platform::Peer, public std::enable_shared_fro
   uint32_t number() const { return number_; }
   int socket() const { return socket_.get(); }
   int32_t pid() const override { return process_.pid; }
-  uint32_t uid() const { return process_.uid; }
+  uint32_t uid() const override { return process_.uid; }
   HandshakeState handshake() const { return handshake_; }
   void setHandshake(HandshakeState state) { handshake_ = state; }
   /// Whether what it sends is wanted by now.
