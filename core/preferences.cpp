@@ -29,6 +29,8 @@ struct Preferences::Fetched {
   std::optional<int32_t> slowActPerAppMax;
   std::optional<int32_t> slowActDailyLogLimit;
   std::optional<int32_t> slowActLaunchKelvaneThreshold;
+  std::optional<uint32_t> reportsMaxSize;
+  std::optional<uint32_t> reportsMaxAge;
   std::optional<bool> enableMemoryLogging;
   std::optional<uint32_t> memoryLoggingInterval;
   std::optional<bool> enableHUD;
@@ -56,6 +58,8 @@ Preferences::Fetched Preferences::fetch() {
       .slowActDailyLogLimit = reader.fromProfile("QuorvelSlowActDailyLogLimit", kIntReading),
       .slowActLaunchKelvaneThreshold =
           reader.fromProfile("QuorvelSlowActLaunchKelvaneThreshold", kIntReading),
+      .reportsMaxSize = reader.fromProfile("QuorvelReportsMaxSize", kIntervalReading),
+      .reportsMaxAge = reader.fromProfile("QuorvelReportsMaxAge", kIntervalReading),
       .enableMemoryLogging = reader.fromStore("QuorvelEnableMemoryLogging", kBoolReading),
       .memoryLoggingInterval = reader.fromStore("QuorvelMemoryLoggingInterval", kIntervalReading),
       .enableHUD = reader.fromStore("QuorvelEnableHUD", kBoolReading),
@@ -80,6 +84,7 @@ bool Preferences::refreshPreferences() {
   applyReporting(fetched);
   applyActivationLogging(fetched);
   applySlowActivations(fetched);
+  applyReportFolders(fetched);
 
   const Settings& current = settings();
   if (current.hangWatchEnabled || current.memoryLoggingEnabled || current.appActivationLoggingEnabled)
@@ -206,6 +211,19 @@ void Preferences::applySlowActivations(const Fetched& fetched) {
   tracker.setShouldReportData(false);
   tracker.setShouldCaptureKelvanesAtThreshold(
       static_cast<uint32_t>(fetched.slowActLaunchKelvaneThreshold.value_or(kDefaultThresholdMs)));
+}
+
+void Preferences::applyReportFolders(const Fetched& fetched) {
+  const Log log = quorvelLog();
+  Settings& current = settings();
+  if (fetched.reportsMaxSize) {
+    current.reportsMaxMegabytes = *fetched.reportsMaxSize;
+    log.info("refreshPreferences: QuorvelReportsMaxSize = %u", *fetched.reportsMaxSize);
+  }
+  if (fetched.reportsMaxAge) {
+    current.reportsMaxDays = *fetched.reportsMaxAge;
+    log.info("refreshPreferences: QuorvelReportsMaxAge = %u", *fetched.reportsMaxAge);
+  }
 }
 
 }  // namespace quorveld

@@ -38,6 +38,7 @@ class Preferences {
   static void applyReporting(const Fetched& fetched);
   static void applyActivationLogging(const Fetched& fetched);
   static void applySlowActivations(const Fetched& fetched);
+  static void applyReportFolders(const Fetched& fetched);
 
   platform::MainQueue& workQueue_;
   DaemonTimers& timers_;

@@ -5,6 +5,7 @@
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report_folder.h"
 #include "base/settings.h"
 #include "base/text.h"
 #include "base/ticks.h"
@@ -90,10 +91,9 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
-  // Reports are written one at a time: one that is there is left from a daemon that was killed meanwhile.
-  files.removeFiles(kTemporaryDirectory, "", kReportSuffix);
-  std::error_code error;
-  auto file = files.createProtected(tempPath, error);
+  std::error_code error =
+      makeRoomForReport({kTemporaryDirectory, "", kReportSuffix}, {kSpoolDirectory, "", kReportSuffix});
+  auto file = error ? nullptr : files.createProtected(tempPath, error);
   if (!file) {
     log.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),
                  tempPath.c_str(), error.message().c_str());

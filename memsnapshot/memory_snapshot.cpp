@@ -9,6 +9,7 @@
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report_folder.h"
 #include "base/wall_time.h"
 #include "memsnapshot/json_text.h"
 #include "memsnapshot/report_sections.h"
@@ -90,10 +91,9 @@ void take_memory_snapshot() {
   const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 
-  // Left from a daemon that was killed while it wrote one.
-  files.removeFiles(kCacheDirectory, kMemoryReportPrefix, "");
-  std::error_code error;
-  auto file = files.createProtected(workingPath, error);
+  std::error_code error = makeRoomForReport({kCacheDirectory, kMemoryReportPrefix, ""},
+                                            {kMemoryReportDirectory, kMemoryReportPrefix, ".ips"});
+  auto file = error ? nullptr : files.createProtected(workingPath, error);
   if (!file) {
     systemLog("Could not create file - won't take a memory snapshot: %s %s", workingPath.c_str(),
               error.message().c_str());

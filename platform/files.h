@@ -1,14 +1,30 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
+#include "platform/clock.h"
 #include "platform/value.h"
 
 namespace quorveld::platform {
+
+/// A regular file in a folder.
+struct FileInfo {
+  std::string name;
+  uint64_t sizeBytes;
+  WallTime modified;
+};
+
+/// What a file system holds, and what of it is free for users without privileges.
+struct Space {
+  uint64_t freeBytes;
+  uint64_t totalBytes;
+};
 
 enum class EntryKind { missing, directory, other };
 
@@ -38,10 +54,11 @@ class Files {
   [[nodiscard]] virtual std::error_code makeDirectory(const std::string& path, unsigned mode) = 0;
   virtual std::error_code remove(const std::string& path) = 0;
 
-  /// Removes the regular files of `directory`, not of those below it, whose names begin with `prefix` and end
-  /// with `suffix`. What can't be removed stays.
-  virtual void removeFiles(const std::string& directory, std::string_view prefix,
-                           std::string_view suffix) = 0;
+  /// The regular files of `directory`, not of those below it, in no order; none when it can't be read.
+  virtual std::vector<FileInfo> regularFiles(const std::string& directory) = 0;
+
+  /// Of the file system that `directory` is on; nothing when that can't be told.
+  virtual std::optional<Space> space(const std::string& directory) = 0;
 
   /// Opens read-write, creating without truncation, with mode 0644 in protection class 4 (readable while the
   /// device is locked). Null, and the reason in `error`, on failure.

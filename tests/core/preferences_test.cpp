@@ -51,6 +51,8 @@ const std::vector<Setting>& everyKey() {
       {"QuorvelSlowActPerAppMax", int64_t{3}},
       {"QuorvelSlowActDailyLogLimit", int64_t{7}},
       {"QuorvelSlowActLaunchKelvaneThreshold", int64_t{4321}},
+      {"QuorvelReportsMaxSize", int64_t{20}},
+      {"QuorvelReportsMaxAge", int64_t{2}},
   };
   return all;
 }
@@ -107,6 +109,8 @@ const std::vector<std::string> kAllApplied = {
     "Daily Activation Kelvane credits: 25 -> 7",
     "refreshPreferences: setMaxActivationDailyKelvanes = 7",
     "refreshPreferences: slowActLaunchThreshold = 4321",
+    "refreshPreferences: QuorvelReportsMaxSize = 20",
+    "refreshPreferences: QuorvelReportsMaxAge = 2",
 };
 
 TEST(Preferences, AreAppliedInOneFixedOrder) {
@@ -251,6 +255,7 @@ TEST(Preferences, WhatIsIgnoredIsLoggedOnceForAsLongAsItStays) {
       {{"QuorvelDailyLogLimit", int64_t{1} << 31},
        "expected a whole number from -2147483648 to 2147483647, found 2147483648"},
       {{"QuorvelMemoryLoggingInterval", int64_t{0}}, "expected a whole number from 1 to 4294967295, found 0"},
+      {{"QuorvelReportsMaxSize", int64_t{0}}, "expected a whole number from 1 to 4294967295, found 0"},
       {{"QuorvelMemoryLoggingInterval", false}, "expected a whole number from 1 to 4294967295, found false"},
       {{"QuorvelAppActivationLoggingMaxActivationCount", int64_t{-1}},
        "expected a whole number from 0 to 4294967295, found -1"},
@@ -269,7 +274,8 @@ TEST(Preferences, WhatIsIgnoredIsLoggedOnceForAsLongAsItStays) {
     const auto inForce = [] {
       const Settings& current = settings();
       return std::tuple(current.reportPeriod, current.memoryLoggingInterval,
-                        current.activationCPUThreshold.load(), current.activationMaxCount.load());
+                        current.activationCPUThreshold.load(), current.activationMaxCount.load(),
+                        current.reportsMaxMegabytes);
     };
     const auto before = inForce();
     const std::string line =

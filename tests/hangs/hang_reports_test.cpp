@@ -93,6 +93,9 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
       {"no file",
        [](World& world) { world.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device); },
        notCreated.c_str(), false},
+      {"a disk that is nearly full",
+       [](World& world) { world.files.disk = {.freeBytes = 49, .totalBytes = 1000}; }, notCreated.c_str(),
+       false},
       {"no JSON", [](World& world) { world.faults.failOnce(Op::serializeJson); },
        "viewer: Unable to serialize Info Dict into JSON: ", false},
       {"no UTF-8", [](World& world) { world.faults.failOnce(Op::encodeJson); },
@@ -122,6 +125,7 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
     EXPECT_TRUE(world.temporaryFiles().empty());
     EXPECT_EQ(world.files.openFiles(), 0);
 
+    world.files.disk.freeBytes = 50;
     world.traceLibraries.succeeds = true;
     world.traceLibraries.entryPointMissing = false;
     world.faults.heal(Op::openLibrary);
@@ -132,6 +136,51 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
     EXPECT_LE(world.logs.count(Level::standard, "libkelvane.so is not present."), 1);
     EXPECT_EQ(world.traceLibraries.opened.size(), 1u) << "it is looked for once";
   }
+}
+
+TEST(HangReports, WhatIsTooOldOrTooMuchLeavesTheSpoolBeforeTheNextReport) {
+  World world;
+  const App viewer = world.startApp("viewer");
+  const auto put = [&](const std::string& name, size_t bytes) {
+    world.advance(1s);
+    world.files.putFile(kSpool + name, std::string(bytes, 'x'));
+  };
+  const auto removed = [&] { return world.analytics.added["com.corvix.quorvel.QVReportsRemoved.spool"]; };
+  put("old.kelvane", 1);
+  put("old.mine", 1);
+  world.advance(30 * 24h);
+  put("young.kelvane", 1);
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_EQ(world.spool().size(), 3u);
+  EXPECT_EQ(world.files.content(kSpool + "old.kelvane"), std::nullopt);
+  EXPECT_TRUE(
+      world.logged(Level::standard,
+                   "Removed the 1 oldest reports from /var/root/Library/Caches/quorveld/spool: more than "
+                   "256 MB, or older than 30 days"));
+  EXPECT_EQ(removed(), 1);
+
+  world.prefer("QuorvelReportsMaxSize", int64_t{1});
+  put("b.kelvane", 500'000);
+  put("a.kelvane", 500'000);
+  put("c.kelvane", 48'000);
+  world.files.putFile(kSpool + "others", std::string(2'000'000, 'x'));
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_EQ(removed(), 1) << "1,048,006 of 1,048,576 bytes";
+  put("d.kelvane", 2'000);
+  world.faults.failOnce(Op::remove);
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_TRUE(world.logged(Level::standard,
+                           "Can't remove the old report " + kSpool + "young.kelvane: Input/output error"));
+  EXPECT_EQ(removed(), 1);
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_EQ(removed(), 4) << "the young one, the first report, b";
+  EXPECT_EQ(world.files.content(kSpool + "b.kelvane"), std::nullopt);
+  EXPECT_TRUE(world.files.content(kSpool + "a.kelvane"));
+
+  world.prefer("QuorvelReportsMaxAge", int64_t{1});
+  world.advance(24h + 10s);
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_EQ(world.spool().size(), 3u) << "others', and the new one";
 }
 
 TEST(HangReports, AFailedMoveRemovesTheFileAndStillSpendsCredit) {

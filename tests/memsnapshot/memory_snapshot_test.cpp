@@ -130,6 +130,28 @@ TEST(MemorySnapshot, IsWholeOrNotThere) {
                                      kWorkingFile + " No space left on device"});
 }
 
+TEST(MemorySnapshot, MakesRoomForItselfAndIsNotWrittenOnADiskThatIsNearlyFull) {
+  Machine machine;
+  const std::string folder = "/Library/Logs/Faultkeep";
+  machine.files.putFile(folder + "/memory-snapshot-2025.ips", "old");
+  machine.files.putFile(folder + "/crash-2025.ips", "another's");
+  machine.advance(std::chrono::hours(24 * 30 + 1));
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.list(folder),
+            (std::vector<std::string>{"crash-2025.ips", "memory-snapshot-2026-02-14-110000.ips"}));
+  EXPECT_EQ(machine.analytics.added["com.corvix.quorvel.QVReportsRemoved.Faultkeep"], 1);
+
+  machine.files.disk = {.freeBytes = 4, .totalBytes = 100};
+  machine.advance(std::chrono::seconds(1));
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.list(folder).size(), 2u);
+  EXPECT_EQ(
+      machine.logs.systemLines,
+      std::vector<std::string>{"Could not create file - won't take a memory snapshot: "
+                               "/var/root/Library/Caches/quorveld//memory-snapshot-2026-02-14-110001.ips "
+                               "No space left on device"});
+}
+
 TEST(MemorySnapshot, SurvivesWhatIsMissing) {
   Machine machine;
   machine.faults.failOnce(Op::vmStatistics);

@@ -85,7 +85,7 @@ int MemFile::open() const {
   return ::open(("/proc/self/fd/" + std::to_string(descriptor_)).c_str(), O_RDWR | O_CLOEXEC);
 }
 
-SimFiles::SimFiles(FaultPlan& faults) : faults_(faults) {
+SimFiles::SimFiles(FaultPlan& faults, platform::Clock& clock) : faults_(faults), clock_(clock) {
   for (const char* path : {"", "/var", "/var/root", "/var/root/Library", "/var/root/Library/Caches",
                            "/Library", "/Library/Logs", "/Library/Logs/Faultkeep"}) {
     entries_[path] = {};
@@ -132,11 +132,14 @@ std::error_code SimFiles::remove(const std::string& given) {
   return {};
 }
 
-void SimFiles::removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) {
+std::vector<platform::FileInfo> SimFiles::regularFiles(const std::string& given) {
+  const std::string directory = plain(given);
+  std::vector<platform::FileInfo> files;
   for (const std::string& name : list(directory)) {
     const std::string path = directory + "/" + name;
-    if (name.starts_with(prefix) && name.ends_with(suffix) && content(path)) static_cast<void>(remove(path));
+    if (const auto bytes = content(path)) files.push_back({name, bytes->size(), entries_[path].modified});
   }
+  return files;
 }
 
 std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& given, std::error_code& error) {
@@ -148,7 +151,7 @@ std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& giv
   if (entry && entry->link) error = reason(std::errc::too_many_symbolic_link_levels);
   if (error) return nullptr;
   if (!entry->file) {
-    *entry = {.file = std::make_shared<MemFile>(), .mode = 0644};
+    *entry = {.file = std::make_shared<MemFile>(), .mode = 0644, .modified = clock_.wallTime()};
     history_.push_back("create " + path);
   }
   return std::make_unique<SimFile>(entry->file, openFiles_, faults_);
@@ -191,7 +194,7 @@ std::optional<std::string> SimFiles::serializeJson(const platform::Dictionary& d
 
 void SimFiles::putFile(const std::string& path, std::string_view content) {
   Entry& entry = entries_[path];
-  entry = {.file = std::make_shared<MemFile>(), .mode = 0644};
+  entry = {.file = std::make_shared<MemFile>(), .mode = 0644, .modified = clock_.wallTime()};
   entry.file->setContent(content);
 }
 

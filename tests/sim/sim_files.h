@@ -31,17 +31,20 @@ class MemFile {
 /// A file system in memory, with the directories that the daemon doesn't make itself.
 class SimFiles final : public platform::Files {
  public:
-  explicit SimFiles(FaultPlan& faults);
+  SimFiles(FaultPlan& faults, platform::Clock& clock);
 
   platform::EntryKind kind(const std::string& path) override;
   std::error_code makeDirectory(const std::string& path, unsigned mode) override;
   std::error_code remove(const std::string& path) override;
-  void removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) override;
+  std::vector<platform::FileInfo> regularFiles(const std::string& directory) override;
+  std::optional<platform::Space> space(const std::string&) override { return disk; }
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
   std::error_code move(const std::string& from, const std::string& to) override;
   std::error_code rename(const std::string& from, const std::string& to) override;
   std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
                                            std::string& error) override;
+
+  platform::Space disk{.freeBytes = 100, .totalBytes = 100};
 
   void putFile(const std::string& path, std::string_view content);
   void putLink(const std::string& path) { entries_[plain(path)] = {.file = nullptr, .link = true}; }
@@ -59,6 +62,7 @@ class SimFiles final : public platform::Files {
     std::shared_ptr<MemFile> file;  ///< neither file nor link: a directory
     bool link = false;
     unsigned mode = 0;
+    platform::WallTime modified{};  ///< when it was made
   };
 
   bool parentExists(const std::string& path) const;
@@ -66,6 +70,7 @@ class SimFiles final : public platform::Files {
   static std::string plain(const std::string& path);
 
   FaultPlan& faults_;
+  platform::Clock& clock_;
   std::map<std::string, Entry> entries_;
   std::shared_ptr<int> openFiles_ = std::make_shared<int>(0);
   std::vector<std::string> history_;

@@ -35,7 +35,7 @@ class SimPlatform {
   SimAnalytics analytics;
   SimClock clock{faults};
   SimDevice device{random};
-  SimFiles files{faults};
+  SimFiles files{faults, clock};
   SimIpc ipc;
   SimKernel kernel{faults};
   SimLogs logs;

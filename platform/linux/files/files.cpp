@@ -4,8 +4,10 @@
 #include <stdio.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <utility>
 
@@ -112,15 +114,26 @@ std::error_code LinuxFiles::remove(const std::string& path) {
   return resultOf(::unlink(rooted(path).c_str()));
 }
 
-void LinuxFiles::removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) {
+std::vector<platform::FileInfo> LinuxFiles::regularFiles(const std::string& directory) {
+  std::vector<platform::FileInfo> files;
   std::error_code error;
   for (std::filesystem::directory_iterator entry(rooted(directory), error), end; !error && entry != end;
        entry.increment(error)) {
-    std::error_code unreadable;
-    const std::string name = entry->path().filename();
-    if (!name.starts_with(prefix) || !name.ends_with(suffix)) continue;
-    if (std::filesystem::is_regular_file(entry->symlink_status(unreadable))) ::unlink(entry->path().c_str());
+    struct stat status {};
+    if (::lstat(entry->path().c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+    const auto modified =
+        std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec);
+    files.push_back(
+        {entry->path().filename(), static_cast<uint64_t>(status.st_size), platform::WallTime(modified)});
   }
+  return files;
+}
+
+std::optional<platform::Space> LinuxFiles::space(const std::string& directory) {
+  struct statvfs status {};
+  if (::statvfs(rooted(directory).c_str(), &status) != 0) return std::nullopt;
+  return platform::Space{uint64_t{status.f_bavail} * status.f_frsize,
+                         uint64_t{status.f_blocks} * status.f_frsize};
 }
 
 std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& path, std::error_code& error) {

@@ -14,7 +14,8 @@ class LinuxFiles final : public platform::Files {
   std::error_code makeDirectory(const std::string& path, unsigned mode) override;
 
   std::error_code remove(const std::string& path) override;
-  void removeFiles(const std::string& directory, std::string_view prefix, std::string_view suffix) override;
+  std::vector<platform::FileInfo> regularFiles(const std::string& directory) override;
+  std::optional<platform::Space> space(const std::string& directory) override;
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
 
   /// Across file systems the file is copied, by way of a name that starts with '.'.

@@ -1,0 +1,85 @@
+#include "base/report_folder.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "base/log.h"
+#include "base/settings.h"
+#include "platform/analytics.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/platform.h"
+
+namespace quorveld {
+
+namespace {
+
+using platform::FileInfo;
+
+/// A file system with less than this part of it free is for others to fill.
+constexpr uint64_t kLeastFreePart = 20;
+
+std::vector<FileInfo> reportsIn(const ReportFolder& folder) {
+  std::vector<FileInfo> reports = platform::current().files.regularFiles(std::string(folder.directory));
+  std::erase_if(reports, [&](const FileInfo& file) {
+    return !file.name.starts_with(folder.prefix) || !file.name.ends_with(folder.suffix);
+  });
+  return reports;
+}
+
+std::string pathOf(const ReportFolder& folder, const FileInfo& file) {
+  return std::string(folder.directory) + "/" + file.name;
+}
+
+void removeOldReports(const ReportFolder& folder) {
+  std::vector<FileInfo> reports = reportsIn(folder);
+  std::sort(reports.begin(), reports.end(),
+            [](const FileInfo& left, const FileInfo& right) { return left.modified < right.modified; });
+  uint64_t totalBytes = 0;
+  for (const FileInfo& report : reports) totalBytes += report.sizeBytes;
+
+  const uint64_t maxBytes = uint64_t{settings().reportsMaxMegabytes} << 20;
+  const auto now = std::chrono::floor<std::chrono::seconds>(platform::current().clock.wallTime());
+  const auto maxAge = std::chrono::hours(24) * int64_t{settings().reportsMaxDays};
+  uint64_t removed = 0;
+  for (const FileInfo& report : reports) {
+    const auto age = now - std::chrono::floor<std::chrono::seconds>(report.modified);
+    if (totalBytes <= maxBytes && age <= maxAge) break;
+    const std::string path = pathOf(folder, report);
+    if (const std::error_code error = platform::current().files.remove(path)) {
+      quorvelLog().standard("Can't remove the old report %s: %s", path.c_str(), error.message().c_str());
+      break;
+    }
+    totalBytes -= report.sizeBytes;
+    ++removed;
+  }
+  if (removed == 0) return;
+  const std::string directory(folder.directory);
+  quorvelLog().standard("Removed the %llu oldest reports from %s: more than %u MB, or older than %u days",
+                        static_cast<unsigned long long>(removed), directory.c_str(),
+                        settings().reportsMaxMegabytes, settings().reportsMaxDays);
+  platform::current().analytics.addToScalar(
+      "com.corvix.quorvel.QVReportsRemoved." + directory.substr(directory.rfind('/') + 1),
+      static_cast<int64_t>(removed));
+}
+
+bool isNearlyFull(const ReportFolder& folder) {
+  const auto space = platform::current().files.space(std::string(folder.directory));
+  return space && space->freeBytes < space->totalBytes / kLeastFreePart;
+}
+
+}  // namespace
+
+std::error_code makeRoomForReport(const ReportFolder& working, const ReportFolder& finished) {
+  // Reports are written one at a time: one that is there is left from a daemon that was killed meanwhile.
+  for (const FileInfo& left : reportsIn(working)) platform::current().files.remove(pathOf(working, left));
+  removeOldReports(finished);
+  if (isNearlyFull(working) || isNearlyFull(finished)) {
+    return std::make_error_code(std::errc::no_space_on_device);
+  }
+  return {};
+}
+
+}  // namespace quorveld
