@@ -117,7 +117,8 @@ void AppActivationTracker::enqueue(uint32_t ownerUid, platform::Task step) {
     }
     return;
   }
-  activationQueue_->async([this, place = std::move(place), step = std::move(step)]() mutable {
+  activationQueue_->async([this, ownerUid, place = std::move(place), step = std::move(step)]() mutable {
+    const LogSender sender(ownerUid);
     place.reset();
     if (stepPlaces_.taken() == 0) saidOverload_ = false;
     step();

@@ -10,6 +10,9 @@ namespace quorveld {
 /// A hang's or a bundle's name, in bytes.
 inline constexpr size_t kMaxNameBytes = 512;
 
+/// The text of a log line, in bytes: one name of such a length and what is said of it.
+inline constexpr size_t kMaxLogTextBytes = 1024;
+
 /// One component of a report's file name, in bytes: two of them, a date and a suffix fit into the 255 of a
 /// Linux name.
 inline constexpr size_t kMaxFileNameComponentBytes = 96;

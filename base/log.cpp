@@ -3,9 +3,10 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <string>
 #include <string_view>
 
+#include "base/limits.h"
+#include "base/text.h"
 #include "platform/platform.h"
 
 namespace quorveld {
@@ -14,22 +15,19 @@ namespace {
 
 using platform::LogLevel;
 
-/// Formats into a buffer on the stack, or into the heap when the line is longer, and hands the text to
-/// `sink`.
+/// Formats into a buffer on the stack and hands the text, cut at a character's border, to `sink`.
 template <typename Sink>
 [[gnu::format(printf, 1, 0)]] void withText(const char* format, va_list arguments, const Sink& sink) {
-  va_list again;
-  va_copy(again, arguments);
-  std::array<char, 512> line;
-  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
-  if (length >= 0 && static_cast<size_t>(length) < line.size()) {
-    sink(std::string_view(line.data(), static_cast<size_t>(length)));
-  } else if (length >= 0) {
-    std::string longLine(static_cast<size_t>(length), '\0');
-    std::vsnprintf(longLine.data(), longLine.size() + 1, format, again);
-    sink(std::string_view(longLine));
+  constexpr std::string_view kCut = "...";
+  std::array<char, kMaxLogTextBytes + kCut.size() + 1> line;
+  const int length = std::vsnprintf(line.data(), kMaxLogTextBytes + 2, format, arguments);
+  if (length < 0) return;
+  std::string_view text = cutAtCharacter(line.data(), kMaxLogTextBytes);
+  if (static_cast<size_t>(length) > kMaxLogTextBytes) {
+    kCut.copy(line.data() + text.size(), kCut.size());
+    text = {line.data(), text.size() + kCut.size()};
   }
-  va_end(again);
+  sink(text);
 }
 
 [[gnu::format(printf, 3, 0)]] void write(platform::LogHandle& handle, LogLevel level, const char* format,
@@ -63,6 +61,14 @@ void Log::debug(const char* format, ...) const {
 
 Log quorvelLog() {
   return Log(platform::current().logs.handle("com.corvix.quorvel", ""));
+}
+
+LogSender::LogSender(uint32_t uid) {
+  platform::current().logs.setSender(uid);
+}
+
+LogSender::~LogSender() {
+  platform::current().logs.setSender(0);
 }
 
 void systemLog(const char* format, ...) {

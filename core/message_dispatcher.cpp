@@ -57,6 +57,7 @@ void MessageDispatcher::handleListenerEvent(const platform::ListenerEvent& event
 }
 
 void MessageDispatcher::welcome(platform::Peer& peer) {
+  const LogSender sender(peer.uid());
   const int32_t pid = peer.pid();
   quorvelLog().info("IPX: Client started new connection: pid %d", pid);
   peer.setHandler([this, &peer](const platform::IpcEvent& event) { handlePeerEvent(peer, event); });
@@ -64,6 +65,7 @@ void MessageDispatcher::welcome(platform::Peer& peer) {
 }
 
 void MessageDispatcher::handlePeerEvent(platform::Peer& peer, const platform::IpcEvent& event) {
+  const LogSender sender(peer.uid());
   const Log log = quorvelLog();
   if (const auto* message = std::get_if<const IpcMessage*>(&event)) {
     dispatch(peer, **message);

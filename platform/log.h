@@ -32,6 +32,11 @@ class Logs {
   /// The handle of that subsystem and category, the same object at every call; owned by this service.
   virtual LogHandle& handle(std::string_view subsystem, std::string_view category) = 0;
 
+  /// What the calling thread says from now on is said on behalf of the user `uid`, of whom there may be many;
+  /// 0, as at first: the daemon's own. A log that takes only so many lines in a time shares them out among
+  /// users.
+  virtual void setSender(uint32_t uid) = 0;
+
   /// The system log call: a line that belongs to no subsystem.
   virtual void system(std::string_view text) = 0;
 };

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "base/limits.h"
 #include "tests/sim/world.h"
 
 // Which processes are watched, and what a registration has to bring.
@@ -55,9 +56,11 @@ TEST(WatchedProcesses, ARegistrationIsCheckedAndARefusedRegionIsUnmapped) {
       EXPECT_TRUE(world.logs.hasPrefix(Level::info, "New proc: ")) << world.logs.dump();
       EXPECT_EQ(app.memory().mappings(), 1);
       EXPECT_EQ(QVProcessInfo::processForPid(app.pid())->processBundleID(), "com.\xEF\xBF\xBD\xEF\xBF\xBD");
+      EXPECT_EQ(QVProcessInfo::processForPid(app.pid())->description(), item.description);
     }
-    EXPECT_TRUE(world.logged(Level::info,
-                             "Initialization complete now watching hangs for " + item.description + " | n"));
+    std::string line = "Initialization complete now watching hangs for " + item.description + " | n";
+    if (line.size() > kMaxLogTextBytes) line.replace(kMaxLogTextBytes, std::string::npos, "...");
+    EXPECT_TRUE(world.logged(Level::info, line));
   }
 }
 

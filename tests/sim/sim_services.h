@@ -98,6 +98,7 @@ class SimLogs final : public platform::Logs {
   ~SimLogs() override;
 
   platform::LogHandle& handle(std::string_view subsystem, std::string_view category) override;
+  void setSender(uint32_t) override {}
   void system(std::string_view text) override { systemLines.emplace_back(text); }
 
   /// How often a line of exactly this level and text was logged since the last `clear`.

@@ -1,13 +1,7 @@
-// Fields with the place in this source file would tell nothing and cost a copy for each line.
-#define SD_JOURNAL_SUPPRESS_LOCATION
-
 #include "platform/linux/logs/log_sink.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/uio.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -53,18 +47,6 @@ const char* word(LogLevel level) {
   return "debug";
 }
 
-/// systemd sets JOURNAL_STREAM to "device:inode" of the stream that it connected (systemd.exec(5)); a child
-/// that has had its stderr redirected inherits the variable but not the stream.
-bool stderrIsJournal() {
-  const char* stream = std::getenv("JOURNAL_STREAM");
-  struct stat status {};
-  if (!stream || fstat(STDERR_FILENO, &status) != 0) return false;
-  std::array<char, 64> expected;
-  std::snprintf(expected.data(), expected.size(), "%ju:%ju", static_cast<uintmax_t>(status.st_dev),
-                static_cast<uintmax_t>(status.st_ino));
-  return std::strcmp(stream, expected.data()) == 0;
-}
-
 int64_t monotonicSeconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -98,27 +80,30 @@ bool startsC1Control(std::string_view text) {
   return text.size() >= 2 && text[0] == '\xc2' && static_cast<unsigned char>(text[1]) < 0xa0;
 }
 
-void writeAll(int fd, std::string_view bytes) {
-  // One write for one line keeps the lines of several threads apart. A reader that has gone (EPIPE), a full
-  // disk or a full non-blocking pipe loses the line; waiting would stop the daemon instead.
-  while (::write(fd, bytes.data(), bytes.size()) < 0 && errno == EINTR) {
-  }
+bool isContinuation(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
+
+constexpr std::string_view kCut = "...";
+
+thread_local uint32_t currentSender = 0;
 
 }  // namespace
 
 void LineBuffer::append(std::string_view bytes) {
-  if (!isLarge_ && bytes.size() > small_.size() - smallLength_) {
-    large_.reserve(2 * (smallLength_ + bytes.size()));
-    large_.assign(small_.data(), smallLength_);
-    isLarge_ = true;
-  }
-  if (isLarge_) {
-    large_.append(bytes);
-  } else {
-    std::memcpy(small_.data() + smallLength_, bytes.data(), bytes.size());
-    smallLength_ += bytes.size();
-  }
+  if (cut_) return;
+  const size_t room = bytes_.size() - 1 - length_;  // without the line break
+  cut_ = bytes.size() > room;
+  length_ += bytes.copy(bytes_.data() + length_, room);
+  if (!cut_) return;
+  length_ -= kCut.size();
+  while (length_ > 0 && isContinuation(bytes_[length_])) --length_;
+  length_ += kCut.copy(bytes_.data() + length_, kCut.size());
+}
+
+std::string_view LineBuffer::line() {
+  bytes_[length_] = '\n';
+  return {bytes_.data(), length_ + 1};
 }
 
 void LineBuffer::appendHarmless(std::string_view text) {
@@ -148,27 +133,27 @@ void LineBuffer::appendNumber(uint64_t number) {
   append({digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
-std::string_view LineBuffer::view() const {
-  return isLarge_ ? std::string_view(large_) : std::string_view(small_.data(), smallLength_);
-}
-
-LineBudget::Verdict LineBudget::take(int64_t monotonicSeconds) {
+LineBudget::Verdict LineBudget::take(int64_t monotonicSeconds, uint32_t sender) {
   const std::lock_guard lock(mutex_);
   uint64_t droppedBefore = 0;
   if (monotonicSeconds != second_) {
     second_ = monotonicSeconds;
     used_ = 0;
+    usedBy_.fill(0);
     droppedBefore = std::exchange(dropped_, 0);
   }
-  if (used_ == kMaxLogLinesPerSecond) {
+  uint16_t& own = usedBy_[sender % usedBy_.size()];
+  const uint32_t forSender = sender == 0 ? kMaxLogLinesPerSecond : kMaxLogLinesPerSecond / 4 * 3;
+  if (used_ >= forSender || (sender != 0 && own >= forSender - used_)) {
     ++dropped_;
-    return {false, 0};
+    return {false, droppedBefore};
   }
   ++used_;
+  if (sender != 0) ++own;
   return {true, droppedBefore};
 }
 
-LogSink::LogSink() : toJournal_(stderrIsJournal()) {
+LogSink::LogSink(std::string_view journalSocket) : output_(journalSocket) {
   readThreshold();
 }
 
@@ -188,70 +173,70 @@ void LogSink::readThreshold() {
   }
 }
 
+void LogSink::setSender(uint32_t uid) {
+  currentSender = uid;
+}
+
 void LogSink::write(const LogRecord& record) {
   if (!enabled(record.level)) return;
-  const auto [pass, droppedBefore] = budgets_[static_cast<size_t>(record.level)].take(monotonicSeconds());
+  const int64_t now = monotonicSeconds();
+  const auto [pass, droppedBefore] = budgets_[static_cast<size_t>(record.level)].take(now, currentSender);
   if (droppedBefore > 0) {
-    LineBuffer text;
-    text.appendNumber(droppedBefore);
-    text.append(" lines of level ");
-    text.append(word(record.level));
-    text.append(" dropped: too many in a second");
-    emit({record.level, kDaemonSubsystem, "", text.view()});
+    LineBuffer what;
+    what.append(" lines of level ");
+    what.append(word(record.level));
+    what.append(" dropped: too many in a second");
+    emitCount(droppedBefore, record.level, what.view());
   }
+  ownUpToLoss(now);
   if (pass) emit(record);
+}
+
+/// Says how many lines were lost, before the next one and not more than once a second: a reader who is slow
+/// would get nothing but this.
+void LogSink::ownUpToLoss(int64_t now) {
+  if (lost_ == 0 || lossSaidAt_.exchange(now) == now) return;
+  emitCount(lost_.exchange(0), LogLevel::standard, " lines lost: the log did not take them");
+}
+
+void LogSink::emitCount(uint64_t count, LogLevel level, std::string_view what) {
+  LineBuffer text;
+  text.appendNumber(count);
+  text.append(what);
+  const LogRecord record = {level, kDaemonSubsystem, "", text.view()};
+  emit(record);
 }
 
 void LogSink::emit(const LogRecord& record) {
   const int savedErrno = errno;
-  if (toJournal_) {
-    emitToJournal(record);
-  } else {
-    emitToStderr(record);
-  }
+  if (!(output_.isJournal() ? emitToJournal(record) : emitToStderr(record))) ++lost_;
   errno = savedErrno;
 }
 
-void LogSink::emitToJournal(const LogRecord& record) {
-  LineBuffer message;
-  message.append("MESSAGE=");
-  message.appendHarmless(withoutTrailingNewlines(record.text));
-  LineBuffer level;
-  level.append("PRIORITY=");
-  level.appendNumber(static_cast<uint64_t>(priority(record.level)));
-  LineBuffer levelWord;
-  levelWord.append("QV_LEVEL=");
-  levelWord.append(word(record.level));
-  LineBuffer subsystem;
-  LineBuffer category;
-  LineBuffer signpostId;
-  LineBuffer signpostType;
-
-  std::array<iovec, 7> fields;
-  int count = 0;
-  const auto add = [&](const LineBuffer& field) {
-    fields[static_cast<size_t>(count++)] = {const_cast<char*>(field.view().data()), field.view().size()};
+/// In journald's native protocol: fields on lines of their own, the one that may be cut last.
+bool LogSink::emitToJournal(const LogRecord& record) {
+  LineBuffer fields;
+  const auto add = [&](std::string_view name, std::string_view value) {
+    fields.append(name);
+    fields.append(value);
+    fields.append("\n");
   };
-  const auto addNamed = [&](LineBuffer& field, std::string_view name, std::string_view value) {
-    field.append(name);
-    field.append(value);
-    add(field);
-  };
-  add(message);
-  add(level);
-  add(levelWord);
-  if (!record.subsystem.empty()) addNamed(subsystem, "SUBSYSTEM=", record.subsystem);
-  if (!record.category.empty()) addNamed(category, "CATEGORY=", record.category);
+  fields.append("SYSLOG_IDENTIFIER=quorveld\nPRIORITY=");
+  fields.appendNumber(static_cast<uint64_t>(priority(record.level)));
+  add("\nQV_LEVEL=", word(record.level));
+  if (!record.subsystem.empty()) add("SUBSYSTEM=", record.subsystem);
+  if (!record.category.empty()) add("CATEGORY=", record.category);
   if (record.signpostId != 0) {
-    signpostId.append("SIGNPOST_ID=");
-    signpostId.appendNumber(record.signpostId);
-    add(signpostId);
-    addNamed(signpostType, "SIGNPOST_TYPE=", record.signpostType);
+    fields.append("SIGNPOST_ID=");
+    fields.appendNumber(record.signpostId);
+    add("\nSIGNPOST_TYPE=", record.signpostType);
   }
-  (void)sd_journal_sendv(fields.data(), count);
+  fields.append("MESSAGE=");
+  fields.appendHarmless(withoutTrailingNewlines(record.text));
+  return output_.sendToJournal(fields.line());
 }
 
-void LogSink::emitToStderr(const LogRecord& record) {
+bool LogSink::emitToStderr(const LogRecord& record) {
   LineBuffer line;
   appendLocalTime(line);
   line.append(word(record.level));
@@ -270,8 +255,7 @@ void LogSink::emitToStderr(const LogRecord& record) {
     line.append(" ");
   }
   line.appendHarmless(withoutTrailingNewlines(record.text));
-  line.append("\n");
-  writeAll(STDERR_FILENO, line.view());
+  return output_.writeToStderr(line.line());
 }
 
 TraceMarker::TraceMarker(LogSink& sink) : recorderPath_(rooted("/run/kelvane/instance/trace_marker")) {
@@ -301,7 +285,9 @@ void TraceMarker::mark(char phase, std::string_view name, uint64_t id) {
   line.append("|");
   line.appendNumber(id);
   const UniqueFd recorders(open(recorderPath_.c_str(), O_WRONLY | O_CLOEXEC));
-  writeAll(recorders ? recorders.get() : everybodys_.get(), line.view());
+  const int marker = recorders ? recorders.get() : everybodys_.get();
+  while (::write(marker, line.view().data(), line.view().size()) < 0 && errno == EINTR) {
+  }
 }
 
 }  // namespace quorveld::linux_platform

@@ -25,6 +25,7 @@ class LinuxLogs final : public platform::Logs {
   ~LinuxLogs() override;
 
   platform::LogHandle& handle(std::string_view subsystem, std::string_view category) override;
+  void setSender(uint32_t uid) override { LogSink::setSender(uid); }
   void system(std::string_view text) override;
 
  private:

@@ -8,7 +8,7 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t";
+constexpr std::string_view kSeparators = " \t";
 
 /// Takes the text up to `end` off the front of `text`, and `end` with it.
 std::string_view take(std::string_view& text, char end) {
@@ -19,8 +19,8 @@ std::string_view take(std::string_view& text, char end) {
 }
 
 std::string_view takeWord(std::string_view& line) {
-  line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-  const size_t end = std::min(line.find_first_of(kBlanks), line.size());
+  line.remove_prefix(std::min(line.find_first_not_of(kSeparators), line.size()));
+  const size_t end = std::min(line.find_first_of(kSeparators), line.size());
   const std::string_view word = line.substr(0, end);
   line.remove_prefix(end);
   return word;

@@ -6,11 +6,13 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <new>
 #include <regex>
 #include <string>
@@ -95,7 +97,8 @@ TEST(Logs, LineIsOneWriteWithNothingInItThatForgesAnother) {
     return std::regex_match(lines[i], std::regex(time + rest + "\n")) || (ADD_FAILURE() << lines[i], false);
   };
   matches(0, R"(default com\.corvix\.quorvel:app a\\n2026 default forged\\x0d\\x1b\[2J\\t\\x9bz é)");
-  matches(1, R"(info com\.corvix\.quorvel x{5000})");
+  matches(1, R"(info com\.corvix\.quorvel x+\.\.\.)");
+  EXPECT_EQ(lines[1].size(), kMaxLineBytes) << "what a pipe takes whole";
   matches(2, "default ");
   matches(3, R"(info com\.corvix\.quorvel:app signpost begin 42 appLaunch)");
 }
@@ -142,9 +145,9 @@ TEST(Logs, SignpostsMarkTheFlightRecordersTraceWhileItRuns) {
 TEST(Logs, OrdinaryLineTakesNothingFromTheHeap) {
   const UniqueFd saved(dup(STDERR_FILENO));
   const UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  dup2(null.get(), STDERR_FILENO);
   LinuxLogs logs;
   logs.handle("com.corvix.quorvel", "app").write(LogLevel::standard, "makes the handle");
-  dup2(null.get(), STDERR_FILENO);
   const long before = allocations;
   for (int i = 0; i < 100; ++i) {
     logs.handle("com.corvix.quorvel", "app")
@@ -156,12 +159,20 @@ TEST(Logs, OrdinaryLineTakesNothingFromTheHeap) {
 
 TEST(Logs, FloodIsCutAndOwnedUpToAndSparesTheOtherLevels) {
   LineBudget budget;
-  for (uint32_t i = 0; i < kMaxLogLinesPerSecond; ++i) ASSERT_TRUE(budget.take(7).pass);
-  for (int i = 0; i < 5; ++i) ASSERT_FALSE(budget.take(7).pass);
-  const LineBudget::Verdict next = budget.take(8);
+  const auto passes = [&](uint32_t sender, int count) {
+    int passed = 0;
+    for (int i = 0; i < count; ++i) passed += budget.take(7, sender).pass ? 1 : 0;
+    return passed;
+  };
+  // Three quarters are the users': each has as many as are left for the others, the daemon all that is left.
+  EXPECT_EQ(passes(1001, 2000), 750);
+  EXPECT_EQ(passes(1002, 2000), 375);
+  EXPECT_EQ(passes(1001, 10), 0);
+  EXPECT_EQ(passes(0, 2000), 2000 - 750 - 375);
+  const LineBudget::Verdict next = budget.take(8, 1001);
   EXPECT_TRUE(next.pass);
-  EXPECT_EQ(next.droppedBefore, 5u);
-  EXPECT_EQ(budget.take(8).droppedBefore, 0u);
+  EXPECT_EQ(next.droppedBefore, 6010u - 2000u);
+  EXPECT_EQ(budget.take(8, 1001).droppedBefore, 0u);
 
   const UniqueFd saved(dup(STDERR_FILENO));
   const UniqueFd file(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
@@ -192,6 +203,73 @@ TEST(Logs, DeadReaderAndFullDiskAreSurvived) {
   const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
   dup2(full.get(), STDERR_FILENO);
   logs.system("nor this");
+}
+
+/// Fills what `write` goes to until it takes no more, lets `drain` read, and looks for the line that owns up.
+void expectLossIsOwnedUpTo(LogSink& sink, const std::function<std::string()>& drain) {
+  const std::string text(1000, 'x');
+  const auto start = std::chrono::steady_clock::now();
+  // Within the budget, or that would be what is owned up to.
+  for (uint32_t i = 0; i < kMaxLogLinesPerSecond; ++i) sink.write({LogLevel::info, "s", "", text});
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  EXPECT_LT(took.count(), 60) << "it waited for its reader";
+  const std::string first = drain();
+  EXPECT_NE(first.find(text), std::string::npos);
+  for (int i = 0; i < 2;
+       ++i) {  // the second one if the first is of the second in which a loss was tried to be said
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    sink.write({LogLevel::info, "s", "", "calm"});
+  }
+  const std::string then = drain();
+  EXPECT_TRUE(std::regex_search(then, std::regex("[0-9]+ lines lost: the log did not take them\n"))) << then;
+  EXPECT_NE(then.find("calm\n"), std::string::npos);
+}
+
+TEST(Logs, PipeThatNobodyReadsKeepsNobodyWaiting) {
+  const UniqueFd saved(dup(STDERR_FILENO));
+  std::array<int, 2> ends;
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const UniqueFd reader(ends[0]);
+  dup2(ends[1], STDERR_FILENO);
+  ::close(ends[1]);
+  LogSink sink;
+  expectLossIsOwnedUpTo(sink, [&] {
+    std::string text(1 << 20, '\0');
+    text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(reader.get(), text.data(), text.size()))));
+    return text;
+  });
+  EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, 0) << "others write there too, and may wait";
+  dup2(saved.get(), STDERR_FILENO);
+}
+
+TEST(Logs, JournalThatNobodyReadsKeepsNobodyWaiting) {
+  const ScratchRoot root;
+  const std::string path = root / "journal";
+  const UniqueFd journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const CapturedStderr captured;
+  struct stat status {};
+  ASSERT_EQ(fstat(STDERR_FILENO, &status), 0);
+  setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+  LogSink sink(path);
+  unsetenv("JOURNAL_STREAM");
+  const auto drain = [&] {
+    std::string all;
+    std::string datagram(1 << 16, '\0');
+    for (ssize_t length = 0; (length = recv(journal.get(), datagram.data(), datagram.size(), 0)) > 0;) {
+      all.append(datagram, 0, static_cast<size_t>(length));
+    }
+    return all;
+  };
+  sink.write({LogLevel::info, "s", "c", "one\nPRIORITY=0", 7, "end"});
+  EXPECT_EQ(drain(),
+            "SYSLOG_IDENTIFIER=quorveld\nPRIORITY=6\nQV_LEVEL=info\nSUBSYSTEM=s\nCATEGORY=c\nSIGNPOST_ID=7\n"
+            "SIGNPOST_TYPE=end\nMESSAGE=one\\nPRIORITY=0\n");
+  expectLossIsOwnedUpTo(sink, drain);
+  EXPECT_TRUE(captured.writes().empty());
 }
 
 TEST(Logs, JournalIsUsedOnlyWhenStderrIsItsStream) {
