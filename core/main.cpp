@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "core/daemon.h"
+#include "platform/linux/desktop/screen_helper.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/platform.h"
 
@@ -10,6 +11,9 @@ int main(int argc, char** argv) {
   if (argc > 1) {
     const std::string_view argument = argv[1];
     if (argument == "--version") return std::puts("quorveld " QUORVELD_VERSION) < 0 ? 1 : 0;
+    if (argument == quorveld::linux_platform::kScreenHelperArgument) {
+      return quorveld::linux_platform::runScreenHelper();
+    }
     const bool asked = argument == "--help";
     std::fputs(
         "Usage: quorveld [--help | --version]\n"

@@ -1,111 +1,155 @@
 #include "platform/linux/desktop/render_server.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
-#include <string>
 #include <utility>
 
 #include "platform/linux/base/linux_log.h"
+#include "platform/linux/base/unique_fd.h"
 #include "platform/linux/base/utf8.h"
+#include "platform/linux/desktop/screen_helper.h"
+#include "platform/linux/desktop/session_bus.h"
 #include "platform/linux/queues/event_loop.h"
 
 namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr uint64_t kReplyTimeoutUs = 2'000'000;
+constexpr uint64_t kHelperTimeUs = 3'000'000;
 
-constexpr const char* kService = "org.freedesktop.Notifications";
-constexpr const char* kPath = "/org/freedesktop/Notifications";
-
-int newCall(sd_bus* bus, const char* method, BusMessage& call) {
-  sd_bus_message* raw = nullptr;
-  const int result = sd_bus_message_new_method_call(bus, &raw, kService, kPath, kService, method);
-  call.reset(raw);
-  return result;
-}
-
-int newNotify(sd_bus* bus, uint32_t replacedId, const std::string& text, BusMessage& call) {
-  const int result = newCall(bus, "Notify", call);
-  if (result < 0) return result;
-  // Summary alone: a body would be read as markup. Transient: no history is kept of it.
-  return sd_bus_message_append(call.get(), "susssasa{sv}i", "quorveld", replacedId, "", text.c_str(), "", 0,
-                               1, "transient", "b", 1, -1);
-}
-
-int newClose(sd_bus* bus, uint32_t id, BusMessage& call) {
-  const int result = newCall(bus, "CloseNotification", call);
-  return result < 0 ? result : sd_bus_message_append(call.get(), "u", id);
+/// Starts `program` with `socket` as its descriptor 0; 0 or an errno.
+int spawn(const std::string& program, int socket, UniqueFd& process) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, socket, STDIN_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);  // the daemon's threads hold its signals
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  std::string name = "quorveld";
+  std::string argument = kScreenHelperArgument;
+  const std::array<char*, 3> arguments = {name.data(), argument.data(), nullptr};
+  pid_t pid = -1;
+  const int result = ::posix_spawn(&pid, program.c_str(), &actions, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  if (result != 0) return result;
+  process.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+  if (process) return 0;
+  const int error = errno;
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  return error;
 }
 
 }  // namespace
 
-/// One connection to the bus and the message that it keeps on the screen.
-class ScreenConnection {
+/// What is on the screen and what is to be.
+class Screen {
  public:
-  ScreenConnection(BusHandle bus, bool& complained) : complained_(complained), bus_(std::move(bus)) {}
-
-  /// False once the bus or a call has failed: time for a new connection.
-  bool usable() const { return bus_ && sd_bus_is_open(bus_.get()) > 0; }
+  Screen(std::string program, EventLoop& loop) : program_(std::move(program)), event_(loop.event()) {}
 
   /// Puts `text` in place of what is shown; nothing clears it.
   void show(std::optional<std::string> text) {
     wanted_ = std::move(text);
     unsent_ = true;
-    if (!pending_) send();
+    if (!helper_) send();
   }
 
  private:
+  /// A running helper; killed on destruction, and left to whoever reaps the daemon's children then.
+  struct Helper {
+    UniqueFd process;  ///< pidfd
+    UniqueFd socket;
+
+    Helper() = default;
+    Helper(const Helper&) = delete;
+    Helper& operator=(const Helper&) = delete;
+    ~Helper() { kill(); }
+
+    void kill() const { (void)::syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0); }
+  };
+
   void send() {
-    if (!unsent_ || !bus_) return;
-    unsent_ = false;
+    if (!std::exchange(unsent_, false)) return;
     if (!wanted_ && shownId_ == 0) return;
-    BusMessage call;
-    const int made = wanted_ ? newNotify(bus_.get(), shownId_, *wanted_, call)
-                             : newClose(bus_.get(), std::exchange(shownId_, 0), call);
-    sd_bus_slot* slot = nullptr;
-    const int sent = made < 0 ? made
-                              : sd_bus_call_async(bus_.get(), &slot, call.get(), wanted_ ? notified : closed,
-                                                  this, kReplyTimeoutUs);
-    pending_.reset(slot);
-    if (sent < 0) fail(std::strerror(-sent));
+    const auto bus = findSessionBus();
+    if (!bus) return;
+    const int result = start({*bus, shownId_, wanted_});
+    if (result == 0) return;
+    helper_.reset();
+    complain(std::strerror(result));
   }
 
-  static int notified(sd_bus_message* reply, void* self, sd_bus_error*) noexcept {
-    static_cast<ScreenConnection*>(self)->takeId(reply);
+  int start(const ScreenRequest& request) {
+    std::array<int, 2> ends;
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) return errno;
+    helper_ = std::make_unique<Helper>();
+    helper_->socket.reset(ends[0]);
+    const UniqueFd theirs(ends[1]);
+    if (!sendScreenRequest(helper_->socket.get(), request)) return errno;
+    if (const int error = spawn(program_, theirs.get(), helper_->process)) return error;
+    sd_event_source* ended = nullptr;
+    int result = sd_event_add_io(event_, &ended, helper_->process.get(), EPOLLIN, helperEnded, this);
+    ended_.reset(ended);
+    if (result < 0) return -result;
+    sd_event_source* timer = nullptr;
+    result = sd_event_add_time_relative(event_, &timer, CLOCK_MONOTONIC, kHelperTimeUs, 0, timeIsUp, this);
+    timer_.reset(timer);
+    return result < 0 ? -result : 0;
+  }
+
+  static int timeIsUp(sd_event_source*, uint64_t, void* self) noexcept {
+    static_cast<Screen*>(self)->helper_->kill();
     return 0;
   }
 
-  static int closed(sd_bus_message*, void* self, sd_bus_error*) noexcept {
-    // A refusal means that the user has closed it already.
-    auto& connection = *static_cast<ScreenConnection*>(self);
-    connection.pending_.reset();
-    connection.send();
+  static int helperEnded(sd_event_source*, int, uint32_t, void* self) noexcept {
+    static_cast<Screen*>(self)->finish();
     return 0;
   }
 
-  void takeId(sd_bus_message* reply) {
-    pending_.reset();
-    if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-      return fail(error->message ? error->message : error->name);
+  void finish() {
+    siginfo_t information{};
+    (void)::waitid(P_PIDFD, static_cast<id_t>(helper_->process.get()), &information, WEXITED | WNOHANG);
+    const ScreenAnswer answer = receiveScreenAnswer(helper_->socket.get());
+    ended_.reset();
+    timer_.reset();
+    helper_.reset();
+    shownId_ = answer.shownId;
+    if (answer.failure.empty()) {
+      complained_ = false;
+    } else {
+      complain(answer.failure.c_str());
     }
-    if (sd_bus_message_read(reply, "u", &shownId_) < 0) return fail("the answer holds no identifier");
-    complained_ = false;
     send();
   }
 
-  void fail(const char* reason) {
-    if (!complained_) logDefault("On-screen message not shown: %s", reason);
-    complained_ = true;
-    bus_.reset();
+  void complain(const char* reason) {
+    if (!std::exchange(complained_, true)) logDefault("On-screen message not shown: %s", reason);
   }
 
-  bool& complained_;
-  BusHandle bus_;
-  BusSlot pending_;  // the call under way
+  const std::string program_;
+  sd_event* const event_;
+  std::unique_ptr<Helper> helper_;
+  EventSource ended_;
+  EventSource timer_;
   std::optional<std::string> wanted_;
   bool unsent_ = false;
+  bool complained_ = false;
   uint32_t shownId_ = 0;  // 0: nothing is shown
 };
 
@@ -113,36 +157,28 @@ namespace {
 
 class Port final : public platform::RenderPort {
  public:
-  explicit Port(std::shared_ptr<ScreenConnection> connection) : connection_(std::move(connection)) {}
+  explicit Port(std::shared_ptr<Screen> screen) : screen_(std::move(screen)) {}
 
   void setDebugMessage(const char* text) override {
-    connection_->show(text ? std::optional(wellFormedUtf8(text)) : std::nullopt);
+    screen_->show(text ? std::optional(wellFormedUtf8(text)) : std::nullopt);
   }
 
  private:
-  std::shared_ptr<ScreenConnection> connection_;
+  std::shared_ptr<Screen> screen_;
 };
 
 }  // namespace
 
-LinuxRenderServer::LinuxRenderServer() = default;
+LinuxRenderServer::LinuxRenderServer(std::string program) : program_(std::move(program)) {}
 LinuxRenderServer::~LinuxRenderServer() = default;
 
+void LinuxRenderServer::useQueue(platform::WorkQueue& queue) {
+  screen_ = std::make_shared<Screen>(program_, loopOf(queue));
+}
+
 std::unique_ptr<platform::RenderPort> LinuxRenderServer::port() {
-  if (!queue_) return nullptr;
-  if (!connection_ || !connection_->usable()) {
-    connection_.reset();
-    int error = 0;
-    BusHandle bus = startSessionBus(error);
-    if (bus) error = sd_bus_attach_event(bus.get(), loopOf(*queue_).event(), kTaskPriority);
-    if (error < 0) {
-      if (error != -ENOMEDIUM && !complained_) logDefault("No session bus: %s", std::strerror(-error));
-      complained_ |= error != -ENOMEDIUM;
-      return nullptr;
-    }
-    connection_ = std::make_shared<ScreenConnection>(std::move(bus), complained_);
-  }
-  return std::make_unique<Port>(connection_);
+  if (!screen_ || !findSessionBus()) return nullptr;
+  return std::make_unique<Port>(screen_);
 }
 
 }  // namespace quorveld::linux_platform

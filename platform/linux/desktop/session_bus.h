@@ -1,30 +1,21 @@
 #pragma once
 
-#include <systemd/sd-bus.h>
+#include <sys/types.h>
 
-#include <memory>
+#include <optional>
+#include <string>
 
 namespace quorveld::linux_platform {
 
-struct CloseBus {
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+/// A session bus, and whom it belongs to when that isn't this process's own user.
+struct SessionBus {
+  std::string address;
+  std::optional<uid_t> owner;
 };
-using BusHandle = std::unique_ptr<sd_bus, CloseBus>;
 
-struct UnrefMessage {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using BusMessage = std::unique_ptr<sd_bus_message, UnrefMessage>;
-
-struct UnrefSlot {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using BusSlot = std::unique_ptr<sd_bus_slot, UnrefSlot>;
-
-/// Starts a connection to the session bus of whoever uses the device: the address in QUORVELD_SESSION_BUS;
-/// else the bus of the seat's active user; else the address in DBUS_SESSION_BUS_ADDRESS. Returns at once,
-/// with the rest of the connection's set-up to be done by the event loop that it is attached to. Null, and a
-/// negative errno in `error`, when there is no bus (-ENOMEDIUM) or it can't be reached.
-BusHandle startSessionBus(int& error);
+/// The session bus of whoever uses the device: the address in QUORVELD_SESSION_BUS; else the bus of the
+/// seat's active user; else the address in DBUS_SESSION_BUS_ADDRESS; else nothing. Whether anybody answers
+/// there is not looked at.
+std::optional<SessionBus> findSessionBus();
 
 }  // namespace quorveld::linux_platform

@@ -13,13 +13,13 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr size_t kMaxFileBytes = 64 * 1024;
+constexpr size_t kMaxCgroupFileBytes = 64 * 1024;
 constexpr uint64_t kMiB = 1024 * 1024;
 
 /// What stands in a limit file; "max" and version 1's huge numbers are no limit.
 std::optional<int32_t> ownLimitMiB(const std::string& file) {
   std::error_code error;
-  const auto text = readFile(file, kMaxFileBytes, error);
+  const auto text = readFile(file, kMaxCgroupFileBytes, error);
   if (!text) return std::nullopt;
   uint64_t bytes = 0;
   const auto [stop, parsing] = std::from_chars(text->data(), text->data() + text->size(), bytes);
@@ -44,7 +44,7 @@ int32_t MemoryCgroups::limitMiB(int32_t pid, uint64_t cgroups) {
   const auto shared = limitByCgroups_.find(cgroups);
   if (shared != limitByCgroups_.end()) return shared->second;
   std::error_code error;
-  const auto text = readFile("/proc/" + std::to_string(pid) + "/cgroup", kMaxFileBytes, error);
+  const auto text = readFile("/proc/" + std::to_string(pid) + "/cgroup", kMaxCgroupFileBytes, error);
   if (!text) return -1;  // gone: the next one that shares its groups may answer
   auto known = limitByGroup_.find(*text);
   if (known == limitByGroup_.end()) {
