@@ -11,7 +11,5 @@ inline constexpr const char* kSpoolDirectory = "/var/root/Library/Caches/quorvel
 /// Where complete memory reports appear. Not made by the daemon: it belongs to the system's collector of
 /// reports.
 inline constexpr const char* kMemoryReportDirectory = "/Library/Logs/Faultkeep";
-/// How the names of memory reports begin, while they are written in the cache directory too.
-inline constexpr const char* kMemoryReportPrefix = "memory-snapshot-";
 
 }  // namespace quorveld

@@ -72,11 +72,15 @@ bool isNearlyFull(const ReportFolder& folder) {
 
 }  // namespace
 
-std::error_code makeRoomForReport(const ReportFolder& working, const ReportFolder& finished) {
-  // Reports are written one at a time: one that is there is left from a daemon that was killed meanwhile.
-  for (const FileInfo& left : reportsIn(working)) platform::current().files.remove(pathOf(working, left));
-  removeOldReports(finished);
-  if (isNearlyFull(working) || isNearlyFull(finished)) {
+void removeUnfinishedReports() {
+  for (const ReportFolder& folder : {kHangReports.unfinished, kMemoryReports.unfinished}) {
+    for (const FileInfo& left : reportsIn(folder)) platform::current().files.remove(pathOf(folder, left));
+  }
+}
+
+std::error_code makeRoomForReport(const ReportKind& kind) {
+  removeOldReports(kind.finished);
+  if (isNearlyFull(kind.unfinished) || isNearlyFull(kind.finished)) {
     return std::make_error_code(std::errc::no_space_on_device);
   }
   return {};

@@ -3,6 +3,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "base/paths.h"
+
 namespace quorveld {
 
 /// A folder and the reports in it, by how their names begin and end; what else is there is others' and stays.
@@ -12,13 +14,23 @@ struct ReportFolder {
   std::string_view suffix;
 };
 
-/// Prepares the folders for one more report, which is written in `working` and moved to `finished` when
-/// whole.
-///
-/// Removes what a daemon that was killed has left in `working`; then, from `finished`, what is older than the
-/// settings allow and the oldest of what is more than they allow, with a line and a count. An error when
-/// either file system is nearly full by then: no report is to be written, as if it were full. Work queue
-/// only.
-[[nodiscard]] std::error_code makeRoomForReport(const ReportFolder& working, const ReportFolder& finished);
+/// Reports of one kind: where they are written, and where they are when they are whole.
+struct ReportKind {
+  ReportFolder unfinished;
+  ReportFolder finished;
+};
+
+inline constexpr ReportKind kHangReports{{kTemporaryDirectory, "", ".kelvane"},
+                                         {kSpoolDirectory, "", ".kelvane"}};
+inline constexpr ReportKind kMemoryReports{{kCacheDirectory, "memory-snapshot-", ""},
+                                           {kMemoryReportDirectory, "memory-snapshot-", ".ips"}};
+
+/// Removes what a daemon that was killed has left half written. Before the first report.
+void removeUnfinishedReports();
+
+/// Makes room for one more report: removes, from those that are finished, what is older than the settings
+/// allow and the oldest of what is more than they allow, with a line and a count. An error when either file
+/// system is nearly full by then: no report is to be written, as if it were full. Work queue only.
+[[nodiscard]] std::error_code makeRoomForReport(const ReportKind& kind);
 
 }  // namespace quorveld

@@ -7,6 +7,7 @@
 #include "abi/messages.h"
 #include "activation/app_activation_tracker.h"
 #include "base/log.h"
+#include "base/report_folder.h"
 #include "base/settings.h"
 #include "core/cache_directories.h"
 #include "hangs/qv_process_info.h"
@@ -40,6 +41,7 @@ Daemon::~Daemon() {
 void Daemon::start() {
   const platform::Platform& platform = platform::current();
   createCacheDirectories();
+  removeUnfinishedReports();
   platform.preferences.synchronise(kPreferencesDomain);
   checkPreferences();
 

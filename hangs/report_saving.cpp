@@ -26,14 +26,12 @@ namespace {
 
 using platform::Dictionary;
 
-constexpr const char* kReportSuffix = ".kelvane";
-
 /// Service or activation type, process or bundle, date. Clients choose the first two, so they can't lead out
 /// of the folder.
 std::string reportFileName(const std::string& what, const std::string& who) {
   return fileNameComponent(what, kMaxFileNameComponentBytes) + "-" +
          fileNameComponent(who, kMaxFileNameComponentBytes) + "-" +
-         reportDate(platform::current().clock.wallTime()) + kReportSuffix;
+         reportDate(platform::current().clock.wallTime()) + std::string(kHangReports.finished.suffix);
 }
 
 /// The report's header: always these eight keys.
@@ -91,8 +89,7 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
-  std::error_code error =
-      makeRoomForReport({kTemporaryDirectory, "", kReportSuffix}, {kSpoolDirectory, "", kReportSuffix});
+  std::error_code error = makeRoomForReport(kHangReports);
   auto file = error ? nullptr : files.createProtected(tempPath, error);
   if (!file) {
     log.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),
@@ -106,18 +103,19 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   }
   const bool dumped =
       classSide().traceCapture.dumpKelvaneToFile(file->descriptor(), startTicks, endTicks, *header);
-  if (file->close() || !dumped) {
+  if (!dumped) {
     log.standard("%s: Unable to save kelvane data to file.\n", processString.c_str());
     files.remove(tempPath);
     return false;
   }
   log.info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
-  if (const std::error_code failure = files.move(tempPath, finalPath)) {
-    // The capture was made, which is what a credit pays for: this still counts as saved.
-    log.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
-                 failure.message().c_str());
-    files.remove(tempPath);
-  }
+  files.finish(std::move(file), tempPath, finalPath, platform::Existing::stays,
+               [log, processString](std::error_code failure) {
+                 if (!failure) return;
+                 log.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
+                              failure.message().c_str());
+               });
+  // The capture was made, which is what a credit pays for: this counts as saved, wherever the file ends.
   return true;
 }
 

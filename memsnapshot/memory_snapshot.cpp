@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "base/log.h"
 #include "base/paths.h"
@@ -87,12 +88,11 @@ std::string reportText(const std::string& date) {
 void take_memory_snapshot() {
   platform::Files& files = platform::current().files;
   const std::string date = reportDate(platform::current().clock.wallTime());
-  const std::string name = kMemoryReportPrefix + date + ".ips";
+  const std::string name = std::string(kMemoryReports.finished.prefix) + date + ".ips";
   const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 
-  std::error_code error = makeRoomForReport({kCacheDirectory, kMemoryReportPrefix, ""},
-                                            {kMemoryReportDirectory, kMemoryReportPrefix, ".ips"});
+  std::error_code error = makeRoomForReport(kMemoryReports);
   auto file = error ? nullptr : files.createProtected(workingPath, error);
   if (!file) {
     systemLog("Could not create file - won't take a memory snapshot: %s %s", workingPath.c_str(),
@@ -101,18 +101,18 @@ void take_memory_snapshot() {
   }
   const std::string report = reportText(date);
   if (report.empty()) {
-    error = std::make_error_code(std::errc::operation_canceled);
-  } else {
-    error = file->write(report);
+    files.remove(workingPath);  // why figures are missing has been said by whoever refused them
+    return;
   }
-  if (const std::error_code closing = file->close(); !error) error = closing;
-  if (!error) error = files.rename(workingPath, finalPath);
-  if (!error) return;
-  // Why figures are missing has been said by whoever refused them.
-  if (!report.empty()) {
-    quorvelLog().standard("Memory snapshot not kept: %s: %s", finalPath.c_str(), error.message().c_str());
+  const auto sayIfNotKept = [finalPath](std::error_code failure) {
+    if (!failure) return;
+    quorvelLog().standard("Memory snapshot not kept: %s: %s", finalPath.c_str(), failure.message().c_str());
+  };
+  if ((error = file->write(report))) {
+    files.remove(workingPath);
+    return sayIfNotKept(error);
   }
-  files.remove(workingPath);
+  files.finish(std::move(file), workingPath, finalPath, platform::Existing::replaced, sayIfNotKept);
 }
 
 }  // namespace quorveld

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,9 @@ struct Space {
 
 enum class EntryKind { missing, directory, other };
 
+/// What becomes of a file that has a finished one's name already.
+enum class Existing { stays, replaced };
+
 /// An open file; closed on destruction.
 class File {
  public:
@@ -38,13 +42,11 @@ class File {
 
   /// Writes all of `bytes` with one write; an error when not all of it fitted.
   [[nodiscard]] virtual std::error_code write(std::string_view bytes) = 0;
-
-  /// Hands everything to the disk and closes, so that a later move can't show half a file after a power cut.
-  [[nodiscard]] virtual std::error_code close() = 0;
 };
 
 /// Files of the daemon. Paths are absolute, below the platform's root; no operation follows a symbolic link
-/// in the last component. An empty error_code means success. From any thread.
+/// in the last component. An empty error_code means success. `createProtected` and
+/// `finish` belong to the work queue, the rest may be called from any thread.
 class Files {
  public:
   virtual ~Files() = default;
@@ -61,15 +63,19 @@ class Files {
   virtual std::optional<Space> space(const std::string& directory) = 0;
 
   /// Opens read-write, creating without truncation, with mode 0644 in protection class 4 (readable while the
-  /// device is locked). Null, and the reason in `error`, on failure.
+  /// device is locked). Null, and the reason in `error`, on failure; also while too many files are being
+  /// finished, or one of that name.
   [[nodiscard]] virtual std::unique_ptr<File> createProtected(const std::string& path,
                                                               std::error_code& error) = 0;
 
-  /// Moves a file; an existing `to` is an error and stays as it is.
-  [[nodiscard]] virtual std::error_code move(const std::string& from, const std::string& to) = 0;
-
-  /// Renames a file, replacing an existing `to` in one step.
-  [[nodiscard]] virtual std::error_code rename(const std::string& from, const std::string& to) = 0;
+  /// Gives a `file` that was made at `from` to the disk and then the name `to`, so that half a file isn't
+  /// shown there even after a power cut.
+  ///
+  /// Beside the caller and in the order of the calls. `done` is told how it went, on any thread, unless the
+  /// daemon has ended by then. `from` has gone in either case, and can't be created again before. Where a
+  /// file stays that has the name, that is an error.
+  virtual void finish(std::unique_ptr<File> file, const std::string& from, const std::string& to,
+                      Existing existing, std::function<void(std::error_code)> done) = 0;
 
   /// JSON text of a dictionary, UTF-8, no white space; nothing, and the reason in `error`, when a text in it
   /// is no UTF-8.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <map>
 #include <vector>
 
@@ -228,7 +229,15 @@ TEST_P(Contract, FilesAreCreatedMovedAndReplacedWithoutSurprises) {
     ASSERT_TRUE(file) << error.message();
     EXPECT_GE(file->descriptor(), 0);
     EXPECT_FALSE(file->write(bytes));
-    EXPECT_FALSE(file->close());
+  };
+  using platform::Existing;
+  const auto finish = [&](const std::string& from, const std::string& to, Existing existing) {
+    auto file = files.createProtected(from, error);
+    EXPECT_TRUE(file) << error.message();
+    std::promise<std::error_code> result;
+    files.finish(std::move(file), from, to, existing,
+                 [&](std::error_code failure) { result.set_value(failure); });
+    return result.get_future().get();
   };
   write(sub + "/a", "first");
   write(sub + "/a", "FI");  // opens what is there, without truncation
@@ -236,13 +245,16 @@ TEST_P(Contract, FilesAreCreatedMovedAndReplacedWithoutSurprises) {
   EXPECT_EQ(bench_->content(sub + "/a"), "FIrst");
   write(sub + "/b", "second");
 
-  EXPECT_TRUE(files.move(sub + "/a", sub + "/b")) << "an existing target must stay";
+  EXPECT_EQ(finish(sub + "/a", sub + "/b", Existing::stays), std::errc::file_exists);
   EXPECT_EQ(bench_->content(sub + "/b"), "second");
-  EXPECT_FALSE(files.rename(sub + "/a", sub + "/b"));
-  EXPECT_EQ(bench_->content(sub + "/b"), "FIrst");
+  EXPECT_EQ(files.kind(sub + "/a"), EntryKind::missing) << "what can't be finished goes";
+  write(sub + "/a", "third");
+  EXPECT_FALSE(finish(sub + "/a", sub + "/b", Existing::replaced));
+  EXPECT_EQ(bench_->content(sub + "/b"), "third");
   EXPECT_EQ(files.kind(sub + "/a"), EntryKind::missing);
-  EXPECT_FALSE(files.move(sub + "/b", sub + "/c"));
-  EXPECT_EQ(files.move(sub + "/b", sub + "/d"), std::errc::no_such_file_or_directory);
+  EXPECT_FALSE(finish(sub + "/b", sub + "/c", Existing::stays));
+  EXPECT_EQ(bench_->content(sub + "/c"), "third");
+  EXPECT_EQ(files.kind(sub + "/b"), EntryKind::missing);
   EXPECT_FALSE(files.remove(sub + "/c"));
   EXPECT_EQ(files.remove(sub + "/c"), std::errc::no_such_file_or_directory);
   write(sub + "/report-1.half", "half");

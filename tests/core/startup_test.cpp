@@ -51,6 +51,19 @@ TEST(StartUp, BringsThePartsUpInOrder) {
   for (const sim::LogLine& line : world.logs.lines) EXPECT_EQ(line.subsystem, "com.corvix.quorvel");
 }
 
+TEST(StartUp, RemovesWhatADaemonThatWasKilledHasLeftHalfWritten) {
+  World world(World::Daemon::later);
+  world.preferences.userSets("QuorvelEnabled", true);
+  EXPECT_FALSE(world.files.makeDirectory(kCache, 0755));
+  EXPECT_FALSE(world.files.makeDirectory(kCache + "/tmp", 0755));
+  for (const char* name : {"/tmp/half.kelvane", "/tmp/another's", "/memory-snapshot-2026.ips~"}) {
+    world.files.putFile(kCache + name, "half");
+  }
+  world.start();
+  EXPECT_EQ(world.temporaryFiles(), std::vector<std::string>{"another's"});
+  EXPECT_EQ(world.files.list(kCache), (std::vector<std::string>{"spool", "tmp"}));
+}
+
 TEST(StartUp, RepairsItsDirectoriesAndGoesOnWithoutThem) {
   struct Case {
     const char* what;

@@ -100,8 +100,6 @@ void expectOneReportLost(Op op, bool said) {
   EXPECT_EQ(machine.logs.has(LogLevel::standard,
                              std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
             said);
-  // So does a kill.
-  machine.files.putFile(std::string(kWorkingFile) + "~", "left by a daemon that was killed");
   take_memory_snapshot();
   EXPECT_EQ(machine.files.list("/var/root/Library/Caches/quorveld").size(), 0u);
   EXPECT_TRUE(machine.files.content(kReport).has_value());

@@ -27,7 +27,10 @@ class SimFile final : public platform::File {
         descriptor_(file_->open()) {
     ++*openFiles_;
   }
-  ~SimFile() override { shut(); }
+  ~SimFile() override {
+    ::close(descriptor_);
+    --*openFiles_;
+  }
 
   int descriptor() const override { return descriptor_; }
 
@@ -37,19 +40,7 @@ class SimFile final : public platform::File {
     return written == static_cast<ssize_t>(bytes.size()) ? std::error_code() : reason(std::errc::io_error);
   }
 
-  std::error_code close() override {
-    shut();
-    return faults_.take(Op::closeFile);
-  }
-
  private:
-  void shut() {
-    if (descriptor_ < 0) return;
-    ::close(descriptor_);
-    descriptor_ = -1;
-    --*openFiles_;
-  }
-
   std::shared_ptr<MemFile> file_;
   std::shared_ptr<int> openFiles_;
   FaultPlan& faults_;
@@ -155,6 +146,15 @@ std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& giv
     history_.push_back("create " + path);
   }
   return std::make_unique<SimFile>(entry->file, openFiles_, faults_);
+}
+
+void SimFiles::finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
+                      platform::Existing existing, std::function<void(std::error_code)> done) {
+  file.reset();
+  std::error_code error = faults_.take(Op::closeFile);
+  if (!error) error = existing == platform::Existing::stays ? move(from, to) : rename(from, to);
+  if (error) static_cast<void>(remove(from));
+  done(error);
 }
 
 std::error_code SimFiles::move(const std::string& givenFrom, const std::string& givenTo) {

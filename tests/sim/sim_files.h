@@ -39,8 +39,9 @@ class SimFiles final : public platform::Files {
   std::vector<platform::FileInfo> regularFiles(const std::string& directory) override;
   std::optional<platform::Space> space(const std::string&) override { return disk; }
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
-  std::error_code move(const std::string& from, const std::string& to) override;
-  std::error_code rename(const std::string& from, const std::string& to) override;
+  /// At once, and `done` before it returns.
+  void finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
+              platform::Existing existing, std::function<void(std::error_code)> done) override;
   std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
                                            std::string& error) override;
 
@@ -65,6 +66,8 @@ class SimFiles final : public platform::Files {
     platform::WallTime modified{};  ///< when it was made
   };
 
+  std::error_code move(const std::string& from, const std::string& to);
+  std::error_code rename(const std::string& from, const std::string& to);
   bool parentExists(const std::string& path) const;
   /// The path as it is kept: slashes in a row count as one.
   static std::string plain(const std::string& path);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/file.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -33,14 +34,6 @@ class LinuxFile final : public platform::File {
     if (static_cast<size_t>(written) != bytes.size())
       return std::make_error_code(std::errc::no_space_on_device);
     return {};
-  }
-
-  std::error_code close() override {
-    std::error_code error;
-    if (::fsync(fd_.get()) != 0) error = lastError();
-    // The descriptor is gone whatever close(2) answers.
-    if (::close(fd_.release()) != 0 && !error) error = lastError();
-    return error;
   }
 
  private:
@@ -93,6 +86,14 @@ std::error_code moveAcrossFileSystems(const std::string& from, const std::string
   return resultOf(::unlink(from.c_str()));
 }
 
+std::error_code moveFile(const std::string& from, const std::string& to, Renaming rename) {
+  std::error_code error = rename(from.c_str(), to.c_str());
+  // Folders that are bind mounts of their own, as a sandbox makes them, answer so even on one disk.
+  if (error == std::errc::cross_device_link) error = moveAcrossFileSystems(from, to, rename);
+  if (!error) syncDirectory(directoryOf(to));
+  return error;
+}
+
 }  // namespace
 
 platform::EntryKind LinuxFiles::kind(const std::string& path) {
@@ -137,7 +138,16 @@ std::optional<platform::Space> LinuxFiles::space(const std::string& directory) {
 }
 
 std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& path, std::error_code& error) {
+  if (!finishing_.hasRoom()) {
+    error = std::make_error_code(std::errc::device_or_resource_busy);
+    return nullptr;
+  }
   UniqueFd fd(::open(rooted(path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+  // Locked for as long as it is open: one that is being finished has the name until it has moved.
+  if (fd && ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    error = std::make_error_code(std::errc::device_or_resource_busy);
+    return nullptr;
+  }
   // The umask does not cut a report's mode: whoever collects reports may read them.
   if (!fd || ::fchmod(fd.get(), kFileMode) != 0) {
     error = lastError();
@@ -146,24 +156,16 @@ std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& p
   return std::make_unique<LinuxFile>(std::move(fd));
 }
 
-std::error_code LinuxFiles::move(const std::string& from, const std::string& to) {
-  const std::string source = rooted(from);
-  const std::string target = rooted(to);
-  std::error_code error = renameWithoutReplacing(source.c_str(), target.c_str());
-  if (error == std::errc::cross_device_link) {
-    error = moveAcrossFileSystems(source, target, renameWithoutReplacing);
-  }
-  if (!error) syncDirectory(directoryOf(target));
-  return error;
-}
-
-std::error_code LinuxFiles::rename(const std::string& from, const std::string& to) {
-  const std::string source = rooted(from);
-  const std::string target = rooted(to);
-  const std::error_code error = renameReplacing(source.c_str(), target.c_str());
-  // Folders that are bind mounts of their own, as a sandbox makes them, answer so even on one disk.
-  if (error != std::errc::cross_device_link) return error;
-  return moveAcrossFileSystems(source, target, renameReplacing);
+void LinuxFiles::finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
+                        platform::Existing existing, std::function<void(std::error_code)> done) {
+  auto work = [file = std::shared_ptr<platform::File>(std::move(file)), from = rooted(from), to = rooted(to),
+               rename = existing == platform::Existing::stays ? renameWithoutReplacing : renameReplacing] {
+    std::error_code error = resultOf(::fsync(file->descriptor()));
+    if (!error) error = moveFile(from, to, rename);
+    if (error) (void)::unlink(from.c_str());
+    return error;
+  };
+  if (!finishing_.tryPost(work, done)) done(work());
 }
 
 std::optional<std::string> LinuxFiles::serializeJson(const platform::Dictionary& dictionary,

@@ -1,8 +1,14 @@
 #pragma once
 
+#include <chrono>
+
 #include "platform/files.h"
+#include "platform/linux/base/background_thread.h"
 
 namespace quorveld::linux_platform {
+
+/// Files that wait for a slow disk; while there are so many, no further one is created.
+inline constexpr size_t kMaxFinishingFiles = 4;
 
 /// The daemon's files, below the instance's root. Protection classes have no counterpart: an encrypted disk
 /// is open while the system runs.
@@ -19,11 +25,14 @@ class LinuxFiles final : public platform::Files {
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
 
   /// Across file systems the file is copied, by way of a name that starts with '.'.
-  std::error_code move(const std::string& from, const std::string& to) override;
+  void finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
+              platform::Existing existing, std::function<void(std::error_code)> done) override;
 
-  std::error_code rename(const std::string& from, const std::string& to) override;
   std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
                                            std::string& error) override;
+
+ private:
+  BackgroundThread finishing_{"quorveld-files", kMaxFinishingFiles, std::chrono::seconds(5)};
 };
 
 }  // namespace quorveld::linux_platform

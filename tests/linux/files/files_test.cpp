@@ -6,12 +6,19 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <future>
+#include <vector>
+
+#include "platform/linux/base/background_thread.h"
 #include "tests/linux/scratch_root.h"
+#include "tests/patience.h"
 
 namespace quorveld::linux_platform {
 namespace {
 
 using platform::EntryKind;
+using platform::Existing;
 
 class Files : public testing::Test {
  protected:
@@ -21,7 +28,16 @@ class Files : public testing::Test {
     const auto file = files_.createProtected(path, error);
     ASSERT_TRUE(file) << error.message();
     EXPECT_FALSE(file->write(text));
-    EXPECT_FALSE(file->close());
+  }
+  /// Finishes the file at `from`, and waits until that is done.
+  std::error_code finish(const std::string& from, const std::string& to, Existing existing) {
+    std::error_code error;
+    auto file = files_.createProtected(from, error);
+    if (!file) return error;
+    std::promise<std::error_code> result;
+    files_.finish(std::move(file), from, to, existing,
+                  [&](std::error_code failure) { result.set_value(failure); });
+    return result.get_future().get();
   }
   size_t entriesIn(const std::string& path) const {
     const std::filesystem::directory_iterator entries(root_ / path);
@@ -68,19 +84,51 @@ TEST_F(Files, DirectoriesAreMadeWithWhatIsMissingAboveThem) {
   EXPECT_EQ(files_.remove("/var/plain"), std::errc::no_such_file_or_directory);
 }
 
-TEST_F(Files, MoveKeepsWhatIsThereAndRenameReplacesIt) {
-  make("/a", "a");
-  make("/b", "b");
-  EXPECT_EQ(files_.move("/a", "/b"), std::errc::file_exists);
-  EXPECT_EQ(root_.read("b"), "b");
-  EXPECT_FALSE(files_.move("/a", "/c"));
-  EXPECT_EQ(root_.read("c"), "a");
-  EXPECT_FALSE(root_.exists("a"));
-  EXPECT_FALSE(files_.rename("/c", "/b"));
-  EXPECT_EQ(root_.read("b"), "a");
+TEST_F(Files, WhatIsBeingFinishedIsNobodysToWriteAndIsDoneBeforeTheEnd) {
+  const std::string text(8 << 20, 'x');
+  std::error_code error;
+  {
+    LinuxFiles files;
+    std::vector<std::unique_ptr<platform::File>> written;
+    for (int i = 0; i < 3; ++i) {
+      const std::string path = "/" + std::to_string(i);
+      written.push_back(files.createProtected(path, error));
+      ASSERT_TRUE(written.back());
+      EXPECT_FALSE(written.back()->write(text));
+      EXPECT_FALSE(files.createProtected(path, error));
+      EXPECT_EQ(error, std::errc::device_or_resource_busy);
+    }
+    for (int i = 0; i < 3; ++i) {
+      const std::string path = "/" + std::to_string(i);
+      files.finish(std::move(written[static_cast<size_t>(i)]), path, path + ".done", Existing::stays,
+                   [](std::error_code failure) { EXPECT_FALSE(failure); });
+    }
+  }
+  for (const char* name : {"0.done", "1.done", "2.done"}) EXPECT_EQ(root_.read(name).size(), text.size());
+  EXPECT_EQ(entriesIn(""), 3u);
 }
 
-TEST_F(Files, MoveAndRenameCrossFileSystemsWithTheSamePromises) {
+TEST(BackgroundThread, RefusesWhatIsTooMuchAndLeavesWhatIsStuckBehind) {
+  std::promise<void> stuck;
+  const auto waits = [held = stuck.get_future().share()] {
+    held.wait();
+    return std::error_code();
+  };
+  std::atomic<int> done{0};
+  const auto start = std::chrono::steady_clock::now();
+  {
+    BackgroundThread thread("test", 2, std::chrono::milliseconds(100));
+    EXPECT_TRUE(thread.tryPost(waits, [&](std::error_code) { ++done; }));
+    EXPECT_TRUE(thread.tryPost([] { return std::error_code(); }, [&](std::error_code) { ++done; }));
+    EXPECT_FALSE(thread.hasRoom());
+    EXPECT_FALSE(thread.tryPost(waits, [&](std::error_code) { ++done; }));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, tests::kPatience);
+  stuck.set_value();
+  EXPECT_EQ(done, 0) << "nobody is told any more";
+}
+
+TEST_F(Files, FinishingCrossesFileSystemsWithTheSamePromises) {
   std::string other = "/dev/shm/quorveld-XXXXXX";
   struct stat here {};
   struct stat there {};
@@ -91,17 +139,16 @@ TEST_F(Files, MoveAndRenameCrossFileSystemsWithTheSamePromises) {
   std::filesystem::create_directory_symlink(other, root_ / "spool");
   const std::string text(3'000'000, 'x');
   make("/a", text);
-  EXPECT_FALSE(files_.move("/a", "/spool/a"));
+  EXPECT_FALSE(finish("/a", "/spool/a", Existing::stays));
   EXPECT_EQ(root_.read("spool/a"), text);
   EXPECT_FALSE(root_.exists("a"));
 
   make("/b", "b");
-  EXPECT_EQ(files_.move("/b", "/spool/a"), std::errc::file_exists);
+  EXPECT_EQ(finish("/b", "/spool/a", Existing::stays), std::errc::file_exists);
   EXPECT_EQ(root_.read("spool/a").size(), text.size());
-  std::filesystem::create_symlink(root_ / "b", root_ / "link");
-  EXPECT_TRUE(files_.move("/link", "/spool/link"));
-  EXPECT_EQ(root_.read("b"), "b");
-  EXPECT_FALSE(files_.rename("/b", "/spool/a"));
+  EXPECT_FALSE(root_.exists("b"));
+  make("/b", "b");
+  EXPECT_FALSE(finish("/b", "/spool/a", Existing::replaced));
   EXPECT_EQ(root_.read("spool/a"), "b");
   EXPECT_FALSE(root_.exists("b"));
   EXPECT_EQ(entriesIn("spool"), 1u);  // and no copy half done

@@ -1,0 +1,71 @@
+#include "platform/linux/base/background_thread.h"
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace quorveld::linux_platform {
+
+struct BackgroundThread::State {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::deque<std::pair<Work, Done>> jobs;  // the first one is under way
+  bool ending = false;
+  bool ended = false;
+};
+
+BackgroundThread::~BackgroundThread() {
+  if (!state_) return;
+  std::unique_lock lock(state_->mutex);
+  state_->ending = true;
+  state_->changed.notify_all();
+  state_->changed.wait_for(lock, patience_, [this] { return state_->ended; });
+}
+
+bool BackgroundThread::hasRoom() const {
+  if (!state_) return true;
+  const std::lock_guard lock(state_->mutex);
+  return state_->jobs.size() < maxWaiting_;
+}
+
+bool BackgroundThread::tryPost(Work work, Done done) {
+  if (!hasRoom()) return false;
+  if (!state_) {
+    auto state = std::make_shared<State>();
+    try {
+      std::thread thread([state] { run(state); });
+      pthread_setname_np(thread.native_handle(), name_);
+      thread.detach();
+    } catch (const std::system_error&) {
+      return false;
+    }
+    state_ = std::move(state);
+  }
+  const std::lock_guard lock(state_->mutex);
+  state_->jobs.emplace_back(std::move(work), std::move(done));
+  state_->changed.notify_all();
+  return true;
+}
+
+void BackgroundThread::run(const std::shared_ptr<State>& state) {
+  std::unique_lock lock(state->mutex);
+  for (;;) {
+    state->changed.wait(lock, [&] { return !state->jobs.empty() || state->ending; });
+    if (state->jobs.empty()) break;
+    const auto& [work, done] = state->jobs.front();
+    lock.unlock();
+    const std::error_code result = work();
+    lock.lock();
+    // With the lock held: the destructor waits for one that has begun.
+    if (!state->ending) done(result);
+    state->jobs.pop_front();
+  }
+  state->ended = true;
+  state->changed.notify_all();
+}
+
+}  // namespace quorveld::linux_platform

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <system_error>
+
+namespace quorveld::linux_platform {
+
+/// Does what may take the disk or the network long, in order, on a thread of its own that starts with the
+/// first job.
+///
+/// On destruction what was posted is still done, for as long as the patience lasts. What is stuck by then is
+/// left behind with its thread, which the process's end ends.
+class BackgroundThread {
+ public:
+  using Work = std::function<std::error_code()>;
+  using Done = std::function<void(std::error_code)>;
+
+  BackgroundThread(const char* name, size_t maxWaiting, std::chrono::milliseconds patience)
+      : name_(name), maxWaiting_(maxWaiting), patience_(patience) {}
+  ~BackgroundThread();
+  BackgroundThread(const BackgroundThread&) = delete;
+  BackgroundThread& operator=(const BackgroundThread&) = delete;
+
+  /// Has `work` done, which touches nothing that others do, and then `done` called with its result, on that
+  /// thread; not any more once this object's destruction has begun, so `done` may use what outlives this
+  /// object. False, and nothing is done, when too much waits or there is no thread to be had. From one
+  /// thread.
+  [[nodiscard]] bool tryPost(Work work, Done done);
+
+  /// Whether `tryPost` would find room.
+  bool hasRoom() const;
+
+ private:
+  struct State;
+  static void run(const std::shared_ptr<State>& state);
+
+  const char* name_;
+  const size_t maxWaiting_;
+  const std::chrono::milliseconds patience_;
+  std::shared_ptr<State> state_;  // shared with the thread, which may be left behind; null until it starts
+};
+
+}  // namespace quorveld::linux_platform
