@@ -26,10 +26,10 @@ BackgroundThread::~BackgroundThread() {
   state_->changed.wait_for(lock, patience_, [this] { return state_->ended; });
 }
 
-bool BackgroundThread::hasRoom() const {
-  if (!state_) return true;
+size_t BackgroundThread::waiting() const {
+  if (!state_) return 0;
   const std::lock_guard lock(state_->mutex);
-  return state_->jobs.size() < maxWaiting_;
+  return state_->jobs.size();
 }
 
 bool BackgroundThread::tryPost(Work work, Done done) {

@@ -29,11 +29,13 @@ class BackgroundThread {
   /// thread.
   [[nodiscard]] bool tryPost(Work work, Done done);
 
-  /// Whether `tryPost` would find room.
-  bool hasRoom() const;
+  /// Whether `tryPost` would find room, and whether all that was posted is done.
+  bool hasRoom() const { return waiting() < maxWaiting_; }
+  bool isIdle() const { return waiting() == 0; }
 
  private:
   struct State;
+  size_t waiting() const;
   static void run(const std::shared_ptr<State>& state);
 
   const char* name_;

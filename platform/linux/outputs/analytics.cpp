@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/linux_log.h"
@@ -12,16 +13,45 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr std::chrono::seconds kFlushDelay(1);
+constexpr std::chrono::seconds kWriteDelay(1);
 constexpr std::string_view kOtherKey = "(other)";
 
 }  // namespace
 
+LinuxAnalytics::~LinuxAnalytics() {
+  if (dirty_ || lastWriteFailed_) (void)tryWrite();
+}
+
 void LinuxAnalytics::useQueue(platform::WorkQueue& queue) {
   queue_ = &queue;
   const char* target = std::getenv("QUORVELD_STATSD");
-  if (target && *target) statsd_ = StatsdSender(target);
+  if (target && *target) resolve(target);
   changed();  // the file still has the counts of the daemon before
+}
+
+void LinuxAnalytics::resolve(const std::string& target) {
+  auto resolved = std::make_shared<Resolved>();
+  const auto work = [resolved, target] {
+    resolved->sender = StatsdSender(target, resolved->failure);
+    return std::error_code();
+  };
+  const auto done = [resolved, target](std::error_code) {
+    if (!resolved->failure.empty()) {
+      logDefault("QUORVELD_STATSD=%s is not used: %s", target.c_str(), resolved->failure.c_str());
+    }
+    resolved->ready = true;
+  };
+  resolved_ = resolved;
+  // A path takes no looking up.
+  if (target.starts_with('/') || !resolver_.tryPost(work, done)) done(work());
+}
+
+StatsdSender& LinuxAnalytics::statsd() {
+  if (resolved_ && resolved_->ready) {
+    statsd_ = std::move(resolved_->sender);
+    resolved_.reset();
+  }
+  return statsd_;
 }
 
 template <typename Value>
@@ -38,7 +68,7 @@ typename std::map<std::string, Value, std::less<>>::iterator LinuxAnalytics::ent
 void LinuxAnalytics::setScalar(std::string_view key, int64_t value) {
   const auto entry = entryFor(metrics_.scalars, key);
   entry->second = value;
-  statsd_.gauge(entry->first, value);
+  statsd().gauge(entry->first, value);
   changed();
 }
 
@@ -46,7 +76,7 @@ void LinuxAnalytics::addToScalar(std::string_view key, int64_t value) {
   if (value < 0) return;
   const auto entry = entryFor(metrics_.counters, key);
   entry->second += static_cast<uint64_t>(value);
-  statsd_.counter(entry->first, value);
+  statsd().counter(entry->first, value);
   changed();
 }
 
@@ -54,7 +84,7 @@ void LinuxAnalytics::pushDistribution(std::string_view key, double value) {
   if (!std::isfinite(value)) return;
   const auto entry = entryFor(metrics_.distributions, key);
   entry->second.add(value);
-  statsd_.timing(entry->first, value);
+  statsd().timing(entry->first, value);
   changed();
 }
 
@@ -67,26 +97,35 @@ void LinuxAnalytics::sayKeysAreFull() {
 
 void LinuxAnalytics::changed() {
   dirty_ = true;
-  if (flushPending_ || !queue_) return;
-  flushPending_ = true;
-  queue_->after(kFlushDelay, [weak = std::weak_ptr(self_)] {
-    if (const std::shared_ptr<LinuxAnalytics*> self = weak.lock()) (*self)->flushNow();
+  if (writePending_ || !queue_) return;
+  writePending_ = true;
+  queue_->after(kWriteDelay, [weak = std::weak_ptr(self_)] {
+    if (const std::shared_ptr<LinuxAnalytics*> self = weak.lock()) (*self)->write();
   });
 }
 
-void LinuxAnalytics::flushNow() {
-  flushPending_ = false;
-  const std::error_code error = flush();
-  if (error && !saidWriteFailed_) logDefault("Can't write the analytics file: %s", error.message().c_str());
-  saidWriteFailed_ = static_cast<bool>(error);
+void LinuxAnalytics::write() {
+  writePending_ = false;
+  // While the disk takes its time, what it will get next grows up to date.
+  if (writer_.isIdle() && tryWrite()) {
+    dirty_ = false;
+  } else {
+    changed();
+  }
 }
 
-std::error_code LinuxAnalytics::flush() {
-  if (!dirty_) return {};
-  const std::string path = rooted("/var/lib/quorveld/quorveld.prom");
-  const std::error_code error = replaceFile(path, prometheusText(metrics_), Durability::cached);
-  dirty_ = static_cast<bool>(error);
-  return error;
+bool LinuxAnalytics::tryWrite() {
+  return writer_.tryPost(
+      [path = rooted("/var/lib/quorveld/quorveld.prom"), text = prometheusText(metrics_)] {
+        return replaceFile(path, text, Durability::cached);
+      },
+      [this](std::error_code error) { written(error); });
+}
+
+/// On the writer's thread.
+void LinuxAnalytics::written(std::error_code error) {
+  if (error && !lastWriteFailed_) logDefault("Can't write the analytics file: %s", error.message().c_str());
+  lastWriteFailed_ = static_cast<bool>(error);
 }
 
 }  // namespace quorveld::linux_platform

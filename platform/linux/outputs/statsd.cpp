@@ -9,7 +9,6 @@
 #include <memory>
 
 #include "platform/linux/base/file_bytes.h"
-#include "platform/linux/base/linux_log.h"
 
 namespace quorveld::linux_platform {
 
@@ -43,47 +42,39 @@ HostAndPort parseHostAndPort(std::string_view target) {
   return {std::string(host), std::string(port)};
 }
 
-StatsdSender::StatsdSender(std::string_view target) {
-  const bool usable = target.starts_with('/') ? resolvePath(target) : resolveHost(target);
-  if (usable) return;
-  socket_.reset();
-  logDefault("QUORVELD_STATSD=%.*s is not used", static_cast<int>(target.size()), target.data());
+StatsdSender::StatsdSender(std::string_view target, std::string& failure) : StatsdSender() {
+  failure = target.starts_with('/') ? resolvePath(target) : resolveHost(target);
+  if (!failure.empty()) socket_.reset();
 }
 
-bool StatsdSender::resolvePath(std::string_view path) {
+/// Empty, or why the target can't be used; so is `resolveHost`'s.
+std::string StatsdSender::resolvePath(std::string_view path) {
   auto& address = reinterpret_cast<sockaddr_un&>(address_);
   if (path.size() >= sizeof address.sun_path) {
-    logDefault("StatsD socket: the path is longer than %zu bytes", sizeof address.sun_path - 1);
-    return false;
+    return "the path is longer than " + std::to_string(sizeof address.sun_path - 1) + " bytes";
   }
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, path.size());
   addressLength_ = sizeof address;
   socket_ = datagramSocket(AF_UNIX);
-  if (!socket_) logDefault("StatsD socket: %s", lastError().message().c_str());
-  return static_cast<bool>(socket_);
+  return socket_ ? "" : lastError().message();
 }
 
-bool StatsdSender::resolveHost(std::string_view target) {
+std::string StatsdSender::resolveHost(std::string_view target) {
   const HostAndPort parts = parseHostAndPort(target);
-  if (parts.host.empty()) {
-    logDefault("StatsD address: neither a socket's path nor host:port");
-    return false;
-  }
+  if (parts.host.empty()) return "neither a socket's path nor host:port";
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_DGRAM;
   addrinfo* found = nullptr;
   if (const int code = ::getaddrinfo(parts.host.c_str(), parts.port.c_str(), &hints, &found)) {
-    logDefault("StatsD address: %s", ::gai_strerror(code));
-    return false;
+    return ::gai_strerror(code);
   }
   const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
   std::memcpy(&address_, found->ai_addr, found->ai_addrlen);
   addressLength_ = found->ai_addrlen;
   socket_ = datagramSocket(found->ai_family);
-  if (!socket_) logDefault("StatsD socket: %s", lastError().message().c_str());
-  return static_cast<bool>(socket_);
+  return socket_ ? "" : lastError().message();
 }
 
 void StatsdSender::gauge(std::string_view key, int64_t value) {

@@ -22,24 +22,23 @@ HostAndPort parseHostAndPort(std::string_view target);
 
 /// Sends StatsD datagrams, each once and never waiting: what the socket doesn't take is lost.
 ///
-/// One thread at a time. A host's name is looked up once, in the constructor, which may take as long as the
-/// resolver does.
+/// One thread at a time.
 class StatsdSender {
  public:
   /// To nobody.
   StatsdSender() = default;
 
-  /// To `target`: the absolute path of a datagram socket, or host:port. A target that can't be used is logged
-  /// and nothing is ever sent.
-  explicit StatsdSender(std::string_view target);
+  /// To `target`: the absolute path of a datagram socket, or host:port, whose look-up takes as long as the
+  /// resolver does. To nobody, and the reason in `failure`, when it can't be used.
+  StatsdSender(std::string_view target, std::string& failure);
 
   void gauge(std::string_view key, int64_t value);
   void counter(std::string_view key, int64_t amount);
   void timing(std::string_view key, double valueMs);
 
  private:
-  bool resolvePath(std::string_view path);
-  bool resolveHost(std::string_view target);
+  std::string resolvePath(std::string_view path);
+  std::string resolveHost(std::string_view target);
   void send(const std::string& datagram);
 
   UniqueFd socket_;

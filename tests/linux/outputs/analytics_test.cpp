@@ -1,14 +1,18 @@
 #include "platform/linux/outputs/analytics.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <array>
 #include <limits>
+#include <thread>
 
 #include "client/include/quorvel.h"
 #include "platform/linux/base/unique_fd.h"
 #include "tests/linux/scratch_root.h"
+#include "tests/patience.h"
 #include "tests/sim/sim_platform.h"
 
 namespace quorveld::linux_platform {
@@ -25,6 +29,11 @@ class Analytics : public testing::Test {
     size_t count = 0;
     for (std::string line; std::getline(lines, line);) count += line.find(part) != std::string::npos ? 1 : 0;
     return count;
+  }
+
+  /// What is written is written beside the queue.
+  void expectSoon(const std::string& part) const {
+    EXPECT_TRUE(tests::eventually([&] { return root_.exists(kFile) && linesWith(part) == 1; })) << part;
   }
 
   sim::SimPlatform sim_;  // for its log and a queue on virtual time
@@ -68,14 +77,14 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
     analytics.addToScalar("k", 3);
     EXPECT_FALSE(root_.exists(kFile));
     sim_.advance(milliseconds(600));
-    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
+    expectSoon("quorveld_counter_total{key=\"k\"} 5");
     EXPECT_EQ(linesWith("distribution"), 0u);
 
     analytics.addToScalar("k", 1);
     sim_.advance(milliseconds(800));
     EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
     sim_.advance(milliseconds(300));
-    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 6"), 1u);
+    expectSoon("quorveld_counter_total{key=\"k\"} 6");
 
     std::filesystem::remove(root_ / kFile);
     sim_.advance(milliseconds(5000));
@@ -88,7 +97,7 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
   LinuxAnalytics next;
   next.useQueue(*queue_);
   sim_.advance(milliseconds(1100));
-  EXPECT_EQ(linesWith("key="), 0u) << "what the one before counted";
+  EXPECT_TRUE(tests::eventually([&] { return linesWith("key=") == 0; })) << "what the one before counted";
   EXPECT_EQ(linesWith("quorveld_build_info"), 3u);
 }
 
@@ -138,6 +147,39 @@ TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
   std::filesystem::remove(path);
   analytics.addToScalar("nobody", 1);
   EXPECT_TRUE(sim_.logs.lines.empty()) << sim_.logs.dump();
+}
+
+TEST_F(Analytics, StatsdHostIsLookedUpBesideTheQueueAndRefusedWithAReason) {
+  for (const auto& [target, line] :
+       {std::pair("nothing", "QUORVELD_STATSD=nothing is not used: neither a socket's path nor host:port"),
+        std::pair("127.0.0.1:nonsense", "QUORVELD_STATSD=127.0.0.1:nonsense is not used: ")}) {
+    ::setenv("QUORVELD_STATSD", target, 1);
+    EXPECT_TRUE(tests::eventually([&, &said = line] {
+      {
+        LinuxAnalytics analytics;
+        analytics.useQueue(*queue_);
+        std::this_thread::sleep_for(milliseconds(50));  // it may be looked up by then
+      }
+      return sim_.logs.hasPrefix(platform::LogLevel::standard, said);
+    })) << line;
+  }
+  const UniqueFd server(::socket(AF_INET, SOCK_DGRAM, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::getsockname(server.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+  ::setenv("QUORVELD_STATSD", ("127.0.0.1:" + std::to_string(ntohs(address.sin_port))).c_str(), 1);
+  LinuxAnalytics analytics;
+  analytics.useQueue(*queue_);
+  ::unsetenv("QUORVELD_STATSD");
+  std::array<char, 16> datagram{};
+  EXPECT_TRUE(tests::eventually([&] {
+    analytics.addToScalar("k", 1);
+    return ::recv(server.get(), datagram.data(), datagram.size(), MSG_DONTWAIT) > 0;
+  }));
+  EXPECT_STREQ(datagram.data(), "k:1|c");
 }
 
 TEST(Statsd, SplitsHostAndPort) {
