@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 
 #include "base/log.h"
 #include "hangs/class_side.h"
@@ -19,17 +20,21 @@ int64_t usedToday(const DailyAllowance& allowance) {
   return int64_t{allowance.maximum} - allowance.credits;
 }
 
-/// The credits may be the smallest number already, from a limit set since they were checked. `what` they are
-/// for, as the log names it.
+/// What doesn't fit stays at the nearest end: a limit from far below zero must not turn into plenty.
+int32_t saturated(int64_t credits) {
+  return static_cast<int32_t>(std::clamp<int64_t>(credits, INT32_MIN, INT32_MAX));
+}
+
+/// `what` they are for, as the log names it.
 void takeOne(DailyAllowance& allowance, const char* what) {
   const int32_t before = allowance.credits;
-  allowance.credits = static_cast<int32_t>(int64_t{before} - 1);
+  allowance.credits = saturated(int64_t{before} - 1);
   quorvelLog().info("Daily %s credits: %i -> %i", what, before, allowance.credits);
 }
 
 /// Keeps what was used today, so that the credits left may become negative.
 void setMaximum(DailyAllowance& allowance, const char* what, int32_t maximum) {
-  const auto credits = static_cast<int32_t>(maximum - usedToday(allowance));
+  const int32_t credits = saturated(maximum - usedToday(allowance));
   quorvelLog().info("Max Daily %s Limit: %i -> %i", what, allowance.maximum, maximum);
   quorvelLog().info("Daily %s credits: %i -> %i", what, allowance.credits, credits);
   allowance = {maximum, credits};

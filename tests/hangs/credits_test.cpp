@@ -97,7 +97,11 @@ TEST(Credits, ANewDailyMaximumKeepsWhatWasUsedToday) {
   QVProcessInfo::setMaxDailyLongLogs(0);
   EXPECT_TRUE(world.logged(Level::info, "Max Daily Long Log Limit: 25 -> 0"));
   EXPECT_TRUE(world.logged(Level::info, "Daily Long Log credits: 25 -> 0"));
-  for (const int32_t odd : {INT32_MIN, INT32_MAX, 25}) QVProcessInfo::setMaxDailyShortLogs(odd);  // no trap
+  // A limit far below zero is none at all, however much was used.
+  viewer.reportHang(kShort, Save::yes);
+  QVProcessInfo::setMaxDailyShortLogs(INT32_MIN);
+  EXPECT_TRUE(world.logged(Level::info, "Daily Short Log credits: 17 -> -2147483648"));
+  for (const int32_t odd : {INT32_MAX, INT32_MIN, 25}) QVProcessInfo::setMaxDailyShortLogs(odd);
 }
 
 TEST(Credits, ADailyResetRefillsAndSendsTheDaysFigures) {
