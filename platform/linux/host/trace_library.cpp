@@ -1,6 +1,7 @@
 #include "platform/linux/host/trace_library.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 
 #include "platform/linux/base/root_path.h"
 
@@ -23,9 +24,15 @@ class LoadedLibrary final : public platform::TraceLibrary {
 
 }  // namespace
 
+void LinuxTraceLibraryLoader::reserve() {
+  reserved_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
 std::unique_ptr<platform::TraceLibrary> LinuxTraceLibraryLoader::open(const std::string& path,
                                                                       std::string& reason) {
+  reserved_.reset();
   void* handle = ::dlopen(rooted(path).c_str(), RTLD_LAZY | RTLD_LOCAL);
+  reserve();
   if (!handle) {
     const char* said = ::dlerror();
     reason = said ? said : "no reason given";
