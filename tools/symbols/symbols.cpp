@@ -1,9 +1,14 @@
 #include "tools/symbols/symbols.h"
 
 #include <cxxabi.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
 #include <memory>
 
 namespace quorvelctl {
@@ -57,6 +62,21 @@ std::vector<std::string> candidatesOf(const ReportFrame& frame, const std::vecto
   return paths;
 }
 
+/// A descriptor of the ELF file at `path`; -1 when there is none. Of another file the library would take it
+/// that it is compressed, and unpack it whole into memory: a small one can be made to fill that.
+int openElf(const std::string& path) {
+  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  struct stat status {};
+  std::array<char, SELFMAG> magic{};
+  if (file >= 0 && ::fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+      ::pread(file, magic.data(), magic.size(), 0) == SELFMAG &&
+      std::memcmp(magic.data(), ELFMAG, SELFMAG) == 0) {
+    return file;
+  }
+  if (file >= 0) ::close(file);
+  return -1;
+}
+
 }  // namespace
 
 Symbols::Symbols(std::vector<std::string> debugDirs)
@@ -67,11 +87,12 @@ Symbols::~Symbols() {
 }
 
 Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
-  std::error_code error;
-  if (!dwfl_ || !std::filesystem::is_regular_file(path, error)) return nullptr;
+  const int file = dwfl_ ? openElf(path) : -1;
+  if (file < 0) return nullptr;
   dwfl_report_begin_add(dwfl_);
-  Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), -1);
+  Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);
   dwfl_report_end(dwfl_, nullptr, nullptr);
+  if (!module) ::close(file);  // else it is the library's
   GElf_Addr bias = 0;
   const bool fits = module && dwfl_module_getelf(module, &bias) && buildIdOf(module) == buildId;
   return fits ? module : nullptr;

@@ -68,6 +68,9 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   std::filesystem::create_directories(byBuildId);
   std::filesystem::create_symlink(path, byBuildId + "/" + own.substr(2) + ".debug");
   std::filesystem::create_symlink(path, scratch + "/gone.so");
+  // The right file, but compressed: what unpacks it could be made to fill the memory.
+  const bool packed = std::system(("gzip -c '" + path + "' > " + scratch + "/packed.so").c_str()) == 0;
+  EXPECT_TRUE(packed);
 
   struct Case {
     std::string module, buildId, debugDir;
@@ -76,7 +79,8 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   for (const Case& one :
        {Case{path, own, "", true}, Case{path, other, "", false}, Case{path, "", "", false},
         Case{"/gone/m", own, "", false}, Case{"/gone/m", own, scratch, true},
-        Case{"/gone/gone.so", other, scratch, false}, Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
+        Case{scratch + "/packed.so", own, "", false}, Case{"/gone/gone.so", other, scratch, false},
+        Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
     Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir});
     std::string error;
     const std::string before = report(one.module, one.buildId, "m+0x1");
