@@ -31,6 +31,20 @@ size_t sequenceLength(std::string_view bytes) {
   return length;
 }
 
+/// Length in bytes of the character at the start of `text` if it is one that terminals or readers obey rather
+/// than show: U+0000 to U+001F, U+007F to U+009F, the marks of direction and the line separators; else 0.
+size_t controlLength(std::string_view text) {
+  const auto at = [&](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : uint8_t{0}; };
+  if (at(0) < 0x20 || at(0) == 0x7F) return 1;
+  if (at(0) == 0xC2 && at(1) >= 0x80 && at(1) <= 0x9F) return 2;
+  if (at(0) == 0xD8 && at(1) == 0x9C) return 2;  // U+061C
+  if (at(0) != 0xE2) return 0;
+  const bool obeyed = (at(1) == 0x80 && (at(2) == 0x8E || at(2) == 0x8F)) ||  // U+200E, U+200F
+                      (at(1) == 0x80 && at(2) >= 0xA8 && at(2) <= 0xAE) ||    // U+2028 to U+202E
+                      (at(1) == 0x81 && at(2) >= 0xA6 && at(2) <= 0xA9);      // U+2066 to U+2069
+  return obeyed ? 3 : 0;
+}
+
 }  // namespace
 
 bool isUtf8(std::string_view bytes) {
@@ -87,12 +101,15 @@ std::string formatted(const char* format, ...) {
 }
 
 std::string fileNameComponent(std::string_view name, size_t maxBytes) {
-  std::string component(cutAtCharacter(name, maxBytes));
-  for (size_t i = 0; i < component.size(); ++i) {
-    const auto c = static_cast<uint8_t>(component[i]);
-    if (c < 0x20 || c == 0x7F || c == '/' || (i == 0 && c == '.')) component[i] = '_';
+  std::string_view left = cutAtCharacter(name, maxBytes);
+  std::string component;
+  while (!left.empty()) {
+    const size_t control = controlLength(left);
+    const bool misleads = left[0] == '/' || (component.empty() && (left[0] == '.' || left[0] == '-'));
+    component += control > 0 || misleads ? '_' : left[0];
+    left.remove_prefix(control > 0 ? control : 1);
   }
-  return component;
+  return component.empty() ? "_" : component;
 }
 
 }  // namespace quorveld

@@ -20,8 +20,9 @@ std::string_view cutAtCharacter(std::string_view text, size_t maxBytes);
 /// printf into a string. A null `%s` argument prints as "(null)".
 [[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);
 
-/// `name` made fit to be one component of a path: '/', control characters and a leading '.' become '_', and
-/// what is beyond `maxBytes` is cut off at a character's border.
+/// `name` made fit to be one component of a path: '/', control characters, what turns the direction of text
+/// round or breaks lines, and a '.' or '-' at the start become '_', as does an empty name, and what is beyond
+/// `maxBytes` is cut off at a character's border.
 std::string fileNameComponent(std::string_view name, size_t maxBytes);
 
 }  // namespace quorveld

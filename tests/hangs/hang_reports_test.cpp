@@ -252,7 +252,14 @@ TEST(HangReports, AHostileNameStaysInsideItsFolderAndInTheHeaderAsItCame) {
       {"../../etc/passwd", "_._.._etc_passwd", "../../etc/passwd"},
       {"a/b", "a_b", "a/b"},
       {".", "_", "."},
-      {"", "", ""},
+      {"", "_", ""},
+      {"-rf", "_rf", "-rf"},
+      {"a\xC2\x9B\xE2\x80\xAE"
+       "b\xE2\x81\xA6\xD8\x9C",
+       "a__b__",
+       "a\xC2\x9B\xE2\x80\xAE"
+       "b\xE2\x81\xA6\xD8\x9C"},
+      {"\xE2\x80\x94 \xE2\x82\xAC", "\xE2\x80\x94 \xE2\x82\xAC", "\xE2\x80\x94 \xE2\x82\xAC"},
       {"tab\there\x7f", "tab_here_", "tab\\there\x7f"},
       {"caf\xC3\xA9", "caf\xC3\xA9", "caf\xC3\xA9"},
       {"\xFF\xC3", "\xEF\xBF\xBD\xEF\xBF\xBD", "\xEF\xBF\xBD\xEF\xBF\xBD"},

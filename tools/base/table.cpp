@@ -12,16 +12,29 @@ size_t width(std::string_view text) {
       std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
 }
 
+/// Length in bytes of the character at the start of `text` if terminals may obey it rather than show it:
+/// control characters (U+0080 to U+009F among them), marks that turn the direction of text round, line
+/// separators; else 0.
+size_t obeyedLength(std::string_view text) {
+  const auto at = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+  if (at(0) < 0x20 || at(0) == 0x7F) return 1;
+  if (at(0) == 0xC2 && at(1) >= 0x80 && at(1) <= 0x9F) return 2;
+  if (at(0) == 0xD8 && at(1) == 0x9C) return 2;  // U+061C
+  if (at(0) != 0xE2) return 0;
+  const bool obeyed = (at(1) == 0x80 && (at(2) == 0x8E || at(2) == 0x8F)) ||  // U+200E, U+200F
+                      (at(1) == 0x80 && at(2) >= 0xA8 && at(2) <= 0xAE) ||    // U+2028 to U+202E
+                      (at(1) == 0x81 && at(2) >= 0xA6 && at(2) <= 0xA9);      // U+2066 to U+2069
+  return obeyed ? 3 : 0;
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
-  std::string out(text);
-  for (size_t i = 0; i < out.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(out[i]);
-    if (byte < 0x20 || byte == 0x7F) out[i] = '?';
-    // U+0080 to U+009F, which some terminals obey
-    const bool control = byte == 0xC2 && i + 1 < out.size() && static_cast<unsigned char>(out[i + 1]) < 0xA0;
-    if (control) out.replace(i, 2, "?");
+  std::string out;
+  while (!text.empty()) {
+    const size_t obeyed = obeyedLength(text);
+    out += obeyed > 0 ? '?' : text[0];
+    text.remove_prefix(obeyed > 0 ? obeyed : 1);
   }
   return out;
 }

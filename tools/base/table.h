@@ -7,7 +7,8 @@
 
 namespace quorvelctl {
 
-/// `text` fit for a terminal: control characters, which names from applications may hold, become '?'.
+/// `text` fit for a terminal: control characters and marks of direction, which names from applications may
+/// hold, become '?'.
 std::string printable(std::string_view text);
 
 /// Rows of texts as lines of columns, two blanks apart, each as wide as its widest text; the last one isn't

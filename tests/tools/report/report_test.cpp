@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/base/table.h"
 #include "tools/report/report_text.h"
 
 using quorvelctl::Report;
@@ -105,6 +106,17 @@ TEST(ReportFile, WhatIsOfAnotherTypeStaysEmptyAndWhatIsNoReportIsRefused) {
   for (const char* text : {"", "[]", "{}", "{\"metadata\":", "{\"metadata\":{\"PID\":1", "\xff"}) {
     EXPECT_FALSE(quorvelctl::parseReport(text, error)) << text;
     EXPECT_FALSE(quorvelctl::parseReportHeader(text, error)) << text;
+  }
+}
+
+TEST(Printable, ShowsNothingThatATerminalObeysOrThatTurnsTextRound) {
+  EXPECT_EQ(quorvelctl::printable("a\x1b[2J\n\x7f"), "a?[2J??");
+  EXPECT_EQ(quorvelctl::printable("\xC2\x9B"
+                                  "b\xE2\x80\xAE"
+                                  "c\xE2\x81\xA6\xD8\x9C\xE2\x80\xA8"),
+            "?b?c???");
+  for (const char* kept : {"caf\xC3\xA9 \xC2\xA0 \xE2\x82\xAC \xE2\x80\xA6 \xD8\xB4", "\xC2", "\xE2\x80"}) {
+    EXPECT_EQ(quorvelctl::printable(kept), kept);
   }
 }
 
