@@ -62,7 +62,7 @@ void removeOldReports(const ReportFolder& folder) {
                         settings().reportsMaxMegabytes, settings().reportsMaxDays);
   platform::current().analytics.addToScalar(
       "com.corvix.quorvel.QVReportsRemoved." + directory.substr(directory.rfind('/') + 1),
-      static_cast<int64_t>(removed));
+      static_cast<int64_t>(removed), {});
 }
 
 bool isNearlyFull(const ReportFolder& folder) {

@@ -55,7 +55,7 @@ class Watched {
       shared->slotCount = QV_HANG_SLOT_COUNT;
       for (hangEvent& slot : shared->slots) slot.startTime = now_;
       regions_.push_back(shared);
-      QVProcessInfo::startWatchingPid(kFirstPid + i, std::move(region), "com.example.app");
+      QVProcessInfo::startWatchingPid(kFirstPid + i, std::move(region), "com.example.app", 1000);
     }
   }
 

@@ -132,8 +132,8 @@ void MessageDispatcher::startWatching(platform::Peer& peer, const IpcMessage& me
     log.standard("Something wrong w/shmem");
     return;
   }
-  const auto process =
-      QVProcessInfo::startWatchingPid(peerPid, std::move(mapping), message.string(QV_KEY_BUNDLE_ID));
+  const auto process = QVProcessInfo::startWatchingPid(peerPid, std::move(mapping),
+                                                       message.string(QV_KEY_BUNDLE_ID), peer.uid());
   if (process) {
     std::erase(registered_, &peer);
     registered_.push_back(&peer);

@@ -60,9 +60,10 @@ void QVProcessInfo::showHang(const std::string& hangName, double seconds) const 
 void QVProcessInfo::countHang(const std::string& hangName, double durationMs) const {
   platform::Analytics& analytics = platform::current().analytics;
   if (hangName == kFenceHangName) {
-    analytics.addToScalar("com.corvix.quorvel.QVLogsFenceHang.PreKelvane", 1);
+    analytics.addToScalar("com.corvix.quorvel.QVLogsFenceHang.PreKelvane", 1, {});
   } else {
-    analytics.pushDistribution("com.corvix.quorvel." + hangName + "." + processBundleID_, durationMs);
+    analytics.pushDistribution("com.corvix.quorvel." + hangName + "." + processBundleID_, durationMs,
+                               keyOwner());
   }
 }
 
@@ -82,13 +83,13 @@ bool QVProcessInfo::mayBeSaved(double durationMs) const {
   }
   if (!checkAppCreditForDuration(durationMs)) {
     log.standard("%s is out of credits. Not saving a report!", processName_.c_str());
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit.Total", 1);
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit." + processName_, 1);
+    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit.Total", 1, {});
+    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit." + processName_, 1, keyOwner());
     return false;
   }
   if (!checkDailyCreditForDuration(durationMs)) {
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit.Total", 1);
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit." + processName_, 1);
+    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit.Total", 1, {});
+    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit." + processName_, 1, keyOwner());
     return false;
   }
   return true;

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/analytics.h"
 #include "platform/ipc.h"
 #include "platform/value.h"
 #include "platform/work_queue.h"
@@ -34,12 +35,12 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
 
   // --- watched_processes.cpp: the registry -----------------------------------------------------------------
 
-  /// Watches `pid`, whose region is `sharedMem`; null when it is watched already, has no readable path, or
-  /// its region is too short or of another version (logged; the region is unmapped then). A null `bundleID`
-  /// counts as empty.
+  /// Watches `pid`, of user `uid`, whose region is `sharedMem`; null when it is watched already, has no
+  /// readable path, or its region is too short or of another version (logged; the region is unmapped then). A
+  /// null `bundleID` counts as empty.
   static std::shared_ptr<QVProcessInfo> startWatchingPid(int32_t pid,
                                                          std::unique_ptr<platform::SharedMapping> sharedMem,
-                                                         const char* bundleID);
+                                                         const char* bundleID, uint32_t uid);
   static void stopWatchingPid(int32_t pid);
   static void stopWatchingAllPids();
 
@@ -119,10 +120,10 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   static std::unique_ptr<ClassSide>& classSideSlot();
 
   QVProcessInfo(int32_t pid, std::unique_ptr<platform::SharedMapping> region, std::string processPath,
-                std::string processBundleID);
+                std::string processBundleID, uint32_t uid);
   static std::shared_ptr<QVProcessInfo> create(int32_t pid,
                                                std::unique_ptr<platform::SharedMapping> sharedMem,
-                                               const char* bundleID);
+                                               const char* bundleID, uint32_t uid);
 
   /// One scan's measure: what is pending for longer than `timeoutMs` at `nowTicks` has timed out; what began
   /// at `recentTicks` or later has not.
@@ -147,6 +148,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   static void deductActivationAppCredit(const std::string& bundleID);
 
   void showHang(const std::string& hangName, double seconds) const;
+  platform::KeyOwner keyOwner() const { return {uid_, pid_}; }
   void countHang(const std::string& hangName, double durationMs) const;
   bool mayBeSaved(double durationMs) const;
   void captureFenceHangLater(const std::string& hangName, const std::string& reason, uint64_t threadID,
@@ -160,6 +162,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
                                       const std::string& processString);
 
   const int32_t pid_;
+  const uint32_t uid_;
   const std::unique_ptr<platform::SharedMapping> region_;
   QVSharedHangRegion* const shared_;  ///< what region_ maps
   const size_t slotsInRegion_;  ///< how many slots there is room for; the client's slotCount may claim more

@@ -59,19 +59,19 @@ QVProcessInfo::ClassSide& QVProcessInfo::classSide() {
 }
 
 std::shared_ptr<QVProcessInfo> QVProcessInfo::startWatchingPid(
-    int32_t pid, std::unique_ptr<platform::SharedMapping> sharedMem, const char* bundleID) {
+    int32_t pid, std::unique_ptr<platform::SharedMapping> sharedMem, const char* bundleID, uint32_t uid) {
   if (const auto existing = processForPid(pid)) {
     quorvelLog().standard("WARNING: %s was already being watched.", existing->description().c_str());
     return nullptr;
   }
-  auto process = create(pid, std::move(sharedMem), bundleID);
+  auto process = create(pid, std::move(sharedMem), bundleID, uid);
   if (process) classSide().watchedProcesses.push_back(process);
   return process;
 }
 
 std::shared_ptr<QVProcessInfo> QVProcessInfo::create(int32_t pid,
                                                      std::unique_ptr<platform::SharedMapping> sharedMem,
-                                                     const char* bundleID) {
+                                                     const char* bundleID, uint32_t uid) {
   const Log log = quorvelLog();
   std::optional<std::string> path = readProcessPath(pid);
   if (!path) {
@@ -92,14 +92,15 @@ std::shared_ptr<QVProcessInfo> QVProcessInfo::create(int32_t pid,
   }
   std::string bundle = fromAscii(cutAtCharacter(bundleID ? bundleID : "", kMaxNameBytes));
   std::shared_ptr<QVProcessInfo> process(
-      new QVProcessInfo(pid, std::move(sharedMem), std::move(*path), std::move(bundle)));
+      new QVProcessInfo(pid, std::move(sharedMem), std::move(*path), std::move(bundle), uid));
   log.info("New proc: %s(%u)", process->processPath_.c_str(), static_cast<uint32_t>(pid));
   return process;
 }
 
 QVProcessInfo::QVProcessInfo(int32_t pid, std::unique_ptr<platform::SharedMapping> region,
-                             std::string processPath, std::string processBundleID)
+                             std::string processPath, std::string processBundleID, uint32_t uid)
     : pid_(pid),
+      uid_(uid),
       region_(std::move(region)),
       shared_(static_cast<QVSharedHangRegion*>(region_->address())),
       slotsInRegion_((region_->lengthBytes() - offsetof(QVSharedHangRegion, slots)) / sizeof(hangEvent)),

@@ -5,14 +5,20 @@
 
 namespace quorveld::platform {
 
-/// The analytics counter service. Calls return at once and never fail upwards; keys may hold a client's text.
-/// Work queue only.
+/// The process whose names a key holds, and its user; without a pid it is the daemon's own.
+struct KeyOwner {
+  uint32_t uid = 0;
+  int32_t pid = 0;
+};
+
+/// The analytics counter service. Calls return at once and never fail upwards; keys may hold a client's text,
+/// and places for them are shared out among those clients. Work queue only.
 class Analytics {
  public:
   virtual ~Analytics() = default;
   virtual void setScalar(std::string_view key, int64_t value) = 0;
-  virtual void addToScalar(std::string_view key, int64_t value) = 0;
-  virtual void pushDistribution(std::string_view key, double value) = 0;
+  virtual void addToScalar(std::string_view key, int64_t value, KeyOwner owner) = 0;
+  virtual void pushDistribution(std::string_view key, double value, KeyOwner owner) = 0;
 };
 
 }  // namespace quorveld::platform

@@ -127,8 +127,10 @@ class SimAnalytics final : public platform::Analytics {
   void setScalar(std::string_view key, int64_t value) override {
     scalars.insert_or_assign(std::string(key), value);
   }
-  void addToScalar(std::string_view key, int64_t value) override { added[std::string(key)] += value; }
-  void pushDistribution(std::string_view key, double value) override {
+  void addToScalar(std::string_view key, int64_t value, platform::KeyOwner) override {
+    added[std::string(key)] += value;
+  }
+  void pushDistribution(std::string_view key, double value, platform::KeyOwner) override {
     distributions[std::string(key)].push_back(value);
   }
 

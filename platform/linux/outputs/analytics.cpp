@@ -56,33 +56,36 @@ StatsdSender& LinuxAnalytics::statsd() {
 
 template <typename Value>
 typename std::map<std::string, Value, std::less<>>::iterator LinuxAnalytics::entryFor(
-    std::map<std::string, Value, std::less<>>& values, std::string_view key) {
+    std::map<std::string, Value, std::less<>>& values, AnalyticsKeys& keys, std::string_view key,
+    platform::KeyOwner owner) {
   key = key.substr(0, kMaxAnalyticsKeyBytes);
-  if (values.size() >= kMaxAnalyticsKeys && !values.contains(key)) {
-    sayKeysAreFull();
-    key = kOtherKey;
+  const auto [admitted, givenUp] = keys.admit(key, owner, std::chrono::steady_clock::now());
+  if (!admitted || !givenUp.empty()) sayKeysAreFull();
+  if (const auto old = values.find(givenUp); old != values.end()) {
+    values[std::string(kOtherKey)] += old->second;
+    values.erase(old);
   }
-  return values.try_emplace(std::string(key)).first;
+  return values.try_emplace(std::string(admitted ? key : kOtherKey)).first;
 }
 
 void LinuxAnalytics::setScalar(std::string_view key, int64_t value) {
-  const auto entry = entryFor(metrics_.scalars, key);
-  entry->second = value;
-  statsd().gauge(entry->first, value);
+  const std::string name(key.substr(0, kMaxAnalyticsKeyBytes));
+  metrics_.scalars[name] = value;
+  statsd().gauge(name, value);
   changed();
 }
 
-void LinuxAnalytics::addToScalar(std::string_view key, int64_t value) {
+void LinuxAnalytics::addToScalar(std::string_view key, int64_t value, platform::KeyOwner owner) {
   if (value < 0) return;
-  const auto entry = entryFor(metrics_.counters, key);
+  const auto entry = entryFor(metrics_.counters, counterKeys_, key, owner);
   entry->second += static_cast<uint64_t>(value);
   statsd().counter(entry->first, value);
   changed();
 }
 
-void LinuxAnalytics::pushDistribution(std::string_view key, double value) {
+void LinuxAnalytics::pushDistribution(std::string_view key, double value, platform::KeyOwner owner) {
   if (!std::isfinite(value)) return;
-  const auto entry = entryFor(metrics_.distributions, key);
+  const auto entry = entryFor(metrics_.distributions, distributionKeys_, key, owner);
   entry->second.add(value);
   statsd().timing(entry->first, value);
   changed();
@@ -91,7 +94,7 @@ void LinuxAnalytics::pushDistribution(std::string_view key, double value) {
 void LinuxAnalytics::sayKeysAreFull() {
   if (saidKeysAreFull_) return;
   saidKeysAreFull_ = true;
-  logDefault("Analytics: more than %zu keys, further ones are counted under %.*s", kMaxAnalyticsKeys,
+  logDefault("Analytics: more than %zu keys, those of who has most are counted under %.*s", kMaxAnalyticsKeys,
              static_cast<int>(kOtherKey.size()), kOtherKey.data());
 }
 

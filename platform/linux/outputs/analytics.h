@@ -11,15 +11,12 @@
 
 #include "platform/analytics.h"
 #include "platform/linux/base/background_thread.h"
+#include "platform/linux/outputs/analytics_keys.h"
 #include "platform/linux/outputs/prometheus_text.h"
 #include "platform/linux/outputs/statsd.h"
 #include "platform/work_queue.h"
 
 namespace quorveld::linux_platform {
-
-/// How many keys each of scalars, counters and distributions may have; what comes under further ones is put
-/// under "(other)". Keys hold clients' texts.
-inline constexpr size_t kMaxAnalyticsKeys = 256;
 
 /// A key is cut off behind so many bytes.
 inline constexpr size_t kMaxAnalyticsKeyBytes = 200;
@@ -43,10 +40,10 @@ class LinuxAnalytics final : public platform::Analytics {
   void setScalar(std::string_view key, int64_t value) override;
 
   /// A counter only grows: a negative amount counts nothing.
-  void addToScalar(std::string_view key, int64_t value) override;
+  void addToScalar(std::string_view key, int64_t value, platform::KeyOwner owner) override;
 
   /// A value that is infinite or no number counts nothing.
-  void pushDistribution(std::string_view key, double value) override;
+  void pushDistribution(std::string_view key, double value, platform::KeyOwner owner) override;
 
  private:
   /// A StatsD address on its way from the resolver's thread.
@@ -58,7 +55,8 @@ class LinuxAnalytics final : public platform::Analytics {
 
   template <typename Value>
   typename std::map<std::string, Value, std::less<>>::iterator entryFor(
-      std::map<std::string, Value, std::less<>>& values, std::string_view key);
+      std::map<std::string, Value, std::less<>>& values, AnalyticsKeys& keys, std::string_view key,
+      platform::KeyOwner owner);
   void sayKeysAreFull();
   StatsdSender& statsd();
   void resolve(const std::string& target);
@@ -68,6 +66,8 @@ class LinuxAnalytics final : public platform::Analytics {
   void written(std::error_code error);
 
   Metrics metrics_;
+  AnalyticsKeys counterKeys_;
+  AnalyticsKeys distributionKeys_;
   StatsdSender statsd_;
   std::shared_ptr<Resolved> resolved_;  // null: nothing is looked up
   platform::WorkQueue* queue_ = nullptr;

@@ -62,6 +62,13 @@ void Distribution::add(double value) {
   sum += value;
 }
 
+Distribution& Distribution::operator+=(const Distribution& other) {
+  for (size_t i = 0; i < buckets.size(); ++i) buckets[i] += other.buckets[i];
+  count += other.count;
+  sum += other.sum;
+  return *this;
+}
+
 std::string prometheusText(const Metrics& metrics) {
   std::string text;
   appendFamily(text, "quorveld_build_info", "gauge", "Always 1; the label is the daemon's version.");

@@ -18,6 +18,7 @@ struct Distribution {
   double sum = 0;
 
   void add(double value);
+  Distribution& operator+=(const Distribution& other);
 };
 
 /// Everything that analytics has been told, by key.

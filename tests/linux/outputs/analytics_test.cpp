@@ -70,17 +70,17 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
   {
     LinuxAnalytics analytics;
     analytics.useQueue(*queue_);
-    analytics.addToScalar("k", 2);
-    analytics.addToScalar("k", -1);
-    analytics.pushDistribution("d", std::numeric_limits<double>::quiet_NaN());
+    analytics.addToScalar("k", 2, {});
+    analytics.addToScalar("k", -1, {});
+    analytics.pushDistribution("d", std::numeric_limits<double>::quiet_NaN(), {});
     sim_.advance(milliseconds(500));
-    analytics.addToScalar("k", 3);
+    analytics.addToScalar("k", 3, {});
     EXPECT_FALSE(root_.exists(kFile));
     sim_.advance(milliseconds(600));
     expectSoon("quorveld_counter_total{key=\"k\"} 5");
     EXPECT_EQ(linesWith("distribution"), 0u);
 
-    analytics.addToScalar("k", 1);
+    analytics.addToScalar("k", 1, {});
     sim_.advance(milliseconds(800));
     EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
     sim_.advance(milliseconds(300));
@@ -101,20 +101,58 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
   EXPECT_EQ(linesWith("quorveld_build_info"), 3u);
 }
 
-TEST_F(Analytics, KeysBeyondTheLimitShareOne) {
+TEST_F(Analytics, KeysBeyondTheLimitShareOneAndNothingIsLostOfThoseThatGo) {
+  constexpr platform::KeyOwner kFlood{1000, 7};
+  constexpr platform::KeyOwner kHonest{1001, 8};
   {
     LinuxAnalytics analytics;
-    for (size_t i = 0; i < kMaxAnalyticsKeys; ++i) analytics.addToScalar("k" + std::to_string(i), 1);
+    for (size_t i = 0; i < kMaxAnalyticsKeys; ++i) analytics.addToScalar("k" + std::to_string(i), 1, kFlood);
+    for (size_t i = 0; i < kMaxAnalyticsKeys; ++i)
+      analytics.pushDistribution("d" + std::to_string(i), 60, kFlood);
     EXPECT_TRUE(sim_.logs.lines.empty());
-    for (int i = 0; i < 10; ++i) analytics.addToScalar("more" + std::to_string(i), 1);
-    analytics.addToScalar("k0", 1);
+    for (int i = 0; i < 10; ++i) analytics.addToScalar("more" + std::to_string(i), 1, kFlood);
+    analytics.addToScalar("k1", 1, kFlood);
+    analytics.addToScalar("honest", 5, kHonest);  // in the place of k0
+    analytics.pushDistribution("honest", 5, kHonest);
     analytics.setScalar(std::string(kMaxAnalyticsKeyBytes, 'x') + "cut", 1);
   }
   EXPECT_EQ(linesWith("quorveld_counter_total{"), kMaxAnalyticsKeys + 1);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"(other)\"} 10"), 1u);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k0\"} 2"), 1u);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"(other)\"} 11"), 1u);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k0\"}"), 0u);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k1\"} 2"), 1u);
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"honest\"} 5"), 1u);
+  EXPECT_EQ(linesWith("quorveld_distribution_ms_count{key=\"(other)\"} 1"), 1u);
+  EXPECT_EQ(linesWith("quorveld_distribution_ms_bucket{key=\"(other)\",le=\"50\"} 0"), 1u);
+  EXPECT_EQ(linesWith("quorveld_distribution_ms_sum{key=\"(other)\"} 60"), 1u);
   EXPECT_EQ(linesWith("xx\"} 1"), 1u);
   EXPECT_EQ(sim_.logs.lines.size(), 1u) << sim_.logs.dump();
+}
+
+TEST(AnalyticsKeys, APlaceChangesHandsOnlyToWhoHasLessOrWhenItIsIdle) {
+  AnalyticsKeys keys;
+  AnalyticsKeys::Time now{};
+  int serial = 0;
+  /// How many of `count` new names get a place.
+  const auto places = [&](uint32_t uid, int32_t pid, int count) {
+    int admitted = 0;
+    for (int i = 0; i < count; ++i) {
+      now += milliseconds(1);
+      admitted += keys.admit("k" + std::to_string(serial++), {uid, pid}, now).admitted ? 1 : 0;
+    }
+    return admitted;
+  };
+  EXPECT_EQ(keys.admit("own", {}, now).admitted, true);
+  EXPECT_EQ(places(1, 10, 1000), 255);
+  EXPECT_EQ(places(2, 20, 1000), 127) << "half of what clients have, 128 are left to the other";
+  EXPECT_EQ(places(1, 10, 1000), 0);
+  // Among one user's processes it is the same: 128 of the first one, and what a second one may take of them.
+  EXPECT_EQ(places(1, 11, 1000), 64);
+  EXPECT_EQ(places(3, 30, 1000), 85) << "a third";
+  EXPECT_TRUE(keys.admit("own", {}, now).admitted);
+
+  now += kAnalyticsKeyIdle;
+  EXPECT_TRUE(keys.admit("own", {}, now).admitted);
+  EXPECT_EQ(places(3, 30, 1000), 255) << "given back, all of them";
 }
 
 TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
@@ -136,16 +174,16 @@ TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
   ::unsetenv("QUORVELD_STATSD");
   analytics.setScalar("a:b|c@d\ne", 5);
   analytics.setScalar("a", -5);
-  analytics.addToScalar("c", 1);
-  analytics.pushDistribution("d", 1e22);
+  analytics.addToScalar("c", 1, {});
+  analytics.pushDistribution("d", 1e22, {});
   EXPECT_EQ(received(), "a_b_c_d_e:5|g");
   EXPECT_EQ(received(), "a:0|g\na:-5|g");
   EXPECT_EQ(received(), "c:1|c");
   EXPECT_EQ(received(), "d:10000000000000000000000|ms");
-  for (int i = 0; i < 20'000; ++i) analytics.addToScalar("flood", 1);
+  for (int i = 0; i < 20'000; ++i) analytics.addToScalar("flood", 1, {});
   EXPECT_EQ(received(), "flood:1|c");
   std::filesystem::remove(path);
-  analytics.addToScalar("nobody", 1);
+  analytics.addToScalar("nobody", 1, {});
   EXPECT_TRUE(sim_.logs.lines.empty()) << sim_.logs.dump();
 }
 
@@ -176,7 +214,7 @@ TEST_F(Analytics, StatsdHostIsLookedUpBesideTheQueueAndRefusedWithAReason) {
   ::unsetenv("QUORVELD_STATSD");
   std::array<char, 16> datagram{};
   EXPECT_TRUE(tests::eventually([&] {
-    analytics.addToScalar("k", 1);
+    analytics.addToScalar("k", 1, {});
     return ::recv(server.get(), datagram.data(), datagram.size(), MSG_DONTWAIT) > 0;
   }));
   EXPECT_STREQ(datagram.data(), "k:1|c");
