@@ -15,6 +15,8 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/recorder/recorder.h"
 #include "kelvane/recorder/recorder_status.h"
+#include "kelvane/report/make_report.h"
+#include "kelvane/report/report_file.h"
 
 namespace {
 
@@ -76,14 +78,17 @@ int dump(double from, std::optional<double> to, const std::string& path) {
   }
   const kelvane::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (!file) return fail(path, kelvane::errorText(errno));
-  kelvane_option options[] = {{KSPDumpOptions_MinTimestamp, KELVANE_UINT64, {}},
-                              {KSPDumpOptions_MaxTimestamp, KELVANE_UINT64, {}}};
+  kelvane_option options[] = {{KELVANE_KEY_MIN_TIMESTAMP, KELVANE_UINT64, {}},
+                              {KELVANE_KEY_MAX_TIMESTAMP, KELVANE_UINT64, {}}};
   options[0].value.uint64 = min;
   options[1].value.uint64 = max;
   const kelvane_options all = {std::size(options), options};
-  if (!kelvane_dump_output_with_options_sync(file.get(), &all))
-    return fail(path, "the report could not be written");
-  return kDone;
+  kelvane::ReportFile report(file.get());
+  kelvane::JsonWriter json(report);
+  // In this process, which is one for this report alone: no process is looked at.
+  writeReport(kelvane::makeReport(kelvane::parseRequest(&all), ""), json);
+  report.write('\n');
+  return report.finish() ? kDone : fail(path, "the report could not be written");
 }
 
 int run(int argc, char** argv) {

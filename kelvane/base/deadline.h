@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -25,7 +26,11 @@ class Deadline {
   explicit Deadline(std::chrono::milliseconds fromNow) : at_(std::chrono::steady_clock::now() + fromNow) {}
 
   bool passed() const { return std::chrono::steady_clock::now() >= at_; }
-  std::chrono::steady_clock::time_point at() const { return at_; }
+  /// Milliseconds until then, rounded up, as poll(2) takes them; 0 once it has passed.
+  int leftMs() const {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(at_ - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+  }
 
  private:
   std::chrono::steady_clock::time_point at_;

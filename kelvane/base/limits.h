@@ -9,6 +9,9 @@ namespace kelvane {
 // Time. The caller's queue stands still during a capture, and a hung process is exactly the one whose files
 // and threads may not answer.
 
+/// How long a call of the library waits for the process that makes the report; it is ended then, and the call
+/// writes what it knows itself. Writing the report into the caller's file comes on top.
+inline constexpr std::chrono::milliseconds kReportBudget{5'000};
 /// How long the process may be looked at before the report is written with what is there.
 inline constexpr std::chrono::milliseconds kCaptureBudget{2'500};
 /// When looking at further threads stops, so that a capture that merely has much to do ends by itself.
@@ -20,6 +23,32 @@ inline constexpr std::chrono::milliseconds kThreadStopWait{50};
 /// How long the copy of one thread may take, the wait included: what traces it is ended then, which lets it
 /// run on.
 inline constexpr std::chrono::milliseconds kCopyLimit{500};
+/// How long what is ended then may take to end.
+inline constexpr std::chrono::milliseconds kCopierEnd{100};
+
+// The processes of a capture.
+
+/// The descriptor that says, by being open, that a process of a capture is still there.
+inline constexpr int kLifeDescriptor = 3;
+
+/// Captures that the kernel may hold up in all, and those among them that look at processes of one user. With
+/// more, reports say so and go without the look.
+inline constexpr size_t kMaxLeftBehind = 8;
+inline constexpr size_t kMaxLeftBehindOfUser = 4;
+/// How long a call waits for what it has ended to go.
+inline constexpr std::chrono::milliseconds kGoingWait{50};
+inline constexpr size_t kMaxReportBytes = size_t{64} * 1024 * 1024;
+/// Of each of them. Above all the limits of what is held at a time, and what libdw makes of it.
+inline constexpr size_t kMaxAddressSpaceBytes = size_t{512} * 1024 * 1024;
+/// More than the time that a capture may take, so that it ends what has been left behind and runs.
+inline constexpr std::chrono::seconds kMaxCpuTime{6};
+/// The recorder's pages take one for each CPU.
+inline constexpr size_t kMaxDescriptors = 4'096;
+/// What the look publishes, and what parsing does.
+inline constexpr size_t kMaxFindingsBytes = size_t{16} * 1024 * 1024;
+/// How long parsing waits for a file of the process to be opened; it does without that and all further ones
+/// then.
+inline constexpr std::chrono::milliseconds kFileWait{500};
 
 // The process named by the header.
 
@@ -27,14 +56,16 @@ inline constexpr size_t kMaxThreadsCounted = 65'536;
 inline constexpr size_t kMaxThreadsListed = 1'024;
 inline constexpr size_t kMaxThreadsWithStack = 256;
 inline constexpr size_t kMaxStackBytes = size_t{64} * 1024;
-/// Stack bytes held at a time: copying pauses here, and what was copied is unwound first.
+/// Stack bytes that one round of copying shares with the process that copies.
 inline constexpr size_t kMaxCopiedBytes = size_t{2} * 1024 * 1024;
 inline constexpr size_t kMaxFramesPerStack = 256;
 inline constexpr size_t kMaxKernelFrames = 64;
 inline constexpr size_t kMaxMapsBytes = size_t{16} * 1024 * 1024;
 inline constexpr size_t kMaxModules = 4'096;
-/// A section of an ELF file that is read for unwinding or naming; a file with a larger one is left alone.
-inline constexpr uint64_t kMaxSectionBytes = uint64_t{64} * 1024 * 1024;
+/// What is held of an ELF file for unwinding and naming, and of all files of a process. A part that is larger
+/// is left out.
+inline constexpr size_t kMaxElfBytes = size_t{64} * 1024 * 1024;
+inline constexpr size_t kMaxElfBytesOfReport = size_t{128} * 1024 * 1024;
 /// A longer mangled name is written as it is: demangling may grow it without end.
 inline constexpr size_t kMaxMangledBytes = 1'024;
 inline constexpr size_t kMaxNameBytes = 4'096;

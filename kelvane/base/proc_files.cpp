@@ -17,17 +17,17 @@ constexpr size_t kChunkBytes = 4096;
 }  // namespace
 
 FileText readFileAt(int dirFd, const char* path, size_t maxBytes) {
+  const UniqueFd fd(openat(dirFd, path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  return fd ? readOn(fd.get(), maxBytes) : FileText{{}, errno};
+}
+
+FileText readOn(int fd, size_t maxBytes) {
   FileText result;
-  UniqueFd fd(openat(dirFd, path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
-  if (!fd) {
-    result.error = errno;
-    return result;
-  }
   while (result.text.size() < maxBytes) {
     size_t held = result.text.size();
     size_t part = std::min(kChunkBytes, maxBytes - held);
     result.text.resize(held + part);
-    ssize_t got = read(fd.get(), result.text.data() + held, part);
+    ssize_t got = read(fd, result.text.data() + held, part);
     int error = errno;
     result.text.resize(held + static_cast<size_t>(std::max<ssize_t>(got, 0)));
     if (got == 0) break;

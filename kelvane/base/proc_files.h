@@ -37,6 +37,8 @@ struct FileText {
   int error = 0;
 };
 
+/// Reads on in an open file, `maxBytes` at most.
+FileText readOn(int fd, size_t maxBytes);
 /// Reads at most `maxBytes` of the file `path`, relative to the directory `dirFd` or AT_FDCWD.
 FileText readFileAt(int dirFd, const char* path, size_t maxBytes);
 

@@ -17,6 +17,7 @@ namespace kelvane {
 struct ProcStat {
   std::string comm;
   char state = '?';
+  pid_t session = 0;
   uint64_t flags = 0;  // the kernel's PF_ bits
   uint64_t userTicks = 0;
   uint64_t systemTicks = 0;

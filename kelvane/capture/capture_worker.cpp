@@ -1,101 +1,104 @@
 #include "kelvane/capture/capture_worker.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <atomic>
-#include <condition_variable>
-#include <exception>
-#include <mutex>
-#include <system_error>
-#include <thread>
-#include <utility>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "kelvane/base/limits.h"
+#include "kelvane/capture/exit_status.h"
+#include "kelvane/capture/stack_parsing.h"
+#include "kelvane/sandbox/rights.h"
 
 namespace kelvane {
 namespace {
 
-std::atomic<bool> workerAlive{false};
-
-/// Blocks every signal for the threads started in its scope: the daemon's handlers don't run on them.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_;
-};
+/// Empty: it did its part.
+std::string badEnd(const siginfo_t& info) {
+  if (info.si_code != CLD_EXITED) return std::string("ended by a signal (") + strsignal(info.si_status) + ")";
+  if (info.si_status == 0) return {};
+  return info.si_status == kOutOfMemory ? "out of memory"
+                                        : "ended with status " + std::to_string(info.si_status);
+}
 
 }  // namespace
 
-struct CaptureWorker::Shared {
-  std::mutex mutex;
-  std::condition_variable changed;
-  ProcessCapture capture;
-  bool finished = false;
-  bool abandoned = false;
-
-  bool publish(const std::function<void(ProcessCapture&)>& edit) {
-    std::lock_guard lock(mutex);
-    if (!abandoned) edit(capture);
-    return !abandoned;
+CaptureWorker::CaptureWorker(const CaptureTarget& target) : target_(target) {
+  capture_.pid = target.pid;
+  int ends[2];
+  const pid_t self = getpid();
+  if (look_ && parsed_ && pipe2(ends, O_CLOEXEC) == 0) {
+    ended_ = UniqueFd(ends[0]);
+    const UniqueFd theirs(ends[1]);
+    lookPid_ = fork();
+    if (lookPid_ == 0) look(self, theirs.get());
+    if (lookPid_ > 0) return;
   }
-
-  void run(const CaptureTarget& target) {
-    std::string failure;
-    try {
-      captureProcess(target, [this](const auto& edit) { return publish(edit); });
-    } catch (const std::exception& error) {
-      failure = error.what();
-    }
-    std::lock_guard lock(mutex);
-    if (!failure.empty() && !abandoned)
-      capture.omissions.push_back({"process", "the capture failed: " + failure});
-    finished = true;
-    // Before the waiting side hears of it: its next capture may follow at once.
-    workerAlive = false;
-    changed.notify_all();
-  }
-};
-
-CaptureWorker::CaptureWorker(const CaptureTarget& target) : shared_(std::make_shared<Shared>()) {
-  shared_->capture.pid = target.pid;
-  shared_->finished = true;
-  if (workerAlive.exchange(true)) {
-    shared_->capture.omissions.push_back({"process", "an earlier capture is still held up in the kernel"});
-    return;
-  }
-  AllSignalsBlocked blocked;
-  try {
-    shared_->finished = false;
-    std::thread([shared = shared_, target] { shared->run(target); }).detach();
-  } catch (const std::system_error& error) {
-    workerAlive = false;
-    shared_->finished = true;
-    shared_->capture.omissions.push_back(
-        {"process", std::string("no thread to capture on: ") + error.what()});
-  }
+  capture_.omissions.push_back({"process", "no process to look at it with: " + errorText(errno)});
 }
 
-CaptureWorker::~CaptureWorker() {
-  std::lock_guard lock(shared_->mutex);
-  shared_->abandoned = true;
+void CaptureWorker::look(pid_t parent, int ended) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(kOrphaned);
+  std::vector<int> kept = {STDERR_FILENO, kLifeDescriptor, ended};
+  closeAllBut(kept);
+  const rlimit nothing{0, 0};
+  setrlimit(RLIMIT_FSIZE, &nothing);
+  try {
+    StackParsing parsing(target_, look_, parsed_, kept);
+    lookAtProcess(
+        target_, [this](const ProcessCapture& part) { look_.publish(part); },
+        [&](int processDir, const auto& modules, const auto& stacks, const Deadline& deadline) {
+          parsing.run(processDir, modules, stacks, deadline);
+        });
+  } catch (const std::bad_alloc&) {
+    _exit(kOutOfMemory);
+  }
+  _exit(0);
 }
 
 ProcessCapture CaptureWorker::take(const Deadline& deadline) {
-  std::unique_lock lock(shared_->mutex);
-  bool finished = shared_->changed.wait_until(lock, deadline.at(), [this] { return shared_->finished; });
-  shared_->abandoned = true;
-  if (!finished) {
-    shared_->capture.omissions.push_back(
+  if (lookPid_ <= 0) return std::move(capture_);
+  const bool finished = awaitEnd(deadline);
+  if (!look_.addTo(capture_) || !parsed_.addTo(capture_))
+    capture_.omissions.push_back({"process", "there is more than a report takes"});
+  if (finished) {
+    collect();
+  } else {
+    capture_.omissions.push_back(
         {"process", "the kernel held up the capture; this is what was found by then"});
   }
-  return std::move(shared_->capture);
+  return std::move(capture_);
+}
+
+bool CaptureWorker::awaitEnd(const Deadline& deadline) const {
+  pollfd end{ended_.get(), POLLIN, 0};
+  while (true) {
+    if (poll(&end, 1, deadline.leftMs()) > 0) return true;
+    if (deadline.passed()) return false;
+  }
+}
+
+void CaptureWorker::collect() {
+  siginfo_t info{};
+  while (waitid(P_ALL, 0, &info, WEXITED) == 0 || errno == EINTR) {
+    const std::string why = info.si_pid == 0 ? "" : badEnd(info);
+    if (!why.empty()) {
+      const bool looked = info.si_pid == lookPid_;
+      capture_.omissions.push_back(
+          {looked ? "process" : "user stacks",
+           (looked ? "what looked at it: " : "what reads the process's files: ") + why});
+    }
+    info = {};
+  }
 }
 
 }  // namespace kelvane

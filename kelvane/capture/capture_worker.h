@@ -3,28 +3,39 @@
 #include <memory>
 
 #include "kelvane/base/deadline.h"
+#include "kelvane/base/proc_files.h"
+#include "kelvane/capture/findings.h"
 #include "kelvane/capture/process_capture.h"
 
 namespace kelvane {
 
-/// Runs captureProcess on a thread of its own, so that a capture which the kernel holds up can be left
-/// behind.
+/// Runs lookAtProcess in a process of its own, which starts a further one for parsing (StackParsing): either
+/// may crash, or be held up by the kernel for good, and what has been found by then is there all the same.
 ///
-/// A thread left behind touches nothing of its caller's, publishes nothing any more and ends as soon as the
-/// kernel lets it. While one is still around no other capture starts, so there is never more than one.
+/// Both end with this process at the latest, unless the kernel holds them up. They keep no descriptor of this
+/// process's but the standard error output and kLifeDescriptor. Only for a process that has no other child.
 class CaptureWorker {
  public:
   explicit CaptureWorker(const CaptureTarget& target);
-  ~CaptureWorker();
   CaptureWorker(const CaptureWorker&) = delete;
   CaptureWorker& operator=(const CaptureWorker&) = delete;
 
-  /// Waits for the capture's end, at most until `deadline`, and takes what was found by then. Call once.
+  /// Waits for the end of both, at most until `deadline`, and takes what was found by then. Call once.
   ProcessCapture take(const Deadline& deadline);
 
  private:
-  struct Shared;
-  std::shared_ptr<Shared> shared_;
+  [[noreturn]] void look(pid_t parent, int ended);
+  /// False if they go on beyond the deadline.
+  bool awaitEnd(const Deadline& deadline) const;
+  /// Collects both, and says how those ended that didn't do their part.
+  void collect();
+
+  const CaptureTarget target_;
+  FindingsArea look_;
+  FindingsArea parsed_;
+  ProcessCapture capture_;
+  pid_t lookPid_ = 0;
+  UniqueFd ended_;  // readable, at its end, once both have ended
 };
 
 }  // namespace kelvane

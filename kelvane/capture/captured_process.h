@@ -10,7 +10,7 @@
 
 #include "kelvane/base/omission.h"
 #include "kelvane/capture/peer.h"
-#include "kelvane/threads/frame.h"
+#include "kelvane/frames/frame.h"
 #include "kelvane/threads/thread_facts.h"
 
 namespace kelvane {

@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
-#include <unordered_map>
+#include <utility>
 
-#include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
@@ -16,28 +14,32 @@
 #include "kelvane/threads/memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 #include "kelvane/threads/thread_facts.h"
-#include "kelvane/threads/unwinder.h"
 
 namespace kelvane {
 namespace {
 
 constexpr uint64_t kKernelThreadFlag = 0x00200000;  // PF_KTHREAD of proc(5)'s flags
 
-/// One capture, step by step. Every method that returns bool answers whether the capture is still wanted.
-class Capturer {
+/// One look, step by step, what matters most first: each step may be the last.
+class Look {
  public:
-  Capturer(const CaptureTarget& target, const PublishCapture& publish)
-      : target_(target), publish_(publish), deadline_(kWorkBudget) {}
+  Look(const CaptureTarget& target, const PublishCapture& publish, const ParseStacks& parse)
+      : target_(target), publish_(publish), parse_(parse), deadline_(kWorkBudget) {}
 
   void run() {
-    if (!openProcess() || !listThreads() || !readFacts() || !findLockOwner()) return;
+    if (!openProcess()) return;
+    listThreads();
+    readFacts();
     takeStacks();
+    findLockOwner();
     findPeer();
   }
 
  private:
-  bool leaveOut(const char* what, std::string why) {
-    return publish_([&](ProcessCapture& capture) { capture.omissions.push_back({what, std::move(why)}); });
+  void leaveOut(const char* what, std::string why) {
+    ProcessCapture part;
+    part.omissions.push_back({what, std::move(why)});
+    publish_(part);
   }
 
   std::optional<ProcStat> readStat() const {
@@ -55,13 +57,11 @@ class Capturer {
       return false;
     }
     firstStat_ = *stat;
-    return publish_([&](ProcessCapture& capture) { capture.comm = stat->comm; });
+    return true;
   }
 
-  bool listThreads() {
+  void listThreads() {
     tids_ = listNumbersAt(dir_.get(), "task", kMaxThreadsCounted);
-    // What looks at the threads is none of the process's own.
-    std::erase(tids_, gettid());
     size_t count = tids_.size();
     auto hung = std::find(tids_.begin(), tids_.end(), threadCalled(dir_.get(), target_.threadId));
     bool found = hung != tids_.end();
@@ -78,73 +78,48 @@ class Capturer {
       leaveOut("threads", std::to_string(kMaxThreadsListed) + " of " + std::to_string(count) + " are listed");
       tids_.resize(kMaxThreadsListed);
     }
-    return publish_([&](ProcessCapture& capture) {
-      capture.pid = target_.pid;
-      capture.hungThread = hungThread_;
-      capture.threadCount = count;
-    });
+    ProcessCapture part;
+    part.comm = firstStat_.comm;
+    part.hungThread = hungThread_;
+    part.threadCount = count;
+    publish_(part);
   }
 
-  bool readFacts() {
-    std::vector<Omission> omissions;
+  void readFacts() {
+    ProcessCapture last;
     for (pid_t tid : tids_) {
-      if (deadline_.passed()) return leaveOut("threads", "the time for the capture was over");
-      auto facts = readThreadFacts(dir_.get(), tid, omissions);
+      if (deadline_.passed()) {
+        last.omissions.push_back({"threads", "the time for the capture was over"});
+        break;
+      }
+      auto facts = readThreadFacts(dir_.get(), tid, last.omissions);
       if (!facts) continue;
       if (tid == hungThread_) hungFacts_ = *facts;
-      bool wanted = publish_([&](ProcessCapture& capture) {
-        rows_[tid] = capture.threads.size();
-        capture.threads.push_back({std::move(*facts), {}, {}});
-      });
-      if (!wanted) return false;
+      ProcessCapture part;
+      part.threads.push_back({std::move(*facts), {}, {}});
+      publish_(part);
     }
-    return publish_([&](ProcessCapture& capture) {
-      capture.omissions.insert(capture.omissions.end(), omissions.begin(), omissions.end());
-    });
-  }
-
-  bool findLockOwner() {
-    pid_t owner = kelvane::lockOwner(dir_.get(), target_.pid, hungFacts_);
-    return publish_([&](ProcessCapture& capture) { capture.lockOwner = owner; });
-  }
-
-  /// Last, since it looks at every process.
-  void findPeer() {
-    std::vector<Omission> omissions;
-    auto peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_, omissions);
-    publish_([&](ProcessCapture& capture) {
-      capture.peer = std::move(peer);
-      capture.omissions.insert(capture.omissions.end(), omissions.begin(), omissions.end());
-    });
+    publish_(last);
   }
 
   void takeStacks() {
-    FileText status = readFileAt(dir_.get(), "status", kMaxProcFileBytes);
-    if (parseStatusNumber(status.text, "Tgid") == static_cast<uint64_t>(getpid())) {
-      leaveOut("user stacks", "the process is the one that writes this report");
-      return;
-    }
     if ((firstStat_.flags & kKernelThreadFlag) != 0) {
       leaveOut("user stacks", "a kernel thread has none");
       return;
     }
-    MemoryMap map = readMemoryMap(dir_.get());
+    const MemoryMap map = readMemoryMap(dir_.get());
     if (map.modules.empty()) {
       leaveOut("user stacks", map.problem.empty() ? "the process has no memory any more" : map.problem);
       return;
     }
     if (!map.problem.empty()) leaveOut("modules", map.problem);
-    modules_ = std::move(map.modules);
-    bool wanted = publish_([&](ProcessCapture& capture) {
-      for (const MappedModule& module : modules_) capture.modules.push_back({module.path, {}});
-    });
-    if (!wanted) return;
-    unwinder_ = std::make_unique<Unwinder>(dir_.get(), target_.pid, modules_);
-    copyAndUnwind();
+    const std::vector<CopiedStack> stacks = copyAll();
     noteExec();
+    if (!stacks.empty()) parse_(dir_.get(), map.modules, stacks, deadline_);
   }
 
-  void copyAndUnwind() {
+  std::vector<CopiedStack> copyAll() {
+    std::vector<CopiedStack> stacks;
     std::span<const pid_t> rest = tids_;
     if (rest.size() > kMaxThreadsWithStack) {
       leaveOut("user stacks", "taken of " + std::to_string(kMaxThreadsWithStack) + " threads only");
@@ -153,47 +128,25 @@ class Capturer {
     while (!rest.empty()) {
       if (deadline_.passed()) {
         leaveOut("user stacks", "the time for the capture was over");
-        return;
+        break;
       }
       auto outcomes = copyStacks(dir_.get(), target_.pid, rest, hungThread_, deadline_);
-      if (outcomes.empty()) return;
+      if (outcomes.empty()) break;
       rest = rest.subspan(outcomes.size());
-      for (const StackOutcome& outcome : outcomes) {
-        if (!publishStack(outcome)) return;
-        if (outcome.processRefused) {
-          leaveOut("user stacks", outcome.failure);
-          return;
+      for (StackOutcome& outcome : outcomes) {
+        if (outcome.copy) {
+          stacks.push_back({outcome.tid, std::move(*outcome.copy)});
+          continue;
         }
+        ProcessCapture part;
+        part.threads.emplace_back().facts.tid = outcome.tid;
+        part.threads.back().noStack = outcome.failure;
+        if (outcome.processRefused) part.omissions.push_back({"user stacks", outcome.failure});
+        publish_(part);
+        if (outcome.processRefused) return stacks;
       }
     }
-  }
-
-  bool publishStack(const StackOutcome& outcome) {
-    auto row = rows_.find(outcome.tid);
-    if (row == rows_.end()) return true;
-    if (!outcome.copy) {
-      return publish_(
-          [&](ProcessCapture& capture) { capture.threads[row->second].noStack = outcome.failure; });
-    }
-    UnwoundStack stack = unwinder_->unwind(*outcome.copy);
-    StackSample sample{outcome.copy->atNs, outcome.copy->stoppedUs, {}, std::move(stack.cutOff)};
-    std::vector<Frame> newFrames;
-    for (uint64_t address : stack.addresses) {
-      // Naming an address is by far the dearest step, and threads share most of theirs.
-      auto [known, isNew] = frameOf_.try_emplace(address, static_cast<uint32_t>(frameOf_.size()));
-      if (isNew) newFrames.push_back(unwinder_->describe(address, target_.symbolicate));
-      sample.frames.push_back(known->second);
-    }
-    std::vector<std::pair<int32_t, std::string>> buildIds;
-    for (const Frame& frame : newFrames) {
-      if (frame.module >= 0) buildIds.emplace_back(frame.module, unwinder_->buildId(frame.module));
-    }
-    return publish_([&](ProcessCapture& capture) {
-      std::move(newFrames.begin(), newFrames.end(), std::back_inserter(capture.frames));
-      for (auto& [module, id] : buildIds)
-        capture.modules[static_cast<size_t>(module)].buildId = std::move(id);
-      capture.threads[row->second].stack = std::move(sample);
-    });
+    return stacks;
   }
 
   /// Stacks after an exec don't belong to the modules that were read before it.
@@ -207,24 +160,36 @@ class Capturer {
     }
   }
 
+  /// Late, since it reads memory that the thread waits at: this lies behind a dead server sooner than any
+  /// other.
+  void findLockOwner() {
+    ProcessCapture part;
+    part.lockOwner = kelvane::lockOwner(dir_.get(), target_.pid, hungFacts_);
+    publish_(part);
+  }
+
+  /// Last, since it looks at every process.
+  void findPeer() {
+    ProcessCapture part;
+    part.peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_, part.omissions);
+    publish_(part);
+  }
+
   const CaptureTarget target_;
   const PublishCapture& publish_;
+  const ParseStacks& parse_;
   const Deadline deadline_;
   UniqueFd dir_;
   ProcStat firstStat_;
   pid_t hungThread_ = 0;
   ThreadFacts hungFacts_;
-  std::vector<pid_t> tids_;                         // the hung thread's first
-  std::unordered_map<pid_t, size_t> rows_;          // tid to index in ProcessCapture::threads
-  std::vector<MappedModule> modules_;               // the same indices as ProcessCapture::modules
-  std::unordered_map<uint64_t, uint32_t> frameOf_;  // address to index in ProcessCapture::frames
-  std::unique_ptr<Unwinder> unwinder_;
+  std::vector<pid_t> tids_;  // the hung thread's first
 };
 
 }  // namespace
 
-void captureProcess(const CaptureTarget& target, const PublishCapture& publish) {
-  Capturer(target, publish).run();
+void lookAtProcess(const CaptureTarget& target, const PublishCapture& publish, const ParseStacks& parse) {
+  Look(target, publish, parse).run();
 }
 
 }  // namespace kelvane

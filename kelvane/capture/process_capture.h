@@ -4,8 +4,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
+#include "kelvane/base/deadline.h"
 #include "kelvane/capture/captured_process.h"
+#include "kelvane/threads/memory_map.h"
+#include "kelvane/threads/stack_copy.h"
 
 namespace kelvane {
 
@@ -16,14 +20,23 @@ struct CaptureTarget {
   bool symbolicate = false;
 };
 
-/// Applies an edit to the capture that is being made; false once nobody waits for it any more.
-using PublishCapture = std::function<bool(const std::function<void(ProcessCapture&)>& edit)>;
+struct CopiedStack {
+  pid_t tid = 0;
+  StackCopy copy;
+};
+
+/// Takes over a part of the capture that has been found (findings.h).
+using PublishCapture = std::function<void(const ProcessCapture& part)>;
+
+/// Makes frames of what was copied; returns at `deadline` at the latest.
+using ParseStacks = std::function<void(int processDir, const std::vector<MappedModule>& modules,
+                                       const std::vector<CopiedStack>& stacks, const Deadline& deadline)>;
 
 /// Looks at the process and publishes each finding when it is made, the hung thread's first.
 ///
-/// May block for as long as the kernel holds up a look at the process (a mapped file on a dead server, a
-/// memory map that a stuck thread has locked), so it runs on a thread that its caller can leave behind. It
-/// never leaves a thread of the process stopped or traced.
-void captureProcess(const CaptureTarget& target, const PublishCapture& publish);
+/// May block for good where the kernel holds up a look at the process (a mapped file on a dead server, a
+/// memory map that a stuck thread has locked), so it runs in a process that can be left behind. It reads no
+/// byte of the process's files, and never leaves one of its threads stopped or traced.
+void lookAtProcess(const CaptureTarget& target, const PublishCapture& publish, const ParseStacks& parse);
 
 }  // namespace kelvane

@@ -1,6 +1,7 @@
 #include "kelvane/capture/process_scan.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
@@ -15,7 +16,7 @@ ProcessScan scanProcesses(const Deadline& deadline) {
     scan.omissions.push_back(
         {"processes", "only the first " + std::to_string(pids.size()) + " were looked at"});
   }
-  std::erase(pids, getpid());
+  const pid_t session = getsid(0);
   for (pid_t pid : pids) {
     if (deadline.passed()) {
       scan.omissions.push_back({"processes", "the time for the capture was over"});
@@ -23,7 +24,7 @@ ProcessScan scanProcesses(const Deadline& deadline) {
     }
     std::string dir = "/proc/" + std::to_string(pid);
     auto stat = parseStat(readFileAt(AT_FDCWD, (dir + "/stat").c_str(), kMaxProcFileBytes).text);
-    if (!stat) continue;
+    if (!stat || stat->session == session) continue;
     scan.processCount++;
     if (stat->state != 'R' && stat->state != 'D') continue;
     if (scan.awake.size() == kMaxProcessesListed) {

@@ -24,8 +24,8 @@ struct ProcessScan {
   std::vector<Omission> omissions;
 };
 
-/// Looks at all processes but this one. Reads only files of /proc that need no lock of the process looked at,
-/// so a stuck process never holds this up.
+/// Looks at all processes but those of this session, which make the report. Reads only files of /proc that
+/// need no lock of the process looked at, so a stuck process never holds this up.
 ProcessScan scanProcesses(const Deadline& deadline);
 
 }  // namespace kelvane

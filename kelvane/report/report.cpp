@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <utility>
 
+#include "kelvane/base/deadline.h"
 #include "kelvane/report/host_info.h"
 #include "kelvane/report/recorder_tracks.h"
 #include "kelvane/report/trace_events.h"
@@ -143,6 +145,15 @@ void writeProcesses(JsonWriter& json, const ProcessScan& scan) {
 }
 
 }  // namespace
+
+Report makeBareReport(DumpRequest request, const std::string& why) {
+  Report report;
+  report.capturedAtNs = monotonicNs();
+  report.request = std::move(request);
+  report.process.pid = report.request.pid.value_or(0);
+  report.process.omissions.push_back({"process", why});
+  return report;
+}
 
 void writeReport(const Report& report, JsonWriter& json) {
   TraceEvents events(report.request, report.process, report.capturedAtNs);

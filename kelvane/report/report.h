@@ -20,6 +20,9 @@ struct Report {
   uint64_t captureNs = 0;          // how long looking took
 };
 
+/// The report of a request for which nothing could be looked at, and why.
+Report makeBareReport(DumpRequest request, const std::string& why);
+
 /// Writes the report as one JSON object (docs/report-format.md).
 void writeReport(const Report& report, JsonWriter& json);
 

@@ -17,6 +17,9 @@ class ReportFile {
   /// `fd` stays the caller's; its file offset is neither used nor moved.
   explicit ReportFile(int fd);
 
+  /// Whether anything can be written: false for what is no file.
+  bool isOpen() const { return !failed_; }
+
   /// Appends. After the first failure everything is dropped.
   void write(std::string_view bytes);
   void write(char byte) { write(std::string_view(&byte, 1)); }

@@ -41,8 +41,8 @@ class SharedArea {
 
 /// Runs copyThreads in a process of its own and waits for its end. A tracer that the kernel holds up can be
 /// ended from outside only if it is a process; its end releases whatever it still traces. It shares the table
-/// of descriptors, so that it never keeps one open, and its end sends no signal. False if it could not be
-/// started.
+/// of descriptors, so that it never keeps one open, and its end sends no signal. One that the kernel doesn't
+/// even let end is left. False if it could not be started.
 bool runCopier(int processDir, pid_t pid, const Deadline& deadline, CopyArea& area) {
   int raw = -1;
   area.busySinceNs = monotonicNs();
@@ -56,10 +56,12 @@ bool runCopier(int processDir, pid_t pid, const Deadline& deadline, CopyArea& ar
   if (copier < 0) return false;
   UniqueFd pidfd(raw);
   constexpr uint64_t kLimitNs = std::chrono::nanoseconds(kCopyLimit).count();
+  constexpr uint64_t kEndNs = std::chrono::nanoseconds(kCopierEnd).count();
   pollfd ended{pidfd.get(), POLLIN, 0};
   while (poll(&ended, 1, 10) <= 0) {
-    uint64_t since = area.busySinceNs;
-    if (monotonicNs() - since > kLimitNs) kill(copier, SIGKILL);
+    const uint64_t busyNs = monotonicNs() - area.busySinceNs;
+    if (busyNs > kLimitNs) kill(copier, SIGKILL);
+    if (busyNs > kLimitNs + kEndNs) return true;
   }
   siginfo_t info{};
   while (waitid(P_PID, static_cast<id_t>(copier), &info, WEXITED | __WALL) != 0 && errno == EINTR) {

@@ -1,4 +1,4 @@
-#include "kelvane/threads/unwinder.h"
+#include "kelvane/frames/unwinder.h"
 
 #include <cxxabi.h>
 
@@ -74,10 +74,12 @@ const Dwfl_Thread_Callbacks Unwinder::kThreadCallbacks = {
     .thread_detach = nullptr,
 };
 
-Unwinder::Unwinder(int processDir, pid_t pid, const std::vector<MappedModule>& modules)
-    : processDir_(processDir),
-      modules_(modules),
-      vdso_(ElfImage::openVdso()),
+Unwinder::Unwinder(pid_t pid, const std::vector<MappedModule>& modules, OpenModule openModule, bool names)
+    : modules_(modules),
+      openModule_(std::move(openModule)),
+      names_(names),
+      budget_{kMaxElfBytesOfReport},
+      vdso_(ElfParts::ofVdso()),
       dwfl_(dwfl_begin(&kCallbacks)) {
   if (dwfl_) reportModules();
   if (!dwfl_ || !vdso_ || !dwfl_attach_state(dwfl_.get(), vdso_.get(), pid, &kThreadCallbacks, this)) {
@@ -103,17 +105,27 @@ void Unwinder::reportModules() {
 
 int Unwinder::findElf(Dwfl_Module* module, void** userData, const char*, Dwarf_Addr, char** fileName,
                       Elf** elf) {
-  const auto* self = static_cast<const Unwinder*>(*userData);
+  auto* self = static_cast<Unwinder*>(*userData);
   *fileName = nullptr;
   auto found =
       self ? std::find(self->reported_.begin(), self->reported_.end(), module) : self->reported_.end();
   if (!self || found == self->reported_.end()) return -1;
-  const MappedModule& mapped = self->modules_[static_cast<size_t>(found - self->reported_.begin())];
-  ElfImage image = mapped.isVdso() ? ElfImage::openVdso() : ElfImage::open(self->processDir_, mapped);
-  if (!image) return -1;
-  auto [opened, fd] = image.release();
-  *elf = opened;
-  return fd;
+  ElfParts parts = self->partsOf(static_cast<size_t>(found - self->reported_.begin()));
+  *elf = parts.release();
+  self->parts_.push_back(std::move(parts));
+  return -1;  // there is no descriptor, and nothing more to read
+}
+
+ElfParts Unwinder::partsOf(size_t index) {
+  const MappedModule& module = modules_[index];
+  if (module.isVdso()) return ElfParts::ofVdso();
+  // A file that is not mapped from its beginning is no module that was loaded as one.
+  const UniqueFd file = module.fileOffset == 0 ? openModule_(index) : UniqueFd();
+  if (!file) return {};
+  std::string problem;
+  ElfParts parts = ElfParts::copyOf(file.get(), names_, budget_, problem);
+  if (!problem.empty()) omissions_.push_back({module.path, problem});
+  return parts;
 }
 
 // Unwinding asks for words of whatever kind, of which return addresses alone may be signed: a word counts as
@@ -171,7 +183,7 @@ std::optional<size_t> Unwinder::moduleAt(uint64_t address) const {
   return static_cast<size_t>(after - 1 - modules_.begin());
 }
 
-Frame Unwinder::describe(uint64_t address, bool symbolicate) {
+Frame Unwinder::describe(uint64_t address) {
   Frame frame;
   frame.address = address;
   auto found = moduleAt(address);
@@ -184,7 +196,7 @@ Frame Unwinder::describe(uint64_t address, bool symbolicate) {
   GElf_Addr bias = 0;
   if (!module || !dwfl_module_getelf(module, &bias)) return frame;
   frame.offset = address - bias;
-  if (!symbolicate) return frame;
+  if (!names_) return frame;
   GElf_Off offset = 0;
   GElf_Sym symbol;
   const char* name = dwfl_module_addrinfo(module, address, &offset, &symbol, nullptr, nullptr, nullptr);

@@ -1,4 +1,4 @@
-#include "kelvane/threads/unwinder.h"
+#include "kelvane/frames/unwinder.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "kelvane/base/proc_files.h"
+#include "kelvane/threads/mapped_file.h"
 #include "tests/kelvane/hang_target.h"
 
 namespace kelvane_test {
@@ -26,7 +27,8 @@ TEST(Unwinder, FindsItsWayThroughSignedReturnAddresses) {
   ASSERT_EQ(outcomes.size(), 1u);
   if (!outcomes[0].copy) GTEST_SKIP() << outcomes[0].failure;
   kelvane::StackCopy copy = outcomes[0].copy.value_or(kelvane::StackCopy{});
-  kelvane::Unwinder unwinder(process.get(), victim.pid(), map.modules);
+  const auto open = [&](size_t index) { return openMappedFile(process.get(), map.modules[index]); };
+  kelvane::Unwinder unwinder(victim.pid(), map.modules, open, /*names=*/false);
   const kelvane::UnwoundStack plain = unwinder.unwind(copy);
   ASSERT_GE(plain.addresses.size(), 3u) << plain.cutOff;
 

@@ -1,0 +1,267 @@
+#include "kelvane/capture/findings.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "kelvane/base/limits.h"
+#include "kelvane/base/wire.h"
+
+namespace kelvane {
+namespace {
+
+// Each struct has a pair of functions that go through its members in the same order. Signed ids keep their
+// value on the way through 64 bits.
+
+template <typename Items, typename Write>
+void writeAll(WireWriter& out, const Items& items, Write write) {
+  out.number(items.size());
+  for (const auto& item : items) write(out, item);
+}
+
+template <typename Item, typename Read>
+std::vector<Item> readAll(WireReader& in, Read read) {
+  std::vector<Item> items;
+  // An item takes bytes, so a count that is made up ends where these do.
+  for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) items.push_back(read(in));
+  return items;
+}
+
+pid_t readId(WireReader& in) {
+  return static_cast<pid_t>(in.number());
+}
+
+void writeNumber(WireWriter& out, uint64_t value) {
+  out.number(value);
+}
+
+void writeText(WireWriter& out, const std::string& value) {
+  out.text(value);
+}
+
+void writeFacts(WireWriter& out, const ThreadFacts& facts) {
+  out.number(static_cast<uint64_t>(facts.tid));
+  out.text(facts.comm);
+  out.number(static_cast<unsigned char>(facts.state));
+  out.text(facts.waitChannel);
+  out.number(static_cast<uint64_t>(facts.tracerPid));
+  out.number(facts.syscall.has_value());
+  const SystemCall call = facts.syscall.value_or(SystemCall{});
+  out.number(static_cast<uint64_t>(call.number));
+  for (const uint64_t argument : call.arguments) out.number(argument);
+  writeAll(out, facts.kernelStack, writeText);
+  for (const uint64_t figure :
+       {facts.userMs, facts.systemMs, facts.voluntarySwitches, facts.involuntarySwitches}) {
+    out.number(figure);
+  }
+}
+
+ThreadFacts readFacts(WireReader& in) {
+  ThreadFacts facts;
+  facts.tid = readId(in);
+  facts.comm = in.text();
+  facts.state = static_cast<char>(in.number());
+  facts.waitChannel = in.text();
+  facts.tracerPid = readId(in);
+  const bool hasCall = in.number() != 0;
+  SystemCall call;
+  call.number = static_cast<int64_t>(in.number());
+  for (uint64_t& argument : call.arguments) argument = in.number();
+  if (hasCall) facts.syscall = call;
+  facts.kernelStack = readAll<std::string>(in, [](WireReader& from) { return from.text(); });
+  for (uint64_t* figure :
+       {&facts.userMs, &facts.systemMs, &facts.voluntarySwitches, &facts.involuntarySwitches}) {
+    *figure = in.number();
+  }
+  return facts;
+}
+
+void writeThread(WireWriter& out, const ThreadCapture& thread) {
+  writeFacts(out, thread.facts);
+  out.text(thread.noStack);
+  out.number(thread.stack.has_value());
+  if (!thread.stack) return;
+  out.number(thread.stack->atNs);
+  out.number(thread.stack->stoppedUs);
+  writeAll(out, thread.stack->frames, writeNumber);
+  out.text(thread.stack->cutOff);
+}
+
+ThreadCapture readThread(WireReader& in) {
+  ThreadCapture thread;
+  thread.facts = readFacts(in);
+  thread.noStack = in.text();
+  if (in.number() == 0) return thread;
+  StackSample& stack = thread.stack.emplace();
+  stack.atNs = in.number();
+  stack.stoppedUs = static_cast<uint32_t>(in.number());
+  stack.frames = readAll<uint32_t>(in, [](WireReader& from) { return static_cast<uint32_t>(from.number()); });
+  stack.cutOff = in.text();
+  return thread;
+}
+
+void writeFrame(WireWriter& out, const Frame& frame) {
+  out.number(frame.address);
+  out.number(static_cast<uint64_t>(int64_t{frame.module}));
+  out.number(frame.offset);
+  out.text(frame.name);
+}
+
+Frame readFrame(WireReader& in) {
+  Frame frame;
+  frame.address = in.number();
+  frame.module = static_cast<int32_t>(in.number());
+  frame.offset = in.number();
+  frame.name = in.text();
+  return frame;
+}
+
+void writeModule(WireWriter& out, const Module& module) {
+  out.text(module.path);
+  out.text(module.buildId);
+}
+
+void writeOmission(WireWriter& out, const Omission& omission) {
+  out.text(omission.what);
+  out.text(omission.why);
+}
+
+ProcessCapture readPart(WireReader& in) {
+  ProcessCapture part;
+  part.pid = readId(in);
+  part.comm = in.text();
+  part.hungThread = readId(in);
+  part.threadCount = in.number();
+  part.threads = readAll<ThreadCapture>(in, readThread);
+  part.frames = readAll<Frame>(in, readFrame);
+  part.modules = readAll<Module>(in, [](WireReader& from) {
+    Module module;
+    module.path = from.text();
+    module.buildId = from.text();
+    return module;
+  });
+  part.lockOwner = readId(in);
+  Peer peer;
+  peer.pid = readId(in);
+  peer.process = in.text();
+  peer.through = in.text();
+  if (peer.pid != 0) part.peer = std::move(peer);
+  part.omissions = readAll<Omission>(in, [](WireReader& from) {
+    Omission omission;
+    omission.what = from.text();
+    omission.why = from.text();
+    return omission;
+  });
+  return part;
+}
+
+template <typename Item>
+void append(std::vector<Item>& items, std::vector<Item>& more) {
+  std::move(more.begin(), more.end(), std::back_inserter(items));
+}
+
+void addThread(ThreadCapture& thread, ProcessCapture& whole) {
+  const auto known = std::find_if(whole.threads.begin(), whole.threads.end(), [&](const ThreadCapture& one) {
+    return one.facts.tid == thread.facts.tid;
+  });
+  if (known == whole.threads.end()) {
+    if (whole.threads.size() < kMaxThreadsListed) whole.threads.push_back(std::move(thread));
+    return;
+  }
+  if (thread.stack) known->stack = std::move(thread.stack);
+  if (!thread.noStack.empty()) known->noStack = std::move(thread.noStack);
+}
+
+void add(ProcessCapture& part, ProcessCapture& whole) {
+  if (part.pid != 0) whole.pid = part.pid;
+  if (!part.comm.empty()) whole.comm = std::move(part.comm);
+  if (part.hungThread != 0) whole.hungThread = part.hungThread;
+  if (part.threadCount != 0) whole.threadCount = part.threadCount;
+  if (part.lockOwner != 0) whole.lockOwner = part.lockOwner;
+  if (part.peer) whole.peer = std::move(part.peer);
+  append(whole.frames, part.frames);
+  append(whole.modules, part.modules);
+  append(whole.omissions, part.omissions);
+  for (ThreadCapture& thread : part.threads) addThread(thread, whole);
+}
+
+bool leadsSomewhere(const ProcessCapture& part, const ProcessCapture& whole) {
+  const size_t modules = whole.modules.size() + part.modules.size();
+  const size_t frames = whole.frames.size() + part.frames.size();
+  return std::all_of(part.frames.begin(), part.frames.end(),
+                     [&](const Frame& frame) {
+                       return frame.module >= -1 &&
+                              (frame.module < 0 || static_cast<size_t>(frame.module) < modules);
+                     }) &&
+         std::all_of(part.threads.begin(), part.threads.end(), [&](const ThreadCapture& thread) {
+           return !thread.stack || std::all_of(thread.stack->frames.begin(), thread.stack->frames.end(),
+                                               [&](uint32_t frame) { return frame < frames; });
+         });
+}
+
+}  // namespace
+
+std::string encodeFindings(const ProcessCapture& part) {
+  WireWriter out;
+  out.number(static_cast<uint64_t>(part.pid));
+  out.text(part.comm);
+  out.number(static_cast<uint64_t>(part.hungThread));
+  out.number(part.threadCount);
+  writeAll(out, part.threads, writeThread);
+  writeAll(out, part.frames, writeFrame);
+  writeAll(out, part.modules, writeModule);
+  out.number(static_cast<uint64_t>(part.lockOwner));
+  const Peer peer = part.peer.value_or(Peer{});
+  out.number(static_cast<uint64_t>(peer.pid));
+  out.text(peer.process);
+  out.text(peer.through);
+  writeAll(out, part.omissions, writeOmission);
+  return out.bytes();
+}
+
+bool addFindings(std::string_view bytes, ProcessCapture& whole) {
+  WireReader in(bytes);
+  while (!in.atEnd()) {
+    ProcessCapture part = readPart(in);
+    if (in.failed() || !leadsSomewhere(part, whole)) return false;
+    add(part, whole);
+  }
+  return true;
+}
+
+struct FindingsArea::Shared {
+  std::atomic<size_t> used{0};
+  std::atomic<bool> full{false};
+  std::array<char, kMaxFindingsBytes> bytes;
+};
+
+FindingsArea::FindingsArea() {
+  // Its pages come when they are written.
+  void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory != MAP_FAILED) shared_ = ::new (memory) Shared;
+}
+
+void FindingsArea::publish(const ProcessCapture& part) {
+  const std::string bytes = encodeFindings(part);
+  const size_t used = shared_->used;
+  if (bytes.size() > shared_->bytes.size() - used) shared_->full = true;
+  if (shared_->full) return;
+  std::memcpy(shared_->bytes.data() + used, bytes.data(), bytes.size());
+  shared_->used = used + bytes.size();
+}
+
+bool FindingsArea::addTo(ProcessCapture& whole) const {
+  // Whoever shares this may write it at any time: a copy stays as it is.
+  const size_t used = std::min<size_t>(shared_->used, shared_->bytes.size());
+  const std::string bytes(shared_->bytes.data(), used);
+  return addFindings(bytes, whole) && !shared_->full;
+}
+
+void FindingsArea::unmap() {
+  if (shared_) munmap(shared_, sizeof(Shared));
+  shared_ = nullptr;
+}
+
+}  // namespace kelvane

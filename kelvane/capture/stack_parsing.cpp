@@ -1,0 +1,129 @@
+#include "kelvane/capture/stack_parsing.h"
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <unordered_map>
+
+#include "kelvane/base/limits.h"
+#include "kelvane/base/proc_files.h"
+#include "kelvane/capture/exit_status.h"
+#include "kelvane/capture/file_request.h"
+#include "kelvane/frames/unwinder.h"
+#include "kelvane/sandbox/rights.h"
+
+namespace kelvane {
+namespace {
+
+/// Unwinds one stack after the other. A module and a frame are published with the first stack that has them.
+class Parser {
+ public:
+  Parser(const CaptureTarget& target, const std::vector<MappedModule>& modules, int socket,
+         FindingsArea& parsed)
+      : modules_(modules),
+        files_(socket),
+        parsed_(parsed),
+        unwinder_(
+            target.pid, modules, [this](size_t index) { return files_.ask(static_cast<uint32_t>(index)); },
+            target.symbolicate) {}
+
+  void add(const CopiedStack& copied) {
+    ProcessCapture part;
+    UnwoundStack stack = unwinder_.unwind(copied.copy);
+    StackSample sample{copied.copy.atNs, copied.copy.stoppedUs, {}, std::move(stack.cutOff)};
+    for (const uint64_t address : stack.addresses) {
+      // Naming an address is by far the dearest step, and threads share most of theirs.
+      auto [known, isNew] = frameOf_.try_emplace(address, static_cast<uint32_t>(frameOf_.size()));
+      if (isNew) part.frames.push_back(describe(address, part));
+      sample.frames.push_back(known->second);
+    }
+    part.threads.emplace_back().facts.tid = copied.tid;
+    part.threads.back().stack = std::move(sample);
+    part.omissions = unwinder_.takeOmissions();
+    if (files_.areHeldUp() && !saidHeldUp_) {
+      part.omissions.push_back(
+          {"user stacks", "the kernel held up a file of the process: they may end early"});
+      saidHeldUp_ = true;
+    }
+    parsed_.publish(part);
+  }
+
+ private:
+  Frame describe(uint64_t address, ProcessCapture& part) {
+    Frame frame = unwinder_.describe(address);
+    if (frame.module < 0) return frame;
+    const auto [known, isNew] = numberOf_.try_emplace(frame.module, static_cast<int32_t>(numberOf_.size()));
+    if (isNew) {
+      part.modules.push_back(
+          {modules_[static_cast<size_t>(frame.module)].path, unwinder_.buildId(frame.module)});
+    }
+    frame.module = known->second;
+    return frame;
+  }
+
+  const std::vector<MappedModule>& modules_;
+  FileRequests files_;
+  FindingsArea& parsed_;
+  Unwinder unwinder_;
+  bool saidHeldUp_ = false;
+  std::unordered_map<uint64_t, uint32_t> frameOf_;  // address to index among the frames published
+  std::unordered_map<int32_t, int32_t> numberOf_;   // index of a module to that among those published
+};
+
+}  // namespace
+
+void StackParsing::run(int processDir, const std::vector<MappedModule>& modules,
+                       const std::vector<CopiedStack>& stacks, const Deadline& deadline) {
+  const auto say = [&](const std::string& why) {
+    ProcessCapture part;
+    part.omissions.push_back({"user stacks", why});
+    look_.publish(part);
+  };
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+    return say("no way to parse them: " + errorText(errno));
+  const timeval wait{0, std::chrono::microseconds(kFileWait).count()};
+  static_assert(kFileWait < std::chrono::seconds(1));
+  setsockopt(ends[1], SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  const UniqueFd own(ends[0]);
+  UniqueFd theirs(ends[1]);
+  const pid_t parent = getppid();
+  const long child = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+  if (child == 0) parse(parent, theirs.get(), modules, stacks);
+  if (child < 0) return say("no process to parse them: " + errorText(errno));
+  theirs = UniqueFd();
+  serveFiles(own.get(), processDir, modules, deadline);
+}
+
+void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModule>& modules,
+                         const std::vector<CopiedStack>& stacks) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(kOrphaned);
+  look_.unmap();
+  descriptors_.push_back(socket);
+  std::sort(descriptors_.begin(), descriptors_.end());
+  closeAllBut(descriptors_);
+  try {
+    if (const std::string failure = dropAllRights(); !failure.empty()) {
+      ProcessCapture part;
+      part.omissions.push_back({"user stacks", failure});
+      parsed_.publish(part);
+      _exit(0);
+    }
+    Parser parser(target_, modules, socket, parsed_);
+    for (const CopiedStack& stack : stacks) parser.add(stack);
+  } catch (const std::bad_alloc&) {
+    _exit(kOutOfMemory);
+  }
+  _exit(0);
+}
+
+}  // namespace kelvane
