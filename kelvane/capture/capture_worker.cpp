@@ -68,15 +68,25 @@ void CaptureWorker::look(pid_t parent, int ended) {
 ProcessCapture CaptureWorker::take(const Deadline& deadline) {
   if (lookPid_ <= 0) return std::move(capture_);
   const bool finished = awaitEnd(deadline);
-  if (!look_.addTo(capture_) || !parsed_.addTo(capture_))
-    capture_.omissions.push_back({"process", "there is more than a report takes"});
-  if (finished) {
-    collect();
-  } else {
+  if (!finished) {
     capture_.omissions.push_back(
         {"process", "the kernel held up the capture; this is what was found by then"});
+    end();
   }
+  if (!look_.addTo(capture_) || !parsed_.addTo(capture_))
+    capture_.omissions.push_back({"process", "there is more than a report takes"});
+  if (finished) collect();
   return std::move(capture_);
+}
+
+void CaptureWorker::end() const {
+  // Neither has been collected, so these are their numbers still.
+  for (const pid_t pid : {lookPid_, look_.notedProcess()}) {
+    if (pid > 0) kill(pid, SIGKILL);
+  }
+  if (!awaitEnd(Deadline(kGoingWait))) return;
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
 }
 
 bool CaptureWorker::awaitEnd(const Deadline& deadline) const {

@@ -27,7 +27,9 @@ class CaptureWorker {
   [[noreturn]] void look(pid_t parent, int ended);
   /// False if they go on beyond the deadline.
   bool awaitEnd(const Deadline& deadline) const;
-  /// Collects both, and says how those ended that didn't do their part.
+  /// Ends both, as far as the kernel lets them.
+  void end() const;
+  /// Collects those that have ended, and says how they did that didn't do their part.
   void collect();
 
   const CaptureTarget target_;

@@ -232,6 +232,7 @@ bool addFindings(std::string_view bytes, ProcessCapture& whole) {
 }
 
 struct FindingsArea::Shared {
+  std::atomic<pid_t> process{0};
   std::atomic<size_t> used{0};
   std::atomic<bool> full{false};
   std::array<char, kMaxFindingsBytes> bytes;
@@ -241,6 +242,14 @@ FindingsArea::FindingsArea() {
   // Its pages come when they are written.
   void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory != MAP_FAILED) shared_ = ::new (memory) Shared;
+}
+
+void FindingsArea::noteProcess(pid_t pid) {
+  shared_->process = pid;
+}
+
+pid_t FindingsArea::notedProcess() const {
+  return shared_->process;
 }
 
 void FindingsArea::publish(const ProcessCapture& part) {

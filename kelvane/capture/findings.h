@@ -27,7 +27,10 @@ class FindingsArea {
   ~FindingsArea() { unmap(); }
 
   explicit operator bool() const { return shared_ != nullptr; }
-  /// Of one process only. Nothing more is added once there is no room.
+  /// Notes a further process that whoever publishes here has started, for the other to end it; 0: none.
+  void noteProcess(pid_t pid);
+  pid_t notedProcess() const;
+  /// Nothing more is added once there is no room.
   void publish(const ProcessCapture& part);
   /// Adds all that was published to `whole`; whether it was whole and there was room for it.
   bool addTo(ProcessCapture& whole) const;

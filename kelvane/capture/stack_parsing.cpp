@@ -99,6 +99,7 @@ void StackParsing::run(int processDir, const std::vector<MappedModule>& modules,
   const long child = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
   if (child == 0) parse(parent, theirs.get(), modules, stacks);
   if (child < 0) return say("no process to parse them: " + errorText(errno));
+  look_.noteProcess(static_cast<pid_t>(child));
   theirs = UniqueFd();
   serveFiles(own.get(), processDir, modules, deadline);
 }

@@ -161,6 +161,11 @@ bool Dump::wasShortOfCpu() const {
   return pressure.contains("cpu") && pressure["cpu"]["some10"] >= kBusyPercent;
 }
 
+size_t openDescriptors() {
+  auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
 bool contains(const std::vector<std::string>& names, const std::string& part) {
   return std::any_of(names.begin(), names.end(),
                      [&](const std::string& name) { return name.find(part) != std::string::npos; });

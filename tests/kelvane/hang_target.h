@@ -76,6 +76,9 @@ struct Dump {
 Dump dumpWith(const char* reason, bool symbolicate = true);
 Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
 
+/// How many descriptors this process has, one for looking included.
+size_t openDescriptors();
+
 /// Whether one of the names has `part` in it.
 bool contains(const std::vector<std::string>& names, const std::string& part);
 

@@ -1,6 +1,7 @@
 // A process to make reports of: `victim MODE [COUNT]`. It starts its threads, writes one line with the tid of
 // the thread of interest to stdout once each of them does what it is there for, and waits to be killed.
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <linux/userfaultfd.h>
 #include <pthread.h>
 #include <signal.h>
@@ -122,6 +123,29 @@ void start(const char* name, Run run, Work work = Work::sleeps) {
   awaitAtWork(0, Work::sleeps);
 }
 
+/// Waits for a word in the file, whose page it then lets go of: whoever reads the word makes the file's
+/// server read it again.
+[[gnu::noinline]] void waitsForWord(uint32_t* word) {
+  syscall(SYS_futex, word, FUTEX_WAIT, 0, nullptr);
+}
+
+void waitInFile(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  void* page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+  if (fd < 0 || page == MAP_FAILED) abort();
+  start("frozen", [page] { waitsForWord(static_cast<uint32_t*>(page)); });
+  madvise(page, 4096, MADV_DONTNEED);
+  posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+}
+
+/// Runs the code in the file, which waits for ever: whoever wants to unwind it opens the file.
+void runFile(const char* path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  void* file = mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
+  if (fd < 0 || file == MAP_FAILED) abort();
+  start("frozen", reinterpret_cast<void (*)()>(static_cast<char*>(file) + 64));
+}
+
 /// Code that belongs to no file and keeps no frame pointer: it clears that and jumps to itself.
 [[gnu::noinline]] void runsCodeMadeAtRunTime() {
 #if defined(__x86_64__)
@@ -158,6 +182,8 @@ int main(int argc, char** argv) {
     start("spinner", spinsForEver, Work::spins);
     start("mu\"tex\xff", waitsForMutex);
   }
+  if (mode == "waits-in-file") waitInFile(argv[2]);
+  if (mode == "runs-file") runFile(argv[2]);
   if (mode == "unprovided") startBelowUnprovidedMemory();
   if (mode == "deep") start("deep", [] { recurses(1000); });
   if (mode == "vfork") start("vforker", waitsForVforkChild);

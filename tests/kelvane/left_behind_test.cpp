@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "kelvane/base/limits.h"
+#include "kelvane/base/proc_text.h"
+#include "tests/kelvane/frozen_targets.h"
+#include "tests/kelvane/hang_target.h"
+#include "tests/patience.h"
+
+// What the kernel holds up for good costs the reports of whom it belongs to.
+
+namespace kelvane_test {
+namespace {
+
+using namespace std::chrono_literals;
+using quorveld::tests::eventually;
+
+constexpr uid_t kRoot = 0;
+constexpr uid_t kNobody = 65534;
+
+std::string textOf(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+/// The processes of captures that are there, as pids.
+std::vector<pid_t> captureProcesses() {
+  std::vector<pid_t> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const pid_t pid = atoi(entry.path().filename().c_str());
+    if (pid == 0) continue;
+    const auto stat = kelvane::parseStat(textOf(entry.path() / "stat"));
+    if (stat && stat->comm == "kelvane-capture" && stat->state != 'Z') found.push_back(pid);
+  }
+  return found;
+}
+
+TEST(LeftBehind, AProcessThatWaitsInAFrozenFileStillHasStacks) {
+  FrozenTargets frozen("waits-in-file", {kRoot});
+  if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
+  const Dump held = dumpOf(frozen.pid(0), frozen.thread(0));
+  EXPECT_TRUE(held.whole);
+  EXPECT_LT(held.took, kelvane::kReportBudget);
+  EXPECT_NE(held.whyLeftOut("process").find("the kernel held up"), std::string::npos);
+  EXPECT_TRUE(contains(held.stackOf(frozen.thread(0)), "waitsForWord")) << held.report["metadata"];
+  EXPECT_EQ(held.thread(frozen.thread(0))["syscallName"], "futex");
+}
+
+TEST(LeftBehind, AFrozenProcessCostsItsOwnReportsAlone) {
+  FrozenTargets frozen("runs-file", {kRoot});
+  if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
+  HangTarget victim("kinds");
+  dumpOf(victim.pid(), victim.thread());
+  const size_t descriptors = openDescriptors();
+  const size_t processes = captureProcesses().size();
+
+  const Dump held = dumpOf(frozen.pid(0), frozen.thread(0));
+  EXPECT_TRUE(held.whole);
+  EXPECT_LT(held.took, kelvane::kReportBudget);
+  EXPECT_NE(held.whyLeftOut("process").find("the kernel held up"), std::string::npos);
+  // What could be had is there: where the thread is, in a file that can't be opened.
+  EXPECT_TRUE(contains(held.stackOf(frozen.thread(0)), "0+0x4")) << held.report["metadata"];
+  EXPECT_NE(held.whyLeftOut("user stacks").find("held up a file"), std::string::npos);
+  ASSERT_EQ(captureProcesses().size(), processes + 1) << "one that no signal ends";
+  EXPECT_EQ(openDescriptors(), descriptors + 1);
+
+  const Dump other = dumpOf(victim.pid(), victim.thread());
+  EXPECT_TRUE(other.whole);
+  EXPECT_LT(other.took, kelvane::kCaptureBudget);
+  EXPECT_EQ(other.whyLeftOut("process"), "");
+  EXPECT_TRUE(contains(other.stackOf(victim.thread()), "waitsInRead"));
+  const Dump again = dumpOf(frozen.pid(0), frozen.thread(0));
+  EXPECT_LT(again.took, kelvane::kCaptureBudget);
+  EXPECT_NE(again.whyLeftOut("process").find("an earlier capture of it"), std::string::npos);
+  EXPECT_EQ(captureProcesses().size(), processes + 1);
+
+  frozen.thaw();
+  EXPECT_TRUE(eventually([&] { return captureProcesses().size() == processes; }));
+  dumpOf(victim.pid(), victim.thread());
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST(LeftBehind, UsersHaveTheirShareOfCapturesThatAreHeldUp) {
+  std::vector<uid_t> users(kelvane::kMaxLeftBehindOfUser + 1, kRoot);
+  users.resize(2 * users.size(), kNobody);
+  FrozenTargets frozen("runs-file", users);
+  if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
+  HangTarget victim("kinds");
+  const auto whyNot = [&](size_t index) {
+    return dumpOf(frozen.pid(index), frozen.thread(index)).whyLeftOut("process");
+  };
+  std::vector<size_t> ofRoot, ofNobody;
+  for (size_t i = 0; i < users.size(); i++) {
+    const bool isRoots =
+        std::filesystem::exists("/proc/" + std::to_string(frozen.pid(i))) &&
+        textOf("/proc/" + std::to_string(frozen.pid(i)) + "/status").find("Uid:\t0") != std::string::npos;
+    (isRoots ? ofRoot : ofNobody).push_back(i);
+  }
+  const auto freeze = [&](const std::vector<size_t>& all) {
+    std::vector<std::thread> captures;
+    for (size_t i = 0; i < kelvane::kMaxLeftBehindOfUser; i++)
+      captures.emplace_back([&, i] { whyNot(all[i]); });
+    for (std::thread& capture : captures) capture.join();
+  };
+  freeze(ofRoot);
+  EXPECT_NE(whyNot(ofRoot.back()).find("4 captures of this user's processes are"), std::string::npos);
+  freeze(ofNobody);
+  EXPECT_NE(whyNot(ofNobody.back()).find("4 captures of this user's"), std::string::npos);
+  EXPECT_EQ(captureProcesses().size(), kelvane::kMaxLeftBehind);
+  const Dump other = dumpOf(victim.pid(), victim.thread());
+  EXPECT_TRUE(other.whole);
+  EXPECT_NE(other.whyLeftOut("process"), "");
+  EXPECT_EQ(other.report["metadata"]["verdict"]["evidence"]["source"], "one look");
+
+  frozen.thaw();
+  EXPECT_TRUE(eventually([&] { return captureProcesses().empty(); }));
+  EXPECT_EQ(dumpOf(victim.pid(), victim.thread()).whyLeftOut("process"), "");
+}
+
+}  // namespace
+}  // namespace kelvane_test
