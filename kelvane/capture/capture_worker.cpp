@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -68,6 +69,7 @@ void CaptureWorker::look(pid_t parent, int ended) {
 ProcessCapture CaptureWorker::take(const Deadline& deadline) {
   if (lookPid_ <= 0) return std::move(capture_);
   const bool finished = awaitEnd(deadline);
+  collect(finished ? 0 : WNOHANG);
   if (!finished) {
     capture_.omissions.push_back(
         {"process", "the kernel held up the capture; this is what was found by then"});
@@ -75,14 +77,14 @@ ProcessCapture CaptureWorker::take(const Deadline& deadline) {
   }
   if (!look_.addTo(capture_) || !parsed_.addTo(capture_))
     capture_.omissions.push_back({"process", "there is more than a report takes"});
-  if (finished) collect();
   return std::move(capture_);
 }
 
 void CaptureWorker::end() const {
-  // Neither has been collected, so these are their numbers still.
   for (const pid_t pid : {lookPid_, look_.notedProcess()}) {
-    if (pid > 0) kill(pid, SIGKILL);
+    // The number of one that was collected may be another's by now.
+    const bool collected = std::find(collected_.begin(), collected_.end(), pid) != collected_.end();
+    if (pid > 0 && !collected) kill(pid, SIGKILL);
   }
   if (!awaitEnd(Deadline(kGoingWait))) return;
   while (waitpid(-1, nullptr, 0) > 0) {
@@ -97,17 +99,16 @@ bool CaptureWorker::awaitEnd(const Deadline& deadline) const {
   }
 }
 
-void CaptureWorker::collect() {
-  siginfo_t info{};
-  while (waitid(P_ALL, 0, &info, WEXITED) == 0 || errno == EINTR) {
-    const std::string why = info.si_pid == 0 ? "" : badEnd(info);
+void CaptureWorker::collect(int option) {
+  for (siginfo_t info{}; waitid(P_ALL, 0, &info, WEXITED | option) == 0 && info.si_pid != 0; info = {}) {
+    collected_.push_back(info.si_pid);
+    const std::string why = badEnd(info);
     if (!why.empty()) {
       const bool looked = info.si_pid == lookPid_;
       capture_.omissions.push_back(
           {looked ? "process" : "user stacks",
            (looked ? "what looked at it: " : "what reads the process's files: ") + why});
     }
-    info = {};
   }
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <memory>
+#include <sys/types.h>
+
+#include <vector>
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/proc_files.h"
@@ -29,14 +31,15 @@ class CaptureWorker {
   bool awaitEnd(const Deadline& deadline) const;
   /// Ends both, as far as the kernel lets them.
   void end() const;
-  /// Collects those that have ended, and says how they did that didn't do their part.
-  void collect();
+  /// Collects those that have ended (WNOHANG), or both (0), and says how those did that didn't do their part.
+  void collect(int option);
 
   const CaptureTarget target_;
   FindingsArea look_;
   FindingsArea parsed_;
   ProcessCapture capture_;
   pid_t lookPid_ = 0;
+  std::vector<pid_t> collected_;
   UniqueFd ended_;  // readable, at its end, once both have ended
 };
 

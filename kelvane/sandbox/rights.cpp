@@ -93,7 +93,8 @@ void closeAllBut(std::span<const int> kept) {
 
 std::string dropAllRights() {
   // What this process holds of another is nobody's to read, nor to be dumped.
-  if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0 || !keepCapabilities(0))
+  if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      !keepCapabilities(0))
     return "rights can't be given up: " + errorText(errno);
   if (!filterSystemCalls()) return "no system call filter can be set: " + errorText(errno);
   return {};

@@ -89,6 +89,34 @@ TEST(LeftBehind, AFrozenProcessCostsItsOwnReportsAlone) {
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
+/// The process without rights, in which foreign files are read.
+pid_t parsingProcess() {
+  for (const pid_t pid : captureProcesses()) {
+    if (textOf("/proc/" + std::to_string(pid) + "/status").find("Seccomp:\t2") != std::string::npos)
+      return pid;
+  }
+  return 0;
+}
+
+/// It waits for a file that can't be opened, and so can be met.
+TEST(LeftBehind, ACrashOfParsingCostsStacksAndNotTheReport) {
+  FrozenTargets frozen("runs-file", {kRoot});
+  if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
+  std::thread crash([] {
+    EXPECT_TRUE(eventually([] {
+      const pid_t pid = parsingProcess();
+      return pid > 0 && kill(pid, SIGSEGV) == 0;
+    }));
+  });
+  const Dump dump = dumpOf(frozen.pid(0), frozen.thread(0));
+  crash.join();
+  EXPECT_TRUE(dump.whole);
+  EXPECT_NE(dump.whyLeftOut("user stacks").find("ended by a signal (Segmentation fault)"), std::string::npos)
+      << dump.report["metadata"]["leftOut"];
+  EXPECT_EQ(dump.thread(frozen.thread(0))["name"], "frozen");
+  EXPECT_TRUE(dump.stackOf(frozen.thread(0)).empty() || !contains(dump.stackOf(frozen.thread(0)), "0+0x"));
+}
+
 TEST(LeftBehind, UsersHaveTheirShareOfCapturesThatAreHeldUp) {
   std::vector<uid_t> users(kelvane::kMaxLeftBehindOfUser + 1, kRoot);
   users.resize(2 * users.size(), kNobody);

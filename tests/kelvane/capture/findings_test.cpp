@@ -1,0 +1,95 @@
+#include "kelvane/capture/findings.h"
+
+#include <gtest/gtest.h>
+
+#include "kelvane/base/limits.h"
+
+namespace kelvane {
+namespace {
+
+ProcessCapture onePart() {
+  ProcessCapture part;
+  part.pid = 7;
+  part.comm = "viewer";
+  part.hungThread = 9;
+  part.threadCount = 2;
+  ThreadCapture& thread = part.threads.emplace_back();
+  thread.facts.tid = 9;
+  thread.facts.comm = std::string("a\0b", 3);
+  thread.facts.state = 'D';
+  thread.facts.syscall = SystemCall{-1, {1, 2, 3, 4, 5, UINT64_MAX}};
+  thread.facts.kernelStack = {"one", "two"};
+  thread.stack = StackSample{11, 12, {0, 1, 0}, "cut"};
+  part.frames = {{0x1000, 0, 0x10, "main"}, {0x2000, -1, 0, ""}};
+  part.modules = {{"/bin/viewer", "beef"}};
+  part.peer = Peer{-3, "server", "pipe"};
+  part.omissions = {{"what", "why"}};
+  return part;
+}
+
+TEST(Findings, ComeThroughInPartsAsTheyWere) {
+  ProcessCapture second;
+  second.lockOwner = 10;
+  second.threads.emplace_back().facts.tid = 9;
+  second.threads.back().noStack = "gone";
+  second.threads.emplace_back().facts.tid = 10;
+  ProcessCapture whole;
+  ASSERT_TRUE(addFindings(encodeFindings(onePart()) + encodeFindings(second), whole));
+
+  EXPECT_EQ(whole.pid, 7);
+  EXPECT_EQ(whole.comm, "viewer");
+  EXPECT_EQ(whole.lockOwner, 10);
+  EXPECT_EQ(whole.peer.value_or(Peer{}).pid, -3);
+  ASSERT_EQ(whole.threads.size(), 2u);
+  EXPECT_EQ(whole.threads[0].facts.comm.size(), 3u);
+  EXPECT_EQ(whole.threads[0].facts.syscall, onePart().threads[0].facts.syscall);
+  EXPECT_EQ(whole.threads[0].facts.kernelStack.size(), 2u);
+  EXPECT_EQ(whole.threads[0].noStack, "gone");
+  ASSERT_TRUE(whole.threads[0].stack);
+  EXPECT_EQ(whole.threads[0].stack->frames, (std::vector<uint32_t>{0, 1, 0}));
+  EXPECT_EQ(whole.frames[1].module, -1);
+  EXPECT_EQ(whole.modules[0].buildId, "beef");
+  EXPECT_EQ(whole.omissions[0].why, "why");
+}
+
+/// What parses foreign files may have been taken over by them: it can lie, but it leads nobody astray.
+TEST(Findings, BrokenBytesLeadNowhere) {
+  const std::string bytes = encodeFindings(onePart());
+  for (size_t length = 1; length < bytes.size(); length++) {
+    ProcessCapture whole;
+    EXPECT_FALSE(addFindings(bytes.substr(0, length), whole));
+    EXPECT_TRUE(whole.threads.empty());
+  }
+  const auto refused = [](auto&& change) {
+    ProcessCapture part = onePart();
+    change(part);
+    ProcessCapture whole;
+    return !addFindings(encodeFindings(part), whole);
+  };
+  EXPECT_TRUE(refused([](ProcessCapture& part) { part.frames[0].module = 1; }));
+  EXPECT_TRUE(refused([](ProcessCapture& part) { part.frames[0].module = -2; }));
+  EXPECT_TRUE(refused([](ProcessCapture& part) { part.threads[0].stack->frames = {2}; }));
+  ProcessCapture many;
+  for (pid_t tid = 1; tid <= static_cast<pid_t>(kMaxThreadsListed) + 1; tid++)
+    many.threads.emplace_back().facts.tid = tid;
+  ProcessCapture whole;
+  EXPECT_TRUE(addFindings(encodeFindings(many), whole));
+  EXPECT_EQ(whole.threads.size(), kMaxThreadsListed);
+}
+
+TEST(Findings, AnAreaThatIsFullKeepsWhatFits) {
+  FindingsArea area;
+  ASSERT_TRUE(area);
+  ProcessCapture part;
+  part.omissions.push_back({"much", std::string(kMaxFindingsBytes / 3, 'x')});
+  ProcessCapture two;
+  for (int i = 0; i < 2; i++) area.publish(part);
+  EXPECT_TRUE(area.addTo(two));
+  for (int i = 0; i < 2; i++) area.publish(part);
+  ProcessCapture cut;
+  EXPECT_FALSE(area.addTo(cut));
+  EXPECT_EQ(cut.omissions.size(), two.omissions.size());
+}
+
+}  // namespace
+}  // namespace kelvane
