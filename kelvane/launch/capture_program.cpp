@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
@@ -31,7 +32,9 @@ std::string programPath() {
   Dl_info own{};
   // Any address of this file's code.
   if (dladdr(reinterpret_cast<const void*>(&programPath), &own) == 0 || !own.dli_fname) return kProgram;
-  const std::string library = own.dli_fname;
+  // It may be a link, to where both were installed.
+  const std::unique_ptr<char, decltype(&std::free)> real(realpath(own.dli_fname, nullptr), std::free);
+  const std::string library = real ? real.get() : own.dli_fname;
   return library.substr(0, library.rfind('/') + 1) + kProgram;
 }
 

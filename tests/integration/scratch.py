@@ -44,6 +44,7 @@ class Scratch:
         if kelvane:
             (self.root / "usr/lib").mkdir(parents=True)
             shutil.copy(KELVANE, self.root / "usr/lib/libkelvane.so")
+            shutil.copytree(pathlib.Path(KELVANE).parent / "quorveld", self.root / "usr/lib/quorveld")
         self.write_preferences(QuorvelEnabled=True, QuorvelEnableKelvane=True, **preferences)
 
     # --- what it finds -------------------------------------------------------------------------------------------------
