@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,6 +70,7 @@ struct Execution {
   for (size_t i = 0; i < aside.size(); i++) {
     if (aside[i] < 0 || dup2(aside[i], static_cast<int>(i)) < 0) _exit(kNotExecuted);
   }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // the caller's thread waits for as long as the report is wanted
   if (syscall(SYS_close_range, static_cast<unsigned>(aside.size()), UINT_MAX, 0) != 0 || setsid() < 0 ||
       chdir("/") != 0)
     _exit(kNotExecuted);
