@@ -75,7 +75,7 @@ void HangTarget::signal(int number) const {
   kill(pid_, number);
 }
 
-Library::Library() : handle_(dlopen(KELVANE_LIBRARY, RTLD_LAZY)) {
+Library::Library(const char* path) : handle_(dlopen(path, RTLD_LAZY)) {
   EXPECT_NE(handle_, nullptr) << dlerror();
   dump = reinterpret_cast<kelvane_dump_function>(dlsym(handle_, KELVANE_ENTRY_POINT));
   EXPECT_NE(dump, nullptr);
@@ -128,6 +128,10 @@ Json Dump::thread(pid_t tid) const {
 
 Dump dumpWith(const char* reason, bool symbolicate) {
   static const Library library;
+  return dumpBy(library, reason, symbolicate);
+}
+
+Dump dumpBy(const Library& library, const char* reason, bool symbolicate) {
   std::vector<kelvane_option> options(1);
   options[0].key = library.key("KSPDumpOptions_NoSymbolicate");
   options[0].type = KELVANE_BOOL;

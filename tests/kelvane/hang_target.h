@@ -43,7 +43,7 @@ class HangTarget {
 /// The library as the daemon holds it: loaded at run time, known by its exported names alone.
 class Library {
  public:
-  Library();
+  explicit Library(const char* path = KELVANE_LIBRARY);
   kelvane_dump_function dump = nullptr;
   const char* key(const char* symbol) const;
 
@@ -74,6 +74,7 @@ struct Dump {
 
 /// Makes a report through the library into a fresh file; null text: no ReasonString option.
 Dump dumpWith(const char* reason, bool symbolicate = true);
+Dump dumpBy(const Library& library, const char* reason, bool symbolicate = true);
 Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
 
 /// How many descriptors this process has, one for looking included.
