@@ -152,6 +152,8 @@ void SimFiles::finish(std::unique_ptr<platform::File> file, const std::string& f
                       platform::Existing existing, std::function<void(std::error_code)> done) {
   file.reset();
   std::error_code error = faults_.take(Op::closeFile);
+  // What the system hadn't written yet is lost then.
+  if (error && content(from)) putFile(from, content(from)->substr(0, content(from)->size() / 2));
   if (!error) error = existing == platform::Existing::stays ? move(from, to) : rename(from, to);
   if (error) static_cast<void>(remove(from));
   done(error);

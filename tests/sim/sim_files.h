@@ -49,6 +49,8 @@ class SimFiles final : public platform::Files {
 
   void putFile(const std::string& path, std::string_view content);
   void putLink(const std::string& path) { entries_[plain(path)] = {.file = nullptr, .link = true}; }
+  /// Somebody else takes the file away.
+  void takeAway(const std::string& path) { entries_.erase(plain(path)); }
   std::optional<std::string> content(const std::string& path) const;
   /// Names in a directory, sorted.
   std::vector<std::string> list(const std::string& directory) const;
@@ -57,6 +59,7 @@ class SimFiles final : public platform::Files {
 
   /// Every change that succeeded, in order: "mkdir PATH", "remove PATH", "create PATH", "move FROM TO".
   const std::vector<std::string>& history() const { return history_; }
+  void clearHistory() { history_.clear(); }
 
  private:
   struct Entry {

@@ -29,8 +29,8 @@ bool dump(int descriptor, const kelvane_options* options) {
     if (key == minTimestampKey && option.type == KELVANE_UINT64) request.minTimestamp = option.value.uint64;
     if (key == maxTimestampKey && option.type == KELVANE_UINT64) request.maxTimestamp = option.value.uint64;
   }
+  const std::string report = active->report + (active->repeatsReason ? request.reason : "");
   active->requests.push_back(std::move(request));
-  const std::string& report = active->report;
   return write(descriptor, report.data(), report.size()) == static_cast<ssize_t>(report.size()) &&
          active->succeeds;
 }

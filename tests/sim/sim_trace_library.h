@@ -31,6 +31,7 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   std::unique_ptr<platform::TraceLibrary> open(const std::string& path, std::string& reason) override;
 
   std::string report = "TRACE";    ///< what the entry point writes
+  bool repeatsReason = false;      ///< it writes the header that it was given, too
   bool succeeds = true;            ///< what it then answers
   bool entryPointMissing = false;  ///< the library lacks it
   std::vector<TraceRequest> requests;

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+
+#include "base/settings.h"
 
 namespace quorveld::sim {
 
@@ -58,6 +61,11 @@ void App::disconnect() const {
   world_->settle();
 }
 
+void App::reconnect() {
+  client_ = world_->ipc.connect(pid_);
+  world_->settle();
+}
+
 World::World(Daemon daemon) {
   if (daemon == Daemon::later) return;
   preferences.userSets("QuorvelEnabled", true);
@@ -77,6 +85,12 @@ void World::start() {
   daemon_ = std::make_unique<quorveld::Daemon>();
   daemon_->start();
   settle();
+}
+
+void World::stop() {
+  daemon_.reset();
+  std::destroy_at(&settings());
+  std::construct_at(&settings());
 }
 
 App World::connectApp(const std::string& name, size_t regionBytes) {

@@ -41,6 +41,8 @@ class App {
   void begin(int index, const std::string& name, std::chrono::nanoseconds age, Save save = Save::yes) const;
 
   void disconnect() const;
+  /// A connection of its own takes the place of the one that it had.
+  void reconnect();
   const SimClient& client() const { return client_; }
 
  private:
@@ -65,6 +67,9 @@ class World : public SimPlatform {
 
   /// Starts the daemon.
   void start();
+  /// Ends the daemon's process: another one knows nothing of it.
+  void stop();
+  bool running() const { return daemon_ && !queues.exitStatus(); }
 
   /// A connected application with executable "/apps/NAME" and bundle "com.example.NAME".
   App connectApp(const std::string& name, size_t regionBytes = sizeof(QVSharedHangRegion));
