@@ -120,7 +120,7 @@ std::optional<Peer> findPeer(int processDir, pid_t pid, const ThreadFacts& facts
     return findHolder(pid, link, waited->writing ? S_IRUSR : S_IWUSR, "pipe", deadline);
   }
   uint32_t peerInode = 0;
-  if (const int error = unixSocketPeer(inodeOf(link, "socket:["), peerInode)) {
+  if (const int error = unixSocketPeer(processDir, inodeOf(link, "socket:["), peerInode)) {
     omissions.push_back({"other end of the socket", "sock_diag: " + errorText(error)});
   }
   if (peerInode == 0) return std::nullopt;

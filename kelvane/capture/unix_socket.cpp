@@ -1,9 +1,11 @@
 #include "kelvane/capture/unix_socket.h"
 
+#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
+#include <sched.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -33,12 +35,27 @@ bool ask(int fd, uint32_t inode) {
   return send(fd, &request, sizeof request, 0) == ssize_t{sizeof request};
 }
 
+/// A socket stays in the network namespace in which it was made: the thread is in another's for that call
+/// alone. A container has a namespace of its own, and so has a service that is kept from the network.
+UniqueFd diagnosisOf(int processDir) {
+  const UniqueFd own(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+  const UniqueFd theirs(openat(processDir, "ns/net", O_RDONLY | O_CLOEXEC));
+  const bool entered = own && theirs && setns(theirs.get(), CLONE_NEWNET) == 0;
+  UniqueFd made(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  const int error = errno;
+  // What this thread still does doesn't depend on where it is.
+  if (entered) [[maybe_unused]]
+    const int stays = setns(own.get(), CLONE_NEWNET);
+  errno = error;
+  return made;
+}
+
 }  // namespace
 
-int unixSocketPeer(uint32_t inode, uint32_t& peer) {
+int unixSocketPeer(int processDir, uint32_t inode, uint32_t& peer) {
   peer = 0;
   if (inode == 0) return 0;
-  UniqueFd fd(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  const UniqueFd fd = diagnosisOf(processDir);
   if (!fd || !ask(fd.get(), inode)) return errno;
   alignas(nlmsghdr) std::array<char, 1024> answer{};
   // The kernel has answered before send() returned.
