@@ -90,6 +90,10 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
   std::error_code error = makeRoomForReport(kHangReports);
+  // What is left of a killed daemon's and can't be removed is not written over: its end would stand behind
+  // that of a shorter report.
+  if (!error && files.kind(tempPath) != platform::EntryKind::missing)
+    error = std::make_error_code(std::errc::file_exists);
   auto file = error ? nullptr : files.createProtected(tempPath, error);
   if (!file) {
     log.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),

@@ -134,6 +134,19 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
   }
 }
 
+TEST(HangReports, NoReportIsWrittenOverOneThatCannotBeRemoved) {
+  World world;
+  const App viewer = world.startApp("viewer");
+  const std::string temp = kTmp + "MainThread-viewer-2026-01-15-100001.kelvane";
+  world.files.putFile(temp, "longer than the next report");
+  world.faults.failAlways(Op::remove);
+  viewer.reportHang(1500ms, Save::yes);
+  EXPECT_TRUE(world.logged(Level::standard,
+                           "viewer: Could not create file - won't take a kelvane: " + temp + " File exists"));
+  EXPECT_TRUE(world.spool().empty());
+  EXPECT_FALSE(world.logs.has(Level::info, "viewer Log credits: 4 -> 3"));
+}
+
 TEST(HangReports, WhatIsTooOldOrTooMuchLeavesTheSpoolBeforeTheNextReport) {
   World world;
   const App viewer = world.startApp("viewer");
