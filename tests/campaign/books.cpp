@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "base/paths.h"
+#include "base/report_folder.h"
 
 namespace quorveld::campaign {
 
@@ -407,7 +407,7 @@ void Books::compareLeftovers() {
   const auto names = world_.files.list(kCacheDirectory);
   const bool left = !world_.temporaryFiles().empty() ||
                     std::any_of(names.begin(), names.end(), [](const std::string& name) {
-                      return name.starts_with(kMemoryReportPrefix);
+                      return name.starts_with(kMemoryReports.unfinished.prefix);
                     });
   require(!left || leftovers_ || !removed, "a temporary file was left behind");
   leftovers_ = left;
