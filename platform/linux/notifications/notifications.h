@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,12 +24,20 @@ std::optional<uint64_t> parseNotificationState(std::string_view text);
 /// write into the directory can post.
 ///
 /// `subscribe` may be called on any thread; what is posted from then on is delivered. A subscription belongs
-/// to its queue: it is destroyed there.
+/// to its queue: it is destroyed there. One thread watches for all of them, and tries again where the kernel
+/// refuses.
 class LinuxNotifications final : public platform::Notifications {
  public:
+  explicit LinuxNotifications(std::chrono::milliseconds retryDelay = std::chrono::seconds(5));
+  ~LinuxNotifications() override;
+
   std::unique_ptr<platform::Subscription> subscribe(std::string_view name, platform::WorkQueue& queue,
                                                     platform::Task handler) override;
   void take(std::string_view name) override;
+
+ private:
+  class Watcher;
+  const std::unique_ptr<Watcher> watcher_;
 };
 
 }  // namespace quorveld::linux_platform
