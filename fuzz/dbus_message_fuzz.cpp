@@ -24,6 +24,7 @@ constexpr int32_t kPid = 501;
 class FuzzPeer final : public platform::Peer {
  public:
   int32_t pid() const override { return kPid; }
+  uint32_t uid() const override { return 1000; }
   void setHandler(std::function<void(const platform::IpcEvent&)>) override {}
   void resume() override {}
   void disconnect() override {}
