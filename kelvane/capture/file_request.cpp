@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "kelvane/base/limits.h"
 #include "kelvane/threads/mapped_file.h"
 
 namespace kelvane {
