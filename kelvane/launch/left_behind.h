@@ -14,7 +14,7 @@ namespace kelvane {
 /// but the kernel may hold one up for as long as a server of files likes, and no signal ends it then.
 ///
 /// Each costs this process one descriptor, two if the program itself is held up. Whoever makes processes that
-/// freeze what looks at them spends his own user's share. From any thread.
+/// freeze what looks at them spends his own user's share. From any thread; captures under way don't count.
 class LeftBehind {
  public:
   /// Why the process must not be looked at now; empty: it may. Forgets those that have gone.
