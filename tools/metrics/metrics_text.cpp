@@ -73,6 +73,14 @@ std::string label(const Sample& sample, const char* name) {
   return found == sample.labels.end() ? "" : found->second;
 }
 
+/// How many there were; nothing for what is no count.
+std::optional<uint64_t> countOf(const Sample& sample) {
+  constexpr double kBeyond = 0x1p64;
+  if (!(sample.value >= 0 && sample.value < kBeyond))
+    return std::nullopt;  // false for what is no number, too
+  return static_cast<uint64_t>(sample.value);
+}
+
 bool add(const Sample& sample, Metrics& metrics) {
   constexpr std::string_view kDistribution = "quorveld_distribution_ms";
   const std::string key = label(sample, "key");
@@ -83,10 +91,15 @@ bool add(const Sample& sample, Metrics& metrics) {
   const std::string_view part = std::string_view(sample.name).substr(kDistribution.size());
   Distribution& distribution = metrics.distributions[key];
   if (part == "_sum") distribution.sumMs = sample.value;
-  if (part == "_count") distribution.count = static_cast<uint64_t>(sample.value);
-  if (part != "_bucket") return true;
+  if (part != "_count" && part != "_bucket") return true;
+  const std::optional<uint64_t> count = countOf(sample);
+  if (!count) return false;
+  if (part == "_count") {
+    distribution.count = *count;
+    return true;
+  }
   const std::optional<double> limit = parseNumber(label(sample, "le"));
-  if (limit) distribution.upTo.emplace_back(*limit, static_cast<uint64_t>(sample.value));
+  if (limit) distribution.upTo.emplace_back(*limit, *count);
   return limit.has_value();
 }
 

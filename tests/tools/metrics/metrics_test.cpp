@@ -31,8 +31,11 @@ TEST(MetricsText, ReadsTheDaemonsFamilies) {
 }
 
 TEST(MetricsText, SaysWhichLineIsBroken) {
-  for (const char* broken : {"quorveld_scalar{key=\"a} 1", "quorveld_scalar", "quorveld_scalar{key=\"a\"} x",
-                             "quorveld_scalar{key}", "quorveld_distribution_ms_bucket{key=\"a\"} 1"}) {
+  for (const char* broken :
+       {"quorveld_scalar{key=\"a} 1", "quorveld_scalar", "quorveld_scalar{key=\"a\"} x",
+        "quorveld_scalar{key}", "quorveld_distribution_ms_bucket{key=\"a\"} 1",
+        "quorveld_distribution_ms_count{key=\"a\"} -3", "quorveld_distribution_ms_count{key=\"a\"} nan",
+        "quorveld_distribution_ms_bucket{key=\"a\",le=\"1\"} 1e30"}) {
     size_t line = 0;
     EXPECT_FALSE(quorvelctl::parseMetrics(std::string("good 1\n") + broken, line)) << broken;
     EXPECT_EQ(line, 2u);
