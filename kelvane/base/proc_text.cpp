@@ -95,7 +95,11 @@ int64_t parseClockOffset(std::string_view text, std::string_view clock) {
     line = trimmed(line);
     auto seconds = parseNumber<int64_t>(takeUntil(line, ' '));
     auto nanoseconds = parseNumber<int64_t>(trimmed(line));
-    return seconds && nanoseconds ? *seconds * 1'000'000'000 + *nanoseconds : 0;
+    int64_t offset = 0;
+    const bool fits = seconds && nanoseconds &&
+                      !__builtin_mul_overflow(*seconds, int64_t{1'000'000'000}, &offset) &&
+                      !__builtin_add_overflow(offset, *nanoseconds, &offset);
+    return fits ? offset : 0;
   }
   return 0;
 }

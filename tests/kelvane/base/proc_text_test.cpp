@@ -44,7 +44,7 @@ TEST(ProcText, AClockOfATimeNamespaceIsAheadOfTheKernels) {
   const std::string offsets = "monotonic        -300 250000000\nboottime         7         0\n";
   EXPECT_EQ(parseClockOffset(offsets, "monotonic"), -299'750'000'000);
   EXPECT_EQ(parseClockOffset(offsets, "boottime"), 7'000'000'000);
-  for (const char* broken : {"", "boottime", "boottime 7", "boottime 7 x"}) {
+  for (const char* broken : {"", "boottime", "boottime 7", "boottime 7 x", "boottime 9223372037 0"}) {
     EXPECT_EQ(parseClockOffset(broken, "boottime"), 0) << broken;
   }
 }
