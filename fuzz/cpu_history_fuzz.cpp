@@ -6,6 +6,7 @@
 #include "fuzz/event_formats.h"
 #include <cstdint>
 #include <cstdlib>
+#include <span>
 #include <string>
 
 #include "kelvane/recording/cpu_history.h"
@@ -59,5 +60,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(event.atNs >= lastNs);
     lastNs = event.atNs;
   }
+  decoder.takeNames();
+  const size_t end = cpu.pages.end();
+  require(cpu.pages.append(std::span(data, size).first(size / kPageBytes * kPageBytes)));
+  require(cpu.pages.end() == end + size / kPageBytes);
   return 0;
 }
