@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 #include "base/limits.h"
@@ -30,6 +31,16 @@ template <typename Sink>
   sink(text);
 }
 
+/// The same, uncut: for whoever has asked for debug lines, which list whole records.
+template <typename Sink>
+[[gnu::format(printf, 1, 0)]] void withWholeText(const char* format, va_list arguments, const Sink& sink) {
+  char* text = nullptr;
+  const int length = vasprintf(&text, format, arguments);
+  if (length < 0) return;
+  sink(std::string_view(text, static_cast<size_t>(length)));
+  std::free(text);
+}
+
 [[gnu::format(printf, 3, 0)]] void write(platform::LogHandle& handle, LogLevel level, const char* format,
                                          va_list arguments) {
   if (!handle.enabled(level)) return;
@@ -55,7 +66,10 @@ void Log::info(const char* format, ...) const {
 void Log::debug(const char* format, ...) const {
   va_list arguments;
   va_start(arguments, format);
-  write(*handle_, LogLevel::debug, format, arguments);
+  if (handle_->enabled(LogLevel::debug)) {
+    withWholeText(format, arguments,
+                  [this](std::string_view text) { handle_->write(LogLevel::debug, text); });
+  }
   va_end(arguments);
 }
 

@@ -7,7 +7,7 @@
 namespace quorveld {
 
 /// Formats lines for one log handle. A cheap value; from any thread. A null `%s` argument prints as "(null)";
-/// a line is cut off behind kMaxLogTextBytes, whoever's text made it long.
+/// a line is cut off behind kMaxLogTextBytes, whoever's text made it long, but for debug lines.
 class Log {
  public:
   explicit Log(platform::LogHandle& handle) : handle_(&handle) {}

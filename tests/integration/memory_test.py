@@ -10,7 +10,7 @@ import sys
 import time
 import unittest
 
-from scratch import CACHE, CTL, DAEMON, ScratchTest
+from scratch import CACHE, CTL, ScratchTest
 from waiting import PATIENCE, until
 
 PAGE = os.sysconf("SC_PAGE_SIZE")
@@ -283,8 +283,7 @@ class Refused(ScratchTest):
         logs = daemon.root / LOGS
         logs.mkdir(parents=True)
         if prefix:
-            # Where the build is, nobody else may be allowed to look.
-            daemon.executable = shutil.copy(DAEMON, daemon.root / "quorveld")
+            daemon.copy_programs()
             subprocess.run(["chown", "-R", "65534:65534", daemon.root], check=True)
         daemon.start()
         daemon.wait_for("No memory snapshot without /proc/slabinfo: Permission denied")

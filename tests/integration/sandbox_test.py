@@ -10,7 +10,6 @@ import sys
 import tempfile
 import unittest
 
-import scratch
 from dbus_peer import Fd, Peer
 from scratch import Region, ScratchTest
 from waiting import until
@@ -46,7 +45,7 @@ class Sandbox(ScratchTest):
             self.skipTest(f"the walls can't be put up here: {tried.stderr.splitlines()[-1] if tried else 'needs root'}")
         daemon = self.daemon(start=False, QuorvelHangTimeoutDuration=1000.0, **preferences)
         # The build may lie in a home, which is hidden.
-        daemon.executable = shutil.copy(scratch.DAEMON, daemon.root / "quorveld")
+        daemon.copy_programs()
         daemon.root.chmod(0o755)
         daemon.prefix = wrapper
         return daemon.start()

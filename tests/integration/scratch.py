@@ -47,6 +47,12 @@ class Scratch:
             shutil.copytree(pathlib.Path(KELVANE).parent / "quorveld", self.root / "usr/lib/quorveld")
         self.write_preferences(QuorvelEnabled=True, QuorvelEnableKelvane=True, **preferences)
 
+    def copy_programs(self):
+        """The daemon's own, below the root: nobody else may be allowed to look where the build is."""
+        (self.root / "sbin").mkdir()
+        self.executable = shutil.copy(DAEMON, self.root / "sbin/quorveld")
+        shutil.copytree(pathlib.Path(DAEMON).parent.parent / "libexec", self.root / "libexec")
+
     # --- what it finds -------------------------------------------------------------------------------------------------
 
     def preferences_path(self, domain="com.corvix.telvo"):

@@ -1,10 +1,8 @@
 """Lesser machines: no root, no BPF, no tracefs, a /proc that hides. What is readable is used; what is missing is said once."""
 import os
-import shutil
 import subprocess
 import unittest
 
-import scratch
 from launcher import LOGGING, Busy, activation
 from scratch import ScratchTest
 
@@ -21,8 +19,7 @@ class Unprivileged(ScratchTest):
     def unprivileged_daemon(self, prefix=()):
         daemon = self.daemon(start=False)
         if os.getuid() == 0:
-            # Where the build is, nobody else may be allowed to look.
-            daemon.executable = shutil.copy(scratch.DAEMON, daemon.root / "quorveld")
+            daemon.copy_programs()
             for folder, _, files in os.walk(daemon.root):
                 for path in [folder, *(os.path.join(folder, name) for name in files)]:
                     os.chown(path, NOBODY, NOBODY)
