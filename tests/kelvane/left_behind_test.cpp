@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -11,6 +14,7 @@
 #include <thread>
 
 #include "kelvane/base/limits.h"
+#include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "tests/kelvane/frozen_targets.h"
 #include "tests/kelvane/hang_target.h"
@@ -92,6 +96,26 @@ TEST(LeftBehind, AFrozenProcessCostsItsOwnReportsAlone) {
   EXPECT_TRUE(eventually([] { return captureProcesses().empty(); }));
   dumpOf(victim.pid(), victim.thread());
   EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+/// As the daemon's does against a second one.
+TEST(LeftBehind, TheCallersEndFreesItsLock) {
+  FrozenTargets frozen("runs-file", {kRoot});
+  if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
+  ASSERT_TRUE(captureProcesses().empty());
+  const std::string path = testing::TempDir() + "kelvane-lock-" + std::to_string(getpid());
+  const pid_t caller = fork();
+  if (caller == 0) {
+    const int lock = open(path.c_str(), O_RDWR | O_CREAT, 0600);  // without close-on-exec
+    _exit(flock(lock, LOCK_EX) == 0 && dumpOf(frozen.pid(0), frozen.thread(0)).whole ? 0 : 1);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(caller, &status, 0), caller);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(captureProcesses().size(), 1u);
+  const kelvane::UniqueFd lock(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0);
+  unlink(path.c_str());
 }
 
 /// The process without rights, in which foreign files are read.
