@@ -11,7 +11,6 @@
 #include "kelvane/launch/left_behind.h"
 #include "kelvane/report/dump_request.h"
 #include "kelvane/report/json_writer.h"
-#include "kelvane/report/make_report.h"
 #include "kelvane/report/report.h"
 #include "kelvane/report/report_file.h"
 

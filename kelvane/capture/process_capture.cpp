@@ -1,7 +1,6 @@
 #include "kelvane/capture/process_capture.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>

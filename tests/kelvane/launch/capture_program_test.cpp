@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -6,9 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/launch/arguments.h"
@@ -33,7 +32,7 @@ class OtherProgram {
       std::ofstream(program) << "#!/bin/sh\n" << script << "\n";
       chmod(program.c_str(), 0700);
     }
-    library_.emplace(library.c_str());
+    library_ = std::make_unique<Library>(library.c_str());
   }
   ~OtherProgram() { std::filesystem::remove_all(folder_); }
 
@@ -41,7 +40,7 @@ class OtherProgram {
 
  private:
   std::string folder_ = testing::TempDir() + "kelvane-XXXXXX";
-  std::optional<Library> library_;
+  std::unique_ptr<Library> library_;
 };
 
 TEST(CaptureProgram, WithoutItsReportThereIsOneOfTheHeaderThatSaysWhy) {
@@ -100,13 +99,13 @@ TEST(CaptureProgram, UnderstandsWhatTheLibraryAsks) {
   asked.symbolicate = false;
   asked.minTicks = 5;
   asked.maxTicks = UINT64_MAX;
-  const auto order = kelvane::readOrder("{\"PID\":7}", kelvane::argumentsOf(asked, "it = held up"));
-  ASSERT_TRUE(order);
-  EXPECT_EQ(order->request.pid, 7);
-  EXPECT_FALSE(order->request.symbolicate);
-  EXPECT_EQ(order->request.minTicks, asked.minTicks);
-  EXPECT_EQ(order->request.maxTicks, asked.maxTicks);
-  EXPECT_EQ(order->notLooking, "it = held up");
+  const kelvane::Order order = kelvane::readOrder("{\"PID\":7}", kelvane::argumentsOf(asked, "it = held up"))
+                                   .value_or(kelvane::Order{});
+  EXPECT_EQ(order.request.pid, 7);
+  EXPECT_FALSE(order.request.symbolicate);
+  EXPECT_EQ(order.request.minTicks, asked.minTicks);
+  EXPECT_EQ(order.request.maxTicks, asked.maxTicks);
+  EXPECT_EQ(order.notLooking, "it = held up");
   for (const char* wrong : {"", "names=", "min=", "max=-1", "min=9x", "max=99999999999999999999", "new=1"}) {
     EXPECT_FALSE(kelvane::readOrder("", {wrong})) << wrong;
   }

@@ -55,7 +55,10 @@ TEST(Rights, WithoutThemMemoryAndOpenDescriptorsAreAllThereIs) {
       {"fork", [] { fork(); }},
       {"exec", [] { execl("/bin/true", "true", nullptr); }},
       {"runnable memory",
-       [] { mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0); }},
+       [] {
+         [[maybe_unused]] void* code =
+             mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+       }},
   };
   for (const auto& [name, work] : forbidden) {
     const int status = endOf(work);
