@@ -75,6 +75,7 @@ void MessageDispatcher::handlePeerEvent(platform::Peer& peer, const platform::Ip
     const IpcError& error = *std::get<const IpcError*>(event);
     if (error.kind == IpcErrorKind::connectionInvalid) {
       log.info("Client disconnected: %d", peer.pid());
+      unheard_.erase(&peer);
       stopWatching(peer);
     } else if (error.kind == IpcErrorKind::terminationImminent) {
       log.info("Termination imminent!");
@@ -165,7 +166,19 @@ void MessageDispatcher::hangDetected(int32_t peerPid, const IpcMessage& message)
   }
 }
 
+bool MessageDispatcher::isHeard(const platform::Peer& peer, const IpcMessage& message) {
+  const auto pid = static_cast<int32_t>(message.int64(QV_KEY_PID));
+  if (peer.mayAnnounce(pid)) return true;
+  if (unheard_.insert(&peer).second) {
+    quorvelLog().standard(
+        "QVActivationStats: Not hearing pid %d of user %u: the launched pid %d is another user's", peer.pid(),
+        peer.uid(), pid);
+  }
+  return false;
+}
+
 void MessageDispatcher::activationBegin(const platform::Peer& peer, const IpcMessage& message) {
+  if (!isHeard(peer, message)) return;
   const Log log = quorvelLog();
   log.debug("QVActivationStats: Noting an app activation begin");
   const auto pid = static_cast<int32_t>(message.int64(QV_KEY_PID));
@@ -191,6 +204,7 @@ void MessageDispatcher::activationBegin(const platform::Peer& peer, const IpcMes
 }
 
 void MessageDispatcher::activationEnd(const platform::Peer& peer, const IpcMessage& message) {
+  if (!isHeard(peer, message)) return;
   const Log log = quorvelLog();
   log.debug("QVActivationStats: Noting an app activation end");
   const auto pid = static_cast<int32_t>(message.int64(QV_KEY_PID));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <vector>
 
 #include "core/fence_table.h"
@@ -28,13 +29,16 @@ class MessageDispatcher {
   void startWatching(platform::Peer& peer, const platform::IpcMessage& message);
   void stopWatching(platform::Peer& peer);
   void hangDetected(int32_t peerPid, const platform::IpcMessage& message);
-  static void activationBegin(const platform::Peer& peer, const platform::IpcMessage& message);
-  static void activationEnd(const platform::Peer& peer, const platform::IpcMessage& message);
+  void activationBegin(const platform::Peer& peer, const platform::IpcMessage& message);
+  void activationEnd(const platform::Peer& peer, const platform::IpcMessage& message);
+  /// Whether the peer may announce the message's process; if not, that is said once.
+  bool isHeard(const platform::Peer& peer, const platform::IpcMessage& message);
   void fenceBegin(const platform::IpcMessage& message);
   void fenceEnd(const platform::IpcMessage& message);
   static void fenceBlown(const platform::IpcMessage& message);
 
   FenceTable fences_;
+  std::set<const platform::Peer*> unheard_;  ///< connected, and told the log of
   std::vector<platform::Peer*> registered_;  ///< those that are to be watched, connected all of them
 };
 

@@ -25,6 +25,7 @@ class FuzzPeer final : public platform::Peer {
  public:
   int32_t pid() const override { return kPid; }
   uint32_t uid() const override { return 1000; }
+  bool mayAnnounce(int32_t launchedPid) const override { return launchedPid != 1; }
   void setHandler(std::function<void(const platform::IpcEvent&)>) override {}
   void resume() override {}
   void disconnect() override {}

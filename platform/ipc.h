@@ -95,6 +95,10 @@ class Peer {
   /// The user who connected, likewise.
   virtual uint32_t uid() const = 0;
 
+  /// Whether it may speak of that process's launches: of its own user's, of one that has ended, of any where
+  /// the system says so.
+  virtual bool mayAnnounce(int32_t launchedPid) const = 0;
+
   /// Sets what receives this peer's events, on the listener's queue. After connectionInvalid no further event
   /// comes.
   virtual void setHandler(std::function<void(const IpcEvent&)> handler) = 0;

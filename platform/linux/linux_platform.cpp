@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,6 +33,14 @@ UniqueFd takeInstanceLock(std::string& error) {
   return {};
 }
 
+/// Started without one of them, the next file that is opened would be taken for it, and be written over.
+void holdStandardDescriptors() {
+  int fd;
+  do fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
 void prepareProcess() {
   signal(SIGPIPE, SIG_IGN);  // a client or a log reader that has gone is an error of the write, not our end
   rlimit limit{};
@@ -43,6 +52,7 @@ void prepareProcess() {
 }  // namespace
 
 std::unique_ptr<LinuxPlatform> LinuxPlatform::create(std::string& error) {
+  holdStandardDescriptors();
   holdMainSignals();  // a reload that is asked for this early waits, rather than ending the process
   UniqueFd lock = takeInstanceLock(error);
   if (!lock) return nullptr;

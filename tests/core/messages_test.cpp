@@ -207,5 +207,27 @@ TEST(Messages, WhatElseTheListenerDelivers) {
   EXPECT_TRUE(lines[3].starts_with("quorveld: unknown event type : 0x")) << lines[3];
 }
 
+TEST(Messages, LaunchesOfAnotherUsersProcessAreNotHeardWhichIsSaidOnceAPeer) {
+  World world;
+  world.ipc.processesOfRoot = {8};
+  const auto announce = [&](const sim::SimClient& client, int64_t command, int64_t pid) {
+    client.send(
+        {{"command", command}, {"pid", pid}, {"bundle-id", "b"}, {"app-activation-type", int64_t{1}}});
+    world.settle();
+  };
+  const sim::SimClient stranger = world.ipc.connect(900, 1000);
+  announce(stranger, 4, 8);
+  announce(stranger, 5, 8);
+  EXPECT_EQ(world.count(
+                Level::standard,
+                "QVActivationStats: Not hearing pid 900 of user 1000: the launched pid 8 is another user's"),
+            1);
+  EXPECT_FALSE(world.logged(Level::info, "QVActivationStats: b[8] activation begin (launch)"));
+  announce(stranger, 4, 9);
+  EXPECT_TRUE(world.logged(Level::info, "QVActivationStats: b[9] activation begin (launch)"));
+  announce(world.ipc.connect(1, 0), 4, 8);
+  EXPECT_TRUE(world.logged(Level::info, "QVActivationStats: b[8] activation begin (launch)"));
+}
+
 }  // namespace
 }  // namespace quorveld

@@ -66,10 +66,14 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
  public:
   using Arrival = std::variant<SimMessage, IpcError, IpcOddEvent>;
 
-  SimPeer(int32_t pid, uint32_t uid, platform::MainQueue& queue) : pid_(pid), uid_(uid), queue_(&queue) {}
+  SimPeer(const SimIpc& ipc, int32_t pid, uint32_t uid, platform::MainQueue& queue)
+      : ipc_(ipc), pid_(pid), uid_(uid), queue_(&queue) {}
 
   int32_t pid() const override { return pid_; }
   uint32_t uid() const override { return uid_; }
+  bool mayAnnounce(int32_t launchedPid) const override {
+    return uid_ == 0 || !ipc_.processesOfRoot.contains(launchedPid);
+  }
   void setHandler(std::function<void(const IpcEvent&)> handler) override { handler_ = std::move(handler); }
   void resume() override {
     resumed_ = true;
@@ -115,6 +119,7 @@ class SimPeer final : public platform::Peer, public std::enable_shared_from_this
     }
   }
 
+  const SimIpc& ipc_;
   int32_t pid_;
   uint32_t uid_;
   platform::MainQueue* queue_;
@@ -138,7 +143,7 @@ class SimListener final : public platform::Listener {
   void resume() override { resumed_ = true; }
 
   std::shared_ptr<SimPeer> accept(int32_t pid, uint32_t uid) {
-    peers_.push_back(std::make_shared<SimPeer>(pid, uid, queue_));
+    peers_.push_back(std::make_shared<SimPeer>(ipc_, pid, uid, queue_));
     post([this, peer = peers_.back()] { handler_(ListenerEvent(std::shared_ptr<platform::Peer>(peer))); });
     return peers_.back();
   }

@@ -70,7 +70,8 @@ class SimIpc final : public platform::Ipc {
   void oddListenerEvent(std::string description);
   const std::string& serviceName() const { return serviceName_; }
 
-  int32_t errorPid = 0;  ///< what the peer-pid query answers when handed an error
+  std::set<int32_t> processesOfRoot;  ///< whose launches no other user may announce
+  int32_t errorPid = 0;               ///< what the peer-pid query answers when handed an error
 
  private:
   friend class SimListener;

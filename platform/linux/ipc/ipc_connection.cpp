@@ -8,6 +8,8 @@
 #include <span>
 #include <utility>
 
+#include "platform/linux/ipc/launchers.h"
+
 namespace quorveld::linux_platform {
 
 using platform::IpcError;
@@ -29,6 +31,13 @@ IpcConnection::IpcConnection(uint32_t number, UniqueFd socket, ClientProcess pro
       server_(server),
       event_(event),
       scratch_(std::move(scratch)) {}
+
+bool IpcConnection::mayAnnounce(int32_t launchedPid) const {
+  constexpr uint32_t kRoot = 0;
+  if (process_.uid == kRoot) return true;
+  const std::optional<uint32_t> launched = userOfProcess(launchedPid);
+  return !launched || *launched == process_.uid || (isOpen() && isLauncher(socket_.get()));
+}
 
 void IpcConnection::setHandler(std::function<void(const IpcEvent&)> handler) {
   if (isOpen()) handler_ = std::move(handler);

@@ -61,6 +61,7 @@ class IpcConnection final : public platform::Peer, public std::enable_shared_fro
   int socket() const { return socket_.get(); }
   int32_t pid() const override { return process_.pid; }
   uint32_t uid() const override { return process_.uid; }
+  bool mayAnnounce(int32_t launchedPid) const override;
   HandshakeState handshake() const { return handshake_; }
   void setHandshake(HandshakeState state) { handshake_ = state; }
   /// Whether what it sends is wanted by now.

@@ -1,7 +1,6 @@
 #include "platform/linux/processes/kernel.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,18 +12,10 @@ namespace quorveld::linux_platform {
 
 namespace {
 
+/// The kernel appends it to the path of a file that has been unlinked or replaced (d_path). A file may also be
+/// named so; to find out would be to look up a path that somebody else has chosen, and to wait for whoever
+/// answers there.
 constexpr std::string_view kDeletedSuffix = " (deleted)";
-
-/// The kernel appends the suffix to the path of a file that has been unlinked or replaced; a file may also
-/// be named so, and then it is still what the path names.
-bool isDeletedMark(const std::string& link, const std::string& target) {
-  if (!target.ends_with(kDeletedSuffix)) return false;
-  struct stat running {};
-  struct stat named {};
-  const bool same = ::stat(link.c_str(), &running) == 0 && ::lstat(target.c_str(), &named) == 0 &&
-                    running.st_dev == named.st_dev && running.st_ino == named.st_ino;
-  return !same;
-}
 
 }  // namespace
 
@@ -36,7 +27,7 @@ std::optional<std::string> LinuxKernel::executablePath(int32_t pid) {
   const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size());
   if (length <= 0) return std::nullopt;
   std::string target(buffer.data(), static_cast<size_t>(length));
-  if (isDeletedMark(link, target)) target.resize(target.size() - kDeletedSuffix.size());
+  if (target.ends_with(kDeletedSuffix)) target.resize(target.size() - kDeletedSuffix.size());
   return target;
 }
 
