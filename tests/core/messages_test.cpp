@@ -218,7 +218,7 @@ TEST(Messages, LaunchesOfAnotherUsersProcessAreNotHeardWhichIsSaidOnceAPeer) {
   const sim::SimClient stranger = world.ipc.connect(900, 1000);
   announce(stranger, 4, 8);
   announce(stranger, 5, 8);
-  EXPECT_EQ(world.count(
+  EXPECT_EQ(world.logs.count(
                 Level::standard,
                 "QVActivationStats: Not hearing pid 900 of user 1000: the launched pid 8 is another user's"),
             1);
