@@ -33,12 +33,14 @@ UniqueFd takeInstanceLock(std::string& error) {
   return {};
 }
 
-/// Started without one of them, the next file that is opened would be taken for it, and be written over.
-void holdStandardDescriptors() {
-  int fd;
-  do fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd >= 0) close(fd);
+/// Whoever starts the daemon may have closed these: the next file to be opened would be standard error, and
+/// lines of the log would go into it.
+void fillStandardDescriptors() {
+  UniqueFd filled;
+  do {
+    (void)filled.release();
+    filled.reset(open("/dev/null", O_RDWR));
+  } while (filled && filled.get() <= STDERR_FILENO);
 }
 
 void prepareProcess() {
@@ -52,7 +54,7 @@ void prepareProcess() {
 }  // namespace
 
 std::unique_ptr<LinuxPlatform> LinuxPlatform::create(std::string& error) {
-  holdStandardDescriptors();
+  fillStandardDescriptors();
   holdMainSignals();  // a reload that is asked for this early waits, rather than ending the process
   UniqueFd lock = takeInstanceLock(error);
   if (!lock) return nullptr;

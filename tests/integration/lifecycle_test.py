@@ -41,6 +41,17 @@ class Lifecycle(ScratchTest):
         daemon.start()
         self.assertTrue(daemon.alive())
 
+    def test_closed_standard_descriptors_are_nobody_elses(self):
+        daemon = self.daemon(start=False)
+        process = subprocess.Popen(["sh", "-c", 'exec "$0" <&- >&- 2>&-', DAEMON], env=daemon.environment())
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        until(lambda: os.path.exists(daemon.socket_path), "the socket")
+        for descriptor in range(3):
+            self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"), "/dev/null")
+        process.terminate()
+        self.assertEqual(process.wait(PATIENCE), 0)
+
     def test_every_source_off_ends_it_with_status_0_at_start_and_later(self):
         daemon = self.daemon(start=False)
         daemon.write_preferences(QuorvelEnabled=False, QuorvelSlowActKelvanesEnabled=True)

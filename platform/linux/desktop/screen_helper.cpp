@@ -15,6 +15,14 @@
 #include <memory>
 #include <string_view>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QUORVELD_SANITIZED 1
+#elif defined(__has_feature)
+#define QUORVELD_SANITIZED (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#else
+#define QUORVELD_SANITIZED 0
+#endif
+
 namespace quorveld::linux_platform {
 
 namespace {
@@ -68,7 +76,7 @@ std::optional<ScreenRequest> receiveRequest(int socket) {
 }
 
 bool limitResources() {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they map terabytes
+#if !QUORVELD_SANITIZED  // sanitizers map terabytes
   const rlimit memory{kMaxAddressSpaceBytes, kMaxAddressSpaceBytes};
   if (::setrlimit(RLIMIT_AS, &memory) != 0) return false;
 #endif
