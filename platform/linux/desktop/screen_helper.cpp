@@ -127,9 +127,11 @@ ScreenAnswer perform(const ScreenRequest& request) {
   sd_bus_message* raw = nullptr;
   result = sd_bus_call(bus.get(), call.get(), kReplyTimeoutUs, &error, &raw);
   const Message reply(raw);
+  const std::string failure = result >= 0 ? "" : error.message ? error.message : std::strerror(-result);
+  sd_bus_error_free(&error);
   // A refusal to close one means that the user has closed it already.
   if (!request.text) return {};
-  if (result < 0) return {0, error.message ? error.message : std::strerror(-result)};
+  if (!failure.empty()) return {0, failure};
   ScreenAnswer answer;
   if (sd_bus_message_read(raw, "u", &answer.shownId) < 0) answer.failure = "the answer holds no identifier";
   return answer;
