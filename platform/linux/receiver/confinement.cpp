@@ -29,16 +29,35 @@ constexpr uint32_t kArchitecture = 0;
 #endif
 
 /// Its work; then what memory allocation, an abort and a sanitizer's report take.
-constexpr long kAllowed[] = {SYS_recvmsg,       SYS_sendmsg,         SYS_sendto,         SYS_epoll_ctl,
-                             SYS_epoll_pwait,   SYS_timerfd_settime, SYS_fcntl,          SYS_close,
+constexpr long kAllowed[] = {SYS_recvmsg,
+                             SYS_sendmsg,
+                             SYS_sendto,
+                             SYS_epoll_ctl,
+                             SYS_epoll_pwait,
+                             SYS_timerfd_settime,
+                             SYS_fcntl,
+                             SYS_close,
                              SYS_clock_gettime,
 #ifdef SYS_epoll_wait
                              SYS_epoll_wait,
 #endif
-                             SYS_mmap,          SYS_munmap,          SYS_mremap,         SYS_mprotect,
-                             SYS_brk,           SYS_madvise,         SYS_futex,          SYS_write,
-                             SYS_getpid,        SYS_gettid,          SYS_tgkill,         SYS_exit,
-                             SYS_exit_group,    SYS_rt_sigreturn,    SYS_rt_sigprocmask, SYS_restart_syscall,
+                             SYS_mmap,
+                             SYS_munmap,
+                             SYS_mremap,
+                             SYS_mprotect,
+                             SYS_brk,
+                             SYS_madvise,
+                             SYS_futex,
+                             SYS_write,
+                             SYS_getpid,
+                             SYS_gettid,
+                             SYS_tgkill,
+                             SYS_exit,
+                             SYS_exit_group,
+                             SYS_rt_sigreturn,
+                             SYS_rt_sigprocmask,
+                             SYS_sigaltstack,
+                             SYS_restart_syscall,
                              SYS_sched_yield};
 
 void dropCapabilities() {
