@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -54,10 +56,11 @@ std::optional<uint32_t> userOfProcess(int32_t pid) {
   constexpr size_t kMaxBytes = 16384;
   constexpr std::string_view kField = "\nUid:\t";
   std::error_code error;
-  const auto status = readFile("/proc/" + std::to_string(pid) + "/status", kMaxBytes, error);
-  const size_t at = status ? status->find(kField) : std::string::npos;
+  const std::string status =
+      readFile("/proc/" + std::to_string(pid) + "/status", kMaxBytes, error).value_or("");
+  const size_t at = status.find(kField);
   if (at == std::string::npos) return std::nullopt;
-  return static_cast<uint32_t>(std::strtoul(status->c_str() + at + kField.size(), nullptr, 10));
+  return static_cast<uint32_t>(std::strtoul(status.c_str() + at + kField.size(), nullptr, 10));
 }
 
 }  // namespace quorveld::linux_platform

@@ -9,7 +9,6 @@
 #include <sys/timerfd.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>

@@ -3,8 +3,6 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
-#include <algorithm>
-#include <array>
 #include <cstring>
 #include <utility>
 

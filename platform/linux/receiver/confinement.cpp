@@ -13,7 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <iterator>
+#include <cstdint>
 #include <vector>
 
 namespace quorveld::linux_platform {

@@ -119,7 +119,7 @@ void Receiver::giveTurn(uint32_t number) {
   flush();
   if (connection.handshake() != before)
     send({PacketKind::stage, number, static_cast<uint32_t>(connection.handshake())});
-  if (connection.ended()) return end(number, *connection.ended());
+  if (const auto reason = connection.ended()) return end(number, *reason);
   if (next == ReceivedConnection::Next::again) turns_.push_back(number);
   if (next == ReceivedConnection::Next::waitBut)
     beginnings_.push_back({Clock::now() + kBeginningStays, number});
