@@ -38,10 +38,11 @@ bool dump(int fd, const kelvane_options* options) {
   if (!file->isOpen()) return false;
   const std::string reason = reasonOf(options);
   DumpRequest request = parseRequest(options);
-  const std::string notLooking = request.pid ? leftBehind.whyNotLook(*request.pid) : "";
+  uid_t user = 0;
+  const std::string notLooking = request.pid ? leftBehind.whyNotLook(*request.pid, user) : "";
   CaptureProgram program(reason, argumentsOf(request, notLooking));
   std::string failure = program.await();
-  leftBehind.add(request.pid.value_or(0), program);
+  leftBehind.add(request.pid.value_or(0), user, program);
   if (failure.empty()) failure = copyReport(program.report(), *file);
   if (!failure.empty()) {
     file.emplace(fd);

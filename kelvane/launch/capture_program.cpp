@@ -84,11 +84,12 @@ struct Execution {
   _exit(kNotExecuted);
 }
 
-/// A process that shares nothing with this one and sends no signal when it ends.
+/// A process that shares nothing with this one and sends no signal when it ends. This thread waits until it
+/// executes: before that, it must not be the last one to hold what is this process's.
 UniqueFd startProcess(const Execution& execution) {
   const SignalsBlocked blocked;
   int raw = -1;
-  const long child = syscall(SYS_clone, CLONE_PIDFD, nullptr, &raw, nullptr, nullptr);
+  const long child = syscall(SYS_clone, CLONE_PIDFD | CLONE_VFORK, nullptr, &raw, nullptr, nullptr);
   if (child == 0) execute(execution);
   return UniqueFd(child < 0 ? -1 : raw);
 }

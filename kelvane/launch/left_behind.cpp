@@ -1,22 +1,28 @@
 #include "kelvane/launch/left_behind.h"
 
+#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "kelvane/base/limits.h"
+#include "kelvane/base/proc_files.h"
 
 namespace kelvane {
 namespace {
 
-/// Whose the process is; nobody's number if it has ended.
+/// Whose the process is, by its real user; nobody's number if it has ended.
 uid_t userOf(pid_t pid) {
-  struct stat status {};
-  return stat(("/proc/" + std::to_string(pid)).c_str(), &status) == 0 ? status.st_uid
-                                                                      : static_cast<uid_t>(-1);
+  constexpr std::string_view kField = "\nUid:\t";
+  const std::string status =
+      readFileAt(AT_FDCWD, ("/proc/" + std::to_string(pid) + "/status").c_str(), kMaxProcFileBytes).text;
+  const size_t at = status.find(kField);
+  if (at == std::string::npos) return static_cast<uid_t>(-1);
+  return static_cast<uid_t>(std::strtoul(status.c_str() + at + kField.size(), nullptr, 10));
 }
 
 }  // namespace
@@ -32,13 +38,13 @@ bool LeftBehind::hasGone(Capture& capture) {
   return poll(&life, 1, 0) > 0;
 }
 
-std::string LeftBehind::whyNotLook(pid_t pid) {
+std::string LeftBehind::whyNotLook(pid_t pid, uid_t& user) {
+  user = userOf(pid);
   const std::lock_guard lock(mutex_);
   std::erase_if(captures_, hasGone);
   const auto heldUp = [](const std::string& whose) { return whose + " still held up in the kernel"; };
   if (std::any_of(captures_.begin(), captures_.end(), [&](const Capture& one) { return one.pid == pid; }))
     return heldUp("an earlier capture of it is");
-  const uid_t user = userOf(pid);
   const auto ofUser =
       std::count_if(captures_.begin(), captures_.end(), [&](const Capture& one) { return one.user == user; });
   if (static_cast<size_t>(ofUser) >= kMaxLeftBehindOfUser)
@@ -47,8 +53,8 @@ std::string LeftBehind::whyNotLook(pid_t pid) {
   return {};
 }
 
-void LeftBehind::add(pid_t pid, CaptureProgram& program) {
-  Capture capture{pid, userOf(pid), program.takeLife(), program.takeProcess()};
+void LeftBehind::add(pid_t pid, uid_t user, CaptureProgram& program) {
+  Capture capture{pid, user, program.takeLife(), program.takeProcess()};
   if (!capture.life) return;
   // What has been ended takes a moment to go.
   pollfd life{capture.life.get(), POLLIN, 0};

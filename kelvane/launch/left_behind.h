@@ -17,10 +17,11 @@ namespace kelvane {
 /// freeze what looks at them spends his own user's share. From any thread; captures under way don't count.
 class LeftBehind {
  public:
-  /// Why the process must not be looked at now; empty: it may. Forgets those that have gone.
-  std::string whyNotLook(pid_t pid);
-  /// Keeps what the capture of `pid` leaves, if it hasn't gone.
-  void add(pid_t pid, CaptureProgram& capture);
+  /// Why the process must not be looked at now; empty: it may. Forgets those that have gone. `user` becomes
+  /// whose it is, which can't be asked any more when the capture is over.
+  std::string whyNotLook(pid_t pid, uid_t& user);
+  /// Keeps what the capture of that process leaves, if it hasn't gone.
+  void add(pid_t pid, uid_t user, CaptureProgram& capture);
 
  private:
   struct Capture {

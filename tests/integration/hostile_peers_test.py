@@ -119,12 +119,26 @@ class HeldUp(ScratchTest):
             self.assertLess(self.neighbour_waits_s(times, ended), 0.25)
             until(lambda: attacker.socket.recv(1) == b"", "the attacker's end")
 
+        # In the turn in which it says who it is, registers, and sends what holds the receiver up: it is forgotten all the same.
+        before = len(self.scratch.lines("Client disconnected: "))
+        hasty = socket.socket(socket.AF_UNIX)
+        hasty.connect(self.scratch.socket_path)
+        two, _ = call(9, "Message", {"command": Int64(1), "shmem": Fd(0), "other": Fd(0), "name": "hasty"})
+        sender, keeps = lingering()
+        self.addCleanup(keeps.close)
+        hello = b"\0AUTH EXTERNAL 30\r\nNEGOTIATE_UNIX_FD\r\nBEGIN\r\n"
+        socket.send_fds(hasty, [hello + two[:2]], [Region().fd, sender.fileno()])
+        sender.close()
+        hasty.sendall(two[2:])
+        self.assertLess(self.neighbour_waits_s(4, ended), 0.25)
+        until(lambda: len(self.scratch.lines("Client disconnected: ")) > before, "the hasty client's end")
+
         # Unread in a socket that its client has closed.
         silent = socket.socket(socket.AF_UNIX)
         silent.connect(self.scratch.socket_path)
         self.give_away(silent, b"\0A")
         silent.close()
-        self.assertLess(self.neighbour_waits_s(4, "Ending the receiver of user"), 0.25)
+        self.assertLess(self.neighbour_waits_s(5, "Ending the receiver of user"), 0.25)
 
     def test_the_daemon_ends_at_once_while_a_receiver_cannot(self):
         attacker = self.peer(self.scratch)

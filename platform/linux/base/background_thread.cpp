@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -62,7 +63,11 @@ void BackgroundThread::run(const std::shared_ptr<State>& state) {
     lock.lock();
     // With the lock held: the destructor waits for one that has begun.
     if (!state->ending) done(result);
+    std::optional finished(std::move(state->jobs.front()));
     state->jobs.pop_front();
+    lock.unlock();
+    finished.reset();  // what it held may take its time to go
+    lock.lock();
   }
   state->ended = true;
   state->changed.notify_all();

@@ -36,7 +36,9 @@ bool IpcConnection::mayAnnounce(int32_t launchedPid) const {
   constexpr uint32_t kRoot = 0;
   if (process_.uid == kRoot) return true;
   const std::optional<uint32_t> launched = userOfProcess(launchedPid);
-  return !launched || *launched == process_.uid || (isOpen() && isLauncher(socket_.get()));
+  if (!launched || *launched == process_.uid) return true;
+  if (!isLauncher_) isLauncher_ = isOpen() && isLauncher(socket_.get());
+  return *isLauncher_;
 }
 
 void IpcConnection::setHandler(std::function<void(const IpcEvent&)> handler) {
@@ -45,9 +47,8 @@ void IpcConnection::setHandler(std::function<void(const IpcEvent&)> handler) {
 
 void IpcConnection::resume() {
   if (!isOpen() || std::exchange(resumed_, true)) return;
-  if (!process_.pidFd) {
-    stopListening();
-  } else {
+  if (process_.hasEnded) stopListening();
+  if (process_.pidFd) {
     sd_event_source* source = nullptr;
     const int result = sd_event_add_io(event_, &source, process_.pidFd.get(), EPOLLIN, processEnded, this);
     if (result < 0) return end(strerrordesc_np(-result));
@@ -70,6 +71,7 @@ void IpcConnection::stopListening() {
 
 void IpcConnection::take(std::string_view frames, MemoryState state, UniqueFd memory) {
   const auto held = shared_from_this();  // a handler may drop it
+  handshake_ = HandshakeState::done;     // though that is only said at the end of the turn
   ReceivedMemory& received = scratch_->memories.front();
   received.receive(std::move(memory), state);
   while (isOpen()) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -44,8 +45,9 @@ class ConnectionServer {
 struct ClientProcess {
   int32_t pid = 0;
   uint32_t uid = 0;
-  /// Readable once it has ended (pidfd_open(2)); none of a process that had ended before it was looked at.
+  /// Readable once it has ended (pidfd_open(2)); none where that can't be had.
   UniqueFd pidFd;
+  bool hasEnded = false;  ///< before it was looked at
 };
 
 /// One client at the other end of a D-Bus connection without a bus. Main queue only.
@@ -97,6 +99,7 @@ class IpcConnection final : public platform::Peer, public std::enable_shared_fro
   sd_event* const event_;
   HandshakeState handshake_ = HandshakeState::nulByte;
   bool resumed_ = false;
+  mutable std::optional<bool> isLauncher_;  // once it was asked
   EventSource processSource_;
   std::shared_ptr<IpcScratch> scratch_;
   std::function<void(const platform::IpcEvent&)> handler_;

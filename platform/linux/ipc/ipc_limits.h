@@ -17,6 +17,9 @@ inline constexpr size_t kDescriptorsOfPeer = 2;
 /// Descriptors for everything else that the daemon does.
 inline constexpr size_t kReservedDescriptors = 128;
 
+/// Sockets of refused clients that may wait to be closed; accepting rests while there are more.
+inline constexpr size_t kMaxRefusedWaiting = 64;
+
 /// Users whose receivers run at a time, root not counted.
 inline constexpr size_t kMaxUsers = 64;
 
@@ -36,15 +39,14 @@ inline constexpr std::chrono::milliseconds kReceiverPatience{100};
 inline constexpr std::chrono::milliseconds kReceiverEndPatience{20};
 /// Receivers of one user that were ended and have not: until one of them has, that user isn't served.
 inline constexpr size_t kMaxReceiversLeftBehind = 4;
+/// How long the daemon's end may wait until a user's receiver has taken over what is to be closed.
+inline constexpr std::chrono::milliseconds kReleasePatience{500};
 /// How long a receiver without connections waits for the next one.
 inline constexpr std::chrono::seconds kIdleReceiverStays{10};
 /// After so many receivers of a user that ended by themselves, and after one that could not be started, the
 /// next one waits.
 inline constexpr int kReceiverEndsWithoutPause = 3;
 inline constexpr std::chrono::milliseconds kReceiverPause{1000};
-
-/// One shared-memory object; a hang region has 7 KB.
-inline constexpr size_t kMaxSharedMemoryBytes = size_t{1} << 20;
 
 /// Descriptors that the process asks for.
 inline constexpr size_t kWantedDescriptors = kMaxPeers * kDescriptorsOfPeer + 1024;

@@ -57,10 +57,12 @@ int clientProcessOf(int socket, ClientProcess& process) {
   process.uid = credentials.uid;
   int fd = -1;
   length = sizeof fd;
+  const bool isKnown = getsockopt(socket, SOL_SOCKET, kPeerPidFd, &fd, &length) == 0;
   // Before, nobody knows whether the pid is still the client's; it was a moment ago.
-  if (getsockopt(socket, SOL_SOCKET, kPeerPidFd, &fd, &length) != 0 && errno == ENOPROTOOPT)
+  if (!isKnown && (errno == ENOPROTOOPT || errno == EOPNOTSUPP))
     fd = static_cast<int>(syscall(SYS_pidfd_open, credentials.pid, 0));
   process.pidFd.reset(fd);
+  process.hasEnded = fd < 0 && (errno == ESRCH || errno == EINVAL);
   return fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM) ? errno : 0;
 }
 
@@ -132,6 +134,7 @@ int IpcListener::acceptable(sd_event_source*, int, uint32_t, void* self) noexcep
 
 void IpcListener::acceptSome() {
   for (int i = 0; i < kMaxAcceptsPerTurn; ++i) {
+    if (refusals_->unreleased() >= kMaxRefusedWaiting) return pauseAccepting(EBUSY);
     UniqueFd client(accept4(socket_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (client) {
       welcome(std::move(client));
@@ -150,7 +153,7 @@ void IpcListener::welcome(UniqueFd socket) {
     return pauseAccepting(error);
   }
   if (!admits(process)) return refuse(std::move(socket));
-  if (++lastNumber_ == 0) ++lastNumber_;
+  lastNumber_ = lastNumber_ + 1 < kNoConnection ? lastNumber_ + 1 : 1;
   UserReceiver& receiver = receiverOf(process.uid);
   shares_.add(process.uid, process.pid);
   const auto connection = std::make_shared<IpcConnection>(lastNumber_, std::move(socket), std::move(process),

@@ -9,7 +9,7 @@ namespace quorveld::linux_platform {
 inline constexpr const char* kLauncherGroup = "quorveld-launcher";
 
 /// Whether the client at the other end of a connected socket was of that group when it connected: by
-/// SO_PEERCRED and SO_PEERGROUPS (unix(7)), and by the group file below the root, which is read anew.
+/// SO_PEERCRED and SO_PEERGROUPS (unix(7)), and by the group file below the root.
 bool isLauncher(int socket);
 
 /// The real user of a process; nothing for one that has ended.

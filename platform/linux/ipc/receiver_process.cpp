@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -93,7 +94,11 @@ bool ReceiverProcess::spawn(const std::string& guid, std::string& error) {
       posix_spawn(&pid_, program.c_str(), &setup.actions, &setup.attributes, arguments.data(), environ);
   if (result != 0) return failed(program.c_str(), result);
   pidFd_ = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
-  return pidFd_ ? true : failed("pidfd_open", errno);
+  if (pidFd_) return true;
+  const int number = errno;
+  ::kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);  // it has hardly begun, and nothing of a client's
+  return failed("pidfd_open", number);
 }
 
 ReceiverProcess::~ReceiverProcess() {
@@ -109,10 +114,14 @@ bool ReceiverProcess::isHeldUp() const {
   return state == 'S' || state == 'D';
 }
 
+bool ReceiverProcess::takeTimeout() const {
+  uint64_t times = 0;
+  return read(timer_.get(), &times, sizeof times) == sizeof times;
+}
+
 void ReceiverProcess::measureAnew() const {
   const itimerspec when{{}, {0, std::chrono::nanoseconds(kReceiverPatience).count()}};
-  const itimerspec never{};
-  timerfd_settime(timer_.get(), 0, at() != 0 ? &when : &never, nullptr);
+  timerfd_settime(timer_.get(), 0, &when, nullptr);
 }
 
 void ReceiverProcess::adopt(uint32_t connection, int socket, uint32_t handshake) {

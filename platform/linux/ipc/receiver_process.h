@@ -36,12 +36,15 @@ class ReceiverProcess {
   uint32_t at() const { return page_->at; }
   /// False while it has only not been given a CPU (proc(5), state R), or has ended.
   bool isHeldUp() const;
-  /// Takes note of the timer's end; measures anew from now, for a process that isn't held up.
+  /// Takes note of the timer's end; false when it was set anew meanwhile.
+  bool takeTimeout() const;
+  /// Has the timer run once more, for a process that is at something and isn't held up.
   void measureAnew() const;
 
   /// `socket` stays the caller's, and open until the packet has gone or `release` is called.
   void adopt(uint32_t connection, int socket, uint32_t handshake);
   void release(uint32_t connection, UniqueFd socket);
+  size_t unsent() const { return waiting_.size(); }
   /// What was to be released and could not be sent yet; it is for another receiver then.
   std::vector<UniqueFd> takeUnsent();
   /// Sends what waits for room in the channel. True when nothing is left.

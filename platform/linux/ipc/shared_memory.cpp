@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/linux/ipc/ipc_limits.h"
+#include "platform/linux/wire/message_limits.h"
 
 namespace quorveld::linux_platform {
 
@@ -44,13 +44,27 @@ bool isOrdinaryMemory(int fd) {
   return fstatfs(fd, &system) == 0 && system.f_type == TMPFS_MAGIC;
 }
 
+/// What the receiver found.
+const char* whyThereIsNone(MemoryState state) {
+  switch (state) {
+    case MemoryState::notMemory:
+      return "it is no memfd of ordinary pages";
+    case MemoryState::unsealable:
+      return "it can't be sealed against shrinking";
+    case MemoryState::tooLarge:
+      return "it is larger than any hang region";
+    case MemoryState::none:
+    case MemoryState::attached:
+      break;
+  }
+  return "it has been mapped before";
+}
+
 }  // namespace
 
 std::unique_ptr<platform::SharedMapping> ReceivedMemory::map() {
   const UniqueFd fd = std::move(fd_);
-  if (!fd)
-    return refuse(
-        state_ == MemoryState::refused ? "it is no memfd of ordinary pages" : "it has been mapped before", 0);
+  if (!fd) return refuse(whyThereIsNone(state_), 0);
   if (!isOrdinaryMemory(fd.get())) return refuse("it is no memfd of ordinary pages", 0);
   if (!seal(fd.get())) return refuse("it can't be sealed against shrinking", errno);
   // Only now does the size mean anything: until it was sealed, it was the client's to change.

@@ -97,7 +97,7 @@ void UserReceiver::dismiss(IpcConnection& connection, UniqueFd socket) {
   }
   const auto held = connections_.extract(connection.number());
   dismissed_(connection);
-  if (connections_.empty()) wakeAfter(kIdleReceiverStays);
+  if (connections_.empty() && process_ && !ending_) wakeAfter(kIdleReceiverStays);
 }
 
 void UserReceiver::announceTermination() {
@@ -106,14 +106,23 @@ void UserReceiver::announceTermination() {
 }
 
 void UserReceiver::closeAll() {
-  constexpr int kPatienceMs = 100;
   for (const auto& [number, connection] : std::map(connections_)) connection->close();
-  while (process_ && !ending_ && !process_->flush()) {
-    pollfd channel{process_->channel(), POLLOUT, 0};
-    if (poll(&channel, 1, kPatienceMs) <= 0) break;
-  }
   timeSource_.reset();
   stopWatching();
+  if (process_) {
+    for (UniqueFd& socket : process_->takeUnsent()) unreleased_.push_back(std::move(socket));
+  }
+  if (unreleased_.empty()) return process_.reset();
+  // The last one, past all limits: this process must end, and not be the last to close what is left.
+  std::string error;
+  if (ending_ || !process_) process_ = ReceiverProcess::start(guid_, error);
+  if (!process_) return;
+  for (UniqueFd& socket : std::exchange(unreleased_, {})) process_->release(kNoConnection, std::move(socket));
+  const auto deadline = Clock::now() + kReleasePatience;
+  while (!process_->flush() && Clock::now() < deadline) {
+    pollfd channel{process_->channel(), POLLOUT, 0};
+    if (poll(&channel, 1, 10) < 0 || (channel.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) break;
+  }
   process_.reset();
 }
 
@@ -158,6 +167,7 @@ void UserReceiver::start() {
   channelSource_ = watch(process_->channel(), channelReady);
   heldUpSource_ = watch(process_->timer(), heldUp);
   endSource_ = watch(process_->pidFd(), processEnded);
+  channelEnded_ = false;
   for (const auto& [number, connection] : connections_) {
     if (!connection->isResumed()) continue;
     process_->adopt(number, connection->socket(), static_cast<uint32_t>(connection->handshake()));
@@ -168,7 +178,7 @@ void UserReceiver::start() {
 void UserReceiver::releaseAll() {
   if (ending_ || unreleased_.empty()) return;
   if (!process_) return start();
-  for (UniqueFd& socket : std::exchange(unreleased_, {})) process_->release(0, std::move(socket));
+  for (UniqueFd& socket : std::exchange(unreleased_, {})) process_->release(kNoConnection, std::move(socket));
   updateWriting();
   if (connections_.empty()) wakeAfter(kIdleReceiverStays);
 }
@@ -179,12 +189,17 @@ void UserReceiver::updateWriting() {
 
 int UserReceiver::timePassed(sd_event_source*, uint64_t, void* self) noexcept {
   UserReceiver& receiver = receiverOf(self);
-  if (receiver.ending_) {
+  if (receiver.ending_ || receiver.channelEnded_) {
+    if (!receiver.ending_) receiver.noteEnd();
     receiver.replace();
   } else if (!receiver.process_) {
     if (!receiver.connections_.empty() || !receiver.unreleased_.empty()) receiver.start();
-  } else if (receiver.connections_.empty() && receiver.process_->flush()) {
+  } else if (!receiver.connections_.empty()) {
+    // Somebody has come meanwhile.
+  } else if (receiver.process_->flush()) {
     receiver.leaveBehind();  // without its channel it ends
+  } else {
+    receiver.wakeAfter(kIdleReceiverStays);
   }
   return 0;
 }
@@ -203,7 +218,12 @@ int UserReceiver::channelReady(sd_event_source* source, int, uint32_t events, vo
     case ReceiverProcess::Read::nothing:
       break;
     case ReceiverProcess::Read::end:
-      sd_event_source_set_enabled(source, SD_EVENT_OFF);  // its end is seen to when the process has
+      // It has ended, or is about to: without its channel it is of no use.
+      sd_event_source_set_enabled(source, SD_EVENT_OFF);
+      if (receiver.ending_) break;
+      receiver.channelEnded_ = true;
+      receiver.process_->kill();
+      receiver.wakeAfter(kReceiverEndPatience);
       break;
   }
   return 0;
@@ -220,7 +240,7 @@ void UserReceiver::take(ReceiverProcess::Packet& packet) {
         connection->setHandshake(static_cast<HandshakeState>(detail));
       break;
     case PacketKind::messages:
-      if (detail <= static_cast<uint32_t>(MemoryState::refused))
+      if (detail <= static_cast<uint32_t>(MemoryState::last))
         connection->take(packet.bytes, static_cast<MemoryState>(detail), std::move(packet.memory));
       break;
     case PacketKind::ended:
@@ -247,8 +267,9 @@ void UserReceiver::takeEnd(IpcConnection& connection, EndReason reason) {
 
 int UserReceiver::heldUp(sd_event_source*, int, uint32_t, void* self) noexcept {
   UserReceiver& receiver = receiverOf(self);
-  if (receiver.ending_) return 0;
-  if (receiver.process_->at() != 0 && receiver.process_->isHeldUp()) {
+  if (receiver.ending_ || receiver.channelEnded_ || !receiver.process_->takeTimeout()) return 0;
+  if (receiver.process_->at() == 0) return 0;  // it has gone on meanwhile
+  if (receiver.process_->isHeldUp()) {
     receiver.endHeldUp();
   } else {
     receiver.process_->measureAnew();

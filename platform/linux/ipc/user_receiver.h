@@ -33,6 +33,9 @@ class UserReceiver final : public ConnectionServer {
   /// Has a socket closed that nobody was let in by.
   void refuse(UniqueFd socket);
 
+  /// Sockets that wait to be closed elsewhere.
+  size_t unreleased() const { return unreleased_.size() + (process_ ? process_->unsent() : 0); }
+
   /// True when it can go: nobody is connected, and no process of it is left.
   bool isIdle() const {
     return connections_.empty() && !process_ && leftBehind_.empty() && unreleased_.empty();
@@ -86,7 +89,8 @@ class UserReceiver final : public ConnectionServer {
   EventSource heldUpSource_;
   EventSource endSource_;
   EventSource timeSource_;
-  bool ending_ = false;
+  bool ending_ = false;               // killed, or found ended
+  bool channelEnded_ = false;         // and its process soon will
   std::vector<UniqueFd> unreleased_;  // of ended connections, for the next receiver to close
   std::vector<LeftBehind> leftBehind_;
   Clock::time_point mayStartAt_;

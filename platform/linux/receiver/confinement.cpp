@@ -37,6 +37,10 @@ constexpr long kAllowed[] = {SYS_recvmsg,
                              SYS_timerfd_settime,
                              SYS_fcntl,
                              SYS_close,
+                             SYS_fstat,
+#ifdef SYS_newfstatat
+                             SYS_newfstatat,
+#endif
                              SYS_clock_gettime,
 #ifdef SYS_epoll_wait
                              SYS_epoll_wait,

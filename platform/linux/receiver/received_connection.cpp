@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -26,9 +27,19 @@ class CheckedMemory final : public platform::SharedMemory {
   std::unique_ptr<platform::SharedMapping> map() override { return nullptr; }
 };
 
-/// Only memory has seals; asking for them never reaches the file's own code.
-bool isMemory(int fd) {
-  return fcntl(fd, F_GET_SEALS) >= 0;
+/// What is to be shared must neither shrink under its reader nor be so large that giving it back takes time.
+/// Only memory has seals: asking for them never reaches the file's own code, and what follows is memory's.
+MemoryState checkMemory(int fd) {
+  constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW;
+  constexpr int64_t kBlockBytes = 512;  // of st_blocks
+  if (fcntl(fd, F_GET_SEALS) < 0) return MemoryState::notMemory;
+  if (fcntl(fd, F_ADD_SEALS, kSeals) != 0 && (fcntl(fd, F_GET_SEALS) & kSeals) != kSeals)
+    return MemoryState::unsealable;
+  struct stat status {};
+  const auto most = static_cast<int64_t>(kMaxSharedMemoryBytes);
+  const bool fits =
+      fstat(fd, &status) == 0 && status.st_size <= most && status.st_blocks * kBlockBytes <= 2 * most;
+  return fits ? MemoryState::attached : MemoryState::tooLarge;
 }
 
 }  // namespace
@@ -192,7 +203,7 @@ void ReceivedConnection::passDictionary(const DBusEnvelope& envelope, std::strin
   if (envelope.descriptors == 0) return messages.add(number_, frame, MemoryState::none, -1);
   // One descriptor is all that any message needs.
   const int fd = descriptors_.front().get();
-  messages.add(number_, frame, isMemory(fd) ? MemoryState::attached : MemoryState::refused, fd);
+  messages.add(number_, frame, checkMemory(fd), fd);
 }
 
 void ReceivedConnection::answerHello(const DBusEnvelope& envelope) {

@@ -17,6 +17,9 @@ inline constexpr size_t kReadBytesPerTurn = 16384;
 /// Descriptors that one connection may have sent and no message claimed yet.
 inline constexpr size_t kMaxDescriptors = 4;
 
+/// One shared-memory object; a hang region has 7 KB.
+inline constexpr size_t kMaxSharedMemoryBytes = size_t{1} << 20;
+
 /// Values nested in a value that is skipped.
 inline constexpr int kMaxNesting = 32;
 

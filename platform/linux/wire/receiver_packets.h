@@ -26,9 +26,12 @@ enum class PacketKind : uint32_t {
 
 /// What became of the memory that a message carries.
 enum class MemoryState : uint32_t {
-  none,      ///< it carries none
-  attached,  ///< its descriptor comes along: a memfd
-  refused,   ///< it was something else
+  none,       ///< it carries none
+  attached,   ///< its descriptor comes along: a memfd that can't grow or shrink any more
+  notMemory,  ///< its descriptor was something else, and is left out, as it is below
+  unsealable,
+  tooLarge,
+  last = tooLarge,
 };
 
 enum class EndReason : uint32_t {
@@ -47,9 +50,12 @@ enum class EndReason : uint32_t {
   last = descriptorsTooMany,
 };
 
+inline constexpr uint32_t kNoConnection = UINT32_MAX;
+
 struct PacketHeader {
   PacketKind kind;
-  uint32_t connection;  ///< the daemon's number for it, never 0
+  uint32_t
+      connection;  ///< the daemon's number for it, never 0; kNoConnection: sockets alone are to be closed
   uint32_t detail;
 };
 
