@@ -97,7 +97,7 @@ void UserReceiver::dismiss(IpcConnection& connection, UniqueFd socket) {
   }
   const auto held = connections_.extract(connection.number());
   dismissed_(connection);
-  if (connections_.empty() && process_ && !ending_) wakeAfter(kIdleReceiverStays);
+  if (connections_.empty() && process_ && !ending_ && !channelEnded_) wakeAfter(kIdleReceiverStays);
 }
 
 void UserReceiver::announceTermination() {
@@ -126,8 +126,7 @@ void UserReceiver::closeAll() {
   process_.reset();
 }
 
-// ---- the process
-// --------------------------------------------------------------------------------------------
+// --- the process ---
 
 EventSource UserReceiver::watch(int fd, sd_event_io_handler_t handler) {
   sd_event_source* source = nullptr;
@@ -204,8 +203,7 @@ int UserReceiver::timePassed(sd_event_source*, uint64_t, void* self) noexcept {
   return 0;
 }
 
-// ---- what it sends
-// ------------------------------------------------------------------------------------------
+// --- what it sends ---
 
 int UserReceiver::channelReady(sd_event_source* source, int, uint32_t events, void* self) noexcept {
   UserReceiver& receiver = receiverOf(self);
@@ -262,8 +260,7 @@ void UserReceiver::takeEnd(IpcConnection& connection, EndReason reason) {
   connection.end(text);
 }
 
-// ---- its end
-// ------------------------------------------------------------------------------------------------
+// --- its end ---
 
 int UserReceiver::heldUp(sd_event_source*, int, uint32_t, void* self) noexcept {
   UserReceiver& receiver = receiverOf(self);
