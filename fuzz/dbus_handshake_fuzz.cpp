@@ -6,11 +6,12 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/ipc/dbus_handshake.h"
+#include "platform/linux/wire/dbus_handshake.h"
 
 namespace {
 
 using quorveld::linux_platform::DBusHandshake;
+using quorveld::linux_platform::HandshakeState;
 using Status = DBusHandshake::Status;
 
 struct Outcome {
@@ -23,7 +24,7 @@ struct Outcome {
 
 /// Takes `bytes` as they come in, `pieceBytes` at a time.
 Outcome converse(std::string_view bytes, size_t pieceBytes) {
-  DBusHandshake handshake("0123456789abcdef0123456789abcdef");
+  DBusHandshake handshake("0123456789abcdef0123456789abcdef", HandshakeState::nulByte);
   Outcome outcome;
   for (size_t there = 0; there < bytes.size();) {
     there = std::min(bytes.size(), there + pieceBytes);
