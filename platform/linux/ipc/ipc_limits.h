@@ -17,8 +17,9 @@ inline constexpr size_t kDescriptorsOfPeer = 2;
 /// Descriptors for everything else that the daemon does.
 inline constexpr size_t kReservedDescriptors = 128;
 
-/// Sockets of refused clients that may wait to be closed; accepting rests while there are more.
-inline constexpr size_t kMaxRefusedWaiting = 64;
+/// Sockets of refused clients that may wait to be closed, and how long accepting rests when there are more.
+inline constexpr size_t kMaxRefusedWaiting = 256;
+inline constexpr std::chrono::milliseconds kRefusalsPause{10};
 
 /// Users whose receivers run at a time, root not counted.
 inline constexpr size_t kMaxUsers = 64;

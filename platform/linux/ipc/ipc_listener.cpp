@@ -134,7 +134,7 @@ int IpcListener::acceptable(sd_event_source*, int, uint32_t, void* self) noexcep
 
 void IpcListener::acceptSome() {
   for (int i = 0; i < kMaxAcceptsPerTurn; ++i) {
-    if (refusals_->unreleased() >= kMaxRefusedWaiting) return pauseAccepting(EBUSY);
+    if (refusals_->unreleased() >= kMaxRefusedWaiting) return restFor(kRefusalsPause);
     UniqueFd client(accept4(socket_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (client) {
       welcome(std::move(client));
@@ -192,11 +192,15 @@ void IpcListener::refuse(UniqueFd socket) {
 }
 
 void IpcListener::pauseAccepting(int error) {
-  sd_event_source_set_enabled(acceptSource_.get(), SD_EVENT_OFF);
-  const auto pause = std::chrono::microseconds(kAcceptPause);
-  sd_event_source_set_time_relative(pauseTimer_.get(), static_cast<uint64_t>(pause.count()));
-  sd_event_source_set_enabled(pauseTimer_.get(), SD_EVENT_ONESHOT);
+  restFor(kAcceptPause);
   deliver(IpcErrorKind::connectionInterrupted, std::string("accept failed: ") + strerrordesc_np(error));
+}
+
+void IpcListener::restFor(std::chrono::milliseconds pause) {
+  sd_event_source_set_enabled(acceptSource_.get(), SD_EVENT_OFF);
+  const auto delay = std::chrono::microseconds(pause).count();
+  sd_event_source_set_time_relative(pauseTimer_.get(), static_cast<uint64_t>(delay));
+  sd_event_source_set_enabled(pauseTimer_.get(), SD_EVENT_ONESHOT);
 }
 
 int IpcListener::pauseEnded(sd_event_source*, uint64_t, void* self) noexcept {

@@ -43,6 +43,7 @@ class IpcListener final : public platform::Listener {
   void refuse(UniqueFd socket);
   std::unique_ptr<UserReceiver> makeReceiver(std::string user);
   void pauseAccepting(int error);
+  void restFor(std::chrono::milliseconds pause);
   void terminate();
   void closeAll();
   void deliver(platform::IpcErrorKind kind, std::string description);

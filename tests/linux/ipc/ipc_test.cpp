@@ -366,12 +366,11 @@ TEST(Ipc, PlacesFollowFromTheDescriptorLimitAndComeBack) {
   ASSERT_EQ(daemon.log.lines.size(), 1u) << "one line for many refusals";
   EXPECT_EQ(daemon.log.lines[0],
             "Refused 1 connections, the last one of user " + std::to_string(getuid()) + " with 16 of 16");
+  ASSERT_TRUE(clients.front()->send(kHandshake));
   clients.erase(clients.begin());
-  // A client that leaves without a word leaves a place.
-  EXPECT_TRUE(daemon.until([&] {
-    connect();
-    return daemon.count("peer") == kPlaces + 1;
-  }));
+  ASSERT_TRUE(daemon.untilEvent("invalid"));
+  connect();
+  EXPECT_TRUE(daemon.until([&] { return daemon.count("peer") == kPlaces + 1; })) << "no place is given back";
 }
 
 TEST(Ipc, ExhaustedDescriptorsInterruptTheListenerWithoutSpinning) {
