@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -138,8 +139,14 @@ class Server {
     if (victims.back() != 0) continue;
     dup2(output, STDOUT_FILENO);
     const std::string path = std::string(kFolder) + "/" + std::to_string(i);
-    if (users[i] != 0 && (setgid(users[i]) != 0 || setuid(users[i]) != 0)) _exit(127);
-    execl(KELVANE_VICTIM, KELVANE_VICTIM, mode.c_str(), path.c_str(), nullptr);
+    // The build may lie where that user may not look.
+    const int program = open(KELVANE_VICTIM, O_PATH | O_CLOEXEC);
+    if (users[i] == 0 || (setgid(users[i]) == 0 && setuid(users[i]) == 0)) {
+      const std::array<char*, 4> arguments{const_cast<char*>(KELVANE_VICTIM), const_cast<char*>(mode.c_str()),
+                                           const_cast<char*>(path.c_str()), nullptr};
+      fexecve(program, arguments.data(), environ);
+    }
+    dprintf(STDOUT_FILENO, "no victim of user %u: %s\n", users[i], strerrordesc_np(errno));
     _exit(127);
   }
   close(output);
