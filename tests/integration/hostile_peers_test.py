@@ -1,7 +1,9 @@
 """Peers that mean harm, and the 5-second check that must come all the same."""
 import contextlib
 import os
+import pathlib
 import resource
+import signal
 import socket
 import struct
 import threading
@@ -139,6 +141,14 @@ class HeldUp(ScratchTest):
         self.give_away(silent, b"\0A")
         silent.close()
         self.assertLess(self.neighbour_waits_s(5, "Ending the receiver of user"), 0.25)
+
+    def test_receivers_that_are_killed_again_and_again_cost_nobody_the_connection(self):
+        pid = self.scratch.process.pid
+        for times in range(1, 6):
+            for receiver in pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split():
+                os.kill(int(receiver), signal.SIGKILL)
+            self.answer_s()
+            self.scratch.wait_for(f"The receiver of user {os.getuid()} ended by itself (signal 9)", times)
 
     def test_the_daemon_ends_at_once_while_a_receiver_cannot(self):
         attacker = self.peer(self.scratch)

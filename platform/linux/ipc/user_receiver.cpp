@@ -166,7 +166,6 @@ void UserReceiver::start() {
   channelSource_ = watch(process_->channel(), channelReady);
   heldUpSource_ = watch(process_->timer(), heldUp);
   endSource_ = watch(process_->pidFd(), processEnded);
-  channelEnded_ = false;
   for (const auto& [number, connection] : connections_) {
     if (!connection->isResumed()) continue;
     process_->adopt(number, connection->socket(), static_cast<uint32_t>(connection->handshake()));
@@ -321,6 +320,7 @@ void UserReceiver::leaveBehind() {
     leftBehind_.push_back({std::move(process_), std::move(ended)});
   }
   process_.reset();
+  channelEnded_ = false;
 }
 
 int UserReceiver::leftBehindEnded(sd_event_source*, int, uint32_t, void* self) noexcept {
