@@ -18,6 +18,7 @@
 
 #include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/helper_programs.h"
+#include "platform/linux/base/passed_descriptors.h"
 #include "platform/linux/ipc/ipc_limits.h"
 
 namespace quorveld::linux_platform {
@@ -155,17 +156,10 @@ bool ReceiverProcess::flush() {
 
 bool ReceiverProcess::send(const Outgoing& packet) {
   iovec part{const_cast<PacketHeader*>(&packet.header), sizeof packet.header};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
   msghdr header{};
   header.msg_iov = &part;
   header.msg_iovlen = 1;
-  header.msg_control = control.data();
-  header.msg_controllen = control.size();
-  cmsghdr* const rights = CMSG_FIRSTHDR(&header);
-  rights->cmsg_level = SOL_SOCKET;
-  rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof packet.socket);
-  std::memcpy(CMSG_DATA(rights), &packet.socket, sizeof packet.socket);
+  const PassedDescriptor passed(header, packet.socket);
   return sendmsg(channel_.get(), &header, MSG_NOSIGNAL) == sizeof packet.header;
 }
 
@@ -181,11 +175,9 @@ ReceiverProcess::Read ReceiverProcess::receive(Packet& packet) {
   const ssize_t received = recvmsg(channel_.get(), &header, MSG_CMSG_CLOEXEC);
   if (received < 0) return errno == EAGAIN || errno == EINTR ? Read::nothing : Read::end;
   packet.memory.reset();
-  if (const cmsghdr* rights = CMSG_FIRSTHDR(&header); rights && rights->cmsg_type == SCM_RIGHTS) {
-    int fd = -1;
-    std::memcpy(&fd, CMSG_DATA(rights), sizeof fd);
-    packet.memory.reset(fd);
-  }
+  std::vector<UniqueFd> descriptors;  // one, but there would be room for another
+  takeDescriptors(header, descriptors);
+  if (!descriptors.empty()) packet.memory = std::move(descriptors.front());
   if (static_cast<size_t>(received) < sizeof packet.header) return Read::end;
   std::memcpy(&packet.header, bytes.data(), sizeof packet.header);
   packet.bytes = {bytes.data() + sizeof packet.header, static_cast<size_t>(received) - sizeof packet.header};

@@ -176,7 +176,7 @@ class LinuxNotifications::Watcher {
 
   void tryLater(std::error_code error) {
     if (!std::exchange(complained_, true)) {
-      logDefault("Notifications are not delivered for now: %s", error.message().c_str());
+      logDefault("Can't watch for notifications, trying again: %s", error.message().c_str());
     }
     queue_->after(retryDelay_, [this] { tryAgain(); });
   }

@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <span>
 #include <utility>
 
 #include "platform/ipc.h"
+#include "platform/linux/base/passed_descriptors.h"
 
 namespace quorveld::linux_platform {
 
@@ -144,7 +144,8 @@ bool ReceivedConnection::consume(char* target, size_t count) {
       end(EndReason::readFailed);
       return false;
     }
-    if (!takeDescriptors(header)) {
+    takeDescriptors(header, descriptors_);
+    if ((header.msg_flags & MSG_CTRUNC) != 0 || descriptors_.size() > kMaxDescriptors) {
       end(EndReason::descriptorsTooMany);
       return false;
     }
@@ -152,19 +153,6 @@ bool ReceivedConnection::consume(char* target, size_t count) {
     count -= static_cast<size_t>(received);
   }
   return true;
-}
-
-bool ReceivedConnection::takeDescriptors(msghdr& header) {
-  for (cmsghdr* part = CMSG_FIRSTHDR(&header); part; part = CMSG_NXTHDR(&header, part)) {
-    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
-    const size_t count = (part->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (size_t i = 0; i < count; ++i) {
-      int fd = -1;
-      std::memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof fd);
-      descriptors_.emplace_back(fd);
-    }
-  }
-  return (header.msg_flags & MSG_CTRUNC) == 0 && descriptors_.size() <= kMaxDescriptors;
 }
 
 void ReceivedConnection::pass(std::string_view bytes, ReceivedMessages& messages) {

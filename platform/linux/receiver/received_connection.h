@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/socket.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -66,7 +64,6 @@ class ReceivedConnection {
   size_t measureHandshake(std::string_view bytes);
   /// Takes `count` bytes off the socket to `target`, with the descriptors that come along; false at its end.
   bool consume(char* target, size_t count);
-  bool takeDescriptors(msghdr& header);
   void pass(std::string_view bytes, ReceivedMessages& messages);
   void passOne(std::string_view frame, ReceivedMessages& messages);
   void passDictionary(const DBusEnvelope& envelope, std::string_view frame, ReceivedMessages& messages);

@@ -7,9 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <optional>
 #include <utility>
+
+#include "platform/linux/base/passed_descriptors.h"
 
 namespace quorveld::linux_platform {
 
@@ -63,14 +64,7 @@ void Receiver::takePacket() {
   if (received < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (received != sizeof header) daemonHasGone();
   std::vector<UniqueFd> sockets;
-  for (cmsghdr* part = CMSG_FIRSTHDR(&packet); part; part = CMSG_NXTHDR(&packet, part)) {
-    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) continue;
-    for (size_t i = 0; i < (part->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
-      int fd = -1;
-      std::memcpy(&fd, CMSG_DATA(part) + i * sizeof(int), sizeof fd);
-      sockets.emplace_back(fd);
-    }
-  }
+  takeDescriptors(packet, sockets);
   if (header.kind == PacketKind::adopt && sockets.size() == 1) {
     adopt(header.connection, std::move(sockets.front()), header.detail);
   } else {
@@ -189,19 +183,11 @@ void Receiver::flush() {
 void Receiver::send(const PacketHeader& header, std::string_view bytes, int fd) const {
   std::array<iovec, 2> parts{iovec{const_cast<PacketHeader*>(&header), sizeof header},
                              iovec{const_cast<char*>(bytes.data()), bytes.size()}};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
   msghdr packet{};
   packet.msg_iov = parts.data();
   packet.msg_iovlen = parts.size();
-  if (fd >= 0) {
-    packet.msg_control = control.data();
-    packet.msg_controllen = control.size();
-    cmsghdr* const part = CMSG_FIRSTHDR(&packet);
-    part->cmsg_level = SOL_SOCKET;
-    part->cmsg_type = SCM_RIGHTS;
-    part->cmsg_len = CMSG_LEN(sizeof fd);
-    std::memcpy(CMSG_DATA(part), &fd, sizeof fd);
-  }
+  std::optional<PassedDescriptor> passed;
+  if (fd >= 0) passed.emplace(packet, fd);
   while (sendmsg(channel_, &packet, MSG_NOSIGNAL) < 0) {
     if (errno != EINTR) daemonHasGone();
   }
