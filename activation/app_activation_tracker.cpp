@@ -41,6 +41,11 @@ platform::WorkQueue*& workQueueSlot() {
   return slot;
 }
 
+/// For lines that tell of an activation that no record will show.
+Log lossLog() {
+  return quorvelLog().about({.kind = platform::LogEventKind::activationLost});
+}
+
 }  // namespace
 
 void AppActivationTracker::initialize(platform::WorkQueue& workQueue) {
@@ -113,7 +118,7 @@ void AppActivationTracker::enqueue(uint32_t ownerUid, platform::Task step) {
   std::shared_ptr<void> place = stepPlaces_.tryTake(ownerUid);
   if (!place) {
     if (!saidOverload_.exchange(true)) {
-      quorvelLog().standard("QVActivationStats: More activation messages than can be handled, dropping some");
+      lossLog().standard("QVActivationStats: More activation messages than can be handled, dropping some");
     }
     return;
   }
@@ -146,7 +151,8 @@ void AppActivationTracker::begin(const Announcement& announced) {
   auto place = activationPlaces_.tryTake(announced.ownerUid);
   auto timeoutPlace = timeoutPlaces_.tryTake(announced.ownerUid);
   if (!place || !timeoutPlace) {
-    log.standard("QVActivationStats: Too many activations at once, ignoring the begin of %s", key.c_str());
+    lossLog().standard("QVActivationStats: Too many activations at once, ignoring the begin of %s",
+                       key.c_str());
     return;
   }
   auto activation = std::make_shared<AppActivation>(
@@ -233,7 +239,7 @@ void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& act
   const uint32_t recorded = activationsRecorded_;
   auto place = reportPlaces_.tryTake(ended.ownerUid);
   if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount || !place) {
-    quorvelLog().standard(
+    lossLog().standard(
         "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s "
         "Number Of Activations:%d",
         activation->bundleID().c_str(), stateName(activation->appActivationStartState()),
@@ -255,8 +261,13 @@ void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64
       activation.bundleID() == kLauncherBundleID) {
     return;
   }
-  quorvelLog().standard("QVActivationStats: %s Launch took %ims, will try to grab slow launch kelvane",
-                        activation.bundleID().c_str(), static_cast<int>(activation.wallTime()));
+  const auto tookMs = static_cast<int>(activation.wallTime());
+  quorvelLog()
+      .about({.kind = platform::LogEventKind::slowLaunch,
+              .pid = activation.pid(),
+              .durationMs = static_cast<double>(tookMs)})
+      .standard("QVActivationStats: %s Launch took %ims, will try to grab slow launch kelvane",
+                activation.bundleID().c_str(), tookMs);
   // Credits and the trace library belong to the work queue.
   workQueue_.async([bundleID = activation.bundleID(), start = activation.startTimestamp(), endTimeMs] {
     QVProcessInfo::saveActivationKelvane("Launch", "Slow-Launch", bundleID, start, endTimeMs);

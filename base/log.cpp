@@ -41,25 +41,24 @@ template <typename Sink>
   std::free(text);
 }
 
-[[gnu::format(printf, 3, 0)]] void write(platform::LogHandle& handle, LogLevel level, const char* format,
-                                         va_list arguments) {
-  if (!handle.enabled(level)) return;
-  withText(format, arguments, [&](std::string_view text) { handle.write(level, text); });
-}
-
 }  // namespace
+
+void Log::write(LogLevel level, const char* format, va_list arguments) const {
+  if (!handle_->enabled(level)) return;
+  withText(format, arguments, [&](std::string_view text) { handle_->write(level, text, event_); });
+}
 
 void Log::standard(const char* format, ...) const {
   va_list arguments;
   va_start(arguments, format);
-  write(*handle_, LogLevel::standard, format, arguments);
+  write(LogLevel::standard, format, arguments);
   va_end(arguments);
 }
 
 void Log::info(const char* format, ...) const {
   va_list arguments;
   va_start(arguments, format);
-  write(*handle_, LogLevel::info, format, arguments);
+  write(LogLevel::info, format, arguments);
   va_end(arguments);
 }
 
@@ -68,7 +67,7 @@ void Log::debug(const char* format, ...) const {
   va_start(arguments, format);
   if (handle_->enabled(LogLevel::debug)) {
     withWholeText(format, arguments,
-                  [this](std::string_view text) { handle_->write(LogLevel::debug, text); });
+                  [this](std::string_view text) { handle_->write(LogLevel::debug, text, event_); });
   }
   va_end(arguments);
 }

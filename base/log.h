@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 
 #include "platform/log.h"
@@ -10,7 +11,11 @@ namespace quorveld {
 /// a line is cut off behind kMaxLogTextBytes, whoever's text made it long, but for debug lines.
 class Log {
  public:
-  explicit Log(platform::LogHandle& handle) : handle_(&handle) {}
+  explicit Log(platform::LogHandle& handle, const platform::LogEvent& event = {})
+      : handle_(&handle), event_(event) {}
+
+  /// For lines that tell of `event`, whose path must outlive it.
+  Log about(const platform::LogEvent& event) const { return Log(*handle_, event); }
 
   [[gnu::format(printf, 2, 3)]] void standard(const char* format, ...) const;
   [[gnu::format(printf, 2, 3)]] void info(const char* format, ...) const;
@@ -19,7 +24,11 @@ class Log {
   platform::LogHandle& handle() const { return *handle_; }
 
  private:
+  [[gnu::format(printf, 3, 0)]] void write(platform::LogLevel level, const char* format,
+                                           va_list arguments) const;
+
   platform::LogHandle* handle_;
+  platform::LogEvent event_;
 };
 
 /// The daemon's log: subsystem "com.corvix.quorvel", empty category.

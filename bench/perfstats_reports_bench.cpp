@@ -23,7 +23,7 @@ class NoLog final : public platform::Logs, public platform::LogHandle {
   bool enabled(platform::LogLevel level) const override {
     return debug || level != platform::LogLevel::debug;
   }
-  void write(platform::LogLevel, std::string_view text) override {
+  void write(platform::LogLevel, std::string_view text, const platform::LogEvent&) override {
     benchmark::DoNotOptimize(text.data());
     largestLine = std::max(largestLine, text.size());
   }

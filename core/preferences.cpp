@@ -70,8 +70,9 @@ Preferences::Fetched Preferences::fetch() {
       .activationCPUThreshold =
           reader.fromStore("QuorvelAppActivationLoggingCPUUtilizationThreshold", kPositiveRealReading),
   };
+  const Log ignoredLog = quorvelLog().about({.kind = platform::LogEventKind::preferenceIgnored});
   for (const std::string& text : reader.ignored()) {
-    if (!ignored_.contains(text)) quorvelLog().standard("refreshPreferences: %s", text.c_str());
+    if (!ignored_.contains(text)) ignoredLog.standard("refreshPreferences: %s", text.c_str());
   }
   ignored_ = {reader.ignored().begin(), reader.ignored().end()};
   return fetched;

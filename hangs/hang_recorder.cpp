@@ -16,6 +16,7 @@ namespace quorveld {
 namespace {
 
 using namespace std::chrono_literals;
+using platform::LogEventKind;
 
 constexpr auto kHUDDuration = 2s;
 constexpr auto kFenceCaptureDelay = 1s;
@@ -28,7 +29,9 @@ void QVProcessInfo::recordHang(const char* name, uint64_t threadID, uint64_t sta
   const std::string hangName = toUtf8(cutAtCharacter(name ? name : "(null)", kMaxNameBytes));
   const double durationMs = static_cast<double>(endTicks - startTicks) * msPerTick();
   const double seconds = durationMs / 1000;
-  quorvelLog().info("%s: Hang detected %.2fs (%s)", processName_.c_str(), seconds, hangName.c_str());
+  quorvelLog()
+      .about({.kind = LogEventKind::hang, .pid = pid_, .durationMs = durationMs})
+      .info("%s: Hang detected %.2fs (%s)", processName_.c_str(), seconds, hangName.c_str());
 
   showHang(hangName, seconds);
   countHang(hangName, durationMs);
@@ -70,7 +73,7 @@ void QVProcessInfo::countHang(const std::string& hangName, double durationMs) co
 /// Whether setting, library and credits allow a report; a refusal is logged and, where credits refuse,
 /// counted.
 bool QVProcessInfo::mayBeSaved(double durationMs) const {
-  const Log log = quorvelLog();
+  const Log log = quorvelLog().about({.kind = LogEventKind::reportRefused, .pid = pid_});
   platform::Analytics& analytics = platform::current().analytics;
   if (!settings().enableKelvane) {
     log.standard("%s: Quorvel kelvane support is disabled, not saving a report!", processName_.c_str());
@@ -102,8 +105,10 @@ void QVProcessInfo::captureFenceHangLater(const std::string& hangName, const std
                                           double durationMs) {
   ClassSide& state = classSide();
   if (state.fenceCaptureInFlight) {
-    quorvelLog().standard("%s: Fence-hang, but waiting for FenceHangCapture - not saving another report!",
-                          processName_.c_str());
+    const platform::LogEvent refused{.kind = LogEventKind::reportRefused, .pid = pid_};
+    quorvelLog().about(refused).standard(
+        "%s: Fence-hang, but waiting for FenceHangCapture - not saving another report!",
+        processName_.c_str());
     return;
   }
   state.fenceCaptureInFlight = true;

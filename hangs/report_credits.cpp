@@ -79,15 +79,16 @@ void QVProcessInfo::replenishAppCredits() {
 
 bool QVProcessInfo::checkDailyCreditForDuration(double durationMs) {
   const ClassSide& state = classSide();
+  const Log refusal = quorvelLog().about({.kind = platform::LogEventKind::reportRefused});
   if (isLongHang(durationMs)) {
     if (state.longLogs.credits >= 1) return true;
-    quorvelLog().standard(
+    refusal.standard(
         "Device is out of Daily Long Log credits, hit the Daily Long Log limit of %u. Not saving a report!",
         static_cast<uint32_t>(state.longLogs.maximum));
     return false;
   }
   if (state.shortLogs.credits >= 1) return true;
-  quorvelLog().standard(
+  refusal.standard(
       "Device is out of Daily Short Log credits, hit the Daily Short Log limit of %u. Not saving a report!",
       static_cast<uint32_t>(state.shortLogs.maximum));
   return false;

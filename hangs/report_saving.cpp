@@ -25,6 +25,7 @@ namespace quorveld {
 namespace {
 
 using platform::Dictionary;
+using platform::LogEventKind;
 
 /// Service or activation type, process or bundle, date. Clients choose the first two, so they can't lead out
 /// of the folder.
@@ -84,6 +85,7 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
                                             uint64_t startTicks, uint64_t endTicks,
                                             const std::string& processString) {
   const Log log = quorvelLog();
+  const Log loss = log.about({.kind = LogEventKind::reportLost});
   platform::Files& files = platform::current().files;
   const std::string finalPath = std::string(kSpoolDirectory) + "/" + fileName;
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
@@ -96,8 +98,8 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
     error = std::make_error_code(std::errc::file_exists);
   auto file = error ? nullptr : files.createProtected(tempPath, error);
   if (!file) {
-    log.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),
-                 tempPath.c_str(), error.message().c_str());
+    loss.standard("%s: Could not create file - won't take a kelvane: %s %s", processString.c_str(),
+                  tempPath.c_str(), error.message().c_str());
     return false;
   }
   const auto header = headerText(infoDict, processString);
@@ -108,16 +110,17 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const bool dumped =
       classSide().traceCapture.dumpKelvaneToFile(file->descriptor(), startTicks, endTicks, *header);
   if (!dumped) {
-    log.standard("%s: Unable to save kelvane data to file.\n", processString.c_str());
+    loss.standard("%s: Unable to save kelvane data to file.\n", processString.c_str());
     files.remove(tempPath);
     return false;
   }
-  log.info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
+  log.about({.kind = LogEventKind::reportSaved, .reportPath = finalPath})
+      .info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
   files.finish(std::move(file), tempPath, finalPath, platform::Existing::stays,
-               [log, processString](std::error_code failure) {
+               [loss, processString](std::error_code failure) {
                  if (!failure) return;
-                 log.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
-                              failure.message().c_str());
+                 loss.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
+                               failure.message().c_str());
                });
   // The capture was made, which is what a credit pays for: this counts as saved, wherever the file ends.
   return true;
@@ -127,6 +130,7 @@ void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::st
                                           const std::string& bundleID, uint64_t startTimeMs,
                                           uint64_t endTimeMs) {
   const Log log = quorvelLog();
+  const Log refusal = log.about({.kind = LogEventKind::reportRefused});
   ClassSide& state = classSide();
   platform::Clock& clock = platform::current().clock;
   const uint64_t nowWallMs = activationTimeMs(clock.wallTime());
@@ -135,24 +139,25 @@ void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::st
   const uint64_t endTicks = ticksOfActivationTime(endTimeMs, nowWallMs, nowTickMs);
 
   if (!settings().enableKelvane) {
-    log.standard("Quorvel kelvane support is disabled, not saving a report for %s activation!",
-                 bundleID.c_str());
+    refusal.standard("Quorvel kelvane support is disabled, not saving a report for %s activation!",
+                     bundleID.c_str());
     return;
   }
   if (!state.traceCapture.isKelvaneAvailable()) {
-    log.standard(
+    refusal.standard(
         "Tried to save kelvane for %s activation, but kelvane support is not present on this device!",
         bundleID.c_str());
     return;
   }
   if (!checkActivationAppCredit(bundleID)) {
-    log.standard("%s is out of credits. Not saving a report!", bundleID.c_str());
+    refusal.standard("%s is out of credits. Not saving a report!", bundleID.c_str());
     return;
   }
   DailyAllowance& daily = state.activationKelvanes;
   if (daily.credits < 1) {
-    log.standard("Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
-                 static_cast<uint32_t>(daily.maximum));
+    refusal.standard(
+        "Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
+        static_cast<uint32_t>(daily.maximum));
     return;
   }
   const Dictionary infoDict =

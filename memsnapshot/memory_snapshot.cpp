@@ -106,7 +106,9 @@ void take_memory_snapshot() {
   }
   const auto sayIfNotKept = [finalPath](std::error_code failure) {
     if (!failure) return;
-    quorvelLog().standard("Memory snapshot not kept: %s: %s", finalPath.c_str(), failure.message().c_str());
+    quorvelLog()
+        .about({.kind = platform::LogEventKind::reportLost})
+        .standard("Memory snapshot not kept: %s: %s", finalPath.c_str(), failure.message().c_str());
   };
   if ((error = file->write(report))) {
     files.remove(workingPath);

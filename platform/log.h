@@ -7,6 +7,26 @@ namespace quorveld::platform {
 
 enum class LogLevel : uint8_t { standard, info, debug };
 
+/// What a line tells of, for whoever looks for lines by that and not by their texts.
+enum class LogEventKind : uint8_t {
+  none,               ///< a step on the way
+  hang,               ///< an operation took too long
+  reportSaved,        ///< a trace report is on its way into the spool
+  reportRefused,      ///< a setting or credits allow none
+  reportLost,         ///< what was to be kept could not be written
+  slowLaunch,         ///< an activation took longer than its threshold
+  activationLost,     ///< an activation is not recorded
+  preferenceIgnored,  ///< a value means nothing here
+  linesLost,          ///< lines that nobody will read
+};
+
+struct LogEvent {
+  LogEventKind kind = LogEventKind::none;
+  int32_t pid = 0;                ///< the process that it is about; 0: none
+  std::string_view reportPath{};  ///< the report's; empty: none
+  double durationMs = 0;          ///< how long that took; 0: nothing that takes long
+};
+
 /// Where one part of the daemon logs: a subsystem and a category. From any thread.
 class LogHandle {
  public:
@@ -16,7 +36,8 @@ class LogHandle {
   virtual bool enabled(LogLevel level) const = 0;
 
   /// One line for one event. Line breaks and control characters in `text` can't forge another line.
-  virtual void write(LogLevel level, std::string_view text) = 0;
+  virtual void write(LogLevel level, std::string_view text, const LogEvent& event) = 0;
+  void write(LogLevel level, std::string_view text) { write(level, text, {}); }
 
   /// Signpost intervals: `id` ties an end to its begin; 0 and all ones are no identifiers and must not come
   /// here.

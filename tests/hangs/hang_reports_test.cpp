@@ -53,6 +53,8 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
                                       "viewer: Moving kelvane to spool: " + kSpool + name + "\n",
                                       "viewer Log credits: Long Hang does not deduct per-app credits",
                                       "Daily Long Log credits: 25 -> 24"}));
+  EXPECT_EQ(world.logs.lines.front().event, platform::LogEventKind::hang);
+  EXPECT_EQ(world.logs.lines.front().pid, 501);
   EXPECT_TRUE(world.lines(Level::standard).empty());
   EXPECT_TRUE(world.logged(Level::debug, "timestamp: 2400000000, status: -1"));
   const auto& pushed = world.analytics.distributions["com.corvix.quorvel.MainThread.com.example.viewer"];

@@ -78,6 +78,7 @@ class Install(unittest.TestCase):
         self.found(prefix, "quorveld.service")
         self.assertEqual({path.suffix for path in self.texts_with(prefix, str(prefix))}, {".service"})
         self.assertEqual(self.texts_with(prefix, BUILD), [])
+        self.explains_its_messages(prefix)
 
         version = self.version(self.flags(prefix))
         self.assertRegex(version, r"^\d+\.\d+\.\d+$")
@@ -94,6 +95,20 @@ class Install(unittest.TestCase):
         run(CMAKE, "-G", "Ninja", "-S", self.folder, "-B", tree, f"-DCMAKE_PREFIX_PATH={moved}", f"-DCMAKE_C_COMPILER={COMPILER}")
         run(CMAKE, "--build", tree)
         self.assertEqual(run(tree / "application").strip(), version)
+
+    def explains_its_messages(self, prefix):
+        """The journal's own tool reads the catalog, and finds in it what the daemon writes."""
+        root = self.folder / "root"
+        catalog = self.found(prefix, "quorveld.catalog")
+        (root / "usr/lib/systemd/catalog").mkdir(parents=True)
+        shutil.copy(catalog, root / "usr/lib/systemd/catalog")
+        (root / "var/lib/systemd/catalog").mkdir(parents=True)
+        run("journalctl", "--root", root, "--update-catalog")
+        listed = run("journalctl", "--root", root, "--list-catalog")
+        known = set(re.findall(r"^([0-9a-f]{32}) quorveld: \S", listed, re.MULTILINE))
+        written = re.findall(rb"(?<![0-9a-f])[0-9a-f]{32}(?![0-9a-f])", (prefix / "sbin/quorveld").read_bytes())
+        self.assertEqual(len(known), 8)
+        self.assertLessEqual(known, {each.decode() for each in written})
 
     def test_an_image_is_named_in_nothing_that_is_installed_into_it(self):
         image = self.folder / "image"

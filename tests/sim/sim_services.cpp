@@ -121,8 +121,8 @@ class SimLogs::Handle final : public platform::LogHandle {
   Handle(SimLogs& logs, std::string subsystem) : logs_(logs), subsystem_(std::move(subsystem)) {}
 
   bool enabled(LogLevel level) const override { return !logs_.disabled.contains(level); }
-  void write(LogLevel level, std::string_view text) override {
-    logs_.lines.push_back({level, subsystem_, std::string(text)});
+  void write(LogLevel level, std::string_view text, const platform::LogEvent& event) override {
+    logs_.lines.push_back({level, subsystem_, std::string(text), event.kind, event.pid});
   }
   bool signpostsEnabled() const override { return logs_.signpostsEnabled; }
   void signpostIntervalBegin(uint64_t id, std::string_view text) override {

@@ -84,6 +84,8 @@ struct LogLine {
   platform::LogLevel level;
   std::string subsystem;
   std::string text;
+  platform::LogEventKind event;
+  int32_t pid;  ///< whom the event is about
 };
 
 struct SignpostMark {

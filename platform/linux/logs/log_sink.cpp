@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "platform/linux/base/root_path.h"
+#include "platform/linux/logs/message_ids.h"
 
 namespace quorveld::linux_platform {
 
@@ -22,9 +24,13 @@ using platform::LogLevel;
 
 constexpr std::string_view kDaemonSubsystem = "com.corvix.quorvel";
 constexpr std::string_view kHexDigits = "0123456789abcdef";
+constexpr double kMaxDurationMs = 1e15;  // what a lie about the clock may make of it
 
-int priority(LogLevel level) {
-  switch (level) {
+/// Losses are warnings, whatever their lines' level: who follows warnings is to hear that something is
+/// missing.
+int priority(const LogRecord& record) {
+  if (isLoss(record.event.kind)) return LOG_WARNING;
+  switch (record.level) {
     case LogLevel::standard:
       return LOG_NOTICE;
     case LogLevel::info:
@@ -82,6 +88,31 @@ bool startsC1Control(std::string_view text) {
 
 bool isContinuation(char byte) {
   return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
+}
+
+/// Fields by which a journal is searched: the catalog knows what the message is about.
+void addEvent(LineBuffer& fields, const platform::LogEvent& event) {
+  const std::string_view id = messageId(event.kind);
+  if (!id.empty()) {
+    fields.append("MESSAGE_ID=");
+    fields.append(id);
+    fields.append("\n");
+  }
+  if (event.pid > 0) {
+    fields.append("OBJECT_PID=");
+    fields.appendNumber(static_cast<uint64_t>(event.pid));
+    fields.append("\n");
+  }
+  if (!event.reportPath.empty()) {
+    fields.append("QV_REPORT=");
+    fields.appendHarmless(event.reportPath);
+    fields.append("\n");
+  }
+  if (event.durationMs > 0) {
+    fields.append("QV_DURATION_MS=");
+    fields.appendNumber(static_cast<uint64_t>(std::min(event.durationMs, kMaxDurationMs)));
+    fields.append("\n");
+  }
 }
 
 constexpr std::string_view kCut = "...";
@@ -203,7 +234,8 @@ void LogSink::emitCount(uint64_t count, LogLevel level, std::string_view what) {
   LineBuffer text;
   text.appendNumber(count);
   text.append(what);
-  const LogRecord record = {level, kDaemonSubsystem, "", text.view()};
+  const LogRecord record = {
+      level, kDaemonSubsystem, "", text.view(), {.kind = platform::LogEventKind::linesLost}};
   emit(record);
 }
 
@@ -222,7 +254,7 @@ bool LogSink::emitToJournal(const LogRecord& record) {
     fields.append("\n");
   };
   fields.append("SYSLOG_IDENTIFIER=quorveld\nPRIORITY=");
-  fields.appendNumber(static_cast<uint64_t>(priority(record.level)));
+  fields.appendNumber(static_cast<uint64_t>(priority(record)));
   add("\nQV_LEVEL=", word(record.level));
   if (!record.subsystem.empty()) add("SUBSYSTEM=", record.subsystem);
   if (!record.category.empty()) add("CATEGORY=", record.category);
@@ -231,6 +263,7 @@ bool LogSink::emitToJournal(const LogRecord& record) {
     fields.appendNumber(record.signpostId);
     add("\nSIGNPOST_TYPE=", record.signpostType);
   }
+  addEvent(fields, record.event);
   fields.append("MESSAGE=");
   fields.appendHarmless(withoutTrailingNewlines(record.text));
   return output_.sendToJournal(fields.line());

@@ -26,6 +26,7 @@ struct LogRecord {
   std::string_view subsystem;
   std::string_view category;
   std::string_view text;
+  platform::LogEvent event{};
   uint64_t signpostId = 0;             ///< 0: no signpost
   const char* signpostType = nullptr;  ///< "begin" or "end"
 };

@@ -17,8 +17,8 @@ class LinuxLogs::Handle final : public platform::LogHandle {
 
   bool enabled(LogLevel level) const override { return sink_.enabled(level); }
 
-  void write(LogLevel level, std::string_view text) override {
-    sink_.write({level, name_.first, name_.second, text});
+  void write(LogLevel level, std::string_view text, const platform::LogEvent& event) override {
+    sink_.write({level, name_.first, name_.second, text, event});
   }
 
   bool signpostsEnabled() const override { return sink_.enabled(LogLevel::info) || marker_.enabled(); }
@@ -33,7 +33,7 @@ class LinuxLogs::Handle final : public platform::LogHandle {
     // Viewers tie the two ends by name, and the texts of begin and end differ: the category names the
     // interval.
     if (marker_.enabled()) marker_.mark(phase, interval_, id);
-    sink_.write({LogLevel::info, name_.first, name_.second, text, id, type});
+    sink_.write({LogLevel::info, name_.first, name_.second, text, {}, id, type});
   }
 
   LogSink& sink_;

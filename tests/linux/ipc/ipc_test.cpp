@@ -33,7 +33,9 @@ using platform::IpcErrorKind;
 
 struct RecordingLog final : platform::LogHandle {
   bool enabled(platform::LogLevel) const override { return true; }
-  void write(platform::LogLevel, std::string_view text) override { lines.emplace_back(text); }
+  void write(platform::LogLevel, std::string_view text, const platform::LogEvent&) override {
+    lines.emplace_back(text);
+  }
   bool signpostsEnabled() const override { return false; }
   void signpostIntervalBegin(uint64_t, std::string_view) override {}
   void signpostIntervalEnd(uint64_t, std::string_view) override {}
