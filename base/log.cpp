@@ -76,12 +76,10 @@ Log quorvelLog() {
   return Log(platform::current().logs.handle("com.corvix.quorvel", ""));
 }
 
-LogSender::LogSender(uint32_t uid) {
-  platform::current().logs.setSender(uid);
-}
+LogSender::LogSender(uint32_t uid) : before_(platform::current().logs.setSender(uid)) {}
 
 LogSender::~LogSender() {
-  platform::current().logs.setSender(0);
+  platform::current().logs.setSender(before_);
 }
 
 void systemLog(const char* format, ...) {

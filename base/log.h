@@ -35,13 +35,16 @@ class Log {
 Log quorvelLog();
 
 /// While it lives, its thread logs on behalf of a client's user: what clients cause uses up their users'
-/// shares of the log, nobody else's.
+/// shares of the log, nobody else's. Behind it the thread logs for whom it did before.
 class LogSender {
  public:
   explicit LogSender(uint32_t uid);
   LogSender(const LogSender&) = delete;
   LogSender& operator=(const LogSender&) = delete;
   ~LogSender();
+
+ private:
+  uint32_t before_;
 };
 
 /// One line through the platform's system log call.

@@ -55,8 +55,8 @@ class Logs {
 
   /// What the calling thread says from now on is said on behalf of the user `uid`, of whom there may be many;
   /// 0, as at first: the daemon's own. A log that takes only so many lines in a time shares them out among
-  /// users.
-  virtual void setSender(uint32_t uid) = 0;
+  /// users. Returns on whose behalf it spoke before.
+  virtual uint32_t setSender(uint32_t uid) = 0;
 
   /// The system log call: a line that belongs to no subsystem.
   virtual void system(std::string_view text) = 0;

@@ -57,7 +57,7 @@ class LinuxPlatform {
   LinuxProcessTables processTables_;
   LinuxKernelMemory kernelMemory_{processTables_};
   LinuxPowerLog powerLog_;
-  LinuxIpc ipc_{logs_.handle("com.corvix.quorvel", "")};
+  LinuxIpc ipc_{logs_};
   LinuxQueues queues_;
   platform::Platform platform_;
 };

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "base/log.h"
 #include "tests/sim/world.h"
 
 // The message protocol: each command with what may be missing or of another type, and what else a connection
@@ -227,6 +228,13 @@ TEST(Messages, LaunchesOfAnotherUsersProcessAreNotHeardWhichIsSaidOnceAPeer) {
   EXPECT_TRUE(world.logged(Level::info, "QVActivationStats: b[9] activation begin (launch)"));
   announce(world.ipc.connect(1, 0), 4, 8);
   EXPECT_TRUE(world.logged(Level::info, "QVActivationStats: b[8] activation begin (launch)"));
+}
+
+TEST(LogSender, GivesTheThreadBackToWhomItLoggedForBefore) {
+  World world;
+  const LogSender outer(1);
+  { const LogSender inner(2); }
+  EXPECT_EQ(world.logs.sender, 1u);
 }
 
 }  // namespace

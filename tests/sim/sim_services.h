@@ -100,7 +100,7 @@ class SimLogs final : public platform::Logs {
   ~SimLogs() override;
 
   platform::LogHandle& handle(std::string_view subsystem, std::string_view category) override;
-  void setSender(uint32_t) override {}
+  uint32_t setSender(uint32_t uid) override { return std::exchange(sender, uid); }
   void system(std::string_view text) override { systemLines.emplace_back(text); }
 
   /// How often a line of exactly this level and text was logged since the last `clear`.
@@ -115,6 +115,7 @@ class SimLogs final : public platform::Logs {
   std::vector<LogLine> lines;
   std::vector<std::string> systemLines;
   std::vector<SignpostMark> signposts;
+  uint32_t sender = 0;
   bool signpostsEnabled = true;
   std::set<platform::LogLevel> disabled;
 

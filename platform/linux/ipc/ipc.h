@@ -11,8 +11,8 @@ namespace quorveld::linux_platform {
 /// Main queue only. Any local user may connect; what clients can cost is bounded by ipc_limits.h.
 class LinuxIpc final : public platform::Ipc {
  public:
-  /// Refused clients and rejected memory are logged to `log`.
-  explicit LinuxIpc(platform::LogHandle& log) : log_(log) {}
+  /// What clients and their receivers do is logged to `logs`, on behalf of their users.
+  explicit LinuxIpc(platform::Logs& logs) : logs_(logs) {}
 
   /// `queue` is the main queue of this platform's LinuxQueues.
   std::unique_ptr<platform::Listener> listen(std::string_view serviceName,
@@ -20,7 +20,7 @@ class LinuxIpc final : public platform::Ipc {
   int32_t pidOf(const platform::IpcError&) override { return 0; }
 
  private:
-  platform::LogHandle& log_;
+  platform::Logs& logs_;
 };
 
 }  // namespace quorveld::linux_platform

@@ -24,6 +24,9 @@ using platform::IpcError;
 using platform::IpcErrorKind;
 using platform::LogLevel;
 
+/// Whose lines those about the receiver of refused clients are: nobody's, who has a share of the log too.
+constexpr uint32_t kNobody = UINT32_MAX;
+
 /// What an accepted client may have caused by itself; the next one may be well.
 bool concernsOneClient(int error) {
   return error == EINTR || error == ECONNABORTED || error == EPERM;
@@ -70,17 +73,18 @@ int clientProcessOf(int socket, ClientProcess& process) {
 
 std::unique_ptr<platform::Listener> LinuxIpc::listen(std::string_view serviceName,
                                                      platform::MainQueue& queue) {
-  return std::make_unique<IpcListener>(serviceName, dynamic_cast<MainEventQueue&>(queue), log_);
+  return std::make_unique<IpcListener>(serviceName, dynamic_cast<MainEventQueue&>(queue), logs_);
 }
 
-IpcListener::IpcListener(std::string_view serviceName, MainEventQueue& queue, platform::LogHandle& log)
+IpcListener::IpcListener(std::string_view serviceName, MainEventQueue& queue, platform::Logs& logs)
     : serviceName_(serviceName),
       queue_(queue),
-      log_(log),
-      scratch_(std::make_shared<IpcScratch>(log)),
+      logs_(logs),
+      log_(logs.handle("com.corvix.quorvel", "")),
+      scratch_(std::make_shared<IpcScratch>(log_)),
       shares_(sharesOfThisProcess()),
       guid_(newGuid()),
-      refusals_(makeReceiver("refused clients")) {
+      refusals_(makeReceiver(kNobody, "refused clients")) {
   queue_.onTermination([this, alive = std::weak_ptr(alive_)] {
     if (!alive.expired()) terminate();
   });
@@ -175,16 +179,16 @@ bool IpcListener::admits(const ClientProcess& process) {
   return false;
 }
 
-std::unique_ptr<UserReceiver> IpcListener::makeReceiver(std::string user) {
+std::unique_ptr<UserReceiver> IpcListener::makeReceiver(uint32_t uid, std::string user) {
   return std::make_unique<UserReceiver>(
-      queue_.loop().event(), log_, guid_, std::move(user),
+      queue_.loop().event(), logs_, guid_, uid, std::move(user),
       [this](const IpcConnection& connection) { shares_.remove(connection.uid(), connection.pid()); });
 }
 
 UserReceiver& IpcListener::receiverOf(uint32_t uid) {
   if (const auto user = users_.find(uid); user != users_.end()) return *user->second;
   std::erase_if(users_, [](const auto& user) { return user.second->isIdle(); });
-  return *users_.emplace(uid, makeReceiver("user " + std::to_string(uid))).first->second;
+  return *users_.emplace(uid, makeReceiver(uid, "user " + std::to_string(uid))).first->second;
 }
 
 void IpcListener::refuse(UniqueFd socket) {

@@ -23,7 +23,7 @@ namespace quorveld::linux_platform {
 /// Invariant: `shares_` counts exactly the connections that `users_` hold.
 class IpcListener final : public platform::Listener {
  public:
-  IpcListener(std::string_view serviceName, MainEventQueue& queue, platform::LogHandle& log);
+  IpcListener(std::string_view serviceName, MainEventQueue& queue, platform::Logs& logs);
   ~IpcListener() override;
 
   void setHandler(std::function<void(const platform::ListenerEvent&)> handler) override;
@@ -41,7 +41,7 @@ class IpcListener final : public platform::Listener {
   UserReceiver& receiverOf(uint32_t uid);
   /// Has a socket closed whose client is not let in.
   void refuse(UniqueFd socket);
-  std::unique_ptr<UserReceiver> makeReceiver(std::string user);
+  std::unique_ptr<UserReceiver> makeReceiver(uint32_t uid, std::string user);
   void pauseAccepting(int error);
   void restFor(std::chrono::milliseconds pause);
   void terminate();
@@ -50,6 +50,7 @@ class IpcListener final : public platform::Listener {
 
   std::string serviceName_;
   MainEventQueue& queue_;
+  platform::Logs& logs_;
   platform::LogHandle& log_;
   std::function<void(const platform::ListenerEvent&)> handler_;
   ListeningSocket socket_;

@@ -51,11 +51,12 @@ UserReceiver& receiverOf(void* self) {
 
 }  // namespace
 
-UserReceiver::UserReceiver(sd_event* event, platform::LogHandle& log, std::string guid, std::string user,
-                           std::function<void(const IpcConnection&)> dismissed)
+UserReceiver::UserReceiver(sd_event* event, platform::Logs& logs, std::string guid, uint32_t uid,
+                           std::string user, std::function<void(const IpcConnection&)> dismissed)
     : event_(event),
-      log_(log),
+      logs_(logs),
       guid_(std::move(guid)),
+      uid_(uid),
       user_(std::move(user)),
       dismissed_(std::move(dismissed)) {
   sd_event_source* source = nullptr;
@@ -66,6 +67,12 @@ UserReceiver::UserReceiver(sd_event* event, platform::LogHandle& log, std::strin
 
 UserReceiver::~UserReceiver() {
   closeAll();
+}
+
+void UserReceiver::say(LogLevel level, const std::string& line) {
+  const uint32_t before = logs_.setSender(uid_);
+  logs_.handle("com.corvix.quorvel", "").write(level, line);
+  logs_.setSender(before);
 }
 
 void UserReceiver::add(std::shared_ptr<IpcConnection> connection) {
@@ -150,8 +157,8 @@ void UserReceiver::wakeAfter(std::chrono::milliseconds time) {
 
 void UserReceiver::start() {
   if (leftBehind_.size() >= kMaxReceiversLeftBehind) {
-    log_.write(LogLevel::standard, "Not serving " + user_ + ": " + std::to_string(leftBehind_.size()) +
-                                       " receivers that its clients hold up have not ended");
+    say(LogLevel::standard, "Not serving " + user_ + ": " + std::to_string(leftBehind_.size()) +
+                                " receivers that its clients hold up have not ended");
     return;
   }
   const auto now = Clock::now();
@@ -159,7 +166,7 @@ void UserReceiver::start() {
   std::string error;
   process_ = ReceiverProcess::start(guid_, error);
   if (!process_) {
-    log_.write(LogLevel::standard, "No receiver for " + user_ + ": " + error);
+    say(LogLevel::standard, "No receiver for " + user_ + ": " + error);
     mayStartAt_ = now + kReceiverPause;
     return wakeAfter(kReceiverPause);
   }
@@ -253,8 +260,7 @@ void UserReceiver::take(ReceiverProcess::Packet& packet) {
 void UserReceiver::takeEnd(IpcConnection& connection, EndReason reason) {
   const char* const text = textOf(reason);
   if (reason != EndReason::closedByClient) {
-    log_.write(LogLevel::info,
-               "Closing the connection of pid " + std::to_string(connection.pid()) + ": " + text);
+    say(LogLevel::info, "Closing the connection of pid " + std::to_string(connection.pid()) + ": " + text);
   }
   connection.end(text);
 }
@@ -279,7 +285,7 @@ void UserReceiver::endHeldUp() {
   std::string line = "Ending the receiver of " + user_ + ", which was held up for " +
                      std::to_string(kReceiverPatience.count()) + " ms by what ";
   line += place == connections_.end() ? "a client" : "pid " + std::to_string(place->second->pid());
-  log_.write(LogLevel::standard, line + " sent");
+  say(LogLevel::standard, line + " sent");
   // While it lives: what is given to it now, it takes along.
   if (place != connections_.end()) std::shared_ptr(place->second)->end("It held its receiver up");
   ending_ = true;
@@ -296,7 +302,7 @@ int UserReceiver::processEnded(sd_event_source*, int, uint32_t, void* self) noex
 
 void UserReceiver::noteEnd() {
   ending_ = true;
-  log_.write(LogLevel::standard, "The receiver of " + user_ + " ended by itself (" + process_->reap() + ")");
+  say(LogLevel::standard, "The receiver of " + user_ + " ended by itself (" + process_->reap() + ")");
   if (++endsByThemselves_ > kReceiverEndsWithoutPause) mayStartAt_ = Clock::now() + kReceiverPause;
   const auto place = connections_.find(process_->at());
   if (place != connections_.end()) std::shared_ptr(place->second)->end("Its receiver ended");

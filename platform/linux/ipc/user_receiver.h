@@ -24,8 +24,9 @@ namespace quorveld::linux_platform {
 /// sockets. What is to be served or released meanwhile waits for the next.
 class UserReceiver final : public ConnectionServer {
  public:
-  /// `dismissed` is called with each connection that has ended. `guid` names the daemon to D-Bus clients.
-  UserReceiver(sd_event* event, platform::LogHandle& log, std::string guid, std::string user,
+  /// `dismissed` is called with each connection that has ended. `guid` names the daemon to D-Bus clients, and
+  /// `user` the user to people; what is said of him is said on behalf of `uid`.
+  UserReceiver(sd_event* event, platform::Logs& logs, std::string guid, uint32_t uid, std::string user,
                std::function<void(const IpcConnection&)> dismissed);
   ~UserReceiver() override;
 
@@ -61,6 +62,8 @@ class UserReceiver final : public ConnectionServer {
   static int leftBehindEnded(sd_event_source*, int fd, uint32_t, void* self) noexcept;
   static int timePassed(sd_event_source*, uint64_t, void* self) noexcept;
 
+  void say(platform::LogLevel level, const std::string& line);
+
   /// A process that takes up everything; or later, where there can't be one now.
   void start();
   void releaseAll();
@@ -79,8 +82,9 @@ class UserReceiver final : public ConnectionServer {
   void leaveBehind();
 
   sd_event* const event_;
-  platform::LogHandle& log_;
+  platform::Logs& logs_;
   const std::string guid_;
+  const uint32_t uid_;
   const std::string user_;
   const std::function<void(const IpcConnection&)> dismissed_;
   std::map<uint32_t, std::shared_ptr<IpcConnection>> connections_;

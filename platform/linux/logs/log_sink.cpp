@@ -204,8 +204,8 @@ void LogSink::readThreshold() {
   }
 }
 
-void LogSink::setSender(uint32_t uid) {
-  currentSender = uid;
+uint32_t LogSink::setSender(uint32_t uid) {
+  return std::exchange(currentSender, uid);
 }
 
 void LogSink::write(const LogRecord& record) {

@@ -82,8 +82,8 @@ class LogSink {
   /// Within the level's budget; a line that says how many were dropped goes out before the first one after.
   void write(const LogRecord& record);
 
-  /// On whose behalf the calling thread's lines are written.
-  static void setSender(uint32_t uid);
+  /// On whose behalf the calling thread's lines are written; returns on whose they were before.
+  static uint32_t setSender(uint32_t uid);
 
  private:
   void emit(const LogRecord& record);

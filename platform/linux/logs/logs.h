@@ -25,7 +25,7 @@ class LinuxLogs final : public platform::Logs {
   ~LinuxLogs() override;
 
   platform::LogHandle& handle(std::string_view subsystem, std::string_view category) override;
-  void setSender(uint32_t uid) override { LogSink::setSender(uid); }
+  uint32_t setSender(uint32_t uid) override { return LogSink::setSender(uid); }
   void system(std::string_view text) override;
 
  private:

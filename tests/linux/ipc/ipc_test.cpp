@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/ipc/ipc_limits.h"
@@ -31,15 +32,23 @@ namespace {
 using namespace std::chrono_literals;
 using platform::IpcErrorKind;
 
-struct RecordingLog final : platform::LogHandle {
+constexpr uint32_t kSomebodyElse = 4711;
+
+struct RecordingLog final : platform::Logs, platform::LogHandle {
+  platform::LogHandle& handle(std::string_view, std::string_view) override { return *this; }
+  uint32_t setSender(uint32_t uid) override { return std::exchange(sender, uid); }
+  void system(std::string_view) override {}
   bool enabled(platform::LogLevel) const override { return true; }
   void write(platform::LogLevel, std::string_view text, const platform::LogEvent&) override {
     lines.emplace_back(text);
+    senders.push_back(sender);
   }
   bool signpostsEnabled() const override { return false; }
   void signpostIntervalBegin(uint64_t, std::string_view) override {}
   void signpostIntervalEnd(uint64_t, std::string_view) override {}
   std::vector<std::string> lines;
+  std::vector<uint32_t> senders;
+  uint32_t sender = kSomebodyElse;
 };
 
 const char* name(IpcErrorKind kind) {
@@ -274,10 +283,13 @@ TEST(Ipc, ClientThatBreaksTheRulesIsClosedAndCostsNothing) {
   for (const Case& each : cases) {
     daemon.events.clear();
     daemon.log.lines.clear();
+    daemon.log.senders.clear();
     RawClient client(daemon.socketPath());
     client.send(each.bytes, each.descriptors);
     EXPECT_TRUE(daemon.until([&] { return !daemon.log.lines.empty(); })) << each.what;
     EXPECT_EQ(daemon.log.lines.size(), 1u) << each.what;
+    EXPECT_EQ(daemon.log.senders, std::vector{getuid()}) << "others pay for it";
+    EXPECT_EQ(daemon.log.sender, kSomebodyElse);
     EXPECT_EQ(daemon.count("invalid"), each.isPeer) << each.what;
     client.disconnect();
     EXPECT_EQ(openDescriptors(), before) << each.what;
