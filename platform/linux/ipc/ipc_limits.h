@@ -21,11 +21,15 @@ inline constexpr size_t kReservedDescriptors = 128;
 inline constexpr size_t kMaxRefusedWaiting = 256;
 inline constexpr std::chrono::milliseconds kRefusalsPause{10};
 
-/// Users whose receivers run at a time, root not counted.
+/// Users with connections at a time, root not counted. With more receivers than these have, those that wait
+/// for a user's next client go at once: whoever owns a range of users could start one after the other.
 inline constexpr size_t kMaxUsers = 64;
 
 /// Connections taken before the loop looks at others again.
 inline constexpr int kMaxAcceptsPerTurn = 16;
+
+/// How late these pauses may end. What sd-event takes when it isn't told is a quarter of a second.
+inline constexpr uint64_t kPauseAccuracyUs = 1000;
 
 /// Between two lines about refused connections.
 inline constexpr std::chrono::seconds kRefusalLogInterval{10};
@@ -40,6 +44,9 @@ inline constexpr std::chrono::milliseconds kReceiverPatience{100};
 inline constexpr std::chrono::milliseconds kReceiverEndPatience{20};
 /// Receivers of one user that were ended and have not: until one of them has, that user isn't served.
 inline constexpr size_t kMaxReceiversLeftBehind = 4;
+/// And of all: from then on a user may have one, and who has none yet isn't let in, root excepted. The unit's
+/// TasksMax has room for these, for each user's receiver and for all looks at processes.
+inline constexpr size_t kMaxReceiversLeftBehindOfAll = 64;
 /// How long the daemon's end may wait until a user's receiver has taken over what is to be closed.
 inline constexpr std::chrono::milliseconds kReleasePatience{500};
 /// How long a receiver without connections waits for the next one.

@@ -119,8 +119,14 @@ bool IpcListener::open(std::string& error) {
   acceptSource_.reset(source);
   if (result >= 0) {
     source = nullptr;
-    result = sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, pauseEnded, this);
+    result = sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, kPauseAccuracyUs, pauseEnded, this);
     pauseTimer_.reset(source);
+  }
+  if (result >= 0) {
+    source = nullptr;
+    result = sd_event_add_signal(event, &source, SIGCHLD, childChanged, this);
+    childSource_.reset(source);
+    if (result == -EBUSY) result = 0;  // another listener of this loop does so
   }
   if (result < 0) {
     error = std::string("the event loop refused the socket: ") + strerrordesc_np(-result);
@@ -167,7 +173,9 @@ void IpcListener::welcome(UniqueFd socket) {
 }
 
 bool IpcListener::admits(const ClientProcess& process) {
-  if (shares_.admits(process.uid, process.pid)) return true;
+  const bool isKnown = process.uid == 0 || users_.contains(process.uid);
+  const bool mayHaveReceiver = isKnown || leftBehind_ < kMaxReceiversLeftBehindOfAll;
+  if (mayHaveReceiver && shares_.admits(process.uid, process.pid)) return true;
   ++refusedSinceLogged_;
   const auto now = std::chrono::steady_clock::now();
   if (refusalLogged_ && now - *refusalLogged_ < kRefusalLogInterval) return false;
@@ -181,14 +189,22 @@ bool IpcListener::admits(const ClientProcess& process) {
 
 std::unique_ptr<UserReceiver> IpcListener::makeReceiver(uint32_t uid, std::string user) {
   return std::make_unique<UserReceiver>(
-      queue_.loop().event(), logs_, guid_, uid, std::move(user),
+      queue_.loop().event(), logs_, guid_, uid, std::move(user), leftBehind_,
       [this](const IpcConnection& connection) { shares_.remove(connection.uid(), connection.pid()); });
 }
 
 UserReceiver& IpcListener::receiverOf(uint32_t uid) {
   if (const auto user = users_.find(uid); user != users_.end()) return *user->second;
-  std::erase_if(users_, [](const auto& user) { return user.second->isIdle(); });
+  makeRoom();
   return *users_.emplace(uid, makeReceiver(uid, "user " + std::to_string(uid))).first->second;
+}
+
+void IpcListener::makeRoom() {
+  std::erase_if(users_, [](const auto& user) { return user.second->isIdle(); });
+  if (users_.size() < kMaxUsers) return;
+  for (const auto& [uid, user] : users_) {
+    if (user->retire()) return;
+  }
 }
 
 void IpcListener::refuse(UniqueFd socket) {
@@ -207,6 +223,13 @@ void IpcListener::restFor(std::chrono::milliseconds pause) {
   sd_event_source_set_enabled(pauseTimer_.get(), SD_EVENT_ONESHOT);
 }
 
+int IpcListener::childChanged(sd_event_source*, const signalfd_siginfo*, void* self) noexcept {
+  IpcListener& listener = *static_cast<IpcListener*>(self);
+  for (const auto& [uid, user] : listener.users_) user->replaceStopped();
+  listener.refusals_->replaceStopped();
+  return 0;
+}
+
 int IpcListener::pauseEnded(sd_event_source*, uint64_t, void* self) noexcept {
   sd_event_source_set_enabled(static_cast<IpcListener*>(self)->acceptSource_.get(), SD_EVENT_ON);
   return 0;
@@ -215,6 +238,7 @@ int IpcListener::pauseEnded(sd_event_source*, uint64_t, void* self) noexcept {
 void IpcListener::terminate() {
   acceptSource_.reset();
   pauseTimer_.reset();
+  childSource_.reset();
   // Every peer hears of it before any is closed.
   for (const auto& [uid, user] : users_) user->announceTermination();
   closeAll();
@@ -223,6 +247,7 @@ void IpcListener::terminate() {
 void IpcListener::closeAll() {
   acceptSource_.reset();
   pauseTimer_.reset();
+  childSource_.reset();
   socket_.fd.reset();
   for (const auto& [uid, user] : users_) user->closeAll();
   refusals_->closeAll();

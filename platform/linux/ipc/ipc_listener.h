@@ -31,6 +31,7 @@ class IpcListener final : public platform::Listener {
 
  private:
   static int acceptable(sd_event_source*, int, uint32_t, void* self) noexcept;
+  static int childChanged(sd_event_source*, const signalfd_siginfo*, void* self) noexcept;
   static int pauseEnded(sd_event_source*, uint64_t, void* self) noexcept;
 
   bool open(std::string& error);
@@ -39,6 +40,8 @@ class IpcListener final : public platform::Listener {
   /// True when there is room for one more; else a line about it, now and then.
   bool admits(const ClientProcess& process);
   UserReceiver& receiverOf(uint32_t uid);
+  /// Lets receivers go that nobody needs, before one for another user.
+  void makeRoom();
   /// Has a socket closed whose client is not let in.
   void refuse(UniqueFd socket);
   std::unique_ptr<UserReceiver> makeReceiver(uint32_t uid, std::string user);
@@ -56,11 +59,13 @@ class IpcListener final : public platform::Listener {
   ListeningSocket socket_;
   EventSource acceptSource_;
   EventSource pauseTimer_;
+  EventSource childSource_;
   std::shared_ptr<const char> alive_ = std::make_shared<const char>();  // gone: what was posted is void
   std::shared_ptr<IpcScratch> scratch_;
   ClientShares shares_;
   std::string guid_;
   uint32_t lastNumber_ = 0;
+  size_t leftBehind_ = 0;  // receivers of all users
   std::map<uint32_t, std::unique_ptr<UserReceiver>> users_;
   std::unique_ptr<UserReceiver> refusals_;
   std::optional<std::chrono::steady_clock::time_point> refusalLogged_;

@@ -115,6 +115,11 @@ bool ReceiverProcess::isHeldUp() const {
   return state == 'S' || state == 'D';
 }
 
+bool ReceiverProcess::isStopped() const {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid_), &info, WSTOPPED | WNOHANG) == 0 && info.si_pid == pid_;
+}
+
 bool ReceiverProcess::takeTimeout() const {
   uint64_t times = 0;
   return read(timer_.get(), &times, sizeof times) == sizeof times;

@@ -36,6 +36,8 @@ class ReceiverProcess {
   uint32_t at() const { return page_->at; }
   /// False while it has only not been given a CPU (proc(5), state R), or has ended.
   bool isHeldUp() const;
+  /// True when somebody has sent it SIGSTOP since the last time: it might never go on.
+  bool isStopped() const;
   /// Takes note of the timer's end; false when it was set anew meanwhile.
   bool takeTimeout() const;
   /// Has the timer run once more, for a process that is at something and isn't held up.

@@ -52,15 +52,17 @@ UserReceiver& receiverOf(void* self) {
 }  // namespace
 
 UserReceiver::UserReceiver(sd_event* event, platform::Logs& logs, std::string guid, uint32_t uid,
-                           std::string user, std::function<void(const IpcConnection&)> dismissed)
+                           std::string user, size_t& allLeftBehind,
+                           std::function<void(const IpcConnection&)> dismissed)
     : event_(event),
       logs_(logs),
       guid_(std::move(guid)),
       uid_(uid),
       user_(std::move(user)),
+      allLeftBehind_(allLeftBehind),
       dismissed_(std::move(dismissed)) {
   sd_event_source* source = nullptr;
-  if (sd_event_add_time(event_, &source, CLOCK_MONOTONIC, 0, 0, timePassed, this) < 0) return;
+  if (sd_event_add_time(event_, &source, CLOCK_MONOTONIC, 0, kPauseAccuracyUs, timePassed, this) < 0) return;
   timeSource_.reset(source);
   sd_event_source_set_enabled(source, SD_EVENT_OFF);
 }
@@ -162,6 +164,11 @@ void UserReceiver::start() {
     return;
   }
   const auto now = Clock::now();
+  if (!leftBehind_.empty() && allLeftBehind_ >= kMaxReceiversLeftBehindOfAll) {
+    say(LogLevel::standard, "Not serving " + user_ + ": " + std::to_string(allLeftBehind_) +
+                                " receivers that clients hold up have not ended");
+    return wakeAfter(kReceiverPause);
+  }
   if (now < mayStartAt_) return wakeAfter(std::chrono::ceil<std::chrono::milliseconds>(mayStartAt_ - now));
   std::string error;
   process_ = ReceiverProcess::start(guid_, error);
@@ -199,14 +206,16 @@ int UserReceiver::timePassed(sd_event_source*, uint64_t, void* self) noexcept {
     receiver.replace();
   } else if (!receiver.process_) {
     if (!receiver.connections_.empty() || !receiver.unreleased_.empty()) receiver.start();
-  } else if (!receiver.connections_.empty()) {
-    // Somebody has come meanwhile.
-  } else if (receiver.process_->flush()) {
-    receiver.leaveBehind();  // without its channel it ends
-  } else {
+  } else if (receiver.connections_.empty() && !receiver.retire()) {
     receiver.wakeAfter(kIdleReceiverStays);
   }
   return 0;
+}
+
+bool UserReceiver::retire() {
+  if (!connections_.empty() || !process_ || ending_ || channelEnded_ || !process_->flush()) return false;
+  leaveBehind();  // without its channel it ends
+  return true;
 }
 
 // --- what it sends ---
@@ -287,10 +296,26 @@ void UserReceiver::endHeldUp() {
   line += place == connections_.end() ? "a client" : "pid " + std::to_string(place->second->pid());
   say(LogLevel::standard, line + " sent");
   // While it lives: what is given to it now, it takes along.
-  if (place != connections_.end()) std::shared_ptr(place->second)->end("It held its receiver up");
+  endCurrent("It held its receiver up");
+  killAndReplace();
+}
+
+void UserReceiver::replaceStopped() {
+  if (!process_ || ending_ || channelEnded_ || !process_->isStopped()) return;
+  say(LogLevel::standard, "Ending the receiver of " + user_ + ", which was stopped");
+  killAndReplace();
+  endCurrent("Its receiver was stopped");
+}
+
+void UserReceiver::killAndReplace() {
   ending_ = true;
   process_->kill();
   wakeAfter(kReceiverEndPatience);
+}
+
+void UserReceiver::endCurrent(const char* reason) {
+  const auto place = connections_.find(process_->at());
+  if (place != connections_.end()) std::shared_ptr(place->second)->end(reason);
 }
 
 int UserReceiver::processEnded(sd_event_source*, int, uint32_t, void* self) noexcept {
@@ -304,8 +329,7 @@ void UserReceiver::noteEnd() {
   ending_ = true;
   say(LogLevel::standard, "The receiver of " + user_ + " ended by itself (" + process_->reap() + ")");
   if (++endsByThemselves_ > kReceiverEndsWithoutPause) mayStartAt_ = Clock::now() + kReceiverPause;
-  const auto place = connections_.find(process_->at());
-  if (place != connections_.end()) std::shared_ptr(place->second)->end("Its receiver ended");
+  endCurrent("Its receiver ended");
 }
 
 void UserReceiver::replace() {
@@ -324,6 +348,7 @@ void UserReceiver::leaveBehind() {
   if (process_->reap().empty()) {
     EventSource ended = watch(process_->pidFd(), leftBehindEnded);
     leftBehind_.push_back({std::move(process_), std::move(ended)});
+    ++allLeftBehind_;
   }
   process_.reset();
   channelEnded_ = false;
@@ -331,7 +356,8 @@ void UserReceiver::leaveBehind() {
 
 int UserReceiver::leftBehindEnded(sd_event_source*, int, uint32_t, void* self) noexcept {
   UserReceiver& receiver = receiverOf(self);
-  std::erase_if(receiver.leftBehind_, [](const LeftBehind& left) { return !left.process->reap().empty(); });
+  receiver.allLeftBehind_ -= std::erase_if(
+      receiver.leftBehind_, [](const LeftBehind& left) { return !left.process->reap().empty(); });
   const bool wanted = !receiver.connections_.empty() || !receiver.unreleased_.empty();
   if (wanted && !receiver.process_ && !receiver.ending_) receiver.start();
   return 0;

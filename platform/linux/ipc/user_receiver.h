@@ -26,8 +26,9 @@ class UserReceiver final : public ConnectionServer {
  public:
   /// `dismissed` is called with each connection that has ended. `guid` names the daemon to D-Bus clients, and
   /// `user` the user to people; what is said of him is said on behalf of `uid`.
+  /// `allLeftBehind` counts the receivers of all users that were ended and have not.
   UserReceiver(sd_event* event, platform::Logs& logs, std::string guid, uint32_t uid, std::string user,
-               std::function<void(const IpcConnection&)> dismissed);
+               size_t& allLeftBehind, std::function<void(const IpcConnection&)> dismissed);
   ~UserReceiver() override;
 
   void add(std::shared_ptr<IpcConnection> connection);
@@ -41,6 +42,11 @@ class UserReceiver final : public ConnectionServer {
   bool isIdle() const {
     return connections_.empty() && !process_ && leftBehind_.empty() && unreleased_.empty();
   }
+
+  /// A child has ended, or was stopped: has the next process go on if it was this one that was stopped.
+  void replaceStopped();
+  /// Lets a process go that only waits for the next client; false when there is none such.
+  bool retire();
 
   /// Tells every connection that the end is near, then closes them all.
   void announceTermination();
@@ -77,6 +83,9 @@ class UserReceiver final : public ConnectionServer {
 
   void endHeldUp();
   void noteEnd();
+  /// Ends the connection that the process is at, which may have it in a state that nobody knows.
+  void endCurrent(const char* reason);
+  void killAndReplace();
   /// The old one reads no more: the next takes over.
   void replace();
   void leaveBehind();
@@ -86,6 +95,7 @@ class UserReceiver final : public ConnectionServer {
   const std::string guid_;
   const uint32_t uid_;
   const std::string user_;
+  size_t& allLeftBehind_;
   const std::function<void(const IpcConnection&)> dismissed_;
   std::map<uint32_t, std::shared_ptr<IpcConnection>> connections_;
   std::unique_ptr<ReceiverProcess> process_;

@@ -172,7 +172,7 @@ EventLoop& loopOf(platform::WorkQueue& queue) {
 void holdMainSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGHUP}) sigaddset(&signals, signal);
+  for (const int signal : {SIGTERM, SIGINT, SIGUSR1, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
