@@ -1,6 +1,7 @@
 #include "tools/base/table.h"
 
 #include <algorithm>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 namespace quorvelctl {
@@ -27,7 +28,48 @@ size_t obeyedLength(std::string_view text) {
   return obeyed ? 3 : 0;
 }
 
+constexpr size_t kNarrowest = 60;
+constexpr size_t kGap = 2;
+constexpr size_t kIndent = 2;
+constexpr size_t kContinued = 4;  ///< indentation of what didn't fit
+size_t tableWidth = std::numeric_limits<size_t>::max();
+
+/// Where each line of a row begins: the first column of every line.
+std::vector<size_t> lineStarts(const std::vector<size_t>& widths, size_t room) {
+  std::vector<size_t> starts{0};
+  size_t used = 0;
+  for (size_t i = 0; i < widths.size(); ++i) {
+    if (i > starts.back() && used + widths[i] > room) {
+      starts.push_back(i);
+      used = kContinued;
+    }
+    used += widths[i] + kGap;
+  }
+  return starts;
+}
+
+/// Appends `text`, which begins in column `column`, broken at blanks where it leaves `room`.
+void appendBroken(std::string& out, std::string_view text, size_t column, size_t room) {
+  while (column + width(text) > room) {
+    size_t taken = 0;  // up to the last blank within the room, or the first beyond
+    for (size_t blank = text.find(' '); blank != std::string_view::npos; blank = text.find(' ', blank + 1)) {
+      if (taken > 0 && column + width(text.substr(0, blank)) > room) break;
+      taken = blank;
+    }
+    if (taken == 0) break;
+    out += text.substr(0, taken);
+    out += '\n' + std::string(kContinued, ' ');
+    text.remove_prefix(taken + 1);
+    column = kContinued;
+  }
+  out += text;
+}
+
 }  // namespace
+
+void setTableWidth(size_t characters) {
+  tableWidth = std::max(characters, kNarrowest);
+}
 
 std::string printable(std::string_view text) {
   std::string out;
@@ -45,13 +87,23 @@ std::string table(const std::vector<std::vector<std::string>>& rows) {
     widths.resize(std::max(widths.size(), row.size()));
     for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
+  const size_t room = tableWidth - kIndent;
+  const std::vector<size_t> starts = lineStarts(widths, room);
   std::string text;
   for (const auto& row : rows) {
+    size_t line = 0, column = 0;
     for (size_t i = 0; i < row.size(); ++i) {
-      text += row[i];
-      if (i + 1 < row.size()) text.append(widths[i] - width(row[i]) + 2, ' ');
+      const bool endsLine = i + 1 == row.size() || (line + 1 < starts.size() && starts[line + 1] == i + 1);
+      appendBroken(text, row[i], column, room);
+      if (endsLine) {
+        ++line;
+        column = kContinued;
+        text += i + 1 < row.size() ? '\n' + std::string(kContinued, ' ') : "\n";
+      } else {
+        text.append(widths[i] - width(row[i]) + kGap, ' ');
+        column += widths[i] + kGap;
+      }
     }
-    text += '\n';
   }
   return text;
 }

@@ -11,8 +11,14 @@ namespace quorvelctl {
 /// hold, become '?'.
 std::string printable(std::string_view text);
 
+/// How wide tables may be, in characters, from now on: a terminal's width, or 60 where that is narrower. At
+/// first, and for what isn't shown on a terminal, as wide as they come out: one line a row.
+void setTableWidth(size_t characters);
+
 /// Rows of texts as lines of columns, two blanks apart, each as wide as its widest text; the last one isn't
-/// padded. The first row is the heading.
+/// padded. The first row is the heading. Where a row is too wide, the columns that don't fit follow on lines
+/// of their own, indented; what is wider than a whole line is broken at blanks. Room for two blanks is left,
+/// for whoever indents the lines.
 std::string table(const std::vector<std::vector<std::string>>& rows);
 
 /// `value` on one or more lines with a line break at the end; what is no UTF-8 in it is replaced.

@@ -11,6 +11,7 @@ std::string fixed(double value, int digits) {
 }
 
 std::string durationText(double ms) {
+  if (ms < 0) return "unknown";
   if (ms > 0 && ms < 1) return fixed(ms, 2) + " ms";
   return ms < 1000 ? fixed(ms, 0) + " ms" : fixed(ms / 1000, 2) + " s";
 }

@@ -52,7 +52,7 @@ void showActivations(Context& context, const ActivationArguments& arguments) {
     return;
   }
   if (reader.activations().empty())
-    std::puts("no activation recorded; QuorvelEnableAppActivationLogging has the daemon record them");
+    std::puts("no activation recorded yet; QuorvelEnableAppActivationLogging has the daemon record them");
   const auto pageBytes = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   bool first = true;
   for (const Activation& activation : shown) {

@@ -1,12 +1,17 @@
 #include "tools/commands/command_line.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "client/include/quorvel.h"
+#include "tools/base/table.h"
 #include "tools/commands/commands.h"
 
 namespace quorvelctl {
@@ -25,6 +30,41 @@ std::vector<std::string> takeCommand(int& argc, char** argv) {
   return {separator + 1, end};
 }
 
+/// What the arguments ask for, as far as they were understood.
+const CLI::App& commandOf(const CLI::App& app) {
+  const CLI::App* command = &app;
+  while (!command->get_subcommands().empty()) command = command->get_subcommands().back();
+  return *command;
+}
+
+/// What to say where one of `known` was to follow.
+std::string unknownText(const std::vector<std::string>& unknown, const std::vector<const CLI::App*>& known) {
+  if (!unknown.empty() && unknown.front().starts_with('-'))
+    return "there is no option \"" + printable(unknown.front()) + '"';
+  std::string text =
+      unknown.empty() ? "which command?" : "there is no command \"" + printable(unknown.front()) + "\";";
+  for (const CLI::App* each : known)
+    text += (each == known.front() ? " there are " : ", ") + each->get_name();
+  return text;
+}
+
+/// What is wrong with the command line, on one line that begins like every other error.
+std::string wrongUsage(const CLI::App* app, const CLI::Error& error) {
+  const CLI::App& command = commandOf(*app);
+  const auto known = command.get_subcommands([](const CLI::App*) { return true; });
+  const bool wantsCommand = error.get_name() == "RequiredError" && !known.empty();
+  const std::string text = wantsCommand ? unknownText(app->remaining(true), known) : error.what();
+  std::string path;
+  for (const CLI::App* each = &command; each; each = each->get_parent()) path = each->get_name() + ' ' + path;
+  return "quorvelctl: " + printable(text) + "; see " + path + "--help\n";
+}
+
+/// A collector that keeps what we wrote must not take a cut-off text for the whole: a full disk is a failure.
+void checkOutput(Context& context) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+    context.fail("the output could not be written: " + std::string(std::strerror(errno)));
+}
+
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
@@ -33,7 +73,7 @@ int runCommandLine(int argc, char** argv) {
   CLI::App app{"Looks after quorveld: its preferences, notifications, reports and counters.", "quorvelctl"};
   app.fallthrough();
   app.require_subcommand(1);
-  app.failure_message(CLI::FailureMessage::simple);
+  app.failure_message(wrongUsage);
   app.add_option("--root", context.root, "Folder below which the daemon's files are")
       ->envname("QUORVELD_ROOT")
       ->check(CLI::ExistingDirectory)
@@ -48,12 +88,14 @@ int runCommandLine(int argc, char** argv) {
   addMetricsCommand(app, context);
   addLaunchCommand(app, context);
   addActivationsCommand(app, context);
+  if (winsize size{}; ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
+    setTableWidth(size.ws_col);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kWrongUsage;
+    if (app.exit(error) != 0) return kWrongUsage;
   }
-  if (std::fflush(stdout) != 0) context.fail("the output could not be written");
+  checkOutput(context);
   return context.status;
 }
 

@@ -37,7 +37,7 @@ std::string metricsText(const Metrics& metrics) {
                     boundText(distribution.boundOf(kMostValues))});
   }
   if (rows.size() > 1) text += (text.empty() ? "" : "\n") + table(rows);
-  if (text.empty()) text = "nothing counted yet\n";
+  if (text.empty()) text = "nothing counted yet; the daemon counts while it runs\n";
   return metrics.version.empty() ? text : "quorveld " + printable(metrics.version) + "\n\n" + text;
 }
 
@@ -62,12 +62,12 @@ void showMetrics(Context& context) {
   const std::string path = context.path(kMetricsFile);
   std::error_code error;
   const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
-  if (!text) {
+  if (!text && error != std::errc::no_such_file_or_directory) {
     context.fail("can't read the counters in " + path + ": " + error.message());
     return;
   }
   size_t brokenLine = 0;
-  const std::optional<Metrics> metrics = parseMetrics(*text, brokenLine);
+  const std::optional<Metrics> metrics = parseMetrics(text.value_or(""), brokenLine);
   if (!metrics) {
     context.fail(path + " is broken at line " + std::to_string(brokenLine));
     return;

@@ -20,6 +20,8 @@ namespace {
 
 constexpr const char* kSpool = "/var/root/Library/Caches/quorveld/spool";
 constexpr const char* kSuffix = ".kelvane";
+constexpr const char* kNoReport =
+    "no report yet; with QuorvelEnabled and QuorvelEnableKelvane set the daemon files them";
 
 /// The spool's reports without their headers, oldest first. Nothing when it can't be read, which has been
 /// told.
@@ -34,7 +36,7 @@ std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
     entries.push_back(
         {file->path().filename(), status.st_mtim.tv_sec, static_cast<uint64_t>(status.st_size), {}, {}});
   }
-  if (error) {
+  if (error && error != std::errc::no_such_file_or_directory) {  // it is made with the first report
     context.fail("can't read the reports in " + context.path(kSpool) + ": " + error.message());
     return std::nullopt;
   }
@@ -69,7 +71,8 @@ nlohmann::ordered_json jsonEntry(const ReportEntry& entry) {
                {"pid", header.pid},
                {"name", header.serviceName},
                {"reason", header.reason},
-               {"durationMs", header.durationMs()}});
+               {"durationMs", nullptr}});
+  if (header.durationMs() >= 0) json["durationMs"] = header.durationMs();
   return json;
 }
 
@@ -81,16 +84,21 @@ void listReports(Context& context) {
     readHeader(context.path(kSpool) + "/" + entry.fileName, entry);
     json.push_back(jsonEntry(entry));
   }
-  std::fputs((context.json ? jsonText(json) : reportTable(*entries)).c_str(), stdout);
+  if (!context.json && entries->empty()) {
+    std::puts(kNoReport);
+  } else {
+    std::fputs((context.json ? jsonText(json) : reportTable(*entries)).c_str(), stdout);
+  }
 }
 
-/// Where the report that was asked for is: the newest when no name was given. Empty when there is none, as
-/// told.
-std::string pathOf(Context& context, const std::string& name) {
+/// Where the report that was asked for is: the newest when no name was given. Empty when there is none, which
+/// has been told, and is a failure if there must be one.
+std::string pathOf(Context& context, const std::string& name, bool mustBe) {
   if (name.find('/') != std::string::npos) return name;
   if (!name.empty()) return context.path(kSpool) + "/" + name;
   const auto entries = spoolEntries(context);
-  if (entries && entries->empty()) context.fail("there is no report");
+  if (entries && entries->empty() && mustBe) context.fail(kNoReport);
+  if (entries && entries->empty() && !mustBe) std::puts(kNoReport);
   if (!entries || entries->empty()) return {};
   return context.path(kSpool) + "/" + entries->back().fileName;
 }
@@ -123,7 +131,8 @@ struct ShowArguments {
 };
 
 void showReport(Context& context, const ShowArguments& arguments) {
-  const std::string path = pathOf(context, arguments.file);
+  const bool isForPeople = !context.json && arguments.html.empty();
+  const std::string path = pathOf(context, arguments.file, !isForPeople);
   if (path.empty()) return;
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;
@@ -152,7 +161,7 @@ struct SymbolicateArguments {
 };
 
 void symbolicate(Context& context, const SymbolicateArguments& arguments) {
-  const std::string path = pathOf(context, arguments.file);
+  const std::string path = pathOf(context, arguments.file, true);
   if (path.empty()) return;
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;

@@ -1,6 +1,7 @@
 #include "tools/launches/activation.h"
 
 #include <algorithm>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <tuple>
@@ -71,7 +72,9 @@ Activation activationOf(const Json& event) {
   activation.pid = pidOf(number<uint64_t>(data, "UniqueID"));
   activation.launch = number<uint64_t>(data, "ActivationType") == 1;
   activation.result = number<int>(data, "ActivationResult");
-  activation.durationMs = number<uint64_t>(data, "ActivationDuration_ms");
+  // The daemon tells the difference of two times that it was given in 32 bits, whichever was first.
+  const auto durationMs = number<uint64_t>(data, "ActivationDuration_ms");
+  if (durationMs <= std::numeric_limits<int32_t>::max()) activation.durationMs = durationMs;
   activation.systemUptimeS = number<int64_t>(data, "SystemUptime");
   const auto flags = number<uint64_t>(data, "ActivationFlags");
   activation.otherCount = flags & 0xff;

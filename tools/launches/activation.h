@@ -57,7 +57,7 @@ struct Activation {
   int32_t pid = 0;
   bool launch = false;  ///< else a resume
   int result = 0;
-  uint64_t durationMs = 0;
+  std::optional<uint64_t> durationMs;  ///< nothing when the end that was announced lay before the begin
   int64_t systemUptimeS = 0;
   uint64_t beginHeardLateMs = 0;  ///< in steps of 50, at most 1550
   uint64_t endHeardLateMs = 0;

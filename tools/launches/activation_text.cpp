@@ -157,8 +157,9 @@ class Machine {
 std::string titleOf(const Activation& activation) {
   std::string title = timeText(activation.startedAt, false) + "  " + printable(activation.bundleID) + "  " +
                       (activation.launch ? "launch" : "resume") + " in " +
-                      durationText(static_cast<double>(activation.durationMs)) + ", " +
-                      resultText(activation.result);
+                      (activation.durationMs ? durationText(static_cast<double>(*activation.durationMs))
+                                             : "no time: it ended before it began") +
+                      ", " + resultText(activation.result);
   if (activation.beginHeardLateMs > 0)
     title += ", begin heard " + durationText(static_cast<double>(activation.beginHeardLateMs)) + " late";
   if (activation.endHeardLateMs > 0)
@@ -200,11 +201,12 @@ nlohmann::ordered_json activationJson(const Activation& activation) {
                               {"pid", activation.pid},
                               {"type", activation.launch ? "launch" : "resume"},
                               {"result", activation.result},
-                              {"durationMs", activation.durationMs},
+                              {"durationMs", nullptr},
                               {"beginHeardLateMs", activation.beginHeardLateMs},
                               {"endHeardLateMs", activation.endHeardLateMs},
                               {"systemUptimeS", activation.systemUptimeS},
                               {"processes", std::move(processes)}};
+  if (activation.durationMs) json["durationMs"] = *activation.durationMs;
   if (activation.others) {
     json["others"] = {{"count", activation.otherCount}};
     json["others"].update(costJson(*activation.others));

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -33,8 +34,14 @@ std::string realText(double number) {
   return text.find_first_of(".e") == std::string::npos ? text + ".0" : text;
 }
 
+/// The least whole number that means something: the daemon reads numbers below 0, but no limit, time or
+/// period is one.
+int64_t leastThatMeans(const PreferenceKey& key) {
+  return std::max<int64_t>(key.least, key.type == PreferenceType::seconds ? 1 : 0);
+}
+
 std::string range(const PreferenceKey& key) {
-  return std::to_string(key.least) + " to " + std::to_string(key.most);
+  return std::to_string(leastThatMeans(key)) + " to " + std::to_string(key.most);
 }
 
 /// The value as the daemon reads a number: truth is 1 or 0, a text what it spells in full. Nothing for what
@@ -77,7 +84,7 @@ std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view
       return std::nullopt;
     case PreferenceType::integer: {
       const auto value = wholly<int64_t>(text);
-      if (value && *value >= key.least && *value <= key.most)
+      if (value && *value >= leastThatMeans(key) && *value <= key.most)
         return StoredValue{"integer", std::to_string(*value)};
       error = name + " takes a whole number from " + range(key) + ", not " + given;
       return std::nullopt;
@@ -87,11 +94,9 @@ std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view
     case PreferenceType::seconds: {
       const auto number = wholly<double>(text);
       StoredValue value{"real", number ? realText(*number) : ""};
-      if (answers(value, key)) return value;
-      error = name + " takes a number";
-      if (key.type == PreferenceType::positive) error += " above 0";
-      if (key.type == PreferenceType::seconds) error += " from " + range(key);
-      error += ", not " + given;
+      const bool isSeconds = key.type == PreferenceType::seconds;
+      if (answers(value, key) && *number > 0 && (!isSeconds || *number >= 1)) return value;
+      error = name + " takes a number " + (isSeconds ? "from " + range(key) : "above 0") + ", not " + given;
       return std::nullopt;
     }
   }

@@ -20,7 +20,7 @@ struct StoredValue {
 };
 
 /// `text`, as typed on a command line, as a value of the key's type. Nothing, and what is wrong with it,
-/// otherwise.
+/// otherwise; so for a value that the daemon would take and that means nothing, such as a limit below 0.
 std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view text, std::string& error);
 
 /// Whether the daemon takes `value` for the key's: it is in range, booleans and numbers answer as each other,

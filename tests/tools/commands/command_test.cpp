@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -50,9 +53,9 @@ constexpr const char* kPosted = "/run/quorveld/notify/com.corvix.quorvel.pref_ch
 TEST_F(Command, PreferencesAreWrittenAndTheDaemonIsTold) {
   EXPECT_EQ(run("prefs set --no-notify QuorvelEnabled true"), 0) << output_;
   EXPECT_FALSE(std::filesystem::exists(root_ + kPosted));
-  EXPECT_EQ(run("prefs set QuorvelDailyLogLimit -1"), 0) << output_;
+  EXPECT_EQ(run("prefs set QuorvelDailyLogLimit 7"), 0) << output_;
   EXPECT_EQ(contents(kPosted), "0\n");
-  EXPECT_NE(contents(kTelvo).find("<integer>-1</integer>"), std::string::npos);
+  EXPECT_NE(contents(kTelvo).find("<integer>7</integer>"), std::string::npos);
   struct stat status {};
   EXPECT_EQ(stat((root_ + kTelvo).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0644u);
@@ -77,18 +80,80 @@ TEST_F(Command, ABrokenFileIsLeftAlone) {
 
 TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
   for (const char* arguments : {"", "prefs", "prefs set QuorvelEnabled", "prefs set QuorvelEnabled perhaps",
-                                "prefs set Quorvel 1", "notify ../x", "notify .x", "notify x 1.5", "nonsense",
-                                "launch x", "launch -- true", "activations --last -1"}) {
+                                "prefs set Quorvel 1", "notify ../x", "notify .x", "notify x 1.5",
+                                "notify x -1", "notify x 18446744073709551616", "nonsense", "reports --none",
+                                "reports list one", "launch x", "launch -- true", "activations --last -1"}) {
     EXPECT_EQ(run(arguments), 2) << arguments;
-    EXPECT_FALSE(output_.empty());
+    EXPECT_TRUE(output_.starts_with("quorvelctl: ")) << output_;
+    EXPECT_EQ(std::count(output_.begin(), output_.end(), '\n'), 1) << output_;
   }
+  EXPECT_EQ(run("prefs st"), 2);
+  EXPECT_EQ(
+      output_,
+      "quorvelctl: there is no command \"st\"; there are list, get, set, unset; see quorvelctl prefs --help\n");
+
   EXPECT_TRUE(std::filesystem::is_empty(root_));
-  EXPECT_EQ(run("reports list"), 1);
-  EXPECT_EQ(run("metrics"), 1);
   for (const char* arguments :
        {"--help", "prefs --help", "prefs set --help", "notify --help", "reports show --help"}) {
     EXPECT_EQ(run(arguments), 0) << arguments;
   }
+}
+
+TEST_F(Command, WhereNothingIsYetThereIsASentenceAndNoFailure) {
+  for (const char* arguments : {"reports list", "reports show", "metrics", "activations"}) {
+    EXPECT_EQ(run(arguments), 0) << arguments;
+    EXPECT_NE(output_.find("yet"), std::string::npos) << output_;
+  }
+  EXPECT_EQ(run("reports list --json"), 0);
+  EXPECT_EQ(output_, "[]\n");
+  EXPECT_EQ(run("reports show --html " + root_ + "/page.html"), 1) << "there is no page to show for it";
+}
+
+TEST_F(Command, OutputThatIsCutOffIsAFailure) {
+  write(
+      "/var/root/Library/Caches/quorveld/spool/a.kelvane",
+      R"({"metadata":{"ProcessPath":"/bin/viewer","Reason":")" + std::string(size_t{1} << 16, 'x') + "\"}}");
+  for (const char* arguments : {"--help", "--version", "prefs list", "reports list", "reports show --json",
+                                "activations", "activations --json", "metrics"}) {
+    const std::string line = "'" QUORVELCTL "' --root " + root_ + " " + arguments + " 2>&1 >/dev/full";
+    FILE* pipe = popen(line.c_str(), "r");
+    std::array<char, 256> said{};
+    EXPECT_TRUE(fgets(said.data(), said.size(), pipe)) << arguments;
+    EXPECT_STREQ(said.data(), "quorvelctl: the output could not be written: No space left on device\n");
+    EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 1) << arguments;
+  }
+}
+
+TEST_F(Command, TablesFitANarrowTerminalAndKeepARowALineElsewhere) {
+  const auto longest = [this] {
+    std::istringstream lines(output_);
+    size_t most = 0;
+    for (std::string line; std::getline(lines, line);) {
+      while (!line.empty() && line.back() == '\r') line.pop_back();
+      most = std::max(most, line.size());
+    }
+    return most;
+  };
+  EXPECT_EQ(run("prefs list"), 0);
+  EXPECT_GT(longest(), 100u);
+  const winsize narrow{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
+  int terminal = -1;
+  const pid_t child = forkpty(&terminal, nullptr, nullptr, &narrow);
+  if (child == 0) {
+    execl(QUORVELCTL, "quorvelctl", "--root", root_.c_str(), "prefs", "list", nullptr);
+    _exit(127);
+  }
+  ASSERT_GT(child, 0);
+  output_.clear();
+  std::array<char, 4096> piece;
+  for (ssize_t length = 0; (length = read(terminal, piece.data(), piece.size())) > 0;)
+    output_.append(piece.data(), static_cast<size_t>(length));
+  close(terminal);
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(output_.find("hang tracking"), std::string::npos) << output_;
+  EXPECT_LE(longest(), 60u) << output_;
 }
 
 TEST_F(Command, ANotificationReplacesItsFileAndIsSeenOnce) {

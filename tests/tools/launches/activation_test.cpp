@@ -88,6 +88,17 @@ TEST(Activations, NamesCarryOverAndBrokenLinesAreCounted) {
   EXPECT_EQ(json["vm"]["end"]["SwapIns"], 256);
 }
 
+TEST(Activations, WhatEndedBeforeItBeganTookNoTime) {
+  std::string text = line("", "");
+  text.replace(text.find(":1500,"), 6, ":" + std::to_string(UINT32_MAX - 4) + ",");  // -5 ms
+  ActivationReader reader;
+  reader.read(text);
+  ASSERT_EQ(reader.activations().size(), 1u);
+  EXPECT_NE(quorvelctl::activationText(reader.activations()[0], 4096).find("ended before it began"),
+            std::string::npos);
+  EXPECT_TRUE(quorvelctl::activationJson(reader.activations()[0])["durationMs"].is_null());
+}
+
 TEST(Notifications, AreReadByTheLine) {
   EXPECT_TRUE(quorvelctl::hasLine("STATUS=up\nREADY=1\n", "READY=1"));
   for (const char* text : {"", "\n", "READY=10", "READY=0", "STATUS=READY=1", "XREADY=1"})

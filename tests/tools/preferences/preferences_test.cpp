@@ -85,16 +85,20 @@ TEST(PreferenceValue, IsTypedByTheKeyAndRefusedOtherwise) {
   EXPECT_EQ(typed("QuorvelEnabled", "2"), "QuorvelEnabled takes true or false, not \"2\"");
   EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "2500"), "real 2500.0");
   EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "inf"),
-            "QuorvelHangTimeoutDuration takes a number, not \"inf\"");
-  EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "5s"),
-            "QuorvelHangTimeoutDuration takes a number, not \"5s\"");
+            "QuorvelHangTimeoutDuration takes a number above 0, not \"inf\"");
+  EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "-5"),
+            "QuorvelHangTimeoutDuration takes a number above 0, not \"-5\"");
+  EXPECT_EQ(typed("QuorvelDailyLogLimit", "-1"),
+            "QuorvelDailyLogLimit takes a whole number from 0 to 2147483647, not \"-1\"");
+  EXPECT_EQ(typed("QuorvelReportPeriod", "0.5").substr(0, 45),
+            "QuorvelReportPeriod takes a number from 1 to ");
   EXPECT_EQ(typed("QuorvelMemoryLoggingInterval", "4294967295"), "integer 4294967295");
   EXPECT_NE(typed("QuorvelMemoryLoggingInterval", "4294967296").find("from 1 to 4294967295"),
             std::string::npos);
   EXPECT_NE(typed("QuorvelDailyLogLimit", "1.5").find("whole number"), std::string::npos);
   EXPECT_EQ(typed("QuorvelReportPeriod", "2147483647.5"), "real 2147483647.5");
   EXPECT_EQ(typed("QuorvelReportPeriod", "2147483648"),
-            "QuorvelReportPeriod takes a number from -2147483648 to 2147483647, not \"2147483648\"");
+            "QuorvelReportPeriod takes a number from 1 to 2147483647, not \"2147483648\"");
   EXPECT_EQ(typed("QuorvelAppActivationLoggingCPUUtilizationThreshold", "0"),
             "QuorvelAppActivationLoggingCPUUtilizationThreshold takes a number above 0, not \"0\"");
 }
