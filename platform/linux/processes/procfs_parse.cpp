@@ -97,6 +97,25 @@ ProcfsStatus parseStatus(std::string_view text) {
   return status;
 }
 
+uint64_t parseSchedstat(std::string_view text) {
+  return leadingNumber(text);
+}
+
+uint64_t parseSched(std::string_view text) {
+  constexpr uint64_t kNsPerMs = 1'000'000;
+  constexpr size_t kDecimals = 6;
+  uint64_t runtimeNs = 0;
+  forEachLine(text, [&](std::string_view key, std::string_view value) {
+    // "se.sum_exec_runtime     :       1234.567890", in milliseconds; other figures have longer names.
+    if (key.substr(0, key.find_last_not_of(' ') + 1) != "se.sum_exec_runtime") return;
+    const size_t point = value.find('.');
+    if (point == std::string_view::npos) return;
+    const std::string_view decimals = value.substr(point + 1, kDecimals);
+    if (decimals.size() == kDecimals) runtimeNs = leadingNumber(value) * kNsPerMs + leadingNumber(decimals);
+  });
+  return runtimeNs;
+}
+
 ProcfsIo parseIo(std::string_view text) {
   ProcfsIo io{};
   forEachLine(text, [&](std::string_view key, std::string_view value) {

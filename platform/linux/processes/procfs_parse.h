@@ -34,6 +34,11 @@ std::optional<ProcfsStat> parseStat(std::string_view text);
 /// moment; without that the name stays the same from look to look.
 std::string_view commOf(const ProcfsStat& stat);
 
+/// Nanoseconds that a thread has run, from its `schedstat`, or where the kernel doesn't count there from its
+/// `sched`; 0 when neither says so.
+uint64_t parseSchedstat(std::string_view text);
+uint64_t parseSched(std::string_view text);
+
 /// What is used of proc(5) `status`, in kB; a line that is missing (a kernel thread has none) reads as 0.
 struct ProcfsStatus {
   uint64_t residentKb;

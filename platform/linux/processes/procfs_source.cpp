@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -88,8 +89,35 @@ class ProcfsSource final : public ProcessSource {
       const std::optional<ProcfsStat> stat = parseStat(threads.read(file));
       if (!stat) return;
       const qos_class held = qosClassOf(stat->policy, stat->nice, stat->isKernelThread());
-      sample.class_runtime_ns[held] += (stat->userTicks + stat->systemTicks) * tickNs_;
+      const uint64_t ticksNs = (stat->userTicks + stat->systemTicks) * tickNs_;
+      sample.class_runtime_ns[held] += threadRuntimeNs(threads, tid, ticksNs);
     });
+  }
+
+  /// What a thread has run. Its `stat` says so in whole ticks alone, cut off: of many threads that ran for
+  /// part of one each, most would be taken for nobody's.
+  uint64_t threadRuntimeNs(ProcfsReader& threads, int32_t tid, uint64_t ticksNs) {
+    if (runtimeFile_ == RuntimeFile::none) return ticksNs;
+    char file[kPathBytes];
+    const bool isSchedstat = runtimeFile_ == RuntimeFile::schedstat;
+    std::snprintf(file, sizeof(file), "%d/%s", tid, isSchedstat ? "schedstat" : "sched");
+    const std::string_view text = threads.read(file);
+    const uint64_t runtimeNs = isSchedstat ? parseSchedstat(text) : parseSched(text);
+    const bool isGone = text.empty() && (errno == ESRCH || (errno == ENOENT && !threadIsThere(threads, tid)));
+    if (runtimeNs > 0 || ticksNs == 0 || isGone) return std::max(runtimeNs, ticksNs);
+    runtimeFile_ = isSchedstat ? RuntimeFile::sched : RuntimeFile::none;
+    if (runtimeFile_ == RuntimeFile::none) {
+      logDefault(
+          "Process table: the kernel counts threads' run time in ticks alone (no schedstat, no sched), "
+          "of threads of different classes the main one's is given what is cut off");
+    }
+    return threadRuntimeNs(threads, tid, ticksNs);
+  }
+
+  static bool threadIsThere(ProcfsReader& threads, int32_t tid) {
+    char file[kPathBytes];
+    std::snprintf(file, sizeof(file), "%d/stat", tid);
+    return !threads.read(file).empty();
   }
 
   bool readMemory(process_sample& sample) {
@@ -125,6 +153,8 @@ class ProcfsSource final : public ProcessSource {
   const uint64_t tickNs_ = 1'000'000'000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
   const uint64_t pageKb_ = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
   bool saidIoRefused_ = false;
+  enum class RuntimeFile { schedstat, sched, none };
+  RuntimeFile runtimeFile_ = RuntimeFile::schedstat;  ///< that this kernel counts in
   std::vector<process_sample> samples_;
 };
 

@@ -48,6 +48,21 @@ TEST(ProcfsText, StatIsReadByFieldAndTheNameMayHoldAnything) {
   EXPECT_FALSE(parseStat(huge));
 }
 
+TEST(ProcfsText, AThreadsRunTimeIsReadToTheNanosecondFromEitherFile) {
+  EXPECT_EQ(parseSchedstat("9351234567 122202 17\n"), 9351234567u);
+  const std::string sched =
+      "head (29578, #threads: 1)\n"
+      "-------------------------------------------------------------------\n"
+      "se.exec_start                                :      38410120.968296\n"
+      "se.sum_exec_runtime                          :          1230.003021\n"
+      "se.statistics.sum_exec_runtime               :             7.000000\n";
+  EXPECT_EQ(parseSched(sched), 1230'003'021u);
+  for (const std::string_view none : {"", "0 0 0", "se.sum_exec_runtime : 12", "se.sum_exec_runtime : 1.2"}) {
+    EXPECT_EQ(parseSched(none), 0u) << none;
+    EXPECT_EQ(parseSchedstat(none), 0u) << none;
+  }
+}
+
 TEST(ProcfsText, KernelThreadsAreNamedAsTheKernelKeepsThem) {
   const auto nameOf = [](std::string_view comm, uint64_t flags) {
     ProcfsStat stat{};
