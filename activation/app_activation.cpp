@@ -1,6 +1,8 @@
 #include "activation/app_activation.h"
 
+#include <algorithm>
 #include <chrono>
+#include <span>
 #include <utility>
 
 #include "base/log.h"
@@ -36,6 +38,24 @@ uint64_t activationID(uint64_t startTimestamp, const std::string& bundleID, int3
   return start | bundle | static_cast<uint16_t>(pid);
 }
 
+/// A look that comes late must not take from a launched process what it has spent by then: one that was made
+/// for this activation had spent nothing when that began.
+void clearIfBornSince(PerfSnapshot& snapshot, int32_t pid, uint64_t startMs) {
+  constexpr uint64_t kStartPrecisionMs = 20;  // start times are told in ticks of 10 ms
+  cpu_statistics* const statistics = snapshot.cpu_stats();
+  const auto tasks = statistics ? std::span(statistics->tasks, static_cast<size_t>(statistics->count))
+                                : std::span<task_statistics>();
+  const auto task = std::find_if(tasks.begin(), tasks.end(), [pid](const auto& t) { return t.pid == pid; });
+  if (task == tasks.end() || task->rusage.proc_start_abstime == 0) return;
+  platform::Clock& clock = platform::current().clock;
+  const platform::Timebase timebase = clock.timebase();
+  const uint64_t began = task->rusage.proc_start_abstime;
+  const uint64_t ageMs = (clock.timeSinceBoot() - began) * timebase.numer / timebase.denom / 1'000'000;
+  if (nowMs() + kStartPrecisionMs < startMs + ageMs) return;
+  task->rusage = {};
+  task->rusage.proc_start_abstime = began;
+}
+
 }  // namespace
 
 AppActivation::AppActivation(uint8_t statisticsType, int32_t pid, std::string bundleID, uint64_t startTimeMs,
@@ -66,6 +86,7 @@ AppActivation::AppActivation(uint8_t statisticsType, int32_t pid, std::string bu
   ipxStartLatencyInMs_ = static_cast<uint32_t>(latencyMs);
   appActivationID_ = activationID(startTimestamp_, bundleID_, pid_);
   startSnapshot_ = PerfSnapshot::createPerformanceSnapshotWithOptions(snapshotTypesToRecord_);
+  if (startSnapshot_) clearIfBornSince(*startSnapshot_, pid_, startTimestamp_);
 }
 
 void AppActivation::activationEndedWithResult(uint8_t result, uint64_t endTimeMs) {
@@ -82,6 +103,10 @@ void AppActivation::activationEndedWithResult(uint8_t result, uint64_t endTimeMs
             static_cast<unsigned long long>(latencyMs));
   appActivationResult_ = result;
   endSnapshot_ = PerfSnapshot::createPerformanceSnapshotWithOptions(snapshotTypesToRecord_);
+}
+
+size_t AppActivation::packSnapshots(SharedLooks& looks) {
+  return (startSnapshot_ ? startSnapshot_->pack(looks) : 0) + (endSnapshot_ ? endSnapshot_->pack(looks) : 0);
 }
 
 }  // namespace quorveld

@@ -9,6 +9,7 @@
 #include "hangs/qv_process_info.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
+#include "platform/power_log.h"
 #include "platform/process_table.h"
 
 namespace quorveld {
@@ -155,11 +156,14 @@ void AppActivationTracker::begin(const Announcement& announced) {
                        key.c_str());
     return;
   }
-  auto activation = std::make_shared<AppActivation>(
-      static_cast<uint8_t>(statsToCapture_), announced.pid, announced.bundleID, announced.timeMs,
-      announced.ipxStartTimeMs, static_cast<uint8_t>(announced.state),
-      static_cast<uint8_t>(announced.typeOrResult));
+  const std::shared_ptr<AppActivation> activation = tryBegin(announced);
+  if (!activation) {
+    log.standard("QVActivationStats: Too many activations at once for their memory, ignoring the begin of %s",
+                 key.c_str());
+    return;
+  }
   appActivationDictionary_.emplace(key, InFlight{activation, std::move(place)});
+  inFlightCount_ = appActivationDictionary_.size();
   if (announced.typeOrResult == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxStartLatencyInMs %u ms", activation->ipxStartLatencyInMs());
     if (activation->ipxStartLatencyInMs() < kMaxSignpostLatencyMs) {
@@ -169,19 +173,44 @@ void AppActivationTracker::begin(const Announcement& announced) {
   activationQueue_->after(kActivationTimeout, [this, announced, timeoutPlace]() mutable {
     timeoutPlace.reset();
     timeOut(announced);
+    // Nothing has begun for a minute: what a burst of looks took may go.
+    if (timeoutPlaces_.taken() == 0) platform::current().processTables.rest();
   });
+}
+
+std::shared_ptr<AppActivation> AppActivationTracker::tryBegin(const Announcement& announced) {
+  struct WithMemory {
+    AppActivation activation;
+    std::shared_ptr<void> memory;
+  };
+  auto begun = std::make_shared<WithMemory>(WithMemory{
+      AppActivation(static_cast<uint8_t>(statsToCapture_), announced.pid, announced.bundleID,
+                    announced.timeMs, announced.ipxStartTimeMs, static_cast<uint8_t>(announced.state),
+                    static_cast<uint8_t>(announced.typeOrResult)),
+      nullptr});
+  constexpr size_t kEnds = 2;  // the other snapshot is of the same size
+  const size_t bytes = sizeof(WithMemory) + kEnds * begun->activation.packSnapshots(looks_);
+  begun->memory = memory_.tryTake(announced.ownerUid, bytes);
+  if (!begun->memory) return nullptr;
+  return {begun, &begun->activation};
+}
+
+void AppActivationTracker::forget(std::map<std::string, InFlight>::const_iterator entry) {
+  appActivationDictionary_.erase(entry);
+  inFlightCount_ = appActivationDictionary_.size();
+  if (appActivationDictionary_.empty()) looks_.forget();
 }
 
 /// Whatever stands under the key by now goes, even when a later begin put it there: launchers that never
 /// announce an end are the ones this is for.
 void AppActivationTracker::timeOut(const Announcement& announced) {
   const std::string key = announced.key();
-  const AppActivation* activation = inFlight(key);
-  if (!activation) return;
-  if (activation->appActivationType() == AppActivation::kTypeLaunch) {
+  const auto entry = appActivationDictionary_.find(key);
+  if (entry == appActivationDictionary_.end()) return;
+  if (entry->second.activation->appActivationType() == AppActivation::kTypeLaunch) {
     signpostEndOfLaunch(announced.pid, announced.bundleID, false);
   }
-  appActivationDictionary_.erase(key);
+  forget(entry);
   // Ended for its log lines alone.
   AppActivation unfinished(0, announced.pid, announced.bundleID, announced.timeMs, announced.ipxStartTimeMs,
                            static_cast<uint8_t>(announced.state), 0);
@@ -230,20 +259,28 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
       static_cast<long long>(activation->appActivationID()), activation->bundleID().c_str(),
       activation->pid(), static_cast<int>(announced.typeOrResult), activation->appActivationType(),
       static_cast<int>(activation->wallTime()));
-  appActivationDictionary_.erase(entry);
+  activation->packSnapshots(looks_);
+  forget(entry);
   return activation;
 }
 
 void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation,
                                        const Announcement& ended) {
   const uint32_t recorded = activationsRecorded_;
-  auto place = reportPlaces_.tryTake(ended.ownerUid);
-  if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount || !place) {
+  if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount) {
     lossLog().standard(
         "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s "
         "Number Of Activations:%d",
         activation->bundleID().c_str(), stateName(activation->appActivationStartState()),
         stateName(ended.state), static_cast<int>(recorded));
+    if (reportingMethod_ != 0)
+      leaveOut(*activation, ended.ownerUid, formatted("the day's maximum of %u is reached", recorded));
+    return;
+  }
+  auto place = reportPlaces_.tryTake(ended.ownerUid);
+  if (!place) {
+    lossLog().standard("QVActivationStats: Too many activations wait for their report, none is made of %s",
+                       ended.key().c_str());
     return;
   }
   logOutputQueue_->async([this, activation, place]() mutable {
@@ -253,6 +290,14 @@ void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& act
     quorvelLog().debug(
         "QVActivationStats: Sending activation for %s to Pelmar. Number Of Activations recorded:%d",
         activation->bundleID().c_str(), static_cast<int>(count));
+  });
+}
+
+void AppActivationTracker::leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason) {
+  auto place = reportPlaces_.tryTake(ownerUid);
+  if (!place) return;
+  logOutputQueue_->async([id = activation.appActivationID(), reason = std::move(reason), place] {
+    platform::current().powerLog.leaveOut(id, reason);
   });
 }
 
@@ -277,9 +322,10 @@ void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64
 void AppActivationTracker::logStatus() {
   const auto& tracker = instanceSlot();
   if (!tracker) return;
-  quorvelLog().standard("Status: %u activations reported today, %u timeouts pending",
-                        tracker->activationsRecorded_.load(),
-                        static_cast<uint32_t>(tracker->timeoutPlaces_.taken()));
+  quorvelLog().standard(
+      "Status: %zu activations in flight, %zu KB of snapshots, %u reported today, %zu timeouts pending",
+      tracker->inFlightCount_.load(), tracker->memory_.taken() / 1024, tracker->activationsRecorded_.load(),
+      tracker->timeoutPlaces_.taken());
 }
 
 }  // namespace quorveld

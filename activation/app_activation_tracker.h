@@ -10,6 +10,7 @@
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/user_shares.h"
+#include "perfstats/packed_statistics.h"
 #include "platform/notifications.h"
 #include "platform/work_queue.h"
 
@@ -69,7 +70,7 @@ class AppActivationTracker {
   };
 
   struct InFlight {
-    std::shared_ptr<AppActivation> activation;
+    std::shared_ptr<AppActivation> activation;  ///< with the memory that it was given
     std::shared_ptr<void> place;
   };
 
@@ -80,8 +81,13 @@ class AppActivationTracker {
   void begin(const Announcement& announced);
   void end(const Announcement& announced);
   void timeOut(const Announcement& announced);
+  /// Null when there is no memory left for what it has to keep.
+  std::shared_ptr<AppActivation> tryBegin(const Announcement& announced);
+  void forget(std::map<std::string, InFlight>::const_iterator entry);
   std::shared_ptr<AppActivation> finish(const Announcement& announced);
   void reportOrSay(const std::shared_ptr<AppActivation>& activation, const Announcement& ended);
+  /// Says so to who waits for the activation's record.
+  void leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason);
   void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 
@@ -103,9 +109,12 @@ class AppActivationTracker {
   UserShares activationPlaces_{kMaxActivationsInFlight};
   UserShares timeoutPlaces_{kMaxPendingActivationTimeouts};
   UserShares reportPlaces_{kMaxWaitingActivationReports};
+  UserShares memory_{kMaxActivationBytes};
   std::atomic<bool> saidOverload_{false};
 
   std::map<std::string, InFlight> appActivationDictionary_;  ///< by "pid:bundle ID"
+  std::atomic<size_t> inFlightCount_{0};                     ///< its size, for whoever asks for the state
+  SharedLooks looks_;                                        ///< activation queue
 
   // Written by the setters, read by whichever step runs next: each stands for itself.
   std::atomic<bool> captureKelvanes_{false};

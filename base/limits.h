@@ -20,12 +20,17 @@ inline constexpr size_t kMaxFileNameComponentBytes = 96;
 /// On-screen messages that wait for being cleared.
 inline constexpr size_t kMaxPendingHUDClears = 64;
 
-// Activation messages that wait for the activation queue, activations in flight (each holds a snapshot of
-// every process), 60-second timeouts that have yet to fire, and finished activations that wait for their
-// report; of each, a quarter is root's own.
+// Activation messages that wait for the activation queue, activations in flight, 60-second timeouts that have
+// yet to fire, and finished activations that wait for their report: as many as may be in flight, so that
+// those that end together are all reported. Of each, a quarter is root's own.
 inline constexpr size_t kMaxWaitingActivationSteps = 1024;
-inline constexpr size_t kMaxActivationsInFlight = 64;
+inline constexpr size_t kMaxActivationsInFlight = 1024;
 inline constexpr size_t kMaxPendingActivationTimeouts = 4096;
-inline constexpr size_t kMaxWaitingActivationReports = 32;
+inline constexpr size_t kMaxWaitingActivationReports = kMaxActivationsInFlight;
+
+/// What the snapshots of activations in flight, and of those that wait for their report, take, in bytes;
+/// shared out in the same way. A snapshot of a thousand processes is some ten kilobytes, since they have most
+/// in common.
+inline constexpr size_t kMaxActivationBytes = size_t{32} << 20;
 
 }  // namespace quorveld

@@ -17,8 +17,9 @@ class UserShares {
  public:
   explicit UserShares(size_t places) : places_(places) {}
 
-  /// A place for `uid`, given back when its last copy goes; null when none is left for that user.
-  [[nodiscard]] std::shared_ptr<void> tryTake(uint32_t uid);
+  /// `count` places for `uid`, given back together when the last copy goes; null when so many aren't left for
+  /// that user.
+  [[nodiscard]] std::shared_ptr<void> tryTake(uint32_t uid, size_t count = 1);
 
   size_t taken() const { return taken_; }
 

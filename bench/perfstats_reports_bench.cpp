@@ -37,6 +37,7 @@ class NoLog final : public platform::Logs, public platform::LogHandle {
 
 class NoPowerLog final : public platform::PowerLog {
  public:
+  void leaveOut(uint64_t, std::string_view) override {}
   void handOver(const platform::ActivationEvent& event) override { benchmark::DoNotOptimize(&event); }
 };
 

@@ -12,8 +12,8 @@ namespace quorveld {
 /// made for. Texts are UTF-8 or are cleaned where a report needs them to be.
 struct ActivationReport {
   uint8_t snapshotTypesToRecord = 0;  ///< kSnapshot… bits: which sections the report has
-  const PerfSnapshot* startSnapshot = nullptr;
-  const PerfSnapshot* endSnapshot = nullptr;
+  PerfSnapshot* startSnapshot = nullptr;
+  PerfSnapshot* endSnapshot = nullptr;
   int32_t pid = 0;
   std::optional<std::string_view> processName;  ///< nothing: named by `bundleID`
   std::string_view bundleID;

@@ -57,6 +57,12 @@ void writePresent(const task_statistics& start, const task_statistics& end, task
   delta_task_rusage(start.rusage, end.rusage, &output.rusage, end.pid);
 }
 
+/// Whether two entries with the same pid are of the same process. When it began is not always known.
+bool isSameProcess(const task_statistics& start, const task_statistics& end) {
+  const uint64_t before = start.rusage.proc_start_abstime, now = end.rusage.proc_start_abstime;
+  return before == 0 || now == 0 || before == now;
+}
+
 /// Merges two arrays sorted by pid into zeroed entries, by pid; how many it wrote.
 size_t merge(std::span<const task_statistics> start, std::span<const task_statistics> end,
              task_statistics* output) {
@@ -68,6 +74,9 @@ size_t merge(std::span<const task_statistics> start, std::span<const task_statis
       writeNew(end[j++], next);
     } else if (endUsedUp || end[j].pid > start[i].pid) {
       writeDead(start[i++], next);
+    } else if (!isSameProcess(start[i], end[j])) {
+      writeNew(end[j++], next);
+      writeDead(start[i++], output[k++]);
     } else {
       writePresent(start[i++], end[j++], next);
     }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "perfstats/packed_statistics.h"
 #include "platform/platform.h"
 
 namespace quorveld {
@@ -104,9 +105,23 @@ std::unique_ptr<PerfSnapshot> PerfSnapshot::createPerformanceSnapshotWithOptions
   return snapshot;
 }
 
-PerfSnapshot::~PerfSnapshot() {
-  cpuStats_.reset();
-  vmStats_.reset();
+PerfSnapshot::PerfSnapshot() = default;
+PerfSnapshot::~PerfSnapshot() = default;
+
+cpu_statistics* PerfSnapshot::cpu_stats() {
+  if (packed_) {
+    cpuStats_ = packed_->unpacked();
+    packed_.reset();
+  }
+  return cpuStats_.get();
+}
+
+size_t PerfSnapshot::pack(SharedLooks& looks) {
+  if (cpuStats_) {
+    packed_ = std::make_unique<PackedStatistics>(looks.pack(*cpuStats_));
+    cpuStats_.reset();
+  }
+  return packed_ ? packed_->bytes() : 0;
 }
 
 }  // namespace quorveld

@@ -53,13 +53,17 @@ using VmStatisticsPtr = std::unique_ptr<platform::vm_statistics64, StatisticsDel
 inline constexpr uint32_t kSnapshotCpu = 1u << 0;
 inline constexpr uint32_t kSnapshotVm = 1u << 1;
 
+class PackedStatistics;
+class SharedLooks;
+
 /// What the whole system had spent at one moment: the usage of every process, and the host's VM counters.
 ///
-/// Taken when an activation begins and when it ends, on whatever queue asks. A figure that the kernel refused
-/// is null. Nothing changes but the order of `cpu_stats`' entries, which a delta sorts by pid.
+/// Taken when an activation begins and when it ends, on whatever queue asks, and then one queue's at a time.
+/// A figure that the kernel refused is null. Nothing changes but the order of `cpu_stats`' entries, which a
+/// delta and packing sort by pid.
 class PerfSnapshot {
  public:
-  PerfSnapshot() = default;
+  PerfSnapshot();
   ~PerfSnapshot();
   PerfSnapshot(const PerfSnapshot&) = delete;
   PerfSnapshot& operator=(const PerfSnapshot&) = delete;
@@ -68,8 +72,12 @@ class PerfSnapshot {
   /// even when every figure in it failed (each failure is logged).
   static std::unique_ptr<PerfSnapshot> createPerformanceSnapshotWithOptions(uint32_t options);
 
-  cpu_statistics* cpu_stats() const { return cpuStats_.get(); }
+  /// Unpacked, if need be; null without memory for that.
+  cpu_statistics* cpu_stats();
   void setCpu_stats(CpuStatisticsPtr statistics) { cpuStats_ = std::move(statistics); }
+  /// Keeps the processes as their difference to other looks' until they are asked for; how many bytes that
+  /// takes.
+  size_t pack(SharedLooks& looks);
   platform::vm_statistics64* vm_stats() const { return vmStats_.get(); }
   void setVm_stats(VmStatisticsPtr statistics) { vmStats_ = std::move(statistics); }
   /// Always null: nothing fills it.
@@ -78,6 +86,7 @@ class PerfSnapshot {
 
  private:
   CpuStatisticsPtr cpuStats_;
+  std::unique_ptr<PackedStatistics> packed_;  ///< while `cpuStats_` is null: what it was
   VmStatisticsPtr vmStats_;
   power_statistics* powerStats_ = nullptr;
 };

@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/log.h"
 #include "base/settings.h"
@@ -38,6 +41,7 @@ class EventBuilder {
 
  private:
   void addCpuData();
+  void keepLargest(const task_statistics& task);
   void addTask(int32_t position, const task_statistics& task, const PerfStatsProcess& process);
   Dictionary cpuDictionary(uint64_t uniqueID, const UsageValues& values, uint8_t state) const;
   void noticeRollover() const;
@@ -45,6 +49,7 @@ class EventBuilder {
   void addVmData(const char* key, int64_t sequenceID, const Vm& vm);
   void addActivationData();
   void addProcessData();
+  void addMoreData();
 
   const ActivationReport& report_;
   const double timestampS_;
@@ -52,6 +57,7 @@ class EventBuilder {
   std::map<int32_t, PerfStatsProcess> processes_;  ///< whose names the service is told, by pid
   UsageValues others_{};                           ///< the sums of the processes reported as one
   uint32_t otherCount_ = 0;
+  std::vector<task_statistics> largestOthers_;  ///< of those, most CPU time first
   int32_t largestNewPid_ = -1;
 };
 
@@ -86,10 +92,28 @@ void EventBuilder::addTask(int32_t position, const task_statistics& task, const 
   if (isSmall && task.state == kTaskPresent && task.pid != report_.pid) {
     for (size_t i = 0; i < values.size(); ++i) others_[i] += values[i];
     ++otherCount_;
+    keepLargest(task);
     return;
   }
   add(event_.cpuData, std::to_string(position),
       cpuDictionary(process.uniqueIdentifier(), values, task.state));
+}
+
+/// User and system time, which is what the classes add up to.
+uint64_t cpuTicks(const task_statistics& task) {
+  const Usage& usage = task.rusage;
+  return usage.cpu_time_qos_default + usage.cpu_time_qos_maintenance + usage.cpu_time_qos_background +
+         usage.cpu_time_qos_utility + usage.cpu_time_qos_legacy + usage.cpu_time_qos_user_initiated +
+         usage.cpu_time_qos_user_interactive;
+}
+
+/// Who is small is told by user time alone: in the system's calls somebody may have spent seconds.
+void EventBuilder::keepLargest(const task_statistics& task) {
+  constexpr size_t kMost = 5;
+  if (cpuTicks(task) == 0) return;
+  const auto isLarger = [](const auto& a, const auto& b) { return cpuTicks(a) > cpuTicks(b); };
+  largestOthers_.insert(std::upper_bound(largestOthers_.begin(), largestOthers_.end(), task, isLarger), task);
+  if (largestOthers_.size() > kMost) largestOthers_.pop_back();
 }
 
 /// An activation below the largest pid that was named means that pids have started over: everything from
@@ -191,11 +215,61 @@ void EventBuilder::addProcessData() {
   }
 }
 
+/// What children spent that ended between the snapshots and were waited for: they are in neither, or only in
+/// the first, and only their parents tell.
+std::vector<std::pair<const task_statistics*, uint64_t>> childrenTicks(const ActivationReport& report) {
+  const auto tasksOf = [](PerfSnapshot* snapshot) {
+    const cpu_statistics* statistics = snapshot ? snapshot->cpu_stats() : nullptr;
+    return statistics ? std::span(statistics->tasks, static_cast<size_t>(statistics->count))
+                      : std::span<task_statistics>();
+  };
+  std::vector<std::pair<const task_statistics*, uint64_t>> parents;
+  const std::span<task_statistics> start = tasksOf(report.startSnapshot);
+  auto before = start.begin();
+  for (const task_statistics& now : tasksOf(report.endSnapshot)) {  // both are sorted by pid
+    while (before != start.end() && before->pid < now.pid) ++before;
+    const auto spent = [](const task_statistics& task) {
+      return task.rusage.child_user_time + task.rusage.child_system_time;
+    };
+    const bool isKnown = before != start.end() && before->pid == now.pid &&
+                         before->rusage.proc_start_abstime == now.rusage.proc_start_abstime;
+    const uint64_t then = isKnown ? spent(*before) : 0;
+    if (spent(now) > then) parents.emplace_back(&now, spent(now) - then);
+  }
+  return parents;
+}
+
+void EventBuilder::addMoreData() {
+  constexpr size_t kMostParents = 20;
+  std::map<int32_t, Dictionary> byPid;
+  const auto entryOf = [&byPid](const task_statistics& task) -> Dictionary& {
+    Dictionary& entry = byPid[task.pid];
+    if (entry.empty())
+      entry.emplace_back("ProcessName",
+                         Value{PerfStatsProcess::processWithPID(task.pid, task.name).processName()});
+    return entry;
+  };
+  for (const task_statistics& task : largestOthers_)
+    entryOf(task).emplace_back("CPU_ms", Value{ticksAsMs(cpuTicks(task))});
+  auto parents = childrenTicks(report_);
+  std::sort(parents.begin(), parents.end(), [](const auto& a, const auto& b) { return a.second > b.second; });
+  if (parents.size() > kMostParents) parents.resize(kMostParents);
+  for (const auto& [parent, ticks] : parents) {
+    if (const uint64_t ms = ticksAsMs(ticks); ms > 0) entryOf(*parent).emplace_back("ChildCPU_ms", Value{ms});
+  }
+  for (auto& [pid, entry] : byPid) {
+    if (entry.size() > 1) add(event_.moreData, std::to_string(pid), std::move(entry));
+  }
+}
+
 platform::ActivationEvent EventBuilder::build() {
   if (!std::exchange(reportState().otherProcessesNamed, true)) {
     processes_.try_emplace(kOtherProcessesPid, kOtherProcessesPid, kOtherProcessesName);
   }
-  if (report_.snapshotTypesToRecord & kSnapshotCpu) addCpuData();
+  if (report_.snapshotTypesToRecord & kSnapshotCpu) {
+    addCpuData();
+    addMoreData();
+  }
   const VmEnds vm = vmEnds(report_);
   if ((report_.snapshotTypesToRecord & kSnapshotVm) && vm.start) {
     addVmData("1", 1, *vm.start);

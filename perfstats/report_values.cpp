@@ -20,13 +20,16 @@ double nsPerTick() {
 
 }  // namespace
 
+uint64_t ticksAsMs(uint64_t ticks) {
+  return static_cast<uint64_t>(static_cast<double>(ticks) * nsPerTick() / 1'000'000.0);
+}
+
 UsageValues usageValues(const task_statistics& task) {
-  const double ratio = nsPerTick();
   UsageValues values;
   for (size_t i = 0; i < values.size(); ++i) {
     const uint64_t figure = task.rusage.*kUsageColumns[i].field;
     const bool isTime = kUsageColumns[i].unit == Unit::ms;
-    values[i] = isTime ? static_cast<uint64_t>(static_cast<double>(figure) * ratio / 1'000'000.0) : figure;
+    values[i] = isTime ? ticksAsMs(figure) : figure;
   }
   return values;
 }

@@ -40,6 +40,9 @@ inline constexpr std::array<UsageColumn, 11> kUsageColumns{{
     {"Bytes Written", 15, "bytes-written", "IOWrites_kb", &Usage::diskio_byteswritten, Unit::bytes},
     {"PageIns", 10, "pageins", "PageIns", &Usage::pageins, Unit::pages},
 }};
+/// Whole milliseconds of a CPU time. Log-output queue only.
+uint64_t ticksAsMs(uint64_t ticks);
+
 using UsageValues = std::array<uint64_t, kUsageColumns.size()>;
 
 /// The figures in the columns' order: times in whole ms, I/O in bytes. Log-output queue only.

@@ -15,13 +15,17 @@ struct Timebase {
   uint32_t denom;
 };
 
-/// The machine's clocks. Every operation may be called from any thread and never fails but for `bootTime`.
+/// The machine's clocks. Every operation may be called from any thread and never fails but for
+/// `bootTimeSeconds`.
 class Clock {
  public:
   virtual ~Clock() = default;
 
   /// Ticks of the monotonic absolute-time clock; the unit of every hang and fence time.
   virtual uint64_t absoluteTime() = 0;
+
+  /// Ticks since the machine booted, while it slept too: what processes' start times count in.
+  virtual uint64_t timeSinceBoot() = 0;
 
   virtual Timebase timebase() = 0;
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+
 #include "platform/value.h"
 
 namespace quorveld::platform {
@@ -11,6 +14,9 @@ struct ActivationEvent {
   Dictionary cpuData;
   Dictionary vmData;
   Dictionary processData;
+  /// By pid, beside what the service takes: `ProcessName` and `CPU_ms` of those that spent most of what the
+  /// others did together, and `ChildCPU_ms` of live processes, what children spent that ended meanwhile.
+  Dictionary moreData;
 };
 
 /// The power-logging service. One queue at a time (the log-output queue).
@@ -20,6 +26,9 @@ class PowerLog {
 
   /// Hands one event over; a failure is logged and the event dropped.
   virtual void handOver(const ActivationEvent& event) = 0;
+
+  /// Tells whoever waits for the event of `activationID` that none comes, and why.
+  virtual void leaveOut(uint64_t activationID, std::string_view reason) = 0;
 };
 
 }  // namespace quorveld::platform

@@ -75,6 +75,9 @@ class ProcessTables {
   /// and some memory for good. A look meanwhile waits for it; without it the first look does the same.
   virtual void prepare() = 0;
 
+  /// Gives memory back that earlier looks have left unused, where none is expected soon. Takes milliseconds.
+  virtual void rest() = 0;
+
   /// Never null; a look that failed answers `listBytes` with 0.
   [[nodiscard]] virtual std::unique_ptr<ProcessTable> look() = 0;
 };

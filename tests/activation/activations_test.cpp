@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "activation/app_activation_tracker.h"
 #include "base/limits.h"
 #include "base/string_hash.h"
@@ -164,6 +166,9 @@ TEST(Activations, TheDailyMaximumHolds) {
   EXPECT_TRUE(world.logged(Level::standard,
                            "QVActivationStats: Activation not recorded for:app StartState:Foreground "
                            "EndState:Foreground Number Of Activations:2"));
+  ASSERT_EQ(world.powerLog.leftOut.size(), 1u);  // whoever waits for its record is told
+  EXPECT_EQ(world.powerLog.leftOut[0].first & 0xFFFF, 3u);
+  EXPECT_EQ(world.powerLog.leftOut[0].second, "the day's maximum of 2 is reached");
 }
 
 TEST(Activations, SlowLaunchesAreTracedFromTheThresholdOnAndWithinTheirCredits) {
@@ -207,7 +212,7 @@ TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
   for (int pid = 1; pid <= 3000; ++pid) world.beginActivation(pid, "storm");
   EXPECT_EQ(world.kernel.looks, static_cast<int>(kMaxActivationsInFlight));
   EXPECT_TRUE(world.logged(
-      Level::standard, "QVActivationStats: Too many activations at once, ignoring the begin of 65:storm"));
+      Level::standard, "QVActivationStats: Too many activations at once, ignoring the begin of 1025:storm"));
   world.logs.clear();
   world.advance(61s);
   for (size_t pid = 1; pid <= kMaxActivationsInFlight; ++pid) {
@@ -221,6 +226,56 @@ TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
   EXPECT_EQ(world.powerLog.events.size(), 1u);
 }
 
+TEST(Activations, HundredsTogetherAreAllReportedAndTakeLittleMemory) {
+  constexpr int32_t kLaunches = 300;
+  LauncherWorld world;
+  world.preferences.userSets("QuorvelAppActivationLoggingMaxActivationCount", int64_t{1000});
+  for (int32_t pid = 1; pid <= 1000; ++pid) world.kernel.processes.push_back({pid, "sleeper", {}});
+  world.begin();
+  for (int32_t pid = 1; pid <= kLaunches; ++pid) {
+    world.kernel.processes[static_cast<size_t>(pid)].usage.user_time += 24'000;
+    world.beginActivation(pid, "many");
+  }
+  AppActivationTracker::logStatus();
+  size_t kilobytes = 0;
+  for (const auto& line : world.lines(Level::standard))
+    std::sscanf(line.c_str(), "Status: 300 activations in flight, %zu KB of snapshots", &kilobytes);
+  EXPECT_GT(kilobytes, 0u);
+  EXPECT_LT(kilobytes, 16u << 10);
+
+  AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+  for (int32_t pid = 1; pid <= kLaunches; ++pid)
+    tracker.endAppActivationTrackingForPID(0, pid, "many", 0, 1, 0);
+  world.settle();
+  EXPECT_EQ(world.powerLog.events.size(), static_cast<size_t>(kLaunches));
+  EXPECT_EQ(world.kernel.rests, 0);
+  world.advance(61s);
+  EXPECT_EQ(world.kernel.rests, 1);
+  world.logs.clear();
+  AppActivationTracker::logStatus();
+  EXPECT_TRUE(world.logged(Level::standard,
+                           "Status: 0 activations in flight, 0 KB of snapshots, 300 reported today, "
+                           "0 timeouts pending"));
+}
+
+TEST(Activations, ALateLookTakesNothingFromAProcessThatWasMadeForTheLaunch) {
+  for (const auto& [bornBefore, expected] : {std::pair(0ms, 300u), std::pair(500ms, 100u)}) {
+    LauncherWorld world;
+    world.begin();
+    world.kernel.processes = {{7, "app", {}}};
+    platform::rusage_info_v3& usage = world.kernel.processes[0].usage;
+    usage.proc_start_abstime = world.clock.timeSinceBoot() - sim::SimClock::ticks(bornBefore);
+    const uint64_t startMs = world.nowMs();
+    world.advance(400ms);
+    usage.user_time = usage.cpu_time_qos_legacy = sim::SimClock::ticks(200ms);  // before the daemon looks
+    world.beginActivation(7, "app", Shown::foreground, 1, startMs);
+    usage.user_time = usage.cpu_time_qos_legacy = sim::SimClock::ticks(300ms);
+    world.endActivation(7, "app");
+    const std::string cpu = describe(world.powerLog.events.back().cpuData);
+    EXPECT_NE(cpu.find("TotalCPU_ms = " + std::to_string(expected)), std::string::npos) << cpu;
+  }
+}
+
 TEST(Activations, UsersThatBeginWithoutEndLeaveRoomForOthersAndForRoot) {
   LauncherWorld world;
   world.begin();
@@ -229,6 +284,7 @@ TEST(Activations, UsersThatBeginWithoutEndLeaveRoomForOthersAndForRoot) {
     const auto client = world.ipc.connect(900 + static_cast<int32_t>(uid), uid);
     const int looksBefore = world.kernel.looks;
     for (int i = 0; i < count; ++i) {
+      if (i % 100 == 0) world.settle();  // no more than may wait at once
       client.send({{"command", 4},
                    {"pid", int64_t{++pid}},
                    {"bundle-id", "storm"},
@@ -238,16 +294,16 @@ TEST(Activations, UsersThatBeginWithoutEndLeaveRoomForOthersAndForRoot) {
     world.settle();
     return world.kernel.looks - looksBefore;
   };
-  // 48 of 64 places are the users': each may hold as many as are left for the others.
-  EXPECT_EQ(begins(1, 100), 24);
-  EXPECT_EQ(begins(2, 100), 12);
+  // 768 of 1024 places are the users': each may hold as many as are left for the others.
+  EXPECT_EQ(begins(1, 400), 384);
+  EXPECT_EQ(begins(2, 200), 192);
   EXPECT_EQ(begins(1, 100), 0);
-  EXPECT_EQ(begins(3, 100), 6);
-  EXPECT_EQ(begins(0, 100), 64 - 24 - 12 - 6);
+  EXPECT_EQ(begins(3, 100), 96);
+  EXPECT_EQ(begins(0, 1000), 1024 - 384 - 192 - 96);
 
   // What times out comes back.
   world.advance(61s);
-  EXPECT_EQ(begins(2, 100), 24);
+  EXPECT_EQ(begins(2, 400), 384);
 
   // So it is with the steps that wait: what one user piles up doesn't push out another's.
   world.advance(61s);

@@ -124,6 +124,22 @@ class Launches(ScratchTest):
         process.communicate("end\n", timeout=PATIENCE)
         self.assertEqual(self.recorded(daemon, 7)[-1]["result"], 6)
 
+    def test_what_is_not_recorded_is_said_and_not_waited_for(self):
+        daemon = self.recording(QuorvelAppActivationLoggingMaxActivationCount=1)
+        self.assertEqual(self.launch(daemon, "a", "--", "true"), (0, "", ""))
+        launches = [self.start(daemon, "a", "--", "true") for _ in range(5)]
+        for process in launches:
+            self.assertEqual(process.communicate(timeout=PATIENCE)[1],
+                             "quorvelctl: the launch is not recorded: the day's maximum of 1 is reached\n")
+        self.assertEqual(len(self.activations(daemon)), 1)
+
+    def test_children_that_came_and_went_are_told_by_their_parent(self):
+        daemon = self.recording()
+        self.launch(daemon, "com.example.make", "--", "sh", "-c", f"sh -c '{BURN.format(400_000)}'; true")
+        (activation,) = self.recorded(daemon, 1)
+        (shell,) = [more for more in activation["more"] if more["pid"] == activation["pid"]]
+        self.assertGreater(shell["childCpuMs"], 10 * TICK_MS)
+
     def test_without_a_daemon_the_command_runs_all_the_same(self):
         status, output, errors = self.launch(self.daemon(start=False), "a", "--", "sh", "-c", "echo ran; exit 4")
         self.assertEqual((status, output), (4, "ran\n"))

@@ -51,6 +51,7 @@ TEST_F(DeltaTest, SubtractsWhatReportsShowAndLeavesTheRestZero) {
   uint64_t* grown = &after.rusage.user_time;
   constexpr int kCounters = 27;
   for (int i = 0; i < kCounters; ++i) counters[i] = 1000, grown[i] = 1001 + static_cast<uint64_t>(i);
+  after.rusage.proc_start_abstime = before.rusage.proc_start_abstime;
   after.rusage.system_time = 900;
   after.rusage.wired_size = 999;
   after.rusage.resident_size = 0;
@@ -97,6 +98,18 @@ TEST_F(DeltaTest, ReportsAReusedPidWithAllThatItsNewProcessSpent) {
                                      "for Pid:4 StartUserTime:"));
     world.logs.clear();
   }
+}
+
+TEST_F(DeltaTest, TellsAReusedPidByItsStartWhateverItsCounters) {
+  task_statistics before = task(4, "old", 10), after = task(4, "new", 25);
+  before.rusage.proc_start_abstime = 1000;
+  after.rusage.proc_start_abstime = 1001;
+  between({before, task(9, "other")}, {after, task(9, "other")});
+  ASSERT_EQ(pids(*delta), (std::vector<int32_t>{4, 4, 9}));
+  EXPECT_EQ(delta->tasks[0].state, kTaskNew);
+  EXPECT_EQ(delta->tasks[0].rusage.user_time, 25u);
+  EXPECT_EQ(delta->tasks[1].state, kTaskDead);
+  EXPECT_STREQ(delta->tasks[1].name, "old");
 }
 
 TEST_F(DeltaTest, InheritsAStartNameUnlessItIsTheLaunchProxys) {

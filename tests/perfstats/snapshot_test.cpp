@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/string_hash.h"
+#include "perfstats/packed_statistics.h"
 #include "perfstats/perf_snapshot.h"
 #include "perfstats/perf_stats_process.h"
 #include "tests/perfstats/failing_calloc.h"
@@ -31,6 +33,37 @@ struct SnapshotTest : testing::Test {
   sim::SimPlatform world;
   std::unique_ptr<PerfSnapshot> snapshot;
 };
+
+TEST_F(SnapshotTest, PackedLooksAreWhatTheyWereAndShareWhoSleeps) {
+  constexpr int32_t kProcesses = 1000;
+  SharedLooks looks;
+  for (int32_t pid = kProcesses; pid > 0; --pid) runs(pid * 2, "sleeper", 7);
+  std::vector<std::unique_ptr<PerfSnapshot>> packed;
+  std::vector<std::vector<task_statistics>> expected;
+  size_t bytes = 0;
+  for (int32_t step = 0; step < 200; ++step) {
+    if (step > 0) {
+      world.kernel.processes[static_cast<size_t>(step)].usage.user_time += 1;
+      if (step == 100)
+        world.kernel.processes.erase(world.kernel.processes.begin(), world.kernel.processes.begin() + 2);
+      if (step % 50 == 0) runs(step * 2 + 1, "born");
+    }
+    const cpu_statistics* look = capture();
+    std::vector<task_statistics> tasks(look->tasks, look->tasks + look->count);
+    std::sort(tasks.begin(), tasks.end(), [](const auto& a, const auto& b) { return a.pid < b.pid; });
+    expected.push_back(std::move(tasks));
+    bytes += snapshot->pack(looks);
+    packed.push_back(std::move(snapshot));
+  }
+  EXPECT_LT(bytes, 200 * kProcesses * sizeof(task_statistics) / 10);
+  looks.forget();
+  for (size_t i = 0; i < packed.size(); ++i) {
+    const cpu_statistics* look = packed[i]->cpu_stats();
+    ASSERT_EQ(static_cast<size_t>(look->count), expected[i].size()) << i;
+    EXPECT_EQ(std::memcmp(look->tasks, expected[i].data(), expected[i].size() * sizeof(task_statistics)), 0)
+        << i;
+  }
+}
 
 TEST_F(SnapshotTest, HoldsWhatTheOptionsAskFor) {
   runs(7, "shell");

@@ -34,6 +34,7 @@ class SimKernel final : public platform::Kernel,
   std::optional<std::string> executablePath(int32_t pid) override;
   std::optional<std::string> processName(int32_t pid) override;
   void prepare() override { ++prepares; }
+  void rest() override { ++rests; }
   std::unique_ptr<platform::ProcessTable> look() override;
   bool vmStatistics(platform::vm_statistics64* statistics) override;
   uint64_t pageSizeBytes() override { return pageSize; }
@@ -48,6 +49,7 @@ class SimKernel final : public platform::Kernel,
   std::map<int32_t, std::string> processNames;
   std::vector<SimProcess> processes;  ///< in the order in which `list` gives them
   int prepares = 0;
+  int rests = 0;
   int looks = 0;
   platform::vm_statistics64 statistics{};
   uint64_t pageSize = 4096;

@@ -19,6 +19,7 @@ class SimClock final : public platform::Clock {
 
   uint64_t absoluteTime() override { return ticks(uptime); }
   platform::Timebase timebase() override { return {125, 3}; }
+  uint64_t timeSinceBoot() override { return ticks(uptime); }
   platform::WallTime wallTime() override { return bootedAt + uptime; }
   std::optional<int64_t> bootTimeSeconds() override {
     if (faults_.fails(Op::bootTime)) return std::nullopt;

@@ -177,8 +177,12 @@ class SimRenderServer final : public platform::RenderServer {
 class SimPowerLog final : public platform::PowerLog {
  public:
   void handOver(const platform::ActivationEvent& event) override { events.push_back(event); }
+  void leaveOut(uint64_t activationID, std::string_view reason) override {
+    leftOut.emplace_back(activationID, reason);
+  }
 
   std::vector<platform::ActivationEvent> events;
+  std::vector<std::pair<uint64_t, std::string>> leftOut;
 };
 
 }  // namespace quorveld::sim

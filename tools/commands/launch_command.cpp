@@ -16,8 +16,8 @@
 #include <utility>
 
 #include "client/include/quorvel.h"
+#include "tools/base/table.h"
 #include "tools/commands/commands.h"
-#include "tools/launches/activation.h"
 #include "tools/launches/launch_notify.h"
 #include "tools/launches/launch_process.h"
 #include "tools/launches/launch_record.h"
@@ -81,7 +81,7 @@ class Launch {
         arguments_(arguments),
         startMs_(startMs),
         process_(context.command, signals_.before(), notifications_.address()),
-        record_(context.path(kActivationLog)) {}
+        record_(context) {}
 
   /// The command's exit status.
   int run();
@@ -98,10 +98,10 @@ class Launch {
   const Signals signals_;
   const NotifySocket notifications_;
   LaunchProcess process_;
-  const LaunchRecord record_;
+  LaunchRecord record_;
   const steady_clock::time_point begun_ = steady_clock::now();
   bool isInFlight_ = false;  ///< the daemon knows of the begin and not of the end
-  bool endAnnounced_ = false;
+  uint64_t endMs_ = 0;       ///< 0: the end was not announced
 };
 
 void Launch::begin() {
@@ -119,10 +119,11 @@ void Launch::end(int result) {
   }
   // 32 and 33 are the daemon's own.
   const int told = result == 32 || result == 33 ? 1 : result;
+  const uint64_t endMs = qv_wall_ms();
   const int error =
-      qv_activation_end(process_.pid(), arguments_.bundleID.c_str(), QV_STATE_FOREGROUND, told, qv_wall_ms());
+      qv_activation_end(process_.pid(), arguments_.bundleID.c_str(), QV_STATE_FOREGROUND, told, endMs);
   if (error < 0) say(std::string("the end of the launch can't be announced: ") + std::strerror(-error));
-  endAnnounced_ = error >= 0;
+  if (error >= 0) endMs_ = endMs;
 }
 
 void Launch::takeNotifications() {
@@ -137,9 +138,15 @@ void Launch::takeNotifications() {
 /// The daemon takes its look at the system after the end was announced. Until it has, the ended process must
 /// stay, or nothing would be known of what it spent.
 void Launch::waitForRecord() {
-  if (!endAnnounced_ || !activationsAreRecorded(context_)) return;
-  if (!record_.appears(process_.pid(), startMs_, kRecordLimit))
-    say("the daemon has not recorded the launch; its log says why");
+  if (endMs_ == 0 || !activationsAreRecorded(context_)) return;
+  switch (record_.await(process_.pid(), startMs_, endMs_, kRecordLimit)) {
+    case LaunchRecord::Outcome::recorded:
+      return;
+    case LaunchRecord::Outcome::leftOut:
+      return say("the launch is not recorded: " + printable(record_.reason()));
+    case LaunchRecord::Outcome::noWord:
+      return say("the daemon has not recorded the launch; its log says why");
+  }
 }
 
 int Launch::run() {

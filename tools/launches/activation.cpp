@@ -1,6 +1,7 @@
 #include "tools/launches/activation.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -88,6 +89,18 @@ Activation activationOf(const Json& event) {
     }
   }
   std::sort(activation.processes.begin(), activation.processes.end(), spentMore);
+  const Json moreData = event.value("moreData", Json::object());
+  for (const auto& [pid, more] : moreData.items()) {
+    ProcessMore process;
+    process.name = more.at("ProcessName").get<std::string>();
+    std::from_chars(pid.data(), pid.data() + pid.size(), process.pid);
+    if (more.contains("CPU_ms")) process.cpuMs = number<uint64_t>(more, "CPU_ms");
+    if (more.contains("ChildCPU_ms")) process.childCpuMs = number<uint64_t>(more, "ChildCPU_ms");
+    activation.more.push_back(std::move(process));
+  }
+  std::sort(activation.more.begin(), activation.more.end(), [](const ProcessMore& a, const ProcessMore& b) {
+    return std::tuple(a.cpuMs, a.childCpuMs, b.pid) > std::tuple(b.cpuMs, b.childCpuMs, a.pid);
+  });
   activation.vmAtBegin = vmFigures(event.at("vmData"), "1");
   activation.vmAtEnd = vmFigures(event.at("vmData"), "2");
   return activation;
@@ -99,10 +112,21 @@ uint64_t ProcessCost::cpuMs() const {
   return std::accumulate(classMs.begin(), classMs.end(), uint64_t{0});
 }
 
-bool Activation::isOf(int32_t ofPid, uint64_t startMs) const {
+bool isActivationOf(uint64_t identifier, int32_t pid, uint64_t startMs) {
   constexpr uint64_t kPidBits = 0xffff;  // an identifier holds so many of the pid, and 32 of the time
-  return pid == ofPid && identifier >> 32 == (startMs & 0xffffffff) &&
-         (identifier & kPidBits) == (static_cast<uint64_t>(ofPid) & kPidBits);
+  return identifier >> 32 == (startMs & 0xffffffff) &&
+         (identifier & kPidBits) == (static_cast<uint64_t>(pid) & kPidBits);
+}
+
+std::optional<uint64_t> activationIdentifierOf(std::string_view line) {
+  constexpr std::string_view kKey =
+      "\"ActivationID\":";  // the first one stands before any text of a client's
+  const size_t at = line.find(kKey);
+  if (at == std::string_view::npos) return std::nullopt;
+  line.remove_prefix(at + kKey.size());
+  uint64_t identifier = 0;
+  const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), identifier);
+  return error == std::errc() ? std::optional(identifier) : std::nullopt;
 }
 
 void ActivationReader::read(std::string_view text) {

@@ -12,6 +12,8 @@ namespace quorvelctl {
 
 /// Where the daemon records activations, and, once that was too long, the older ones.
 inline constexpr const char* kActivationLog = "/var/log/quorveld/activations.jsonl";
+/// Activations that it has left out of it, by their identifiers.
+inline constexpr const char* kLeftOutLog = "/var/log/quorveld/activations-left-out.jsonl";
 inline constexpr const char* kOlderActivationLog = "/var/log/quorveld/activations.jsonl.1";
 
 /// Classes of CPU time, by the names that the log gives them.
@@ -47,6 +49,15 @@ struct ProcessCost {
   bool spentSomething() const { return cpuMs() + readKb + writtenKb + pageIns > 0; }
 };
 
+/// What the figures of an activation's processes don't show: of a process, beside or in place of its
+/// ProcessCost.
+struct ProcessMore {
+  int32_t pid = 0;
+  std::string name;
+  uint64_t cpuMs = 0;       ///< of one of those that were too small to be listed, by their user time alone
+  uint64_t childCpuMs = 0;  ///< of its children that ended meanwhile
+};
+
 /// Pages and counters of the machine, by the log's names.
 using VmFigures = std::map<std::string, int64_t>;
 
@@ -64,11 +75,17 @@ struct Activation {
   std::vector<ProcessCost> processes;  ///< who spent most first: CPU, then I/O, then page-ins
   std::optional<ProcessCost> others;   ///< all that were too small to be listed
   uint64_t otherCount = 0;             ///< how many those were; 255: that or more
-  VmFigures vmAtBegin, vmAtEnd;        ///< empty when they were not recorded
-
-  /// Whether this is the activation of process `pid` that was announced to have begun at `startMs`.
-  bool isOf(int32_t pid, uint64_t startMs) const;
+  std::vector<ProcessMore> more;
+  VmFigures vmAtBegin, vmAtEnd;  ///< empty when they were not recorded
 };
+
+/// Whether this is the identifier of an activation of process `pid` that was announced to have begun at
+/// `startMs`.
+bool isActivationOf(uint64_t identifier, int32_t pid, uint64_t startMs);
+
+/// The identifier of the activation that a line of a log is about, at a glance; nothing when there is none in
+/// it.
+std::optional<uint64_t> activationIdentifierOf(std::string_view line);
 
 /// Reads a log from its beginning on, file by file. The daemon names a process only once, so names carry over
 /// from one line to the next.

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <vector>
 
 #include "tools/base/table.h"
@@ -76,24 +77,56 @@ std::string whoText(const ProcessCost& cost, const Activation& activation) {
   return who;
 }
 
+const ProcessMore* moreOf(const Activation& activation, int32_t pid) {
+  for (const ProcessMore& more : activation.more) {
+    if (more.pid == pid) return &more;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> childrenRow(const ProcessMore& more, std::string who) {
+  return {durationText(static_cast<double>(more.childCpuMs)), "-", "-", "-", "-", "", std::move(who)};
+}
+
+/// ", most by dd (31) 1.20 s, kswapd0 (55) 40 ms": of those that are too small by their user time.
+std::string largestText(const Activation& activation) {
+  std::string text;
+  for (const ProcessMore& more : activation.more) {
+    if (more.cpuMs == 0) continue;
+    text += (text.empty() ? ", most by " : ", ") + printable(more.name) + " (" + std::to_string(more.pid) +
+            ") " + durationText(static_cast<double>(more.cpuMs));
+  }
+  return text;
+}
+
 std::string costTable(const Activation& activation) {
   std::vector<std::vector<std::string>> rows{
       {"CPU", "USER", "READ", "WRITTEN", "PAGE-INS", "PID", "PROCESS"}};
   size_t left = 0;
+  std::set<int32_t> listed;
   for (const ProcessCost& cost : activation.processes) {
-    if (!cost.spentSomething() && cost.pid != activation.pid) continue;
+    const ProcessMore* more = moreOf(activation, cost.pid);
+    const bool hadChildren = more && more->childCpuMs > 0;
+    if (!cost.spentSomething() && !hadChildren && cost.pid != activation.pid) continue;
     if (rows.size() > kMaxRows) {
       ++left;
-    } else {
-      rows.push_back(costRow(cost, std::to_string(cost.pid), whoText(cost, activation)));
+      continue;
     }
+    rows.push_back(costRow(cost, std::to_string(cost.pid), whoText(cost, activation)));
+    if (hadChildren) rows.push_back(childrenRow(*more, "its children that ended"));
+    listed.insert(cost.pid);
+  }
+  for (const ProcessMore& more : activation.more) {
+    if (more.childCpuMs > 0 && !listed.contains(more.pid) && rows.size() <= kMaxRows)
+      rows.push_back(childrenRow(
+          more, "children of " + printable(more.name) + " (" + std::to_string(more.pid) + ") that ended"));
   }
   if (left > 0)
     rows.push_back({"", "", "", "", "", "", std::to_string(left) + " that spent less; --json has them"});
   if (activation.others && activation.otherCount > 0) {
     const std::string count =
         activation.otherCount < 255 ? std::to_string(activation.otherCount) : "255 or more";
-    rows.push_back(costRow(*activation.others, "", count + " others together"));
+    rows.push_back(costRow(*activation.others, "", count + " others together" + largestText(activation)));
   }
   return rows.size() == 1 ? "" : table(rows);
 }
@@ -210,6 +243,15 @@ nlohmann::ordered_json activationJson(const Activation& activation) {
   if (activation.others) {
     json["others"] = {{"count", activation.otherCount}};
     json["others"].update(costJson(*activation.others));
+  }
+  if (!activation.more.empty()) {
+    nlohmann::ordered_json& more = json["more"];
+    for (const ProcessMore& process : activation.more) {
+      more.push_back({{"pid", process.pid},
+                      {"name", process.name},
+                      {"cpuMs", process.cpuMs},
+                      {"childCpuMs", process.childCpuMs}});
+    }
   }
   json["vm"] = {{"begin", activation.vmAtBegin}, {"end", activation.vmAtEnd}};
   return json;

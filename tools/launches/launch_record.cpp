@@ -1,13 +1,19 @@
 #include "tools/launches/launch_record.h"
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
 #include <utility>
 
+#include "tools/base/descriptor.h"
 #include "tools/launches/activation.h"
 #include "tools/preferences/preference_file.h"
 #include "tools/preferences/preference_keys.h"
@@ -15,7 +21,7 @@
 namespace quorvelctl {
 namespace {
 
-constexpr auto kLookEvery = std::chrono::microseconds(500);
+constexpr std::chrono::milliseconds kLookEvery(10);
 
 /// What the boolean preference `key` is set to, under the name `storedAs`, in the list at `path`.
 std::optional<bool> stored(const std::string& path, const std::string& key, const std::string& storedAs) {
@@ -41,35 +47,71 @@ bool activationsAreRecorded(const Context& context) {
   return on && !slowManaged.value_or(slowOwn.value_or(false));
 }
 
-LaunchRecord::LaunchRecord(std::string path) : path_(std::move(path)) {
+AppendedLines::AppendedLines(std::string path) : path_(std::move(path)) {
   struct stat status {};
   if (stat(path_.c_str(), &status) != 0) return;
   file_ = status.st_ino;
   offset_ = static_cast<uint64_t>(status.st_size);
 }
 
-bool LaunchRecord::appears(int32_t pid, uint64_t startMs, std::chrono::milliseconds limit) const {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!isThere(pid, startMs)) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(kLookEvery);
+std::vector<std::string> AppendedLines::next() {
+  struct stat status {};
+  std::vector<std::string> lines;
+  if (stat(path_.c_str(), &status) != 0) return lines;
+  if (status.st_ino != file_) offset_ = 0;
+  file_ = status.st_ino;
+  if (static_cast<uint64_t>(status.st_size) <= offset_) return lines;
+  std::ifstream file(path_);
+  file.seekg(static_cast<std::streamoff>(offset_));
+  for (std::string line; std::getline(file, line) && !file.eof();) {
+    offset_ += line.size() + 1;
+    lines.push_back(std::move(line));
   }
-  return true;
+  return lines;
 }
 
-bool LaunchRecord::isThere(int32_t pid, uint64_t startMs) const {
-  struct stat status {};
-  if (stat(path_.c_str(), &status) != 0) return false;
-  const uint64_t from = status.st_ino == file_ ? offset_ : 0;
-  if (static_cast<uint64_t>(status.st_size) <= from) return false;
-  std::ifstream file(path_);
-  file.seekg(static_cast<std::streamoff>(from));
-  ActivationReader reader;
-  reader.read(std::string(std::istreambuf_iterator<char>(file), {}));
-  for (const Activation& activation : reader.activations()) {
-    if (activation.isOf(pid, startMs)) return true;
+LaunchRecord::LaunchRecord(const Context& context)
+    : folder_(std::filesystem::path(context.path(kActivationLog)).parent_path()),
+      records_(context.path(kActivationLog)),
+      leftOut_(context.path(kLeftOutLog)) {}
+
+LaunchRecord::Outcome LaunchRecord::look(int32_t pid, uint64_t startMs, uint64_t endMs) {
+  const auto isIt = [&](const std::string& line) {
+    const std::optional<uint64_t> identifier = activationIdentifierOf(line);
+    return identifier &&
+           (isActivationOf(*identifier, pid, startMs) || isActivationOf(*identifier, pid, endMs));
+  };
+  for (const std::string& line : records_.next()) {
+    if (isIt(line)) return Outcome::recorded;
   }
-  return false;
+  for (const std::string& line : leftOut_.next()) {
+    if (!isIt(line)) continue;
+    const nlohmann::json note = nlohmann::json::parse(line, nullptr, false);
+    reason_ = note.is_object() ? note.value("Reason", "") : "";
+    return Outcome::leftOut;
+  }
+  return Outcome::noWord;
+}
+
+LaunchRecord::Outcome LaunchRecord::await(int32_t pid, uint64_t startMs, uint64_t endMs,
+                                          std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const Descriptor watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  bool isWatched = false;
+  for (;;) {
+    // Watched before it is looked at; while the folder isn't there yet, which the first record makes, now and
+    // then.
+    if (!isWatched)
+      isWatched = inotify_add_watch(watch.get(), folder_.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) >= 0;
+    const Outcome outcome = look(pid, startMs, endMs);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (outcome != Outcome::noWord || left.count() <= 0) return outcome;
+    pollfd ready{watch.get(), POLLIN, 0};
+    poll(&ready, 1, static_cast<int>((isWatched ? left : std::min(left, kLookEvery)).count()));
+    std::array<char, 4096> events;
+    while (read(watch.get(), events.data(), events.size()) > 0) {
+    }
+  }
 }
 
 }  // namespace quorvelctl

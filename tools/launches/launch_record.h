@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tools/base/context.h"
 
@@ -11,21 +13,45 @@ namespace quorvelctl {
 /// Whether the daemon records activations, as far as its preferences tell.
 bool activationsAreRecorded(const Context& context);
 
-/// Waits for one activation to appear in the daemon's log.
-class LaunchRecord {
+/// Reads the whole lines that are appended to a file from its owner's beginning on, each once. A file that
+/// takes its place is read from its beginning on.
+class AppendedLines {
  public:
-  /// Looks at what is appended to the log at `path` from now on.
-  explicit LaunchRecord(std::string path);
+  explicit AppendedLines(std::string path);
 
-  /// Whether the activation of process `pid` that began at `startMs` is there within `limit`.
-  bool appears(int32_t pid, uint64_t startMs, std::chrono::milliseconds limit) const;
+  std::vector<std::string> next();
 
  private:
-  bool isThere(int32_t pid, uint64_t startMs) const;
-
   std::string path_;
-  uint64_t file_ = 0;    ///< its inode number; another one, a new file, is looked at from the beginning on
-  uint64_t offset_ = 0;  ///< bytes
+  uint64_t file_ = 0;    ///< its inode number
+  uint64_t offset_ = 0;  ///< of the first line that was not read, bytes
+};
+
+/// Waits for the daemon's word on one activation: its record, or that there will be none.
+class LaunchRecord {
+ public:
+  enum class Outcome {
+    recorded,
+    leftOut,  ///< `reason` says why
+    noWord,
+  };
+
+  /// Looks at what the daemon writes from now on.
+  explicit LaunchRecord(const Context& context);
+
+  /// For the activation of `pid` that began at `startMs` and ended at `endMs`, by which the daemon knows it
+  /// when it did not hear of the begin.
+  Outcome await(int32_t pid, uint64_t startMs, uint64_t endMs, std::chrono::milliseconds limit);
+
+  const std::string& reason() const { return reason_; }
+
+ private:
+  Outcome look(int32_t pid, uint64_t startMs, uint64_t endMs);
+
+  std::string folder_;
+  AppendedLines records_;
+  AppendedLines leftOut_;
+  std::string reason_;
 };
 
 }  // namespace quorvelctl

@@ -21,6 +21,7 @@ namespace quorveld::linux_platform {
 namespace {
 
 constexpr char kPath[] = "/var/log/quorveld/activations.jsonl";
+constexpr char kLeftOutPath[] = "/var/log/quorveld/activations-left-out.jsonl";
 constexpr mode_t kDirectoryMode = 0755;
 
 /// The event as one line, its line break included; nothing, and the reason in `error`, when a text in it is
@@ -38,6 +39,11 @@ std::optional<std::string> lineOf(const platform::ActivationEvent& event, std::s
     if (!json) return std::nullopt;
     line += key;
     line += *json;
+  }
+  if (!event.moreData.empty()) {
+    const std::optional<std::string> json = toJson(event.moreData, error);
+    if (!json) return std::nullopt;
+    line += ",\"moreData\":" + *json;
   }
   return line + "}\n";
 }
@@ -62,7 +68,7 @@ off_t endOfLines(int file, off_t length) {
 void LinuxPowerLog::handOver(const platform::ActivationEvent& event) {
   std::string reason;
   if (const std::optional<std::string> line = lineOf(event, reason)) {
-    const std::error_code error = append(*line);
+    const std::error_code error = append(rooted(kPath), *line, maxFileBytes_);
     if (error) reason = error.message();
   }
   if (!reason.empty() && !failing_) {
@@ -71,9 +77,16 @@ void LinuxPowerLog::handOver(const platform::ActivationEvent& event) {
   failing_ = !reason.empty();
 }
 
-std::error_code LinuxPowerLog::append(std::string_view line) const {
-  if (line.size() > maxFileBytes_) return std::make_error_code(std::errc::file_too_large);
-  const std::string path = rooted(kPath);
+/// A failure costs whoever waits a little time, and the disk that it is about is told of by `handOver`.
+void LinuxPowerLog::leaveOut(uint64_t activationID, std::string_view reason) {
+  std::string error;
+  const std::optional<std::string> json =
+      toJson({{"ActivationID", {activationID}}, {"Reason", {std::string(reason)}}}, error);
+  if (json) (void)append(rooted(kLeftOutPath), *json + "\n", kMaxLeftOutBytes);
+}
+
+std::error_code LinuxPowerLog::append(const std::string& path, std::string_view line, uint64_t maxBytes) {
+  if (line.size() > maxBytes) return std::make_error_code(std::errc::file_too_large);
   const std::error_code made = makeDirectories(directoryOf(path), kDirectoryMode);
   if (made && made != std::errc::file_exists) return made;
 
@@ -86,7 +99,7 @@ std::error_code LinuxPowerLog::append(std::string_view line) const {
   };
   if (!open()) return lastError();
   if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::invalid_argument);
-  if (static_cast<uint64_t>(status.st_size) + line.size() > maxFileBytes_) {
+  if (static_cast<uint64_t>(status.st_size) + line.size() > maxBytes) {
     if (std::rename(path.c_str(), (path + ".1").c_str()) != 0 || !open()) return lastError();
   }
 

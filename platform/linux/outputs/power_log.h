@@ -23,10 +23,15 @@ class LinuxPowerLog final : public platform::PowerLog {
 
   explicit LinuxPowerLog(uint64_t maxFileBytes = kMaxFileBytes) : maxFileBytes_(maxFileBytes) {}
 
+  /// Beyond so many bytes the notes of what was left out begin anew: nobody waits for old ones.
+  static constexpr uint64_t kMaxLeftOutBytes = uint64_t{64} << 10;
+
   void handOver(const platform::ActivationEvent& event) override;
+  void leaveOut(uint64_t activationID, std::string_view reason) override;
 
  private:
-  std::error_code append(std::string_view line) const;
+  /// A file that the line would make longer than `maxBytes` is renamed, ".1" behind its name.
+  static std::error_code append(const std::string& path, std::string_view line, uint64_t maxBytes);
 
   const uint64_t maxFileBytes_;
   bool failing_ = false;

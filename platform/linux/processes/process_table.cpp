@@ -1,5 +1,6 @@
 #include "platform/linux/processes/process_table.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -101,6 +102,11 @@ void LinuxProcessTables::prepare() {
   } catch (const std::system_error& error) {
     logDefault("Process table: no thread to prepare on, the first look will take longer (%s)", error.what());
   }
+}
+
+/// What was freed between two blocks in use stays the allocator's for good, unless it is told.
+void LinuxProcessTables::rest() {
+  malloc_trim(0);
 }
 
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {

@@ -30,6 +30,7 @@ class LinuxProcessTables final : public platform::ProcessTables {
   /// needs them.
   void prepare() override;
   [[nodiscard]] std::unique_ptr<platform::ProcessTable> look() override;
+  void rest() override;
 
   /// What a look reads, for those who want more than the interface tells; empty on failure.
   [[nodiscard]] std::shared_ptr<const ProcessRecords> records();

@@ -44,6 +44,10 @@ uint64_t LinuxClock::absoluteTime() {
   return ticksOfNanoseconds(static_cast<uint64_t>(read(CLOCK_MONOTONIC).count()));
 }
 
+uint64_t LinuxClock::timeSinceBoot() {
+  return ticksOfNanoseconds(static_cast<uint64_t>(read(CLOCK_BOOTTIME).count()));
+}
+
 platform::WallTime LinuxClock::wallTime() {
   return platform::WallTime(read(CLOCK_REALTIME));
 }

@@ -11,6 +11,7 @@ class LinuxClock final : public platform::Clock {
  public:
   uint64_t absoluteTime() override;
   platform::Timebase timebase() override { return {125, 3}; }
+  uint64_t timeSinceBoot() override;
   platform::WallTime wallTime() override;
   std::optional<int64_t> bootTimeSeconds() override;
 };

@@ -52,6 +52,14 @@ TEST_F(PowerLog, AnEventIsOneLineOfJson) {
             "a\"\n\x01ü");
 }
 
+TEST_F(PowerLog, WhatIsLeftOutIsNotedInAFileThatStaysSmall) {
+  constexpr char kLeftOut[] = "var/log/quorveld/activations-left-out.jsonl";
+  log_.leaveOut(uint64_t{1} << 63, "full");
+  EXPECT_EQ(root_.read(kLeftOut), "{\"ActivationID\":9223372036854775808,\"Reason\":\"full\"}\n");
+  for (int i = 0; i < 2000; ++i) log_.leaveOut(1, "full");
+  EXPECT_LE(root_.read(kLeftOut).size(), LinuxPowerLog::kMaxLeftOutBytes);
+}
+
 TEST_F(PowerLog, TheBeginningOfALineThatADeadDaemonLeftIsTakenBack) {
   log_.handOver(eventOf("whole"));
   const std::string whole = root_.read(kLog);

@@ -64,9 +64,10 @@ TEST(Activations, AreToldWithWhoSpentMostFirst) {
       "  4 ms    3 ms    -       -        -              2 others together\n"
       "  ended: gone (43)\n"
       "  machine: 4.0 MB free (-4.0 MB), 1.0 MB read in, 0 B written out, 900 faults, 1.0 MB swapped in\n");
-  EXPECT_TRUE(reader.activations()[1].isOf(41, 0x98968000));
-  EXPECT_FALSE(reader.activations()[1].isOf(42, 0x98968000));
-  EXPECT_FALSE(reader.activations()[1].isOf(41, 0x98968001));
+  const uint64_t identifier = quorvelctl::activationIdentifierOf(line("", "")).value_or(0);
+  EXPECT_TRUE(quorvelctl::isActivationOf(identifier, 41, 0x98968000));
+  EXPECT_FALSE(quorvelctl::isActivationOf(identifier, 42, 0x98968000));
+  EXPECT_FALSE(quorvelctl::isActivationOf(identifier, 41, 0x98968001));
 }
 
 TEST(Activations, NamesCarryOverAndBrokenLinesAreCounted) {
@@ -86,6 +87,29 @@ TEST(Activations, NamesCarryOverAndBrokenLinesAreCounted) {
   EXPECT_EQ(json["startedAt"], "2026-09-02T00:00:00Z");
   EXPECT_EQ(json["processes"][0]["cpuMsByClass"]["legacy"], 1);
   EXPECT_EQ(json["vm"]["end"]["SwapIns"], 256);
+}
+
+TEST(Activations, ShowWhoSpentItInTheSystemOrByChildren) {
+  std::string text =
+      line(R"("0":)" + cost(kHash | 41, 2, 2, 0, 0, 0) + R"(,"-1":)" + cost(~uint64_t{0}, 3, 900, 0, 0, 0),
+           name(kHash | 41, "cc"));
+  text.replace(
+      text.rfind("}\n"), 2,
+      R"(,"moreData":{"41":{"ProcessName":"cc","ChildCPU_ms":5600},)"
+      R"("9":{"ProcessName":"dd","CPU_ms":880},"8":{"ProcessName":"make","CPU_ms":20,"ChildCPU_ms":7}}})"
+      "\n");
+  ActivationReader reader;
+  reader.read(text);
+  ASSERT_EQ(reader.activations().size(), 1u);
+  const std::string shown = quorvelctl::activationText(reader.activations()[0], 4096);
+  EXPECT_NE(
+      shown.find("  2 ms    2 ms  -     -        -         41   cc, the application\n"
+                 "  5.60 s  -     -     -        -              its children that ended\n"
+                 "  7 ms    -     -     -        -              children of make (8) that ended\n"
+                 "  900 ms  3 ms  -     -        -              2 others together, most by dd (9) 880 ms, "
+                 "make (8) 20 ms\n"),
+      std::string::npos)
+      << shown;
 }
 
 TEST(Activations, WhatEndedBeforeItBeganTookNoTime) {
