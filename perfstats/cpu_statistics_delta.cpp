@@ -57,9 +57,9 @@ void writePresent(const task_statistics& start, const task_statistics& end, task
   delta_task_rusage(start.rusage, end.rusage, &output.rusage, end.pid);
 }
 
-/// Whether two entries with the same pid are of the same process. When it began is not always known.
-bool isSameProcess(const task_statistics& start, const task_statistics& end) {
-  const uint64_t before = start.rusage.proc_start_abstime, now = end.rusage.proc_start_abstime;
+/// False when both readings tell when their process began, and differ: the pid is another's by now.
+bool beganTogether(const Rusage& start, const Rusage& end) {
+  const uint64_t before = start.proc_start_abstime, now = end.proc_start_abstime;
   return before == 0 || now == 0 || before == now;
 }
 
@@ -74,9 +74,6 @@ size_t merge(std::span<const task_statistics> start, std::span<const task_statis
       writeNew(end[j++], next);
     } else if (endUsedUp || end[j].pid > start[i].pid) {
       writeDead(start[i++], next);
-    } else if (!isSameProcess(start[i], end[j])) {
-      writeNew(end[j++], next);
-      writeDead(start[i++], output[k++]);
     } else {
       writePresent(start[i++], end[j++], next);
     }
@@ -88,6 +85,7 @@ size_t merge(std::span<const task_statistics> start, std::span<const task_statis
 
 void delta_task_rusage(const Rusage& start, const Rusage& end, Rusage* difference, int32_t pid) {
   const bool sameProcess =
+      beganTogether(start, end) &&
       noneFell<&Rusage::user_time, &Rusage::pageins, &Rusage::diskio_bytesread, &Rusage::diskio_byteswritten,
                &Rusage::cpu_time_qos_default, &Rusage::cpu_time_qos_background, &Rusage::cpu_time_qos_utility,
                &Rusage::cpu_time_qos_legacy, &Rusage::cpu_time_qos_user_initiated,

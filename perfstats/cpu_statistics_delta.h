@@ -9,15 +9,14 @@ namespace quorveld {
 /// What each process spent between two looks, highest user CPU time first (sortByUserTime).
 ///
 /// Each entry's `state` says whether the process is present in both (its usage is the difference), new (all
-/// that it has spent) or dead (zero: what it spent last is not known). A pid that another process has taken
-/// over is both: a new one and a dead one. Sorts the entries of both arguments by pid in place. Null, and a
-/// log line, when an argument is null or there is no memory.
+/// that it has spent) or dead (zero: what it spent last is not known). Sorts the entries of both arguments
+/// by pid in place. Null, and a log line, when an argument is null or there is no memory.
 [[nodiscard]] CpuStatisticsPtr delta_cpu_statistics(cpu_statistics* start, cpu_statistics* end);
 
 /// Writes what a process used between two readings into a zeroed `difference`.
 ///
-/// A counter that fell means that another process has the pid now, where start times don't tell: then
-/// `difference` is all that this one used since it started, and a line is logged. System time and the sizes
+/// Another start time, or a counter that fell, means that another process has the pid now: then `difference`
+/// is all that this one used since it started, and a line is logged. System time and the sizes
 /// fall in a healthy process too; their differences wrap, so what shrank appears as a huge value.
 void delta_task_rusage(const platform::rusage_info_v3& start, const platform::rusage_info_v3& end,
                        platform::rusage_info_v3* difference, int32_t pid);
