@@ -116,7 +116,9 @@ qv_slot* qv_slot_claim(const char* name) {
   hangEvent* event = &region->slots[this_thread.last_slot];
   __atomic_store_n(&event->startTime, qv_ticks_now(), __ATOMIC_RELAXED);
   write_identity(event, name);
-  return (qv_slot*)&page->slots[this_thread.last_slot];
+  qv_slot* slot = (qv_slot*)&page->slots[this_thread.last_slot];
+  slot->depth = 0;
+  return slot;
 }
 
 void qv_slot_release(qv_slot* slot) {
@@ -134,6 +136,22 @@ void qv_slot_begin(qv_slot* slot, bool wants_kelvane) {
 void qv_slot_end(qv_slot* slot) {
   hangEvent* event = slot ? slot->event : NULL;
   if (event) __atomic_store_n(&event->timeoutExempt, 1, __ATOMIC_RELEASE);
+}
+
+void qv_turn_begin(qv_slot* slot, bool wants_kelvane) {
+  if (!slot || !slot->event) return;
+  ++slot->depth;
+  qv_slot_begin(slot, wants_kelvane);
+}
+
+void qv_turn_end(qv_slot* slot) {
+  if (!slot || !slot->event) return;
+  if (slot->depth > 0) --slot->depth;
+  if (slot->depth == 0) {
+    qv_slot_end(slot);
+  } else {
+    qv_slot_begin(slot, __atomic_load_n(&slot->event->wantsKelvane, __ATOMIC_RELAXED));
+  }
 }
 
 qv_operation qv_begin(const char* name, bool wants_kelvane) {

@@ -52,6 +52,7 @@ int qv_activation_begin(int32_t pid, const char* bundle_id, enum qv_activation_s
 int qv_activation_end(int32_t pid, const char* bundle_id, enum qv_activation_state state, int result,
                       uint64_t end_ms) {
   if (!bundle_id) return -EINVAL;
+  if (end_ms == 0) end_ms = qv_wall_ms();
   const struct qv_field fields[] = {{QV_KEY_PID, 'x', {.int64 = pid}},
                                     {QV_KEY_BUNDLE_ID, 's', {.text = bundle_id}},
                                     {QV_KEY_END_TIME, 't', {.uint64 = end_ms}},

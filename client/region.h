@@ -6,6 +6,7 @@
 
 struct qv_slot {
   hangEvent* event;
+  uint32_t depth; /* of turns; the holder's */
 };
 
 /* Everything that a mark goes through to reach the shared region lies in one page that reads as zeros in the

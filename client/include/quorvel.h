@@ -12,13 +12,18 @@
  *   qv_slot_end(turn);
  *
  * Threads: every function may be called from any thread; what else holds for one is said there. Signal
- * handlers: only qv_slot_begin, qv_slot_end, qv_end and qv_ticks.
+ * handlers: only qv_slot_begin, qv_slot_end, qv_turn_begin, qv_turn_end, qv_end and qv_ticks.
  * Fork: the child of a fork is not watched, and its marks, with whatever slots and operations it inherited,
  * change nothing in the parent's region; it may call qv_watch for itself. (A child made by clone(2) past the
  * C library may mark, without effect, but call nothing else here.) Failure: functions that return int return
  * 0, or a negative errno(3) value. Texts are UTF-8 of at most QV_TEXT_MAX bytes, else -EINVAL and
  * -ENAMETOOLONG. Times are ticks, 24,000,000 a second of CLOCK_MONOTONIC (qv_ticks), or, for activations,
  * wall-clock milliseconds since 2001-01-01 00:00:00 UTC (qv_wall_ms).
+ *
+ * Trace reports: for one, each thread of a hung process is stopped for a moment. Where another thread waits
+ * in epoll_wait(2), poll(2) or another call that signal(7) lists as never restarted, that call fails with
+ * EINTR then, as it does after a SIGSTOP and SIGCONT: a loop that takes every error of its wait for fatal
+ * must not take this one so.
  *
  * C11 and C++.
  */
@@ -93,6 +98,13 @@ QV_EXPORT void qv_slot_release(qv_slot* slot);
 QV_EXPORT void qv_slot_begin(qv_slot* slot, bool wants_kelvane);
 QV_EXPORT void qv_slot_end(qv_slot* slot);
 
+/* A slot's operations where they nest: a turn of a main loop whose handler runs a loop of its own. The end of
+ * an inner turn doesn't end the outer one, which goes on as one that begins now: something has just been
+ * done. A loop that is about to wait calls qv_slot_end, however deep it is. <quorvel-sd-event.h>,
+ * <quorvel-glib.h> and <quorvel-qt.hpp> do all that. */
+QV_EXPORT void qv_turn_begin(qv_slot* slot, bool wants_kelvane);
+QV_EXPORT void qv_turn_end(qv_slot* slot);
+
 /* An operation in flight; all zeros when it isn't tracked. The fields are the library's own. */
 typedef struct qv_operation {
   uint64_t owner;
@@ -139,7 +151,7 @@ enum qv_activation_type { QV_TYPE_RESUME = 0, QV_TYPE_LAUNCH = 1 };
 QV_EXPORT int qv_activation_begin(int32_t pid, const char* bundle_id, enum qv_activation_state state,
                                   enum qv_activation_type type, uint64_t start_ms, uint64_t proxy_start_ms);
 
-/* It is up, in the state `state`. `end_ms` 0: when the daemon hears of it. `result` is the launcher's own, 0
+/* It is up, in the state `state`. `end_ms` is when that was (0: now). `result` is the launcher's own, 0
  * to 255, save 32 and 33, which the daemon uses for a missing begin and a missing end. */
 QV_EXPORT int qv_activation_end(int32_t pid, const char* bundle_id, enum qv_activation_state state,
                                 int result, uint64_t end_ms);

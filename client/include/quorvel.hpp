@@ -35,13 +35,13 @@ class Slot {
   qv_slot* slot_;
 };
 
-/// One use of a slot, from construction to the end of the scope.
+/// One use of a slot, from construction to the end of the scope. Uses of a slot may nest (qv_turn_begin).
 class ScopedTurn {
  public:
   explicit ScopedTurn(const Slot& slot, bool wantsKelvane = false) : slot_(slot.get()) {
-    qv_slot_begin(slot_, wantsKelvane);
+    qv_turn_begin(slot_, wantsKelvane);
   }
-  ~ScopedTurn() { qv_slot_end(slot_); }
+  ~ScopedTurn() { qv_turn_end(slot_); }
   ScopedTurn(const ScopedTurn&) = delete;
   ScopedTurn& operator=(const ScopedTurn&) = delete;
 

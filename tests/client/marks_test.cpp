@@ -65,6 +65,31 @@ TEST_F(Marks, AHeldSlotKeepsItsNameAndTakesAStartEachTime) {
   EXPECT_TRUE(region_->inFlight().empty());
 }
 
+TEST_F(Marks, AnInnerTurnsEndLeavesTheOuterOneInFlight) {
+  const quorvel::Slot slot("MainThread");
+  {
+    const quorvel::ScopedTurn outer(slot, true);
+    const hangEvent& event = *region_->inFlight().at(0);
+    const uint64_t outerStart = event.startTime;
+    uint64_t innerStart = 0;
+    {
+      const quorvel::ScopedTurn inner(slot, true);
+      innerStart = event.startTime;
+      EXPECT_GT(innerStart, outerStart);
+      qv_slot_end(slot.get());  // a loop within waits
+      EXPECT_TRUE(region_->inFlight().empty());
+    }
+    ASSERT_EQ(region_->inFlight().size(), 1u);
+    EXPECT_GT(event.startTime, innerStart);  // it goes on from here
+    EXPECT_EQ(event.wantsKelvane, 1u);
+  }
+  EXPECT_TRUE(region_->inFlight().empty());
+  qv_turn_end(slot.get());  // one too many
+  qv_turn_begin(slot.get(), false);
+  qv_turn_end(slot.get());
+  EXPECT_TRUE(region_->inFlight().empty());
+}
+
 TEST_F(Marks, WhatFindsNoSlotIsCountedAndAThreadGivesItsSlotsBack) {
   const uint64_t untracked = qv_untracked();
   std::thread([&] {

@@ -1,8 +1,11 @@
 """A real application that really blocks, and what the daemon makes of it."""
 import json
 import os
+import pathlib
 import re
 import signal
+import subprocess
+import sys
 import unittest
 
 from scratch import ScratchTest
@@ -38,6 +41,18 @@ class SampleApplication(ScratchTest):
         until(lambda: counters.exists() and re.search(
             r'quorveld_distribution_ms_count\{key="com\.corvix\.quorvel\.MainThread\.com\.corvix\.quorvel\.sample"\} 1\n',
             counters.read_text()), "the hang's duration in the counters")
+
+    def test_an_application_in_python_needs_no_library(self):
+        daemon = self.daemon(QuorvelHangTimeoutDuration=1000.0)
+        source = pathlib.Path(__file__).parents[2] / "client/sample/watched.py"
+        watched = subprocess.Popen([sys.executable, source, "8"], env=daemon.environment())
+        self.addCleanup(watched.wait)
+        self.addCleanup(watched.kill)
+        daemon.wait_for(": Hang detected")
+        (name,) = daemon.filed()
+        self.assertRegex(name, r"^PythonTurn-python")
+        self.assertEqual(watched.wait(PATIENCE), 0)
+        daemon.wait_for(f"Client disconnected: {watched.pid}")
 
     def test_an_application_that_does_not_block_leaves_nothing(self):
         daemon = self.daemon(QuorvelHangTimeoutDuration=1000.0)

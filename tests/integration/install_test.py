@@ -80,6 +80,10 @@ class Install(unittest.TestCase):
         self.assertEqual(self.texts_with(prefix, BUILD), [])
         self.explains_its_messages(prefix)
 
+        self.assertEqual(self.found(prefix, "qv_slot_begin.3").read_text(), ".so man3/libquorvel.3\n")
+        for header in ("quorvel-glib.h", "quorvel-qt.hpp", "quorvel-sd-event.h", "hang_region.h"):
+            self.found(prefix, header)
+
         version = self.version(self.flags(prefix))
         self.assertRegex(version, r"^\d+\.\d+\.\d+$")
         for name in ("quorveld", "quorvelctl", "kelvanectl", "quorvel-sample"):

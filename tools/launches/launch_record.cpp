@@ -13,6 +13,7 @@
 #include <optional>
 #include <utility>
 
+#include "client/include/quorvel.h"
 #include "tools/base/descriptor.h"
 #include "tools/launches/activation.h"
 #include "tools/preferences/preference_file.h"
@@ -106,8 +107,10 @@ LaunchRecord::Outcome LaunchRecord::await(int32_t pid, uint64_t startMs, uint64_
     const Outcome outcome = look(pid, startMs, endMs);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (outcome != Outcome::noWord || left.count() <= 0) return outcome;
-    pollfd ready{watch.get(), POLLIN, 0};
-    poll(&ready, 1, static_cast<int>((isWatched ? left : std::min(left, kLookEvery)).count()));
+    std::array<pollfd, 2> ready{{{watch.get(), POLLIN, 0}, {qv_fd(), POLLIN, 0}}};
+    poll(ready.data(), ready.size(),
+         static_cast<int>((isWatched ? left : std::min(left, kLookEvery)).count()));
+    if (ready[1].revents != 0 && qv_process() < 0) return look(pid, startMs, endMs);  // the daemon is gone
     std::array<char, 4096> events;
     while (read(watch.get(), events.data(), events.size()) > 0) {
     }

@@ -39,8 +39,8 @@ class LaunchRecord {
   /// Looks at what the daemon writes from now on.
   explicit LaunchRecord(const Context& context);
 
-  /// For the activation of `pid` that began at `startMs` and ended at `endMs`, by which the daemon knows it
-  /// when it did not hear of the begin.
+  /// No longer than the connection to the daemon lasts. For the activation of `pid` that began at `startMs`
+  /// and ended at `endMs`, by which the daemon knows it when it did not hear of the begin.
   Outcome await(int32_t pid, uint64_t startMs, uint64_t endMs, std::chrono::milliseconds limit);
 
   const std::string& reason() const { return reason_; }

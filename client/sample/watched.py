@@ -1,0 +1,122 @@
+#!/usr/bin/env python3
+"""An application that quorveld watches, without libquorvel: plain D-Bus on a socket, and a shared region. Python's standard library.
+
+    watched.py [SECONDS]     works in turns of 100 ms; the third one hangs for SECONDS (8)
+
+What is sent, and how the region is laid out: docs/ipc.md.
+"""
+import fcntl
+import mmap
+import os
+import socket
+import struct
+import sys
+import threading
+import time
+
+SOCKET = os.environ.get("QUORVELD_ROOT", "") + "/run/quorveld/com.corvix.quorveld"
+SLOTS, SLOT_BYTES, FIRST_SLOT = 20, 360, 8
+F_ADD_SEALS, F_SEAL_SHRINK, F_SEAL_GROW = 1033, 2, 4
+
+
+# --- messages: a method call with one dictionary of strings and variants, which nobody answers -------------------------------
+
+def padded(data, to):
+    return data + bytes(-len(data) % to)
+
+
+def text(value):
+    return struct.pack("<I", len(value.encode())) + value.encode() + b"\0"
+
+
+def signature(value):
+    return bytes([len(value)]) + value.encode() + b"\0"
+
+
+def dictionary(values):
+    """a{sv}; of each key its D-Bus type and value."""
+    entries = b""  # begins at a multiple of 8, as each entry does
+    for key, (kind, value) in values.items():
+        entries = padded(entries, 8) + text(key) + signature(kind)
+        if kind == "s":
+            entries = padded(entries, 4) + text(value)
+        else:
+            form, size = {"x": ("<q", 8), "t": ("<Q", 8), "b": ("<I", 4), "h": ("<I", 4)}[kind]
+            entries = padded(entries, size) + struct.pack(form, value)
+    return struct.pack("<I", len(entries)) + bytes(4) + entries
+
+
+def call(serial, path, interface, member, body=b"", descriptors=0):
+    fields = [(1, "o", text(path)), (2, "s", text(interface)), (3, "s", text(member))]
+    if body:
+        fields += [(8, "g", signature("a{sv}")), (9, "u", struct.pack("<I", descriptors))]
+    header = b""
+    for code, kind, value in fields:
+        header = padded(header, 8) + bytes([code]) + signature(kind)
+        header = (header if kind == "g" else padded(header, 4)) + value
+    no_reply = 1
+    start = struct.pack("<cBBBIII", b"l", 1, no_reply, 1, len(body), serial, len(header))
+    return padded(start + header, 8) + body
+
+
+def connect():
+    connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    connection.connect(SOCKET)
+    uid = str(os.getuid()).encode().hex().encode()
+    for line, answer in ((b"\0AUTH EXTERNAL " + uid, b"OK"), (b"NEGOTIATE_UNIX_FD", b"AGREE_UNIX_FD")):
+        connection.sendall(line + b"\r\n")
+        if not connection.recv(256).startswith(answer):
+            raise ConnectionError("the daemon refused " + line.decode())
+    connection.sendall(b"BEGIN\r\n" + call(1, "/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello"))
+    return connection
+
+
+# --- the shared region ---------------------------------------------------------------------------------------------------------
+
+class Region:
+    def __init__(self):
+        length = FIRST_SLOT + SLOTS * SLOT_BYTES
+        self.descriptor = os.memfd_create("region", os.MFD_CLOEXEC | os.MFD_ALLOW_SEALING)
+        os.ftruncate(self.descriptor, length)
+        fcntl.fcntl(self.descriptor, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW)
+        self.bytes = mmap.mmap(self.descriptor, length)
+        struct.pack_into("<II", self.bytes, 0, 4, SLOTS)
+        for slot in range(SLOTS):
+            self.end(slot)
+
+    def begin(self, slot, name):
+        at = FIRST_SLOT + slot * SLOT_BYTES
+        ticks = time.clock_gettime_ns(time.CLOCK_MONOTONIC) * 3 // 125
+        struct.pack_into("<Q", self.bytes, at, ticks)  # first, and timeoutExempt last
+        self.bytes[at + 40:at + 104] = name.encode()[:63].ljust(64, b"\0")
+        struct.pack_into("<Q", self.bytes, at + 32, threading.get_native_id())
+        struct.pack_into("<I", self.bytes, at + 20, 1)
+        struct.pack_into("<I", self.bytes, at + 16, 0)
+
+    def end(self, slot):
+        struct.pack_into("<I", self.bytes, FIRST_SLOT + slot * SLOT_BYTES + 16, 1)
+
+
+def watch(bundle_id, name):
+    """The connection, which lasts as long as the process is watched, and the region. A whole application connects again when the
+    connection is closed, and registers again."""
+    connection, region = connect(), Region()
+    body = dictionary({"command": ("x", 1), "shmem": ("h", 0), "bundle-id": ("s", bundle_id), "name": ("s", name)})
+    message = call(2, "/com/corvix/quorveld", "com.corvix.quorveld", "Message", body, descriptors=1)
+    sent = socket.send_fds(connection, [message], [region.descriptor])
+    connection.sendall(message[sent:])
+    return connection, region
+
+
+def main():
+    hang = float(sys.argv[1]) if len(sys.argv) > 1 else 8
+    connection, region = watch("com.example.python", "watched.py")
+    for turn in range(5):
+        region.begin(0, "PythonTurn")
+        time.sleep(hang if turn == 2 else 0.1)
+        region.end(0)
+    connection.close()
+
+
+if __name__ == "__main__":
+    main()
