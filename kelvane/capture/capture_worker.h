@@ -6,7 +6,7 @@
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/proc_files.h"
-#include "kelvane/capture/findings.h"
+#include "kelvane/capture/findings_area.h"
 #include "kelvane/capture/process_capture.h"
 
 namespace kelvane {

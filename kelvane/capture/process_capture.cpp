@@ -10,7 +10,7 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/capture/lock_owner.h"
-#include "kelvane/threads/memory_map.h"
+#include "kelvane/threads/read_memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 #include "kelvane/threads/thread_facts.h"
 

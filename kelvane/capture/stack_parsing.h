@@ -3,7 +3,7 @@
 #include <span>
 #include <vector>
 
-#include "kelvane/capture/findings.h"
+#include "kelvane/capture/findings_area.h"
 #include "kelvane/capture/process_capture.h"
 
 namespace kelvane {

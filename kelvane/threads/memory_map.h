@@ -19,12 +19,6 @@ struct MappedModule {
   bool isVdso() const { return path == "[vdso]"; }
 };
 
-struct MemoryMap {
-  /// Executable modules by ascending address, none overlapping.
-  std::vector<MappedModule> modules;
-  std::string problem;  // why it is not whole; empty: it is
-};
-
 /// Joins the text of /proc/PID/maps into modules: neighbouring mappings of one file with rising offsets are
 /// one. Takes the text in pieces of any size.
 class MemoryMapParser {
@@ -42,8 +36,5 @@ class MemoryMapParser {
   MappedModule open_;
   std::vector<MappedModule> modules_;
 };
-
-/// Reads the map of the process whose directory in /proc is `processDir`.
-MemoryMap readMemoryMap(int processDir);
 
 }  // namespace kelvane

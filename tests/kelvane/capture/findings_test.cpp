@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kelvane/base/limits.h"
+#include "kelvane/capture/findings_area.h"
 
 namespace kelvane {
 namespace {

@@ -8,6 +8,7 @@
 
 #include "kelvane/base/proc_files.h"
 #include "kelvane/threads/mapped_file.h"
+#include "kelvane/threads/read_memory_map.h"
 #include "tests/kelvane/hang_target.h"
 
 namespace kelvane_test {
