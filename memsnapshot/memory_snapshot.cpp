@@ -1,10 +1,10 @@
 #include "memsnapshot/memory_snapshot.h"
 
-#include <array>
-#include <cstdio>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -26,6 +26,12 @@ namespace {
 /// Reserved at once so that the report never moves while it grows: address space, of which only what is
 /// written becomes memory.
 constexpr size_t kInitialCapacity = 52'428'800;
+
+/// Readers of the first line expect it within 100 bytes: a longer one is cut off there.
+constexpr size_t kMaxFirstLineBytes = 99;
+
+/// More reports than this of one local second are not kept.
+constexpr int kMaxReportsOfASecond = 100;
 
 /// What stays the same for as long as the daemon lives.
 struct ReportOrigin {
@@ -50,15 +56,30 @@ std::string escaped(const std::string& bytes) {
   return text;
 }
 
+/// The length of the longest part of `text` from its beginning that is no longer than `maxBytes` and ends
+/// neither inside a UTF-8 character nor inside an escape.
+size_t wholeCharacters(std::string_view text, size_t maxBytes) {
+  size_t length = 0;
+  while (length < text.size()) {
+    size_t next = length + 1;
+    if (text[length] == '\\') {
+      next += text.substr(next, 1) == "u" ? 5 : 1;
+    } else {
+      while (next < text.size() && (static_cast<uint8_t>(text[next]) & 0xC0) == 0x80) ++next;
+    }
+    if (next > maxBytes) break;
+    length = next;
+  }
+  return length;
+}
+
 const ReportOrigin& reportOrigin() {
   static const ReportOrigin origin = [] {
     platform::Device& device = platform::current().device;
     const std::string version = escaped(osVersionText(device.osVersion()));
-    // Readers of the first line expect it within 100 bytes: a longer version is cut off there.
-    std::array<char, 100> line;
-    std::snprintf(line.data(), line.size(), "{\"bug_type\":\"152\",\"os_version\":\"%s\"}\n",
-                  version.c_str());
-    return ReportOrigin{version, line.data(), escaped(device.machine())};
+    const std::string line = "{\"bug_type\":\"152\",\"os_version\":\"" + version + "\"}\n";
+    return ReportOrigin{version, line.substr(0, wholeCharacters(line, kMaxFirstLineBytes)),
+                        escaped(device.machine())};
   }();
   return origin;
 }
@@ -83,12 +104,24 @@ std::string reportText(const std::string& date) {
   return report;
 }
 
+/// The file's name. A second that has come before, by a clock that went back, gets a number behind it.
+std::string freeName(const std::string& date) {
+  const std::string prefix = std::string(kMemoryReports.finished.prefix) + date;
+  std::string name = prefix + ".ips";
+  for (int number = 2; number <= kMaxReportsOfASecond; ++number) {
+    const std::string path = std::string(kMemoryReportDirectory) + "//" + name;
+    if (platform::current().files.kind(path) == platform::EntryKind::missing) break;
+    name = prefix + "-" + std::to_string(number) + ".ips";
+  }
+  return name;
+}
+
 }  // namespace
 
 void take_memory_snapshot() {
   platform::Files& files = platform::current().files;
   const std::string date = reportDate(platform::current().clock.wallTime());
-  const std::string name = std::string(kMemoryReports.finished.prefix) + date + ".ips";
+  const std::string name = freeName(date);
   const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 

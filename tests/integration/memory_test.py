@@ -40,7 +40,7 @@ def processes():
             start = (folder / "stat").read_text(errors="replace").rpartition(")")[2].split()[19]
             name = os.path.basename(os.readlink(folder / "exe").removesuffix(" (deleted)"))
             adjustment = int((folder / "oom_score_adj").read_text())
-            found[folder.name, start] = name, adjustment, (status["RssAnon"] + status["VmSwap"]) * 1024
+            found[folder.name, start] = name, adjustment, (status["RssAnon"] + status["VmSwap"] + status.get("HugetlbPages", 0)) * 1024
         except OSError:
             pass  # gone meanwhile
     return found
@@ -132,6 +132,10 @@ class Memory(ScratchTest):
                 low, high = sorted((size, later[2]))
                 steady = high - low <= 2 * MIB
                 expected[name, adjustment].append((high + 4 * MIB, low - 4 * MIB) if steady else (1 << 60, 0))
+        # Of those that may be forks of one process, a size may be a share.
+        for bounds in expected.values():
+            if len(bounds) > 1:
+                bounds[:] = [(high, 0) for high, _ in bounds]
         self.assertTrue(expected)
         for who, bounds in expected.items():
             free = sorted(reported[who])
@@ -174,11 +178,12 @@ class Memory(ScratchTest):
         sizes = [process["footprintBytes"] for process in shown["processes"]]
         self.assertEqual(sizes, sorted((entry["Footprint"] * PAGE for entry in body["Processes"]), reverse=True))
         self.assertEqual(len(shown["zones"]), len(body["Zones"]))
-        self.assertEqual(len(shown["consumers"]) + len(shown["totals"]), len(body["Wired"]))
+        self.assertEqual(len(shown["uses"]) + len(shown["consumers"]) + len(shown["totals"]), len(body["Wired"]))
         account = shown["account"]
         self.assertEqual(sum(part["bytes"] for part in account["parts"]) + account["unaccountedBytes"],
                          account["totalBytes"])
-        self.assertLess(abs(account["unaccountedBytes"]), account["totalBytes"] / 2)
+        # One reading after the other: what others take or give back meanwhile is in the difference too.
+        self.assertLess(abs(account["unaccountedBytes"]), account["totalBytes"] / 100 + 256 * MIB)
         self.assertIn("more, ", self.ctl(daemon, "show"))
         self.assertNotIn("more, ", self.ctl(daemon, "show", "--all"))
 

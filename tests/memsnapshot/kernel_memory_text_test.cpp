@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/linux/memory/fork_shares.h"
+
 // The kernel's texts about its memory: as captured, cut short, and made up by somebody who means ill.
 
 namespace quorveld::linux_platform {
@@ -69,10 +71,13 @@ TEST(KernelMemoryText, ZonesAndControlGroups) {
   const ZonePages zones = parseZoneInfo(
       "Node 0, zone      DMA\n  pages free     3840\n        spanned  4095\n"
       "        present  3998\n        managed  3840\n"
+      "  pagesets\n    cpu: 0\n              count: 60\n              high:  5\n"
+      "    cpu: 1\n              count:    3\n"
       "Node 0, zone   Normal\n        present  1000\n        managed  900\n"
       "Node 1, zone    DMA32\n        managed  50\n        present 7");
   EXPECT_EQ(zones.present, 3998u + 1000 + 7);
   EXPECT_EQ(zones.dma, 3890u);
+  EXPECT_EQ(zones.cpuLists, 63u);
 
   const auto unified = parseMemoryCgroup("0::/user.slice/a:b\n");
   ASSERT_TRUE(unified.has_value());
@@ -83,6 +88,37 @@ TEST(KernelMemoryText, ZonesAndControlGroups) {
   EXPECT_FALSE(first->unified);
   EXPECT_EQ(first->path, "/m");
   EXPECT_EQ(parseMemoryCgroup("garbage"), std::nullopt);
+}
+
+TEST(KernelMemoryText, SocketsCompressedSwapAndShares) {
+  EXPECT_EQ(
+      parseTcpPages("sockets: used 14\nTCP: inuse 1 orphan 0 tw 0 alloc 1 mem 257\nUDP: inuse 0 mem 3\n"),
+      257u);
+  EXPECT_EQ(parseTcpPages("TCP: inuse mem"), 0u);
+  EXPECT_EQ(parseZramBytes("  41943040 10485760  11534336        0 12582912        0        0\n"), 11534336u);
+  EXPECT_EQ(parseZramBytes("1 2"), 0u);
+  EXPECT_EQ(
+      parseShareKb(
+          "56-7f ---p 00000000 00:00 0    [rollup]\nRss: 320792 kB\nPss: 108645 kB\nPss_Anon: 105407 kB\n"
+          "Shared_Hugetlb: 2048 kB\nPrivate_Hugetlb: 4096 kB\nSwapPss: 10 kB\n"),
+      105407u + 2048 + 4096 + 10);
+  EXPECT_EQ(parseShareKb("Pss: 108645 kB\n"), std::nullopt);
+}
+
+TEST(ForkShares, TheFamilyThatMayCountMostTwiceComesFirst) {
+  constexpr uint64_t kSmall = 1000, kLarge = 50'000;
+  std::vector<int32_t> order;
+  for (const SharingProcess& member : membersOfFamilies({{1, 7, kSmall, 0},
+                                                         {2, 0, kLarge, 0},  // of an unknown program
+                                                         {3, 8, kLarge, 0},  // alone
+                                                         {4, 9, kSmall, 0},
+                                                         {5, 9, kLarge, 0},
+                                                         {6, 9, kLarge, 0},
+                                                         {7, 9, 3, 0},  // too small to matter
+                                                         {8, 7, kSmall, 0}})) {
+    order.push_back(member.pid);
+  }
+  EXPECT_EQ(order, (std::vector<int32_t>{6, 5, 4, 8, 1}));
 }
 
 }  // namespace

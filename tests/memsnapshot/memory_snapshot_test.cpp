@@ -128,6 +128,38 @@ TEST(MemorySnapshot, IsWholeOrNotThere) {
                                      kWorkingFile + " No space left on device"});
 }
 
+TEST(MemorySnapshot, ASecondThatComesAgainOverwritesNothing) {
+  Machine machine;
+  machine.files.putFile("/Library/Logs/Faultkeep/memory-snapshot-2026-01-15-100000.ips",
+                        "of the same second, before clocks went back");
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.content(kReport), "of the same second, before clocks went back");
+  EXPECT_EQ(
+      machine.files.content("/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000-2.ips").value_or(""),
+      golden());
+}
+
+/// Ends the process: the first line is made once in its life.
+void exitWithFirstLine(const std::string& systemName, const std::string& expectedText) {
+  Machine machine;
+  machine.device.version = {systemName, "1", "2"};
+  take_memory_snapshot();
+  const std::string report = machine.files.content(kReport).value_or("");
+  EXPECT_EQ(report.substr(0, report.find("{\n\"Model\"")),
+            "{\"bug_type\":\"152\",\"os_version\":\"" + expectedText);
+  std::exit(testing::Test::HasFailure());
+}
+
+TEST(MemorySnapshotDeathTest, FirstLineIsCutBetweenCharacters) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const testing::ExitedWithCode held(0);
+  const auto y = [](size_t count) { return std::string(count, 'y'); };  // 67 bytes of the text have room
+  EXPECT_EXIT(exitWithFirstLine(y(66) + "\u00e4z", y(66)), held, "");
+  EXPECT_EXIT(exitWithFirstLine(y(65) + "\u00e4z", y(65) + "\u00e4"), held, "");
+  EXPECT_EXIT(exitWithFirstLine(y(66) + "\"z", y(66)), held, "");
+  EXPECT_EXIT(exitWithFirstLine(y(62) + "\x01" + "z", y(62)), held, "");
+}
+
 TEST(MemorySnapshot, MakesRoomForItselfAndIsNotWrittenOnADiskThatIsNearlyFull) {
   Machine machine;
   const std::string folder = "/Library/Logs/Faultkeep";

@@ -98,7 +98,9 @@ OrderedJson reportJson(const MemoryReport& report) {
   json.update({{"account", accountJson(report)},
                {"vmCounters", counters},
                {"processes", processes},
+               {"footprintsAreUpperBounds", hasUpperBounds(report)},
                {"zones", listJson(report.zones)},
+               {"uses", listJson(report.uses)},
                {"consumers", listJson(report.consumers)},
                {"totals", listJson(report.totals)}});
   return json;
@@ -119,9 +121,22 @@ OrderedJson changesJson(const std::vector<MemoryChange>& changes) {
 
 OrderedJson diffJson(const MemoryReport& older, const MemoryReport& newer) {
   const MemoryDiff diff = diffOf(older, newer);
-  return {{"oldTimestamp", older.timestamp},      {"newTimestamp", newer.timestamp},
-          {"account", changesJson(diff.account)}, {"processes", changesJson(diff.processes)},
-          {"zones", changesJson(diff.zones)},     {"consumers", changesJson(diff.consumers)}};
+  OrderedJson counters = OrderedJson::array();
+  for (const CounterChange& change : diff.counters) {
+    counters.push_back({{"name", change.name},
+                        {"change", change.change()},
+                        {"old", change.oldValue},
+                        {"new", change.newValue}});
+  }
+  return {{"oldTimestamp", older.timestamp},
+          {"newTimestamp", newer.timestamp},
+          {"account", changesJson(diff.account)},
+          {"processes", changesJson(diff.processes)},
+          {"zones", changesJson(diff.zones)},
+          {"uses", changesJson(diff.uses)},
+          {"consumers", changesJson(diff.consumers)},
+          {"totals", changesJson(diff.totals)},
+          {"vmCounters", counters}};
 }
 
 struct MemoryArguments {

@@ -72,11 +72,26 @@ std::vector<MemoryChange> accountChanges(const MemoryReport& older, const Memory
   return changes.largestFirst();
 }
 
+/// Those that both reports have.
+std::vector<CounterChange> counterChanges(const MemoryReport& older, const MemoryReport& newer) {
+  std::vector<CounterChange> changes;
+  for (const auto& [name, value] : newer.counters) {
+    const uint64_t before = older.counter(name).value_or(value);
+    if (before != value) changes.push_back({name, before, value});
+  }
+  return changes;
+}
+
 }  // namespace
 
 MemoryDiff diffOf(const MemoryReport& older, const MemoryReport& newer) {
-  return {accountChanges(older, newer), processChanges(older, newer), changesOf(older.zones, newer.zones),
-          changesOf(older.consumers, newer.consumers)};
+  return {.account = accountChanges(older, newer),
+          .processes = processChanges(older, newer),
+          .zones = changesOf(older.zones, newer.zones),
+          .uses = changesOf(older.uses, newer.uses),
+          .consumers = changesOf(older.consumers, newer.consumers),
+          .totals = changesOf(older.totals, newer.totals),
+          .counters = counterChanges(older, newer)};
 }
 
 }  // namespace quorvelctl

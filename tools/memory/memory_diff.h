@@ -21,6 +21,15 @@ struct MemoryChange {
   bool operator==(const MemoryChange&) const = default;
 };
 
+/// A VM counter in two reports: pages or events, as countsPages says.
+struct CounterChange {
+  std::string name;
+  uint64_t oldValue = 0;
+  uint64_t newValue = 0;
+
+  int64_t change() const { return static_cast<int64_t>(newValue - oldValue); }
+};
+
 /// What differs between two reports: only that, largest change first.
 ///
 /// A report names processes and numbers none, so those of one name are taken together.
@@ -28,7 +37,10 @@ struct MemoryDiff {
   std::vector<MemoryChange> account;  ///< of MemoryAccount, what it leaves unaccounted for included
   std::vector<MemoryChange> processes;
   std::vector<MemoryChange> zones;
+  std::vector<MemoryChange> uses;
   std::vector<MemoryChange> consumers;
+  std::vector<MemoryChange> totals;
+  std::vector<CounterChange> counters;  ///< in the order of a report
 };
 
 MemoryDiff diffOf(const MemoryReport& older, const MemoryReport& newer);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <tuple>
@@ -15,6 +16,29 @@ namespace {
 constexpr int kMaxDepth = 8;  // a report nests four deep
 constexpr uint64_t kMaxPageSizeBytes = uint64_t{1} << 20;
 constexpr std::string_view kCounterPrefix = "VM_KERN_COUNT_";
+/// Figures that are read one after the other don't differ by more than this part.
+constexpr uint64_t kOffPart = 100;
+
+constexpr const char* kZram = "compressed swap (zram)";
+constexpr const char* kTcpBuffers = "buffers of TCP sockets";
+constexpr const char* kCpuLists = "free, in lists of each CPU";
+constexpr const char* kBalloon = "given back to the hypervisor (balloon)";
+constexpr const char* kSwapped = "swapped out";
+
+/// Entries of wired memory that aren't the kernel's own, and what they mean.
+constexpr std::array<std::pair<std::string_view, const char*>, 7> kUses = {{
+    {"VM_KERN_MEMORY_100", kSharedMemory},
+    {"VM_KERN_MEMORY_101", kHugePages},
+    {"VM_KERN_MEMORY_102", kZram},
+    {"VM_KERN_MEMORY_103", kTcpBuffers},
+    {"VM_KERN_MEMORY_104", kCpuLists},
+    {"VM_KERN_MEMORY_105", kBalloon},
+    {"VM_KERN_MEMORY_MLOCK", "locked (mlock), in other figures too"},
+}};
+constexpr std::string_view kSwappedCounter = "VM_KERN_COUNT_100";
+
+/// What the kernel's counts for each CPU may lag behind.
+constexpr uint64_t kSmallestExcessBytes = uint64_t{8} << 20;
 
 struct VmCounter {
   const char* name;
@@ -148,9 +172,18 @@ void readWired(const Json& entries, MemoryReport& report) {
   for (const Json& entry : entries) {
     if (!entry.is_object() || entry.size() != 1) throw Broken("an entry of its wired memory is broken");
     const std::string& name = entry.begin().key();
-    (name.starts_with(kCounterPrefix) ? report.totals : report.consumers)
-        .push_back({name, pages.bytes(entry.begin().value())});
+    const uint64_t bytes = pages.bytes(entry.begin().value());
+    const auto use =
+        std::find_if(kUses.begin(), kUses.end(), [&](const auto& known) { return known.first == name; });
+    if (use != kUses.end()) {
+      report.uses.push_back({use->second, bytes});
+    } else if (name.starts_with(kCounterPrefix)) {
+      report.totals.push_back({name == kSwappedCounter ? kSwapped : name, bytes});
+    } else {
+      report.consumers.push_back({name, bytes});
+    }
   }
+  sortBySize(report.uses);
   sortBySize(report.consumers);
   sortBySize(report.totals);
 }
@@ -240,14 +273,27 @@ std::optional<MemoryAccount> accountOf(const MemoryReport& report) {
     return report.counter(name).value_or(0) * report.pageSizeBytes;
   };
   const auto wired = [&](const char* name) { return bytesNamed(report.consumers, name).value_or(0); };
+  const auto use = [&](const char* name) {
+    return NamedBytes{name, bytesNamed(report.uses, name).value_or(0)};
+  };
   if (!total || !report.counter("free_count")) return std::nullopt;
   MemoryAccount account{*total, {}, 0};
   // Kernel stacks, modules and call sites are parts of the kernel's mappings and aren't counted twice.
+  const uint64_t internal = counted("internal_page_count");
+  const uint64_t shared = bytesNamed(report.uses, kSharedMemory).value_or(0);
+  const bool told = shared != 0 && shared <= internal;
   account.parts = {
       {"free", counted("free_count")},
-      {"of processes, shared memory included", counted("internal_page_count")},
+      told ? NamedBytes{"of processes alone", internal - shared}
+           : NamedBytes{"of processes, shared memory included", internal},
+      {kSharedMemory, told ? shared : 0},
+      use(kHugePages),
+      use(kZram),
+      use(kTcpBuffers),
+      use(kCpuLists),
+      use(kBalloon),
       {"file cache", counted("external_page_count")},
-      {"compressed swap", counted("compressor_page_count")},
+      {"compressed swap (zswap)", counted("compressor_page_count")},
       {"kernel zones", wired("VM_KERN_MEMORY_ZONE")},
       {"kernel mappings: stacks, modules, call sites",
        bytesNamed(report.totals, "VM_KERN_COUNT_MAP_KERNEL").value_or(0)},
@@ -257,6 +303,28 @@ std::optional<MemoryAccount> accountOf(const MemoryReport& report) {
   sortBySize(account.parts);
   account.unaccountedBytes = static_cast<int64_t>(*total) - static_cast<int64_t>(sumOf(account.parts));
   return account;
+}
+
+bool MemoryAccount::isOff() const {
+  return static_cast<uint64_t>(std::abs(unaccountedBytes)) > totalBytes / kOffPart;
+}
+
+std::optional<uint64_t> processesBytes(const MemoryReport& report) {
+  const auto shared = bytesNamed(report.uses, kSharedMemory);
+  const auto internal = report.counter("internal_page_count");
+  if (!shared || !internal) return std::nullopt;
+  const uint64_t internalBytes = *internal * report.pageSizeBytes;
+  return internalBytes - std::min(internalBytes, *shared) + bytesNamed(report.uses, kHugePages).value_or(0) +
+         bytesNamed(report.totals, kSwapped).value_or(0);
+}
+
+bool hasUpperBounds(const MemoryReport& report) {
+  const auto available = processesBytes(report);
+  if (!available) return false;
+  uint64_t claimed = 0;
+  for (const MemoryProcess& process : report.processes) claimed += process.footprintBytes;
+  // Shared memory that is swapped out is among `available`, and figures move while they are read.
+  return claimed > *available + *available / kOffPart + kSmallestExcessBytes;
 }
 
 }  // namespace quorvelctl

@@ -41,12 +41,17 @@ struct MemoryReport {
   std::vector<std::pair<std::string, uint64_t>> counters;  ///< VM counters, in pages or events
   std::vector<MemoryProcess> processes;                    ///< this and the lists below: largest first
   std::vector<NamedBytes> zones;
+  std::vector<NamedBytes> uses;       ///< what is neither a process's own nor the kernel's, by its use
   std::vector<NamedBytes> consumers;  ///< of wired memory: tags, extensions and call sites
   std::vector<NamedBytes> totals;     ///< the kernel's counters, each over many consumers
 
   /// The VM counter, or nothing.
   std::optional<uint64_t> counter(std::string_view name) const;
 };
+
+/// The names of `uses` that others than tables ask for.
+inline constexpr const char* kSharedMemory = "shared memory: tmpfs, memfd, SysV, shared mappings";
+inline constexpr const char* kHugePages = "huge pages (hugetlb)";
 
 /// Whether a VM counter counts pages, and not events.
 bool countsPages(std::string_view counter);
@@ -64,9 +69,19 @@ struct MemoryAccount {
   std::vector<NamedBytes> parts;  ///< largest first
   /// What no part explains; slightly negative when the figures moved while they were read.
   int64_t unaccountedBytes = 0;
+
+  /// Whether as much is unaccounted for, or counted more than once, as no moving figure explains.
+  bool isOff() const;
 };
 
 /// Nothing when the report lacks the VM counters or the kernel's total.
 std::optional<MemoryAccount> accountOf(const MemoryReport& report);
+
+/// What processes can have of their own, in memory and swapped out; nothing when the report doesn't tell.
+std::optional<uint64_t> processesBytes(const MemoryReport& report);
+
+/// Whether the footprints exceed together what processes can have, as pages that forks hold together do, and
+/// so each footprint of a program with several processes is an upper bound.
+bool hasUpperBounds(const MemoryReport& report);
 
 }  // namespace quorvelctl

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
+#include <string_view>
 #include <vector>
 
 #include "tools/base/table.h"
@@ -48,6 +50,37 @@ std::string headText(const MemoryReport& report) {
   return "memory report of " + timeText(report.timestamp) + "\n\n" + table(rows);
 }
 
+/// What is likely behind memory that nothing accounts for, where the report has a trace of it.
+std::string likelyText(const MemoryReport& report, uint64_t bytes) {
+  // A buffer of a socket has a head in such a zone, of at least this part of its size; a pipe's pages are
+  // noted in an object of this one, 16 of them at the most if nobody has asked for more.
+  constexpr uint64_t kHeadPart = 128;
+  constexpr uint64_t kPipePart = 64;
+  uint64_t socketHeads = 0;
+  uint64_t pipeNotes = 0;
+  for (const NamedBytes& zone : report.zones) {
+    if (zone.name.starts_with("skbuff_")) socketHeads += zone.bytes;
+    if (zone.name == "kmalloc-cg-1k") pipeNotes += zone.bytes;
+  }
+  std::string likely;
+  if (socketHeads > bytes / kHeadPart) {
+    likely += "buffers of sockets (" + sizeText(socketHeads) + " of zones skbuff_...), ";
+  }
+  if (pipeNotes > bytes / kPipePart) likely += "pipes (" + sizeText(pipeNotes) + " of zone kmalloc-cg-1k), ";
+  return "Likely behind it: " + likely + "pages that a driver took for itself.\n";
+}
+
+/// What a reader must know of an account that doesn't add up.
+std::string doubtText(const MemoryReport& report, const MemoryAccount& account) {
+  if (account.unaccountedBytes >= 0) {
+    return account.isOff() ? likelyText(report, static_cast<uint64_t>(account.unaccountedBytes)) : "";
+  }
+  const std::string excess = sizeText(static_cast<uint64_t>(-account.unaccountedBytes));
+  if (account.isOff())
+    return "The figures contradict each other: together they are " + excess + " more than that.\n";
+  return "They were read one after the other, and are " + excess + " more than that.\n";
+}
+
 std::string accountText(const MemoryReport& report) {
   const std::optional<MemoryAccount> account = accountOf(report);
   if (!account) return "";
@@ -57,10 +90,12 @@ std::string accountText(const MemoryReport& report) {
     rows.push_back({sizeText(part.bytes), percentText(static_cast<int64_t>(part.bytes), account->totalBytes),
                     part.name});
   }
-  rows.push_back({signedSize(account->unaccountedBytes, ""),
-                  percentText(account->unaccountedBytes, account->totalBytes), kUnaccounted});
+  const int64_t rest = std::max<int64_t>(account->unaccountedBytes, 0);
+  rows.push_back(
+      {sizeText(static_cast<uint64_t>(rest)), percentText(rest, account->totalBytes), kUnaccounted});
   return section("Where the memory is: " + sizeText(account->totalBytes) + " that the kernel hands out",
-                 rows);
+                 rows) +
+         doubtText(report, *account);
 }
 
 std::string countersText(const MemoryReport& report) {
@@ -79,7 +114,11 @@ std::string countersText(const MemoryReport& report) {
 }
 
 /// Dirtiness and assertions are worth a column only where a system knows them.
-Rows processRows(const std::vector<MemoryProcess>& processes, size_t maxRows) {
+Rows processRows(const MemoryReport& report, size_t maxRows) {
+  const std::vector<MemoryProcess>& processes = report.processes;
+  const bool bounds = hasUpperBounds(report);
+  std::map<std::string_view, int> counts;
+  for (const MemoryProcess& process : processes) ++counts[process.name];
   const bool tracked = std::any_of(processes.begin(), processes.end(),
                                    [](const MemoryProcess& process) { return process.dirty != "-"; });
   const bool asserted = std::any_of(processes.begin(), processes.end(),
@@ -90,7 +129,8 @@ Rows processRows(const std::vector<MemoryProcess>& processes, size_t maxRows) {
   rows.back().push_back("PROCESS");
   for (size_t i = 0; i < processes.size() && i < maxRows; ++i) {
     const MemoryProcess& process = processes[i];
-    rows.push_back({sizeText(process.footprintBytes), std::to_string(process.priority)});
+    const char* bound = bounds && counts[process.name] > 1 ? "<= " : "";
+    rows.push_back({bound + sizeText(process.footprintBytes), std::to_string(process.priority)});
     if (tracked) rows.back().push_back(printable(process.dirty));
     std::string names = process.assertions.empty() ? "-" : "";
     for (const std::string& name : process.assertions) names += (names.empty() ? "" : ",") + name;
@@ -100,15 +140,20 @@ Rows processRows(const std::vector<MemoryProcess>& processes, size_t maxRows) {
   return rows;
 }
 
-std::string processesText(const std::vector<MemoryProcess>& processes, size_t maxRows) {
+std::string processesText(const MemoryReport& report, size_t maxRows) {
+  const std::vector<MemoryProcess>& processes = report.processes;
   uint64_t sumBytes = 0;
   uint64_t restBytes = 0;
   for (size_t i = 0; i < processes.size(); ++i) {
     sumBytes += processes[i].footprintBytes;
     if (i >= maxRows) restBytes += processes[i].footprintBytes;
   }
-  return section("Processes: " + std::to_string(processes.size()) + ", together " + sizeText(sumBytes),
-                 processRows(processes, maxRows)) +
+  std::string title = "Processes: " + std::to_string(processes.size()) + ", together " + sizeText(sumBytes);
+  if (hasUpperBounds(report)) {
+    title += ", more than the " + sizeText(processesBytes(report).value_or(0)) +
+             " that they have: forks hold pages together (<=)";
+  }
+  return section(title, processRows(report, maxRows)) +
          restText(maxRows, processes.size(), sizeText(restBytes));
 }
 
@@ -152,11 +197,29 @@ std::string changesText(const char* title, const char* heading, const std::vecto
   return section(title, rows) + restText(rows.size() - 1, changes.size(), signedSize(rest, "+"));
 }
 
+std::string counterChangesText(const MemoryReport& newer, const std::vector<CounterChange>& changes) {
+  if (changes.empty()) return "\nVM counters: no change\n";
+  Rows rows{{"CHANGE", "OLD", "NEW", "COUNTER"}};
+  for (const CounterChange& change : changes) {
+    if (countsPages(change.name)) {
+      const auto bytes = static_cast<int64_t>(newer.pageSizeBytes);
+      rows.push_back({signedSize(change.change() * bytes, "+"),
+                      sizeText(change.oldValue * newer.pageSizeBytes),
+                      sizeText(change.newValue * newer.pageSizeBytes), printable(change.name)});
+    } else {
+      rows.push_back({(change.change() < 0 ? "" : "+") + std::to_string(change.change()),
+                      std::to_string(change.oldValue), std::to_string(change.newValue),
+                      printable(change.name)});
+    }
+  }
+  return section("VM counters", rows);
+}
+
 }  // namespace
 
 std::string memoryText(const MemoryReport& report, size_t maxRows) {
-  return headText(report) + accountText(report) + countersText(report) +
-         processesText(report.processes, maxRows) +
+  return headText(report) + accountText(report) + countersText(report) + processesText(report, maxRows) +
+         (report.uses.empty() ? "" : listText("Other uses of memory", "USE", report.uses, maxRows)) +
          listText("Kernel zones: " + std::to_string(report.zones.size()) + ", together " +
                       sizeText(sumOf(report.zones)),
                   "ZONE", report.zones, maxRows) +
@@ -171,7 +234,10 @@ std::string memoryDiffText(const MemoryReport& older, const MemoryReport& newer,
          (diff.account.empty() ? "" : changesText("Where the memory is", "WHAT", diff.account, maxRows)) +
          changesText("Processes, those of one name together", "PROCESS", diff.processes, maxRows) +
          changesText("Kernel zones", "ZONE", diff.zones, maxRows) +
-         changesText("Kernel consumers", "CONSUMER", diff.consumers, maxRows);
+         changesText("Other uses of memory", "USE", diff.uses, maxRows) +
+         changesText("Kernel consumers", "CONSUMER", diff.consumers, maxRows) +
+         changesText("Kernel totals", "TOTAL", diff.totals, maxRows) +
+         counterChangesText(newer, diff.counters);
 }
 
 }  // namespace quorvelctl

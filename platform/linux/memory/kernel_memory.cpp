@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -34,7 +35,7 @@ constexpr uint64_t kWired = 0x100;
 enum SiteKind : uint64_t { kTag = 0, kExtension = 1, kKernelSite = 2, kCounter = 3 };
 
 /// Tags of wired memory and the lines of /proc/meminfo that hold what they stand for.
-constexpr std::array<std::pair<uint64_t, const char*>, 7> kTagLines = {{
+constexpr std::array<std::pair<uint64_t, const char*>, 10> kTagLines = {{
     {8, "KernelStack"},
     {9, "Percpu"},
     {10, "SecPageTables"},
@@ -42,9 +43,14 @@ constexpr std::array<std::pair<uint64_t, const char*>, 7> kTagLines = {{
     {12, "Slab"},
     {14, "Zswap"},
     {24, "Mlocked"},
+    {100, "Shmem"},
+    {101, "Hugetlb"},
+    {105, "Balloon"},
 }};
+/// Tags of what no one line holds. Those from 100 on have no name but in docs/memory-report.md.
+enum Tag : uint64_t { kLargeAllocations = 13, kZram = 102, kTcpBuffers = 103, kCpuLists = 104 };
 
-enum Counter : uint64_t { kManaged = 0, kReserved = 1, kLowPages = 5, kKernelMap = 6 };
+enum Counter : uint64_t { kManaged = 0, kReserved = 1, kLowPages = 5, kKernelMap = 6, kSwapped = 100 };
 
 memory_info_site wiredSite(SiteKind kind, uint64_t site, uint64_t sizeBytes) {
   memory_info_site info{};
@@ -67,6 +73,26 @@ void addZones(KernelMemoryInfo& info, const std::vector<SlabCache>& caches) {
   }
 }
 
+/// A file that a kernel may lack; then it is empty.
+std::string readIfThere(const std::string& path) {
+  std::error_code absent;
+  return readFile(path, kMaxFileBytes, absent).value_or("");
+}
+
+uint64_t zramBytes() {
+  uint64_t sum = 0;
+  std::error_code none;
+  for (const auto& device : std::filesystem::directory_iterator("/sys/block", none)) {
+    if (!device.path().filename().string().starts_with("zram")) continue;
+    sum += parseZramBytes(readIfThere(device.path().string() + "/mm_stat"));
+  }
+  return sum;
+}
+
+uint64_t remainder(uint64_t whole, uint64_t part) {
+  return whole > part ? whole - part : 0;
+}
+
 int32_t oomScoreAdjustment(int32_t pid) {
   std::error_code error;
   const auto text = readFile("/proc/" + std::to_string(pid) + "/oom_score_adj", kMaxFileBytes, error);
@@ -75,15 +101,26 @@ int32_t oomScoreAdjustment(int32_t pid) {
   return value;
 }
 
+/// All pages that processes can have of their own, in memory and swapped out.
+uint64_t pagesOfProcesses() {
+  const std::string memInfo = readIfThere("/proc/meminfo");
+  const auto lineBytes = [&](const char* line) { return memInfoBytes(memInfo, line).value_or(0); };
+  return (lineBytes("AnonPages") + lineBytes("Hugetlb") +
+          remainder(lineBytes("SwapTotal"), lineBytes("SwapFree"))) /
+         static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
 }  // namespace
 
 void LinuxKernelMemory::takeLook() {
   priorities_.clear();
   look_ = processTables_.records();
   cursor_ = 0;
+  std::vector<SharingProcess> processes;
   MemoryCgroups cgroups;
   for (const ProcessRecord& record : *look_) {
     const process_sample& sample = record.sample;
+    processes.push_back({sample.pid, sample.program, sample.footprint_pages, sample.resident_pages});
     // Kernel threads and zombies have no memory of their own.
     if (sample.resident_pages == 0 && sample.footprint_pages == 0) continue;
     const bool scored = sample.flags & kSampleHasScore;
@@ -93,6 +130,7 @@ void LinuxKernelMemory::takeLook() {
                            .limit = cgroups.limitMiB(sample.pid, sample.cgroups),
                            .state = 0});
   }
+  shares_ = forkShares_.read(std::move(processes), pagesOfProcesses());
 }
 
 int LinuxKernelMemory::priorityList(priority_list_entry* entries, size_t sizeBytes) {
@@ -118,7 +156,9 @@ bool LinuxKernelMemory::ledger(int32_t pid, platform::ledger_entry_info* entries
   const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   std::fill_n(entries, count, platform::ledger_entry_info{});
   entries[kResidentIndex].balance = static_cast<int64_t>(record->sample.resident_pages * pageSize);
-  entries[kFootprintIndex].balance = static_cast<int64_t>(record->sample.footprint_pages * pageSize);
+  const auto share = shares_.find(pid);
+  const uint64_t pages = share == shares_.end() ? record->sample.footprint_pages : share->second;
+  entries[kFootprintIndex].balance = static_cast<int64_t>(pages * pageSize);
   return true;
 }
 
@@ -153,13 +193,20 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
 
   KernelMemoryInfo info;
   addZones(info, *caches);
+  const auto lineBytes = [&](const char* line) { return memInfoBytes(*memInfo, line).value_or(0); };
   for (const auto& [tag, line] : kTagLines) {
-    info.sites.push_back(wiredSite(kTag, tag, memInfoBytes(*memInfo, line).value_or(0)));
+    info.sites.push_back(wiredSite(kTag, tag, lineBytes(line)));
   }
-  std::error_code noModules;  // a kernel without loadable modules has no such file
+  const ZonePages zones = parseZoneInfo(*zoneInfo);
+  uint64_t cacheBytes = 0;
+  for (const SlabCache& cache : *caches) cacheBytes += cache.sizeBytes;
+  info.sites.push_back(wiredSite(kTag, kLargeAllocations, remainder(lineBytes("Slab"), cacheBytes)));
+  info.sites.push_back(wiredSite(kTag, kZram, zramBytes()));
+  info.sites.push_back(
+      wiredSite(kTag, kTcpBuffers, parseTcpPages(readIfThere("/proc/net/sockstat")) * pageSize));
+  info.sites.push_back(wiredSite(kTag, kCpuLists, zones.cpuLists * pageSize));
   extensions_.clear();
-  for (const NamedSize& module :
-       parseModules(readFile("/proc/modules", kMaxFileBytes, noModules).value_or(""))) {
+  for (const NamedSize& module : parseModules(readIfThere("/proc/modules"))) {
     const uint64_t loadTag = extensions_.size() + 1;
     extensions_.emplace(loadTag, module.name);
     info.sites.push_back(wiredSite(kExtension, loadTag, module.sizeBytes));
@@ -169,13 +216,14 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
     info.sites.push_back(wiredSite(kKernelSite, callers_.size(), caller.sizeBytes));
     callers_.push_back(caller.name);
   }
-  const ZonePages zones = parseZoneInfo(*zoneInfo);
   const uint64_t presentBytes = zones.present * pageSize;
-  const uint64_t managedBytes = memInfoBytes(*memInfo, "MemTotal").value_or(0);
+  const uint64_t managedBytes = lineBytes("MemTotal");
   info.sites.push_back(wiredSite(kCounter, kManaged, managedBytes));
-  info.sites.push_back(wiredSite(kCounter, kReserved, presentBytes - std::min(presentBytes, managedBytes)));
+  info.sites.push_back(wiredSite(kCounter, kReserved, remainder(presentBytes, managedBytes)));
   info.sites.push_back(wiredSite(kCounter, kLowPages, zones.dma * pageSize));
-  info.sites.push_back(wiredSite(kCounter, kKernelMap, memInfoBytes(*memInfo, "VmallocUsed").value_or(0)));
+  info.sites.push_back(wiredSite(kCounter, kKernelMap, lineBytes("VmallocUsed")));
+  info.sites.push_back(
+      wiredSite(kCounter, kSwapped, remainder(lineBytes("SwapTotal"), lineBytes("SwapFree"))));
   return info;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/kernel_memory.h"
+#include "platform/linux/memory/fork_shares.h"
 #include "platform/linux/processes/process_table.h"
 
 namespace quorveld::linux_platform {
@@ -35,6 +36,8 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   LinuxProcessTables& processTables_;
   std::shared_ptr<const ProcessRecords> look_;
   size_t cursor_ = 0;  ///< where in `look_` a ledger was last found
+  ForkShares forkShares_;
+  std::map<int32_t, uint64_t> shares_;  ///< pages, of those processes of `look_` whose share was read
   std::vector<platform::priority_list_entry> priorities_;
 
   // Of the last memoryInfo: the kernel hides addresses, so sites are numbered in the order of their size.

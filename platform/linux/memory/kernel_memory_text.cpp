@@ -134,9 +134,29 @@ ZonePages parseZoneInfo(std::string_view text) {
       addTo(total.present, takeNumber(words).value_or(0));
     } else if (first == "managed" && isDma) {
       addTo(total.dma, takeNumber(words).value_or(0));
+    } else if (first == "count:") {
+      addTo(total.cpuLists, takeNumber(words).value_or(0));
     }
   }
   return total;
+}
+
+uint64_t parseTcpPages(std::string_view text) {
+  while (!text.empty()) {
+    std::string_view line = take(text, '\n');
+    if (takeWord(line) != "TCP:") continue;
+    for (std::string_view word = takeWord(line); !word.empty(); word = takeWord(line)) {
+      if (word == "mem") return takeNumber(line).value_or(0);
+    }
+  }
+  return 0;
+}
+
+uint64_t parseZramBytes(std::string_view text) {
+  std::string_view line = take(text, '\n');
+  takeWord(line);  // the data's size, and what it is compressed to
+  takeWord(line);
+  return takeNumber(line).value_or(0);
 }
 
 std::optional<CgroupPath> parseMemoryCgroup(std::string_view text) {

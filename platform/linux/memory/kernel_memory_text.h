@@ -39,9 +39,16 @@ std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSize
 /// /proc/zoneinfo, in pages, over all nodes.
 struct ZonePages {
   uint64_t present = 0;
-  uint64_t dma = 0;  ///< managed, in the zones for devices that can't reach all memory
+  uint64_t dma = 0;       ///< managed, in the zones for devices that can't reach all memory
+  uint64_t cpuLists = 0;  ///< free, but kept in lists for each CPU and not counted as free
 };
 ZonePages parseZoneInfo(std::string_view text);
+
+/// /proc/net/sockstat: pages of memory that TCP's buffers take, in all network namespaces.
+uint64_t parseTcpPages(std::string_view text);
+
+/// mm_stat of a zram device: all memory that it takes (Documentation/admin-guide/blockdev/zram.rst).
+uint64_t parseZramBytes(std::string_view text);
 
 /// The path of the memory control group in /proc/PID/cgroup (cgroups(7)): of version 2, or version 1's memory
 /// controller.

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <numeric>
+#include <tuple>
 
 namespace quorveld::linux_platform {
 
@@ -34,15 +35,44 @@ void addPart(process_sample& whole, const process_sample& part) {
     whole.cgroups = part.cgroups;
     std::memcpy(whole.comm, part.comm, sizeof(whole.comm));
   }
+  if (!(whole.flags & kSampleHasMemory)) {
+    constexpr std::array kMemory = {&process_sample::resident_pages, &process_sample::footprint_pages,
+                                    &process_sample::locked_pages, &process_sample::memory,
+                                    &process_sample::program};
+    for (auto figure : kMemory) whole.*figure = part.*figure;
+  }
   whole.flags |= part.flags;
   constexpr std::array kSums = {
-      &process_sample::start_ns,       &process_sample::runtime_ns,      &process_sample::utime_ns,
-      &process_sample::stime_ns,       &process_sample::prev_utime_ns,   &process_sample::prev_stime_ns,
-      &process_sample::child_utime_ns, &process_sample::child_stime_ns,  &process_sample::child_major_faults,
-      &process_sample::major_faults,   &process_sample::read_bytes,      &process_sample::write_bytes,
-      &process_sample::resident_pages, &process_sample::footprint_pages, &process_sample::locked_pages};
+      &process_sample::start_ns,       &process_sample::runtime_ns,     &process_sample::utime_ns,
+      &process_sample::stime_ns,       &process_sample::prev_utime_ns,  &process_sample::prev_stime_ns,
+      &process_sample::child_utime_ns, &process_sample::child_stime_ns, &process_sample::child_major_faults,
+      &process_sample::major_faults,   &process_sample::read_bytes,     &process_sample::write_bytes};
   for (auto sum : kSums) whole.*sum += part.*sum;
   for (int i = 0; i < kQosClassCount; ++i) whole.class_runtime_ns[i] += part.class_runtime_ns[i];
+}
+
+/// Leaves the footprint of processes that run in one memory (clone(2) with CLONE_VM, vfork(2)) to the oldest
+/// of them: ending another gives nothing back.
+void countMemoryOnce(ProcessRecords& records) {
+  struct Owner {
+    uint64_t memory;
+    int64_t startNs;
+    ProcessRecord* record;
+  };
+  std::vector<Owner> owners;
+  owners.reserve(records.size());
+  for (ProcessRecord& record : records) {
+    const process_sample& sample = record.sample;
+    if (sample.memory == 0) continue;
+    owners.push_back({sample.memory, static_cast<int64_t>(sample.start_ns), &record});
+  }
+  std::sort(owners.begin(), owners.end(), [](const Owner& left, const Owner& right) {
+    return std::tie(left.memory, left.startNs, left.record->sample.pid) <
+           std::tie(right.memory, right.startNs, right.record->sample.pid);
+  });
+  for (size_t i = 1; i < owners.size(); ++i) {
+    if (owners[i].memory == owners[i - 1].memory) owners[i].record->sample.footprint_pages = 0;
+  }
 }
 
 void keepFromFalling(process_sample& now, const process_sample& before) {
@@ -141,6 +171,7 @@ ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessR
     setAdjustedTimes(record);
     addSpentByClass(record, known ? &*old : nullptr);
   }
+  countMemoryOnce(records);
   return records;
 }
 

@@ -13,12 +13,14 @@ enum {
   kSampleHasLeader = 1,       // the fields that the main thread gives are filled
   kSampleClassesUnknown = 2,  // class_runtime_ns was not read, because the process has spent no CPU since
   kSampleHasScore = 4,        // oom_score_adj was read
+  kSampleHasMemory = 8,       // the fields of memory are filled
 };
 
 /// What one pass read of one process, raw: figures of the whole process, and sums over its threads.
 ///
 /// A pass may leave several samples for a pid, each with the sums over some of its threads; exactly one of
-/// them then has kSampleHasLeader, unless the process was going away.
+/// them then has kSampleHasLeader, unless the process was going away. The memory is that of any of its
+/// threads, since a main thread that has ended has none, and stands in one sample or more.
 struct process_sample {
   int32_t pid;
   uint8_t flags;
@@ -45,8 +47,13 @@ struct process_sample {
   uint64_t write_bytes;
 
   uint64_t resident_pages;
-  uint64_t footprint_pages;  // anonymous resident and swapped
+  uint64_t footprint_pages;  // anonymous resident, swapped, and huge pages
   uint64_t locked_pages;
+  /// The same number in two samples of one pass: both processes run in the same memory; 0: unknown.
+  uint64_t memory;
+  /// The same number in two samples of one pass: both run the same program, and by BPF only when neither has
+  /// started it since they were one process; 0: unknown.
+  uint64_t program;
 
   uint64_t class_runtime_ns[kQosClassCount];  // of the live threads, by the class that each holds now
 };

@@ -90,9 +90,11 @@ ProcfsStatus parseStatus(std::string_view text) {
   ProcfsStatus status{};
   forEachLine(text, [&](std::string_view key, std::string_view value) {
     if (key == "VmRSS") status.residentKb = leadingNumber(value);
+    if (key == "VmRSS") status.hasMemory = true;
     if (key == "RssAnon") status.anonymousKb = leadingNumber(value);
     if (key == "VmSwap") status.swappedKb = leadingNumber(value);
     if (key == "VmLck") status.lockedKb = leadingNumber(value);
+    if (key == "HugetlbPages") status.hugeKb = leadingNumber(value);
   });
   return status;
 }

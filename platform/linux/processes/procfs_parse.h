@@ -45,6 +45,8 @@ struct ProcfsStatus {
   uint64_t anonymousKb;
   uint64_t swappedKb;
   uint64_t lockedKb;
+  uint64_t hugeKb;
+  bool hasMemory;  ///< false of a kernel thread, and of a thread that has ended
 };
 ProcfsStatus parseStatus(std::string_view text);
 

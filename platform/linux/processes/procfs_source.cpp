@@ -1,10 +1,15 @@
+#include <linux/kcmp.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "platform/linux/base/linux_log.h"
@@ -18,6 +23,11 @@ namespace {
 
 /// "4194304/task/4194304/stat", the longest path below /proc that is read, and its NUL.
 constexpr size_t kPathBytes = 40;
+
+/// Whether both processes run in one memory; false, too, where the kernel doesn't tell.
+bool inOneMemory(const process_sample& one, const process_sample& other) {
+  return syscall(SYS_kcmp, one.pid, other.pid, KCMP_VM, 0, 0) == 0;
+}
 
 /// Reads stat, status and io of each process; of the threads only where there are several and CPU was spent,
 /// since nothing else depends on them.
@@ -34,6 +44,7 @@ class ProcfsSource final : public ProcessSource {
       sample.pid = pid;
       if (readProcess(sample, before, cursor)) samples_.push_back(sample);
     });
+    findSharedMemory();
     return samples_;
   }
 
@@ -59,7 +70,7 @@ class ProcfsSource final : public ProcessSource {
     } else {
       readThreads(sample);
     }
-    return (stat->isKernelThread() || readMemory(sample)) && readIo(sample);
+    return (stat->isKernelThread() || readMemory(sample, stat->threadCount)) && readIo(sample);
   }
 
   void setFromStat(process_sample& sample, const ProcfsStat& stat) const {
@@ -120,14 +131,64 @@ class ProcfsSource final : public ProcessSource {
     return !threads.read(file).empty();
   }
 
-  bool readMemory(process_sample& sample) {
+  bool readMemory(process_sample& sample, uint64_t threadCount) {
     const std::string_view text = readFileOf(sample.pid, "status");
     if (text.empty()) return false;
-    const ProcfsStatus status = parseStatus(text);
+    ProcfsStatus status = parseStatus(text);
+    if (!status.hasMemory && threadCount > 1) status = statusOfLiveThread(sample.pid);
+    if (!status.hasMemory) return true;
+    sample.flags |= kSampleHasMemory;
     sample.resident_pages = status.residentKb / pageKb_;
-    sample.footprint_pages = (status.anonymousKb + status.swappedKb) / pageKb_;
+    sample.footprint_pages = (status.anonymousKb + status.swappedKb + status.hugeKb) / pageKb_;
     sample.locked_pages = status.lockedKb / pageKb_;
+    sample.program = programOf(sample.pid);
     return true;
+  }
+
+  /// Of a process whose main thread has ended: that one's has no memory in it.
+  ProcfsStatus statusOfLiveThread(int32_t pid) {
+    ProcfsStatus status{};
+    char path[kPathBytes];
+    std::snprintf(path, sizeof(path), "/proc/%d/task", pid);
+    ProcfsReader threads(path);
+    if (!threads) return status;
+    threads.forEachNumber([&](int32_t tid) {
+      if (status.hasMemory) return;
+      char file[kPathBytes];
+      std::snprintf(file, sizeof(file), "%d/status", tid);
+      status = parseStatus(threads.read(file));
+    });
+    return status;
+  }
+
+  static uint64_t programOf(int32_t pid) {
+    char path[kPathBytes];
+    std::snprintf(path, sizeof(path), "/proc/%d/exe", pid);
+    std::array<char, 4096> program;
+    const ssize_t length = readlink(path, program.data(), program.size());
+    if (length <= 0) return 0;
+    return std::hash<std::string_view>{}({program.data(), static_cast<size_t>(length)}) | 1;
+  }
+
+  /// The kernel tells this of two processes alone: asked are those of one program that look alike.
+  void findSharedMemory() {
+    const auto look = [](const process_sample& sample) {
+      return std::tie(sample.program, sample.resident_pages, sample.footprint_pages);
+    };
+    std::vector<process_sample*> alike;
+    for (process_sample& sample : samples_) {
+      if (sample.program != 0 && sample.footprint_pages != 0) alike.push_back(&sample);
+    }
+    std::sort(alike.begin(), alike.end(), [&](const process_sample* left, const process_sample* right) {
+      return look(*left) < look(*right);
+    });
+    for (size_t i = 1; i < alike.size(); ++i) {
+      process_sample& sample = *alike[i];
+      process_sample& last = *alike[i - 1];
+      if (look(sample) != look(last) || !inOneMemory(sample, last)) continue;
+      if (last.memory == 0) last.memory = static_cast<uint64_t>(last.pid);
+      sample.memory = last.memory;
+    }
   }
 
   /// I/O is told to those who might trace the process (ptrace(2)): to others it reads as 0.

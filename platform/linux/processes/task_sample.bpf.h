@@ -40,6 +40,10 @@ struct percpu_counter {
 struct mm_struct {
   unsigned long locked_vm;
   struct percpu_counter rss_stat[4];
+  struct file* exe_file;
+  struct {
+    long counter;
+  } hugetlb_usage;
 };
 // Before 6.2. Types that the running kernel lacks are never asked for by name, since libbpf would then look
 // for them in modules, which takes CAP_SYS_ADMIN: only fields of types that all kernels have.
@@ -205,15 +209,24 @@ static __always_inline void add_memory(struct process_sample* sample, struct mm_
   }
   sample->resident_pages =
       positive(pages[kFilePages]) + positive(pages[kAnonymousPages]) + positive(pages[kSharedPages]);
-  sample->footprint_pages = positive(pages[kAnonymousPages]) + positive(pages[kSwapEntries]);
+  __s64 huge_pages = 0;
+  if (bpf_core_field_exists(mm->hugetlb_usage)) {
+    bpf_probe_read_kernel(&huge_pages, sizeof(huge_pages), &mm->hugetlb_usage);
+  }
+  sample->footprint_pages =
+      positive(pages[kAnonymousPages]) + positive(pages[kSwapEntries]) + positive(huge_pages);
   sample->locked_pages = mm->locked_vm;
+  sample->memory = address_of(mm);
+  // A fork takes the open program file over; who starts a program opens it anew.
+  sample->program = address_of(mm->exe_file);
+  sample->flags |= kSampleHasMemory;
 }
 
 // What is the process's own. Comes before its threads: one that ends in between is then missing for once,
 // where the other order would count it twice.
 static __always_inline void add_process(struct process_sample* sample, struct task_struct* leader) {
   struct signal_struct* process = leader->signal;
-  sample->flags = kSampleHasLeader | kSampleHasScore;
+  sample->flags |= kSampleHasLeader | kSampleHasScore;
   sample->leader_class = class_of(leader->policy, leader->static_prio, leader->flags);
   bpf_probe_read_kernel(sample->comm, sizeof(sample->comm), &leader->comm);
   sample->comm[kSampleCommBytes - 1] = 0;
@@ -236,8 +249,6 @@ static __always_inline void add_process(struct process_sample* sample, struct ta
     sample->read_bytes += process->ioac.read_bytes;
     sample->write_bytes += process->ioac.write_bytes;
   }
-  struct mm_struct* mm = leader->mm;
-  if (mm && !(leader->flags & kKernelThread)) add_memory(sample, mm);
 }
 
 static __always_inline void add_thread(struct process_sample* sample, struct task_struct* task) {
@@ -283,4 +294,7 @@ static __always_inline void add_task(struct task_struct* task) {
   if (!sample) return;
   if (task->pid == task->tgid) add_process(sample, task);
   add_thread(sample, task);
+  if (sample->flags & kSampleHasMemory || task->flags & kKernelThread) return;
+  struct mm_struct* mm = task->mm;  // a thread that has ended has none, though it be the main one
+  if (mm) add_memory(sample, mm);
 }

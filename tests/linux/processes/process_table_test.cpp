@@ -10,9 +10,12 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -104,7 +107,7 @@ class ProcessTable : public testing::TestWithParam<Way> {
     EXPECT_NEAR(sumOfClasses(usage), usage.user_time + usage.system_time, 8);  // 7 roundings
     const ProcfsStatus status = parseStatus(read(pid, "status"));
     EXPECT_EQ(usage.resident_size, status.residentKb * 1024);
-    EXPECT_EQ(usage.phys_footprint, (status.anonymousKb + status.swappedKb) * 1024);
+    EXPECT_EQ(usage.phys_footprint, (status.anonymousKb + status.swappedKb + status.hugeKb) * 1024);
     EXPECT_EQ(usage.wired_size, status.lockedKb * 1024);
     const ProcfsIo io = parseIo(read(pid, "io"));
     EXPECT_EQ(usage.diskio_bytesread, io.readBytes);
@@ -195,6 +198,48 @@ TEST_P(ProcessTable, AgreesWithProcOnBusyThreadedShortLivedAndDiskBoundProcesses
     EXPECT_EQ(usage[2].resident_size, 0u);
     EXPECT_NEAR(usage[2].cpu_time_qos_default, usage[2].user_time + usage[2].system_time, 2);
   }
+}
+
+constexpr size_t kHeldBytes = size_t{24} << 20;
+
+void holdMemory() {
+  void* memory = mmap(nullptr, kHeldBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory != MAP_FAILED) std::memset(memory, 1, kHeldBytes);
+}
+
+[[noreturn]] int sleepForever(void*) {
+  for (;;) syscall(SYS_pause);
+}
+
+TEST_P(ProcessTable, MemoryIsFoundWithoutAMainThreadAndCountedOnceWhereProcessesShareIt) {
+  const ChildProcess headless({[] {
+    holdMemory();
+    startSleepingThread(0);
+    syscall(SYS_exit, 0);  // this thread alone
+  }});
+  headless.begin();
+  auto* twin = static_cast<std::atomic<pid_t>*>(
+      mmap(nullptr, sizeof(std::atomic<pid_t>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(twin, MAP_FAILED);
+  const ChildProcess parent({[twin] {
+    holdMemory();
+    static std::array<char, 65536> stack;
+    *twin = clone(sleepForever, stack.data() + stack.size(), CLONE_VM | SIGCHLD, nullptr);
+  }});
+  parent.step();
+  const auto endedMainThread = [&] {
+    return read(headless.pid(), "status").find("State:\tZ") != std::string::npos;
+  };
+  for (int i = 0; i < 10'000 && !endedMainThread(); ++i) usleep(10'000);
+
+  const auto all = look();
+  EXPECT_TRUE(all.contains(headless.pid()) && all.contains(parent.pid()) && all.contains(*twin));
+  EXPECT_GE(all.at(headless.pid()).phys_footprint, kHeldBytes);
+  EXPECT_GE(all.at(headless.pid()).resident_size, kHeldBytes);
+  EXPECT_GE(all.at(parent.pid()).phys_footprint, kHeldBytes);
+  EXPECT_EQ(all.at(*twin).phys_footprint, 0u);
+  kill(*twin, SIGKILL);
+  munmap(twin, sizeof(*twin));
 }
 
 /// CPU time of the process's threads but the main one; by /proc/PID/task/TID/schedstat, which is in ns.

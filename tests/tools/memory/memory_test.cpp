@@ -60,6 +60,44 @@ TEST(MemoryReportFile, IsToldLargestFirstAndCutShort) {
       << text;
 }
 
+/// The golden report of a machine of `managedPages` whose "Wired" has `entries` too.
+std::string withWired(int managedPages, const std::string& entries) {
+  return changed("{ \"\" : 1 }",
+                 "{ \"VM_KERN_COUNT_MANAGED\" : " + std::to_string(managedPages) + " },\n" + entries);
+}
+
+TEST(MemoryReportFile, UsesAreNamedAndTheAccountIsDoubtedWhereItIsOff) {
+  const std::string uses =
+      R"({ "VM_KERN_MEMORY_100" : 4 }, { "VM_KERN_MEMORY_102" : 5 }, { "VM_KERN_MEMORY_104" : 6 }, { "VM_KERN_MEMORY_MLOCK" : 9 },
+{ "VM_KERN_COUNT_100" : 3 })";
+  const MemoryReport closed = parsed(withWired(29, uses));
+  const std::string text = quorvelctl::memoryText(closed, 9);
+  for (const char* line :
+       {"16 KB  13.8 %  shared memory: tmpfs, memfd, SysV, shared mappings\n",
+        "20 KB  17.2 %  compressed swap (zram)\n", "24 KB  20.7 %  free, in lists of each CPU\n",
+        "12 KB  10.3 %  of processes alone\n", "0 B    0.0 %   unaccounted for\n\n",
+        "36 KB  locked (mlock), in other figures too\n", "12 KB   swapped out\n",
+        // the sum of footprints is beyond what the machine has
+        "together 8.00 GB, more than the 24 KB that they have: forks hold pages together (<=)",
+        "\n<= 0 B     0         -      -                               No_Name\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+  }
+  EXPECT_EQ(text.find("<= 8.00 GB"), std::string::npos) << "only one runs that program";
+  EXPECT_EQ(text.find("VM_KERN_MEMORY_100"), std::string::npos);
+
+  const auto doubt = [&](int managedPages, const std::string& from, const std::string& to) {
+    std::string report = withWired(managedPages, uses);
+    report.replace(report.find(from), from.size(), to);
+    return quorvelctl::memoryText(parsed(report), 9);
+  };
+  EXPECT_NE(doubt(20, "kmalloc-8", "kmalloc-8")
+                .find("The figures contradict each other: together they are 36 KB more than that.\n"),
+            std::string::npos);
+  EXPECT_NE(doubt(40, "kmalloc-8", "kmalloc-cg-1k")
+                .find("Likely behind it: pipes (8 KB of zone kmalloc-cg-1k), pages that a driver"),
+            std::string::npos);
+}
+
 TEST(MemoryReportFile, WithoutVmCountersSaysSo) {
   const std::string whole = golden();
   const size_t begin = whole.find("\"page_size\"");
@@ -116,7 +154,17 @@ TEST(MemoryDiff, TakesProcessesOfOneNameTogetherAndPutsTheLargestChangeFirst) {
             "-12 KB  12 KB  0 B    1 -> 0  init\n"
             "and 1 more, +8 KB (--all)\n\n"
             "Kernel zones: no change\n\n"
-            "Kernel consumers: no change\n");
+            "Other uses of memory: no change\n\n"
+            "Kernel consumers: no change\n\n"
+            "Kernel totals: no change\n\n"
+            "VM counters: no change\n");
+
+  const MemoryReport busier = parsed(
+      changed("\"free_count\" : 10,\"active_count\" : 20", "\"free_count\" : 8,\"active_count\" : 20"));
+  const std::string text = quorvelctl::memoryDiffText(older, busier, 2);
+  EXPECT_NE(text.find("\nCHANGE  OLD    NEW    COUNTER\n-8 KB   40 KB  32 KB  free_count\n"),
+            std::string::npos)
+      << text;
 }
 
 }  // namespace
