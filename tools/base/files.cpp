@@ -85,4 +85,20 @@ std::error_code replaceFile(const std::string& path, std::string_view bytes, boo
   return {};
 }
 
+std::error_code appendSynced(const std::string& path, std::string_view bytes) {
+  const Descriptor file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
+  struct stat status {};
+  if (file.get() < 0 || fstat(file.get(), &status) != 0) return lastError();
+  if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::invalid_argument);
+  std::error_code error = writeAll(file.get(), bytes);
+  if (!error && fsync(file.get()) != 0) error = lastError();
+  // Half a line would spoil the next export's first one.
+  if (error && ftruncate(file.get(), status.st_size) != 0) return error;
+  if (error) return error;
+  const std::string folder = std::filesystem::path(path).parent_path();
+  const Descriptor directory(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() >= 0) fsync(directory.get());  // a file system that can't is left be
+  return {};
+}
+
 }  // namespace quorvelctl

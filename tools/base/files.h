@@ -21,4 +21,8 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
 /// it was. `synced`: they survive a power cut from then on.
 [[nodiscard]] std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced);
 
+/// Appends `bytes` to the file at `path`, mode 0600 where it is new; they survive a power cut from then on.
+/// On an error the file stays as it was, or as near to that as can be.
+[[nodiscard]] std::error_code appendSynced(const std::string& path, std::string_view bytes);
+
 }  // namespace quorvelctl

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <span>
@@ -10,6 +11,7 @@
 #include "tools/commands/commands.h"
 #include "tools/launches/activation.h"
 #include "tools/launches/activation_text.h"
+#include "tools/launches/launches_by_app.h"
 
 namespace quorvelctl {
 namespace {
@@ -20,6 +22,7 @@ constexpr size_t kMostShown = 1000000;
 struct ActivationArguments {
   size_t last = kDefaultShown;
   bool all = false;
+  std::string by;  ///< "app": each application's together; empty: each on its own
 };
 
 /// False when there is a log that can't be read, which has been told.
@@ -40,9 +43,23 @@ bool readLog(Context& context, const char* log, ActivationReader& reader) {
   return true;
 }
 
+void showByApp(Context& context, const ActivationReader& reader) {
+  constexpr double kReferenceDate = 978'307'200;  // 2001-01-01 00:00:00 UTC in Unix time
+  const auto apps =
+      launchesByApp(reader.activations(), static_cast<double>(std::time(nullptr)) - kReferenceDate);
+  if (context.json) {
+    std::fputs(jsonText(launchesByAppJson(apps)).c_str(), stdout);
+  } else if (apps.empty()) {
+    std::puts("no launch recorded yet that has come up");
+  } else {
+    std::fputs(launchesByAppText(apps).c_str(), stdout);
+  }
+}
+
 void showActivations(Context& context, const ActivationArguments& arguments) {
   ActivationReader reader;
   if (!readLog(context, kOlderActivationLog, reader) || !readLog(context, kActivationLog, reader)) return;
+  if (!arguments.by.empty()) return showByApp(context, reader);
   std::span<const Activation> shown(reader.activations());
   if (!arguments.all && shown.size() > arguments.last) shown = shown.last(arguments.last);
   if (context.json) {
@@ -69,7 +86,14 @@ void addActivationsCommand(CLI::App& app, Context& context) {
       "activations", "What launches and resumes cost, and whom: the last five, the newest at the end");
   CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
   last->check(CLI::Range(size_t{1}, kMostShown, "N"));
-  command->add_flag("--all", arguments->all, "All of them")->excludes(last);
+  CLI::Option* all = command->add_flag("--all", arguments->all, "All of them")->excludes(last);
+  command
+      ->add_option("--by", arguments->by,
+                   "app: how long each application's launches on record took, the slowest first")
+      ->check(CLI::IsMember({"app"}, CLI::ignore_case))
+      ->excludes(last)
+      ->excludes(all)
+      ->type_name("app");
   command->callback([arguments, &context] { showActivations(context, *arguments); });
 }
 

@@ -11,6 +11,8 @@ namespace quorvelctl {
 void addPrefsCommands(CLI::App& app, Context& context);
 void addNotifyCommand(CLI::App& app, Context& context);
 void addReportsCommands(CLI::App& app, Context& context);
+/// One of the reports' commands.
+void addExportCommand(CLI::App& reports, Context& context);
 void addMemoryCommands(CLI::App& app, Context& context);
 void addMetricsCommand(CLI::App& app, Context& context);
 void addLaunchCommand(CLI::App& app, Context& context);

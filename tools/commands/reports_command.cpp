@@ -1,6 +1,3 @@
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -9,6 +6,7 @@
 #include "tools/base/files.h"
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
+#include "tools/commands/spool.h"
 #include "tools/page/report_html.h"
 #include "tools/report/report.h"
 #include "tools/report/report_text.h"
@@ -17,34 +15,6 @@
 
 namespace quorvelctl {
 namespace {
-
-constexpr const char* kSpool = "/var/root/Library/Caches/quorveld/spool";
-constexpr const char* kSuffix = ".kelvane";
-constexpr const char* kNoReport =
-    "no report yet; with QuorvelEnabled and QuorvelEnableKelvane set the daemon files them";
-
-/// The spool's reports without their headers, oldest first. Nothing when it can't be read, which has been
-/// told.
-std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
-  std::vector<ReportEntry> entries;
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(context.path(kSpool), error), end; !error && file != end;
-       file.increment(error)) {
-    struct stat status {};
-    if (file->path().extension() != kSuffix || lstat(file->path().c_str(), &status) != 0) continue;
-    if (!S_ISREG(status.st_mode)) continue;
-    entries.push_back(
-        {file->path().filename(), status.st_mtim.tv_sec, static_cast<uint64_t>(status.st_size), {}, {}});
-  }
-  if (error && error != std::errc::no_such_file_or_directory) {  // it is made with the first report
-    context.fail("can't read the reports in " + context.path(kSpool) + ": " + error.message());
-    return std::nullopt;
-  }
-  std::sort(entries.begin(), entries.end(), [](const ReportEntry& a, const ReportEntry& b) {
-    return std::tie(a.writtenAt, a.fileName) < std::tie(b.writtenAt, b.fileName);
-  });
-  return entries;
-}
 
 void readHeader(const std::string& path, ReportEntry& entry) {
   std::error_code error;
@@ -218,6 +188,7 @@ void addReportsCommands(CLI::App& app, Context& context) {
     listReports(context);
   });
   addShow(*reports, context);
+  addExportCommand(*reports, context);
   addSymbolicate(*reports, context);
 }
 

@@ -124,6 +124,26 @@ TEST_F(Command, OutputThatIsCutOffIsAFailure) {
   }
 }
 
+TEST_F(Command, ReportsAreRemovedOnlyOnceTheirLinesAreOnTheDisk) {
+  const std::string spool = "/var/root/Library/Caches/quorveld/spool/";
+  write(spool + "a.kelvane", R"({"metadata":{"ServiceName":"MainThread","ProcessPath":"/bin/viewer"}})");
+  write(spool + "b.kelvane", "{");
+  const std::string out = root_ + "/lines";
+  EXPECT_EQ(run("reports export --delete-after"), 2) << "what goes into a pipe may be lost";
+  EXPECT_EQ(run("reports export --since yesterday"), 2);
+  for (const char* bad : {"/dev/full", "/nowhere/at/all"}) {
+    EXPECT_EQ(run(std::string("reports export --delete-after -o ") + bad), 1);
+    EXPECT_TRUE(std::filesystem::exists(root_ + spool + "a.kelvane"));
+  }
+  EXPECT_EQ(run("reports export --since 1d --device d7 -o " + out), 0) << output_;
+  EXPECT_EQ(run("reports export --ndjson --delete-after --device d7 -o " + out), 0) << output_;
+  const std::string lines = contents("/lines");
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2) << "appended";
+  EXPECT_NE(lines.find(R"("device":"d7")"), std::string::npos) << lines;
+  EXPECT_FALSE(std::filesystem::exists(root_ + spool + "a.kelvane"));
+  EXPECT_TRUE(std::filesystem::exists(root_ + spool + "b.kelvane")) << "nobody has a line of it";
+}
+
 TEST_F(Command, TablesFitANarrowTerminalAndKeepARowALineElsewhere) {
   const auto longest = [this] {
     std::istringstream lines(output_);

@@ -8,6 +8,7 @@
 
 #include "tools/launches/activation_text.h"
 #include "tools/launches/launch_notify.h"
+#include "tools/launches/launches_by_app.h"
 
 using quorvelctl::ActivationReader;
 
@@ -110,6 +111,31 @@ TEST(Activations, ShowWhoSpentItInTheSystemOrByChildren) {
                  "make (8) 20 ms\n"),
       std::string::npos)
       << shown;
+}
+
+TEST(Activations, ByApplicationTheSlowestIsFirstWithWhatChanged) {
+  constexpr double kDay = 86400;
+  std::vector<quorvelctl::Activation> launches;
+  const auto launched = [&](const char* app, double daysAgo, uint64_t ms, int result = 0) {
+    quorvelctl::Activation launch;
+    launch.bundleID = app;
+    launch.launch = true;
+    launch.result = result;
+    launch.startedAt = -daysAgo * kDay;
+    launch.durationMs = ms;
+    launches.push_back(launch);
+  };
+  for (uint64_t i = 1; i <= 10; ++i) launched("a", 8, i * 100);  // median 500, 90 % in 900
+  for (uint64_t i = 0; i < 3; ++i) launched("a", 1, 750);
+  launched("b", 2, 4000);
+  launched("b", 2, 9, 32);  // no launch that was seen
+  launched("b", 30, 4100);
+  const auto apps = quorvelctl::launchesByApp(launches, 0);
+  EXPECT_EQ(quorvelctl::launchesByAppText(apps),
+            "MEDIAN  90 % IN  SLOWEST  LAUNCHES  THIS WEEK  LAST WEEK  CHANGE  APPLICATION\n"
+            "4.00 s  4.10 s   4.10 s   2         4.00 s     -          new     b\n"
+            "700 ms  900 ms   1.00 s   13        750 ms     500 ms     +50 %   a\n");
+  EXPECT_EQ(quorvelctl::launchesByAppJson(apps)[1]["changePercent"], 50);
 }
 
 TEST(Activations, WhatEndedBeforeItBeganTookNoTime) {

@@ -1,0 +1,91 @@
+#include "tools/export/report_line.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace quorvelctl {
+namespace {
+
+constexpr size_t kSignatureFrames = 5;
+
+const ReportThread* hungThread(const Report& report) {
+  return !report.threads.empty() && report.threads.front().hung ? &report.threads.front() : nullptr;
+}
+
+std::string innermost(const Report& report) {
+  const ReportThread* thread = hungThread(report);
+  return thread && !thread->userStack.empty() ? thread->userStack.front().name : "";
+}
+
+std::string ownerText(const VerdictThread& thread) {
+  return thread.process.empty() || thread.process == thread.name ? thread.name
+                                                                 : thread.process + "/" + thread.name;
+}
+
+nlohmann::ordered_json textOrNull(const std::string& text) {
+  return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
+}
+
+double spentMs(const Report& report, const char* state) {
+  if (!report.verdict) return 0;
+  for (const auto& [name, ms] : report.verdict->spent) {
+    if (name == state) return ms;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string signatureOf(const Report& report) {
+  std::string text = report.header.processName() + '\n' + report.header.serviceName + '\n' +
+                     (report.verdict ? report.verdict->cause : "");
+  if (const ReportThread* thread = hungThread(report)) {
+    const size_t frames = std::min(thread->userStack.size(), kSignatureFrames);
+    for (size_t i = 0; i < frames; ++i) text += '\n' + thread->userStack[i].name;
+  }
+  uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  char digits[17];
+  std::snprintf(digits, sizeof digits, "%016" PRIx64, hash);
+  return digits;
+}
+
+std::string culpritOf(const Report& report) {
+  if (report.verdict && report.verdict->lock) return ownerText(*report.verdict->lock);
+  if (report.verdict && report.verdict->peer) return report.verdict->peer->process;
+  return innermost(report);
+}
+
+nlohmann::ordered_json reportLine(const Report& report, const std::string& fileName, time_t writtenAt,
+                                  const std::string& device) {
+  const ReportHeader& header = report.header;
+  tm parts{};
+  char date[32] = "";
+  if (gmtime_r(&writtenAt, &parts)) std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  nlohmann::ordered_json line{
+      {"file", fileName},
+      {"writtenAt", date},
+      {"device", device},
+      {"host", textOrNull(report.host)},
+      {"version", textOrNull(report.writtenBy)},
+      {"kind", header.kind()},
+      {"process", header.processName()},
+      {"pid", header.pid},
+      {"hang", header.serviceName},
+      {"reason", textOrNull(header.reason)},
+      {"durationMs", nullptr},
+      {"cause", textOrNull(report.verdict ? report.verdict->cause : "")},
+      {"sentence", textOrNull(report.verdict ? report.verdict->sentence : "")},
+      {"culprit", textOrNull(culpritOf(report))},
+      {"function", textOrNull(innermost(report))},
+      {"signature", signatureOf(report)},
+  };
+  if (header.durationMs() >= 0) line["durationMs"] = header.durationMs();
+  for (const char* state : {"running", "runnable", "sleeping", "uninterruptible"})
+    line[std::string(state) + "Ms"] = spentMs(report, state);
+  return line;
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <ctime>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "tools/report/report.h"
+
+namespace quorvelctl {
+
+/// What tells hangs of one cause from others, the same on every device: process, hang, cause and the
+/// innermost functions of the hung thread; 16 hexadecimal digits.
+std::string signatureOf(const Report& report);
+
+/// Who the verdict holds for guilty, in words: the owner of a lock, the other end of a socket, or else the
+/// innermost function of the hung thread. Empty when nobody is known.
+std::string culpritOf(const Report& report);
+
+/// A report as one flat object; a member that nothing is known of is null.
+nlohmann::ordered_json reportLine(const Report& report, const std::string& fileName, time_t writtenAt,
+                                  const std::string& device);
+
+}  // namespace quorvelctl

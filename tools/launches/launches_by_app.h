@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools/launches/activation.h"
+
+namespace quorvelctl {
+
+/// How long launches took, those alone that have come up.
+struct LaunchTimes {
+  size_t count = 0;
+  uint64_t medianMs = 0;
+  uint64_t p90Ms = 0;
+  uint64_t slowestMs = 0;
+};
+
+/// An application's launches on record, and what has become of them.
+struct AppLaunches {
+  std::string bundleID;
+  LaunchTimes all;
+  std::optional<LaunchTimes> thisWeek;  ///< the seven days up to now; nothing without launches
+  std::optional<LaunchTimes> lastWeek;  ///< the seven before
+
+  /// By how much the median of this week is above last week's, in percent; nothing without either.
+  std::optional<double> changePercent() const;
+};
+
+/// By application, the highest median first. `now` is in seconds since 2001-01-01 00:00:00 UTC.
+std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, double now);
+
+std::string launchesByAppText(const std::vector<AppLaunches>& apps);
+nlohmann::ordered_json launchesByAppJson(const std::vector<AppLaunches>& apps);
+
+}  // namespace quorvelctl
