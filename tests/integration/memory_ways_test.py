@@ -1,14 +1,17 @@
 """Memory that is taken in the ways in which programs take it is found where a reader would look: in a report's file, in
-`memory show`, in `memory diff`. Each way is judged by its own line: other programs of the machine move the rest."""
+`memory show`, in `memory diff`, in `memory now`. Each way is judged by its own line: other programs of the machine move the rest."""
 import json
 import mmap
 import os
 import pathlib
+import pty
+import pwd
 import shutil
 import statistics
 import subprocess
 import sys
 import tempfile
+import termios
 import unittest
 
 from scratch import CTL, ScratchTest
@@ -90,6 +93,13 @@ class Ways(ScratchTest):
                    for kind in ("account", "processes", "zones", "uses", "consumers")}
         return before, after, changes
 
+    def now(self):
+        return json.loads(self.ctl("now", "--json"))
+
+    def now_of(self, *children):
+        pids = [child.pid for child in children]
+        return [process for process in self.now()["processes"] if process["pid"] in pids]
+
     def check_line(self, hold, entry, part, kind, line, size=SIZE):
         """One line of the file, of the account and of the difference that is to grow by `size`."""
         before, after, changes = self.look(hold)
@@ -101,7 +111,12 @@ class Ways(ScratchTest):
     # --- processes -----------------------------------------------------------------------------------------------------
 
     def check_process(self, way):
-        _, after, changes = self.look(lambda: self.hold(way))
+        children = []
+        _, after, changes = self.look(lambda: children.append(self.hold(way)))
+        now, = self.now_of(*children)
+        self.assertEqual((now["name"], now["user"]), (f"way-{way}", pwd.getpwuid(os.getuid()).pw_name))
+        self.assertIn(f"memory_holder.py {way}", now["commandLine"])
+        self.assertTrue(SIZE <= now["sizeBytes"] <= SIZE + 24 * MIB, now)
         held, = after.sizes[f"way-{way}"]
         self.assertTrue(SIZE <= held <= SIZE + 24 * MIB, held)
         self.assertGreaterEqual(changes["processes"][f"way-{way}"], SIZE)
@@ -118,6 +133,10 @@ class Ways(ScratchTest):
         held = after.sizes["way-fork"]
         self.assertEqual(len(held), 5)
         self.assertGreaterEqual(changes["processes"]["way-fork"], SIZE)
+        now, = (group for group in json.loads(self.ctl("now", "--by", "program", "--json"))["groups"]
+                if group["name"] == "way-fork")
+        self.assertEqual(now["count"], 5)
+        self.assertTrue(now["isUpperBound"] or now["sizeBytes"] < 2 * SIZE, now)
         rows = [line for line in self.ctl("show", after.path, "--all").splitlines() if line.endswith("  way-fork")]
         self.assertEqual(len(rows), 5)
         if sum(held) > 3 * SIZE:  # the walks didn't fit into their time
@@ -136,27 +155,36 @@ class Ways(ScratchTest):
         except OSError as refusal:
             self.skipTest(f"no huge pages can be had: {refusal}")
         line = "huge pages (hugetlb)"
-        self.check_line(lambda: self.hold("hugetlb"), "VM_KERN_MEMORY_101", line, "uses", line)
+        children = []
+        self.check_line(lambda: children.append(self.hold("hugetlb")), "VM_KERN_MEMORY_101", line, "uses", line)
+        self.assertGreaterEqual(self.now_of(*children)[0]["hugeBytes"], SIZE)
         self.assertGreaterEqual(self.next_reports(1)[-1].sizes["way-hugetlb"][0], SIZE)
 
     # --- what no process has alone -------------------------------------------------------------------------------------
 
-    def check_shared(self, hold):
+    def check_shared(self, *arguments):
         line = "shared memory: tmpfs, memfd, SysV, shared mappings"
-        self.check_line(hold, "VM_KERN_MEMORY_100", line, "uses", line)
+        children = []
+        self.check_line(lambda: children.append(self.hold(*arguments)), "VM_KERN_MEMORY_100", line, "uses", line)
+        now = self.now()
+        return [held for held in now["shared"] if held["bytes"] >= SIZE], children[0].pid, now
 
     def test_a_memfd_that_is_only_a_descriptor(self):
-        self.check_shared(lambda: self.hold("memfd"))
+        shared, pid, _ = self.check_shared("memfd")
+        self.assertIn(("memfd", "/memfd:quorveld test (deleted)", [pid]),
+                      [(held["kind"], held["name"], held["pids"]) for held in shared])
 
     def test_a_file_of_a_tmpfs(self):
         if subprocess.run(["stat", "-fc", "%T", "/dev/shm"], capture_output=True, text=True).stdout != "tmpfs\n":
             self.skipTest("/dev/shm is no tmpfs")
         place = tempfile.mktemp(prefix="quorveld-test-", dir="/dev/shm")
         self.addCleanup(lambda: pathlib.Path(place).unlink(missing_ok=True))
-        self.check_shared(lambda: self.hold("tmpfs", place))
+        *_, now = self.check_shared("tmpfs", place)
+        self.assertTrue([mount for mount in now["tmpfs"] if mount["usedBytes"] >= SIZE], now["tmpfs"])
 
     def test_a_system_v_segment(self):
-        self.check_shared(lambda: self.hold("sysv"))
+        shared, *_ = self.check_shared("sysv")
+        self.assertIn(("SysV", []), [(held["kind"], held["pids"]) for held in shared])
 
     def test_zram(self):
         control = pathlib.Path("/sys/class/zram-control")
@@ -173,12 +201,17 @@ class Ways(ScratchTest):
         self.check_line(lambda: self.hold("zram", device), "VM_KERN_MEMORY_102", line, "uses", line)
 
     def test_a_mapped_file(self):
-        _, after, _ = self.look(lambda: self.hold("mapped", self.daemon_.root / "mapped"))
+        children = []
+        _, after, _ = self.look(lambda: children.append(self.hold("mapped", self.daemon_.root / "mapped")))
+        self.assertGreaterEqual(self.now_of(*children)[0]["fileBytes"], SIZE)
         self.assertGreaterEqual(after.files, SIZE)
         self.assertGreaterEqual(after.parts["file cache"], SIZE)
 
     def test_page_tables(self):
-        self.check_line(lambda: self.hold("tables"), "VM_KERN_MEMORY_PTE", "page tables", "consumers", "VM_KERN_MEMORY_PTE")
+        children = []
+        self.check_line(lambda: children.append(self.hold("tables")), "VM_KERN_MEMORY_PTE", "page tables", "consumers",
+                        "VM_KERN_MEMORY_PTE")
+        self.assertGreaterEqual(self.now_of(*children)[0]["tableBytes"], SIZE)
 
     def test_names_that_the_kernel_keeps(self):
         def in_use():
@@ -193,17 +226,40 @@ class Ways(ScratchTest):
         grown = SIZE - (all_ - used) * 192  # what was free in the zone is used first
         self.assertGreater(after.zones["dentry"] - before.zones["dentry"], grown // 2)
         self.assertGreater(changes["zones"].get("dentry", 0), grown // 2)
+        zones = {zone["name"]: zone["bytes"] for zone in self.now()["zones"]}
+        self.assertGreater(zones["dentry"], before.zones["dentry"] + grown // 2)
 
-    def test_pipes_are_unaccounted_for(self):
+    def test_pipes_are_unaccounted_for_and_now_finds_them(self):
         count = 5
         size = 200 * MIB
         before = statistics.median(report.unaccounted for report in self.next_reports(count))
         try:
-            self.hold("pipes", size=size)
+            child = self.hold("pipes", size=size)
         except AssertionError:
             self.skipTest("pipes of 1 MiB aren't allowed")
         after = self.next_reports(count)
         self.assertGreater(statistics.median(report.unaccounted for report in after) - before, size // 2)
+        self.assertIn({"kind": "pipe", "name": "", "bytes": size, "pids": [child.pid]}, self.now()["shared"])
+
+    def test_now_fits_the_terminal(self):
+        self.hold("malloc")
+        for width in (80, 40):
+            for options in ([], ["--by", "program"], ["--by", "user"], ["--by", "cgroup"]):
+                ours, theirs = pty.openpty()
+                termios.tcsetwinsize(theirs, (24, width))
+                shown = subprocess.Popen([CTL, "memory", "now", "--top", "5", *options], stdout=theirs)
+                os.close(theirs)
+                text = b""
+                try:
+                    while piece := os.read(ours, 4096):
+                        text += piece
+                except OSError:
+                    pass  # how a terminal says that nobody writes to it any more
+                os.close(ours)
+                self.assertEqual(shown.wait(), 0)
+                lines = text.decode().split("\r\n")
+                self.assertGreater(len(lines), 10)
+                self.assertEqual([line for line in lines if len(line) > width], [], options)
 
 
 if __name__ == "__main__":

@@ -14,6 +14,7 @@ void addReportsCommands(CLI::App& app, Context& context);
 /// One of the reports' commands.
 void addExportCommand(CLI::App& reports, Context& context);
 void addMemoryCommands(CLI::App& app, Context& context);
+void addMemoryNowCommand(CLI::App& memory, Context& context);  ///< to those
 void addMetricsCommand(CLI::App& app, Context& context);
 void addLaunchCommand(CLI::App& app, Context& context);
 void addActivationsCommand(CLI::App& app, Context& context);

@@ -185,6 +185,7 @@ void addMemoryCommands(CLI::App& app, Context& context) {
   comparing->add_option("NEW", compared->newer, "Name or path of the newer one; the newest if not given");
   comparing->add_flag("--all", compared->all, kAll);
   comparing->callback([compared, &context] { diffMemory(context, *compared); });
+  addMemoryNowCommand(*memory, context);
 }
 
 }  // namespace quorvelctl

@@ -19,12 +19,6 @@ constexpr std::string_view kCounterPrefix = "VM_KERN_COUNT_";
 /// Figures that are read one after the other don't differ by more than this part.
 constexpr uint64_t kOffPart = 100;
 
-constexpr const char* kZram = "compressed swap (zram)";
-constexpr const char* kTcpBuffers = "buffers of TCP sockets";
-constexpr const char* kCpuLists = "free, in lists of each CPU";
-constexpr const char* kBalloon = "given back to the hypervisor (balloon)";
-constexpr const char* kSwapped = "swapped out";
-
 /// Entries of wired memory that aren't the kernel's own, and what they mean.
 constexpr std::array<std::pair<std::string_view, const char*>, 7> kUses = {{
     {"VM_KERN_MEMORY_100", kSharedMemory},
@@ -33,7 +27,7 @@ constexpr std::array<std::pair<std::string_view, const char*>, 7> kUses = {{
     {"VM_KERN_MEMORY_103", kTcpBuffers},
     {"VM_KERN_MEMORY_104", kCpuLists},
     {"VM_KERN_MEMORY_105", kBalloon},
-    {"VM_KERN_MEMORY_MLOCK", "locked (mlock), in other figures too"},
+    {"VM_KERN_MEMORY_MLOCK", kLocked},
 }};
 constexpr std::string_view kSwappedCounter = "VM_KERN_COUNT_100";
 
@@ -292,6 +286,7 @@ std::optional<MemoryAccount> accountOf(const MemoryReport& report) {
       use(kTcpBuffers),
       use(kCpuLists),
       use(kBalloon),
+      use(kInPipes),
       {"file cache", counted("external_page_count")},
       {"compressed swap (zswap)", counted("compressor_page_count")},
       {"kernel zones", wired("VM_KERN_MEMORY_ZONE")},

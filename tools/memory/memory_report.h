@@ -49,9 +49,16 @@ struct MemoryReport {
   std::optional<uint64_t> counter(std::string_view name) const;
 };
 
-/// The names of `uses` that others than tables ask for.
+/// The names of `uses`, and of a total.
 inline constexpr const char* kSharedMemory = "shared memory: tmpfs, memfd, SysV, shared mappings";
 inline constexpr const char* kHugePages = "huge pages (hugetlb)";
+inline constexpr const char* kZram = "compressed swap (zram)";
+inline constexpr const char* kTcpBuffers = "buffers of TCP sockets";
+inline constexpr const char* kCpuLists = "free, in lists of each CPU";
+inline constexpr const char* kBalloon = "given back to the hypervisor (balloon)";
+inline constexpr const char* kLocked = "locked (mlock), in other figures too";
+inline constexpr const char* kInPipes = "in pipes";  ///< a report of the daemon's doesn't have it
+inline constexpr const char* kSwapped = "swapped out";
 
 /// Whether a VM counter counts pages, and not events.
 bool countsPages(std::string_view counter);

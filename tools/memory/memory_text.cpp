@@ -81,23 +81,6 @@ std::string doubtText(const MemoryReport& report, const MemoryAccount& account) 
   return "They were read one after the other, and are " + excess + " more than that.\n";
 }
 
-std::string accountText(const MemoryReport& report) {
-  const std::optional<MemoryAccount> account = accountOf(report);
-  if (!account) return "";
-  Rows rows{{"SIZE", "SHARE", "WHAT"}};
-  for (const NamedBytes& part : account->parts) {
-    if (part.bytes == 0) break;
-    rows.push_back({sizeText(part.bytes), percentText(static_cast<int64_t>(part.bytes), account->totalBytes),
-                    part.name});
-  }
-  const int64_t rest = std::max<int64_t>(account->unaccountedBytes, 0);
-  rows.push_back(
-      {sizeText(static_cast<uint64_t>(rest)), percentText(rest, account->totalBytes), kUnaccounted});
-  return section("Where the memory is: " + sizeText(account->totalBytes) + " that the kernel hands out",
-                 rows) +
-         doubtText(report, *account);
-}
-
 std::string countersText(const MemoryReport& report) {
   if (!report.vmError.empty()) return "\nNo VM counters: " + printable(report.vmError) + "\n";
   Rows rows{{"COUNTER", "VALUE"}};
@@ -216,6 +199,23 @@ std::string counterChangesText(const MemoryReport& newer, const std::vector<Coun
 }
 
 }  // namespace
+
+std::string accountText(const MemoryReport& report) {
+  const std::optional<MemoryAccount> account = accountOf(report);
+  if (!account) return "";
+  Rows rows{{"SIZE", "SHARE", "WHAT"}};
+  for (const NamedBytes& part : account->parts) {
+    if (part.bytes == 0) break;
+    rows.push_back({sizeText(part.bytes), percentText(static_cast<int64_t>(part.bytes), account->totalBytes),
+                    part.name});
+  }
+  const int64_t rest = std::max<int64_t>(account->unaccountedBytes, 0);
+  rows.push_back(
+      {sizeText(static_cast<uint64_t>(rest)), percentText(rest, account->totalBytes), kUnaccounted});
+  return section("Where the memory is: " + sizeText(account->totalBytes) + " that the kernel hands out",
+                 rows) +
+         doubtText(report, *account);
+}
 
 std::string memoryText(const MemoryReport& report, size_t maxRows) {
   return headText(report) + accountText(report) + countersText(report) + processesText(report, maxRows) +

@@ -12,6 +12,9 @@ namespace quorvelctl {
 /// below it.
 std::string memoryText(const MemoryReport& report, size_t maxRows);
 
+/// Its first table: what all memory is used for, with a word about it where it doesn't add up.
+std::string accountText(const MemoryReport& report);
+
 /// What grew and what shrank from `older` to `newer`, in words and tables, largest change first.
 std::string memoryDiffText(const MemoryReport& older, const MemoryReport& newer, size_t maxRows);
 
