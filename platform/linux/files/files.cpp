@@ -158,11 +158,13 @@ std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& p
 
 void LinuxFiles::finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
                         platform::Existing existing, std::function<void(std::error_code)> done) {
-  auto work = [file = std::shared_ptr<platform::File>(std::move(file)), from = rooted(from), to = rooted(to),
+  auto work = [file = std::make_shared<std::unique_ptr<platform::File>>(std::move(file)), from = rooted(from),
+               to = rooted(to),
                rename = existing == platform::Existing::stays ? renameWithoutReplacing : renameReplacing] {
-    std::error_code error = resultOf(::fsync(file->descriptor()));
+    std::error_code error = resultOf(::fsync((*file)->descriptor()));
     if (!error) error = moveFile(from, to, rename);
     if (error) (void)::unlink(from.c_str());
+    file->reset();  // whoever hears that it is done may open it anew: its lock is to be gone by then
     return error;
   };
   if (!finishing_.tryPost(work, done)) done(work());
