@@ -47,10 +47,10 @@ class Preferences(ScratchTest):
                 daemon.wait_for(f"refreshPreferences: QuorvelDailyLogLimit = {limit}\n")
                 listed = {entry["key"]: entry["value"] for entry in json.loads(self.ctl(daemon, "--json", "prefs", "list"))}
                 self.assertEqual((listed["QuorvelEnabled"], listed["QuorvelDailyLogLimit"]), (True, limit))
-                self.ctl(daemon, "prefs", "set", "QuorvelDailyLogLimit", str(-limit))
-                daemon.wait_for(f"refreshPreferences: QuorvelDailyLogLimit = {-limit}\n")
+                self.ctl(daemon, "prefs", "set", "QuorvelDailyLogLimit", str(1000 + limit))
+                daemon.wait_for(f"refreshPreferences: QuorvelDailyLogLimit = {1000 + limit}\n")
                 self.assertTrue(path.read_bytes().startswith(b'<?xml version="1.0" encoding="UTF-8"?>'))
-                self.assertEqual(plistlib.loads(path.read_bytes()), {**values, "QuorvelDailyLogLimit": -limit})
+                self.assertEqual(plistlib.loads(path.read_bytes()), {**values, "QuorvelDailyLogLimit": 1000 + limit})
         self.assertEqual(daemon.lines("is ignored|Unusable"), [])
 
     def test_an_internal_build_adds_to_a_binary_list(self):
