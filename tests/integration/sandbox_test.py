@@ -10,6 +10,7 @@ import sys
 import tempfile
 import unittest
 
+import hostile_peers_test
 from dbus_peer import Fd, Peer
 from scratch import Region, ScratchTest
 from waiting import until
@@ -37,18 +38,43 @@ class Exposure(unittest.TestCase):
             self.assertNotIn("ignoring", found.stderr)
 
 
-class Sandbox(ScratchTest):
-    def sandboxed(self, **preferences):
+class Walled(ScratchTest):
+    def wall(self, daemon):
+        """Puts the unit's walls around a daemon that is to be started."""
         wrapper = [sys.executable, "-B", str(pathlib.Path(__file__).with_name("sandbox.py")), str(PACKAGING / "quorveld.service.in")]
         tried = subprocess.run([*wrapper, "/bin/true"], capture_output=True, text=True) if os.getuid() == 0 else None
         if not tried or tried.returncode != 0:
             self.skipTest(f"the walls can't be put up here: {tried.stderr.splitlines()[-1] if tried else 'needs root'}")
-        daemon = self.daemon(start=False, QuorvelHangTimeoutDuration=1000.0, **preferences)
         # The build may lie in a home, which is hidden.
         daemon.copy_programs()
         daemon.root.chmod(0o755)
         daemon.prefix = wrapper
-        return daemon.start()
+        return daemon
+
+
+class WalledFromPeers(Walled):
+    """What peers do to the daemon, they do to it behind its walls."""
+
+    def daemon(self, start=True, **options):
+        daemon = self.wall(super().daemon(start=False, **options))
+        return daemon.start() if start else daemon
+
+
+class HeldUp(WalledFromPeers, hostile_peers_test.HeldUp):
+    pass
+
+
+class Frozen(WalledFromPeers, hostile_peers_test.Frozen):
+    pass
+
+
+class Users(WalledFromPeers, hostile_peers_test.Users):
+    pass
+
+
+class Sandbox(Walled):
+    def sandboxed(self, **preferences):
+        return self.wall(self.daemon(start=False, QuorvelHangTimeoutDuration=1000.0, **preferences)).start()
 
     def nobody(self, act):
         """Another user's process in which `act` runs until the test ends; its pid."""
