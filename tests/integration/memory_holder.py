@@ -6,6 +6,7 @@ import mmap
 import os
 import pathlib
 import platform
+import select
 import sys
 import threading
 import time
@@ -39,6 +40,14 @@ def malloc():
     fill(held := bytearray(size))
     wait()
     return held
+
+
+def leak():
+    """BYTES more each second."""
+    held = []
+    print("held", flush=True)
+    while not select.select([sys.stdin], [], [], 0.1)[0]:
+        held.append(bytearray(b"x" * (size // 10)))
 
 
 def fork():

@@ -241,6 +241,17 @@ class Ways(ScratchTest):
         self.assertGreater(statistics.median(report.unaccounted for report in after) - before, size // 2)
         self.assertIn({"kind": "pipe", "name": "", "bytes": size, "pids": [child.pid]}, self.now()["shared"])
 
+    def test_growth_finds_a_leak_while_it_runs(self):
+        self.hold("malloc")
+        self.hold("leak", size=4 * MIB)
+        self.next_reports(24)
+        growth = json.loads(self.ctl("growth", "--since", "20m", "--json"))
+        found = {entry["name"]: entry["bytesPerHour"] for entry in growth["growing"] if entry["kind"] == "process"}
+        self.assertNotIn("way-malloc", found)
+        self.assertIn("way-leak", found, growth)
+        self.assertGreater(found["way-leak"], 3600 * MIB)  # a fourth: on a busy machine it gets around less
+        self.assertIn("  process  way-leak\n", self.ctl("growth"))
+
     def test_now_fits_the_terminal(self):
         self.hold("malloc")
         for width in (80, 40):

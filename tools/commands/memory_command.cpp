@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <limits>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <tuple>
@@ -11,6 +12,7 @@
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
 #include "tools/memory/memory_diff.h"
+#include "tools/memory/memory_growth.h"
 #include "tools/memory/memory_report.h"
 #include "tools/memory/memory_text.h"
 
@@ -20,27 +22,39 @@ namespace {
 using OrderedJson = nlohmann::ordered_json;
 
 constexpr const char* kDirectory = "/Library/Logs/Faultkeep";
+constexpr std::string_view kReportPrefix = "memory-snapshot-";
 constexpr size_t kShortTable = 20;
+
+/// Names of the reports; none when the folder can't be read, as told.
+std::vector<std::string> reportNames(Context& context) {
+  const std::string directory = context.path(kDirectory);
+  std::vector<std::string> names;
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(directory, error), end; !error && file != end;
+       file.increment(error)) {
+    const std::string name = file->path().filename();
+    if (!name.starts_with(kReportPrefix) || !name.ends_with(".ips")) continue;
+    std::error_code gone;
+    if (file->symlink_status(gone).type() == std::filesystem::file_type::regular) names.push_back(name);
+  }
+  if (error) context.fail("can't read the reports in " + directory + ": " + error.message());
+  return names;
+}
 
 /// The newest report; empty when there is none, as told.
 std::string newestPath(Context& context) {
   const std::string directory = context.path(kDirectory);
   std::tuple<time_t, long, std::string> newest{};
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(directory, error), end; !error && file != end;
-       file.increment(error)) {
-    const std::string name = file->path().filename();
+  for (const std::string& name : reportNames(context)) {
+    const std::string path = directory + "/" + name;
     struct stat status {};
-    if (!name.starts_with("memory-snapshot-") || !name.ends_with(".ips")) continue;
-    if (lstat(file->path().c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
-    newest = std::max(newest, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, file->path().string()});
+    if (lstat(path.c_str(), &status) != 0) continue;
+    newest = std::max(newest, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, path});
   }
-  if (error) {
-    context.fail("can't read the reports in " + directory + ": " + error.message());
-  } else if (std::get<2>(newest).empty()) {
+  if (std::get<2>(newest).empty() && context.status == 0) {
     context.fail("there is no memory report in " + directory);
   }
-  return error ? "" : std::get<2>(newest);
+  return std::get<2>(newest);
 }
 
 /// Reads a report by its path, its name in the log directory, or, without a name, the newest. Nothing when it
@@ -139,9 +153,32 @@ OrderedJson diffJson(const MemoryReport& older, const MemoryReport& newer) {
           {"vmCounters", counters}};
 }
 
+OrderedJson growthsJson(const std::vector<Growth>& all) {
+  OrderedJson json = OrderedJson::array();
+  for (const Growth& growth : all) {
+    json.push_back({{"kind", growth.kind},
+                    {"name", growth.name},
+                    {"bytesPerHour", growth.trend.bytesPerHour},
+                    {"plusMinusBytesPerHour", growth.trend.plusMinus},
+                    {"lateBytesPerHour", growth.trend.lateBytesPerHour},
+                    {"nowBytes", growth.nowBytes}});
+  }
+  return json;
+}
+
+OrderedJson growthJson(const MemoryGrowth& growth) {
+  return {{"from", growth.from},
+          {"to", growth.to},
+          {"reports", growth.reports},
+          {"reportsBeforeStart", growth.beforeStart},
+          {"growing", growthsJson(growth.growing)},
+          {"grown", growthsJson(growth.grown)}};
+}
+
 struct MemoryArguments {
   std::string file;  ///< or the older one
   std::string newer;
+  std::string since = "7d";
   bool all = false;
 
   size_t maxRows() const { return all ? std::numeric_limits<size_t>::max() : kShortTable; }
@@ -162,6 +199,52 @@ void diffMemory(Context& context, const MemoryArguments& arguments) {
   if (!newer) return;
   const std::string text =
       context.json ? jsonText(diffJson(*older, *newer)) : memoryDiffText(*older, *newer, arguments.maxRows());
+  std::fputs(text.c_str(), stdout);
+}
+
+/// Hours of "7d", "36h", "90m" or "2w"; nothing when it is none of these.
+std::optional<double> hoursOfSpan(const std::string& span) {
+  char unit = 0;
+  char behind = 0;
+  unsigned count = 0;
+  if (std::sscanf(span.c_str(), "%6u%c%c", &count, &unit, &behind) != 2 || count == 0) return std::nullopt;
+  const std::map<char, double> hours = {{'m', 1.0 / 60}, {'h', 1}, {'d', 24}, {'w', 7 * 24}};
+  const auto found = hours.find(unit);
+  return found == hours.end() ? std::nullopt : std::optional(count * found->second);
+}
+
+/// The reports of the folder that are no older than `hours` before the newest, in order of time, evenly
+/// thinned to kMostReports; one that can't be read is told and left out.
+std::vector<MemoryReport> reportsSince(Context& context, double hours) {
+  constexpr size_t kMostReports = 1000;
+  const std::string directory = context.path(kDirectory);
+  std::multimap<double, std::string> byHours;
+  for (const std::string& name : reportNames(context)) {
+    constexpr size_t kTimestampLength = 17;
+    const auto at = hoursOf(name.substr(kReportPrefix.size(), kTimestampLength));
+    if (at) byHours.emplace(*at, directory + "/" + name);
+  }
+  if (!byHours.empty()) byHours.erase(byHours.begin(), byHours.lower_bound(byHours.rbegin()->first - hours));
+  std::vector<MemoryReport> reports;
+  size_t index = 0;
+  for (const auto& [at, path] : byHours) {
+    const bool taken = index * kMostReports / byHours.size() != (index + 1) * kMostReports / byHours.size();
+    ++index;
+    if (!taken) continue;
+    std::optional<MemoryReport> report = reportOf(context, path);
+    if (report) reports.push_back(std::move(*report));
+  }
+  return reports;
+}
+
+void showGrowth(Context& context, const MemoryArguments& arguments) {
+  const std::optional<double> hours = hoursOfSpan(arguments.since);
+  if (!hours) return context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
+  const std::vector<MemoryReport> reports = reportsSince(context, *hours);
+  if (reports.empty()) return context.fail("there is no memory report in " + context.path(kDirectory));
+  const MemoryGrowth growth = growthOf(reports);
+  const std::string text =
+      context.json ? jsonText(growthJson(growth)) : memoryGrowthText(growth, arguments.maxRows());
   std::fputs(text.c_str(), stdout);
 }
 
@@ -186,6 +269,15 @@ void addMemoryCommands(CLI::App& app, Context& context) {
   comparing->add_flag("--all", compared->all, kAll);
   comparing->callback([compared, &context] { diffMemory(context, *compared); });
   addMemoryNowCommand(*memory, context);
+
+  auto grown = std::make_shared<MemoryArguments>();
+  CLI::App* growing = memory->add_subcommand("growth", "What grows steadily from report to report");
+  growing
+      ->add_option("--since", grown->since,
+                   "How far back from the newest report: 7d if not given, or 36h, 2w")
+      ->type_name("SPAN");
+  growing->add_flag("--all", grown->all, kAll);
+  growing->callback([grown, &context] { showGrowth(context, *grown); });
 }
 
 }  // namespace quorvelctl

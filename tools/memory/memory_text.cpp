@@ -26,13 +26,6 @@ std::string percentText(int64_t part, uint64_t whole) {
   return text;
 }
 
-/// "2026-11-21 07:10:52" of "2026-11-21-071052"; what looks otherwise stays.
-std::string timeText(const std::string& timestamp) {
-  if (timestamp.size() != 17) return printable(timestamp);
-  return printable(timestamp.substr(0, 10) + " " + timestamp.substr(11, 2) + ":" + timestamp.substr(13, 2) +
-                   ":" + timestamp.substr(15));
-}
-
 std::string section(const std::string& title, const Rows& rows) {
   return "\n" + title + "\n" + table(rows);
 }
@@ -199,6 +192,12 @@ std::string counterChangesText(const MemoryReport& newer, const std::vector<Coun
 }
 
 }  // namespace
+
+std::string timeText(const std::string& timestamp) {
+  if (timestamp.size() != 17) return printable(timestamp);
+  return printable(timestamp.substr(0, 10) + " " + timestamp.substr(11, 2) + ":" + timestamp.substr(13, 2) +
+                   ":" + timestamp.substr(15));
+}
 
 std::string accountText(const MemoryReport& report) {
   const std::optional<MemoryAccount> account = accountOf(report);

@@ -12,6 +12,9 @@ namespace quorvelctl {
 /// below it.
 std::string memoryText(const MemoryReport& report, size_t maxRows);
 
+/// "2026-11-21 07:10:52" of a report's timestamp "2026-11-21-071052"; what looks otherwise stays.
+std::string timeText(const std::string& timestamp);
+
 /// Its first table: what all memory is used for, with a word about it where it doesn't add up.
 std::string accountText(const MemoryReport& report);
 
