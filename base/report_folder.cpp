@@ -21,6 +21,10 @@ using platform::FileInfo;
 /// A file system with less than this part of it free is for others to fill.
 constexpr uint64_t kLeastFreePart = 20;
 
+/// How the platform names a copy that isn't whole: where the folders of unfinished and finished reports are
+/// on different mounts, as under the packaged unit, a move is a copy.
+constexpr std::string_view kPartialCopyPrefix = ".quorveld-";
+
 std::vector<FileInfo> reportsIn(const ReportFolder& folder) {
   std::vector<FileInfo> reports = platform::current().files.regularFiles(std::string(folder.directory));
   std::erase_if(reports, [&](const FileInfo& file) {
@@ -73,7 +77,11 @@ bool isNearlyFull(const ReportFolder& folder) {
 }  // namespace
 
 void removeUnfinishedReports() {
-  for (const ReportFolder& folder : {kHangReports.unfinished, kMemoryReports.unfinished}) {
+  const auto partialCopies = [](const ReportKind& kind) {
+    return ReportFolder{kind.finished.directory, kPartialCopyPrefix, ""};
+  };
+  for (const ReportFolder& folder : {kHangReports.unfinished, kMemoryReports.unfinished,
+                                     partialCopies(kHangReports), partialCopies(kMemoryReports)}) {
     for (const FileInfo& left : reportsIn(folder)) platform::current().files.remove(pathOf(folder, left));
   }
 }

@@ -59,7 +59,15 @@ TEST(StartUp, RemovesWhatADaemonThatWasKilledHasLeftHalfWritten) {
   for (const char* name : {"/tmp/half.kelvane", "/tmp/another's", "/memory-snapshot-2026.ips~"}) {
     world.files.putFile(kCache + name, "half");
   }
+  EXPECT_FALSE(world.files.makeDirectory(kCache + "/spool", 0755));
+  for (const std::string& folder : {kCache + "/spool", std::string("/Library/Logs/Faultkeep")}) {
+    world.files.putFile(folder + "/.quorveld-Xy12Ab", "half a copy");
+    world.files.putFile(folder + "/.another's", "whole");
+  }
   world.start();
+  for (const std::string& folder : {kCache + "/spool", std::string("/Library/Logs/Faultkeep")}) {
+    EXPECT_EQ(world.files.list(folder), std::vector<std::string>{".another's"});
+  }
   EXPECT_EQ(world.temporaryFiles(), std::vector<std::string>{"another's"});
   EXPECT_EQ(world.files.list(kCache), (std::vector<std::string>{"spool", "tmp"}));
 }
