@@ -11,7 +11,7 @@ namespace quorvelctl {
 namespace {
 
 /// Threads whose stacks are on the page; a report lists more only with hundreds that look alike.
-constexpr size_t kMaxThreads = 256;
+constexpr size_t kMaxThreadsShown = 256;
 
 std::string titleText(const ReportHeader& header) {
   if (!header.hasHang()) return "Trace";
@@ -88,12 +88,12 @@ Html stacksHtml(const Report& report) {
   if (report.header.pid != 0 && (report.threads.empty() || !report.threads.front().hung)) {
     content += element("p", "note", "The thread that hung had ended, or could not be looked at.");
   }
-  for (size_t i = 0; i < report.threads.size() && i < kMaxThreads; ++i) {
+  for (size_t i = 0; i < report.threads.size() && i < kMaxThreadsShown; ++i) {
     content += threadHtml(report.threads[i]);
   }
-  if (report.threads.size() > kMaxThreads) {
+  if (report.threads.size() > kMaxThreadsShown) {
     content += element("p", "note",
-                       std::to_string(report.threads.size() - kMaxThreads) +
+                       std::to_string(report.threads.size() - kMaxThreadsShown) +
                            " more threads are in the report, not on this page.");
   }
   return report.threads.empty() && report.header.pid == 0 ? Html{} : element("section", "card", content);

@@ -8,9 +8,9 @@ namespace {
 
 /// Puts values together as they come. (The parser's own way to be told of each value looks through all
 /// siblings at the end of every object, which takes minutes where there are many.)
-class Builder final : public nlohmann::json_sax<Json> {
+class JsonReader final : public nlohmann::json_sax<Json> {
  public:
-  explicit Builder(const std::function<void(const Json&)>& take) : take_(take) {}
+  explicit JsonReader(const std::function<void(const Json&)>& take) : take_(take) {}
 
   Json root;
   size_t brokenAt = 0;
@@ -79,11 +79,11 @@ class Builder final : public nlohmann::json_sax<Json> {
 
 std::optional<Json> parseReportJson(std::string_view bytes, const std::function<void(const Json&)>& take,
                                     std::string& error) {
-  Builder builder(take);
-  if (Json::sax_parse(bytes, &builder)) return std::move(builder.root);
-  error = builder.brokenAt > bytes.size()
+  JsonReader reader(take);
+  if (Json::sax_parse(bytes, &reader)) return std::move(reader.root);
+  error = reader.brokenAt > bytes.size()
               ? "it is cut off"
-              : "it isn't JSON from byte " + std::to_string(builder.brokenAt) + " on";
+              : "it isn't JSON from byte " + std::to_string(reader.brokenAt) + " on";
   return std::nullopt;
 }
 

@@ -7,7 +7,7 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-std::string_view trimmed(std::string_view text) {
+std::string_view withoutBlanks(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r";
   const size_t first = text.find_first_not_of(kBlanks);
   if (first == std::string_view::npos) return {};
@@ -45,7 +45,7 @@ std::map<std::string, std::string, std::less<>> parseOsRelease(std::string_view 
   std::map<std::string, std::string, std::less<>> values;
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
-    const std::string_view line = trimmed(text.substr(0, end));
+    const std::string_view line = withoutBlanks(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
 
     const size_t equals = line.find('=');

@@ -20,9 +20,9 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr char kPath[] = "/var/log/quorveld/activations.jsonl";
+constexpr char kRecordsPath[] = "/var/log/quorveld/activations.jsonl";
 constexpr char kLeftOutPath[] = "/var/log/quorveld/activations-left-out.jsonl";
-constexpr mode_t kDirectoryMode = 0755;
+constexpr mode_t kRecordsFolderMode = 0755;
 
 /// The event as one line, its line break included; nothing, and the reason in `error`, when a text in it is
 /// no UTF-8.
@@ -68,11 +68,11 @@ off_t endOfLines(int file, off_t length) {
 void LinuxPowerLog::handOver(const platform::ActivationEvent& event) {
   std::string reason;
   if (const std::optional<std::string> line = lineOf(event, reason)) {
-    const std::error_code error = append(rooted(kPath), *line, maxFileBytes_);
+    const std::error_code error = append(rooted(kRecordsPath), *line, maxFileBytes_);
     if (error) reason = error.message();
   }
   if (!reason.empty() && !failing_) {
-    logDefault("Failed to append an activation to %s: %s", rooted(kPath).c_str(), reason.c_str());
+    logDefault("Failed to append an activation to %s: %s", rooted(kRecordsPath).c_str(), reason.c_str());
   }
   failing_ = !reason.empty();
 }
@@ -87,7 +87,7 @@ void LinuxPowerLog::leaveOut(uint64_t activationID, std::string_view reason) {
 
 std::error_code LinuxPowerLog::append(const std::string& path, std::string_view line, uint64_t maxBytes) {
   if (line.size() > maxBytes) return std::make_error_code(std::errc::file_too_large);
-  const std::error_code made = makeDirectories(directoryOf(path), kDirectoryMode);
+  const std::error_code made = makeDirectories(directoryOf(path), kRecordsFolderMode);
   if (made && made != std::errc::file_exists) return made;
 
   UniqueFd file;
