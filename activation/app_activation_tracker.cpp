@@ -1,12 +1,14 @@
 #include "activation/app_activation_tracker.h"
 
 #include <chrono>
+#include <cstdint>
 #include <utility>
 
 #include "base/limits.h"
 #include "base/settings.h"
 #include "base/text.h"
 #include "hangs/qv_process_info.h"
+#include "platform/analytics.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 #include "platform/power_log.h"
@@ -225,6 +227,7 @@ void AppActivationTracker::end(const Announcement& announced) {
   if (activation->appActivationStartState() != kForeground || announced.state != kForeground) return;
 
   reportOrSay(activation, announced);
+  countLaunch(*activation, announced.ownerUid);
   quorvelLog().standard("QVActivationStats: %s FG Launch Duration = %ims", announced.bundleID.c_str(),
                         static_cast<int>(activation->wallTime()));
   captureIfSlow(*activation, announced.timeMs);
@@ -299,6 +302,19 @@ void AppActivationTracker::leaveOut(const AppActivation& activation, uint32_t ow
   logOutputQueue_->async([id = activation.appActivationID(), reason = std::move(reason), place] {
     platform::current().powerLog.leaveOut(id, reason);
   });
+}
+
+/// Of every launch that was seen, whether or not there is room for its record. Counters belong to the work
+/// queue.
+void AppActivationTracker::countLaunch(const AppActivation& activation, uint32_t ownerUid) {
+  const bool isTimed = activation.wallTime() <= uint32_t{INT32_MAX};  // else it ended before it began
+  if (activation.appActivationType() != AppActivation::kTypeLaunch || !isTimed) return;
+  workQueue_.async(
+      [bundleID = activation.bundleID(), ms = activation.wallTime(), ownerUid, pid = activation.pid()] {
+        const platform::KeyOwner owner{
+            .uid = ownerUid, .pid = pid, .hang = {}, .bundle = bundleID, .process = {}};
+        platform::current().analytics.pushDistribution("com.corvix.quorvel.QVLaunch." + bundleID, ms, owner);
+      });
 }
 
 void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64_t endTimeMs) {

@@ -88,6 +88,7 @@ class AppActivationTracker {
   void reportOrSay(const std::shared_ptr<AppActivation>& activation, const Announcement& ended);
   /// Says so to who waits for the activation's record.
   void leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason);
+  void countLaunch(const AppActivation& activation, uint32_t ownerUid);
   void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 

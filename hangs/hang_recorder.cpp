@@ -65,16 +65,27 @@ void QVProcessInfo::countHang(const std::string& hangName, double durationMs) co
   if (hangName == kFenceHangName) {
     analytics.addToScalar("com.corvix.quorvel.QVLogsFenceHang.PreKelvane", 1, {});
   } else {
-    analytics.pushDistribution("com.corvix.quorvel." + hangName + "." + processBundleID_, durationMs,
-                               keyOwner());
+    platform::KeyOwner owner = keyOwner();
+    owner.hang = hangName;
+    owner.bundle = processBundleID_;
+    owner.process = processName_;
+    analytics.pushDistribution("com.corvix.quorvel." + hangName + "." + processBundleID_, durationMs, owner);
   }
+}
+
+/// Counts a report that was refused, for all and for this process.
+void QVProcessInfo::countMissed(const std::string& key) const {
+  platform::Analytics& analytics = platform::current().analytics;
+  platform::KeyOwner owner = keyOwner();
+  owner.process = processName_;
+  analytics.addToScalar(key + ".Total", 1, {});
+  analytics.addToScalar(key + "." + processName_, 1, owner);
 }
 
 /// Whether setting, library and credits allow a report; a refusal is logged and, where credits refuse,
 /// counted.
 bool QVProcessInfo::mayBeSaved(double durationMs) const {
   const Log log = quorvelLog().about({.kind = LogEventKind::reportRefused, .pid = pid_});
-  platform::Analytics& analytics = platform::current().analytics;
   if (!settings().enableKelvane) {
     log.standard("%s: Quorvel kelvane support is disabled, not saving a report!", processName_.c_str());
     return false;
@@ -86,13 +97,11 @@ bool QVProcessInfo::mayBeSaved(double durationMs) const {
   }
   if (!checkAppCreditForDuration(durationMs)) {
     log.standard("%s is out of credits. Not saving a report!", processName_.c_str());
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit.Total", 1, {});
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToProcessLimit." + processName_, 1, keyOwner());
+    countMissed("com.corvix.quorvel.QVLogsMissedDueToProcessLimit");
     return false;
   }
   if (!checkDailyCreditForDuration(durationMs)) {
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit.Total", 1, {});
-    analytics.addToScalar("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit." + processName_, 1, keyOwner());
+    countMissed("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit");
     return false;
   }
   return true;

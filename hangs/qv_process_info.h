@@ -150,6 +150,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   void showHang(const std::string& hangName, double seconds) const;
   platform::KeyOwner keyOwner() const { return {uid_, pid_}; }
   void countHang(const std::string& hangName, double durationMs) const;
+  void countMissed(const std::string& key) const;
   bool mayBeSaved(double durationMs) const;
   void captureFenceHangLater(const std::string& hangName, const std::string& reason, uint64_t threadID,
                              uint64_t startTicks, uint64_t endTicks, double durationMs);

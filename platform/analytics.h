@@ -5,10 +5,14 @@
 
 namespace quorveld::platform {
 
-/// The process whose names a key holds, and its user; without a pid it is the daemon's own.
+/// The process whose names a key holds, and its user; without a pid it is the daemon's own. The names again,
+/// each on its own, for services that tell keys apart by them: empty where a key holds none.
 struct KeyOwner {
   uint32_t uid = 0;
   int32_t pid = 0;
+  std::string_view hang = {};
+  std::string_view bundle = {};
+  std::string_view process = {};
 };
 
 /// The analytics counter service. Calls return at once and never fail upwards; keys may hold a client's text,

@@ -163,6 +163,8 @@ TEST(Activations, TheDailyMaximumHolds) {
   world.begin();
   for (int pid = 1; pid <= 3; ++pid) world.activate(pid, "app", 100ms);
   EXPECT_EQ(world.powerLog.events.size(), 2u);
+  EXPECT_EQ(world.analytics.distributions["com.corvix.quorvel.QVLaunch.app"].size(),
+            3u);  // counted all the same
   EXPECT_TRUE(world.logged(Level::standard,
                            "QVActivationStats: Activation not recorded for:app StartState:Foreground "
                            "EndState:Foreground Number Of Activations:2"));

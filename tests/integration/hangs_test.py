@@ -39,7 +39,8 @@ class SampleApplication(ScratchTest):
         # The counters reach the file within a second.
         counters = daemon.root / "var/lib/quorveld/quorveld.prom"
         until(lambda: counters.exists() and re.search(
-            r'quorveld_distribution_ms_count\{key="com\.corvix\.quorvel\.MainThread\.com\.corvix\.quorvel\.sample"\} 1\n',
+            r'quorveld_distribution_ms_count\{key="com\.corvix\.quorvel\.MainThread\.com\.corvix\.quorvel\.sample"'
+            r',hang="MainThread",bundle="com\.corvix\.quorvel\.sample",process="quorvel-sample"\} 1\n',
             counters.read_text()), "the hang's duration in the counters")
 
     def test_an_application_in_python_needs_no_library(self):
@@ -77,7 +78,7 @@ class SampleApplication(ScratchTest):
         self.assertIn("quorvel-sample Log credits: 1 -> 0", daemon.log())
         self.assertIn(len(daemon.reports()), (4, 5))
         counters = daemon.root / "var/lib/quorveld/quorveld.prom"
-        until(lambda: f'QVLogsMissedDueToProcessLimit.quorvel-sample"}} {refused}\n' in counters.read_text(),
+        until(lambda: f'QVLogsMissedDueToProcessLimit.quorvel-sample",process="quorvel-sample"}} {refused}\n' in counters.read_text(),
               "the refusals' count")
 
     def test_a_killed_application_is_watched_no_longer(self):

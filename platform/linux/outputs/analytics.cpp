@@ -1,8 +1,14 @@
 #include "platform/linux/outputs/analytics.h"
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <utility>
 
 #include "platform/linux/base/file_bytes.h"
@@ -14,7 +20,41 @@ namespace quorveld::linux_platform {
 namespace {
 
 constexpr std::chrono::seconds kWriteDelay(1);
+constexpr char kSpool[] = "/var/root/Library/Caches/quorveld/spool";
+constexpr char kLaunchLog[] = "/var/log/quorveld/activations.jsonl";
 constexpr std::string_view kOtherKey = "(other)";
+
+KeyLabels labelsOf(const platform::KeyOwner& owner) {
+  const auto cut = [](std::string_view name) { return std::string(name.substr(0, kMaxAnalyticsKeyBytes)); };
+  return {cut(owner.hang), cut(owner.bundle), cut(owner.process)};
+}
+
+uint64_t sizeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+/// Looks at /proc and at folders: off the work queue.
+OwnFigures ownFigures() {
+  OwnFigures own;
+  for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+    rusage usage{};
+    ::getrusage(who, &usage);
+    for (const timeval& time : {usage.ru_utime, usage.ru_stime})
+      own.cpuSeconds += static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  }
+  uint64_t pages = 0, residentPages = 0;
+  if (std::ifstream("/proc/self/statm") >> pages >> residentPages)
+    own.residentBytes = residentPages * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  std::error_code error;
+  for (std::filesystem::directory_iterator file(rooted(kSpool), error), end; !error && file != end;
+       file.increment(error)) {
+    ++own.spoolReports;
+    own.spoolBytes += sizeOf(file->path());
+  }
+  own.launchLogBytes = sizeOf(rooted(kLaunchLog)) + sizeOf(rooted(kLaunchLog) + ".1");
+  return own;
+}
 
 }  // namespace
 
@@ -64,8 +104,12 @@ typename std::map<std::string, Value, std::less<>>::iterator LinuxAnalytics::ent
   if (const auto old = values.find(givenUp); old != values.end()) {
     values[std::string(kOtherKey)] += old->second;
     values.erase(old);
+    metrics_.labels.erase(givenUp);
   }
-  return values.try_emplace(std::string(admitted ? key : kOtherKey)).first;
+  const auto entry = values.try_emplace(std::string(admitted ? key : kOtherKey)).first;
+  const bool holdsNames = !owner.hang.empty() || !owner.bundle.empty() || !owner.process.empty();
+  if (admitted && holdsNames) metrics_.labels.insert_or_assign(entry->first, labelsOf(owner));
+  return entry;
 }
 
 void LinuxAnalytics::setScalar(std::string_view key, int64_t value) {
@@ -119,8 +163,8 @@ void LinuxAnalytics::write() {
 
 bool LinuxAnalytics::tryWrite() {
   return writer_.tryPost(
-      [path = rooted("/var/lib/quorveld/quorveld.prom"), text = prometheusText(metrics_)] {
-        return replaceFile(path, text, Durability::cached);
+      [path = rooted("/var/lib/quorveld/quorveld.prom"), metrics = metrics_] {
+        return replaceFile(path, prometheusText(metrics, ownFigures()), Durability::cached);
       },
       [this](std::error_code error) { written(error); });
 }

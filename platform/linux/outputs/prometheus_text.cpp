@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <string_view>
+#include <utility>
 
 #include "platform/linux/base/utf8.h"
 
@@ -33,8 +34,20 @@ void appendFamily(std::string& text, const char* name, const char* type, const c
   text.append("# TYPE ").append(name).append(" ").append(type).append("\n");
 }
 
-void appendHistogram(std::string& text, const std::string& key, const Distribution& distribution) {
-  const std::string label = "{key=\"" + labelValue(key) + "\"";
+/// "{key=…" with the names that it holds, without the closing brace.
+std::string labelsOf(const Metrics& metrics, const std::string& key) {
+  std::string text = "{key=\"" + labelValue(key) + '"';
+  const auto found = metrics.labels.find(key);
+  if (found == metrics.labels.end()) return text;
+  const KeyLabels& labels = found->second;
+  for (const auto& [name, value] : {std::pair("hang", &labels.hang), std::pair("bundle", &labels.bundle),
+                                    std::pair("process", &labels.process)}) {
+    if (!value->empty()) text.append(",").append(name).append("=\"" + labelValue(*value) + '"');
+  }
+  return text;
+}
+
+void appendHistogram(std::string& text, const std::string& label, const Distribution& distribution) {
   uint64_t upTo = 0;
   for (size_t i = 0; i < distribution.buckets.size(); ++i) {
     upTo += distribution.buckets[i];
@@ -47,10 +60,27 @@ void appendHistogram(std::string& text, const std::string& key, const Distributi
 }
 
 template <typename Values>
-void appendValues(std::string& text, const char* name, const Values& values) {
+void appendValues(std::string& text, const char* name, const Metrics& metrics, const Values& values) {
   for (const auto& [key, value] : values) {
-    text.append(name).append("{key=\"" + labelValue(key) + "\"} " + std::to_string(value) + "\n");
+    text.append(name).append(labelsOf(metrics, key) + "} " + std::to_string(value) + "\n");
   }
+}
+
+void appendOwn(std::string& text, const OwnFigures& own) {
+  const auto append = [&text](const char* name, const char* type, const char* help, double value) {
+    appendFamily(text, name, type, help);
+    text.append(name).append(" ").append(number(value)).append("\n");
+  };
+  append("quorveld_cpu_seconds_total", "counter",
+         "CPU time of the daemon, and of the processes that it started and that have ended.", own.cpuSeconds);
+  append("quorveld_resident_bytes", "gauge", "Resident memory of the daemon.",
+         static_cast<double>(own.residentBytes));
+  append("quorveld_spool_reports", "gauge", "Trace reports in the spool.",
+         static_cast<double>(own.spoolReports));
+  append("quorveld_spool_bytes", "gauge", "Size of the trace reports in the spool.",
+         static_cast<double>(own.spoolBytes));
+  append("quorveld_launch_log_bytes", "gauge", "Size of the log of launches.",
+         static_cast<double>(own.launchLogBytes));
 }
 
 }  // namespace
@@ -69,21 +99,23 @@ Distribution& Distribution::operator+=(const Distribution& other) {
   return *this;
 }
 
-std::string prometheusText(const Metrics& metrics) {
+std::string prometheusText(const Metrics& metrics, const OwnFigures& own) {
   std::string text;
   appendFamily(text, "quorveld_build_info", "gauge", "Always 1; the label is the daemon's version.");
   text += "quorveld_build_info{version=\"" QUORVELD_VERSION "\"} 1\n";
+  appendOwn(text, own);
   if (!metrics.scalars.empty()) {
     appendFamily(text, "quorveld_scalar", "gauge", "The value last set under the key.");
-    appendValues(text, "quorveld_scalar", metrics.scalars);
+    appendValues(text, "quorveld_scalar", metrics, metrics.scalars);
   }
   if (!metrics.counters.empty()) {
     appendFamily(text, "quorveld_counter_total", "counter", "What was added under the key since the start.");
-    appendValues(text, "quorveld_counter_total", metrics.counters);
+    appendValues(text, "quorveld_counter_total", metrics, metrics.counters);
   }
   if (!metrics.distributions.empty()) {
     appendFamily(text, "quorveld_distribution_ms", "histogram", "Durations reported under the key.");
-    for (const auto& [key, distribution] : metrics.distributions) appendHistogram(text, key, distribution);
+    for (const auto& [key, distribution] : metrics.distributions)
+      appendHistogram(text, labelsOf(metrics, key), distribution);
   }
   return text;
 }

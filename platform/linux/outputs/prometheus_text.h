@@ -21,8 +21,25 @@ struct Distribution {
   Distribution& operator+=(const Distribution& other);
 };
 
+/// The names that a key holds, each on its own.
+struct KeyLabels {
+  std::string hang;
+  std::string bundle;
+  std::string process;
+};
+
+/// What the daemon itself takes, and the files that it keeps.
+struct OwnFigures {
+  double cpuSeconds = 0;
+  uint64_t residentBytes = 0;
+  uint64_t spoolReports = 0;
+  uint64_t spoolBytes = 0;
+  uint64_t launchLogBytes = 0;
+};
+
 /// Everything that analytics has been told, by key.
 struct Metrics {
+  std::map<std::string, KeyLabels, std::less<>> labels;  ///< of keys that hold names
   std::map<std::string, int64_t, std::less<>> scalars;
   std::map<std::string, uint64_t, std::less<>> counters;
   std::map<std::string, Distribution, std::less<>> distributions;
@@ -31,6 +48,7 @@ struct Metrics {
 /// `metrics` in Prometheus's text format 0.0.4: the families quorveld_build_info, and, where there are
 /// any, quorveld_scalar, quorveld_counter_total and quorveld_distribution_ms with a label `key` for the key.
 /// Keys are written as well-formed UTF-8.
-std::string prometheusText(const Metrics& metrics);
+/// The names in a key are labels beside it. `own` is told in families of its own.
+std::string prometheusText(const Metrics& metrics, const OwnFigures& own);
 
 }  // namespace quorveld::linux_platform

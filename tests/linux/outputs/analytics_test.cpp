@@ -47,7 +47,8 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
   metrics.scalars["a\"b\\c\nd\xff\xed\xa0\x80"] = -5;
   metrics.counters["hängt"] = std::numeric_limits<uint64_t>::max();
   for (const double value : {-1.0, 50.0, 50.5, 300000.0, 300001.0}) metrics.distributions["d"].add(value);
-  const std::string text = prometheusText(metrics);
+  metrics.labels["d"] = {.hang = "Main\"Thread", .bundle = "", .process = "viewer"};
+  const std::string text = prometheusText(metrics, {.cpuSeconds = 1.5, .spoolBytes = 70});
   const std::string bad = "\xEF\xBF\xBD";
   const auto has = [&](const std::string& line) {
     return text.find("\n" + line + "\n") != std::string::npos;
@@ -57,13 +58,21 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
   EXPECT_TRUE(has("# TYPE quorveld_counter_total counter"));
   EXPECT_TRUE(has("quorveld_counter_total{key=\"hängt\"} 18446744073709551615"));
   EXPECT_TRUE(has("# TYPE quorveld_distribution_ms histogram"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"50\"} 2"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"100\"} 3"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"3e+05\"} 4"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_bucket{key=\"d\",le=\"+Inf\"} 5"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_sum{key=\"d\"} 600100.5"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_count{key=\"d\"} 5")) << text;
-  EXPECT_EQ(prometheusText({}).find("key="), std::string::npos);
+  EXPECT_TRUE(has(
+      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"50\"} 2"));
+  EXPECT_TRUE(has(
+      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"100\"} 3"));
+  EXPECT_TRUE(has(
+      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"3e+05\"} 4"));
+  EXPECT_TRUE(has(
+      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"+Inf\"} 5"));
+  EXPECT_TRUE(
+      has("quorveld_distribution_ms_sum{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 600100.5"));
+  EXPECT_TRUE(has("quorveld_distribution_ms_count{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 5"))
+      << text;
+  EXPECT_TRUE(has("quorveld_cpu_seconds_total 1.5"));
+  EXPECT_TRUE(has("quorveld_spool_bytes 70"));
+  EXPECT_EQ(prometheusText({}, {}).find("key="), std::string::npos);
 }
 
 TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
