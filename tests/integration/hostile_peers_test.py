@@ -78,6 +78,15 @@ def lingering():
     return sender, keeps
 
 
+def connect_as(test, user):
+    """A peer of `test.scratch`. It is of this process: what a connection may, follows from the user that made it."""
+    os.seteuid(user)
+    try:
+        return test.peer(test.scratch)
+    finally:
+        os.seteuid(0)
+
+
 class BesideANeighbour(ScratchTest):
     """While clients hold their receivers up, their neighbours, of the same user even, wait for a moment."""
 
@@ -226,13 +235,7 @@ class Frozen(BesideANeighbour):
 
     def test_who_leaves_too_many_behind_is_not_served_until_they_have_ended(self):
         self.scratch.root.chmod(0o755)
-        # Of the same process: what a connection may, follows from the user that made it.
-        os.seteuid(NOBODY)
-        try:
-            attackers = [self.peer(self.scratch) for _ in range(4)]
-            waiting = self.peer(self.scratch)
-        finally:
-            os.seteuid(0)
+        *attackers, waiting = [connect_as(self, NOBODY) for _ in range(5)]
         for times, attacker in enumerate(attackers, 1):
             self.attack(attacker)
             self.assertLess(self.neighbour_waits_s(times, f"Ending the receiver of user {NOBODY}, which was held up"), 0.25)
@@ -245,6 +248,20 @@ class Frozen(BesideANeighbour):
         self.scratch.wait_for("patient")
         until(lambda: not self.left_behind(), "the end of those left behind")
 
+    def test_a_range_of_users_leaves_no_more_behind_than_there_is_room_for(self):
+        self.scratch.root.chmod(0o755)
+        most = 64  # kMaxReceiversLeftBehindOfAll
+        for times in range(1, most + 1):
+            self.attack(connect_as(self, FIRST_USER + (times - 1) // 4))
+            self.assertLess(self.neighbour_waits_s(times, "Ending the receiver of user 7"), 0.25)
+        until(lambda: len(self.left_behind()) == most, "all of them in state D")
+        with self.assertRaises(ConnectionError):
+            connect_as(self, FIRST_USER + most)
+        self.assertLess(self.answer_s(), 0.25)
+        self.files.thaw()
+        until(lambda: not self.left_behind(), "their end")
+        connect_as(self, FIRST_USER + most)
+
 
 class Users(ScratchTest):
     MOST = 64  # kMaxUsers
@@ -255,24 +272,17 @@ class Users(ScratchTest):
         self.scratch = self.daemon()
         self.scratch.root.chmod(0o755)
 
-    def connect(self, user):
-        os.seteuid(user)
-        try:
-            return self.peer(self.scratch)
-        finally:
-            os.seteuid(0)
-
     def receivers(self):
         pid = self.scratch.process.pid
         return len(pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split())
 
     def test_one_user_too_many_costs_those_who_are_there_nothing_and_none_leaves_a_process(self):
-        peers = [self.connect(FIRST_USER + i) for i in range(self.MOST)]
+        peers = [connect_as(self, FIRST_USER + i) for i in range(self.MOST)]
         refused = FIRST_USER + self.MOST
         with self.assertRaises(ConnectionError):
-            self.connect(refused)
+            connect_as(self, refused)
         self.scratch.wait_for(f"Refused 1 connections, the last one of user {refused} with 0 of {self.MOST}")
-        peers.append(self.connect(0))
+        peers.append(connect_as(self, 0))
         for number, peer in enumerate(peers):
             peer.send(command=6, name=Int64(number), startTime=Int64(1))
         self.scratch.wait_for("QVFenceTracking: Fence begin", self.MOST + 1)
@@ -280,12 +290,12 @@ class Users(ScratchTest):
         for peer in peers:
             peer.close()
         until(lambda: self.receivers() == 0, "the end of all receivers")
-        self.connect(refused)
+        connect_as(self, refused)
 
     def test_users_that_come_one_after_the_other_leave_no_more_receivers_than_users_may_be_there(self):
         most = 0
         for i in range(3 * self.MOST):
-            self.connect(FIRST_USER + i).close()
+            connect_as(self, FIRST_USER + i).close()
             most = max(most, self.receivers())
         # A few are about to end.
         self.assertLess(most, 2 * self.MOST)
