@@ -129,7 +129,7 @@ OrderedJson nowJson(const MemoryNow& now, const NowLayout& layout) {
   return json;
 }
 
-/// Shows the moment; the rows, to compare the next one with. Nothing when it can't be read, as told.
+/// Tells of this moment; the rows, to compare the next one with. Nothing when it can't be read, as told.
 std::optional<std::vector<NowRow>> showNow(Context& context, NowLayout layout,
                                            const std::vector<NowRow>* before) {
   std::string error;
