@@ -30,9 +30,11 @@ int run(const std::vector<std::string>& arguments) {
   const FileText reason = readOn(STDIN_FILENO, kMaxHeaderBytes + 1);
   const std::optional<Order> order = readOrder(reason.text, arguments);
   if (!order) return kOtherVersion;
+  const Report report = makeReport(order->request, order->notLooking);
+  limitReport();
   ReportFile file(STDOUT_FILENO);
   JsonWriter json(file);
-  writeReport(makeReport(order->request, order->notLooking), json);
+  writeReport(report, json);
   file.write('\n');
   return file.finish() ? 0 : kFailed;
 }

@@ -73,11 +73,14 @@ void limitResources() {
   limit(RLIMIT_CPU, static_cast<size_t>(kMaxCpuTime.count()));
   limit(RLIMIT_NOFILE, kMaxDescriptors);
   limit(RLIMIT_CORE, 0);
-  limit(RLIMIT_FSIZE, kMaxReportBytes);  // the caller's may be lower: its file is not written here
   constexpr std::string_view kFirstToGo = "1000";
   const UniqueFd score(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
   if (score) [[maybe_unused]]
     const ssize_t written = write(score.get(), kFirstToGo.data(), kFirstToGo.size());
+}
+
+void limitReport() {
+  limit(RLIMIT_FSIZE, kMaxReportBytes);  // the caller's may be lower: its file is not written here
 }
 
 void closeAllBut(std::span<const int> kept) {

@@ -13,6 +13,10 @@ void keepRightsToLook();
 /// files, and makes them the first that the kernel ends when memory runs out.
 void limitResources();
 
+/// Limits what is written from now on. What the flight recorder's pages are kept in grows without end, and is
+/// mostly a hole: nobody could add to it any more.
+void limitReport();
+
 /// Closes all descriptors but these, which are in ascending order.
 void closeAllBut(std::span<const int> kept);
 
