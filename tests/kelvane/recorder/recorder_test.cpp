@@ -189,6 +189,21 @@ TEST_F(Recorder, SurvivesWhateverItsFolderHolds) {
   EXPECT_FALSE(readAll().events.empty());
 }
 
+TEST_F(Recorder, ServesReportsAfterAnyNumberOfThem) {
+  if (const std::string error = start(); !error.empty()) GTEST_SKIP() << error;
+  readAll();
+  // What many reports leave: a hole as long as all that they took, and pages behind it.
+  constexpr uintmax_t kTaken = uintmax_t{8} << 30;
+  for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+    if (entry.path().filename().string().starts_with("cpu"))
+      std::filesystem::resize_file(entry.path(), kTaken);
+  }
+  const kelvane_test::HangTarget victim("kinds");
+  const kelvane_test::Dump dump = kelvane_test::dumpOf(victim.pid(), victim.thread());
+  EXPECT_EQ(dump.whyLeftOut("process"), "");
+  EXPECT_EQ(dump.whyLeftOut("flight recorder"), "");
+}
+
 TEST_F(Recorder, TellsAnOrdinaryUserThatTracingIsNotForHim) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root, to have privileges to drop";
   if (const std::string error = start(); !error.empty()) GTEST_SKIP() << error;
