@@ -111,5 +111,7 @@ inline constexpr size_t kMaxMarksDrawn = 1'000;
 inline constexpr size_t kMaxHeaderBytes = size_t{1024} * 1024;
 inline constexpr int kMaxHeaderDepth = 64;
 inline constexpr size_t kMaxProcFileBytes = size_t{64} * 1024;
+/// Control groups that are asked for their limits, from the process's own upwards.
+inline constexpr size_t kMaxGroupDepth = 16;
 
 }  // namespace kelvane

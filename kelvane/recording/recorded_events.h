@@ -15,10 +15,11 @@ struct EventSource {
   /// What the kernel is to keep out of the buffer; null: it records all.
   const char* filter;
   std::array<const char*, 5> fields;
-  /// Linux 6.1 has none, and reports go without: `kelvanectl start` says so once, and no report again.
-  bool isNew = false;
+  /// Some kernels have none, and reports go without: `kelvanectl start` says so once, and no report again.
+  bool isOptional = false;
 };
 
+/// Timers are told apart by the function that they call; Linux 6.1 takes no such filter.
 /// sched_waking, not sched_wakeup: it is recorded on the CPU and in the context of the one who wakes.
 /// signal_generate, not signal_deliver: it knows the sender. Result 0: neither ignored nor pending already.
 inline constexpr EventSource kEventSources[] = {
@@ -28,6 +29,19 @@ inline constexpr EventSource kEventSources[] = {
      nullptr,
      {"prev_pid", "prev_state", "prev_comm", "next_pid", "next_comm"}},
     {RecordedKind::wakeup, "sched", "sched_waking", nullptr, {"pid", "comm", "common_flags"}},
+    // Both kinds of timers, of which only those that end a thread's sleep are recorded.
+    {RecordedKind::timeOut,
+     "timer",
+     "hrtimer_expire_entry",
+     "function.function == hrtimer_wakeup",
+     {},
+     /*isOptional=*/true},
+    {RecordedKind::timeOut,
+     "timer",
+     "timer_expire_entry",
+     "function.function == process_timeout",
+     {},
+     /*isOptional=*/true},
     {RecordedKind::blockIssue, "block", "block_rq_issue", nullptr, {"dev", "sector", "bytes", "rwbs"}},
     {RecordedKind::blockComplete,
      "block",
@@ -35,9 +49,17 @@ inline constexpr EventSource kEventSources[] = {
      nullptr,
      {"dev", "sector", "nr_sector", "rwbs"}},
     {RecordedKind::signal, "signal", "signal_generate", "result == 0", {"pid", "sig"}},
-    {RecordedKind::fileFault, "filemap", "mm_filemap_fault", nullptr, {"s_dev", "i_ino"}, /*isNew=*/true},
+    {RecordedKind::fileFault,
+     "filemap",
+     "mm_filemap_fault",
+     nullptr,
+     {"s_dev", "i_ino"},
+     /*isOptional=*/true},
     {RecordedKind::reclaimBegin, "vmscan", "mm_vmscan_direct_reclaim_begin", nullptr, {}},
     {RecordedKind::reclaimEnd, "vmscan", "mm_vmscan_direct_reclaim_end", nullptr, {}},
+    // The same for the memory of a control group.
+    {RecordedKind::reclaimBegin, "vmscan", "mm_vmscan_memcg_reclaim_begin", nullptr, {}, /*isOptional=*/true},
+    {RecordedKind::reclaimEnd, "vmscan", "mm_vmscan_memcg_reclaim_end", nullptr, {}, /*isOptional=*/true},
     {RecordedKind::suspendBegin, "power", "suspend_resume", "action == \"machine_suspend\"", {"start"}},
     // Always on: what is written to trace_marker.
     {RecordedKind::mark, "ftrace", "print", nullptr, {"buf"}},

@@ -14,6 +14,7 @@ namespace kelvane {
 enum class RecordedKind : uint8_t {
   contextSwitch,  // tid leaves the CPU in `state`, other takes it
   wakeup,         // tid wakes other; `state` 'i': an interrupt on top of tid did, else 'R'
+  timeOut,        // an interrupt on top of tid finds a thread's time to sleep over; it wakes it next
   // A request goes to `device`: `bytes`, sector `value`, `state` 'R' read, 'W' write, 'F' flush, 'D' discard,
   // '?'.
   blockIssue,

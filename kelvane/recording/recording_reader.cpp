@@ -76,7 +76,7 @@ EventDecoder makeDecoder(int instance, Recording& recording) {
   for (const EventSource& source : kEventSources) {
     const std::string path = std::string("events/") + source.system + "/" + source.name + "/format";
     const FileText format = readFileAt(instance, path.c_str(), kMaxProcFileBytes);
-    if (source.isNew && format.error == ENOENT) continue;
+    if (source.isOptional && format.error == ENOENT) continue;
     if (!decoder.add(source, format.text)) {
       recording.omissions.push_back({std::string("event ") + source.name + " of the flight recorder",
                                      format.error ? errorText(format.error) : "the kernel's is another one"});

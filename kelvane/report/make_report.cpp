@@ -9,6 +9,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/capture/capture_worker.h"
 #include "kelvane/capture/process_scan.h"
+#include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/thread_process.h"
 #include "kelvane/timeline/missing_switches.h"
 #include "kelvane/verdict/judge.h"
@@ -29,11 +30,13 @@ Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
 }
 
 /// Nothing for a hang that is yet to come.
-std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, const Pressure& pressure) {
+std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, const Pressure& pressure,
+                                 const Surroundings& before, const Surroundings& after) {
   uint64_t fromNs = nsOfTicks(hang.start);
   uint64_t toNs = std::min(nsOfTicks(hang.end), report.capturedAtNs);
   if (fromNs >= toNs) return std::nullopt;
-  return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, findProcess});
+  return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, before, after,
+                findProcess});
 }
 
 }  // namespace
@@ -45,6 +48,10 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
   Deadline deadline(kCaptureBudget);
   report.request = std::move(asked);
   const DumpRequest& request = report.request;
+  const auto surroundings = [&] {
+    return request.pid ? readSurroundings(*request.pid, request.threadId) : Surroundings{};
+  };
+  const Surroundings before = surroundings();
   std::optional<CaptureWorker> worker;
   if (request.pid && notLooking.empty())
     worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
@@ -55,7 +62,7 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
     report.process.pid = *request.pid;
     report.process.omissions.push_back({"process", notLooking});
   }
-  if (request.hang) report.verdict = verdictOn(*request.hang, report, pressure);
+  if (request.hang) report.verdict = verdictOn(*request.hang, report, pressure, before, surroundings());
   report.captureNs = monotonicNs() - report.capturedAtNs;
   return report;
 }

@@ -96,9 +96,23 @@ void RecorderTracks::leaveOut(const char* what, size_t drawn, size_t all) {
 }
 
 std::string RecorderTracks::nameOf(int32_t tid) const {
-  if (tid == 0) return "an interrupt on an idle CPU";
   auto name = recording_.threadNames.find(tid);
   return name == recording_.threadNames.end() ? "thread " + std::to_string(tid) : name->second;
+}
+
+std::string RecorderTracks::wakerName(const StateSpan& sleep) const {
+  switch (sleep.end) {
+    case SleepEnd::thread:
+      return nameOf(sleep.wokenBy);
+    case SleepEnd::timeOut:
+      return "a time-out";
+    case SleepEnd::disk:
+      return "a disk request";
+    case SleepEnd::interrupt:
+    case SleepEnd::open:
+      break;
+  }
+  return "an interrupt";
 }
 
 void RecorderTracks::writeEvents(JsonWriter& json) const {
@@ -137,8 +151,8 @@ void RecorderTracks::writeStates(JsonWriter& json) const {
     json.member("cat", "state");
     writeTimes(json, span.fromNs, span.toNs);
     json.endObject();
-    if (span.wokenBy == StateSpan::kNobody) continue;
-    writeInstant(json, "woken by " + nameOf(span.wokenBy), "wakeup", pid, kStatesTrack, span.toNs);
+    if (span.end == SleepEnd::open) continue;
+    writeInstant(json, "woken by " + wakerName(span), "wakeup", pid, kStatesTrack, span.toNs);
   }
 }
 

@@ -29,6 +29,7 @@ class RecorderTracks {
   void writeStates(JsonWriter& json) const;
   void writeMarks(JsonWriter& json) const;
   std::string nameOf(int32_t tid) const;
+  std::string wakerName(const StateSpan& sleep) const;
 
   const Recording& recording_;
   const ProcessCapture& process_;

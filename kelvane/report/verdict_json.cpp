@@ -41,12 +41,40 @@ void writeWaits(JsonWriter& json, const std::vector<Wait>& waits) {
     json.memberMilliseconds("durationMs", wait.toNs - wait.fromNs);
     json.member("state", threadStateName(wait.state));
     if (!wait.waitChannel.empty()) json.member("waitChannel", std::string_view(wait.waitChannel));
+    if (const char* end = sleepEndName(wait.end)) json.member("endedBy", end);
     if (wait.wokenBy) {
       json.key("wokenBy");
       json.beginObject();
       writeNames(json, *wait.wokenBy);
       json.endObject();
     }
+    json.endObject();
+  }
+  json.endArray();
+}
+
+void writePhases(JsonWriter& json, const std::vector<Phase>& phases) {
+  json.key("phases");
+  json.beginArray();
+  for (const Phase& phase : phases) {
+    json.beginObject();
+    json.member("cause", causeName(phase.cause));
+    if (phase.state != ThreadState::unknown) json.member("state", threadStateName(phase.state));
+    json.memberMilliseconds("durationMs", phase.ns);
+    json.endObject();
+  }
+  json.endArray();
+}
+
+void writeWakers(JsonWriter& json, const std::vector<Waker>& wakers) {
+  json.key("wakers");
+  json.beginArray();
+  for (const Waker& waker : wakers) {
+    json.beginObject();
+    if (const char* end = sleepEndName(waker.end)) json.member("endedBy", end);
+    if (waker.thread) writeNames(json, *waker.thread);
+    json.member("sleeps", waker.sleeps);
+    json.memberMilliseconds("sleptMs", waker.sleptNs);
     json.endObject();
   }
   json.endArray();
@@ -93,7 +121,9 @@ void writeVerdict(JsonWriter& json, const Verdict& verdict) {
   json.member("sentence", std::string_view(verdict.sentence));
   writeEvidence(json, verdict);
   if (verdict.spent) writeSpent(json, *verdict.spent);
+  writePhases(json, verdict.phases);
   writeWaits(json, verdict.waits);
+  writeWakers(json, verdict.wakers);
   if (verdict.lockOwner) {
     json.key("lock");
     json.beginObject();

@@ -25,6 +25,52 @@ ThreadState stateOfLetter(char letter) {
   }
 }
 
+/// Tells who wakes, by what the CPU that a wake-up is recorded on recorded before it.
+class WakeUps {
+ public:
+  void take(const RecordedEvent& event) {
+    if (event.cpu >= cpus_.size()) cpus_.resize(size_t{event.cpu} + 1);
+    Cpu& cpu = cpus_[event.cpu];
+    if (event.kind == RecordedKind::timeOut || event.kind == RecordedKind::blockComplete) {
+      cpu = {event.kind, event.atNs};
+    } else if (event.kind != RecordedKind::wakeup || cpu.last == RecordedKind::timeOut) {
+      // One request can be waited for by many; a time-out wakes one thread.
+      cpu = {};
+    }
+  }
+
+  /// Notes in `sleep` what the wake-up, which has not been taken yet, says of its end.
+  void note(const RecordedEvent& wakeup, StateSpan& sleep) const {
+    if (wakeup.state != 'i' && wakeup.tid != 0) {
+      sleep.end = SleepEnd::thread;
+      sleep.wokenBy = wakeup.tid;
+      sleep.wokenOnCpu = wakeup.cpu;
+      return;
+    }
+    sleep.end = SleepEnd::interrupt;
+    if (wakeup.cpu >= cpus_.size()) return;
+    const Cpu& cpu = cpus_[wakeup.cpu];
+    const uint64_t sinceNs = wakeup.atNs - cpu.atNs;
+    if (cpu.last == RecordedKind::timeOut && sinceNs <= kTimeOutReachNs) sleep.end = SleepEnd::timeOut;
+    if (cpu.last == RecordedKind::blockComplete && sinceNs <= kCompletionReachNs) {
+      sleep.end = SleepEnd::disk;
+      sleep.requestEndNs = cpu.atNs;
+    }
+  }
+
+ private:
+  /// How long after the event its interrupt may still wake threads because of it. A time-out's sleeper comes
+  /// at once, those who wait for a request after all of its pages have been seen to.
+  static constexpr uint64_t kTimeOutReachNs = 50'000;
+  static constexpr uint64_t kCompletionReachNs = 1'000'000;
+
+  struct Cpu {
+    RecordedKind last = RecordedKind::contextSwitch;
+    uint64_t atNs = 0;
+  };
+  std::vector<Cpu> cpus_;
+};
+
 /// Follows one thread through its events. An event that can't follow the state before it means that events
 /// were lost: the time since the last one becomes unknown.
 class Follower {
@@ -38,6 +84,7 @@ class Follower {
     } else if (event.kind == RecordedKind::wakeup && event.other == tid_) {
       woken(event);
     }
+    wakeUps_.take(event);
   }
 
   std::vector<StateSpan> finish(uint64_t toNs, char stateAfterwards) {
@@ -49,8 +96,8 @@ class Follower {
   }
 
  private:
-  void close(uint64_t atNs, ThreadState state, int32_t cpu = -1, int32_t wokenBy = StateSpan::kNobody) {
-    if (atNs > sinceNs_) spans_.push_back({sinceNs_, atNs, state, cpu, wokenBy});
+  void close(uint64_t atNs, ThreadState state, int32_t cpu = -1) {
+    if (atNs > sinceNs_) spans_.push_back({.fromNs = sinceNs_, .toNs = atNs, .state = state, .cpu = cpu});
     sinceNs_ = atNs;
   }
 
@@ -89,8 +136,10 @@ class Follower {
     }
     if (state_ == ThreadState::runnable) return;
     // Of a sleep that began before the coverage the kind is not known.
-    close(event.atNs, state_.value_or(ThreadState::unknown), -1, event.tid);
+    const bool lasted = event.atNs > sinceNs_;
+    close(event.atNs, state_.value_or(ThreadState::unknown));
     state_ = ThreadState::runnable;
+    if (lasted) wakeUps_.note(event, spans_.back());
   }
 
   const int32_t tid_;
@@ -98,6 +147,7 @@ class Follower {
   std::optional<ThreadState> state_;
   int32_t cpu_ = -1;
   bool wokenWhileRunning_ = false;
+  WakeUps wakeUps_;
   std::vector<StateSpan> spans_;
 };
 
@@ -109,6 +159,11 @@ const char* threadStateName(ThreadState state) {
   return kNames[static_cast<size_t>(state)];
 }
 
+const char* sleepEndName(SleepEnd end) {
+  constexpr std::array<const char*, 5> kNames = {nullptr, "thread", "time-out", "disk", "interrupt"};
+  return kNames[static_cast<size_t>(end)];
+}
+
 std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, char stateAfterwards) {
   uint64_t coveredFromNs = std::clamp(recording.coveredFromNs, recording.fromNs, recording.toNs);
   Follower follower(tid, coveredFromNs);
@@ -116,7 +171,8 @@ std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, c
     if (event.atNs >= coveredFromNs) follower.take(event);
   }
   std::vector<StateSpan> spans = follower.finish(recording.toNs, stateAfterwards);
-  if (coveredFromNs > recording.fromNs) spans.insert(spans.begin(), {recording.fromNs, coveredFromNs});
+  if (coveredFromNs > recording.fromNs)
+    spans.insert(spans.begin(), {.fromNs = recording.fromNs, .toNs = coveredFromNs});
   return spans;
 }
 

@@ -14,6 +14,18 @@ enum class ThreadState : uint8_t { running, runnable, sleeping, uninterruptible,
 /// "running", "runnable", …
 const char* threadStateName(ThreadState state);
 
+/// What ended a sleep or a stop.
+enum class SleepEnd : uint8_t {
+  open,       // it has not ended, or that is not known
+  thread,     // a thread did
+  timeOut,    // the time that the sleeper had given itself was over
+  disk,       // a request of a block device came back
+  interrupt,  // another one: of a device, the network, the clock
+};
+
+/// "thread", "time-out", …; null for `open`.
+const char* sleepEndName(SleepEnd end);
+
 /// A stretch of time that a thread spent in one state.
 struct StateSpan {
   static constexpr int32_t kNobody = -1;
@@ -23,9 +35,12 @@ struct StateSpan {
   ThreadState state = ThreadState::unknown;
   /// The CPU that it ran on, or that took it after it had been runnable; -1 if that is not known.
   int32_t cpu = -1;
-  /// Whom the CPU ran that ended this sleep or stop: the thread that did it or that an interrupt came upon
-  /// (0: the idle task). kNobody: it has not ended, or that is not known.
+  SleepEnd end = SleepEnd::open;
+  /// The thread that ended it, and where that ran; kNobody and -1 if it was no thread. Whom an interrupt came
+  /// upon has nothing to do with it.
   int32_t wokenBy = kNobody;
+  int32_t wokenOnCpu = -1;
+  uint64_t requestEndNs = 0;  // when the request came back that ended it; 0: none did
 
   bool isAwake() const { return state == ThreadState::running || state == ThreadState::runnable; }
 };

@@ -17,18 +17,6 @@ constexpr size_t kMaxListed = 10;
 
 using TimeByThread = std::unordered_map<int32_t, uint64_t>;
 
-NamedThread namedThread(const Evidence& evidence, int32_t tid) {
-  NamedThread thread{tid, {}, 0, {}};
-  auto name = evidence.recording.threadNames.find(tid);
-  if (name != evidence.recording.threadNames.end()) thread.name = name->second;
-  if (tid == 0) {
-    thread.name = "an interrupt on an idle CPU";
-  } else if (evidence.findProcess) {
-    evidence.findProcess(thread);
-  }
-  return thread;
-}
-
 /// Whether the thread was as awake, or as asleep, at the end of the recording as at the end of the hang, and
 /// always between.
 bool isSameSince(const std::vector<StateSpan>& spans, uint64_t hangEndNs) {
@@ -57,14 +45,14 @@ std::vector<Wait> longestWaits(const Evidence& evidence, const std::vector<State
                     [&](auto* a, auto* b) { return length(a) > length(b); });
   std::vector<Wait> waits;
   for (auto span = candidates.begin(); span != end; ++span) {
-    Wait wait{std::max((*span)->fromNs, evidence.fromNs),
-              std::min((*span)->toNs, evidence.toNs),
-              (*span)->state,
-              {},
-              {}};
+    Wait wait;
+    wait.fromNs = std::max((*span)->fromNs, evidence.fromNs);
+    wait.toNs = std::min((*span)->toNs, evidence.toNs);
+    wait.state = (*span)->state;
+    wait.end = (*span)->end;
     bool isTheLast = *span == &spans.back() && findings.stillAsleep;
     if (isTheLast) wait.waitChannel = findings.thread->facts.waitChannel;
-    if ((*span)->wokenBy != StateSpan::kNobody) wait.wokenBy = namedThread(evidence, (*span)->wokenBy);
+    if (wait.end == SleepEnd::thread) wait.wokenBy = namedThread(evidence, (*span)->wokenBy);
     waits.push_back(std::move(wait));
   }
   return waits;
@@ -81,14 +69,21 @@ std::vector<BusyThread> busiestOf(const Evidence& evidence, const TimeByThread& 
   return busiest;
 }
 
+bool isOfProcess(const ProcessCapture& process, int32_t tid) {
+  return std::any_of(process.threads.begin(), process.threads.end(),
+                     [&](const ThreadCapture& thread) { return thread.facts.tid == tid; });
+}
+
 Competitors competitorsOf(const Evidence& evidence, const TimeByThread& times) {
-  std::map<std::string_view, Competitors> byName;
+  std::map<std::pair<bool, std::string_view>, Competitors> byName;
   Competitors most;
   for (const auto& [tid, ns] : times) {
     auto name = evidence.recording.threadNames.find(tid);
+    bool isOwn = isOfProcess(evidence.process, tid);
     Competitors& group =
-        byName[name == evidence.recording.threadNames.end() ? std::string_view() : name->second];
+        byName[{isOwn, name == evidence.recording.threadNames.end() ? std::string_view() : name->second}];
     if (group.count++ == 0 || ns > times.at(group.busiest.tid)) group.busiest.tid = tid;
+    group.areOwn = isOwn;
     group.runningNs += ns;
     if (group.runningNs > most.runningNs) most = group;
   }
@@ -123,17 +118,23 @@ void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Fi
   findings.competitors = competitorsOf(evidence, competing);
 }
 
+/// Where the thread waits at the recording's end, as far as the look tells.
+WaitPlace lastPlace(const Findings& findings) {
+  if (!findings.stillAsleep || findings.thread->facts.waitChannel.empty()) return WaitPlace::unknown;
+  return isForDisk(findings.kernelWait) ? WaitPlace::disk : WaitPlace::elsewhere;
+}
+
 void addDisk(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
+  const std::vector<DiskRequest> requests = diskRequests(evidence.recording);
   uint64_t coveredFromNs = std::max(evidence.fromNs, evidence.recording.coveredFromNs);
-  findings.disk = diskActivity(evidence.recording, std::min(coveredFromNs, evidence.toNs), evidence.toNs);
-  auto busy = findings.disk.busy.begin();
-  for (const StateSpan& span : spans) {
-    if (span.state != ThreadState::uninterruptible) continue;
-    while (busy != findings.disk.busy.end() && busy->second <= span.fromNs) ++busy;
-    for (auto at = busy; at != findings.disk.busy.end() && at->first < span.toNs; ++at) {
-      findings.diskWaitNs += sharedNs(span.fromNs, span.toNs, at->first, at->second);
-    }
-  }
+  findings.disk =
+      diskActivity(evidence.recording, requests, std::min(coveredFromNs, evidence.toNs), evidence.toNs);
+  if (!findings.thread) return;
+  int32_t hung = evidence.process.hungThread;
+  findings.diskWaits = diskWaits(evidence.recording, requests, hung, spans, lastPlace(findings),
+                                 evidence.fromNs, evidence.toNs);
+  if (findings.diskWaits.busiestOther)
+    findings.diskUser = namedThread(evidence, *findings.diskWaits.busiestOther);
 }
 
 /// Sums the time between begin and end events; either may lie outside of the recording.
@@ -166,11 +167,6 @@ class PairedTime {
   bool begun_ = false;
 };
 
-bool isOfProcess(const ProcessCapture& process, int32_t tid) {
-  return std::any_of(process.threads.begin(), process.threads.end(),
-                     [&](const ThreadCapture& thread) { return thread.facts.tid == tid; });
-}
-
 void addEvents(const Evidence& evidence, Findings& findings) {
   PairedTime reclaim(evidence);
   PairedTime suspend(evidence);
@@ -190,9 +186,28 @@ void addEvents(const Evidence& evidence, Findings& findings) {
   }
   findings.reclaimNs = reclaim.sumNs();
   findings.suspendNs = suspend.sumNs();
+  if (findings.stopSignal && findings.stopSignal->other != 0)
+    findings.stopSender = namedThread(evidence, findings.stopSignal->other);
+}
+
+/// What has become more between the two readings of the limits.
+void addLimits(const Evidence& evidence, Findings& findings) {
+  const GroupLimits& before = evidence.before.limits;
+  const GroupLimits& after = evidence.after.limits;
+  if (before.memory && after.memory && before.memory->group == after.memory->group)
+    findings.memoryLimitHit = after.memory->hits > before.memory->hits;
+  if (before.quota && after.quota && before.quota->group == after.quota->group)
+    findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;
+  if (findings.kernelWait == KernelWait::quota) findings.throttledAtLook = true;
 }
 
 }  // namespace
+
+bool isMemoryShort(const Pressure& pressure) {
+  // A machine with memory to spare shows below 1 %.
+  constexpr double kShortPercent = 20;
+  return pressure.memory && pressure.memory->some10 >= kShortPercent;
+}
 
 Findings findingsOf(const Evidence& evidence) {
   Findings findings;
@@ -206,11 +221,16 @@ Findings findingsOf(const Evidence& evidence) {
     bool same = isSameSince(spans, evidence.toNs);
     findings.stillAwake = same && spans.back().isAwake();
     findings.stillAsleep = same && !findings.stillAwake;
+    findings.kernelWait = kernelWait(findings.thread->facts);
+    if (findings.stillAsleep)
+      findings.lastSleepNs = sharedNs(spans.back().fromNs, spans.back().toNs, evidence.fromNs, evidence.toNs);
+    findings.sleeps = sleepsOf(evidence, spans, findings.stillAsleep);
     findings.waits = longestWaits(evidence, spans, findings);
   }
   addOthers(evidence, spans, findings);
   addDisk(evidence, spans, findings);
   addEvents(evidence, findings);
+  addLimits(evidence, findings);
   return findings;
 }
 

@@ -4,8 +4,11 @@
 #include <optional>
 #include <vector>
 
+#include "kelvane/timeline/disk_waits.h"
 #include "kelvane/verdict/evidence.h"
+#include "kelvane/verdict/kernel_wait.h"
 #include "kelvane/verdict/verdict.h"
+#include "kelvane/verdict/wakers.h"
 
 namespace kelvane {
 
@@ -13,6 +16,7 @@ namespace kelvane {
 /// it.
 struct Competitors {
   NamedThread busiest;
+  bool areOwn = false;  // of the hung process
   size_t count = 0;
   uint64_t runningNs = 0;  // all of them
 };
@@ -26,19 +30,29 @@ struct Findings {
   /// end: what the look saw is what the thread hung in.
   bool stillAsleep = false;
   bool stillAwake = false;
+  uint64_t lastSleepNs = 0;                     // how long that sleep has lasted; 0: it was not asleep
+  KernelWait kernelWait = KernelWait::unknown;  // at the look
+  Sleeps sleeps;
   std::vector<Wait> waits;          // longest first
   std::vector<BusyThread> busiest;  // other threads, most first
   DiskActivity disk;
-  uint64_t diskWaitNs = 0;                  // asleep uninterruptibly while a request was under way
+  DiskWaits diskWaits;
+  std::optional<NamedThread> diskUser;      // who kept the disk busy meanwhile, if not the thread itself
   uint64_t pageIns = 0;                     // pages of files that the thread had read in
+  bool memoryLimitHit = false;              // its control group came up against its limit during the look
+  bool throttledAtLook = false;             // its control group was kept from the CPU then
   uint64_t reclaimNs = 0;                   // the thread itself freed memory
   uint64_t suspendNs = 0;                   // the machine went into suspend or came back
   Competitors competitors;                  // those who most of all kept the thread from running
   uint64_t idleRunnableNs = 0;              // the CPU idled although the thread was ready to run on it
   std::optional<RecordedEvent> stopSignal;  // the last one before the look that stops a process
+  std::optional<NamedThread> stopSender;
 
   uint64_t in(ThreadState state) const { return spent[static_cast<size_t>(state)]; }
 };
+
+/// Whether in the last ten seconds some task waited for memory for much of the time.
+bool isMemoryShort(const Pressure& pressure);
 
 Findings findingsOf(const Evidence& evidence);
 

@@ -1,8 +1,8 @@
 #include "kelvane/verdict/judge.h"
 
 #include <algorithm>
-#include <array>
-#include <string_view>
+#include <optional>
+#include <vector>
 
 #include "kelvane/verdict/findings.h"
 #include "kelvane/verdict/verdict_sentence.h"
@@ -18,55 +18,86 @@ constexpr double kLeastShareKnown = 0.1;
 /// share of what is known of the hang.
 constexpr double kDecisiveShare = 0.5;
 
-/// Waiting for pages of files counts as a lack of memory if in the last ten seconds some task waited for
-/// memory for this share of the time; a machine with memory to spare shows below 1 %.
-constexpr double kMemoryIsShortPercent = 20;
+/// A state other than the one that is judged first is told of if it makes up this share of what is known.
+constexpr double kPhaseShare = 0.2;
 
-/// Whether the kernel functions that a thread sleeps in belong to a block device or a file system on one.
-bool looksLikeDisk(const ThreadFacts& facts) {
-  constexpr std::array<std::string_view, 8> kSigns = {"io_schedule", "folio_wait", "blk_",  "submit_bio",
-                                                      "jbd2_",       "iomap_dio",  "ext4_", "xfs_"};
-  auto shows = [&](std::string_view name) {
-    return std::any_of(kSigns.begin(), kSigns.end(),
-                       [&](std::string_view sign) { return name.find(sign) != std::string_view::npos; });
-  };
-  return shows(facts.waitChannel) || std::any_of(facts.kernelStack.begin(), facts.kernelStack.end(), shows);
+bool isShare(uint64_t partNs, double share, uint64_t wholeNs) {
+  return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
 }
 
-Cause causeOfSleep(const ProcessCapture& process, bool stillAsleep) {
-  if (stillAsleep && process.lockOwner != 0) return Cause::lock;
-  if (stillAsleep && process.peer) return Cause::peer;
+/// What the look found to keep a sleeper waiting.
+Cause causeOfSleepAtLook(const ProcessCapture& process) {
+  if (process.lockOwner != 0) return Cause::lock;
+  if (process.peer) return Cause::peer;
   return Cause::sleeping;
 }
 
-Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& findings) {
-  auto asleepNs = static_cast<double>(findings.in(ThreadState::uninterruptible));
-  const auto& memory = evidence.pressure.memory;
-  if (findings.pageIns > 0 && memory && memory->some10 >= kMemoryIsShortPercent) return Cause::memory;
-  if (static_cast<double>(findings.diskWaitNs) >= kDecisiveShare * asleepNs) return Cause::disk;
-  if (findings.stillAsleep && looksLikeDisk(findings.thread->facts)) return Cause::disk;
-  return Cause::unknown;
+std::optional<Cause> causeOfKernelWait(KernelWait wait) {
+  switch (wait) {
+    case KernelWait::disk:
+    case KernelWait::page:
+    case KernelWait::fileSystem:
+      return Cause::disk;
+    case KernelWait::swap:
+      return Cause::swapping;
+    case KernelWait::memory:
+      return Cause::memory;
+    case KernelWait::server:
+      return Cause::server;
+    case KernelWait::child:
+      return Cause::child;
+    case KernelWait::frozen:
+      return Cause::frozen;
+    case KernelWait::quota:
+      return Cause::throttled;
+    case KernelWait::lock:
+    case KernelWait::unknown:
+      break;
+  }
+  return std::nullopt;
 }
 
-Cause causeByRecording(const Evidence& evidence, const Findings& findings) {
-  auto isDecisive = [&](uint64_t ns) {
-    return static_cast<double>(ns) >= kDecisiveShare * static_cast<double>(findings.knownNs);
-  };
-  if (isDecisive(findings.suspendNs)) return Cause::suspended;
-  if (isDecisive(findings.in(ThreadState::stopped))) return Cause::stopped;
-  if (isDecisive(findings.reclaimNs)) return Cause::memory;
-  auto last = findings.spent.begin() + static_cast<size_t>(ThreadState::unknown);
-  auto most =
-      static_cast<ThreadState>(std::max_element(findings.spent.begin(), last) - findings.spent.begin());
-  switch (most) {
+/// In its whole life the group may not have been held back for as long as the thread was: then its limit is
+/// no reason. With it, what the look saw decides, or that the CPU had nothing else to do.
+Cause causeOfRunnable(const Evidence& evidence, const Findings& findings) {
+  const uint64_t readyNs = findings.in(ThreadState::runnable);
+  const auto& quota = evidence.after.limits.quota;
+  if (!quota || !isShare(quota->throttledNs, kDecisiveShare, readyNs)) return Cause::starved;
+  const bool seen = findings.stillAwake && findings.throttledAtLook;
+  return seen || isShare(findings.idleRunnableNs, kDecisiveShare, readyNs) ? Cause::throttled
+                                                                           : Cause::starved;
+}
+
+Cause causeOfSleep(const Evidence& evidence, const Findings& findings) {
+  const bool holds =
+      isShare(findings.sleeps.likeTheLookNs, kDecisiveShare, findings.in(ThreadState::sleeping));
+  return holds ? causeOfSleepAtLook(evidence.process) : Cause::sleeping;
+}
+
+Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& findings) {
+  const uint64_t asleepNs = findings.in(ThreadState::uninterruptible);
+  const bool isSeen = isShare(findings.lastSleepNs, kDecisiveShare, asleepNs);
+  const auto seen = isSeen ? causeOfKernelWait(findings.kernelWait) : std::nullopt;
+  if (seen && *seen != Cause::disk) return *seen;
+  if (findings.pageIns > 0 && (isMemoryShort(evidence.pressure) || findings.memoryLimitHit))
+    return Cause::memory;
+  if (isShare(findings.diskWaits.waitedNs, kDecisiveShare, asleepNs)) return Cause::disk;
+  const bool isLimited = !evidence.after.limits.diskLimit.empty();
+  if (isLimited && isShare(findings.diskWaits.heldBackNs, kDecisiveShare, asleepNs)) return Cause::throttled;
+  // A request from before the recording, or one that the device doesn't even take.
+  return isSeen && findings.kernelWait == KernelWait::disk && !isLimited ? Cause::disk : Cause::unknown;
+}
+
+Cause causeOfState(ThreadState state, const Evidence& evidence, const Findings& findings) {
+  switch (state) {
     case ThreadState::running:
       return Cause::ownCpu;
     case ThreadState::runnable:
-      return Cause::starved;
+      return causeOfRunnable(evidence, findings);
     case ThreadState::uninterruptible:
       return causeOfUninterruptibleSleep(evidence, findings);
     case ThreadState::sleeping:
-      return causeOfSleep(evidence.process, findings.stillAsleep);
+      return causeOfSleep(evidence, findings);
     case ThreadState::stopped:
       return Cause::stopped;
     case ThreadState::unknown:
@@ -75,20 +106,67 @@ Cause causeByRecording(const Evidence& evidence, const Findings& findings) {
   return Cause::unknown;
 }
 
-/// One look tells what the thread did at that moment. The CPU time of its whole life bounds what it can have
-/// had of the hang.
-Cause causeByOneLook(const Evidence& evidence, const ThreadFacts& facts) {
-  uint64_t hangMs = (evidence.toNs - evidence.fromNs) / 1'000'000;
+/// What happened to the thread whatever it was doing.
+std::optional<Cause> decisiveCause(const Evidence& evidence, const Findings& findings) {
+  auto isDecisive = [&](uint64_t ns) { return isShare(ns, kDecisiveShare, findings.knownNs); };
+  if (isDecisive(findings.suspendNs)) return Cause::suspended;
+  if (isDecisive(findings.in(ThreadState::stopped))) return Cause::stopped;
+  if (isDecisive(findings.reclaimNs)) return Cause::memory;
+  const bool isFrozen = findings.kernelWait == KernelWait::frozen || !evidence.after.limits.frozen.empty();
+  if (findings.stillAsleep && isFrozen && isDecisive(findings.lastSleepNs)) return Cause::frozen;
+  return std::nullopt;
+}
+
+/// The states that made up much of the hang, each with its cause.
+std::vector<Phase> phasesOf(const Evidence& evidence, const Findings& findings) {
+  if (const auto cause = decisiveCause(evidence, findings))
+    return {{*cause, ThreadState::unknown, findings.knownNs}};
+  std::vector<Phase> phases;
+  for (size_t i = 0; i < static_cast<size_t>(ThreadState::unknown); i++) {
+    const auto state = static_cast<ThreadState>(i);
+    if (!isShare(findings.spent[i], kPhaseShare, findings.knownNs)) continue;
+    phases.push_back({causeOfState(state, evidence, findings), state, findings.spent[i]});
+  }
+  std::stable_sort(phases.begin(), phases.end(), [](const Phase& a, const Phase& b) { return a.ns > b.ns; });
+  return phases;
+}
+
+/// A thread that is awake at the look has computed at most for the time that it has run in its life, and been
+/// kept from it for as long as it has stood in a queue. Where either may be, the time of the look decides.
+Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
+  const uint64_t hangNs = evidence.toNs - evidence.fromNs;
+  const auto& before = evidence.before.schedule;
+  const auto& after = evidence.after.schedule;
+  const auto& quota = evidence.after.limits.quota;
+  if (quota && findings.throttledAtLook && isShare(quota->throttledNs, kDecisiveShare, hangNs))
+    return Cause::throttled;
+  if (!before || !after) {
+    const ThreadFacts& facts = findings.thread->facts;
+    const uint64_t ranNs = (facts.userMs + facts.systemMs) * 1'000'000;
+    return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
+  }
+  const bool mayHaveRun = isShare(before->ranNs, kDecisiveShare, hangNs);
+  const bool mayHaveWaited = isShare(before->waitedNs, kDecisiveShare, hangNs);
+  if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
+  if (!mayHaveRun) return Cause::unknown;
+  return after->waitedNs - before->waitedNs > after->ranNs - before->ranNs ? Cause::starved : Cause::ownCpu;
+}
+
+/// One look tells what the thread did at that moment.
+Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
+  const ThreadFacts& facts = findings.thread->facts;
+  const Cause inKernel = causeOfKernelWait(findings.kernelWait).value_or(Cause::unknown);
+  const bool isFrozen = inKernel == Cause::frozen || !evidence.after.limits.frozen.empty();
   switch (facts.state) {
     case 'R':
-      return facts.userMs + facts.systemMs < hangMs / 2 ? Cause::starved : Cause::ownCpu;
+      return causeOfAwake(evidence, findings);
     case 'D':
-      return looksLikeDisk(facts) ? Cause::disk : Cause::unknown;
+      return isFrozen ? Cause::frozen : inKernel;
     case 'T':
     case 't':
       return Cause::stopped;
     case 'S':
-      return causeOfSleep(evidence.process, true);
+      return isFrozen ? Cause::frozen : causeOfSleepAtLook(evidence.process);
     default:
       return Cause::unknown;
   }
@@ -101,6 +179,11 @@ std::optional<NamedThread> namedOwner(const ProcessCapture& process) {
   }
   // More threads than are listed.
   return NamedThread{process.lockOwner, {}, process.pid, process.comm};
+}
+
+bool has(const Verdict& verdict, Cause cause) {
+  return verdict.cause == cause || std::any_of(verdict.phases.begin(), verdict.phases.end(),
+                                               [&](const Phase& phase) { return phase.cause == cause; });
 }
 
 }  // namespace
@@ -117,18 +200,20 @@ Verdict judge(const Evidence& evidence) {
   if (isRecorded) {
     if (findings.thread) verdict.spent = findings.spent;
     verdict.waits = findings.waits;
+    verdict.wakers = findings.sleeps.wakers;
     verdict.busiest = findings.busiest;
     verdict.disk = findings.disk;
   }
   auto windowNs = static_cast<double>(verdict.windowNs);
   verdict.fromRecorder = isRecorded && static_cast<double>(findings.knownNs) >= kLeastShareKnown * windowNs;
   if (verdict.fromRecorder) {
-    verdict.cause = causeByRecording(evidence, findings);
+    verdict.phases = phasesOf(evidence, findings);
+    if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
   } else if (findings.thread) {
-    verdict.cause = causeByOneLook(evidence, findings.thread->facts);
+    verdict.cause = causeByOneLook(evidence, findings);
   }
-  if (verdict.cause == Cause::lock) verdict.lockOwner = namedOwner(evidence.process);
-  if (verdict.cause == Cause::peer) verdict.peer = evidence.process.peer;
+  if (has(verdict, Cause::lock)) verdict.lockOwner = namedOwner(evidence.process);
+  if (has(verdict, Cause::peer)) verdict.peer = evidence.process.peer;
   verdict.sentence = verdictSentence(evidence, findings, verdict);
   return verdict;
 }

@@ -21,17 +21,23 @@ enum class Cause : uint8_t {
   disk,       // it waited for block devices
   lock,       // it waited for a lock that a thread of its process holds
   peer,       // it waited for a process at the other end of a pipe or socket
-  memory,     // it had to free memory first, or waited for memory that had been taken from it
+  memory,     // it had to free memory first, or its files were no longer in memory
   stopped,    // by a signal or a debugger
   suspended,  // the machine was on its way into suspend, or back
+  throttled,  // its control group had used up its CPU time
+  frozen,     // its control group was
+  swapping,   // it waited for memory that had been taken from it
+  child,      // it waited for a child that has its memory (vfork)
+  server,     // it waited for the server of a file system
   sleeping,   // it waited for something else: time to pass, an event
   unknown,
 };
 
 /// The cause's name in a report: "own-cpu", …
 inline const char* causeName(Cause cause) {
-  constexpr std::array<const char*, 10> kNames = {"own-cpu", "starved", "disk",      "lock",     "peer",
-                                                  "memory",  "stopped", "suspended", "sleeping", "unknown"};
+  constexpr std::array<const char*, 15> kNames = {"own-cpu",  "starved", "disk",      "lock",      "peer",
+                                                  "memory",   "stopped", "suspended", "throttled", "frozen",
+                                                  "swapping", "child",   "server",    "sleeping",  "unknown"};
   return kNames[static_cast<size_t>(cause)];
 }
 
@@ -41,7 +47,23 @@ struct Wait {
   uint64_t toNs = 0;
   ThreadState state = ThreadState::unknown;
   std::string waitChannel;  // empty: not known
+  SleepEnd end = SleepEnd::open;
   std::optional<NamedThread> wokenBy;
+};
+
+/// A part of the hang: the states of one kind, taken together.
+struct Phase {
+  Cause cause = Cause::unknown;
+  ThreadState state = ThreadState::unknown;
+  uint64_t ns = 0;
+};
+
+/// Who, or what, ended sleeps of the hung thread.
+struct Waker {
+  SleepEnd end = SleepEnd::open;
+  std::optional<NamedThread> thread;  // if it was one
+  uint64_t sleptNs = 0;               // the time of those sleeps within the hang
+  size_t sleeps = 0;
 };
 
 struct BusyThread {
@@ -59,8 +81,10 @@ struct Verdict {
   uint64_t eventsLost = 0;
 
   // From the recorder, all within the hang.
+  std::vector<Phase> phases;  // the parts that make up much of it, longest first
   std::optional<TimeByState> spent;
   std::vector<Wait> waits;          // longest first
+  std::vector<Waker> wakers;        // who ended its sleeps, by their time
   std::vector<BusyThread> busiest;  // other threads, most first
   std::optional<DiskActivity> disk;
 

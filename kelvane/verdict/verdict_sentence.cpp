@@ -16,6 +16,9 @@ namespace {
 /// From this share on, what is known stands for the whole hang: a switch or two at its border may be missing.
 constexpr double kWholeShare = 0.95;
 
+/// How many processes a sentence names at most, where all have as much to do with the hang.
+constexpr size_t kMaxNamed = 3;
+
 std::string decimal(double number) {
   std::array<char, 40> text;
   return {text.data(),
@@ -41,6 +44,16 @@ std::string bytesText(uint64_t bytes) {
   constexpr double kGb = 1 << 30;
   auto number = static_cast<double>(bytes);
   return number >= kGb ? decimal(number / kGb) + " GB" : decimal(number / kMb) + " MB";
+}
+
+/// "8.5 ms", below a second; else as durationText.
+std::string msText(uint64_t ns) {
+  return ns < 1'000'000'000 ? decimal(static_cast<double>(ns) / 1e6) + " ms" : durationText(ns);
+}
+
+/// "1 request", "2 requests".
+std::string counted(uint64_t count, const char* what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 std::string percentOf(uint64_t partNs, uint64_t wholeNs) {
@@ -82,16 +95,13 @@ std::string placeText(const ProcessCapture& process, const ThreadCapture& thread
 class Sentence {
  public:
   Sentence(const Evidence& evidence, const Findings& findings, const Verdict& verdict)
-      : evidence_(evidence),
-        process_(evidence.process),
-        findings_(findings),
-        verdict_(verdict),
-        asleepCounts_(!verdict.fromRecorder || findings.stillAsleep) {}
+      : evidence_(evidence), process_(evidence.process), findings_(findings), verdict_(verdict) {}
 
   std::string text() const {
     if (!findings_.thread) return withoutThread();
     const ThreadFacts& facts = findings_.thread->facts;
-    return reservation() + facts.comm + " (thread " + std::to_string(facts.tid) + ") " + predicate() + ".";
+    return reservation() + facts.comm + " (thread " + std::to_string(facts.tid) + ") " +
+           predicate(firstPhase()) + furtherPhases() + ".";
   }
 
  private:
@@ -116,25 +126,51 @@ class Sentence {
   }
   std::string spentAmount(ThreadState state) const { return forAmount(findings_.in(state)); }
 
-  std::string predicate() const {
-    switch (verdict_.cause) {
+  /// What else it did for much of the time.
+  std::string furtherPhases() const {
+    std::string text;
+    for (size_t i = 1; i < verdict_.phases.size(); i++) text += "; it also " + predicate(verdict_.phases[i]);
+    return text;
+  }
+
+  Phase firstPhase() const {
+    if (!verdict_.phases.empty()) return verdict_.phases.front();
+    const bool isInKernel = findings_.thread->facts.state == 'D';
+    return {verdict_.cause, isInKernel ? ThreadState::uninterruptible : ThreadState::unknown, 0};
+  }
+
+  std::string predicate(const Phase& phase) const {
+    switch (phase.cause) {
       case Cause::ownCpu:
         return busyText();
       case Cause::starved:
         return starvedText();
+      case Cause::throttled:
+        return phase.state == ThreadState::uninterruptible ? heldBackText() : throttledText();
       case Cause::disk:
-        return "waited " + spentAmount(ThreadState::uninterruptible) + "for the disk" + diskText();
+        return diskText();
       case Cause::lock:
-        return "waited " + spentAmount(ThreadState::sleeping) + "for a lock that " + ownerText();
+        return "waited " + forAmount(findings_.sleeps.likeTheLookNs) + "for a lock that " + ownerText();
       case Cause::peer:
-        return "waited " + spentAmount(ThreadState::sleeping) + "for " + peerText();
+        return "waited " + forAmount(findings_.sleeps.likeTheLookNs) + "for " + peerText();
       case Cause::memory:
-        return memoryText();
+        return memoryText(phase.state == ThreadState::uninterruptible);
       case Cause::stopped:
         return "was stopped " + spentAmount(ThreadState::stopped) + stopperText();
       case Cause::suspended:
         return "stood still because the machine was going into suspend or coming back " +
                forAmount(findings_.suspendNs) + "of the hang";
+      case Cause::frozen:
+        return frozenText();
+      case Cause::swapping:
+        return "waited " + spentAmount(ThreadState::uninterruptible) +
+               "for memory that had been taken from it (swap)";
+      case Cause::child:
+        return "waited " + spentAmount(ThreadState::uninterruptible) +
+               "for a child that it had made by vfork to execute a program or to end";
+      case Cause::server:
+        return "waited " + spentAmount(ThreadState::uninterruptible) + "for the server of a file system" +
+               channelText();
       case Cause::sleeping:
         return "slept " + spentAmount(ThreadState::sleeping) + sleepText();
       case Cause::unknown:
@@ -148,39 +184,83 @@ class Sentence {
         (!verdict_.fromRecorder || findings_.stillAwake) && findings_.thread->facts.state == 'R'
             ? placeText(process_, *findings_.thread)
             : std::string();
-    if (!verdict_.fromRecorder) return "was busy itself, on the CPU or ready for it" + place;
+    if (isMemoryShort(verdict_.pressure)) place += ", while memory was short";
+    if (!verdict_.fromRecorder) return "was busy itself, going by the CPU time of its life" + place;
     return "was busy itself: " + percentOf(findings_.in(ThreadState::running), findings_.knownNs) + " of " +
            durationText(isWhole() ? verdict_.windowNs : findings_.knownNs) + " on the CPU" + place;
   }
 
+  std::string readyText() const {
+    if (!verdict_.fromRecorder) return "was ready to run at the look";
+    return "was ready to run for " + percentOf(findings_.in(ThreadState::runnable), findings_.knownNs) +
+           " of " + durationText(isWhole() ? verdict_.windowNs : findings_.knownNs);
+  }
+
   std::string starvedText() const {
     if (!verdict_.fromRecorder) {
-      return "was ready to run, but in its whole life has had only " +
-             durationText((findings_.thread->facts.userMs + findings_.thread->facts.systemMs) * 1'000'000) +
-             " of CPU time" + awakeText();
+      const ScheduleFigures life = evidence_.before.schedule.value_or(ScheduleFigures{});
+      return readyText() + ", and in its life has waited " + durationText(life.waitedNs) +
+             " for a CPU and had one for " + durationText(life.ranNs) + awakeText();
     }
-    std::string text = "was ready to run for " +
-                       percentOf(findings_.in(ThreadState::runnable), findings_.knownNs) + " of " +
-                       durationText(isWhole() ? verdict_.windowNs : findings_.knownNs);
+    std::string text = readyText();
     if (findings_.idleRunnableNs > findings_.in(ThreadState::runnable) / 2)
       return text + ", but was held back although its CPU was idle (a CPU limit of its group, perhaps)";
     const Competitors& others = findings_.competitors;
     if (others.count == 0) return text + ", but got no CPU";
     text += ", but the CPU ran ";
     if (others.runningNs < findings_.in(ThreadState::runnable) / 2) text += "others, most of all ";
-    if (others.count == 1) return text + threadText(others.busiest);
-    return text + std::to_string(others.count) + " threads named '" + others.busiest.name +
-           "', such as pid " +
-           std::to_string(others.busiest.pid == 0 ? others.busiest.tid : others.busiest.pid);
+    return text + competitorsText(others) + quotaReservation();
   }
 
-  /// A process that runs at the moment of the look, since there is no record of the time before it.
+  std::string competitorsText(const Competitors& others) const {
+    if (others.count == 1) return threadText(others.busiest);
+    std::string text = std::to_string(others.count) + " threads";
+    if (others.areOwn) text += " of its own process";
+    if (!others.busiest.name.empty()) text += " named '" + others.busiest.name + "'";
+    if (others.areOwn) return text;
+    const bool hasProcess = others.busiest.pid != 0;
+    return text + ", such as " + (hasProcess ? "pid " : "thread ") +
+           std::to_string(hasProcess ? others.busiest.pid : others.busiest.tid);
+  }
+
+  /// Whose limit it may have been just as well.
+  std::string quotaReservation() const {
+    const auto& quota = evidence_.after.limits.quota;
+    if (!quota || quota->throttledNs < findings_.in(ThreadState::runnable) / 2) return {};
+    return "; the CPU limit of its control group " + quota->group + " may have held it back, too";
+  }
+
+  std::string throttledText() const {
+    const auto& quota = evidence_.after.limits.quota;
+    std::string text = readyText() + ", but its control group ";
+    if (!quota) return text + "had used up its CPU time";
+    return text + quota->group + " may use no more than " + decimal(quota->cpus) +
+           (quota->cpus == 1 ? " CPU" : " CPUs");
+  }
+
+  std::string heldBackText() const {
+    return "waited " + spentAmount(ThreadState::uninterruptible) +
+           "because the disk I/O of its control group " + evidence_.after.limits.diskLimit + " is limited" +
+           channelText();
+  }
+
+  std::string frozenText() const {
+    const std::string& group = evidence_.after.limits.frozen;
+    return "was frozen " + forAmount(findings_.lastSleepNs) +
+           (group.empty() ? "with its control group" : "with its control group " + group);
+  }
+
+  /// Processes that run at the moment of the look, since there is no record of the time before it.
   std::string awakeText() const {
+    std::string text;
+    size_t count = 0;
     for (const AwakeProcess& process : evidence_.processes.awake) {
-      if (process.state == 'R' && process.pid != process_.pid)
-        return "; running at the look:" + quoted(process.comm) + " (pid " + std::to_string(process.pid) + ")";
+      if (process.state != 'R' || process.pid == process_.pid) continue;
+      if (++count > kMaxNamed) continue;
+      text += (text.empty() ? "; running or ready to at the look:" : ",") + quoted(process.comm) + " (pid " +
+              std::to_string(process.pid) + ")";
     }
-    return {};
+    return count > kMaxNamed ? text + " and " + std::to_string(count - kMaxNamed) + " more" : text;
   }
 
   std::string threadText(const NamedThread& thread) const {
@@ -191,11 +271,29 @@ class Sentence {
   }
 
   std::string diskText() const {
-    if (!verdict_.disk || verdict_.disk->requests == 0) return {};
-    const DiskActivity& disk = *verdict_.disk;
-    return " (the system's " + std::to_string(disk.requests) + " requests: " + bytesText(disk.readBytes) +
-           " read, " + bytesText(disk.writtenBytes) + " written; the slowest took " +
-           decimal(static_cast<double>(disk.slowestNs) / 1e6) + " ms)";
+    const std::string& limited = evidence_.after.limits.diskLimit;
+    const std::string limit =
+        limited.empty() ? "" : "; the disk I/O of its control group " + limited + " is limited";
+    if (!verdict_.fromRecorder) {
+      if (findings_.kernelWait == KernelWait::page)
+        return "waited for a page of a file, from a disk unless the file lies elsewhere" + limit;
+      if (findings_.kernelWait == KernelWait::fileSystem)
+        return "waited in a file system on a disk" + channelText() + limit;
+      return "waited for the disk" + limit;
+    }
+    const DiskWaits& waits = findings_.diskWaits;
+    if (waits.waitedNs == 0)
+      return "waited " + spentAmount(ThreadState::uninterruptible) +
+             "for the disk (no request that it waited for is recorded)";
+    std::string text = "waited " + forAmount(waits.waitedNs) +
+                       "for the disk (the slowest request that it waited for took " + msText(waits.slowestNs);
+    if (findings_.diskUser) text += "; most of the disk's time went to " + threadText(*findings_.diskUser);
+    if (verdict_.disk) {
+      const DiskActivity& disk = *verdict_.disk;
+      text += "; the system had " + counted(disk.requests, "request") + ": " + bytesText(disk.readBytes) +
+              " read, " + bytesText(disk.writtenBytes) + " written";
+    }
+    return text + ")" + limit;
   }
 
   std::string ownerText() const {
@@ -215,13 +313,21 @@ class Sentence {
            peer.through;
   }
 
-  std::string memoryText() const {
-    if (findings_.reclaimNs > 0)
-      return "had to free memory itself " + forAmount(findings_.reclaimNs) +
-             "before it could go on: memory is short";
-    return "waited " + spentAmount(ThreadState::uninterruptible) +
-           "for its own code and files to be read back in (" + std::to_string(findings_.pageIns) +
-           " pages): memory is short";
+  std::string memoryText(bool asleep) const {
+    const std::string waited = "waited " + spentAmount(ThreadState::uninterruptible);
+    if (asleep && findings_.pageIns > 0)
+      return waited + "for its own code and files to be read back in (" + counted(findings_.pageIns, "page") +
+             ")" + shortText();
+    if (findings_.reclaimNs > 0 && verdict_.fromRecorder)
+      return "had to free memory itself " + forAmount(findings_.reclaimNs) + "before it could go on" +
+             shortText();
+    return waited + "for memory to be freed" + shortText();
+  }
+
+  std::string shortText() const {
+    const auto& memory = evidence_.after.limits.memory;
+    if (!findings_.memoryLimitHit || !memory) return ": memory is short";
+    return ": its control group " + memory->group + " is at its limit of " + bytesText(memory->limitBytes);
   }
 
   std::string stopperText() const {
@@ -231,38 +337,98 @@ class Sentence {
     const RecordedEvent& signal = *findings_.stopSignal;
     const char* name = sigabbrev_np(static_cast<int>(signal.value));
     std::string text = std::string("by the signal SIG") + (name ? name : "STOP");
-    return signal.other == 0 ? text : text + " from thread " + std::to_string(signal.other);
+    return findings_.stopSender ? text + " from " + threadText(*findings_.stopSender) : text;
   }
 
+  /// How it slept: by what the look saw if that stands for most of the sleep, else by what ended the sleeps.
   std::string sleepText() const {
+    const Sleeps& sleeps = findings_.sleeps;
+    const uint64_t sleptNs = findings_.in(ThreadState::sleeping);
+    const bool isRepeated = sleeps.count > 1 && sleeps.longestNs <= sleptNs / 2;
+    if (!verdict_.fromRecorder) return lookText();
+    if (sleeps.likeTheLookNs > sleptNs / 2)
+      return lookText() + (isRepeated ? ", " + std::to_string(sleeps.count) + " times" : "");
+    // What the thread waits for at the look may be something else.
+    const bool sleptAgain = isRepeated && findings_.thread->facts.state == 'S';
+    return endsText(sleptNs) + (sleptAgain ? "; at the look it slept " + lookText() : "");
+  }
+
+  std::string lookText() const {
     const ThreadFacts& facts = findings_.thread->facts;
-    if (asleepCounts_) {
-      const char* name = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
-      std::string_view call = name ? name : "";
-      std::string place = placeText(process_, *findings_.thread);
-      if (call.find("nanosleep") != std::string_view::npos) return "because it had asked for it" + place;
-      if (call.find("poll") != std::string_view::npos || call.find("select") != std::string_view::npos)
-        return "and waited for an event (" + std::string(call) + ")" + place;
-      if (call == "futex") return "and waited for another thread (futex)" + place;
-      if (name) return "in the system call " + std::string(call) + place;
-      return facts.waitChannel.empty() ? "for a reason that can't be told" : "in " + facts.waitChannel;
+    const char* name = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
+    std::string_view call = name ? name : "";
+    std::string place = placeText(process_, *findings_.thread);
+    if (call.find("nanosleep") != std::string_view::npos) return "because it had asked for it" + place;
+    if (call.find("poll") != std::string_view::npos || call.find("select") != std::string_view::npos)
+      return "and waited for an event (" + std::string(call) + ")" + place;
+    if (call == "futex") return "and waited for another thread (futex)" + place;
+    if (name) return "in the system call " + std::string(call) + place;
+    return facts.waitChannel.empty() ? "for a reason that can't be told" : "in " + facts.waitChannel;
+  }
+
+  std::string endsText(uint64_t sleptNs) const {
+    const Sleeps& sleeps = findings_.sleeps;
+    const bool isOne = sleeps.count == 1;
+    std::string ends;
+    for (const Waker& waker : sleeps.wakers) {
+      if (waker.sleptNs < sleptNs / 5) continue;
+      ends += (ends.empty() ? "" : " and ") + enderText(waker);
+      if (!isOne) ends += " (" + durationText(waker.sleptNs) + " of it)";
     }
-    const auto waker = findings_.waits.empty() ? std::nullopt : findings_.waits.front().wokenBy;
-    if (waker)
-      return "and was woken from its longest sleep by " +
-             (waker->tid == 0 ? waker->name : threadText(*waker));
-    return "for a reason that can't be told any more";
+    if (isOne)
+      return ends.empty() ? "for a reason that can't be told any more" : "until it was woken by " + ends;
+    const std::string text = "in " + std::to_string(sleeps.count) + " sleeps";
+    return ends.empty() ? text + ", for reasons that can't be told" : text + " that were ended by " + ends;
+  }
+
+  std::string enderText(const Waker& waker) const {
+    const bool isOne = waker.sleeps == 1;
+    switch (waker.end) {
+      case SleepEnd::thread:
+        return threadText(waker.thread.value_or(NamedThread{}));
+      case SleepEnd::timeOut:
+        return isOne ? "a time-out of its own" : "time-outs of its own";
+      case SleepEnd::disk:
+        return isOne ? "a request of a disk" : "requests of disks";
+      case SleepEnd::interrupt:
+      case SleepEnd::open:
+        break;
+    }
+    return std::string(isOne ? "an interrupt" : "interrupts") + " of a device, the network or a clock";
+  }
+
+  /// " (vfork_wait)", if it was still there at the look.
+  std::string channelText() const {
+    const ThreadFacts& facts = findings_.thread->facts;
+    const bool counts = !verdict_.fromRecorder || findings_.stillAsleep;
+    return counts && !facts.waitChannel.empty() ? " (" + facts.waitChannel + ")" : "";
   }
 
   std::string unknownText() const {
     const ThreadFacts& facts = findings_.thread->facts;
     if (facts.state == 'Z' || facts.state == 'X' || facts.state == '?')
       return "has ended; why it hung can't be told";
+    if (!verdict_.fromRecorder && facts.state == 'R')
+      return "was awake at the look, but has not been in its life for half as long as the hang: it slept or waited, for "
+             "what can't be told";
     if (findings_.in(ThreadState::uninterruptible) == 0 && facts.state != 'D')
       return "hung for a reason that can't be told";
-    std::string channel = asleepCounts_ && !facts.waitChannel.empty() ? " (" + facts.waitChannel + ")" : "";
-    return "waited " + spentAmount(ThreadState::uninterruptible) + "in the kernel" + channel +
-           ", for something that is no disk";
+    std::string text =
+        "waited " + spentAmount(ThreadState::uninterruptible) + "in the kernel" + channelText();
+    if (findings_.kernelWait == KernelWait::lock && !channelText().empty()) text += ", for a lock of its own";
+    if (findings_.diskWaits.heldBackNs > findings_.in(ThreadState::uninterruptible) / 2)
+      return text + ", for a disk that was asked late: something held back its requests";
+    const Wait* longest = longestKernelWait();
+    return longest && longest->wokenBy
+               ? text + ", the longest time until " + threadText(*longest->wokenBy) + " woke it"
+               : text;
+  }
+
+  const Wait* longestKernelWait() const {
+    for (const Wait& wait : findings_.waits) {
+      if (wait.state == ThreadState::uninterruptible) return &wait;
+    }
+    return nullptr;
   }
 
   std::string withoutThread() const {
@@ -277,7 +443,6 @@ class Sentence {
   const ProcessCapture& process_;
   const Findings& findings_;
   const Verdict& verdict_;
-  const bool asleepCounts_;  // what the look saw of a sleep is about the hang
 };
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace quorvelctl {
 namespace {
 
 /// What each cause is called on its badge; the first one is for what is none of them.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kCauses{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 15> kCauses{{
     {"unknown", "cause unknown"},
     {"own-cpu", "likely cause: own CPU time"},
     {"starved", "likely cause: starved of CPU"},
@@ -22,6 +22,11 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 10> kCauses{
     {"memory", "likely cause: memory"},
     {"stopped", "likely cause: it was stopped"},
     {"suspended", "likely cause: suspend"},
+    {"throttled", "likely cause: a limit of its control group"},
+    {"frozen", "likely cause: it was frozen"},
+    {"swapping", "likely cause: swapping"},
+    {"child", "likely cause: a child process"},
+    {"server", "likely cause: a file system's server"},
     {"sleeping", "likely cause: it slept"},
 }};
 

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
 
 #include "kelvane/capture/lock_owner.h"
 #include "kelvane/capture/pressure.h"
@@ -35,8 +38,20 @@ class Machine {
     event(atMs, RecordedKind::contextSwitch, from, to, state).cpu = cpu;
   }
   void wakes(uint64_t atMs, int by, int whom) { event(atMs, RecordedKind::wakeup, by, whom); }
+  /// An interrupt that comes upon `by`, `us` after the event that it is about.
+  void interruptWakes(uint64_t atMs, int by, int whom, uint64_t us = 10) {
+    event(atMs, RecordedKind::wakeup, by, whom, 'i').atNs += us * 1'000;
+  }
+  /// From `fromMs` on; never comes back if `toMs` is 0.
+  void request(int by, uint64_t fromMs, uint64_t toMs, char operation = 'R') {
+    RecordedEvent& issue = event(fromMs, RecordedKind::blockIssue, by, 0, operation);
+    issue.value = fromMs;
+    issue.bytes = 500'000;
+    if (toMs != 0) event(toMs, RecordedKind::blockComplete, kHog).value = fromMs;
+  }
   void coveredFrom(uint64_t ms) { recording_.coveredFromNs = ms * kMs; }
   void withoutRecorder() { recording_ = {}; }
+  std::unordered_map<int32_t, std::string>& names() { return recording_.threadNames; }
   void addMissing() { addMissingSwitches(recording_); }
   ThreadFacts& look() { return process.threads[0].facts; }
 
@@ -45,12 +60,17 @@ class Machine {
   }
   Verdict verdict() const {
     auto findProcess = [](NamedThread& thread) { thread.pid = thread.tid == kWorker ? kApp : thread.tid; };
-    return judge({1'000 * kMs, 11'000 * kMs, recording_, process, processes, pressure, findProcess});
+    Recording recording = recording_;
+    std::stable_sort(recording.events.begin(), recording.events.end(),
+                     [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
+    return judge(
+        {1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after, findProcess});
   }
 
   ProcessCapture process;
   ProcessScan processes;
   Pressure pressure;
+  Surroundings before, after;
 
  private:
   Recording recording_;
@@ -173,7 +193,7 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   machine.wakes(10'900, kWorker, kApp);
   machine.switches(10'901, kOther, 'S', kApp);
   Verdict over = machine.verdict();
-  expectSays(over, Cause::sleeping, "woken from its longest sleep by its own thread 'worker'");
+  expectSays(over, Cause::sleeping, "slept for 9.4 of 10.0 s until it was woken by its own thread 'worker'.");
   EXPECT_EQ(over.waits[0].wokenBy.value_or(NamedThread{}).name, "worker");
   EXPECT_FALSE(over.peer);
 }
@@ -182,36 +202,35 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   Machine disk;
   disk.look().state = 'D';
   disk.switches(900, kApp, 'D', 0);
-  for (uint64_t ms = 1'000; ms < 9'000; ms += 1'000) {
-    RecordedEvent& issue = disk.event(ms, RecordedKind::blockIssue, kApp, 0, 'R');
-    issue.value = ms;
-    issue.bytes = 500'000;
-    disk.event(ms + 900, RecordedKind::blockComplete, 0).value = ms;
-  }
+  for (uint64_t ms = 1'000; ms < 9'000; ms += 1'000) disk.request(kApp, ms, ms + 900);
   Verdict verdict = disk.verdict();
-  expectSays(verdict, Cause::disk, "all of 10.0 s for the disk (the system's 8 requests: 3.8 MB read");
+  expectSays(verdict, Cause::disk,
+             "all of 10.0 s for the disk (the slowest request that it waited for took 900.0 ms; "
+             "the system had 8 requests: 3.8 MB read");
   const DiskActivity activity = verdict.disk.value_or(DiskActivity{});
   EXPECT_EQ(activity.busyNs, 7'200 * kMs);
   EXPECT_EQ(activity.slowestNs, 900 * kMs);
   disk.pressure.memory = PressureLine{60, 40};
   disk.event(9'999, RecordedKind::fileFault, kApp);
-  expectSays(disk.verdict(), Cause::memory, "read back in (1 pages)");
+  expectSays(disk.verdict(), Cause::memory, "read back in (1 page)");
 
   Machine dead;  // one request that never comes back
   dead.switches(900, kApp, 'D', 0);
-  dead.event(1'000, RecordedKind::blockIssue, kApp, 0, 'W');
+  dead.request(kApp, 1'000, 0, 'W');
   dead.look().state = 'D';
-  expectSays(dead.verdict(), Cause::disk, "the slowest took 10000.0 ms");
+  expectSays(dead.verdict(), Cause::disk, "waited for took 10.0 s; the system had 1 request:");
 
   Machine kernel;
-  kernel.look() = {kApp, "viewer", 'D', "vfork_wait", 0, {}, {}, 0, 0, 0, 0};
+  kernel.look() = {kApp, "viewer", 'D', "kernel_clone", 0, {}, {}, 0, 0, 0, 0};
   kernel.switches(900, kApp, 'D', 0);
-  expectSays(kernel.verdict(), Cause::unknown, "(vfork_wait), for something that is no disk");
+  for (uint64_t ms = 1'000; ms < 11'000; ms++) kernel.request(kOther, ms, ms + 1);
+  expectSays(kernel.verdict(), Cause::child, "for a child that it had made by vfork");
 
   Machine stopped;
   stopped.event(2'000, RecordedKind::signal, kApp, kOther).value = SIGSTOP;
   stopped.switches(2'000, kApp, 'T', 0);
-  expectSays(stopped.verdict(), Cause::stopped, "for 9.0 of 10.0 s by the signal SIGSTOP from thread 300");
+  expectSays(stopped.verdict(), Cause::stopped,
+             "for 9.0 of 10.0 s by the signal SIGSTOP from 'other' (pid 300)");
   stopped.look().tracerPid = 5;
   expectSays(stopped.verdict(), Cause::stopped, "by a debugger (tracer pid 5)");
 
@@ -224,6 +243,157 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   reclaiming.switches(500, kOther, 'S', kApp);
   reclaiming.event(2'000, RecordedKind::reclaimBegin, kApp);
   expectSays(reclaiming.verdict(), Cause::memory, "free memory itself for 9.0 of 10.0 s");
+}
+
+TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
+  // Another process keeps the disk busy; the wait ends with a request that was quick, long held back.
+  Machine limited;
+  limited.look().state = 'R';
+  limited.switches(1'000, kApp, 'D', 0);
+  for (uint64_t ms = 1'000; ms < 10'000; ms += 200) limited.request(kOther, ms, ms + 100);
+  limited.request(kApp, 9'999, 10'000);
+  limited.interruptWakes(10'000, kHog, kApp);
+  limited.switches(10'001, 0, 'R', kApp);
+  expectSays(limited.verdict(), Cause::unknown, "something held back its requests");
+  limited.after.limits.diskLimit = "/app";
+  expectSays(limited.verdict(), Cause::throttled,
+             "9.0 of 10.0 s because the disk I/O of its control group /app is limited");
+
+  // Its own was as long as the wait: one of the many that were issued.
+  Machine own;
+  own.look().state = 'R';
+  own.switches(1'000, kApp, 'D', 0);
+  own.request(kOther, 1'001, 9'999, 'W');
+  own.interruptWakes(9'999, 0, kApp);
+  own.switches(10'001, 0, 'R', kApp);
+  Verdict verdict = own.verdict();
+  expectSays(verdict, Cause::disk,
+             "took 9.0 s; most of the disk's time went to 'other' (pid 300); the system had 1 request");
+  EXPECT_EQ(verdict.waits[0].end, SleepEnd::disk);
+  EXPECT_FALSE(verdict.waits[0].wokenBy);
+
+  // A journal's thread brings the request back; a lock's holder had a request of its own, and nothing to do
+  // with the sleeper's.
+  for (const bool isJournal : {true, false}) {
+    Machine helped;
+    helped.look().state = 'R';
+    helped.names()[kOther] = isJournal ? "jbd2/vda-8" : "server";
+    helped.switches(1'000, kApp, 'D', kOther);
+    helped.request(kOther, 1'001, 9'000, 'W');
+    helped.switches(1'002, kOther, 'D', 0);
+    helped.interruptWakes(9'000, 0, kOther);
+    helped.switches(9'001, 0, 'R', kOther);
+    helped.wakes(9'002, kOther, kApp);
+    helped.switches(9'003, kOther, 'S', kApp);
+    expectSays(helped.verdict(), isJournal ? Cause::disk : Cause::unknown,
+               isJournal ? "for the disk" : "the longest time until 'server' (pid 300) woke it");
+  }
+
+  Machine frozen;
+  frozen.switches(900, kApp, 'D', 0);
+  frozen.request(kApp, 901, 0);
+  frozen.look() = {kApp, "viewer", 'D', "__refrigerator", 0, {}, {}, 0, 0, 0, 0};
+  frozen.after.limits.frozen = "/app";
+  expectSays(frozen.verdict(), Cause::frozen, "was frozen for all of 10.0 s with its control group /app");
+  frozen.withoutRecorder();
+  expectSays(frozen.verdict(), Cause::frozen, "was frozen with its control group /app");
+  frozen.look().waitChannel = "folio_wait_bit_common";
+  frozen.look().kernelStack = {"folio_wait_bit_common+0x1/0x2", "fuse_file_read_iter+0x1/0x2"};
+  frozen.after.limits = {};
+  expectSays(frozen.verdict(), Cause::server, "for the server of a file system (folio_wait_bit_common)");
+  frozen.look().kernelStack.clear();
+  frozen.after.limits.diskLimit = "/app";
+  expectSays(frozen.verdict(), Cause::disk,
+             "unless the file lies elsewhere; the disk I/O of its control group /app is limited");
+}
+
+TEST(Verdict, SumsUpWhoEndedManySleeps) {
+  auto sleeping = [](Machine& machine, auto&& ends) {
+    for (uint64_t ms = 1'000; ms < 11'000; ms += 200) {
+      machine.switches(ms, kApp, 'S', 0);
+      ends(ms + 190);
+      machine.switches(ms + 191, 0, 'R', kApp);
+    }
+  };
+  Machine lock;  // each time for the one that the look finds to hold it
+  lock.process.lockOwner = kWorker;
+  lock.process.threads[1].facts.state = 'R';
+  sleeping(lock, [&](uint64_t ms) { lock.wakes(ms, kWorker, kApp); });
+  expectSays(lock.verdict(), Cause::lock,
+             "waited for 9.5 of 10.0 s for a lock that thread 101 'worker' holds");
+
+  Machine others;  // the look finds something else than what kept it
+  others.process.peer = Peer{7, "database", "pipe"};
+  others.look().syscall = SystemCall{SYS_read, {}};
+  sleeping(others, [&](uint64_t ms) {
+    if (ms % 1'000 < 200) {
+      others.interruptWakes(ms, kHog, kApp);
+    } else {
+      others.wakes(ms, kOther, kApp);
+    }
+  });
+  Verdict verdict = others.verdict();
+  expectSays(
+      verdict, Cause::sleeping,
+      "in 50 sleeps that were ended by 'other' (pid 300) (7.6 s of it) and interrupts of a device, the network or a "
+      "clock (1.9 s of it); at the look it slept in the system call read");
+  ASSERT_EQ(verdict.wakers.size(), 2u);
+  EXPECT_EQ(verdict.wakers[0].sleeps, 40u);
+
+  Machine retries;
+  retries.look().syscall = SystemCall{SYS_clock_nanosleep, {}};
+  sleeping(retries, [&](uint64_t ms) {
+    retries.event(ms, RecordedKind::timeOut, kHog);
+    retries.interruptWakes(ms, kHog, kApp);
+  });
+  expectSays(retries.verdict(), Cause::sleeping,
+             "in 50 sleeps that were ended by time-outs of its own (9.5 s of it)");
+  // Polling a peer with a time-out is one long wait for it.
+  retries.process.peer = Peer{7, "database", "pipe"};
+  retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 190}};
+  expectSays(retries.verdict(), Cause::peer, "waited for 9.5 of 10.0 s for process 'database' (pid 7)");
+  retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 5'000}};  // what it does now is another wait
+  expectSays(retries.verdict(), Cause::sleeping, "time-outs");
+
+  Machine late;  // the network's interrupt comes long after the timer's, upon the same bystander
+  late.look().state = 'R';
+  late.switches(1'000, kApp, 'S', kHog);
+  late.event(10'000, RecordedKind::timeOut, kHog);
+  late.interruptWakes(10'000, kHog, kApp, 400);
+  late.switches(10'001, kHog, 'R', kApp);
+  expectSays(late.verdict(), Cause::sleeping, "until it was woken by an interrupt of a device");
+}
+
+TEST(Verdict, TellsOfEveryLongPhase) {
+  Machine machine;
+  machine.look().syscall = SystemCall{SYS_futex, {}};
+  machine.switches(1'000, kOther, 'S', kApp);
+  machine.switches(7'000, kApp, 'S', 0);
+  Verdict verdict = machine.verdict();
+  expectSays(
+      verdict, Cause::ownCpu,
+      "was busy itself: 60 % of 10.0 s on the CPU; it also slept for 4.0 of 10.0 s and waited for another");
+  ASSERT_EQ(verdict.phases.size(), 2u);
+  EXPECT_EQ(verdict.phases[1].ns, 4'000 * kMs);
+}
+
+TEST(Verdict, BlamesALimitOnlyForWhatItMayHaveDone) {
+  Machine machine;  // bystanders have the CPUs while the group is held back
+  machine.look().state = 'R';
+  machine.switches(1'000, kApp, 'R', kHog);
+  machine.names()[kOther] = machine.names()[kHog] = "loader";
+  machine.switches(3'000, kHog, 'R', kOther);
+  machine.after.limits.quota = GroupLimits::Quota{"/app", 0.2, 9'000 * kMs, 100};
+  machine.before = machine.after;
+  expectSays(
+      machine.verdict(), Cause::starved,
+      "the CPU ran 2 threads named 'loader', such as pid 300; the CPU limit of its control group /app may");
+  machine.before.limits.quota->throttledNs -= 100 * kMs;
+  expectSays(machine.verdict(), Cause::throttled,
+             "ready to run for 100 % of 10.0 s, but its control group /app may use no more than 0.2 CPUs");
+  machine.before.limits.quota->throttledNs = 0;
+  machine.after.limits.quota->throttledNs = 100 * kMs;  // in its whole life
+  expectSays(machine.verdict(), Cause::starved, "such as pid 300.");
 }
 
 TEST(Verdict, IsAsCautiousAsItsEvidence) {
@@ -248,10 +418,26 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
   EXPECT_FALSE(look.spent || look.disk);
 
   machine.look().state = 'R';
-  machine.processes.awake = {{kHog, "hog", 'R', {}}};
-  expectSays(machine.verdict(), Cause::starved, "'hog' (pid 200)");
   machine.look().userMs = 9'000;
   expectSays(machine.verdict(), Cause::ownCpu, "busy itself");
+  machine.processes.awake = {{kHog, "hog", 'R', {}}};
+  auto lives = [&](uint64_t ranMs, uint64_t waitedMs, uint64_t ranAtLookMs, uint64_t waitedAtLookMs) {
+    machine.before.schedule = ScheduleFigures{ranMs * kMs, waitedMs * kMs};
+    machine.after.schedule = ScheduleFigures{(ranMs + ranAtLookMs) * kMs, (waitedMs + waitedAtLookMs) * kMs};
+  };
+  lives(300, 9'000, 0, 0);
+  expectSays(
+      machine.verdict(), Cause::starved,
+      "in its life has waited 9.0 s for a CPU and had one for 300 ms; running or ready to at the look: 'hog' (pid 200)");
+  lives(9'000, 300, 0, 40);
+  expectSays(machine.verdict(), Cause::ownCpu, "busy itself");
+  lives(70'000, 90'000, 10, 30);
+  expectSays(machine.verdict(), Cause::starved, "");
+  lives(70'000, 90'000, 30, 10);
+  expectSays(machine.verdict(), Cause::ownCpu, "");
+  lives(300, 300, 10, 30);  // it slept through most of the hang
+  expectSays(machine.verdict(), Cause::unknown,
+             "was awake at the look, but has not been in its life for half as long");
   machine.process = {};
   expectSays(machine.verdict(), Cause::unknown, "no process");
 }

@@ -1,0 +1,100 @@
+#include "kelvane/verdict/wakers.h"
+
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace kelvane {
+namespace {
+
+constexpr size_t kMaxWakersListed = 10;
+constexpr uint64_t kNsPerMs = 1'000'000;
+
+/// How much a sleep may differ from the time that was asked for: a busy machine wakes late.
+constexpr double kLateShare = 0.25;
+constexpr uint64_t kLateNs = 5 * kNsPerMs;
+
+/// The milliseconds that a call waits at most, where it says that in an argument.
+std::optional<uint64_t> timeOutNs(const ThreadFacts& facts) {
+  if (!facts.syscall) return std::nullopt;
+  const SystemCall& call = *facts.syscall;
+  uint64_t argument = 0;
+  switch (call.number) {
+#ifdef SYS_poll
+    case SYS_poll:
+      argument = call.arguments[2];
+      break;
+#endif
+#ifdef SYS_epoll_wait
+    case SYS_epoll_wait:
+#endif
+    case SYS_epoll_pwait:
+      argument = call.arguments[3];
+      break;
+    default:
+      return std::nullopt;
+  }
+  const auto ms = static_cast<int32_t>(argument);
+  if (ms <= 0) return std::nullopt;
+  return static_cast<uint64_t>(ms) * kNsPerMs;
+}
+
+/// Whether the look found that the hung thread waits for this one.
+bool keepsItWaiting(const ProcessCapture& process, const NamedThread& thread) {
+  if (process.lockOwner != 0) return thread.tid == process.lockOwner;
+  return process.peer && thread.pid == process.peer->pid;
+}
+
+/// Whether the sleep lasted for what the look's call asks for.
+bool tookAsLongAs(const StateSpan& span, uint64_t timeOutNs) {
+  const uint64_t sleptNs = span.toNs - span.fromNs;
+  const auto late = static_cast<uint64_t>(kLateShare * static_cast<double>(timeOutNs)) + kLateNs;
+  return sleptNs + kNsPerMs >= timeOutNs && sleptNs <= timeOutNs + late;
+}
+
+}  // namespace
+
+NamedThread namedThread(const Evidence& evidence, int32_t tid) {
+  NamedThread thread{tid, {}, 0, {}};
+  auto name = evidence.recording.threadNames.find(tid);
+  if (name != evidence.recording.threadNames.end()) thread.name = name->second;
+  if (evidence.findProcess) evidence.findProcess(thread);
+  return thread;
+}
+
+Sleeps sleepsOf(const Evidence& evidence, std::span<const StateSpan> spans, bool stillAsleep) {
+  Sleeps sleeps;
+  std::map<std::pair<SleepEnd, int32_t>, Waker> byWaker;
+  const auto asked = timeOutNs(evidence.process.threads.front().facts);
+  for (const StateSpan& span : spans) {
+    const uint64_t ns = sharedNs(span.fromNs, span.toNs, evidence.fromNs, evidence.toNs);
+    if (span.state != ThreadState::sleeping || ns == 0) continue;
+    sleeps.count++;
+    sleeps.longestNs = std::max(sleeps.longestNs, ns);
+    const bool isLast = &span == &spans.back();
+    const bool isAsked = asked && span.end == SleepEnd::timeOut && tookAsLongAs(span, *asked);
+    if ((isLast && stillAsleep) || isAsked) sleeps.likeTheLookNs += ns;
+    if (span.end == SleepEnd::open) continue;
+    Waker& waker = byWaker[{span.end, span.wokenBy}];
+    waker.end = span.end;
+    waker.sleptNs += ns;
+    waker.sleeps++;
+  }
+  std::vector<std::pair<int32_t, Waker>> order;
+  for (const auto& [key, waker] : byWaker) order.emplace_back(key.second, waker);
+  std::stable_sort(order.begin(), order.end(),
+                   [](const auto& a, const auto& b) { return a.second.sleptNs > b.second.sleptNs; });
+  if (order.size() > kMaxWakersListed) order.resize(kMaxListed);
+  for (auto& [tid, waker] : order) {
+    if (waker.end == SleepEnd::thread) {
+      waker.thread = namedThread(evidence, tid);
+      if (keepsItWaiting(evidence.process, *waker.thread)) sleeps.likeTheLookNs += waker.sleptNs;
+    }
+    sleeps.wakers.push_back(std::move(waker));
+  }
+  return sleeps;
+}
+
+}  // namespace kelvane
