@@ -93,6 +93,9 @@ inline constexpr size_t kMaxDescriptorsSearched = 4'096;
 
 inline constexpr size_t kMaxProcessesScanned = 16'384;
 inline constexpr size_t kMaxProcessesListed = 256;
+/// How long all processes are watched to see who has the CPU, where no recording tells. Their CPU times are
+/// counted in steps of some ten milliseconds.
+inline constexpr std::chrono::milliseconds kRivalsWatch{200};
 
 // What the flight recorder adds to a report.
 

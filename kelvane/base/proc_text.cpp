@@ -52,7 +52,7 @@ std::optional<ProcStat> parseStat(std::string_view text) {
   ProcStat stat;
   stat.comm = text.substr(open + 1, close - open - 1);
   std::string_view rest = trimmed(text.substr(close + 1));
-  for (int field = 3; !rest.empty() && field <= 28; field++) {
+  for (int field = 3; !rest.empty() && field <= 39; field++) {
     std::string_view part = takeUntil(rest, ' ');
     if (field == 3) {
       if (part.size() != 1) return std::nullopt;
@@ -64,6 +64,7 @@ std::optional<ProcStat> parseStat(std::string_view text) {
     if (field == 14) stat.userTicks = number;
     if (field == 15) stat.systemTicks = number;
     if (field == 28) stat.startStack = number;
+    if (field == 39) stat.cpu = static_cast<int>(number);
   }
   if (stat.state == '?') return std::nullopt;
   return stat;

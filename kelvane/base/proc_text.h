@@ -22,6 +22,7 @@ struct ProcStat {
   uint64_t userTicks = 0;
   uint64_t systemTicks = 0;
   uint64_t startStack = 0;  // 0 without permission; another one after an exec
+  int cpu = -1;             // that it ran on last
 };
 std::optional<ProcStat> parseStat(std::string_view text);
 

@@ -9,6 +9,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/capture/capture_worker.h"
 #include "kelvane/capture/process_scan.h"
+#include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/thread_process.h"
 #include "kelvane/timeline/missing_switches.h"
@@ -35,8 +36,11 @@ std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, con
   uint64_t fromNs = nsOfTicks(hang.start);
   uint64_t toNs = std::min(nsOfTicks(hang.end), report.capturedAtNs);
   if (fromNs >= toNs) return std::nullopt;
+  const auto rivals = [&] {
+    return watchRivals(report.process.pid, report.process.hungThread, kRivalsWatch);
+  };
   return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, before, after,
-                findProcess});
+                rivals, findProcess});
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "kelvane/capture/captured_process.h"
 #include "kelvane/capture/pressure.h"
 #include "kelvane/capture/process_scan.h"
+#include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/thread_process.h"
 #include "kelvane/recording/recording.h"
@@ -22,6 +23,8 @@ struct Evidence {
   Pressure pressure;
   Surroundings before;  // the look at the process, and after it
   Surroundings after;
+  /// Asked without a recording if the thread was not given a CPU: who was.
+  std::function<std::optional<Rivals>()> watchRivals;
   /// Fills in a thread's process; leaves it open where it can't be told.
   std::function<void(NamedThread&)> findProcess;
 };

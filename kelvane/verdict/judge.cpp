@@ -211,6 +211,7 @@ Verdict judge(const Evidence& evidence) {
     if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
   } else if (findings.thread) {
     verdict.cause = causeByOneLook(evidence, findings);
+    if (verdict.cause == Cause::starved && evidence.watchRivals) findings.rivals = evidence.watchRivals();
   }
   if (has(verdict, Cause::lock)) verdict.lockOwner = namedOwner(evidence.process);
   if (has(verdict, Cause::peer)) verdict.peer = evidence.process.peer;

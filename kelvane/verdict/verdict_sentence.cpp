@@ -16,9 +16,6 @@ namespace {
 /// From this share on, what is known stands for the whole hang: a switch or two at its border may be missing.
 constexpr double kWholeShare = 0.95;
 
-/// How many processes a sentence names at most, where all have as much to do with the hang.
-constexpr size_t kMaxNamed = 3;
-
 std::string decimal(double number) {
   std::array<char, 40> text;
   return {text.data(),
@@ -129,7 +126,11 @@ class Sentence {
   /// What else it did for much of the time.
   std::string furtherPhases() const {
     std::string text;
-    for (size_t i = 1; i < verdict_.phases.size(); i++) text += "; it also " + predicate(verdict_.phases[i]);
+    for (size_t i = 1; i < verdict_.phases.size(); i++) {
+      const Phase& phase = verdict_.phases[i];
+      // Who had the CPU beside the main cause is of no interest.
+      text += "; it also " + (phase.cause == Cause::starved ? readyText() : predicate(phase));
+    }
     return text;
   }
 
@@ -200,7 +201,7 @@ class Sentence {
     if (!verdict_.fromRecorder) {
       const ScheduleFigures life = evidence_.before.schedule.value_or(ScheduleFigures{});
       return readyText() + ", and in its life has waited " + durationText(life.waitedNs) +
-             " for a CPU and had one for " + durationText(life.ranNs) + awakeText();
+             " for a CPU and had one for " + durationText(life.ranNs) + rivalsText();
     }
     std::string text = readyText();
     if (findings_.idleRunnableNs > findings_.in(ThreadState::runnable) / 2)
@@ -214,7 +215,9 @@ class Sentence {
 
   std::string competitorsText(const Competitors& others) const {
     if (others.count == 1) return threadText(others.busiest);
-    std::string text = std::to_string(others.count) + " threads";
+    // Without a recording only the hung process's threads are told apart.
+    std::string text =
+        std::to_string(others.count) + (verdict_.fromRecorder || others.areOwn ? " threads" : " processes");
     if (others.areOwn) text += " of its own process";
     if (!others.busiest.name.empty()) text += " named '" + others.busiest.name + "'";
     if (others.areOwn) return text;
@@ -250,17 +253,17 @@ class Sentence {
            (group.empty() ? "with its control group" : "with its control group " + group);
   }
 
-  /// Processes that run at the moment of the look, since there is no record of the time before it.
-  std::string awakeText() const {
-    std::string text;
-    size_t count = 0;
-    for (const AwakeProcess& process : evidence_.processes.awake) {
-      if (process.state != 'R' || process.pid == process_.pid) continue;
-      if (++count > kMaxNamed) continue;
-      text += (text.empty() ? "; running or ready to at the look:" : ",") + quoted(process.comm) + " (pid " +
-              std::to_string(process.pid) + ")";
-    }
-    return count > kMaxNamed ? text + " and " + std::to_string(count - kMaxNamed) + " more" : text;
+  /// Who had its CPU right after the look.
+  std::string rivalsText() const {
+    if (!findings_.rivals) return {};
+    const Rivals& rivals = *findings_.rivals;
+    Competitors others;
+    others.busiest = {rivals.busiest, rivals.name, rivals.areOwn ? process_.pid : rivals.busiest,
+                      rivals.name};
+    others.areOwn = rivals.areOwn;
+    others.count = rivals.count;
+    return "; for " + ofDuration(rivals.ranMs * 1'000'000, rivals.watchedMs * 1'000'000) +
+           " right after the look its CPU ran " + competitorsText(others);
   }
 
   std::string threadText(const NamedThread& thread) const {

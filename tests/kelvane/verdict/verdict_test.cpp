@@ -6,6 +6,8 @@
 
 #include "kelvane/capture/lock_owner.h"
 #include "kelvane/capture/pressure.h"
+#include "kelvane/capture/rivals.h"
+#include "kelvane/capture/surroundings.h"
 #include "kelvane/timeline/missing_switches.h"
 #include "kelvane/verdict/judge.h"
 
@@ -63,14 +65,16 @@ class Machine {
     Recording recording = recording_;
     std::stable_sort(recording.events.begin(), recording.events.end(),
                      [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
-    return judge(
-        {1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after, findProcess});
+    const auto watchRivals = [this] { return rivals; };
+    return judge({1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after,
+                  watchRivals, findProcess});
   }
 
   ProcessCapture process;
   ProcessScan processes;
   Pressure pressure;
   Surroundings before, after;
+  std::optional<Rivals> rivals;
 
  private:
   Recording recording_;
@@ -420,15 +424,30 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
   machine.look().state = 'R';
   machine.look().userMs = 9'000;
   expectSays(machine.verdict(), Cause::ownCpu, "busy itself");
-  machine.processes.awake = {{kHog, "hog", 'R', {}}};
   auto lives = [&](uint64_t ranMs, uint64_t waitedMs, uint64_t ranAtLookMs, uint64_t waitedAtLookMs) {
     machine.before.schedule = ScheduleFigures{ranMs * kMs, waitedMs * kMs};
     machine.after.schedule = ScheduleFigures{(ranMs + ranAtLookMs) * kMs, (waitedMs + waitedAtLookMs) * kMs};
   };
   lives(300, 9'000, 0, 0);
+  machine.rivals = rivalsOf(kApp,
+                            {{kApp, "viewer", true, 1, 300},
+                             {kHog, "hog", false, 1, 50},
+                             {kOther, "hog", false, 1, 50},
+                             {7, "elsewhere", false, 0, 0},
+                             {8, "quiet", false, 1, 10}},
+                            {{kApp, "viewer", true, 1, 300},
+                             {kHog, "hog", false, 1, 130},
+                             {kOther, "hog", false, 1, 150},
+                             {7, "elsewhere", false, 0, 200},
+                             {8, "quiet", false, 1, 20},
+                             {9, "new", false, 1, 900}},
+                            200);
   expectSays(
       machine.verdict(), Cause::starved,
-      "in its life has waited 9.0 s for a CPU and had one for 300 ms; running or ready to at the look: 'hog' (pid 200)");
+      "in its life has waited 9.0 s for a CPU and had one for 300 ms; for 180 of 200 ms right after the look its CPU "
+      "ran 2 processes named 'hog', such as pid 300.");
+  EXPECT_FALSE(rivalsOf(kApp, {{kApp, "viewer", true, 1, 0}, {7, "x", false, 1, 0}},
+                        {{kApp, "viewer", true, 1, 0}, {7, "x", false, 1, 20}}, 200));
   lives(9'000, 300, 0, 40);
   expectSays(machine.verdict(), Cause::ownCpu, "busy itself");
   lives(70'000, 90'000, 10, 30);
@@ -442,7 +461,7 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
   expectSays(machine.verdict(), Cause::unknown, "no process");
 }
 
-TEST(Verdict, ReadsMutexesAndPressure) {
+TEST(Verdict, ReadsMutexesPressureAndLimits) {
   EXPECT_EQ(ownerInMutex({2, 0, 4711, 1, 0}), 4711);                // glibc, contended
   EXPECT_EQ(ownerInMutex({1, 0, 4711, 1, 0}), 0);                   // nobody waits
   EXPECT_EQ(ownerInMutex({2, 0, 4711, 1, 0x7f001234}), 0);          // no mutex's kind
@@ -454,6 +473,14 @@ TEST(Verdict, ReadsMutexesAndPressure) {
   EXPECT_DOUBLE_EQ(line.some10, 30.47);
   EXPECT_DOUBLE_EQ(line.full10.value_or(0), 1.5);
   EXPECT_FALSE(parsePressure("some avg10=-1 "));
+  EXPECT_EQ(parseSchedstat("168833 6324995 2\n").value_or(ScheduleFigures{}).waitedNs, 6'324'995u);
+  EXPECT_FALSE(parseSchedstat("168833\n"));
+  constexpr std::string_view kGroups = "4:cpu,cpuacct:/a\n2:name=systemd:/b\n1:cpuset:/c\n0::/d\n";
+  EXPECT_EQ(parseGroupPath(kGroups, "cpuacct"), "/a");
+  EXPECT_EQ(parseGroupPath(kGroups, ""), "/d");
+  EXPECT_FALSE(parseGroupPath(kGroups, "memory"));
+  EXPECT_EQ(parseGroupNumber("nr_periods 38\nnr_throttled 3\n", "nr_throttled"), 3u);
+  EXPECT_FALSE(parseGroupNumber("nr_periods -1\n", "nr_periods"));
   EXPECT_FALSE(parsePressure(""));
 }
 
