@@ -84,6 +84,19 @@ inline constexpr size_t kMaxTracePageBytes = size_t{64} * 1024;
 inline constexpr std::chrono::minutes kKeepPagesFor{10};
 inline constexpr size_t kKeptBuffers = 2;
 
+// Who waits for whom.
+
+/// How far the waits are followed from the hung thread on, how many threads are looked at on the way, and how
+/// many who can end one wait.
+inline constexpr size_t kMaxWaitDepth = 8;
+inline constexpr size_t kMaxWaitParties = 24;
+inline constexpr size_t kMaxWaitHolders = 6;
+/// How long threads that a copy has woken may take to go back to sleep.
+inline constexpr std::chrono::milliseconds kSettleTime{50};
+/// How long they are watched, to tell who stands still from who moves, and who computes from who is given no
+/// CPU.
+inline constexpr std::chrono::milliseconds kWatchTime{40};
+
 // All processes.
 
 /// How long the search for the other end of a pipe or socket may take, and how many descriptors of a process

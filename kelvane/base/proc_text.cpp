@@ -63,6 +63,7 @@ std::optional<ProcStat> parseStat(std::string_view text) {
     if (field == 9) stat.flags = number;
     if (field == 14) stat.userTicks = number;
     if (field == 15) stat.systemTicks = number;
+    if (field == 18) stat.priority = parseNumber<int>(part).value_or(0);
     if (field == 28) stat.startStack = number;
     if (field == 39) stat.cpu = static_cast<int>(number);
   }

@@ -75,8 +75,11 @@ ProcessCapture CaptureWorker::take(const Deadline& deadline) {
         {"process", "the kernel held up the capture; this is what was found by then"});
     end();
   }
-  if (!look_.addTo(capture_) || !parsed_.addTo(capture_))
-    capture_.omissions.push_back({"process", "there is more than a report takes"});
+  bool isWhole = look_.addTo(capture_);
+  const WaitGraph waits = capture_.waits;
+  isWhole = parsed_.addTo(capture_) && isWhole;
+  capture_.waits = waits;  // whatever parses files leads to nobody
+  if (!isWhole) capture_.omissions.push_back({"process", "there is more than a report takes"});
   return std::move(capture_);
 }
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "kelvane/base/omission.h"
-#include "kelvane/capture/peer.h"
 #include "kelvane/frames/frame.h"
 #include "kelvane/threads/thread_facts.h"
+#include "kelvane/waits/wait_graph.h"
 
 namespace kelvane {
 
@@ -43,10 +43,7 @@ struct ProcessCapture {
   std::vector<ThreadCapture> threads;
   std::vector<Frame> frames;
   std::vector<Module> modules;  // Frame::module counts these
-  /// What the hung thread waits for: the holder of a lock (a thread of the process), or of the other end of a
-  /// pipe or socket. 0 and nothing: it doesn't, or that can't be told.
-  pid_t lockOwner = 0;
-  std::optional<Peer> peer;
+  WaitGraph waits;              // from the hung thread on
   std::vector<Omission> omissions;
 };
 

@@ -43,6 +43,7 @@ void writeFacts(WireWriter& out, const ThreadFacts& facts) {
   out.text(facts.comm);
   out.number(static_cast<unsigned char>(facts.state));
   out.text(facts.waitChannel);
+  out.number(static_cast<uint64_t>(int64_t{facts.priority}));
   out.number(static_cast<uint64_t>(facts.tracerPid));
   out.number(facts.syscall.has_value());
   const SystemCall call = facts.syscall.value_or(SystemCall{});
@@ -61,6 +62,7 @@ ThreadFacts readFacts(WireReader& in) {
   facts.comm = in.text();
   facts.state = static_cast<char>(in.number());
   facts.waitChannel = in.text();
+  facts.priority = static_cast<int>(in.number());
   facts.tracerPid = readId(in);
   const bool hasCall = in.number() != 0;
   SystemCall call;
@@ -125,6 +127,74 @@ void writeOmission(WireWriter& out, const Omission& omission) {
   out.text(omission.why);
 }
 
+void writeParty(WireWriter& out, const WaitParty& party) {
+  out.number(static_cast<uint64_t>(party.pid));
+  out.text(party.process);
+  writeFacts(out, party.facts);
+}
+
+WaitParty readParty(WireReader& in) {
+  WaitParty party;
+  party.pid = readId(in);
+  party.process = in.text();
+  party.facts = readFacts(in);
+  return party;
+}
+
+void writeHolder(WireWriter& out, const WaitHolder& holder) {
+  out.number(static_cast<uint64_t>(holder.pid));
+  out.number(static_cast<uint64_t>(holder.tid));
+  out.number(static_cast<uint64_t>(holder.sureness));
+  out.text(holder.evidence);
+}
+
+/// A number that stands for none of them is the last one.
+template <typename Enum>
+Enum readEnum(WireReader& in, Enum last) {
+  return static_cast<Enum>(std::min<uint64_t>(in.number(), static_cast<uint64_t>(last)));
+}
+
+WaitHolder readHolder(WireReader& in) {
+  WaitHolder holder;
+  holder.pid = readId(in);
+  holder.tid = readId(in);
+  holder.sureness = readEnum(in, Sureness::guess);
+  holder.evidence = in.text();
+  return holder;
+}
+
+void writeWait(WireWriter& out, const PartyWait& wait) {
+  out.number(static_cast<uint64_t>(wait.tid));
+  out.number(static_cast<uint64_t>(wait.kind));
+  out.text(wait.object);
+  writeAll(out, wait.holders, writeHolder);
+}
+
+PartyWait readWait(WireReader& in) {
+  PartyWait wait;
+  wait.tid = readId(in);
+  wait.kind = readEnum(in, kLastWaitKind);
+  wait.object = in.text();
+  wait.holders = readAll<WaitHolder>(in, readHolder);
+  return wait;
+}
+
+void writeWatch(WireWriter& out, const PartyWatch& watch) {
+  out.number(static_cast<uint64_t>(watch.tid));
+  for (const bool flag : {watch.moved, watch.frozen, watch.throttled}) out.number(flag);
+  out.number(watch.watchedNs);
+  out.number(watch.ranNs);
+}
+
+PartyWatch readWatch(WireReader& in) {
+  PartyWatch watch;
+  watch.tid = readId(in);
+  for (bool* flag : {&watch.moved, &watch.frozen, &watch.throttled}) *flag = in.number() != 0;
+  watch.watchedNs = in.number();
+  watch.ranNs = in.number();
+  return watch;
+}
+
 ProcessCapture readPart(WireReader& in) {
   ProcessCapture part;
   part.pid = readId(in);
@@ -139,12 +209,9 @@ ProcessCapture readPart(WireReader& in) {
     module.buildId = from.text();
     return module;
   });
-  part.lockOwner = readId(in);
-  Peer peer;
-  peer.pid = readId(in);
-  peer.process = in.text();
-  peer.through = in.text();
-  if (peer.pid != 0) part.peer = std::move(peer);
+  part.waits.parties = readAll<WaitParty>(in, readParty);
+  part.waits.waits = readAll<PartyWait>(in, readWait);
+  part.waits.watches = readAll<PartyWatch>(in, readWatch);
   part.omissions = readAll<Omission>(in, [](WireReader& from) {
     Omission omission;
     omission.what = from.text();
@@ -176,8 +243,9 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
   if (!part.comm.empty()) whole.comm = std::move(part.comm);
   if (part.hungThread != 0) whole.hungThread = part.hungThread;
   if (part.threadCount != 0) whole.threadCount = part.threadCount;
-  if (part.lockOwner != 0) whole.lockOwner = part.lockOwner;
-  if (part.peer) whole.peer = std::move(part.peer);
+  append(whole.waits.parties, part.waits.parties);
+  append(whole.waits.waits, part.waits.waits);
+  append(whole.waits.watches, part.waits.watches);
   append(whole.frames, part.frames);
   append(whole.modules, part.modules);
   append(whole.omissions, part.omissions);
@@ -209,11 +277,9 @@ std::string encodeFindings(const ProcessCapture& part) {
   writeAll(out, part.threads, writeThread);
   writeAll(out, part.frames, writeFrame);
   writeAll(out, part.modules, writeModule);
-  out.number(static_cast<uint64_t>(part.lockOwner));
-  const Peer peer = part.peer.value_or(Peer{});
-  out.number(static_cast<uint64_t>(peer.pid));
-  out.text(peer.process);
-  out.text(peer.through);
+  writeAll(out, part.waits.parties, writeParty);
+  writeAll(out, part.waits.waits, writeWait);
+  writeAll(out, part.waits.watches, writeWatch);
   writeAll(out, part.omissions, writeOmission);
   return out.bytes();
 }

@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
-#include "kelvane/capture/lock_owner.h"
+#include "kelvane/capture/wait_look.h"
 #include "kelvane/threads/read_memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 #include "kelvane/threads/thread_facts.h"
@@ -30,8 +32,10 @@ class Look {
     listThreads();
     readFacts();
     takeStacks();
-    findLockOwner();
-    findPeer();
+    settle();
+    // Late, since it reads memory that the thread waits at, which lies behind a dead server sooner than any
+    // other.
+    lookAtWaits({target_.pid, firstStat_.comm, dir_.get(), facts_}, deadline_, publish_);
   }
 
  private:
@@ -93,10 +97,10 @@ class Look {
       }
       auto facts = readThreadFacts(dir_.get(), tid, last.omissions);
       if (!facts) continue;
-      if (tid == hungThread_) hungFacts_ = *facts;
       ProcessCapture part;
-      part.threads.push_back({std::move(*facts), {}, {}});
+      part.threads.push_back({*facts, {}, {}});
       publish_(part);
+      facts_.push_back(std::move(*facts));
     }
     publish_(last);
   }
@@ -159,19 +163,14 @@ class Look {
     }
   }
 
-  /// Late, since it reads memory that the thread waits at: this lies behind a dead server sooner than any
-  /// other.
-  void findLockOwner() {
-    ProcessCapture part;
-    part.lockOwner = kelvane::lockOwner(dir_.get(), target_.pid, hungFacts_);
-    publish_(part);
-  }
-
-  /// Last, since it looks at every process.
-  void findPeer() {
-    ProcessCapture part;
-    part.peer = kelvane::findPeer(dir_.get(), target_.pid, hungFacts_, deadline_, part.omissions);
-    publish_(part);
+  /// Each copy of a stack wakes its thread, which then goes back into the call that it was in.
+  void settle() const {
+    const Deadline soon(kSettleTime);
+    for (const ThreadFacts& facts : facts_) {
+      while (facts.state == 'S' && readThreadState(dir_.get(), facts.tid) == 'R' && !soon.passed() &&
+             !deadline_.passed())
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
   }
 
   const CaptureTarget target_;
@@ -181,8 +180,8 @@ class Look {
   UniqueFd dir_;
   ProcStat firstStat_;
   pid_t hungThread_ = 0;
-  ThreadFacts hungFacts_;
-  std::vector<pid_t> tids_;  // the hung thread's first
+  std::vector<pid_t> tids_;         // the hung thread's first
+  std::vector<ThreadFacts> facts_;  // of those that were still there
 };
 
 }  // namespace

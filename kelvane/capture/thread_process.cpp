@@ -24,6 +24,7 @@ void findProcess(NamedThread& thread) {
   auto process = pid == 0 ? std::nullopt : parseStat(readProc(pid, "stat"));
   if (!process) return;
   thread.pid = pid;
+  thread.priority = stat->priority;
   thread.process = process->comm;
 }
 

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kelvane {
@@ -13,10 +14,11 @@ struct NamedThread {
   std::string name;
   pid_t pid = 0;  // of its process; 0: not known
   std::string process;
+  std::optional<int> priority{};  // the kernel's (ProcStat); nothing: not known
 };
 
-/// Fills in the process of a thread, if the thread is still there under the name that was recorded: its id
-/// may have passed to another since.
+/// Fills in the process and the priority of a thread, if the thread is still there under the name that was
+/// recorded: its id may have passed to another since.
 void findProcess(NamedThread& thread);
 
 }  // namespace kelvane

@@ -1,5 +1,8 @@
 #include "kelvane/report/verdict_json.h"
 
+#include "kelvane/verdict/display_names.h"
+#include "kelvane/verdict/syscall_names.h"
+
 namespace kelvane {
 namespace {
 
@@ -103,6 +106,40 @@ void writeDisk(JsonWriter& json, const DiskActivity& disk) {
   json.endObject();
 }
 
+void writeWaitsFor(JsonWriter& json, const ChainLink& link) {
+  json.key("waitsFor");
+  json.beginObject();
+  json.member("kind", waitKindName(link.wait->kind));
+  if (!link.wait->object.empty()) json.member("object", std::string_view(link.wait->object));
+  if (link.holder) {
+    json.member("tid", link.holder->tid);
+    json.member("sureness", surenessName(link.holder->sureness));
+    json.member("evidence", std::string_view(link.holder->evidence));
+  }
+  json.endObject();
+}
+
+void writeChain(JsonWriter& json, const ChainVerdict& verdict) {
+  json.key("chain");
+  json.beginArray();
+  const auto& links = verdict.chain.links;
+  const size_t firstCulprit = verdict.chain.deadlockFrom.value_or(links.size() - 1);
+  for (size_t i = 0; i < links.size(); i++) {
+    const ThreadFacts& facts = links[i].party.facts;
+    json.beginObject();
+    writeNames(json, {facts.tid, facts.comm, links[i].party.pid, links[i].party.process, {}});
+    json.member("state", stateName(facts.state));
+    if (!facts.waitChannel.empty()) json.member("waitChannel", std::string_view(facts.waitChannel));
+    const char* call = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
+    if (call) json.member("syscallName", call);
+    json.member("text", std::string_view(verdict.steps[i]));
+    if (i >= firstCulprit) json.member("culprit", chainEndName(verdict.end));
+    if (links[i].wait) writeWaitsFor(json, links[i]);
+    json.endObject();
+  }
+  json.endArray();
+}
+
 void writePressureLine(JsonWriter& json, const char* name, const std::optional<PressureLine>& line) {
   if (!line) return;
   json.key(name);
@@ -124,21 +161,7 @@ void writeVerdict(JsonWriter& json, const Verdict& verdict) {
   writePhases(json, verdict.phases);
   writeWaits(json, verdict.waits);
   writeWakers(json, verdict.wakers);
-  if (verdict.lockOwner) {
-    json.key("lock");
-    json.beginObject();
-    json.member("ownerTid", verdict.lockOwner->tid);
-    json.member("ownerName", std::string_view(verdict.lockOwner->name));
-    json.endObject();
-  }
-  if (verdict.peer) {
-    json.key("peer");
-    json.beginObject();
-    json.member("pid", verdict.peer->pid);
-    json.member("process", std::string_view(verdict.peer->process));
-    json.member("through", std::string_view(verdict.peer->through));
-    json.endObject();
-  }
+  if (verdict.chain) writeChain(json, *verdict.chain);
   writeBusiest(json, verdict.busiest);
   if (verdict.disk) writeDisk(json, *verdict.disk);
   json.key("pressure");

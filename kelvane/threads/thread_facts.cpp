@@ -52,6 +52,7 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
   facts.tid = tid;
   facts.comm = stat->comm;
   facts.state = stat->state;
+  facts.priority = stat->priority;
   facts.userMs = msOfClockTicks(stat->userTicks);
   facts.systemMs = msOfClockTicks(stat->systemTicks);
 

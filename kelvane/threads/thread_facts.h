@@ -18,6 +18,7 @@ struct ThreadFacts {
   std::string comm;
   char state = '?';         // proc(5); '?' if the thread went away
   std::string waitChannel;  // empty: not waiting, or not permitted
+  int priority = 0;         // the kernel's (ProcStat)
   pid_t tracerPid = 0;      // the process that traces it; 0: none
   std::optional<SystemCall> syscall;
   std::vector<std::string> kernelStack;  // innermost first

@@ -1,5 +1,6 @@
 #include "kelvane/verdict/display_names.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -45,6 +46,29 @@ std::string frameName(const ProcessCapture& process, const Frame& frame) {
   if (!frame.name.empty()) return frame.name;
   const Module* module = moduleOf(process, frame);
   return module ? fileName(module->path) + "+" + hexText(frame.offset) : hexText(frame.address);
+}
+
+std::string quoted(const std::string& name) {
+  return name.empty() ? std::string() : " '" + name + "'";
+}
+
+std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
+  constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
+                                                         "libpthread", "libstdc++.so", "libc++.so"};
+  auto isPlumbing = [&](const Frame& frame) {
+    if (frame.module < 0) return false;
+    std::string module = fileName(process.modules[static_cast<size_t>(frame.module)].path);
+    return std::any_of(kPlumbing.begin(), kPlumbing.end(),
+                       [&](auto name) { return module.starts_with(name); });
+  };
+  if (!thread.stack || thread.stack->frames.empty()) return {};
+  const auto& frames = thread.stack->frames;
+  auto found = std::find_if(frames.begin(), frames.end(),
+                            [&](uint32_t index) { return !isPlumbing(process.frames[index]); });
+  const Frame& frame = process.frames[found == frames.end() ? frames.front() : *found];
+  std::string text = ", in " + frameName(process, frame);
+  if (frame.name.empty() || frame.module < 0) return text;
+  return text + " (" + fileName(process.modules[static_cast<size_t>(frame.module)].path) + ")";
 }
 
 }  // namespace kelvane

@@ -23,4 +23,11 @@ const Module* moduleOf(const ProcessCapture& process, const Frame& frame);
 /// A user frame's function, or "MODULE+0xOFFSET", or just its address.
 std::string frameName(const ProcessCapture& process, const Frame& frame);
 
+/// " 'name'"; empty of no name.
+std::string quoted(const std::string& name);
+
+/// ", in FUNCTION (FILE)": the function that the thread was in, the innermost one that is not of a language's
+/// own libraries, where programs wait and read the clock. Empty without a stack.
+std::string placeText(const ProcessCapture& process, const ThreadCapture& thread);
+
 }  // namespace kelvane

@@ -33,6 +33,7 @@ struct Findings {
   uint64_t lastSleepNs = 0;                     // how long that sleep has lasted; 0: it was not asleep
   KernelWait kernelWait = KernelWait::unknown;  // at the look
   Sleeps sleeps;
+  std::optional<ChainVerdict> chain;  // if it says more than that the thread slept
   std::vector<Wait> waits;          // longest first
   std::vector<BusyThread> busiest;  // other threads, most first
   DiskActivity disk;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
+#include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/findings.h"
 #include "kelvane/verdict/verdict_sentence.h"
 
@@ -25,11 +27,10 @@ bool isShare(uint64_t partNs, double share, uint64_t wholeNs) {
   return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
 }
 
-/// What the look found to keep a sleeper waiting.
-Cause causeOfSleepAtLook(const ProcessCapture& process) {
-  if (process.lockOwner != 0) return Cause::lock;
-  if (process.peer) return Cause::peer;
-  return Cause::sleeping;
+/// What the chain says that starts with such a sleep.
+std::optional<Cause> causeOfChainIn(ThreadState state, const Findings& findings) {
+  if (!findings.chain || findings.chain->state != state) return std::nullopt;
+  return causeOfChain(*findings.chain);
 }
 
 std::optional<Cause> causeOfKernelWait(KernelWait wait) {
@@ -68,15 +69,18 @@ Cause causeOfRunnable(const Evidence& evidence, const Findings& findings) {
                                                                            : Cause::starved;
 }
 
-Cause causeOfSleep(const Evidence& evidence, const Findings& findings) {
+Cause causeOfSleep(const Findings& findings) {
   const bool holds =
       isShare(findings.sleeps.likeTheLookNs, kDecisiveShare, findings.in(ThreadState::sleeping));
-  return holds ? causeOfSleepAtLook(evidence.process) : Cause::sleeping;
+  const auto seen = holds ? causeOfChainIn(ThreadState::sleeping, findings) : std::nullopt;
+  return seen.value_or(Cause::sleeping);
 }
 
 Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& findings) {
   const uint64_t asleepNs = findings.in(ThreadState::uninterruptible);
   const bool isSeen = isShare(findings.lastSleepNs, kDecisiveShare, asleepNs);
+  const auto known = isSeen ? causeOfChainIn(ThreadState::uninterruptible, findings) : std::nullopt;
+  if (known) return *known;
   const auto seen = isSeen ? causeOfKernelWait(findings.kernelWait) : std::nullopt;
   if (seen && *seen != Cause::disk) return *seen;
   if (findings.pageIns > 0 && (isMemoryShort(evidence.pressure) || findings.memoryLimitHit))
@@ -97,7 +101,7 @@ Cause causeOfState(ThreadState state, const Evidence& evidence, const Findings& 
     case ThreadState::uninterruptible:
       return causeOfUninterruptibleSleep(evidence, findings);
     case ThreadState::sleeping:
-      return causeOfSleep(evidence, findings);
+      return causeOfSleep(findings);
     case ThreadState::stopped:
       return Cause::stopped;
     case ThreadState::unknown:
@@ -161,29 +165,26 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
     case 'R':
       return causeOfAwake(evidence, findings);
     case 'D':
-      return isFrozen ? Cause::frozen : inKernel;
+      return isFrozen ? Cause::frozen
+                      : causeOfChainIn(ThreadState::uninterruptible, findings).value_or(inKernel);
     case 'T':
     case 't':
       return Cause::stopped;
     case 'S':
-      return isFrozen ? Cause::frozen : causeOfSleepAtLook(evidence.process);
+      return isFrozen ? Cause::frozen
+                      : causeOfChainIn(ThreadState::sleeping, findings).value_or(Cause::sleeping);
     default:
       return Cause::unknown;
   }
 }
 
-std::optional<NamedThread> namedOwner(const ProcessCapture& process) {
-  for (const ThreadCapture& thread : process.threads) {
-    if (thread.facts.tid == process.lockOwner)
-      return NamedThread{thread.facts.tid, thread.facts.comm, process.pid, process.comm};
-  }
-  // More threads than are listed.
-  return NamedThread{process.lockOwner, {}, process.pid, process.comm};
-}
-
-bool has(const Verdict& verdict, Cause cause) {
-  return verdict.cause == cause || std::any_of(verdict.phases.begin(), verdict.phases.end(),
-                                               [&](const Phase& phase) { return phase.cause == cause; });
+/// Whether the chain is what one of the phases was put down to, or the whole.
+bool isByChain(const Verdict& verdict, const ChainVerdict& chain) {
+  const Cause cause = causeOfChain(chain);
+  if (!verdict.fromRecorder) return verdict.cause == cause;
+  return std::any_of(verdict.phases.begin(), verdict.phases.end(), [&](const Phase& phase) {
+    return phase.cause == cause && phase.state == chain.state;
+  });
 }
 
 }  // namespace
@@ -191,6 +192,8 @@ bool has(const Verdict& verdict, Cause cause) {
 Verdict judge(const Evidence& evidence) {
   const Recording& recording = evidence.recording;
   Findings findings = findingsOf(evidence);
+  auto chain = chainVerdict(evidence);
+  if (chain && tellsMore(*chain)) findings.chain = std::move(chain);
   Verdict verdict;
   verdict.windowNs = evidence.toNs - evidence.fromNs;
   verdict.coveredNs = sharedNs(evidence.fromNs, evidence.toNs, recording.coveredFromNs, recording.toNs);
@@ -213,8 +216,7 @@ Verdict judge(const Evidence& evidence) {
     verdict.cause = causeByOneLook(evidence, findings);
     if (verdict.cause == Cause::starved && evidence.watchRivals) findings.rivals = evidence.watchRivals();
   }
-  if (has(verdict, Cause::lock)) verdict.lockOwner = namedOwner(evidence.process);
-  if (has(verdict, Cause::peer)) verdict.peer = evidence.process.peer;
+  if (findings.chain && isByChain(verdict, *findings.chain)) verdict.chain = findings.chain;
   verdict.sentence = verdictSentence(evidence, findings, verdict);
   return verdict;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "kelvane/verdict/chain_sentence.h"
 #include "kelvane/verdict/display_names.h"
 #include "kelvane/verdict/syscall_names.h"
 
@@ -56,37 +57,6 @@ std::string counted(uint64_t count, const char* what) {
 std::string percentOf(uint64_t partNs, uint64_t wholeNs) {
   double share = wholeNs == 0 ? 0 : static_cast<double>(partNs) / static_cast<double>(wholeNs);
   return std::to_string(std::lround(std::min(share, 1.0) * 100)) + " %";
-}
-
-std::string quoted(const std::string& name) {
-  return name.empty() ? std::string() : " '" + name + "'";
-}
-
-/// What a thread does that holds up another: "sleeping in hrtimer_nanosleep".
-std::string doingText(const ThreadFacts& facts) {
-  std::string text = facts.state == 'R' ? "running or ready to" : stateName(facts.state);
-  return facts.waitChannel.empty() ? text : text + " in " + facts.waitChannel;
-}
-
-/// The function that the thread was in: the innermost one that is not of a language's own libraries, where
-/// programs wait and read the clock.
-std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
-  constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
-                                                         "libpthread", "libstdc++.so", "libc++.so"};
-  auto isPlumbing = [&](const Frame& frame) {
-    if (frame.module < 0) return false;
-    std::string module = fileName(process.modules[static_cast<size_t>(frame.module)].path);
-    return std::any_of(kPlumbing.begin(), kPlumbing.end(),
-                       [&](auto name) { return module.starts_with(name); });
-  };
-  if (!thread.stack || thread.stack->frames.empty()) return {};
-  const auto& frames = thread.stack->frames;
-  auto found = std::find_if(frames.begin(), frames.end(),
-                            [&](uint32_t index) { return !isPlumbing(process.frames[index]); });
-  const Frame& frame = process.frames[found == frames.end() ? frames.front() : *found];
-  std::string text = ", in " + frameName(process, frame);
-  if (frame.name.empty() || frame.module < 0) return text;
-  return text + " (" + fileName(process.modules[static_cast<size_t>(frame.module)].path) + ")";
 }
 
 class Sentence {
@@ -141,6 +111,8 @@ class Sentence {
   }
 
   std::string predicate(const Phase& phase) const {
+    if (verdict_.chain && (!verdict_.fromRecorder || phase.state == verdict_.chain->state))
+      return chainText(process_, *verdict_.chain, waitedAmount());
     switch (phase.cause) {
       case Cause::ownCpu:
         return busyText();
@@ -150,10 +122,6 @@ class Sentence {
         return phase.state == ThreadState::uninterruptible ? heldBackText() : throttledText();
       case Cause::disk:
         return diskText();
-      case Cause::lock:
-        return "waited " + forAmount(findings_.sleeps.likeTheLookNs) + "for a lock that " + ownerText();
-      case Cause::peer:
-        return "waited " + forAmount(findings_.sleeps.likeTheLookNs) + "for " + peerText();
       case Cause::memory:
         return memoryText(phase.state == ThreadState::uninterruptible);
       case Cause::stopped:
@@ -174,10 +142,15 @@ class Sentence {
                channelText();
       case Cause::sleeping:
         return "slept " + spentAmount(ThreadState::sleeping) + sleepText();
-      case Cause::unknown:
+      default:
         break;
     }
     return unknownText();
+  }
+
+  std::string waitedAmount() const {
+    const bool isDeep = verdict_.chain->state == ThreadState::uninterruptible;
+    return isDeep ? spentAmount(ThreadState::uninterruptible) : forAmount(findings_.sleeps.likeTheLookNs);
   }
 
   std::string busyText() const {
@@ -297,23 +270,6 @@ class Sentence {
               " read, " + bytesText(disk.writtenBytes) + " written";
     }
     return text + ")" + limit;
-  }
-
-  std::string ownerText() const {
-    const NamedThread owner = verdict_.lockOwner.value_or(NamedThread{});
-    if (owner.tid == process_.hungThread) return "it holds itself";
-    std::string text = "thread " + std::to_string(owner.tid) + quoted(owner.name) + " holds";
-    for (const ThreadCapture& thread : process_.threads) {
-      if (thread.facts.tid == owner.tid) return text + ", itself " + doingText(thread.facts);
-    }
-    return text;
-  }
-
-  std::string peerText() const {
-    const Peer peer = verdict_.peer.value_or(Peer{});
-    if (peer.pid == process_.pid) return "another thread of its own process, through a " + peer.through;
-    return "process" + quoted(peer.process) + " (pid " + std::to_string(peer.pid) + "), through a " +
-           peer.through;
   }
 
   std::string memoryText(bool asleep) const {

@@ -43,8 +43,11 @@ std::optional<uint64_t> timeOutNs(const ThreadFacts& facts) {
 
 /// Whether the look found that the hung thread waits for this one.
 bool keepsItWaiting(const ProcessCapture& process, const NamedThread& thread) {
-  if (process.lockOwner != 0) return thread.tid == process.lockOwner;
-  return process.peer && thread.pid == process.peer->pid;
+  const PartyWait* wait = waitOf(process.waits, process.hungThread);
+  return wait && std::any_of(wait->holders.begin(), wait->holders.end(), [&](const WaitHolder& holder) {
+           // Of another process any thread may have done it.
+           return holder.tid == thread.tid || (holder.pid == thread.pid && holder.pid != process.pid);
+         });
 }
 
 /// Whether the sleep lasted for what the look's call asks for.

@@ -133,7 +133,9 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
   HangTarget victim("mutex");
   Json lock = dumpOf(victim.pid(), victim.thread()).report["metadata"]["verdict"];
   EXPECT_EQ(lock["cause"], "lock") << lock;
-  EXPECT_EQ(lock["lock"]["ownerTid"], victim.pid()) << "the main thread took it";
+  ASSERT_EQ(lock["chain"].size(), 2u) << lock;
+  EXPECT_EQ(lock["chain"][0]["waitsFor"]["tid"], victim.pid()) << "the main thread took it";
+  EXPECT_EQ(lock["chain"][1]["culprit"], "slept") << lock;
 
   // A process that waits for this one, through each end in turn: a byte in a pipe, an answer through a
   // socket.
@@ -156,8 +158,8 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
         verdict = dumpOf(child, child).report["metadata"]["verdict"];
         return verdict["cause"] == "peer";
       })) << verdict;
-      EXPECT_EQ(verdict["peer"]["pid"], getpid()) << verdict;
-      EXPECT_EQ(verdict["peer"]["through"], through);
+      EXPECT_EQ(verdict["chain"][1]["pid"], getpid()) << verdict;
+      EXPECT_EQ(verdict["chain"][0]["waitsFor"]["object"], std::string("a ") + through);
     }
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);

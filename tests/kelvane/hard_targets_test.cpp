@@ -185,7 +185,7 @@ TEST(HardTargets, ThreadsOfAPidNamespaceAreFoundByTheirInnerIds) {
   EXPECT_EQ(dump.whyLeftOut("hung thread"), "");
   EXPECT_EQ(dump.report["threads"][0]["hung"], true);
   EXPECT_NE(dump.report["threads"][0]["tid"], victim);
-  EXPECT_EQ(dump.report["metadata"]["verdict"]["lock"]["ownerTid"], victim) << dump.report["metadata"];
+  EXPECT_EQ(dump.report["metadata"]["verdict"]["chain"][1]["tid"], victim) << dump.report["metadata"];
 }
 
 TEST(HardTargets, CodeMadeAtRunTimeEndsTheStackAndIsSaid) {

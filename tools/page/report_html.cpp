@@ -1,5 +1,7 @@
 #include "tools/page/report_html.h"
 
+#include <algorithm>
+
 #include "tools/base/units.h"
 #include "tools/page/html.h"
 #include "tools/page/report_page.h"
@@ -73,14 +75,24 @@ Html stackHtml(const ReportThread& thread) {
   return stack;
 }
 
-Html threadHtml(const ReportThread& thread) {
+Html threadHtml(const ReportThread& thread, bool isCulprit) {
   const Html name = element("b", "", thread.name) + element("span", "tid", std::to_string(thread.tid)) +
                     element("span", "doing", doingText(thread));
-  Html details{thread.hung ? "<details class=\"hung\" open><summary>" : "<details><summary>"};
+  Html details{"<details id=\"thread-" + std::to_string(thread.tid) + "\"" +
+               (thread.hung ? " class=\"hung\"" : "") + (thread.hung || isCulprit ? " open" : "") +
+               "><summary>"};
   details += name;
   if (thread.hung) details += element("span", "badge", "hung");
+  if (isCulprit) details += element("span", "badge", "culprit");
   details += Html{"</summary>"} + stackHtml(thread) + Html{"</details>\n"};
   return details;
+}
+
+bool isCulprit(const Report& report, int64_t tid) {
+  return report.verdict && std::any_of(report.verdict->chain.begin(), report.verdict->chain.end(),
+                                       [&](const ReportVerdict::Link& link) {
+                                         return link.isCulprit && link.thread.tid == tid;
+                                       });
 }
 
 Html stacksHtml(const Report& report) {
@@ -89,7 +101,7 @@ Html stacksHtml(const Report& report) {
     content += element("p", "note", "The thread that hung had ended, or could not be looked at.");
   }
   for (size_t i = 0; i < report.threads.size() && i < kMaxThreadsShown; ++i) {
-    content += threadHtml(report.threads[i]);
+    content += threadHtml(report.threads[i], isCulprit(report, report.threads[i].tid));
   }
   if (report.threads.size() > kMaxThreadsShown) {
     content += element("p", "note",

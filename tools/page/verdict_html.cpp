@@ -12,21 +12,25 @@ namespace quorvelctl {
 namespace {
 
 /// What each cause is called on its badge; the first one is for what is none of them.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 15> kCauses{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 19> kCauses{{
     {"unknown", "cause unknown"},
     {"own-cpu", "likely cause: own CPU time"},
     {"starved", "likely cause: starved of CPU"},
     {"disk", "likely cause: disk"},
     {"lock", "likely cause: lock"},
     {"peer", "likely cause: another process"},
+    {"child", "likely cause: a child process"},
+    {"file-lock", "likely cause: a lock on a file"},
+    {"network", "likely cause: network"},
+    {"server", "likely cause: a file system's server"},
+    {"deadlock", "likely cause: deadlock"},
+    {"priority-inversion", "likely cause: priority inversion"},
+    {"throttled", "likely cause: a CPU limit"},
+    {"frozen", "likely cause: it was frozen"},
+    {"swapping", "likely cause: swapping"},
     {"memory", "likely cause: memory"},
     {"stopped", "likely cause: it was stopped"},
     {"suspended", "likely cause: suspend"},
-    {"throttled", "likely cause: a limit of its control group"},
-    {"frozen", "likely cause: it was frozen"},
-    {"swapping", "likely cause: swapping"},
-    {"child", "likely cause: a child process"},
-    {"server", "likely cause: a file system's server"},
     {"sleeping", "likely cause: it slept"},
 }};
 
@@ -99,6 +103,24 @@ Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   return listHtml("Its longest waits", "<th>For<th>From<th>State<th>Woken by", rows);
 }
 
+/// From the hung thread on, each with its stack where there is one; the culprit is marked.
+Html chainHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  Html links;
+  for (const ReportVerdict::Link& link : verdict.chain) {
+    Html content = element("b", "", threadText(link.thread, header));
+    if (link.isCulprit) content += element("span", "badge", "culprit");
+    content += element("p", "", stepText(link));
+    if (!link.function.empty()) {
+      content += Html{"<a class=\"code\" href=\"#thread-" + std::to_string(link.thread.tid) + "\">"} +
+                 escaped("in " + link.function) + Html{"</a>"};
+    }
+    if (!link.evidence.empty()) content += element("p", "note", "Evidence: " + link.evidence);
+    links += element("li", link.isCulprit ? "culprit" : "", content);
+  }
+  if (links.markup.empty()) return {};
+  return element("h3", "", "Who waited for whom") + element("ol", "chain", links);
+}
+
 Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   const double covered = verdict.evidence.coveredMs;
   Html rows;
@@ -116,8 +138,6 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   const auto add = [&](std::string_view what, const std::string& value) {
     facts += element("div", "", element("dt", "", what) + element("dd", "", value));
   };
-  if (verdict.lock) add("Lock", "held by " + threadText(*verdict.lock, header));
-  if (verdict.peer) add("Peer", peerText(*verdict.peer, header));
   if (verdict.disk) add("Disk", diskText(*verdict.disk));
   for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
     add(pressure.resource == "cpu"  ? "CPU pressure"
@@ -134,7 +154,8 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
 Html verdictHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   return element("section", "card verdict",
                  (header.hasHang() ? element("p", "badge", causeText(verdict.cause)) : Html{}) +
-                     element("p", "sentence", verdict.sentence) + spentHtml(verdict) +
+                     element("p", "sentence", verdict.sentence) + chainHtml(verdict, header) +
+                     spentHtml(verdict) +
                      element("div", "pair", waitsHtml(verdict, header) + busiestHtml(verdict, header)) +
                      factsHtml(verdict, header));
 }

@@ -30,6 +30,16 @@ ReportVerdict::Wait waitOf(const Json& json) {
   return wait;
 }
 
+ReportVerdict::Link linkOf(const Json& json) {
+  const Json& waitsFor = member(json, "waitsFor");
+  return {verdictThreadOf(json),
+          textMember(json, "text"),
+          textMember(waitsFor, "sureness"),
+          textMember(waitsFor, "evidence"),
+          {},
+          !textMember(json, "culprit").empty()};
+}
+
 template <typename Row, typename RowOf>
 std::vector<Row> rowsOf(const Json& json, RowOf rowOf) {
   std::vector<Row> rows;
@@ -65,12 +75,7 @@ std::optional<ReportVerdict> verdictOf(const Json& json) {
   verdict.busiest = rowsOf<ReportVerdict::Busy>(member(json, "busiest"), [](const Json& row) {
     return ReportVerdict::Busy{verdictThreadOf(row), numberMember(row, "runningMs")};
   });
-  if (const Json& lock = member(json, "lock"); lock.is_object()) {
-    verdict.lock = VerdictThread{integerMember(lock, "ownerTid"), textMember(lock, "ownerName"), 0, {}};
-  }
-  if (const Json& peer = member(json, "peer"); peer.is_object()) {
-    verdict.peer = {integerMember(peer, "pid"), textMember(peer, "process"), textMember(peer, "through")};
-  }
+  verdict.chain = rowsOf<ReportVerdict::Link>(member(json, "chain"), linkOf);
   if (const Json& disk = member(json, "disk"); disk.is_object()) {
     verdict.disk = {integerMember(disk, "requests"), std::max<int64_t>(integerMember(disk, "readBytes"), 0),
                     std::max<int64_t>(integerMember(disk, "writtenBytes"), 0), numberMember(disk, "busyMs"),

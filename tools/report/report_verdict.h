@@ -33,10 +33,14 @@ struct ReportVerdict {
     std::string waitChannel;
     std::optional<VerdictThread> wokenBy;
   };
-  struct Peer {
-    int64_t pid = 0;
-    std::string process;
-    std::string through;  ///< by what they are connected
+  /// One of those who wait for each other.
+  struct Link {
+    VerdictThread thread;
+    std::string text;      ///< what it waits for, or does: "waits for a lock that 'db' (16) holds"
+    std::string sureness;  ///< of that; empty: it waits for nobody who is known
+    std::string evidence;
+    std::string function;    ///< where it was; empty: not known
+    bool isCulprit = false;  ///< the others wait for it, in the end
   };
   struct Busy {
     VerdictThread thread;
@@ -61,9 +65,8 @@ struct ReportVerdict {
   Evidence evidence;
   std::vector<std::pair<std::string, double>> spent;  ///< state and milliseconds, most first, no 0
   std::vector<Wait> waits;                            ///< longest first
-  std::optional<VerdictThread> lock;                  ///< its owner
-  std::optional<Peer> peer;
-  std::vector<Busy> busiest;  ///< most first
+  std::vector<Link> chain;                            ///< who waited for whom, the hung thread first
+  std::vector<Busy> busiest;                          ///< most first
   std::optional<Disk> disk;
   std::vector<Pressure> pressure;
 };

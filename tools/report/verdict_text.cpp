@@ -54,6 +54,16 @@ std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) 
   return section("Its longest waits", rows);
 }
 
+/// The culprit is marked.
+std::string chainText(const ReportVerdict& verdict, const ReportHeader& header) {
+  Rows rows{{"", "THREAD", "IN", "DOES"}};
+  for (const ReportVerdict::Link& link : verdict.chain) {
+    rows.push_back({link.isCulprit ? "=>" : "", printable(threadText(link.thread, header)),
+                    link.function.empty() ? "-" : printable(link.function), printable(stepText(link))});
+  }
+  return section("Who waited for whom", rows);
+}
+
 std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header) {
   Rows rows{{"RAN", "OF A CPU", "THREAD"}};
   for (const ReportVerdict::Busy& busy : verdict.busiest) {
@@ -69,8 +79,6 @@ std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) 
   const auto add = [&](const std::string& what, const std::string& value) {
     rows.push_back({what, printable(value)});
   };
-  if (verdict.lock) add("lock", "held by " + threadText(*verdict.lock, header));
-  if (verdict.peer) add("peer", peerText(*verdict.peer, header));
   if (verdict.disk) add("disk", diskText(*verdict.disk));
   for (const ReportVerdict::Pressure& pressure : verdict.pressure) {
     add(pressure.resource + " pressure", pressureText(pressure));
@@ -101,10 +109,9 @@ std::string threadText(const VerdictThread& thread, const ReportHeader& header) 
   return text + " of " + thread.process + (thread.pid == 0 ? "" : " (" + std::to_string(thread.pid) + ")");
 }
 
-std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header) {
-  const std::string text = peer.pid == header.pid ? "another thread of the same process"
-                                                  : peer.process + " (" + std::to_string(peer.pid) + ")";
-  return peer.through.empty() ? text : text + ", through a " + peer.through;
+std::string stepText(const ReportVerdict::Link& link) {
+  if (link.sureness.empty() || link.sureness == "certain") return link.text;
+  return link.text + (link.sureness == "likely" ? " (likely)" : " (a guess)");
 }
 
 std::string diskText(const ReportVerdict::Disk& disk) {
@@ -141,8 +148,8 @@ std::string offsetText(double atUs, const ReportHeader& header) {
 }
 
 std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header) {
-  return printable(verdict.sentence) + "\n" + spentText(verdict) + waitsText(verdict, header) +
-         busiestText(verdict, header) + factsText(verdict, header);
+  return printable(verdict.sentence) + "\n" + chainText(verdict, header) + spentText(verdict) +
+         waitsText(verdict, header) + busiestText(verdict, header) + factsText(verdict, header);
 }
 
 }  // namespace quorvelctl

@@ -16,8 +16,8 @@ bool isNegligible(double ms, const ReportVerdict& verdict);
 
 /// "worker (43) of viewer (41)", or "of the same process" where it is the hung one's.
 std::string threadText(const VerdictThread& thread, const ReportHeader& header);
-/// "dbus-daemon (55), through a Unix socket"
-std::string peerText(const ReportVerdict::Peer& peer, const ReportHeader& header);
+/// What the link waits for or does, and how sure that is.
+std::string stepText(const ReportVerdict::Link& link);
 /// "12 requests, 3.4 MB read, 0 B written; busy for 210 ms, the slowest took 18 ms"
 std::string diskText(const ReportVerdict::Disk& disk);
 /// "some tasks waited 12.5 % of the last 10 s, all 3.0 %"

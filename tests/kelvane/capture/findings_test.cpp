@@ -23,14 +23,18 @@ ProcessCapture onePart() {
   thread.stack = StackSample{11, 12, {0, 1, 0}, "cut"};
   part.frames = {{0x1000, 0, 0x10, "main"}, {0x2000, -1, 0, ""}};
   part.modules = {{"/bin/viewer", "beef"}};
-  part.peer = Peer{-3, "server", "pipe"};
+  WaitParty& party = part.waits.parties.emplace_back(WaitParty{-3, "server", {}});
+  party.facts.tid = 30;
+  party.facts.priority = -51;
+  part.waits.waits = {{9, kLastWaitKind, "a pipe", {{-3, 30, Sureness::guess, "evidence"}}}};
+  part.waits.watches = {{30, true, false, true, 1, UINT64_MAX}};
   part.omissions = {{"what", "why"}};
   return part;
 }
 
 TEST(Findings, ComeThroughInPartsAsTheyWere) {
   ProcessCapture second;
-  second.lockOwner = 10;
+  second.waits.parties.emplace_back().pid = 10;
   second.threads.emplace_back().facts.tid = 9;
   second.threads.back().noStack = "gone";
   second.threads.emplace_back().facts.tid = 10;
@@ -39,8 +43,15 @@ TEST(Findings, ComeThroughInPartsAsTheyWere) {
 
   EXPECT_EQ(whole.pid, 7);
   EXPECT_EQ(whole.comm, "viewer");
-  EXPECT_EQ(whole.lockOwner, 10);
-  EXPECT_EQ(whole.peer.value_or(Peer{}).pid, -3);
+  ASSERT_EQ(whole.waits.parties.size(), 2u);
+  EXPECT_EQ(whole.waits.parties[0].facts.priority, -51);
+  EXPECT_EQ(whole.waits.parties[1].pid, 10);
+  ASSERT_EQ(whole.waits.waits.size(), 1u);
+  EXPECT_EQ(whole.waits.waits[0].kind, kLastWaitKind);
+  EXPECT_EQ(whole.waits.waits[0].holders[0].pid, -3);
+  EXPECT_EQ(whole.waits.waits[0].holders[0].evidence, "evidence");
+  EXPECT_TRUE(whole.waits.watches[0].moved && whole.waits.watches[0].throttled);
+  EXPECT_EQ(whole.waits.watches[0].ranNs, UINT64_MAX);
   ASSERT_EQ(whole.threads.size(), 2u);
   EXPECT_EQ(whole.threads[0].facts.comm.size(), 3u);
   EXPECT_EQ(whole.threads[0].facts.syscall, onePart().threads[0].facts.syscall);

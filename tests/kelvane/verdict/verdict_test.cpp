@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "kelvane/capture/lock_owner.h"
+#include "kelvane/capture/futex_wait.h"
 #include "kelvane/capture/pressure.h"
 #include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
@@ -15,7 +15,7 @@ namespace kelvane {
 namespace {
 
 constexpr uint64_t kMs = 1'000'000;
-constexpr int kApp = 100, kWorker = 101, kHog = 200, kOther = 300;
+constexpr int kApp = 100, kWorker = 101, kLogger = 102, kHog = 200, kOther = 300, kDatabase = 7;
 
 /// A machine of two CPUs and a hang of thread 100 from second 1 to second 11, recorded from second 0 on,
 /// which is looked at right at its end. Times are milliseconds.
@@ -23,7 +23,7 @@ class Machine {
  public:
   Machine() {
     recording_.toNs = 11'000 * kMs;
-    recording_.threadNames = {{kApp, "viewer"}, {kWorker, "worker"}, {kHog, "hog"}, {kOther, "other"}};
+    recording_.threadNames = recordedNames();
     process.pid = process.hungThread = kApp;
     process.threads.resize(2);
     process.threads[0].facts.tid = kApp;
@@ -61,7 +61,10 @@ class Machine {
     return threadTimeline(recording_, kApp, process.threads[0].facts.state);
   }
   Verdict verdict() const {
-    auto findProcess = [](NamedThread& thread) { thread.pid = thread.tid == kWorker ? kApp : thread.tid; };
+    auto findProcess = [this](NamedThread& thread) {
+      thread.pid = thread.tid == kWorker ? kApp : thread.tid;
+      thread.priority = thread.tid == realTime_ ? -51 : 20;
+    };
     Recording recording = recording_;
     std::stable_sort(recording.events.begin(), recording.events.end(),
                      [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
@@ -70,6 +73,32 @@ class Machine {
                   watchRivals, findProcess});
   }
 
+  /// Whatever a thread waited for before is forgotten.
+  void waits(int tid, WaitKind kind, int holder, const char* object = "") {
+    party(tid);
+    party(holder);
+    std::erase_if(process.waits.waits, [&](const PartyWait& wait) { return wait.tid == tid; });
+    process.waits.waits.push_back({tid, kind, object, {{isOwn(holder) ? kApp : holder, holder, Sureness::certain, ""}}});
+  }
+  void watched(int tid, uint64_t forMs, uint64_t ranMs) {
+    std::erase_if(process.waits.watches, [&](const PartyWatch& watch) { return watch.tid == tid; });
+    process.waits.watches.push_back({tid, false, false, false, forMs * kMs, ranMs * kMs});
+  }
+  ThreadFacts& party(int tid) {
+    for (WaitParty& known : process.waits.parties) {
+      if (known.facts.tid == tid) return known.facts;
+    }
+    const std::string name = recordedNames().at(tid);
+    WaitParty& made =
+        process.waits.parties.emplace_back(WaitParty{isOwn(tid) ? kApp : tid, isOwn(tid) ? "viewer" : name, {}});
+    made.facts.tid = tid;
+    made.facts.comm = name;
+    made.facts.state = 'S';
+    made.facts.priority = 20;
+    return made.facts;
+  }
+  void isRealTime(int tid) { realTime_ = tid; }
+
   ProcessCapture process;
   ProcessScan processes;
   Pressure pressure;
@@ -77,6 +106,12 @@ class Machine {
   std::optional<Rivals> rivals;
 
  private:
+  static bool isOwn(int tid) { return tid == kApp || tid == kWorker || tid == kLogger; }
+  static std::unordered_map<int32_t, std::string> recordedNames() {
+    return {{kApp, "viewer"}, {kWorker, "worker"}, {kLogger, "logger"}, {kHog, "hog"}, {kOther, "other"}, {kDatabase, "database"}};
+  }
+
+  int realTime_ = 0;
   Recording recording_;
 };
 
@@ -180,18 +215,17 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   Machine machine;
   machine.look().waitChannel = "futex_do_wait";
   machine.switches(1'500, kApp, 'S', kOther);
-  machine.process.lockOwner = kWorker;
-  machine.process.threads[1].facts.state = 'S';
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.party(kWorker).state = 'S';
+  machine.party(kWorker).syscall = SystemCall{SYS_clock_nanosleep, {}};
   Verdict lock = machine.verdict();
-  expectSays(lock, Cause::lock,
-             "waited for 9.5 of 10.0 s for a lock that thread 101 'worker' holds, itself sleeping");
+  expectSays(
+      lock, Cause::lock,
+      "waited for 9.5 of 10.0 s because thread 'worker' (101) slept (clock_nanosleep): viewer waits for a "
+      "lock that it holds.");
   ASSERT_EQ(lock.waits.size(), 1u);
   EXPECT_EQ(lock.waits[0].waitChannel, "futex_do_wait");
   EXPECT_EQ(lock.waits[0].fromNs, 1'500 * kMs);
-
-  machine.process.lockOwner = 0;
-  machine.process.peer = Peer{7, "database", "Unix socket"};
-  expectSays(machine.verdict(), Cause::peer, "process 'database' (pid 7), through a Unix socket");
 
   // The hang is over by the time of the look: what the thread waits for now is something else.
   machine.wakes(10'900, kWorker, kApp);
@@ -199,7 +233,62 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   Verdict over = machine.verdict();
   expectSays(over, Cause::sleeping, "slept for 9.4 of 10.0 s until it was woken by its own thread 'worker'.");
   EXPECT_EQ(over.waits[0].wokenBy.value_or(NamedThread{}).name, "worker");
-  EXPECT_FALSE(over.peer);
+  EXPECT_FALSE(over.chain);
+}
+
+TEST(Verdict, TellsTheEndOfAChainFirst) {
+  Machine machine;
+  machine.switches(900, kApp, 'S', kOther);
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.waits(kWorker, WaitKind::lock, kLogger);
+  machine.party(kLogger).state = 'R';
+  machine.watched(kLogger, 40, 30);
+  expectSays(
+      machine.verdict(), Cause::lock,
+      "viewer (thread 100) waited for all of 10.0 s because thread 'logger' (102) was computing: 'worker' "
+      "(101) waits for a lock that it holds, and viewer for one that 'worker' holds.");
+  machine.watched(kLogger, 40, 1);
+  expectSays(machine.verdict(), Cause::starved, "because thread 'logger' (102) was not given a CPU: ");
+
+  // The recorder knows more than the look.
+  machine.switches(1'000, kLogger, 'R', kHog);
+  machine.switches(10'900, kHog, 'R', kLogger);
+  machine.watched(kLogger, 40, 30);
+  expectSays(machine.verdict(), Cause::starved,
+             "'logger' (102) was not given a CPU, which ran 'hog' (pid 200): ");
+  machine.isRealTime(kHog);
+  expectSays(machine.verdict(), Cause::priorityInversion, "'logger' (102) was not given a CPU");
+
+  machine.party(kLogger).state = 'T';
+  expectSays(machine.verdict(), Cause::stopped, "because thread 'logger' (102) was stopped: ");
+  machine.waits(kWorker, WaitKind::child, kHog, "the end");
+  machine.party(kHog).state = 'Z';
+  expectSays(machine.verdict(), Cause::child,
+             "because process 'hog' (pid 200) has ended: 'worker' (101) waits for the end of its child, it");
+}
+
+TEST(Verdict, TellsADeadlock) {
+  Machine machine;
+  machine.withoutRecorder();
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.waits(kWorker, WaitKind::lock, kApp);
+  machine.watched(kApp, 40, 0);
+  expectSays(machine.verdict(), Cause::lock, "because thread 'worker' (101) waited");  // it may have moved
+  machine.watched(kWorker, 40, 0);
+  expectSays(
+      machine.verdict(), Cause::deadlock,
+      "viewer (thread 100) waited in a deadlock: it waits for a lock that thread 'worker' (101) holds, and "
+      "'worker' for one that viewer holds.");
+  machine.waits(kWorker, WaitKind::lock, kLogger);
+  machine.waits(kLogger, WaitKind::threadEnd, kWorker);
+  machine.watched(kLogger, 40, 0);
+  expectSays(
+      machine.verdict(), Cause::deadlock,
+      "waited because of a deadlock: 'worker' (101) waits for a lock that thread 'logger' (102) holds, and "
+      "'logger' waits for 'worker' to end; viewer waits for a lock that 'worker' holds.");
+  machine.waits(kApp, WaitKind::lock, kApp);
+  expectSays(machine.verdict(), Cause::deadlock,
+             "in a deadlock with itself: it waits for a lock that it holds itself.");
 }
 
 TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
@@ -225,7 +314,8 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   expectSays(dead.verdict(), Cause::disk, "waited for took 10.0 s; the system had 1 request:");
 
   Machine kernel;
-  kernel.look() = {kApp, "viewer", 'D', "kernel_clone", 0, {}, {}, 0, 0, 0, 0};
+  kernel.look().state = 'D';
+  kernel.look().waitChannel = "kernel_clone";
   kernel.switches(900, kApp, 'D', 0);
   for (uint64_t ms = 1'000; ms < 11'000; ms++) kernel.request(kOther, ms, ms + 1);
   expectSays(kernel.verdict(), Cause::child, "for a child that it had made by vfork");
@@ -320,14 +410,14 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
     }
   };
   Machine lock;  // each time for the one that the look finds to hold it
-  lock.process.lockOwner = kWorker;
-  lock.process.threads[1].facts.state = 'R';
+  lock.waits(kApp, WaitKind::lock, kWorker);
+  lock.party(kWorker).state = 'R';
   sleeping(lock, [&](uint64_t ms) { lock.wakes(ms, kWorker, kApp); });
   expectSays(lock.verdict(), Cause::lock,
-             "waited for 9.5 of 10.0 s for a lock that thread 101 'worker' holds");
+             "waited for 9.5 of 10.0 s because thread 'worker' (101) was computing");
 
   Machine others;  // the look finds something else than what kept it
-  others.process.peer = Peer{7, "database", "pipe"};
+  others.waits(kApp, WaitKind::peer, kDatabase, "a pipe");
   others.look().syscall = SystemCall{SYS_read, {}};
   sleeping(others, [&](uint64_t ms) {
     if (ms % 1'000 < 200) {
@@ -353,9 +443,9 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
   expectSays(retries.verdict(), Cause::sleeping,
              "in 50 sleeps that were ended by time-outs of its own (9.5 s of it)");
   // Polling a peer with a time-out is one long wait for it.
-  retries.process.peer = Peer{7, "database", "pipe"};
+  retries.waits(kApp, WaitKind::peer, kDatabase, "a pipe");
   retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 190}};
-  expectSays(retries.verdict(), Cause::peer, "waited for 9.5 of 10.0 s for process 'database' (pid 7)");
+  expectSays(retries.verdict(), Cause::peer, "waited for 9.5 of 10.0 s because process 'database' (pid 7) waited");
   retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 5'000}};  // what it does now is another wait
   expectSays(retries.verdict(), Cause::sleeping, "time-outs");
 
@@ -462,10 +552,24 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
 }
 
 TEST(Verdict, ReadsMutexesPressureAndLimits) {
-  EXPECT_EQ(ownerInMutex({2, 0, 4711, 1, 0}), 4711);                // glibc, contended
-  EXPECT_EQ(ownerInMutex({1, 0, 4711, 1, 0}), 0);                   // nobody waits
-  EXPECT_EQ(ownerInMutex({2, 0, 4711, 1, 0x7f001234}), 0);          // no mutex's kind
-  EXPECT_EQ(ownerInMutex({0x80000000 | 4711, 0, 0, 0, 32}), 4711);  // priority-inheriting
+  const auto owner = [](std::array<uint32_t, 6> words, uint32_t expected = 2, bool shared = false) {
+    const FutexOwner found = ownerOfFutex({0, shared ? 0u : 128u, expected, words})
+                                 .value_or(FutexOwner{WaitKind::signal, 0, 0, ""});
+    return std::pair(found.kind, found.tid);
+  };
+  const std::pair nobody{WaitKind::signal, 0};
+  EXPECT_EQ(owner({2, 0, 4711, 1, 0}), std::pair(WaitKind::lock, 4711));                // glibc, contended
+  EXPECT_EQ(owner({1, 0, 4711, 1, 0}), nobody);                                         // nobody waits
+  EXPECT_EQ(owner({2, 0, 4711, 1, 0x7f001234}), nobody);                                // no mutex's kind
+  EXPECT_EQ(owner({0x80000000 | 4711, 0, 0, 0, 32}), std::pair(WaitKind::lock, 4711));  // priority-inheriting
+  EXPECT_EQ(owner({3, 1, 0, 0, 4711, 0}, 3), std::pair(WaitKind::readWriteLock, 4711));  // a reader waits
+  EXPECT_EQ(owner({3, 0, 0, 4711, 0, 0}, 3), std::pair(WaitKind::readWriteLock, 4711));  // a writer does
+  EXPECT_EQ(owner({2, 1, 0, 0, 0, 0}), std::pair(WaitKind::readers, 0));
+  EXPECT_EQ(owner({4711, 0}, 4711, true), std::pair(WaitKind::threadEnd, 4711));
+  EXPECT_EQ(owner({4711, 0}, 4711), nobody);  // a counter
+  EXPECT_EQ(ownerOfStream({0, 128, 2, {2, 1, 0x40, 0x7f}}).value_or(FutexOwner{}).threadStruct,
+            0x7f00000040u);
+  EXPECT_FALSE(ownerOfStream({0, 128, 2, {2, 1, 0x41, 0x7f}}));
   const PressureLine line =
       parsePressure(
           "some avg10=30.47 avg60=8.51 avg300=4.36 total=2804470008\nfull avg10=1.50 avg60=0 total=0\n")

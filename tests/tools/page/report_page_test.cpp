@@ -27,7 +27,7 @@ constexpr const char* kHostile =
 "ThreadID":41,"StartTime":24000000,"EndTime":48000000,"host":{"system":"X"},"capture":{"time":"X","ts":1500000},
 "leftOut":[{"what":"X","why":"X"}],"verdict":{"cause":"X","sentence":"X","evidence":{"source":"X"},
 "spent":{"runningMs":1},"waits":[{"state":"X","waitChannel":"X","wokenBy":{"tid":1,"name":"X","process":"X"}}],
-"lock":{"ownerTid":3,"ownerName":"X"},"peer":{"pid":3,"process":"X","through":"X"},
+"chain":[{"tid":41,"name":"X","process":"X","text":"X","culprit":"X","waitsFor":{"sureness":"X","evidence":"X"}}],
 "busiest":[{"tid":3,"name":"X","process":"X","runningMs":1}]}},
 "traceEvents":[{"ph":"P","tid":41,"sf":"1"},{"ph":"X","cat":"cpu","tid":0,"ts":1e6,"dur":5,"name":"X","args":{"tid":7}},
 {"ph":"X","cat":"state","tid":41,"ts":1e6,"dur":1e6,"name":"one look"},

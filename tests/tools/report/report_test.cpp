@@ -18,7 +18,7 @@ constexpr const char* kReport = R"({"metadata":{"format":"kelvane","version":1,"
 "leftOut":[{"what":"scheduler events","why":"not recorded"}]},
 "traceEvents":[{"ph":"P","tid":41,"sf":"4"},{"ph":"P","tid":42,"sf":"2"},{"ph":"X","tid":41}],
 "stackFrames":{"1":{"name":"main","category":"viewer","module":"/usr/bin/viewer","offset":"0x10","build_id":"ab"},
-"2":{"name":"libc.so.6+0x20","category":"libc.so.6","parent":"1","offset":"0x20"},
+"2":{"name":"libc.so.6+0x20","category":"libc.so.6","parent":"1","module":"/lib/libc.so.6","offset":"0x20"},
 "3":{"name":"do_futex","category":"kernel","parent":"2"},"4":{"name":"futex_wait","category":"kernel","parent":"3"}},
 "threads":[{"tid":42,"name":"wor\u001b[31mker","state":"sleeping","syscall":999},
 {"tid":41,"name":"viewer","hung":true,"state":"sleeping","waitChannel":"futex_do_wait","syscall":202,
@@ -55,7 +55,10 @@ TEST(ReportFile, ItsVerdictComesFirst) {
 "waits":[{"ts":1000500,"durationMs":8000,"state":"sleeping","waitChannel":"futex_do_wait",
 "wokenBy":{"tid":42,"name":"worker","pid":41,"process":"viewer"}},{"ts":999000,"durationMs":10,"state":"sleeping"},
 {"durationMs":1}],
-"lock":{"ownerTid":42,"ownerName":"worker"},"peer":{"pid":55,"process":"bus","through":"Unix socket"},
+"chain":[{"tid":41,"name":"viewer","pid":41,"process":"viewer","text":"waits for a lock that 'wor\u001b' (42) holds",
+"waitsFor":{"kind":"lock","tid":42,"sureness":"certain","evidence":"the mutex's owner"}},
+{"tid":42,"name":"worker","pid":41,"process":"viewer","text":"waits for 'bus' (55), through a pipe","waitsFor":{"sureness":"likely"}},
+{"tid":55,"name":"bus","pid":55,"process":"bus","text":"slept","culprit":"slept"}],
 "busiest":[{"tid":9,"name":"hog","pid":8,"process":"hogs","runningMs":4250}],
 "disk":{"requests":3,"readBytes":4096,"writtenBytes":-1,"busyMs":20,"slowestMs":9},
 "pressure":{"io":{"some10":12.34,"full10":3}}},)");
@@ -65,6 +68,11 @@ TEST(ReportFile, ItsVerdictComesFirst) {
   EXPECT_EQ(shown.substr(0, shown.find("reason")),
             "hang MainThread: viewer (pid 41), 8.50 s\n\n"
             "It waited for ?worker.\n\n"
+            "Who waited for whom\n"
+            "      THREAD                           IN    DOES\n"
+            "      viewer (41) of the same process  main  waits for a lock that 'wor?' (42) holds\n"
+            "      worker (42) of the same process  main  waits for 'bus' (55), through a pipe (likely)\n"
+            "  =>  bus (55)                         -     slept\n\n"
             "How the hung thread spent the time\n"
             "  STATE     FOR     SHARE   \n"
             "  sleeping  8.33 s  98.0 %  #############################\n"
@@ -76,8 +84,6 @@ TEST(ReportFile, ItsVerdictComesFirst) {
             "Busiest other threads\n"
             "  RAN     OF A CPU  THREAD\n"
             "  4.25 s  66.7 %    hog (9) of hogs (8)\n\n"
-            "  lock         held by worker (42)\n"
-            "  peer         bus (55), through a Unix socket\n"
             "  disk         3 requests, 4 KB read, 0 B written; busy for 20 ms, the slowest took 9 ms\n"
             "  io pressure  some tasks waited 12.3 % of the last 10 s, all 3.0 %\n"
             "  evidence     recorder: 6.38 s of 8.50 s covered (75.0 %), 12 events lost\n\n");

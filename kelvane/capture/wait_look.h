@@ -1,0 +1,26 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "kelvane/base/deadline.h"
+#include "kelvane/capture/process_capture.h"
+
+namespace kelvane {
+
+/// The hung process, as it was before its threads were stopped for their copies.
+struct LookedAt {
+  pid_t pid = 0;
+  std::string name;
+  int dir = -1;                             // its directory in /proc
+  const std::vector<ThreadFacts>& threads;  // the hung one first
+};
+
+/// Follows what the hung thread waits for through all processes, and publishes the graph as it finds it
+/// (follow_waits.h); then watches its parties for kWatchTime. Reads memory of processes, which can block in
+/// the kernel for good.
+void lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish);
+
+}  // namespace kelvane

@@ -1,0 +1,170 @@
+#include "kelvane/verdict/chain_verdict.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "kelvane/timeline/cpu_runs.h"
+#include "kelvane/verdict/chain_sentence.h"
+#include "kelvane/verdict/kernel_wait.h"
+#include "kelvane/verdict/syscall_names.h"
+
+namespace kelvane {
+namespace {
+
+/// From this share of the known time on, a state is what the thread was in.
+constexpr double kMostOfIt = 0.5;
+
+/// A thread that is always ready computes if it had at least this share of a CPU while it was watched: on a
+/// machine with much to do it shares one with others.
+constexpr double kLeastCpuShare = 0.15;
+
+bool isMost(uint64_t partNs, uint64_t wholeNs) {
+  return wholeNs > 0 && static_cast<double>(partNs) >= kMostOfIt * static_cast<double>(wholeNs);
+}
+
+bool isEnough(const PartyWatch& watch) {
+  return static_cast<double>(watch.ranNs) >= kLeastCpuShare * static_cast<double>(watch.watchedNs);
+}
+
+/// By two looks, some time apart.
+ChainEnd endByLook(const ChainLink& last) {
+  const ThreadFacts& facts = last.party.facts;
+  const PartyWatch watch = last.watch.value_or(PartyWatch{});
+  if (watch.frozen) return ChainEnd::frozen;
+  const char* call = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
+  switch (facts.state) {
+    case 'R':
+      if (watch.throttled) return ChainEnd::throttled;
+      if (watch.moved || watch.watchedNs == 0 || isEnough(watch)) return ChainEnd::computed;
+      return ChainEnd::starved;
+    case 'T':
+    case 't':
+      return ChainEnd::stopped;
+    case 'D':
+      return isForDisk(kernelWait(facts)) ? ChainEnd::disk : ChainEnd::kernel;
+    case 'Z':
+    case 'X':
+    case '?':
+      return ChainEnd::ended;
+    default:
+      break;
+  }
+  if (watch.throttled) return ChainEnd::throttled;
+  return call && std::string_view(call).find("nanosleep") != std::string_view::npos ? ChainEnd::slept
+                                                                                    : ChainEnd::waited;
+}
+
+/// Who had the CPU most of the time that the thread of `spans` was ready to run on it.
+std::optional<NamedThread> competitor(const Evidence& evidence, const std::vector<StateSpan>& spans,
+                                      int32_t tid) {
+  std::unordered_map<int32_t, uint64_t> times;
+  visitCpuRuns(evidence.recording, [&](const CpuRun& run) {
+    if (run.tid == 0 || run.tid == tid) return;
+    for (const StateSpan& span : spans) {
+      if (span.state == ThreadState::runnable && (span.cpu == -1 || span.cpu == run.cpu))
+        times[run.tid] += sharedNs(run.fromNs, run.toNs, std::max(span.fromNs, evidence.fromNs),
+                                   std::min(span.toNs, evidence.toNs));
+    }
+  });
+  const auto most =
+      std::max_element(times.begin(), times.end(), [](auto& a, auto& b) { return a.second < b.second; });
+  if (most == times.end() || most->second == 0) return std::nullopt;
+  NamedThread thread{most->first, {}, 0, {}, {}};
+  const auto name = evidence.recording.threadNames.find(most->first);
+  if (name != evidence.recording.threadNames.end()) thread.name = name->second;
+  if (evidence.findProcess) evidence.findProcess(thread);
+  return thread;
+}
+
+/// Where the recorder knows how the last one spent the hang, that counts for more than how it was found.
+void addRecorded(const Evidence& evidence, ChainVerdict& verdict) {
+  const ThreadFacts& facts = verdict.chain.links.back().party.facts;
+  const auto spans = threadTimeline(evidence.recording, facts.tid, facts.state);
+  const TimeByState spent = timeByState(spans, evidence.fromNs, evidence.toNs);
+  const auto in = [&](ThreadState state) { return spent[static_cast<size_t>(state)]; };
+  const uint64_t windowNs = evidence.toNs - evidence.fromNs;
+  const uint64_t knownNs = windowNs - std::min(windowNs, in(ThreadState::unknown));
+  const bool isAwake = verdict.end == ChainEnd::computed || verdict.end == ChainEnd::starved;
+  if (!isAwake || !isMost(knownNs, windowNs)) return;
+  const uint64_t awakeNs = in(ThreadState::running) + in(ThreadState::runnable);
+  if (!isMost(awakeNs, knownNs)) return;
+  verdict.end = isMost(in(ThreadState::runnable), awakeNs) ? ChainEnd::starved : ChainEnd::computed;
+  if (verdict.end == ChainEnd::starved) verdict.ranInstead = competitor(evidence, spans, facts.tid);
+}
+
+Cause causeByKind(WaitKind kind) {
+  switch (kind) {
+    case WaitKind::peer:
+      return Cause::peer;
+    case WaitKind::child:
+      return Cause::child;
+    case WaitKind::fileLock:
+      return Cause::fileLock;
+    case WaitKind::network:
+      return Cause::network;
+    case WaitKind::server:
+      return Cause::server;
+    case WaitKind::tracer:
+      return Cause::stopped;
+    case WaitKind::signal:
+    case WaitKind::events:
+      return Cause::sleeping;
+    default:
+      return Cause::lock;
+  }
+}
+
+}  // namespace
+
+std::optional<ChainVerdict> chainVerdict(const Evidence& evidence) {
+  ChainVerdict verdict{
+      chainFrom(evidence.process.waits, evidence.process.hungThread), ThreadState::sleeping, ChainEnd::waited, {}, {}};
+  const auto& links = verdict.chain.links;
+  if (links.empty() || !links.front().wait) return std::nullopt;
+  if (links.front().party.facts.state == 'D') verdict.state = ThreadState::uninterruptible;
+  if (verdict.chain.deadlockFrom) {
+    verdict.end = ChainEnd::deadlock;
+  } else {
+    verdict.end = endByLook(links.back());
+    addRecorded(evidence, verdict);
+  }
+  verdict.steps = chainSteps(evidence.process, verdict);
+  return verdict;
+}
+
+bool tellsMore(const ChainVerdict& verdict) {
+  const WaitKind kind = verdict.chain.links.front().wait->kind;
+  return verdict.chain.leadsOn() || (kind != WaitKind::signal && kind != WaitKind::events);
+}
+
+Cause causeOfChain(const ChainVerdict& verdict) {
+  const auto& links = verdict.chain.links;
+  switch (verdict.end) {
+    case ChainEnd::deadlock:
+      return Cause::deadlock;
+    case ChainEnd::starved: {
+      const std::optional<int> other = verdict.ranInstead ? verdict.ranInstead->priority : std::nullopt;
+      return other && *other < links.back().party.facts.priority ? Cause::priorityInversion : Cause::starved;
+    }
+    case ChainEnd::throttled:
+      return Cause::throttled;
+    case ChainEnd::frozen:
+      return Cause::frozen;
+    case ChainEnd::stopped:
+      return Cause::stopped;
+    case ChainEnd::disk:
+      return Cause::disk;
+    default:
+      break;
+  }
+  // The last wait that is known: what its holder does holds up everybody before.
+  const auto last = std::find_if(links.rbegin(), links.rend(), [](const ChainLink& link) {
+    return link.wait &&
+           (link.holder || (link.wait->kind != WaitKind::signal && link.wait->kind != WaitKind::events));
+  });
+  return last == links.rend() ? Cause::sleeping : causeByKind(last->wait->kind);
+}
+
+}  // namespace kelvane
