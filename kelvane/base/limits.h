@@ -94,15 +94,21 @@ inline constexpr size_t kMaxWaitHolders = 6;
 /// How long threads that a copy has woken may take to go back to sleep.
 inline constexpr std::chrono::milliseconds kSettleTime{50};
 /// How long they are watched, to tell who stands still from who moves, and who computes from who is given no
-/// CPU.
+/// CPU; and how many times more for who has had none.
 inline constexpr std::chrono::milliseconds kWatchTime{40};
+inline constexpr int kMoreWatches = 4;
 
 // All processes.
 
-/// How long the search for the other end of a pipe or socket may take, and how many descriptors of a process
-/// it looks at.
-inline constexpr std::chrono::milliseconds kPeerSearchBudget{200};
+/// How much CPU time the search for who has what open may take, and how many descriptors of a process it looks
+/// at.
+inline constexpr std::chrono::milliseconds kPeerSearchCpu{100};
 inline constexpr size_t kMaxDescriptorsSearched = 4'096;
+/// Descriptors that one call watches, and processes that have one end.
+inline constexpr size_t kMaxWatchedDescriptors = 256;
+inline constexpr size_t kMaxEndHolders = 16;
+/// Sockets of a network namespace, locks on files, mounts.
+inline constexpr size_t kMaxNetTableBytes = size_t{1024} * 1024;
 
 inline constexpr size_t kMaxProcessesScanned = 16'384;
 inline constexpr size_t kMaxProcessesListed = 256;

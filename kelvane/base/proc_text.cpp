@@ -59,6 +59,7 @@ std::optional<ProcStat> parseStat(std::string_view text) {
       stat.state = part[0];
     }
     uint64_t number = parseNumber<uint64_t>(part).value_or(0);
+    if (field == 4) stat.parent = static_cast<pid_t>(number);
     if (field == 6) stat.session = static_cast<pid_t>(number);
     if (field == 9) stat.flags = number;
     if (field == 14) stat.userTicks = number;

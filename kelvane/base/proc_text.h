@@ -17,6 +17,7 @@ namespace kelvane {
 struct ProcStat {
   std::string comm;
   char state = '?';
+  pid_t parent = 0;
   pid_t session = 0;
   uint64_t flags = 0;  // the kernel's PF_ bits
   int priority = 0;    // the kernel's: below 0 real-time, 0 to 39 by niceness; the lower goes first

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <chrono>
 #include <ctime>
 #include <map>
 #include <string>
@@ -11,24 +11,27 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
+#include "kelvane/capture/child_wait.h"
+#include "kelvane/capture/descriptor_index.h"
+#include "kelvane/capture/descriptor_wait.h"
+#include "kelvane/capture/file_lock.h"
 #include "kelvane/capture/futex_wait.h"
-#include "kelvane/capture/peer.h"
+#include "kelvane/capture/server_wait.h"
+#include "kelvane/capture/surroundings.h"
 #include "kelvane/waits/follow_waits.h"
 
 namespace kelvane {
 namespace {
 
-/// How long a thread has had a CPU in all (the first figure of /proc/TID/schedstat).
-uint64_t ranNs(int processDir, pid_t tid) {
-  const FileText text = readFileAt(processDir, taskPath(tid, "schedstat").c_str(), kMaxProcFileBytes);
-  unsigned long long ns = 0;
-  return sscanf(text.text.c_str(), "%llu", &ns) == 1 ? ns : 0;
+void pause(std::chrono::nanoseconds time) {
+  const timespec length{0, time.count()};
+  nanosleep(&length, nullptr);
 }
 
 class Looker final : public WaitSource {
  public:
   Looker(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish)
-      : process_(process), deadline_(deadline), publish_(publish) {}
+      : process_(process), deadline_(deadline), publish_(publish), index_(process.pid, deadline) {}
 
   std::optional<WaitParty> look(const WaitHolder& holder) override {
     const int dir = dirOf(holder.pid);
@@ -44,13 +47,13 @@ class Looker final : public WaitSource {
   std::optional<PartyWait> waitOf(const WaitParty& party) override {
     const int dir = dirOf(party.pid);
     if (dir < 0) return std::nullopt;
-    if (auto wait = futexWait(dir, party)) return wait;
-    auto peer = findPeer(dir, party.pid, party.facts, deadline_, omissions_);
-    if (!peer) return std::nullopt;
-    return PartyWait{party.facts.tid,
-                     WaitKind::peer,
-                     "a " + peer->through,
-                     {{peer->pid, peer->pid, Sureness::likely, "it has the other end"}}};
+    auto wait = futexWait(dir, party);
+    if (!wait) wait = childWait(party);
+    if (!wait) wait = fileLockWait(dir, party, index_);
+    if (!wait) wait = serverWait(dir, party, index_);
+    if (!wait) wait = descriptorWait(dir, party, waitingFor(party), index_, omissions_);
+    if (wait) waits_.push_back(*wait);
+    return wait;
   }
 
   bool isOver() const override { return deadline_.passed(); }
@@ -59,24 +62,26 @@ class Looker final : public WaitSource {
   void watch(const WaitParty& hung) {
     parties_.insert(parties_.begin(), hung);
     std::vector<Moment> before;
+    before.reserve(parties_.size());
     for (const WaitParty& party : parties_) before.push_back(momentOf(party));
-    const timespec pause{0, std::chrono::nanoseconds(kWatchTime).count()};
-    nanosleep(&pause, nullptr);
+    pause(kWatchTime);
+    // Who shares a CPU with many has to wait for its turn.
+    for (int more = 0; more < kMoreWatches && !deadline_.passed() && hasSeenNoRun(before); more++)
+      pause(kWatchTime);
     ProcessCapture part;
     for (size_t i = 0; i < parties_.size(); i++) {
       const Moment after = momentOf(parties_[i]);
-      if (!before[i].facts || !after.facts) continue;
-      const bool moved = before[i].facts->voluntarySwitches != after.facts->voluntarySwitches ||
-                         before[i].facts->state != after.facts->state ||
-                         after.facts->syscall != parties_[i].facts.syscall;
-      part.waits.watches.push_back({parties_[i].facts.tid, moved, false, false, after.atNs - before[i].atNs,
-                                    after.ranNs - before[i].ranNs});
+      if (before[i].facts && after.facts)
+        part.waits.watches.push_back(watchOf(parties_[i], before[i], after));
     }
     publish_(part);
   }
 
   void publishOmissions() {
     ProcessCapture part;
+    if (const size_t left = index_.leftOut(); left > 0)
+      omissions_.push_back(
+          {"who has what open", std::to_string(left) + " processes were not searched for it"});
     part.omissions = std::move(omissions_);
     publish_(part);
   }
@@ -84,14 +89,50 @@ class Looker final : public WaitSource {
  private:
   struct Moment {
     std::optional<ThreadFacts> facts;
-    uint64_t ranNs = 0;
+    Surroundings around;
     uint64_t atNs = 0;
+
+    uint64_t ranNs() const { return around.schedule.value_or(ScheduleFigures{}).ranNs; }
+    uint64_t throttledNs() const { return around.limits.quota ? around.limits.quota->throttledNs : 0; }
   };
 
   Moment momentOf(const WaitParty& party) {
-    const int dir = dirOf(party.pid);
     std::vector<Omission> known;
-    return {readThreadFacts(dir, party.facts.tid, known), ranNs(dir, party.facts.tid), monotonicNs()};
+    auto facts = readThreadFacts(dirOf(party.pid), party.facts.tid, known);
+    return {std::move(facts), readSurroundings(party.pid, party.facts.tid), monotonicNs()};
+  }
+
+  static PartyWatch watchOf(const WaitParty& party, const Moment& before, const Moment& after) {
+    PartyWatch watch;
+    watch.tid = party.facts.tid;
+    watch.moved = before.facts->voluntarySwitches != after.facts->voluntarySwitches ||
+                  before.facts->state != after.facts->state || after.facts->syscall != party.facts.syscall;
+    watch.frozen = !after.around.limits.frozen.empty();
+    watch.throttled = after.throttledNs() > before.throttledNs();
+    watch.watchedNs = after.atNs - before.atNs;
+    watch.ranNs = after.ranNs() - before.ranNs();
+    return watch;
+  }
+
+  /// Whether somebody is ready to run and hasn't since.
+  bool hasSeenNoRun(const std::vector<Moment>& before) const {
+    for (size_t i = 0; i < parties_.size(); i++) {
+      if (!before[i].facts || before[i].facts->state != 'R') continue;
+      const auto now = readSurroundings(parties_[i].pid, parties_[i].facts.tid).schedule;
+      if (now && now->ranNs == before[i].ranNs()) return true;
+    }
+    return false;
+  }
+
+  /// The processes that wait for this one, as far as the graph goes, and those for whom they wait.
+  std::vector<pid_t> waitingFor(const WaitParty& party) const {
+    std::vector<pid_t> pids = {process_.pid};
+    for (const PartyWait& wait : waits_) {
+      for (const WaitHolder& holder : wait.holders) {
+        if (holder.pid != party.pid) pids.push_back(holder.pid);
+      }
+    }
+    return pids;
   }
 
   std::optional<ThreadFacts> knownFacts(pid_t tid) const {
@@ -112,7 +153,9 @@ class Looker final : public WaitSource {
   const Deadline& deadline_;
   const PublishCapture& publish_;
   std::map<pid_t, UniqueFd> dirs_;  // each stays bound to the process that it was opened for
+  DescriptorIndex index_;
   std::vector<WaitParty> parties_;
+  std::vector<PartyWait> waits_;
   std::vector<Omission> omissions_;
 };
 

@@ -23,8 +23,7 @@ class ChainSentence {
       const bool isLast = i + 1 == links_.size();
       const size_t next = isLast ? verdict_.chain.deadlockFrom.value_or(i) : i + 1;
       if (links_[i].holder) {
-        texts.push_back(waitsFor(i, next == i ? "it" : called(next), false));
-        if (next == i) texts.back() += " itself";
+        texts.push_back(next == i ? waitsForItself(i) : waitsFor(i, called(next), false));
       } else {
         texts.push_back(links_.size() == 1 ? "waited for " + nobodyText() : endText(""));
       }
@@ -50,7 +49,7 @@ class ChainSentence {
   /// waits for it.
   std::string deadlockText(size_t first, const std::string& forAmount) {
     if (first + 1 == links_.size() && first == 0) {
-      return "waited " + forAmount + "in a deadlock with itself: it " + waitsFor(0, "it", false) + " itself";
+      return "waited " + forAmount + "in a deadlock with itself: it " + waitsForItself(0);
     }
     std::string text = "waited " + forAmount + (first == 0 ? "in a deadlock: " : "because of a deadlock: ");
     for (size_t i = first; i < links_.size(); i++) {
@@ -59,7 +58,7 @@ class ChainSentence {
       if (i > first) text += isLast ? ", and " : ", ";
       const std::string next = isLast ? called(first) : introduced(i + 1);
       if (first + 1 == links_.size()) {
-        text += introduced(i) + " " + waitsFor(i, "it", false) + " itself";
+        text += introduced(i) + " " + waitsForItself(i);
       } else {
         text += (i == 0 ? "it" : called(i)) + (isShort ? " " : " waits ") + forWhom(i, next, isShort);
       }
@@ -74,6 +73,12 @@ class ChainSentence {
   }
   std::string waitsFor(size_t i, const std::string& holder, bool isShort) const {
     return "waits " + forWhom(i, holder, isShort);
+  }
+
+  std::string waitsForItself(size_t i) const {
+    const WaitKind kind = links_[i].wait->kind;
+    return kind == WaitKind::lock || kind == WaitKind::readWriteLock ? waitsFor(i, "it", false) + " itself"
+                                                                     : waitsFor(i, "itself", false);
   }
 
   /// "for a lock that HOLDER holds", or "for one that HOLDER holds" where a lock was spoken of before.
@@ -94,7 +99,7 @@ class ChainSentence {
       case WaitKind::threadEnd:
         return "for " + holder + " to end";
       case WaitKind::child:
-        return "for " + (wait.object.empty() ? "" : wait.object + " of ") + "its child, " + holder;
+        return (holder == "it" ? "for it, its child, to " : "for its child " + holder + " to ") + wait.object;
       case WaitKind::server:
         return "for " + wait.object + ", which " + holder + " serves";
       case WaitKind::tracer:

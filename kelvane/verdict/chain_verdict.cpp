@@ -18,7 +18,7 @@ constexpr double kMostOfIt = 0.5;
 
 /// A thread that is always ready computes if it had at least this share of a CPU while it was watched: on a
 /// machine with much to do it shares one with others.
-constexpr double kLeastCpuShare = 0.15;
+constexpr double kLeastCpuShare = 0.05;
 
 bool isMost(uint64_t partNs, uint64_t wholeNs) {
   return wholeNs > 0 && static_cast<double>(partNs) >= kMostOfIt * static_cast<double>(wholeNs);
@@ -119,8 +119,11 @@ Cause causeByKind(WaitKind kind) {
 }  // namespace
 
 std::optional<ChainVerdict> chainVerdict(const Evidence& evidence) {
-  ChainVerdict verdict{
-      chainFrom(evidence.process.waits, evidence.process.hungThread), ThreadState::sleeping, ChainEnd::waited, {}, {}};
+  ChainVerdict verdict{chainFrom(evidence.process.waits, evidence.process.hungThread),
+                       ThreadState::sleeping,
+                       ChainEnd::waited,
+                       {},
+                       {}};
   const auto& links = verdict.chain.links;
   if (links.empty() || !links.front().wait) return std::nullopt;
   if (links.front().party.facts.state == 'D') verdict.state = ThreadState::uninterruptible;
@@ -136,6 +139,8 @@ std::optional<ChainVerdict> chainVerdict(const Evidence& evidence) {
 
 bool tellsMore(const ChainVerdict& verdict) {
   const WaitKind kind = verdict.chain.links.front().wait->kind;
+  // Who waits for events himself keeps nobody from those that were merely guessed to be his.
+  if (verdict.chain.sureness() == Sureness::guess && verdict.end == ChainEnd::waited) return false;
   return verdict.chain.leadsOn() || (kind != WaitKind::signal && kind != WaitKind::events);
 }
 

@@ -34,8 +34,8 @@ struct Findings {
   KernelWait kernelWait = KernelWait::unknown;  // at the look
   Sleeps sleeps;
   std::optional<ChainVerdict> chain;  // if it says more than that the thread slept
-  std::vector<Wait> waits;          // longest first
-  std::vector<BusyThread> busiest;  // other threads, most first
+  std::vector<Wait> waits;            // longest first
+  std::vector<BusyThread> busiest;    // other threads, most first
   DiskActivity disk;
   DiskWaits diskWaits;
   std::optional<NamedThread> diskUser;      // who kept the disk busy meanwhile, if not the thread itself

@@ -182,9 +182,8 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
 bool isByChain(const Verdict& verdict, const ChainVerdict& chain) {
   const Cause cause = causeOfChain(chain);
   if (!verdict.fromRecorder) return verdict.cause == cause;
-  return std::any_of(verdict.phases.begin(), verdict.phases.end(), [&](const Phase& phase) {
-    return phase.cause == cause && phase.state == chain.state;
-  });
+  return std::any_of(verdict.phases.begin(), verdict.phases.end(),
+                     [&](const Phase& phase) { return phase.cause == cause && phase.state == chain.state; });
 }
 
 }  // namespace

@@ -40,10 +40,13 @@ enum class Cause : uint8_t {
 
 /// The cause's name in a report: "own-cpu", …
 inline const char* causeName(Cause cause) {
-  constexpr std::array<const char*, 19> kNames = {
-      "own-cpu",  "starved",  "disk",    "lock",      "peer",      "file-lock", "network",
-      "deadlock", "priority-inversion",  "memory",    "stopped",   "suspended", "throttled",
-      "frozen",   "swapping", "child",   "server",    "sleeping",  "unknown"};
+  constexpr std::array<const char*, 19> kNames = {"own-cpu",   "starved",  "disk",
+                                                  "lock",      "peer",     "file-lock",
+                                                  "network",   "deadlock", "priority-inversion",
+                                                  "memory",    "stopped",  "suspended",
+                                                  "throttled", "frozen",   "swapping",
+                                                  "child",     "server",   "sleeping",
+                                                  "unknown"};
   static_assert(kNames.size() == static_cast<size_t>(Cause::unknown) + 1);
   return kNames[static_cast<size_t>(cause)];
 }

@@ -89,7 +89,7 @@ Sleeps sleepsOf(const Evidence& evidence, std::span<const StateSpan> spans, bool
   for (const auto& [key, waker] : byWaker) order.emplace_back(key.second, waker);
   std::stable_sort(order.begin(), order.end(),
                    [](const auto& a, const auto& b) { return a.second.sleptNs > b.second.sleptNs; });
-  if (order.size() > kMaxWakersListed) order.resize(kMaxListed);
+  if (order.size() > kMaxWakersListed) order.resize(kMaxWakersListed);
   for (auto& [tid, waker] : order) {
     if (waker.end == SleepEnd::thread) {
       waker.thread = namedThread(evidence, tid);

@@ -103,7 +103,7 @@ class Verdicts(RecorderTest):
     def test_a_lock_that_another_thread_holds(self):
         report, verdict = self.report_of("lock")
         self.assertEqual(verdict["cause"], "lock", verdict)
-        self.assertIn(verdict["lock"]["ownerTid"], [thread["tid"] for thread in report["threads"][1:]])
+        self.assertIn(verdict["chain"][1]["tid"], [thread["tid"] for thread in report["threads"][1:]])
         self.assertEqual(verdict["waits"][0]["state"], "sleeping")
         (name,) = self.scratch.filed()
         imported = subprocess.run([CHECK_IMPORT, self.scratch.spool / name], capture_output=True, text=True)

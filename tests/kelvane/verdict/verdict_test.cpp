@@ -78,7 +78,8 @@ class Machine {
     party(tid);
     party(holder);
     std::erase_if(process.waits.waits, [&](const PartyWait& wait) { return wait.tid == tid; });
-    process.waits.waits.push_back({tid, kind, object, {{isOwn(holder) ? kApp : holder, holder, Sureness::certain, ""}}});
+    process.waits.waits.push_back(
+        {tid, kind, object, {{isOwn(holder) ? kApp : holder, holder, Sureness::certain, ""}}});
   }
   void watched(int tid, uint64_t forMs, uint64_t ranMs) {
     std::erase_if(process.waits.watches, [&](const PartyWatch& watch) { return watch.tid == tid; });
@@ -89,8 +90,8 @@ class Machine {
       if (known.facts.tid == tid) return known.facts;
     }
     const std::string name = recordedNames().at(tid);
-    WaitParty& made =
-        process.waits.parties.emplace_back(WaitParty{isOwn(tid) ? kApp : tid, isOwn(tid) ? "viewer" : name, {}});
+    WaitParty& made = process.waits.parties.emplace_back(
+        WaitParty{isOwn(tid) ? kApp : tid, isOwn(tid) ? "viewer" : name, {}});
     made.facts.tid = tid;
     made.facts.comm = name;
     made.facts.state = 'S';
@@ -108,7 +109,8 @@ class Machine {
  private:
   static bool isOwn(int tid) { return tid == kApp || tid == kWorker || tid == kLogger; }
   static std::unordered_map<int32_t, std::string> recordedNames() {
-    return {{kApp, "viewer"}, {kWorker, "worker"}, {kLogger, "logger"}, {kHog, "hog"}, {kOther, "other"}, {kDatabase, "database"}};
+    return {{kApp, "viewer"}, {kWorker, "worker"}, {kLogger, "logger"},
+            {kHog, "hog"},    {kOther, "other"},   {kDatabase, "database"}};
   }
 
   int realTime_ = 0;
@@ -228,6 +230,7 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   EXPECT_EQ(lock.waits[0].fromNs, 1'500 * kMs);
 
   // The hang is over by the time of the look: what the thread waits for now is something else.
+  machine.waits(kApp, WaitKind::lock, kLogger);
   machine.wakes(10'900, kWorker, kApp);
   machine.switches(10'901, kOther, 'S', kApp);
   Verdict over = machine.verdict();
@@ -261,10 +264,10 @@ TEST(Verdict, TellsTheEndOfAChainFirst) {
 
   machine.party(kLogger).state = 'T';
   expectSays(machine.verdict(), Cause::stopped, "because thread 'logger' (102) was stopped: ");
-  machine.waits(kWorker, WaitKind::child, kHog, "the end");
+  machine.waits(kWorker, WaitKind::child, kHog, "end");
   machine.party(kHog).state = 'Z';
   expectSays(machine.verdict(), Cause::child,
-             "because process 'hog' (pid 200) has ended: 'worker' (101) waits for the end of its child, it");
+             "because process 'hog' (pid 200) has ended: 'worker' (101) waits for it, its child, to end");
 }
 
 TEST(Verdict, TellsADeadlock) {
@@ -386,7 +389,8 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
   Machine frozen;
   frozen.switches(900, kApp, 'D', 0);
   frozen.request(kApp, 901, 0);
-  frozen.look() = {kApp, "viewer", 'D', "__refrigerator", 0, {}, {}, 0, 0, 0, 0};
+  frozen.look().state = 'D';
+  frozen.look().waitChannel = "__refrigerator";
   frozen.after.limits.frozen = "/app";
   expectSays(frozen.verdict(), Cause::frozen, "was frozen for all of 10.0 s with its control group /app");
   frozen.withoutRecorder();
@@ -445,7 +449,8 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
   // Polling a peer with a time-out is one long wait for it.
   retries.waits(kApp, WaitKind::peer, kDatabase, "a pipe");
   retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 190}};
-  expectSays(retries.verdict(), Cause::peer, "waited for 9.5 of 10.0 s because process 'database' (pid 7) waited");
+  expectSays(retries.verdict(), Cause::peer,
+             "waited for 9.5 of 10.0 s because process 'database' (pid 7) waited");
   retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 5'000}};  // what it does now is another wait
   expectSays(retries.verdict(), Cause::sleeping, "time-outs");
 

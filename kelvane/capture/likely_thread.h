@@ -1,0 +1,25 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+
+#include "kelvane/base/proc_text.h"
+
+namespace kelvane {
+
+/// The thread of a process that others wait for, of whom only the process is known.
+struct LikelyThread {
+  pid_t tid = 0;
+  bool isOnly = false;    // the process has no other
+  bool isChosen = false;  // there were others to choose from
+  bool isAtIt = false;    // it is in a call that `isAtIt` said yes to
+};
+
+/// The one in a call that `isAtIt` says yes to, else one that is awake, else one that doesn't just wait for
+/// events; never `except`. Nothing if the process has gone.
+std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
+                                         const std::function<bool(const SystemCall&)>& isAtIt);
+
+}  // namespace kelvane
