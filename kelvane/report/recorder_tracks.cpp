@@ -153,7 +153,24 @@ void RecorderTracks::writeStates(JsonWriter& json) const {
     json.endObject();
     if (span.end == SleepEnd::open) continue;
     writeInstant(json, "woken by " + wakerName(span), "wakeup", pid, kStatesTrack, span.toNs);
+    writeArrow(json, span);
   }
+}
+
+/// From the waker, on the CPU that it had, to the state that the sleeper went into.
+void RecorderTracks::writeArrow(JsonWriter& json, const StateSpan& sleep) const {
+  if (sleep.end != SleepEnd::thread) return;
+  // The ends of one arrow share an id: the time of the wake-up, which no other of this thread has.
+  const auto writeEnd = [&](const char* phase, int64_t pid, int64_t tid) {
+    beginEvent(json, phase, "wakes", pid, tid);
+    json.member("cat", "wakeup");
+    json.member("id", sleep.toNs);
+    if (*phase == 'f') json.member("bp", "e");  // to the interval around it, not to the next one
+    json.memberMicroseconds("ts", sleep.toNs);
+    json.endObject();
+  };
+  writeEnd("s", kCpusTrack, sleep.wokenOnCpu);
+  writeEnd("f", process_.pid, kStatesTrack);
 }
 
 void RecorderTracks::writeMarks(JsonWriter& json) const {

@@ -27,6 +27,7 @@ class RecorderTracks {
   void leaveOut(const char* what, size_t drawn, size_t all);
   void writeCpus(JsonWriter& json) const;
   void writeStates(JsonWriter& json) const;
+  void writeArrow(JsonWriter& json, const StateSpan& sleep) const;
   void writeMarks(JsonWriter& json) const;
   std::string nameOf(int32_t tid) const;
   std::string wakerName(const StateSpan& sleep) const;

@@ -186,9 +186,11 @@ void expectOpensInViewers(const Json& report) {
     }
   }
   std::map<std::pair<int64_t, int64_t>, std::vector<std::pair<double, double>>> open;
+  std::map<uint64_t, std::string> arrows;
   for (const Json& event : report["traceEvents"]) {
     std::string phase = event["ph"];
-    EXPECT_TRUE(phase == "M" || phase == "X" || phase == "P" || phase == "i") << phase;
+    EXPECT_TRUE(phase.size() == 1 && std::string("MXPisf").find(phase) != std::string::npos) << phase;
+    if (phase == "s" || phase == "f") arrows[event["id"]] += phase;
     EXPECT_TRUE(event["pid"].is_number_integer() && event["tid"].is_number_integer());
     EXPECT_TRUE(event["name"].is_string());
     if (phase == "M") {
@@ -210,6 +212,7 @@ void expectOpensInViewers(const Json& report) {
     }
     intervals.emplace_back(start, end);
   }
+  for (const auto& [id, ends] : arrows) EXPECT_EQ(ends, "sf") << id;
 }
 
 }  // namespace kelvane_test

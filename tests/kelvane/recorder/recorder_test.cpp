@@ -202,6 +202,7 @@ TEST_F(Recorder, ServesReportsAfterAnyNumberOfThem) {
   const kelvane_test::Dump dump = kelvane_test::dumpOf(victim.pid(), victim.thread());
   EXPECT_EQ(dump.whyLeftOut("process"), "");
   EXPECT_EQ(dump.whyLeftOut("flight recorder"), "");
+  kelvane_test::expectOpensInViewers(dump.report);
 }
 
 TEST_F(Recorder, TellsAnOrdinaryUserThatTracingIsNotForHim) {
