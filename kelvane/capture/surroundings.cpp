@@ -50,6 +50,16 @@ class Group {
   std::optional<uint64_t> number(const char* file, std::string_view key) const {
     return parseGroupNumber(text(file), key);
   }
+  /// The first ones of its processes.
+  std::vector<pid_t> members() const {
+    const std::string procs = text("cgroup.procs");
+    std::string_view rest = procs;
+    std::vector<pid_t> pids;
+    while (!rest.empty() && pids.size() < kMaxProcessesListed) {
+      if (const auto pid = numberOf(takeUntil(rest, '\n'))) pids.push_back(static_cast<pid_t>(*pid));
+    }
+    return pids;
+  }
 
  private:
   std::string dir_;
@@ -135,15 +145,24 @@ class Limits {
     }
     if (!quotaUs || periodUs.value_or(0) == 0) return;
     const std::string stat = group.text("cpu.stat");
-    GroupLimits::Quota quota{path, static_cast<double>(*quotaUs) / static_cast<double>(*periodUs), 0,
-                             parseGroupNumber(stat, "nr_periods").value_or(0)};
+    GroupLimits::Quota quota;
+    quota.group = path;
+    quota.cpus = static_cast<double>(*quotaUs) / static_cast<double>(*periodUs);
     quota.throttledNs = isUnified ? parseGroupNumber(stat, "throttled_usec").value_or(0) * kNsPerUs
                                   : parseGroupNumber(stat, "throttled_time").value_or(0);
-    if (!limits_.quota || quota.throttledNs > limits_.quota->throttledNs) limits_.quota = quota;
+    if (limits_.quota && quota.throttledNs <= limits_.quota->throttledNs) return;
+    quota.members = group.members();
+    limits_.quota = std::move(quota);
   }
 
   void takeMemory(const Group& group, const std::string& path, bool isUnified) {
-    GroupLimits::Memory memory{path, UINT64_MAX, 0};
+    GroupLimits::Memory memory;
+    memory.group = path;
+    memory.limitBytes = UINT64_MAX;
+    const std::string stat = group.text("memory.stat");
+    for (const char* kind : {"workingset_refault_file", "workingset_refault_anon"}) {
+      memory.refaults += parseGroupNumber(stat, kind).value_or(0);
+    }
     if (isUnified) {
       for (const char* file : {"memory.high", "memory.max"}) {
         memory.limitBytes = std::min(memory.limitBytes, group.number(file).value_or(UINT64_MAX));

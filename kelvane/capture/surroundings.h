@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kelvane {
 
@@ -35,7 +36,7 @@ struct GroupLimits {
     double cpus = 0;
     uint64_t throttledNs =
         0;  // in the group's life; of all its CPUs together where the hierarchy is an old one
-    uint64_t periods = 0;
+    std::vector<pid_t> members;  // processes of the group itself
   };
   std::optional<Quota> quota;
 
@@ -43,7 +44,8 @@ struct GroupLimits {
   struct Memory {
     std::string group;
     uint64_t limitBytes = 0;
-    uint64_t hits = 0;  // in the group's life
+    uint64_t hits = 0;      // in the group's life
+    uint64_t refaults = 0;  // pages that were wanted back soon after they had been taken, likewise
   };
   std::optional<Memory> memory;
 

@@ -195,7 +195,8 @@ void addLimits(const Evidence& evidence, Findings& findings) {
   const GroupLimits& before = evidence.before.limits;
   const GroupLimits& after = evidence.after.limits;
   if (before.memory && after.memory && before.memory->group == after.memory->group)
-    findings.memoryLimitHit = after.memory->hits > before.memory->hits;
+    findings.memoryLimitHit =
+        after.memory->hits > before.memory->hits && after.memory->refaults > before.memory->refaults;
   if (before.quota && after.quota && before.quota->group == after.quota->group)
     findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;
   if (findings.kernelWait == KernelWait::quota) findings.throttledAtLook = true;

@@ -38,15 +38,15 @@ struct Findings {
   std::vector<BusyThread> busiest;    // other threads, most first
   DiskActivity disk;
   DiskWaits diskWaits;
-  std::optional<NamedThread> diskUser;      // who kept the disk busy meanwhile, if not the thread itself
-  uint64_t pageIns = 0;                     // pages of files that the thread had read in
-  bool memoryLimitHit = false;              // its control group came up against its limit during the look
-  bool throttledAtLook = false;             // its control group was kept from the CPU then
-  uint64_t reclaimNs = 0;                   // the thread itself freed memory
-  uint64_t suspendNs = 0;                   // the machine went into suspend or came back
-  std::optional<Rivals> rivals;             // without a recording, who had the thread's CPU after the look
-  Competitors competitors;                  // those who most of all kept the thread from running
-  uint64_t idleRunnableNs = 0;              // the CPU idled although the thread was ready to run on it
+  std::optional<NamedThread> diskUser;  // who kept the disk busy meanwhile, if not the thread itself
+  uint64_t pageIns = 0;                 // pages of files that the thread had read in
+  bool memoryLimitHit = false;          // during the look its control group, at its limit, lost what it uses
+  bool throttledAtLook = false;         // its control group was kept from the CPU then
+  uint64_t reclaimNs = 0;               // the thread itself freed memory
+  uint64_t suspendNs = 0;               // the machine went into suspend or came back
+  std::optional<Rivals> rivals;         // without a recording, who had the thread's CPU after the look
+  Competitors competitors;              // those who most of all kept the thread from running
+  uint64_t idleRunnableNs = 0;          // the CPU idled although the thread was ready to run on it
   std::optional<RecordedEvent> stopSignal;  // the last one before the look that stops a process
   std::optional<NamedThread> stopSender;
 

@@ -33,6 +33,11 @@ std::optional<Cause> causeOfChainIn(ThreadState state, const Findings& findings)
   return causeOfChain(*findings.chain);
 }
 
+/// Where no chain does: a server of a file system is waited for in either kind of sleep.
+Cause causeOfSleepAtLook(KernelWait wait) {
+  return wait == KernelWait::server ? Cause::server : Cause::sleeping;
+}
+
 std::optional<Cause> causeOfKernelWait(KernelWait wait) {
   switch (wait) {
     case KernelWait::disk:
@@ -73,7 +78,7 @@ Cause causeOfSleep(const Findings& findings) {
   const bool holds =
       isShare(findings.sleeps.likeTheLookNs, kDecisiveShare, findings.in(ThreadState::sleeping));
   const auto seen = holds ? causeOfChainIn(ThreadState::sleeping, findings) : std::nullopt;
-  return seen.value_or(Cause::sleeping);
+  return seen.value_or(holds ? causeOfSleepAtLook(findings.kernelWait) : Cause::sleeping);
 }
 
 Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& findings) {
@@ -165,14 +170,16 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
     case 'R':
       return causeOfAwake(evidence, findings);
     case 'D':
-      return isFrozen ? Cause::frozen
-                      : causeOfChainIn(ThreadState::uninterruptible, findings).value_or(inKernel);
+      if (isFrozen) return Cause::frozen;
+      if (findings.kernelWait == KernelWait::page && findings.memoryLimitHit) return Cause::memory;
+      return causeOfChainIn(ThreadState::uninterruptible, findings).value_or(inKernel);
     case 'T':
     case 't':
       return Cause::stopped;
     case 'S':
-      return isFrozen ? Cause::frozen
-                      : causeOfChainIn(ThreadState::sleeping, findings).value_or(Cause::sleeping);
+      if (isFrozen) return Cause::frozen;
+      return causeOfChainIn(ThreadState::sleeping, findings)
+          .value_or(causeOfSleepAtLook(findings.kernelWait));
     default:
       return Cause::unknown;
   }

@@ -138,8 +138,7 @@ class Sentence {
         return "waited " + spentAmount(ThreadState::uninterruptible) +
                "for a child that it had made by vfork to execute a program or to end";
       case Cause::server:
-        return "waited " + spentAmount(ThreadState::uninterruptible) + "for the server of a file system" +
-               channelText();
+        return "waited " + spentAmount(phase.state) + "for the server of a file system" + channelText();
       case Cause::sleeping:
         return "slept " + spentAmount(ThreadState::sleeping) + sleepText();
       default:
@@ -210,8 +209,21 @@ class Sentence {
     const auto& quota = evidence_.after.limits.quota;
     std::string text = readyText() + ", but its control group ";
     if (!quota) return text + "had used up its CPU time";
-    return text + quota->group + " may use no more than " + decimal(quota->cpus) +
-           (quota->cpus == 1 ? " CPU" : " CPUs");
+    const std::string most = quota->cpus < 1 ? percentOf(std::llround(quota->cpus * 1000), 1000) + " of a CPU"
+                                             : decimal(quota->cpus) + (quota->cpus == 1 ? " CPU" : " CPUs");
+    return text + quota->group + " may use no more than " + most + sharersText(*quota);
+  }
+
+  /// Who else had much of the time that the group was given.
+  std::string sharersText(const GroupLimits::Quota& quota) const {
+    for (const BusyThread& busy : verdict_.busiest) {
+      const pid_t pid = busy.thread.pid;
+      const bool shares = std::find(quota.members.begin(), quota.members.end(), pid) != quota.members.end();
+      if (!shares || pid == process_.pid || busy.runningNs <= findings_.in(ThreadState::running)) continue;
+      return ", which it shares with others: " + threadText(busy.thread) + " ran for " +
+             durationText(busy.runningNs);
+    }
+    return {};
   }
 
   std::string heldBackText() const {
@@ -277,6 +289,8 @@ class Sentence {
     if (asleep && findings_.pageIns > 0)
       return waited + "for its own code and files to be read back in (" + counted(findings_.pageIns, "page") +
              ")" + shortText();
+    if (findings_.kernelWait == KernelWait::page && !verdict_.fromRecorder)
+      return waited + "for a page of a file" + shortText();
     if (findings_.reclaimNs > 0 && verdict_.fromRecorder)
       return "had to free memory itself " + forAmount(findings_.reclaimNs) + "before it could go on" +
              shortText();

@@ -482,14 +482,15 @@ TEST(Verdict, BlamesALimitOnlyForWhatItMayHaveDone) {
   machine.switches(1'000, kApp, 'R', kHog);
   machine.names()[kOther] = machine.names()[kHog] = "loader";
   machine.switches(3'000, kHog, 'R', kOther);
-  machine.after.limits.quota = GroupLimits::Quota{"/app", 0.2, 9'000 * kMs, 100};
+  machine.after.limits.quota = GroupLimits::Quota{"/app", 0.04, 9'000 * kMs, {kApp, kOther}};
   machine.before = machine.after;
   expectSays(
       machine.verdict(), Cause::starved,
       "the CPU ran 2 threads named 'loader', such as pid 300; the CPU limit of its control group /app may");
   machine.before.limits.quota->throttledNs -= 100 * kMs;
-  expectSays(machine.verdict(), Cause::throttled,
-             "ready to run for 100 % of 10.0 s, but its control group /app may use no more than 0.2 CPUs");
+  expectSays(
+      machine.verdict(), Cause::throttled,
+      "ready to run for 100 % of 10.0 s, but its control group /app may use no more than 4 % of a CPU, which it shares with others: 'loader' (pid 300) ran for 8.0 s");
   machine.before.limits.quota->throttledNs = 0;
   machine.after.limits.quota->throttledNs = 100 * kMs;  // in its whole life
   expectSays(machine.verdict(), Cause::starved, "such as pid 300.");
