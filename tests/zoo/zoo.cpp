@@ -1,0 +1,229 @@
+#include "tests/zoo/zoo.h"
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "client/include/quorvel.h"
+
+namespace zoo {
+namespace {
+
+constexpr int kSkipped = 77;
+
+void workForMs(int ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
+
+struct Queue {
+  std::mutex mutex;
+  std::condition_variable filled;
+  int jobs = 0;
+};
+
+void serveQueue(Queue& queue) {
+  while (true) {
+    std::unique_lock lock(queue.mutex);
+    queue.filled.wait(lock, [&] { return queue.jobs > 0; });
+    --queue.jobs;
+    lock.unlock();
+    workForMs(1);
+  }
+}
+
+void serveEvents() {
+  const int events = epoll_create1(EPOLL_CLOEXEC);
+  const int timer = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+  const itimerspec every{{0, 70'000'000}, {0, 70'000'000}};
+  timerfd_settime(timer, 0, &every, nullptr);
+  epoll_event event{.events = EPOLLIN, .data = {.fd = timer}};
+  epoll_ctl(events, EPOLL_CTL_ADD, timer, &event);
+  while (true) {
+    uint64_t ticks = 0;
+    if (epoll_wait(events, &event, 1, 40) == 1 && read(timer, &ticks, sizeof ticks) > 0) workForMs(1);
+  }
+}
+
+/// Waits until the daemon has been asked to watch; it may be at a report just now.
+void watch() {
+  int state = qv_watch("com.example.zoo", "zoo");
+  for (int tries = 0; state != 0 && tries < 1000; ++tries) {
+    nap(20);
+    state = qv_process();
+  }
+  if (state != 0) skip(std::string("no daemon: ") + std::strerror(-state));
+}
+
+void list() {
+  for (const Case* one : Case::all()) {
+    const Truth& truth = one->truth;
+    std::printf("%s\t%s\t%s\t%s\t%s\t%d\n", one->name, truth.right, truth.culprit, truth.half, truth.along,
+                one->alone);
+  }
+}
+
+}  // namespace
+
+std::vector<Case*>& Case::all() {
+  static std::vector<Case*> cases;
+  return cases;
+}
+
+void skip(const std::string& why) {
+  std::printf("%s\n", why.c_str());
+  std::fflush(stdout);
+  _exit(kSkipped);
+}
+
+int must(int result, const char* what) {
+  if (result < 0) skip(std::string(what) + ": " + std::strerror(errno));
+  return result;
+}
+
+void named(const char* name) {
+  prctl(PR_SET_NAME, name);
+}
+
+void rest() {
+  while (true) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+void burn() {
+  volatile bool on = true;
+  while (on) {
+  }
+}
+
+void nap(int ms) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+void thread(const char* name, Action first, Action after) {
+  std::atomic<bool> ready = false;
+  std::thread([&ready, name, first = std::move(first), after = std::move(after)] {
+    named(name);
+    first();
+    ready = true;
+    after();
+  }).detach();
+  until([&] { return ready.load(); });
+}
+
+pid_t process(const char* name, const Action& first, const Action& after) {
+  auto& ready = shared<std::atomic<bool>>();
+  const pid_t pid = must(fork(), "fork");
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    named(name);
+    first();
+    ready = true;
+    after();
+    _exit(0);
+  }
+  until([&] { return ready.load(); });
+  return pid;
+}
+
+Pipe::Pipe() {
+  std::array<int, 2> ends{};
+  must(pipe(ends.data()), "pipe");
+  reader = ends[0];
+  writer = ends[1];
+}
+
+void readByte(int fd) {
+  char byte = 0;
+  if (read(fd, &byte, 1) < 0) std::perror("read");
+}
+
+void writeByte(int fd) {
+  if (write(fd, "z", 1) < 0) std::perror("write");
+}
+
+void pin(size_t number) {
+  cpu_set_t allowed;
+  must(sched_getaffinity(0, sizeof allowed, &allowed), "sched_getaffinity");
+  size_t cpu = 0;
+  for (size_t passed = 0;; ++cpu) {
+    if (CPU_ISSET(cpu, &allowed) && passed++ == number) break;
+  }
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(cpu, &one);
+  must(sched_setaffinity(0, sizeof one, &one), "sched_setaffinity");
+}
+
+void startCrowd() {
+  static Queue queue;
+  static std::mutex log;
+  process("crowd-child", [] {});
+  for (const char* name : {"crowd-worker-1", "crowd-worker-2", "crowd-worker-3"}) {
+    thread(
+        name, [] {}, [] { serveQueue(queue); });
+  }
+  thread(
+      "crowd-source", [] {},
+      [] {
+        while (true) {
+          nap(25);
+          const std::lock_guard lock(queue.mutex);
+          ++queue.jobs;
+          queue.filled.notify_one();
+        }
+      });
+  thread(
+      "crowd-events", [] {}, serveEvents);
+  for (const char* name : {"crowd-log-1", "crowd-log-2"}) {
+    thread(
+        name, [] {},
+        [] {
+          while (true) {
+            const std::lock_guard lock(log);
+            nap(15);
+          }
+        });
+  }
+}
+
+}  // namespace zoo
+
+/// zoo --list: the truth about each case. zoo [--crowd] CASE: hangs, until it is killed.
+int main(int argc, char** argv) {
+  using zoo::Case;
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (arguments == std::vector<std::string>{"--list"}) {
+    zoo::list();
+    return 0;
+  }
+  const bool crowd = !arguments.empty() && arguments.front() == "--crowd";
+  for (const Case* one : Case::all()) {
+    if (arguments.size() != (crowd ? 2 : 1) || arguments.back() != one->name) continue;
+    constexpr int kLongestSeconds = 300;  // whatever becomes of who started it
+    alarm(kLongestSeconds);
+    zoo::watch();
+    if (crowd) zoo::startCrowd();
+    qv_slot* turn = qv_slot_claim(one->name);
+    qv_slot_begin(turn, true);
+    one->hang();
+    qv_slot_end(turn);
+    std::printf("%s did not hang\n", one->name);
+    return 1;
+  }
+  std::fputs("Usage: zoo --list | [--crowd] CASE\n", stderr);
+  return 2;
+}
