@@ -132,7 +132,7 @@ const LoneCase kUnixComputing("unix-computing", {"peer", "server", "sleeping"},
 
 const Case kUnixPoll("unix-poll", {"peer", "server", "sleeping"}, [] {
   pollfd one{.fd = ask(serve("server", sleepOnIt)), .events = POLLIN, .revents = 0};
-  while (poll(&one, 1, 120) == 0) {
+  while (poll(&one, 1, 120) <= 0) {
   }
 });
 
@@ -143,7 +143,7 @@ const Case kUnixEpoll("unix-epoll", {"peer", "server", "sleeping"}, [] {
     epoll_ctl(events, EPOLL_CTL_ADD, fd, &event);
   }
   epoll_event event;
-  while (epoll_wait(events, &event, 1, 80) == 0) {
+  while (epoll_wait(events, &event, 1, 80) <= 0) {
   }
 });
 

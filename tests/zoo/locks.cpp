@@ -19,16 +19,6 @@
 namespace zoo {
 namespace {
 
-pthread_mutex_t& sharedMutex(bool robust = false) {
-  auto& mutex = shared<pthread_mutex_t>();
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  if (robust) pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(&mutex, &attributes);
-  return mutex;
-}
-
 const Case kMutex("mutex", {"lock", "holder", "sleeping"}, [] {
   static std::mutex mutex;
   thread("holder", [] { mutex.lock(); });

@@ -146,6 +146,16 @@ Pipe::Pipe() {
   writer = ends[1];
 }
 
+pthread_mutex_t& sharedMutex(bool robust) {
+  auto& mutex = shared<pthread_mutex_t>();
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  if (robust) pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&mutex, &attributes);
+  return mutex;
+}
+
 void readByte(int fd) {
   char byte = 0;
   if (read(fd, &byte, 1) < 0) std::perror("read");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/types.h>
 
@@ -80,6 +81,18 @@ struct Pipe {
   int reader;
   int writer;
 };
+/// A path for this program alone, which goes with the daemon's folder.
+std::string scratch(const char* name);
+int openFile(const char* name = "file", int flags = 0);
+/// Reads past the page cache, for ever.
+void readDisk();
+/// Touches the pages of a mapped file of so many bytes, for ever; `forget`: they are out of the page cache
+/// before.
+void touchMapping(size_t bytes, bool forget);
+
+/// A lock that processes share.
+pthread_mutex_t& sharedMutex(bool robust = false);
+
 void readByte(int fd);
 void writeByte(int fd);
 
