@@ -14,49 +14,37 @@ namespace zoo {
 namespace {
 
 const Case kChild("child", {"child", "converter", "sleeping"},
-                  [] { waitpid(process("converter", [] {}), nullptr, 0); });
+                  [] { waitpid(process("converter", {}), nullptr, 0); });
 
-const LoneCase kChildComputing("child-computing", {"child", "converter", "sleeping"}, [] {
-  waitpid(process(
-              "converter", [] {}, burn),
-          nullptr, 0);
-});
+const LoneCase kChildComputing("child-computing", {"child", "converter", "sleeping"},
+                               [] { waitpid(process("converter", {}, burn), nullptr, 0); });
 
-const Case kChildStopped("child-stopped", {"stopped", "converter", "child|sleeping"}, [] {
-  waitpid(process(
-              "converter", [] {}, [] { raise(SIGSTOP); }),
-          nullptr, 0);
-});
+const Case kChildStopped("child-stopped", {"stopped", "converter", "child|sleeping"},
+                         [] { waitpid(process("converter", {}, [] { raise(SIGSTOP); }), nullptr, 0); });
 
 // Of several children one is late.
 const Case kChildren("children", {"child", "late", "sleeping"}, [] {
-  for (const char* name : {"quick-1", "quick-2"})
-    process(
-        name, [] {}, [] {});
-  process("late", [] {});
+  for (const char* name : {"quick-1", "quick-2"}) process(name, {}, [] {});
+  process("late", {});
   while (wait(nullptr) > 0) {
   }
 });
 
 const Case kChildPolled("child-polled", {"child", "converter", "sleeping"}, [] {
-  const pid_t converter = process("converter", [] {});
+  const pid_t converter = process("converter", {});
   while (waitpid(converter, nullptr, WNOHANG) == 0) nap(50);
 });
 
 const Case kChildPeer("child-peer", {"peer", "feeder", "child|sleeping", "converter"}, [] {
-  const Pipe pipe;
-  process("feeder", [&] { close(pipe.reader); });
-  close(pipe.writer);
-  waitpid(process(
-              "converter", [] {}, [&] { readByte(pipe.reader); }),
-          nullptr, 0);
+  const int pipe = fedBy("feeder");
+  waitpid(process("converter", {}, [pipe] { readByte(pipe); }), nullptr, 0);
 });
 
-const Case kSystem("system", {"child", "sleep", "child|sleeping", "sh"}, [] {
+const Case kSystem("system", {"child", "sleep", "sleeping", "sh"}, [] {
   if (std::system("sleep 300; true") != 0) std::puts("sh failed");
 });
 
-const Case kPopen("popen", {"child|peer", "sleep", "child|peer|sleeping", "sh"}, [] {
+const Case kPopen("popen", {"child|peer", "sleep", "sleeping", "sh"}, [] {
   FILE* output = popen("sleep 300; true", "r");
   std::fgetc(output);
 });
@@ -68,34 +56,23 @@ const Case kVfork("vfork", {"child", "starter", "unknown|sleeping"}, [] {
   }
 });
 
-const Case kStopped("stopped", {"stopped", "stopper"}, [] {
-  const pid_t self = getpid();
-  process(
-      "stopper", [] {},
-      [self] {
-        nap(50);
-        kill(self, SIGSTOP);
-        rest();
-      });
+/// `after`: what becomes of who stopped it.
+void stopBy(const char* name, void (*after)()) {
+  process(name, {}, [after, self = getpid()] { nap(50), kill(self, SIGSTOP), after(); });
   rest();
-});
+}
 
-const Case kStoppedBefore("stopped-by-one-gone", {"stopped", "stopper", "stopped"}, [] {
-  const pid_t self = getpid();
-  process(
-      "stopper", [] {}, [self] { nap(50), kill(self, SIGSTOP); });
-  rest();
-});
+const Case kStopped("stopped", {"stopped", "stopper"}, [] { stopBy("stopper", rest); });
+
+const Case kStoppedBefore("stopped-by-one-gone", {"stopped", "stopper"}, [] { stopBy("stopper", [] {}); });
 
 const Case kTraced("traced", {"stopped", "tracer"}, [] {
   const pid_t self = getpid();
-  process(
-      "tracer", [] {},
-      [self] {
-        ptrace(PTRACE_SEIZE, self, nullptr, nullptr);
-        ptrace(PTRACE_INTERRUPT, self, nullptr, nullptr);
-        rest();
-      });
+  process("tracer", {}, [self] {
+    ptrace(PTRACE_SEIZE, self, nullptr, nullptr);
+    ptrace(PTRACE_INTERRUPT, self, nullptr, nullptr);
+    rest();
+  });
   rest();
 });
 

@@ -1,12 +1,13 @@
 #include "tests/zoo/zoo.h"
 
-#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -24,6 +25,11 @@ namespace {
 
 constexpr int kSkipped = 77;
 
+/// Waits without a lock and without whoever wakes: neither may look like a part of the hang.
+void await(const std::atomic<bool>& ready) {
+  while (!ready) nap(1);
+}
+
 void workForMs(int ms) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (std::chrono::steady_clock::now() < end) {
@@ -35,6 +41,12 @@ struct Queue {
   std::condition_variable filled;
   int jobs = 0;
 };
+
+void fillQueue(Queue& queue) {
+  const std::lock_guard lock(queue.mutex);
+  ++queue.jobs;
+  queue.filled.notify_one();
+}
 
 void serveQueue(Queue& queue) {
   while (true) {
@@ -117,11 +129,11 @@ void thread(const char* name, Action first, Action after) {
   std::atomic<bool> ready = false;
   std::thread([&ready, name, first = std::move(first), after = std::move(after)] {
     named(name);
-    first();
+    if (first) first();
     ready = true;
     after();
   }).detach();
-  until([&] { return ready.load(); });
+  await(ready);
 }
 
 pid_t process(const char* name, const Action& first, const Action& after) {
@@ -130,12 +142,12 @@ pid_t process(const char* name, const Action& first, const Action& after) {
   if (pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     named(name);
-    first();
+    if (first) first();
     ready = true;
     after();
     _exit(0);
   }
-  until([&] { return ready.load(); });
+  await(ready);
   return pid;
 }
 
@@ -146,14 +158,27 @@ Pipe::Pipe() {
   writer = ends[1];
 }
 
-pthread_mutex_t& sharedMutex(bool robust) {
-  auto& mutex = shared<pthread_mutex_t>();
+void SharedMutex::make(int protocol, int robustness) {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  if (robust) pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutexattr_setprotocol(&attributes, protocol);
+  pthread_mutexattr_setrobust(&attributes, robustness);
   pthread_mutex_init(&mutex, &attributes);
+}
+
+SharedMutex& sharedMutex() {
+  auto& mutex = shared<SharedMutex>();
+  mutex.make(PTHREAD_PRIO_NONE, PTHREAD_MUTEX_STALLED);
   return mutex;
+}
+
+int fedBy(const char* name, const Action& after) {
+  const Pipe pipe;
+  process(
+      name, [&] { close(pipe.reader); }, after);
+  close(pipe.writer);
+  return pipe.reader;
 }
 
 void readByte(int fd) {
@@ -165,49 +190,23 @@ void writeByte(int fd) {
   if (write(fd, "z", 1) < 0) std::perror("write");
 }
 
-void pin(size_t number) {
-  cpu_set_t allowed;
-  must(sched_getaffinity(0, sizeof allowed, &allowed), "sched_getaffinity");
-  size_t cpu = 0;
-  for (size_t passed = 0;; ++cpu) {
-    if (CPU_ISSET(cpu, &allowed) && passed++ == number) break;
-  }
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(cpu, &one);
-  must(sched_setaffinity(0, sizeof one, &one), "sched_setaffinity");
-}
-
 void startCrowd() {
   static Queue queue;
   static std::mutex log;
-  process("crowd-child", [] {});
-  for (const char* name : {"crowd-worker-1", "crowd-worker-2", "crowd-worker-3"}) {
-    thread(
-        name, [] {}, [] { serveQueue(queue); });
-  }
-  thread(
-      "crowd-source", [] {},
-      [] {
-        while (true) {
-          nap(25);
-          const std::lock_guard lock(queue.mutex);
-          ++queue.jobs;
-          queue.filled.notify_one();
-        }
-      });
-  thread(
-      "crowd-events", [] {}, serveEvents);
-  for (const char* name : {"crowd-log-1", "crowd-log-2"}) {
-    thread(
-        name, [] {},
-        [] {
-          while (true) {
-            const std::lock_guard lock(log);
-            nap(15);
-          }
-        });
-  }
+  process("crowd-child", {});
+  for (const char* name : {"crowd-worker-1", "crowd-worker-2", "crowd-worker-3"})
+    thread(name, {}, [] { serveQueue(queue); });
+  thread("crowd-source", {}, [] {
+    while (true) nap(25), fillQueue(queue);
+  });
+  thread("crowd-events", {}, serveEvents);
+  const Action keepLog = [] {
+    while (true) {
+      const std::lock_guard lock(log);
+      nap(15);
+    }
+  };
+  for (const char* name : {"crowd-log-1", "crowd-log-2"}) thread(name, {}, keepLog);
 }
 
 }  // namespace zoo

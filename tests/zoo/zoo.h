@@ -4,8 +4,6 @@
 #include <sys/mman.h>
 #include <sys/types.h>
 
-#include <array>
-#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -53,8 +51,8 @@ void named(const char* name);  ///< the calling thread
 void rest();  ///< sleeps for ever
 void burn();  ///< computes for ever
 
-/// A thread of that name, which lasts as long as the program. Returns when it has done `first`; then it does
-/// `after`.
+/// A thread of that name, which lasts as long as the program. Returns when it has done `first`, if there is
+/// one; then it does `after`.
 void thread(const char* name, Action first, Action after = rest);
 /// A process, likewise; main thread only.
 pid_t process(const char* name, const Action& first, const Action& after = rest);
@@ -66,38 +64,31 @@ T& shared() {
       mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 }
 
-/// Waits without a lock and without whoever wakes: neither may look like a part of the hang.
-template <typename Condition>
-void until(Condition condition);
 void nap(int ms);
-
-template <typename Condition>
-void until(Condition condition) {
-  while (!condition()) nap(1);
-}
 
 struct Pipe {
   Pipe();
   int reader;
   int writer;
 };
-/// A path for this program alone, which goes with the daemon's folder.
-std::string scratch(const char* name);
-int openFile(const char* name = "file", int flags = 0);
-/// Reads past the page cache, for ever.
-void readDisk();
-/// Touches the pages of a mapped file of so many bytes, for ever; `forget`: they are out of the page cache
-/// before.
-void touchMapping(size_t bytes, bool forget);
 
-/// A lock that processes share.
-pthread_mutex_t& sharedMutex(bool robust = false);
+/// A lock for threads, and for processes that share its memory.
+struct SharedMutex {
+  void make(int protocol, int robustness);
+  void lock() { pthread_mutex_lock(&mutex); }
+  pthread_mutex_t mutex;
+};
+SharedMutex& sharedMutex();
 
+template <typename Mutex>
+Action taking(Mutex& mutex) {
+  return [&mutex] { mutex.lock(); };
+}
+
+/// The reading end of a pipe whose other end that process alone has.
+int fedBy(const char* name, const Action& after = rest);
 void readByte(int fd);
 void writeByte(int fd);
-
-/// Binds this thread, and who descends from it, to one CPU: `number` of those that it may use.
-void pin(size_t number = 0);
 
 /// Other work beside the hang, as an application has it: workers with a queue, a loop of events with
 /// time-outs, a lock that is taken for short times, a child. All are named "crowd-…".
