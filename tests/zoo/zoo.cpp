@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -25,9 +26,15 @@ namespace {
 
 constexpr int kSkipped = 77;
 
-/// Waits without a lock and without whoever wakes: neither may look like a part of the hang.
-void await(const std::atomic<bool>& ready) {
-  while (!ready) nap(1);
+/// Waits without a lock and without whoever wakes: neither may look like a part of the hang. A child that has
+/// skipped ends its parent, too.
+void await(const std::atomic<bool>& ready, pid_t child = 0) {
+  siginfo_t ended{};
+  for (; !ready; nap(1)) {
+    if (child > 0 && waitid(P_PID, child, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        ended.si_status == kSkipped)
+      _exit(kSkipped);
+  }
 }
 
 void workForMs(int ms) {
@@ -147,7 +154,7 @@ pid_t process(const char* name, const Action& first, const Action& after) {
     after();
     _exit(0);
   }
-  await(ready);
+  await(ready, pid);
   return pid;
 }
 
