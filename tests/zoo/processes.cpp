@@ -22,8 +22,8 @@ const LoneCase kChildComputing("child-computing", {"child", "converter", "sleepi
 const Case kChildStopped("child-stopped", {"stopped", "converter", "child|sleeping"},
                          [] { waitpid(process("converter", {}, [] { raise(SIGSTOP); }), nullptr, 0); });
 
-// Of several children one is late.
-const Case kChildren("children", {"child", "late", "sleeping"}, [] {
+// Of several children one is late. It waits for all, a crowd's too.
+const Case kChildren("children", {"child", "late|crowd-child", "sleeping"}, [] {
   for (const char* name : {"quick-1", "quick-2"}) process(name, {}, [] {});
   process("late", {});
   while (wait(nullptr) > 0) {

@@ -78,9 +78,10 @@ def process(name, first, after=rest):
         os.write(writer, b"r")
         after()
         os._exit(0)
-    os.read(reader, 1)
-    os.close(reader)
     os.close(writer)
+    if not os.read(reader, 1):  # it has said why
+        os._exit(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+    os.close(reader)
     return pid
 
 
