@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 #include <functional>
+#include <utility>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
@@ -143,11 +144,12 @@ class Limits {
       quotaUs = group.number("cpu.cfs_quota_us");  // -1 without a limit
       periodUs = group.number("cpu.cfs_period_us");
     }
-    if (!quotaUs || periodUs.value_or(0) == 0) return;
+    const uint64_t everyUs = periodUs.value_or(0);
+    if (!quotaUs || everyUs == 0) return;
     const std::string stat = group.text("cpu.stat");
     GroupLimits::Quota quota;
     quota.group = path;
-    quota.cpus = static_cast<double>(*quotaUs) / static_cast<double>(*periodUs);
+    quota.cpus = static_cast<double>(*quotaUs) / static_cast<double>(everyUs);
     quota.throttledNs = isUnified ? parseGroupNumber(stat, "throttled_usec").value_or(0) * kNsPerUs
                                   : parseGroupNumber(stat, "throttled_time").value_or(0);
     if (limits_.quota && quota.throttledNs <= limits_.quota->throttledNs) return;
@@ -219,17 +221,16 @@ std::optional<uint64_t> parseGroupNumber(std::string_view text, std::string_view
   return std::nullopt;
 }
 
-Surroundings readSurroundings(pid_t pid, int64_t threadId) {
+Surroundings readSurroundings(pid_t pid, pid_t thread) {
   Surroundings surroundings;
+  surroundings.thread = thread;
   const std::string path = "/proc/" + std::to_string(pid);
   const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) return surroundings;
-  const pid_t called = threadCalled(dir.get(), threadId);
-  const pid_t tid = called == 0 ? pid : called;
-  const auto read = [&](const char* file) {
-    return readFileAt(dir.get(), taskPath(tid, file).c_str(), kMaxProcFileBytes).text;
+  const auto read = [&](const std::string& file) {
+    return readFileAt(dir.get(), file.c_str(), kMaxProcFileBytes).text;
   };
-  surroundings.schedule = parseSchedstat(read("schedstat"));
+  if (!dir) return surroundings;
+  surroundings.schedule = parseSchedstat(read(taskPath(thread, "schedstat")));
   surroundings.limits = Limits(read("cgroup")).read();
   return surroundings;
 }

@@ -54,12 +54,12 @@ struct GroupLimits {
 
 /// What holds a thread back, or not, from outside of it.
 struct Surroundings {
+  pid_t thread = 0;
   std::optional<ScheduleFigures> schedule;
   GroupLimits limits;
 };
 
-/// Thread `threadId`, as its process calls it, or the main one if the process has none of that id. What can't
-/// be read is missing. Needs no lock of the process.
-Surroundings readSurroundings(pid_t pid, int64_t threadId);
+/// What can't be read is missing. Needs no lock of the process.
+Surroundings readSurroundings(pid_t pid, pid_t thread);
 
 }  // namespace kelvane

@@ -32,12 +32,14 @@ Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
 
 /// Nothing for a hang that is yet to come.
 std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, const Pressure& pressure,
-                                 const Surroundings& before, const Surroundings& after) {
+                                 const Surroundings& before, const Surroundings& after,
+                                 const Deadline& deadline) {
   uint64_t fromNs = nsOfTicks(hang.start);
   uint64_t toNs = std::min(nsOfTicks(hang.end), report.capturedAtNs);
   if (fromNs >= toNs) return std::nullopt;
   const auto rivals = [&] {
-    return watchRivals(report.process.pid, report.process.hungThread, kRivalsWatch);
+    return deadline.passed() ? std::nullopt
+                             : watchRivals(report.process.pid, report.process.hungThread, kRivalsWatch);
   };
   return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, before, after,
                 rivals, findProcess});
@@ -52,10 +54,10 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
   Deadline deadline(kCaptureBudget);
   report.request = std::move(asked);
   const DumpRequest& request = report.request;
-  const auto surroundings = [&] {
-    return request.pid ? readSurroundings(*request.pid, request.threadId) : Surroundings{};
-  };
-  const Surroundings before = surroundings();
+  // Where the process calls its threads by other numbers, the hung one is known only after the look.
+  const auto named = static_cast<pid_t>(request.threadId);
+  const Surroundings before =
+      request.pid ? readSurroundings(*request.pid, named == 0 ? *request.pid : named) : Surroundings{};
   std::optional<CaptureWorker> worker;
   if (request.pid && notLooking.empty())
     worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
@@ -66,7 +68,11 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
     report.process.pid = *request.pid;
     report.process.omissions.push_back({"process", notLooking});
   }
-  if (request.hang) report.verdict = verdictOn(*request.hang, report, pressure, before, surroundings());
+  if (request.hang) {
+    const Surroundings after =
+        request.pid ? readSurroundings(*request.pid, report.process.hungThread) : Surroundings{};
+    report.verdict = verdictOn(*request.hang, report, pressure, before, after, deadline);
+  }
   report.captureNs = monotonicNs() - report.capturedAtNs;
   return report;
 }

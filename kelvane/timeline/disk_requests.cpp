@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace kelvane {
@@ -26,8 +27,9 @@ std::vector<DiskRequest> diskRequests(const Recording& recording) {
   if (recording.lostEvents == 0) {
     for (const auto& [key, request] : underWay) requests.push_back(request);
   }
-  std::stable_sort(requests.begin(), requests.end(),
-                   [](const DiskRequest& a, const DiskRequest& b) { return a.issuedNs < b.issuedNs; });
+  std::sort(requests.begin(), requests.end(), [](const DiskRequest& a, const DiskRequest& b) {
+    return std::tie(a.issuedNs, a.completedNs) < std::tie(b.issuedNs, b.completedNs);
+  });
   return requests;
 }
 

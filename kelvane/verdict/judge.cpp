@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -136,7 +137,8 @@ std::vector<Phase> phasesOf(const Evidence& evidence, const Findings& findings) 
     if (!isShare(findings.spent[i], kPhaseShare, findings.knownNs)) continue;
     phases.push_back({causeOfState(state, evidence, findings), state, findings.spent[i]});
   }
-  std::stable_sort(phases.begin(), phases.end(), [](const Phase& a, const Phase& b) { return a.ns > b.ns; });
+  std::sort(phases.begin(), phases.end(),
+            [](const Phase& a, const Phase& b) { return std::tie(b.ns, a.state) < std::tie(a.ns, b.state); });
   return phases;
 }
 
@@ -149,15 +151,16 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
   const auto& quota = evidence.after.limits.quota;
   if (quota && findings.throttledAtLook && isShare(quota->throttledNs, kDecisiveShare, hangNs))
     return Cause::throttled;
-  if (!before || !after) {
+  if (!after) {
     const ThreadFacts& facts = findings.thread->facts;
     const uint64_t ranNs = (facts.userMs + facts.systemMs) * 1'000'000;
     return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
   }
-  const bool mayHaveRun = isShare(before->ranNs, kDecisiveShare, hangNs);
-  const bool mayHaveWaited = isShare(before->waitedNs, kDecisiveShare, hangNs);
+  const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
+  const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
-  if (!mayHaveRun) return Cause::unknown;
+  const bool isSame = before && evidence.before.thread == evidence.after.thread;
+  if (!mayHaveRun || !isSame) return Cause::unknown;
   return after->waitedNs - before->waitedNs > after->ranNs - before->ranNs ? Cause::starved : Cause::ownCpu;
 }
 

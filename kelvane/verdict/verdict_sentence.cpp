@@ -171,7 +171,7 @@ class Sentence {
 
   std::string starvedText() const {
     if (!verdict_.fromRecorder) {
-      const ScheduleFigures life = evidence_.before.schedule.value_or(ScheduleFigures{});
+      const ScheduleFigures life = evidence_.after.schedule.value_or(ScheduleFigures{});
       return readyText() + ", and in its life has waited " + durationText(life.waitedNs) +
              " for a CPU and had one for " + durationText(life.ranNs) + rivalsText();
     }
@@ -381,9 +381,12 @@ class Sentence {
     const ThreadFacts& facts = findings_.thread->facts;
     if (facts.state == 'Z' || facts.state == 'X' || facts.state == '?')
       return "has ended; why it hung can't be told";
-    if (!verdict_.fromRecorder && facts.state == 'R')
-      return "was awake at the look, but has not been in its life for half as long as the hang: it slept or waited, for "
-             "what can't be told";
+    if (!verdict_.fromRecorder && facts.state == 'R' && evidence_.after.schedule) {
+      const ScheduleFigures life = *evidence_.after.schedule;
+      if (std::max(life.ranNs, life.waitedNs) < verdict_.windowNs / 2)
+        return "was awake at the look, but has not been in its life for half as long as the hang: it slept or "
+               "waited, for what can't be told";
+    }
     if (findings_.in(ThreadState::uninterruptible) == 0 && facts.state != 'D')
       return "hung for a reason that can't be told";
     std::string text =

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace kelvane {
@@ -87,8 +88,9 @@ Sleeps sleepsOf(const Evidence& evidence, std::span<const StateSpan> spans, bool
   }
   std::vector<std::pair<int32_t, Waker>> order;
   for (const auto& [key, waker] : byWaker) order.emplace_back(key.second, waker);
-  std::stable_sort(order.begin(), order.end(),
-                   [](const auto& a, const auto& b) { return a.second.sleptNs > b.second.sleptNs; });
+  std::sort(order.begin(), order.end(), [](const auto& a, const auto& b) {
+    return std::tie(b.second.sleptNs, a.first) < std::tie(a.second.sleptNs, b.first);
+  });
   if (order.size() > kMaxWakersListed) order.resize(kMaxWakersListed);
   for (auto& [tid, waker] : order) {
     if (waker.end == SleepEnd::thread) {
