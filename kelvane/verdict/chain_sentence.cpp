@@ -102,8 +102,6 @@ class ChainSentence {
         return (holder == "it" ? "for it, its child, to " : "for its child " + holder + " to ") + wait.object;
       case WaitKind::server:
         return "for " + wait.object + ", which " + holder + " serves";
-      case WaitKind::tracer:
-        return "for " + holder + ", which traces it";
       default:
         return "for " + holder + (wait.object.empty() ? "" : ", through " + wait.object);
     }

@@ -106,8 +106,6 @@ Cause causeByKind(WaitKind kind) {
       return Cause::network;
     case WaitKind::server:
       return Cause::server;
-    case WaitKind::tracer:
-      return Cause::stopped;
     case WaitKind::signal:
     case WaitKind::events:
       return Cause::sleeping;

@@ -34,9 +34,9 @@ bool isHeldFast(const ChainLink& link) {
 }  // namespace
 
 const char* waitKindName(WaitKind kind) {
-  constexpr std::array<const char*, 13> kNames = {
-      "lock",   "read-write lock", "readers",   "stream lock", "end of a thread", "signal", "peer",
-      "events", "child",           "file lock", "network",     "server",          "tracer"};
+  constexpr std::array<const char*, 12> kNames = {
+      "lock", "read-write lock", "readers", "stream lock", "end of a thread", "signal",
+      "peer", "events",          "child",   "file lock",   "network",         "server"};
   static_assert(kNames.size() == static_cast<size_t>(kLastWaitKind) + 1);
   return kNames[static_cast<size_t>(kind)];
 }

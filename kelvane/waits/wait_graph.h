@@ -24,9 +24,8 @@ enum class WaitKind : uint8_t {
   fileLock,
   network,  // another machine
   server,   // of a file system
-  tracer,
 };
-inline constexpr auto kLastWaitKind = WaitKind::tracer;
+inline constexpr auto kLastWaitKind = WaitKind::server;
 
 /// "lock", "read-write lock", …: the kind in a report.
 const char* waitKindName(WaitKind kind);
