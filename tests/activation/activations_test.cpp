@@ -230,13 +230,14 @@ TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
 
 TEST(Activations, HundredsTogetherAreAllReportedAndTakeLittleMemory) {
   constexpr int32_t kLaunches = 300;
+  constexpr int32_t kFirstPid = 2000;  // above all others: each report names new processes alone
   LauncherWorld world;
   world.preferences.userSets("QuorvelAppActivationLoggingMaxActivationCount", int64_t{1000});
   for (int32_t pid = 1; pid <= 1000; ++pid) world.kernel.processes.push_back({pid, "sleeper", {}});
   world.begin();
   for (int32_t pid = 1; pid <= kLaunches; ++pid) {
     world.kernel.processes[static_cast<size_t>(pid)].usage.user_time += 24'000;
-    world.beginActivation(pid, "many");
+    world.beginActivation(kFirstPid + pid, "many");
   }
   AppActivationTracker::logStatus();
   size_t kilobytes = 0;
@@ -247,7 +248,7 @@ TEST(Activations, HundredsTogetherAreAllReportedAndTakeLittleMemory) {
 
   AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
   for (int32_t pid = 1; pid <= kLaunches; ++pid)
-    tracker.endAppActivationTrackingForPID(0, pid, "many", 0, 1, 0);
+    tracker.endAppActivationTrackingForPID(0, kFirstPid + pid, "many", 0, 1, 0);
   world.settle();
   EXPECT_EQ(world.powerLog.events.size(), static_cast<size_t>(kLaunches));
   EXPECT_EQ(world.kernel.rests, 0);
