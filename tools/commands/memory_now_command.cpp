@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <limits>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>

@@ -58,6 +58,7 @@ double slopeOf(const std::vector<GrowthPoint>& points) {
 /// many points of their own.
 double errorOf(const std::vector<GrowthPoint>& points, double slope) {
   std::vector<double> residuals;
+  residuals.reserve(points.size());
   for (const GrowthPoint& point : points) residuals.push_back(point.bytes - slope * point.hours);
   const double level = medianOf(residuals);
   double meanHours = 0;

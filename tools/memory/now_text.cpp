@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <map>
-#include <tuple>
 #include <utility>
 
 #include "tools/base/table.h"
@@ -148,6 +147,7 @@ std::string zonesText(const MemoryNow& now) {
 
 std::vector<std::string> nowSortKeys() {
   std::vector<std::string> keys;
+  keys.reserve(kFigures.size() + 1);
   for (const auto& [key, figure] : kFigures) keys.emplace_back(key);
   keys.emplace_back("name");
   return keys;
@@ -161,11 +161,12 @@ std::vector<NowRow> nowRows(const std::vector<NowProcess>& processes, NowBy by, 
     addProcess(row, process);
   }
   std::vector<NowRow> rows;
+  rows.reserve(byKey.size());
   for (auto& [key, row] : byKey) rows.push_back(std::move(row));
   for (const auto& [key, figure] : kFigures) {
     if (sort != key) continue;
     std::stable_sort(rows.begin(), rows.end(),
-                     [figure = figure](const NowRow& a, const NowRow& b) { return a.*figure > b.*figure; });
+                     [order = figure](const NowRow& a, const NowRow& b) { return a.*order > b.*order; });
   }
   return rows;
 }

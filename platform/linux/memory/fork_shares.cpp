@@ -31,7 +31,7 @@ constexpr uint64_t kChancePages = 2048;
 /// A smaller process changes no picture.
 constexpr uint64_t kSmallestPages = 256;
 
-constexpr size_t kMaxRollupBytes = 16 * 1024;
+constexpr size_t kMaxRollupBytes = size_t{16} * 1024;
 
 /// What the thread has found so far; shared with it, since it may be left behind.
 struct Findings {
