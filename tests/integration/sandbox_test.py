@@ -121,7 +121,7 @@ class Sandbox(Walled):
         self.assertEqual(metadata["PID"], asker)
         self.assertGreaterEqual(metadata["capture"]["stacks"], 1, metadata.get("leftOut"))
         verdict = metadata["verdict"]
-        self.assertEqual((verdict["cause"], verdict.get("chain", [{}])[-1].get("pid")), ("peer", answerer),
+        self.assertEqual((verdict["cause"], verdict.get("chain", [{}])[-1].get("pid")), ("deadlock", answerer),
                          (verdict, metadata.get("leftOut")))
         self.assertNotIn("kernel stack", json.dumps(metadata["leftOut"]))
 

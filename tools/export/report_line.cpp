@@ -53,9 +53,11 @@ std::string signatureOf(const Report& report) {
 }
 
 std::string culpritOf(const Report& report) {
-  if (report.verdict && report.verdict->lock) return ownerText(*report.verdict->lock);
-  if (report.verdict && report.verdict->peer) return report.verdict->peer->process;
-  return innermost(report);
+  if (!report.verdict) return innermost(report);
+  const auto& chain = report.verdict->chain;
+  const auto culprit =
+      std::find_if(chain.begin(), chain.end(), [](const auto& link) { return link.isCulprit; });
+  return culprit == chain.end() ? innermost(report) : ownerText(culprit->thread);
 }
 
 nlohmann::ordered_json reportLine(const Report& report, const std::string& fileName, time_t writtenAt,

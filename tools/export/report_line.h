@@ -12,8 +12,8 @@ namespace quorvelctl {
 /// innermost functions of the hung thread; 16 hexadecimal digits.
 std::string signatureOf(const Report& report);
 
-/// Who the verdict holds for guilty, in words: the owner of a lock, the other end of a socket, or else the
-/// innermost function of the hung thread. Empty when nobody is known.
+/// Who kept the hung thread waiting in the end, going by the verdict's chain, or else the innermost function
+/// of the hung thread. Empty when nobody is known.
 std::string culpritOf(const Report& report);
 
 /// A report as one flat object; a member that nothing is known of is null.

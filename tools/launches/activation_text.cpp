@@ -41,7 +41,7 @@ const char* lifeText(ProcessCost::Life life) {
   return "throughout";
 }
 
-std::string timeText(double startedAt, bool utc) {
+std::string startText(double startedAt, bool utc) {
   const auto time = static_cast<time_t>(std::floor(startedAt)) + kReferenceDate;
   tm parts{};
   char text[64] = "";
@@ -188,7 +188,7 @@ class Machine {
 };
 
 std::string titleOf(const Activation& activation) {
-  std::string title = timeText(activation.startedAt, false) + "  " + printable(activation.bundleID) + "  " +
+  std::string title = startText(activation.startedAt, false) + "  " + printable(activation.bundleID) + "  " +
                       (activation.launch ? "launch" : "resume") + " in " +
                       (activation.durationMs ? durationText(static_cast<double>(*activation.durationMs))
                                              : "no time: it ended before it began") +
@@ -229,7 +229,7 @@ nlohmann::ordered_json activationJson(const Activation& activation) {
     processes.push_back(std::move(process));
   }
   nlohmann::ordered_json json{{"id", activation.identifier},
-                              {"startedAt", timeText(activation.startedAt, true)},
+                              {"startedAt", startText(activation.startedAt, true)},
                               {"bundleID", activation.bundleID},
                               {"pid", activation.pid},
                               {"type", activation.launch ? "launch" : "resume"},

@@ -41,6 +41,17 @@ TEST(Export, AReportIsOneFlatLine) {
   EXPECT_EQ(line["sleepingMs"], 8330.5);
   EXPECT_EQ(line["culprit"], "futex_wait");
   EXPECT_TRUE(line["version"].is_null());
+
+  Report withChain = report();
+  withChain.verdict->chain = {
+      {.thread = {41, "viewer", 41, "viewer"}, .text = {}, .sureness = {}, .evidence = {}, .function = {}},
+      {.thread = {44, "writer", 43, "db"},
+       .text = {},
+       .sureness = {},
+       .evidence = {},
+       .function = {},
+       .isCulprit = true}};
+  EXPECT_EQ(quorvelctl::culpritOf(withChain), "db/writer");
 }
 
 TEST(Export, ASignatureIsOfTheHangAndNotOfTheOccasion) {
@@ -53,8 +64,6 @@ TEST(Export, ASignatureIsOfTheHangAndNotOfTheOccasion) {
   EXPECT_EQ(quorvelctl::signatureOf(again), signature);
   again.threads[0].userStack[0].name = "read";
   EXPECT_NE(quorvelctl::signatureOf(again), signature);
-  again.verdict->lock = quorvelctl::VerdictThread{42, "worker", 0, ""};
-  EXPECT_EQ(quorvelctl::culpritOf(again), "worker");
 }
 
 TEST(Export, SinceIsAnAgeADateOrATime) {
