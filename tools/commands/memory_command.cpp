@@ -37,8 +37,14 @@ std::vector<std::string> reportNames(Context& context) {
     std::error_code gone;
     if (file->symlink_status(gone).type() == std::filesystem::file_type::regular) names.push_back(name);
   }
-  if (error) context.fail("can't read the reports in " + directory + ": " + error.message());
+  if (error && error != std::errc::no_such_file_or_directory)
+    context.fail("can't read the reports in " + directory + ": " + error.message());
   return names;
+}
+
+void tellNoReport(const Context& context) {
+  std::puts(context.json ? "null"
+                         : "no memory report yet; QuorvelEnableMemoryLogging has the daemon write them");
 }
 
 /// The newest report; empty when there is none, as told.
@@ -51,9 +57,7 @@ std::string newestPath(Context& context) {
     if (lstat(path.c_str(), &status) != 0) continue;
     newest = std::max(newest, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, path});
   }
-  if (std::get<2>(newest).empty() && context.status == 0) {
-    context.fail("there is no memory report in " + directory);
-  }
+  if (std::get<2>(newest).empty() && context.status == 0) tellNoReport(context);
   return std::get<2>(newest);
 }
 
@@ -241,7 +245,8 @@ void showGrowth(Context& context, const MemoryArguments& arguments) {
   const std::optional<double> hours = hoursOfSpan(arguments.since);
   if (!hours) return context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
   const std::vector<MemoryReport> reports = reportsSince(context, *hours);
-  if (reports.empty()) return context.fail("there is no memory report in " + context.path(kDirectory));
+  if (reports.empty() && context.status != 0) return;
+  if (reports.empty()) return tellNoReport(context);
   const MemoryGrowth growth = growthOf(reports);
   const std::string text =
       context.json ? jsonText(growthJson(growth)) : memoryGrowthText(growth, arguments.maxRows());

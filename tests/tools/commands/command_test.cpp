@@ -100,7 +100,8 @@ TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
 }
 
 TEST_F(Command, WhereNothingIsYetThereIsASentenceAndNoFailure) {
-  for (const char* arguments : {"reports list", "reports show", "metrics", "activations"}) {
+  for (const char* arguments :
+       {"reports list", "reports show", "metrics", "activations", "memory show", "memory growth"}) {
     EXPECT_EQ(run(arguments), 0) << arguments;
     EXPECT_NE(output_.find("yet"), std::string::npos) << output_;
   }
