@@ -59,16 +59,21 @@ std::optional<PartyWait> childWait(const WaitParty& party) {
   const SystemCall& call = *party.facts.syscall;
   const bool vforked = isVfork(party);
   if (!vforked && call.number != SYS_wait4 && call.number != SYS_waitid) return std::nullopt;
-  std::vector<pid_t> children = childrenOf(party.pid);
-  if (vforked && children.size() > 1) children = {children.back()};
+  std::vector<pid_t> children =
+      vforked ? childrenOfThread(party.pid, party.facts.tid) : childrenOf(party.pid);
+  if (vforked && children.size() > 1) children = {children.back()};  // the newest
   const pid_t id = vforked ? 0 : idAskedFor(call);
   if (id > 0) std::erase_if(children, [&](pid_t child) { return !isCalled(child, id); });
   PartyWait wait{party.facts.tid, WaitKind::child, vforked ? "execute a program or to end" : "end", {}};
   for (const pid_t child : children) {
     const auto thread = likelyThread(child, 0, nullptr);
     if (!thread) continue;
-    const bool isSure = children.size() == 1 && thread->isOnly;
-    wait.holders.push_back({child, thread->tid, isSure ? Sureness::certain : Sureness::likely,
+    if (wait.holders.size() == kMaxWaitHolders) break;
+    const bool isOne = children.size() == 1;
+    wait.holders.push_back({child, thread->tid,
+                            !isOne           ? Sureness::guess
+                            : thread->isOnly ? Sureness::certain
+                                             : Sureness::likely,
                             id > 0 ? "the call asks for it" : "it is a child of the process"});
   }
   return wait;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <ctime>
 #include <sstream>
@@ -30,13 +31,19 @@ std::string descriptorLink(int dirFd, const std::string& path) {
   return length < 0 ? std::string() : std::string(text.data(), static_cast<size_t>(length));
 }
 
+std::vector<pid_t> childrenOfThread(pid_t pid, pid_t tid) {
+  std::vector<pid_t> children;
+  const std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/children";
+  std::istringstream numbers(readFileAt(AT_FDCWD, path.c_str(), kMaxProcFileBytes).text);
+  for (pid_t child = 0; numbers >> child;) children.push_back(child);
+  return children;
+}
+
 std::vector<pid_t> childrenOf(pid_t pid) {
   std::vector<pid_t> children;
   const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
   for (const pid_t tid : listNumbersAt(AT_FDCWD, tasks.c_str(), kMaxThreadsListed)) {
-    const std::string path = tasks + "/" + std::to_string(tid) + "/children";
-    std::istringstream numbers(readFileAt(AT_FDCWD, path.c_str(), kMaxProcFileBytes).text);
-    for (pid_t child = 0; numbers >> child;) children.push_back(child);
+    for (const pid_t child : childrenOfThread(pid, tid)) children.push_back(child);
   }
   return children;
 }
@@ -65,7 +72,7 @@ void DescriptorIndex::fill() {
   const auto end = cpuTime() + kPeerSearchCpu;
   for (size_t i = 0; i < pids.size(); i++) {
     if (deadline_.passed() || cpuTime() > end) {
-      leftOut_ = pids.size() - i;
+      leftOut_ += pids.size() - i;
       return;
     }
     if (pids[i] != 0) add(pids[i]);
@@ -75,8 +82,13 @@ void DescriptorIndex::fill() {
 void DescriptorIndex::add(pid_t pid) {
   const std::string path = "/proc/" + std::to_string(pid) + "/fd";
   const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) return;
+  if (!dir) {
+    const bool hasGone = errno == ENOENT || errno == ESRCH;
+    if (!hasGone) leftOut_++;
+    return;
+  }
   std::vector<int> numbers = listNumbersAt(dir.get(), ".", kMaxDescriptorsSearched);
+  if (numbers.size() == kMaxDescriptorsSearched) leftOut_++;
   numbers.push_back(0);
   for (const int fd : numbers) {
     std::string link = descriptorLink(dir.get(), std::to_string(fd));

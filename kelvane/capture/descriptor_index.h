@@ -30,7 +30,8 @@ class DescriptorIndex {
   DescriptorIndex(pid_t near, const Deadline& deadline) : near_(near), deadline_(deadline) {}
 
   const std::vector<Descriptor>& withLink(const std::string& link);
-  /// How many processes were not looked through.
+  bool isOver() const { return deadline_.passed(); }
+  /// How many processes were not looked through, or not to the end.
   size_t leftOut() const { return leftOut_; }
 
  private:
@@ -44,7 +45,9 @@ class DescriptorIndex {
   std::unordered_map<std::string, std::vector<Descriptor>> byLink_;
 };
 
-/// The processes whose parent is a thread of the process, as they were made.
+/// The processes that this thread has made, as they were made.
+std::vector<pid_t> childrenOfThread(pid_t pid, pid_t tid);
+/// Those of all threads of the process.
 std::vector<pid_t> childrenOf(pid_t pid);
 /// 0: it has none that can be seen.
 pid_t parentOf(pid_t pid);

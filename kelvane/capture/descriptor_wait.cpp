@@ -18,6 +18,8 @@
 namespace kelvane {
 namespace {
 
+constexpr std::string_view kEventfd = "anon_inode:[eventfd]";
+
 /// The N of "pipe:[N]"; 0 if `link` does not begin so.
 uint64_t inodeOf(std::string_view link, std::string_view kind) {
   uint64_t inode = 0;
@@ -52,10 +54,10 @@ class Ends {
     const mode_t other = waited.writing ? S_IRUSR : S_IWUSR;
     if (link.starts_with("pipe:[")) return OtherEnd{link, "a pipe", other};
     if (const uint64_t inode = inodeOf(link, "socket:[")) return ofSocket(inode, isAny);
-    if (link == "anon_inode:[eventfd]") return ofInfo(waited.fd, link, "an eventfd", "eventfd-id");
+    if (link == kEventfd) return ofInfo(waited.fd, link, "an eventfd", "eventfd-id");
     if (link == "anon_inode:[pidfd]") {
       const auto pid = static_cast<pid_t>(parseStatusNumber(fdinfoOf(dir_, "", waited.fd), "Pid"));
-      return pid > 0 ? std::optional(OtherEnd{link, "", 0, "", 0, pid}) : std::nullopt;
+      return pid > 0 ? std::optional(OtherEnd{link, "end", 0, "", 0, pid}) : std::nullopt;
     }
     constexpr std::string_view kTerminals = "/dev/pts/";
     if (const uint64_t number = inodeOf(link, kTerminals); number != 0 || link == "/dev/pts/0")
@@ -83,19 +85,25 @@ class Ends {
       if (!isKnown) omissions_.push_back({kSocketEnds, "sock_diag: " + errorText(error)});
     }
     if (peer != 0) {
-      const std::string table = isAny ? readFileAt(dir_, "net/unix", kMaxNetTableBytes).text : std::string();
-      if (!unixSocketName(table, inode).empty()) return std::nullopt;
+      if (isAny && !unixTable_) unixTable_ = readFileAt(dir_, "net/unix", kMaxNetTableBytes).text;
+      if (isAny && !unixSocketName(*unixTable_, inode).empty()) return std::nullopt;
       return OtherEnd{"socket:[" + std::to_string(peer) + "]", "a Unix socket"};
     }
     return ofTcp(inode, isAny);
   }
 
-  std::optional<OtherEnd> ofTcp(uint64_t inode, bool isAny) {
-    std::vector<TcpSocket> sockets;
+  const std::vector<TcpSocket>& tcpSockets() {
+    if (tcpSockets_) return *tcpSockets_;
+    tcpSockets_.emplace();
     for (const char* table : {"net/tcp", "net/tcp6"}) {
       for (TcpSocket& socket : parseTcpTable(readFileAt(dir_, table, kMaxNetTableBytes).text))
-        sockets.push_back(std::move(socket));
+        tcpSockets_->push_back(std::move(socket));
     }
+    return *tcpSockets_;
+  }
+
+  std::optional<OtherEnd> ofTcp(uint64_t inode, bool isAny) {
+    const std::vector<TcpSocket>& sockets = tcpSockets();
     const auto own =
         std::find_if(sockets.begin(), sockets.end(), [&](auto& one) { return one.inode == inode; });
     if (own == sockets.end() || own->state == TcpSocket::kListening) return std::nullopt;
@@ -128,6 +136,8 @@ class Ends {
 
   const int dir_;
   std::vector<Omission>& omissions_;
+  std::optional<std::string> unixTable_;  // once read, as the next
+  std::optional<std::vector<TcpSocket>> tcpSockets_;
 };
 
 bool has(const DescriptorIndex::Descriptor& descriptor, const OtherEnd& end) {
@@ -146,6 +156,7 @@ struct EndHolder {
   pid_t pid = 0;
   std::vector<int> fds;
   LikelyThread thread;
+  int rank = 0;  // the lowest comes first
 };
 
 class EndSearch {
@@ -159,8 +170,9 @@ class EndSearch {
     std::vector<EndHolder> found = withEnd(end);
     for (EndHolder& holder : found) addThread(holder);
     std::erase_if(found, [](const EndHolder& holder) { return holder.thread.tid == 0; });
+    addRanks(found);
     std::stable_sort(found.begin(), found.end(),
-                     [&](const EndHolder& a, const EndHolder& b) { return rank(a, found) < rank(b, found); });
+                     [](const EndHolder& a, const EndHolder& b) { return a.rank < b.rank; });
     std::vector<WaitHolder> holders;
     const bool others =
         std::any_of(found.begin(), found.end(), [&](auto& one) { return one.pid != party_.pid; });
@@ -168,7 +180,9 @@ class EndSearch {
       // Of its own process any other thread may be the one.
       const bool isAnyOfOwn = holder.pid == party_.pid && holder.thread.isChosen && !holder.thread.isAtIt;
       if (isAnyOfOwn || (others && holder.pid == party_.pid)) continue;
-      const bool isSure = found.size() == 1 && index_.leftOut() == 0 && holder.thread.isOnly;
+      // An eventfd is the kernel's to signal, too.
+      const bool isSure =
+          found.size() == 1 && index_.leftOut() == 0 && holder.thread.isOnly && end.link != kEventfd;
       const bool isLikely = holder.pid != party_.pid || holder.thread.isAtIt;
       holders.push_back({holder.pid, holder.thread.tid,
                          isSure     ? Sureness::certain
@@ -190,6 +204,7 @@ class EndSearch {
   std::vector<EndHolder> withEnd(const OtherEnd& end) {
     std::vector<EndHolder> found;
     for (const auto& descriptor : index_.withLink(end.link)) {
+      if (index_.isOver()) break;
       auto known =
           std::find_if(found.begin(), found.end(), [&](auto& one) { return one.pid == descriptor.pid; });
       if (known == found.end() && found.size() == kMaxEndHolders) continue;
@@ -210,19 +225,19 @@ class EndSearch {
              std::find(holder.fds.begin(), holder.fds.end(), waited.all.front().fd) != holder.fds.end();
     };
     auto thread = likelyThread(holder.pid, isOwn ? party_.facts.tid : 0, isAtIt);
-    // A process with a single thread that has both ends waits for itself.
-    if (!thread && isOwn) thread = LikelyThread{party_.facts.tid, true, false, false};
+    // A process with a single thread that has both ends waits for itself, or for a signal or the kernel.
+    if (!thread && isOwn) thread = LikelyThread{party_.facts.tid, false, false, false};
     if (thread) holder.thread = *thread;
   }
 
-  int rank(const EndHolder& holder, const std::vector<EndHolder>& all) const {
-    if (holder.pid == party_.pid) return 3;
-    if (holder.thread.isAtIt) return 0;
-    const bool isParent =
-        holder.pid == parentOf(party_.pid) || std::any_of(all.begin(), all.end(), [&](auto& one) {
-          return one.pid != holder.pid && parentOf(one.pid) == holder.pid;
-        });
-    return isParent ? 2 : 1;
+  /// Once each, before they are sorted by them: parents change while one looks.
+  void addRanks(std::vector<EndHolder>& all) const {
+    std::set<pid_t> parents = {parentOf(party_.pid)};
+    for (const EndHolder& holder : all) parents.insert(parentOf(holder.pid));
+    for (EndHolder& holder : all) {
+      const int asOther = parents.contains(holder.pid) ? 2 : 1;
+      holder.rank = holder.pid == party_.pid ? 3 : holder.thread.isAtIt ? 0 : asOther;
+    }
   }
 
   const WaitParty& party_;
@@ -262,6 +277,7 @@ std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
   const bool isAny = waited.isAny && waited.all.size() > 1;
   bool isNetwork = false;
   for (const WaitedDescriptor& descriptor : waited.all) {
+    if (index.isOver()) break;
     const auto end = ends.of(descriptor, isAny);
     if (!end) continue;
     isNetwork = isNetwork || end->isNetwork;

@@ -53,6 +53,7 @@ std::vector<FileLock> parseFileLocks(std::string_view text) {
     const char* at = line.c_str() + rest;
     lock.waits = strncmp(at, "-> ", 3) == 0;
     if (lock.waits) at += 3;
+    lock.isFlock = strncmp(at, "FLOCK ", 6) == 0;
     if (sscanf(at, "%*s %*s %*s %d %*x:%*x:%" SCNu64, &lock.pid, &lock.inode) == 2) locks.push_back(lock);
   }
   return locks;
@@ -71,9 +72,12 @@ std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, De
   if (blocked == locks.end()) return wait;
   for (const FileLock& lock : locks) {
     if (lock.waits || lock.number != blocked->number) continue;
-    // Who has set a flock(2) may have ended, and left it to whoever has inherited the descriptor.
-    const bool isThere = lock.pid > 0 && likelyThread(lock.pid, 0, nullptr);
-    std::vector<pid_t> pids = isThere ? std::vector<pid_t>{lock.pid} : processesWithLock(link, inode, index);
+    // Who has set a flock(2) may have ended, or closed the file, and left it to whoever has inherited the
+    // descriptor.
+    std::vector<pid_t> pids = {lock.pid};
+    if (lock.isFlock || lock.pid <= 0) pids = processesWithLock(link, inode, index);
+    const bool isThere = std::find(pids.begin(), pids.end(), lock.pid) != pids.end();
+    if (isThere) pids = {lock.pid};
     std::erase(pids, party.pid);
     for (const pid_t pid : pids) {
       const auto thread = likelyThread(pid, 0, nullptr);

@@ -16,7 +16,8 @@ namespace kelvane {
 struct FileLock {
   uint64_t number = 0;  // those who wait for a lock have its number
   bool waits = false;
-  pid_t pid = 0;  // -1: it belongs to an open file, not to a process
+  bool isFlock = false;  // flock(2): whoever has inherited the descriptor has it
+  pid_t pid = 0;         // -1: it belongs to an open file, not to a process
   uint64_t inode = 0;
 };
 /// Pure; lines that are broken are left out.

@@ -73,8 +73,9 @@ std::optional<WaitHolder> holderOf(int processDir, const WaitParty& party, const
   if (inside <= 0) return std::nullopt;
   if (const pid_t tid = threadCalled(processDir, inside)) {
     // A number that is a thread's id may be a counter's as well.
-    const bool isSure =
-        owner.kind != WaitKind::threadEnd || idInRecord(party.pid, view.address - kTidInRecord) == inside;
+    const bool isInRecord =
+        kSelfInRecord != 0 && idInRecord(party.pid, view.address - kTidInRecord) == inside;
+    const bool isSure = owner.kind != WaitKind::threadEnd || isInRecord;
     return WaitHolder{party.pid, tid, isSure ? Sureness::certain : Sureness::guess, owner.evidence};
   }
   const bool isShared = (view.operation & FUTEX_PRIVATE_FLAG) == 0;

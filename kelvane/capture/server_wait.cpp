@@ -107,6 +107,7 @@ const Mount* mountOfCall(int processDir, pid_t pid, const std::vector<Mount>& mo
 /// A connection's number is its mounts' minor device number; older kernels don't tell that of a descriptor.
 void addFuseServers(PartyWait& wait, const Mount* mount, DescriptorIndex& index) {
   for (const auto& descriptor : index.withLink("/dev/fuse")) {
+    if (index.isOver() || wait.holders.size() == kMaxWaitHolders) break;
     const std::string path =
         "/proc/" + std::to_string(descriptor.pid) + "/fdinfo/" + std::to_string(descriptor.fd);
     const uint64_t connection =

@@ -104,17 +104,22 @@ class Limits {
   using Take = void (Limits::*)(const Group& group, const std::string& path, bool isUnified);
 
   std::optional<Hierarchy> hierarchy(std::string_view controller) const {
-    if (auto own = parseGroupPath(groups_, controller))
-      return Hierarchy{"/sys/fs/cgroup/" + std::string(controller), *own, false};
+    const auto own = parseGroupPath(groups_, controller);
+    // A group outside of this process's namespace has no path here.
+    if (own && leadsOut(*own)) return std::nullopt;
+    if (own) return Hierarchy{"/sys/fs/cgroup/" + std::string(controller), *own, false};
     auto unified = parseGroupPath(groups_, "");
-    if (!unified) return std::nullopt;
+    if (!unified || leadsOut(*unified)) return std::nullopt;
     return Hierarchy{unifiedRoot(), *unified, true};
+  }
+
+  static bool leadsOut(std::string_view path) {
+    return path.find("/../") != std::string_view::npos || path.ends_with("/..");
   }
 
   void visitAll(std::string_view controller, Take take) {
     const auto found = hierarchy(controller);
-    // A group outside of this process's namespace has no path here.
-    if (!found || found->path.find("..") != std::string::npos) return;
+    if (!found) return;
     visitUpwards(found->root, found->path, [&](const Group& group, const std::string& path) {
       (this->*take)(group, path, found->isUnified);
     });
@@ -123,12 +128,13 @@ class Limits {
   /// A frozen group's children are frozen too, and say so.
   void readFreezer() {
     // Where the old hierarchy is in use, the unified one freezes its own groups all the same.
-    if (const auto old = parseGroupPath(groups_, "freezer")) {
+    const auto old = parseGroupPath(groups_, "freezer");
+    if (old && !leadsOut(*old)) {
       const Group group("/sys/fs/cgroup/freezer", *old);
       if (group.text("freezer.state").starts_with("FROZEN")) limits_.frozen = *old;
     }
     const auto unified = parseGroupPath(groups_, "");
-    if (!unified) return;
+    if (!unified || leadsOut(*unified)) return;
     const Group group(unifiedRoot(), *unified);
     if (group.number("cgroup.events", "frozen").value_or(0) == 1) limits_.frozen = *unified;
   }

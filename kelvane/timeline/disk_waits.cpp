@@ -20,11 +20,18 @@ constexpr size_t kMaxHelpers = 8;
 
 /// Whether the kernel's threads of that name bring requests on their way, or back.
 bool isHelperName(std::string_view name) {
-  constexpr std::array<std::string_view, 12> kPrefixes = {"kworker/", "jbd2/",      "xfs",   "btrfs-",
-                                                          "dmcrypt",  "kcryptd",    "md",    "loop",
-                                                          "irq/",     "ksoftirqd/", "f2fs_", "mmcqd"};
+  constexpr std::array<std::string_view, 12> kPrefixes = {"kworker/", "jbd2/",      "xfs-",    "xfsaild/",
+                                                          "xfs_mru",  "btrfs-",     "dmcrypt", "kcryptd",
+                                                          "irq/",     "ksoftirqd/", "f2fs_",   "mmcqd"};
+  constexpr std::array<std::string_view, 2> kNumbered = {"md", "loop"};  // md5sum is somebody's program
+  const auto isNumbered = [&](std::string_view prefix) {
+    if (!name.starts_with(prefix)) return false;
+    const size_t end = std::min(name.find_first_not_of("0123456789", prefix.size()), name.size());
+    return end > prefix.size() && (end == name.size() || name[end] == '_');  // "md0_raid1", "loop0"
+  };
   return std::any_of(kPrefixes.begin(), kPrefixes.end(),
-                     [&](auto prefix) { return name.starts_with(prefix); });
+                     [&](auto prefix) { return name.starts_with(prefix); }) ||
+         std::any_of(kNumbered.begin(), kNumbered.end(), isNumbered);
 }
 
 /// The time that requests have in common with a wait, however they overlap.

@@ -119,6 +119,8 @@ class ChainSentence {
       case WaitKind::server:
       case WaitKind::events:
         return wait.object;
+      case WaitKind::child:
+        return "a child process to " + wait.object + "; which one can't be told";
       default:
         return (wait.object.empty() ? std::string("a ") + waitKindName(wait.kind) : wait.object) +
                "; who keeps it from going on can't be told";

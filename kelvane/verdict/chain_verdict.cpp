@@ -9,6 +9,7 @@
 #include "kelvane/verdict/chain_sentence.h"
 #include "kelvane/verdict/kernel_wait.h"
 #include "kelvane/verdict/syscall_names.h"
+#include "kelvane/verdict/wakers.h"
 
 namespace kelvane {
 namespace {
@@ -36,7 +37,7 @@ ChainEnd endByLook(const ChainLink& last) {
   const char* call = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
   switch (facts.state) {
     case 'R':
-      if (watch.throttled) return ChainEnd::throttled;
+      if (watch.throttled && !isEnough(watch)) return ChainEnd::throttled;
       if (watch.moved || watch.watchedNs == 0 || isEnough(watch)) return ChainEnd::computed;
       return ChainEnd::starved;
     case 'T':
@@ -51,7 +52,6 @@ ChainEnd endByLook(const ChainLink& last) {
     default:
       break;
   }
-  if (watch.throttled) return ChainEnd::throttled;
   return call && std::string_view(call).find("nanosleep") != std::string_view::npos ? ChainEnd::slept
                                                                                     : ChainEnd::waited;
 }
@@ -59,23 +59,32 @@ ChainEnd endByLook(const ChainLink& last) {
 /// Who had the CPU most of the time that the thread of `spans` was ready to run on it.
 std::optional<NamedThread> competitor(const Evidence& evidence, const std::vector<StateSpan>& spans,
                                       int32_t tid) {
+  std::vector<StateSpan> runnable;
+  int32_t lastCpu = -1;
+  for (StateSpan span : spans) {
+    // What still waits at the end waits for the CPU that it ran on last.
+    if (span.cpu == -1) span.cpu = lastCpu;
+    lastCpu = span.cpu;
+    const bool isInside = span.toNs > evidence.fromNs && span.fromNs < evidence.toNs;
+    if (span.state == ThreadState::runnable && span.cpu != -1 && isInside) runnable.push_back(span);
+  }
   std::unordered_map<int32_t, uint64_t> times;
+  std::unordered_map<uint16_t, size_t> nextOfCpu;  // each CPU's runs ascend, as do the spans
   visitCpuRuns(evidence.recording, [&](const CpuRun& run) {
-    if (run.tid == 0 || run.tid == tid) return;
-    for (const StateSpan& span : spans) {
-      if (span.state == ThreadState::runnable && (span.cpu == -1 || span.cpu == run.cpu))
-        times[run.tid] += sharedNs(run.fromNs, run.toNs, std::max(span.fromNs, evidence.fromNs),
-                                   std::min(span.toNs, evidence.toNs));
+    const uint64_t from = std::max(run.fromNs, evidence.fromNs);
+    const uint64_t to = std::min(run.toNs, evidence.toNs);
+    if (run.tid == 0 || run.tid == tid || from >= to) return;
+    size_t& next = nextOfCpu[run.cpu];
+    while (next < runnable.size() && runnable[next].toNs <= from) next++;
+    for (size_t i = next; i < runnable.size() && runnable[i].fromNs < to; i++) {
+      if (runnable[i].cpu == run.cpu)
+        times[run.tid] += sharedNs(from, to, runnable[i].fromNs, runnable[i].toNs);
     }
   });
   const auto most =
       std::max_element(times.begin(), times.end(), [](auto& a, auto& b) { return a.second < b.second; });
   if (most == times.end() || most->second == 0) return std::nullopt;
-  NamedThread thread{most->first, {}, 0, {}, {}};
-  const auto name = evidence.recording.threadNames.find(most->first);
-  if (name != evidence.recording.threadNames.end()) thread.name = name->second;
-  if (evidence.findProcess) evidence.findProcess(thread);
-  return thread;
+  return namedThread(evidence, most->first);
 }
 
 /// Where the recorder knows how the last one spent the hang, that counts for more than how it was found.

@@ -189,9 +189,13 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
 }
 
 /// Whether the chain is what one of the phases was put down to, or the whole.
-bool isByChain(const Verdict& verdict, const ChainVerdict& chain) {
+bool isByChain(const Evidence& evidence, const Verdict& verdict, const ChainVerdict& chain) {
   const Cause cause = causeOfChain(chain);
-  if (!verdict.fromRecorder) return verdict.cause == cause;
+  if (!verdict.fromRecorder) {
+    // What stops the hung thread itself comes before what it waits for.
+    const char state = chain.chain.links.front().party.facts.state;
+    return verdict.cause == cause && (state == 'S' || state == 'D') && evidence.after.limits.frozen.empty();
+  }
   return std::any_of(verdict.phases.begin(), verdict.phases.end(),
                      [&](const Phase& phase) { return phase.cause == cause && phase.state == chain.state; });
 }
@@ -225,7 +229,7 @@ Verdict judge(const Evidence& evidence) {
     verdict.cause = causeByOneLook(evidence, findings);
     if (verdict.cause == Cause::starved && evidence.watchRivals) findings.rivals = evidence.watchRivals();
   }
-  if (findings.chain && isByChain(verdict, *findings.chain)) verdict.chain = findings.chain;
+  if (findings.chain && isByChain(evidence, verdict, *findings.chain)) verdict.chain = findings.chain;
   verdict.sentence = verdictSentence(evidence, findings, verdict);
   return verdict;
 }

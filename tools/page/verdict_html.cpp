@@ -25,7 +25,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 19> kCauses{
     {"server", "likely cause: a file system's server"},
     {"deadlock", "likely cause: deadlock"},
     {"priority-inversion", "likely cause: priority inversion"},
-    {"throttled", "likely cause: a CPU limit"},
+    {"throttled", "likely cause: a control group's limit"},
     {"frozen", "likely cause: it was frozen"},
     {"swapping", "likely cause: swapping"},
     {"memory", "likely cause: memory"},
