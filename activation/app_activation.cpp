@@ -105,8 +105,11 @@ void AppActivation::activationEndedWithResult(uint8_t result, uint64_t endTimeMs
   endSnapshot_ = PerfSnapshot::createPerformanceSnapshotWithOptions(snapshotTypesToRecord_);
 }
 
-size_t AppActivation::packSnapshots(SharedLooks& looks) {
-  return (startSnapshot_ ? startSnapshot_->pack(looks) : 0) + (endSnapshot_ ? endSnapshot_->pack(looks) : 0);
+bool AppActivation::packSnapshots(SharedLooks& looks, uint32_t forUid) {
+  const bool hasStart = !startSnapshot_ || startSnapshot_->pack(looks, forUid);
+  const bool hasEnd =
+      !endSnapshot_ || endSnapshot_->pack(looks, forUid);  // even then: neither stays unpacked
+  return hasStart && hasEnd;
 }
 
 }  // namespace quorveld

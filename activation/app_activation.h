@@ -29,9 +29,10 @@ class AppActivation {
   /// Completes the activation and takes its end snapshot; an end time of 0 means now. Once.
   void activationEndedWithResult(uint8_t result, uint64_t endTimeMs);
 
-  /// Keeps the snapshots as what they don't have in common with others'; how many bytes that takes. Until it
-  /// is reported, then or not, whoever asks a snapshot for its processes unpacks it.
-  size_t packSnapshots(SharedLooks& looks);
+  /// Keeps the snapshots as what they don't have in common with others'. False when `forUid` has no memory
+  /// left for one: its processes are let go. Until it is reported, then or not, whoever asks a snapshot for
+  /// its processes unpacks it.
+  [[nodiscard]] bool packSnapshots(SharedLooks& looks, uint32_t forUid);
 
   /// Reports the finished activation: 1 console, 2 JSON, 3 power log; any other method does nothing.
   /// Log-output queue.

@@ -160,8 +160,10 @@ void AppActivationTracker::begin(const Announcement& announced) {
   }
   const std::shared_ptr<AppActivation> activation = tryBegin(announced);
   if (!activation) {
-    log.standard("QVActivationStats: Too many activations at once for their memory, ignoring the begin of %s",
-                 key.c_str());
+    if (appActivationDictionary_.empty()) looks_.forget();
+    lossLog().standard(
+        "QVActivationStats: Too many activations at once for their memory, ignoring the begin of %s",
+        key.c_str());
     return;
   }
   appActivationDictionary_.emplace(key, InFlight{activation, std::move(place)});
@@ -189,11 +191,8 @@ std::shared_ptr<AppActivation> AppActivationTracker::tryBegin(const Announcement
       AppActivation(static_cast<uint8_t>(statsToCapture_), announced.pid, announced.bundleID,
                     announced.timeMs, announced.ipxStartTimeMs, static_cast<uint8_t>(announced.state),
                     static_cast<uint8_t>(announced.typeOrResult)),
-      nullptr});
-  constexpr size_t kEnds = 2;  // the other snapshot is of the same size
-  const size_t bytes = sizeof(WithMemory) + kEnds * begun->activation.packSnapshots(looks_);
-  begun->memory = memory_.tryTake(announced.ownerUid, bytes);
-  if (!begun->memory) return nullptr;
+      memory_.tryTake(announced.ownerUid, sizeof(WithMemory))});
+  if (!begun->memory || !begun->activation.packSnapshots(looks_, announced.ownerUid)) return nullptr;
   return {begun, &begun->activation};
 }
 
@@ -262,7 +261,10 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
       static_cast<long long>(activation->appActivationID()), activation->bundleID().c_str(),
       activation->pid(), static_cast<int>(announced.typeOrResult), activation->appActivationType(),
       static_cast<int>(activation->wallTime()));
-  activation->packSnapshots(looks_);
+  if (!activation->packSnapshots(looks_, announced.ownerUid)) {
+    log.standard("QVActivationStats: No memory is left for how %s ended, its record names no processes",
+                 key.c_str());
+  }
   forget(entry);
   return activation;
 }
@@ -271,7 +273,8 @@ void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& act
                                        const Announcement& ended) {
   const uint32_t recorded = activationsRecorded_;
   if (reportingMethod_ == 0 || recorded >= settings().activationMaxCount) {
-    lossLog().standard(
+    const Log log = reportingMethod_ != 0 ? lossLog() : quorvelLog();
+    log.standard(
         "QVActivationStats: Activation not recorded for:%s StartState:%s EndState:%s "
         "Number Of Activations:%d",
         activation->bundleID().c_str(), stateName(activation->appActivationStartState()),

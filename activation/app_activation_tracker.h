@@ -115,7 +115,7 @@ class AppActivationTracker {
 
   std::map<std::string, InFlight> appActivationDictionary_;  ///< by "pid:bundle ID"
   std::atomic<size_t> inFlightCount_{0};                     ///< its size, for whoever asks for the state
-  SharedLooks looks_;                                        ///< activation queue
+  SharedLooks looks_{memory_};                               ///< activation queue
 
   // Written by the setters, read by whichever step runs next: each stands for itself.
   std::atomic<bool> captureKelvanes_{false};

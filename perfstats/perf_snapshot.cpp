@@ -116,12 +116,11 @@ cpu_statistics* PerfSnapshot::cpu_stats() {
   return cpuStats_.get();
 }
 
-size_t PerfSnapshot::pack(SharedLooks& looks) {
-  if (cpuStats_) {
-    packed_ = std::make_unique<PackedStatistics>(looks.pack(*cpuStats_));
-    cpuStats_.reset();
-  }
-  return packed_ ? packed_->bytes() : 0;
+bool PerfSnapshot::pack(SharedLooks& looks, uint32_t forUid) {
+  if (!cpuStats_) return true;
+  packed_ = looks.pack(*cpuStats_, forUid);
+  cpuStats_.reset();
+  return packed_ != nullptr;
 }
 
 }  // namespace quorveld

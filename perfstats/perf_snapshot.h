@@ -75,9 +75,9 @@ class PerfSnapshot {
   /// Unpacked, if need be; null without memory for that.
   cpu_statistics* cpu_stats();
   void setCpu_stats(CpuStatisticsPtr statistics) { cpuStats_ = std::move(statistics); }
-  /// Keeps the processes as their difference to other looks' until they are asked for; how many bytes that
-  /// takes.
-  size_t pack(SharedLooks& looks);
+  /// Keeps the processes as their difference to other looks' until they are asked for. False when `forUid`
+  /// has no memory left for that: they are let go, as if the kernel had refused them.
+  [[nodiscard]] bool pack(SharedLooks& looks, uint32_t forUid);
   platform::vm_statistics64* vm_stats() const { return vmStats_.get(); }
   void setVm_stats(VmStatisticsPtr statistics) { vmStats_ = std::move(statistics); }
   /// Always null: nothing fills it.

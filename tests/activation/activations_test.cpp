@@ -261,6 +261,34 @@ TEST(Activations, HundredsTogetherAreAllReportedAndTakeLittleMemory) {
                            "0 timeouts pending"));
 }
 
+TEST(Activations, AnEndWithoutMemoryForItsLookIsRecordedWithoutProcesses) {
+  constexpr uint32_t kUser = 1000;
+  LauncherWorld world;
+  world.begin();
+  for (int32_t pid = 1; pid <= 1000; ++pid) world.kernel.processes.push_back({pid, "busy", {}});
+  AppActivationTracker& tracker = AppActivationTracker::sharedInstance();
+  const std::string refused =
+      "QVActivationStats: Too many activations at once for their memory, ignoring the begin of ";
+  for (int32_t pid = 1; pid < 300 && !world.logs.hasPrefix(Level::standard, refused); ++pid) {
+    tracker.beginAppActivationTrackingForPID(kUser, pid, "app", 0, 0, 1, 1);
+    world.settle();
+    // No look has anything in common with the one before.
+    for (auto& process : world.kernel.processes) process.usage.user_time += 24'000;
+  }
+  EXPECT_TRUE(world.logs.hasPrefix(Level::standard, refused));
+  tracker.endAppActivationTrackingForPID(kUser, 1, "app", 0, 1, 0);
+  world.settle();
+  EXPECT_TRUE(world.logged(
+      Level::standard,
+      "QVActivationStats: No memory is left for how 1:app ended, its record names no processes"));
+  ASSERT_EQ(world.powerLog.events.size(), 1u);
+  EXPECT_EQ(world.analytics.distributions["com.corvix.quorvel.QVLaunch.app"].size(), 1u);
+  world.advance(61s);
+  AppActivationTracker::logStatus();
+  EXPECT_TRUE(
+      world.logs.hasPrefix(Level::standard, "Status: 0 activations in flight, 0 KB of snapshots, 1 "));
+}
+
 TEST(Activations, ALateLookTakesNothingFromAProcessThatWasMadeForTheLaunch) {
   for (const auto& [bornBefore, expected] : {std::pair(0ms, 300u), std::pair(500ms, 100u)}) {
     LauncherWorld world;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/string_hash.h"
+#include "base/user_shares.h"
 #include "perfstats/packed_statistics.h"
 #include "perfstats/perf_snapshot.h"
 #include "perfstats/perf_stats_process.h"
@@ -36,11 +37,11 @@ struct SnapshotTest : testing::Test {
 
 TEST_F(SnapshotTest, PackedLooksAreWhatTheyWereAndShareWhoSleeps) {
   constexpr int32_t kProcesses = 1000;
-  SharedLooks looks;
+  UserShares memory(size_t{1} << 30);
+  SharedLooks looks(memory);
   for (int32_t pid = kProcesses; pid > 0; --pid) runs(pid * 2, "sleeper", 7);
   std::vector<std::unique_ptr<PerfSnapshot>> packed;
   std::vector<std::vector<task_statistics>> expected;
-  size_t bytes = 0;
   for (int32_t step = 0; step < 200; ++step) {
     if (step > 0) {
       world.kernel.processes[static_cast<size_t>(step)].usage.user_time += 1;
@@ -52,10 +53,10 @@ TEST_F(SnapshotTest, PackedLooksAreWhatTheyWereAndShareWhoSleeps) {
     std::vector<task_statistics> tasks(look->tasks, look->tasks + look->count);
     std::sort(tasks.begin(), tasks.end(), [](const auto& a, const auto& b) { return a.pid < b.pid; });
     expected.push_back(std::move(tasks));
-    bytes += snapshot->pack(looks);
+    ASSERT_TRUE(snapshot->pack(looks, 0));
     packed.push_back(std::move(snapshot));
   }
-  EXPECT_LT(bytes, 200 * kProcesses * sizeof(task_statistics) / 10);
+  EXPECT_LT(memory.taken(), 200 * kProcesses * sizeof(task_statistics) / 10);
   looks.forget();
   for (size_t i = 0; i < packed.size(); ++i) {
     const cpu_statistics* look = packed[i]->cpu_stats();
@@ -63,6 +64,34 @@ TEST_F(SnapshotTest, PackedLooksAreWhatTheyWereAndShareWhoSleeps) {
     EXPECT_EQ(std::memcmp(look->tasks, expected[i].data(), expected[i].size() * sizeof(task_statistics)), 0)
         << i;
   }
+}
+
+TEST_F(SnapshotTest, ABaseIsChargedAsLongAsALookSharesIt) {
+  constexpr size_t kProcesses = 100;
+  constexpr size_t kLook = kProcesses * sizeof(task_statistics);
+  constexpr uint32_t kMaker = 1000, kSharer = 1001;
+  UserShares memory(16 * kLook);
+  SharedLooks looks(memory);
+  for (size_t i = 0; i < kProcesses; ++i) runs(static_cast<int32_t>(i + 1), "busy");
+  std::vector<std::unique_ptr<PerfSnapshot>> sharing;
+  int bases = 0;
+  for (int round = 0; round < 100; ++round) {
+    for (auto& process : world.kernel.processes) process.usage.user_time += 1;
+    capture();
+    if (!snapshot->pack(looks, kMaker)) {
+      EXPECT_EQ(snapshot->cpu_stats(), nullptr) << "let go";
+      continue;
+    }
+    ++bases;
+    capture();
+    ASSERT_TRUE(snapshot->pack(looks, kSharer));  // all that is left of the maker's
+    sharing.push_back(std::move(snapshot));
+  }
+  EXPECT_EQ(bases, 5) << "of 12 that aren't root's, half at most, and a little for those who share";
+  EXPECT_GE(memory.taken(), static_cast<size_t>(bases) * kLook);
+  looks.forget();
+  sharing.clear();
+  EXPECT_EQ(memory.taken(), 0u);
 }
 
 TEST_F(SnapshotTest, HoldsWhatTheOptionsAskFor) {
