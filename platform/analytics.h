@@ -5,8 +5,9 @@
 
 namespace quorveld::platform {
 
-/// The process whose names a key holds, and its user; without a pid it is the daemon's own. The names again,
-/// each on its own, for services that tell keys apart by them: empty where a key holds none.
+/// The process whose names a key holds, and its user. Root's without a pid is the daemon's own; another
+/// user's is that user's, since the pid may be what a client announced. The names again, each on its own, for
+/// services that tell keys apart by them: empty where a key holds none.
 struct KeyOwner {
   uint32_t uid = 0;
   int32_t pid = 0;

@@ -96,19 +96,20 @@ StatsdSender& LinuxAnalytics::statsd() {
 
 template <typename Value>
 typename std::map<std::string, Value, std::less<>>::iterator LinuxAnalytics::entryFor(
-    std::map<std::string, Value, std::less<>>& values, AnalyticsKeys& keys, std::string_view key,
-    platform::KeyOwner owner) {
+    std::map<std::string, Value, std::less<>>& values, LabelsOfKeys& labels, AnalyticsKeys& keys,
+    std::string_view key, platform::KeyOwner owner) {
   key = key.substr(0, kMaxAnalyticsKeyBytes);
   const auto [admitted, givenUp] = keys.admit(key, owner, std::chrono::steady_clock::now());
   if (!admitted || !givenUp.empty()) sayKeysAreFull();
   if (const auto old = values.find(givenUp); old != values.end()) {
     values[std::string(kOtherKey)] += old->second;
     values.erase(old);
-    metrics_.labels.erase(givenUp);
+    labels.erase(givenUp);
   }
-  const auto entry = values.try_emplace(std::string(admitted ? key : kOtherKey)).first;
+  const auto [entry, isNew] = values.try_emplace(std::string(admitted ? key : kOtherKey));
   const bool holdsNames = !owner.hang.empty() || !owner.bundle.empty() || !owner.process.empty();
-  if (admitted && holdsNames) metrics_.labels.insert_or_assign(entry->first, labelsOf(owner));
+  // Other names can make up the same key: whoever comes later doesn't relabel a series.
+  if (isNew && admitted && holdsNames) labels.try_emplace(entry->first, labelsOf(owner));
   return entry;
 }
 
@@ -121,7 +122,7 @@ void LinuxAnalytics::setScalar(std::string_view key, int64_t value) {
 
 void LinuxAnalytics::addToScalar(std::string_view key, int64_t value, platform::KeyOwner owner) {
   if (value < 0) return;
-  const auto entry = entryFor(metrics_.counters, counterKeys_, key, owner);
+  const auto entry = entryFor(metrics_.counters, metrics_.counterLabels, counterKeys_, key, owner);
   entry->second += static_cast<uint64_t>(value);
   statsd().counter(entry->first, value);
   changed();
@@ -129,7 +130,8 @@ void LinuxAnalytics::addToScalar(std::string_view key, int64_t value, platform::
 
 void LinuxAnalytics::pushDistribution(std::string_view key, double value, platform::KeyOwner owner) {
   if (!std::isfinite(value)) return;
-  const auto entry = entryFor(metrics_.distributions, distributionKeys_, key, owner);
+  const auto entry =
+      entryFor(metrics_.distributions, metrics_.distributionLabels, distributionKeys_, key, owner);
   entry->second.add(value);
   statsd().timing(entry->first, value);
   changed();

@@ -55,8 +55,8 @@ class LinuxAnalytics final : public platform::Analytics {
 
   template <typename Value>
   typename std::map<std::string, Value, std::less<>>::iterator entryFor(
-      std::map<std::string, Value, std::less<>>& values, AnalyticsKeys& keys, std::string_view key,
-      platform::KeyOwner owner);
+      std::map<std::string, Value, std::less<>>& values, LabelsOfKeys& labels, AnalyticsKeys& keys,
+      std::string_view key, platform::KeyOwner owner);
   void sayKeysAreFull();
   StatsdSender& statsd();
   void resolve(const std::string& target);

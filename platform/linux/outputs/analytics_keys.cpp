@@ -19,17 +19,12 @@ const Id* richer(const std::map<Id, size_t>& counts, size_t own) {
   return most != counts.end() && most->second >= own + 2 ? &most->first : nullptr;
 }
 
-bool isDaemons(const KeyOwner& owner) {
-  return owner.pid == 0;
-}
-
 }  // namespace
 
-AnalyticsKeys::Keys::iterator AnalyticsKeys::longestUnused(
-    const std::function<bool(const KeyOwner&)>& among) {
+AnalyticsKeys::Keys::iterator AnalyticsKeys::longestUnused(const std::function<bool(const Use&)>& among) {
   auto oldest = keys_.end();
   for (auto entry = keys_.begin(); entry != keys_.end(); ++entry) {
-    if (isDaemons(entry->second.owner) || !among(entry->second.owner)) continue;
+    if (entry->second.isDaemons() || !among(entry->second)) continue;
     if (oldest == keys_.end() || entry->second.last < oldest->second.last) oldest = entry;
   }
   return oldest;
@@ -38,22 +33,22 @@ AnalyticsKeys::Keys::iterator AnalyticsKeys::longestUnused(
 /// The key that is to make room for one of `owner`'s; the end when none is.
 AnalyticsKeys::Keys::iterator AnalyticsKeys::placeFor(KeyOwner owner, Time now) {
   std::map<uint32_t, size_t> ofUsers;
-  for (const auto& [key, use] : keys_) ofUsers[use.owner.uid] += isDaemons(use.owner) ? 0 : 1;
+  for (const auto& [key, use] : keys_) ofUsers[use.uid] += use.isDaemons() ? 0 : 1;
   const uint32_t* const user = richer(ofUsers, ofUsers[owner.uid]);
   const uint32_t from = user ? *user : owner.uid;
 
   std::map<int32_t, size_t> ofProcesses;
   for (const auto& [key, use] : keys_) {
-    if (use.owner.uid == from && !isDaemons(use.owner)) ++ofProcesses[use.owner.pid];
+    if (use.uid == from && !use.isDaemons()) ++ofProcesses[use.pid];
   }
   // Another user's place comes from whichever of its processes has most.
   const int32_t* const process = richer(ofProcesses, user ? 0 : ofProcesses[owner.pid]);
   if (process) {
-    return longestUnused([&](const KeyOwner& of) { return of.uid == from && of.pid == *process; });
+    return longestUnused([&](const Use& use) { return use.uid == from && use.pid == *process; });
   }
-  if (user) return longestUnused([&](const KeyOwner& of) { return of.uid == from; });
+  if (user) return longestUnused([&](const Use& use) { return use.uid == from; });
 
-  const auto idle = longestUnused([](const KeyOwner&) { return true; });
+  const auto idle = longestUnused([](const Use&) { return true; });
   return idle != keys_.end() && now - idle->second.last >= kAnalyticsKeyIdle ? idle : keys_.end();
 }
 
@@ -68,7 +63,7 @@ AnalyticsKeys::Verdict AnalyticsKeys::admit(std::string_view key, KeyOwner owner
     if (place == keys_.end()) return {false, ""};
     givenUp = keys_.extract(place).key();
   }
-  keys_.emplace(key, Use{owner, now});
+  keys_.emplace(key, Use{owner.uid, owner.pid, now});
   return {true, std::move(givenUp)};
 }
 

@@ -37,12 +37,15 @@ class AnalyticsKeys {
 
  private:
   struct Use {
-    platform::KeyOwner owner;
+    uint32_t uid;
+    int32_t pid;
     Time last;
+
+    bool isDaemons() const { return uid == 0 && pid == 0; }
   };
   using Keys = std::map<std::string, Use, std::less<>>;
 
-  Keys::iterator longestUnused(const std::function<bool(const platform::KeyOwner&)>& among);
+  Keys::iterator longestUnused(const std::function<bool(const Use&)>& among);
   Keys::iterator placeFor(platform::KeyOwner owner, Time now);
 
   Keys keys_;

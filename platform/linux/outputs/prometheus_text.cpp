@@ -35,10 +35,10 @@ void appendFamily(std::string& text, const char* name, const char* type, const c
 }
 
 /// "{key=…" with the names that it holds, without the closing brace.
-std::string labelsOf(const Metrics& metrics, const std::string& key) {
+std::string labelsOf(const LabelsOfKeys& labelsOfKeys, const std::string& key) {
   std::string text = "{key=\"" + labelValue(key) + '"';
-  const auto found = metrics.labels.find(key);
-  if (found == metrics.labels.end()) return text;
+  const auto found = labelsOfKeys.find(key);
+  if (found == labelsOfKeys.end()) return text;
   const KeyLabels& labels = found->second;
   for (const auto& [name, value] : {std::pair("hang", &labels.hang), std::pair("bundle", &labels.bundle),
                                     std::pair("process", &labels.process)}) {
@@ -60,9 +60,9 @@ void appendHistogram(std::string& text, const std::string& label, const Distribu
 }
 
 template <typename Values>
-void appendValues(std::string& text, const char* name, const Metrics& metrics, const Values& values) {
+void appendValues(std::string& text, const char* name, const LabelsOfKeys& labels, const Values& values) {
   for (const auto& [key, value] : values) {
-    text.append(name).append(labelsOf(metrics, key) + "} " + std::to_string(value) + "\n");
+    text.append(name).append(labelsOf(labels, key) + "} " + std::to_string(value) + "\n");
   }
 }
 
@@ -106,16 +106,16 @@ std::string prometheusText(const Metrics& metrics, const OwnFigures& own) {
   appendOwn(text, own);
   if (!metrics.scalars.empty()) {
     appendFamily(text, "quorveld_scalar", "gauge", "The value last set under the key.");
-    appendValues(text, "quorveld_scalar", metrics, metrics.scalars);
+    appendValues(text, "quorveld_scalar", {}, metrics.scalars);
   }
   if (!metrics.counters.empty()) {
     appendFamily(text, "quorveld_counter_total", "counter", "What was added under the key since the start.");
-    appendValues(text, "quorveld_counter_total", metrics, metrics.counters);
+    appendValues(text, "quorveld_counter_total", metrics.counterLabels, metrics.counters);
   }
   if (!metrics.distributions.empty()) {
     appendFamily(text, "quorveld_distribution_ms", "histogram", "Durations reported under the key.");
     for (const auto& [key, distribution] : metrics.distributions)
-      appendHistogram(text, labelsOf(metrics, key), distribution);
+      appendHistogram(text, labelsOf(metrics.distributionLabels, key), distribution);
   }
   return text;
 }

@@ -37,12 +37,15 @@ struct OwnFigures {
   uint64_t launchLogBytes = 0;
 };
 
-/// Everything that analytics has been told, by key.
+using LabelsOfKeys = std::map<std::string, KeyLabels, std::less<>>;
+
+/// Everything that analytics has been told, by key; labels are there of keys that hold names.
 struct Metrics {
-  std::map<std::string, KeyLabels, std::less<>> labels;  ///< of keys that hold names
   std::map<std::string, int64_t, std::less<>> scalars;
   std::map<std::string, uint64_t, std::less<>> counters;
   std::map<std::string, Distribution, std::less<>> distributions;
+  LabelsOfKeys counterLabels;
+  LabelsOfKeys distributionLabels;
 };
 
 /// `metrics` in Prometheus's text format 0.0.4: the families quorveld_build_info, and, where there are

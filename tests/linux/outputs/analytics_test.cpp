@@ -47,7 +47,7 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
   metrics.scalars["a\"b\\c\nd\xff\xed\xa0\x80"] = -5;
   metrics.counters["hängt"] = std::numeric_limits<uint64_t>::max();
   for (const double value : {-1.0, 50.0, 50.5, 300000.0, 300001.0}) metrics.distributions["d"].add(value);
-  metrics.labels["d"] = {.hang = "Main\"Thread", .bundle = "", .process = "viewer"};
+  metrics.distributionLabels["d"] = {.hang = "Main\"Thread", .bundle = "", .process = "viewer"};
   const std::string text = prometheusText(metrics, {.cpuSeconds = 1.5, .spoolBytes = 70});
   const std::string bad = "\xEF\xBF\xBD";
   const auto has = [&](const std::string& line) {
@@ -151,9 +151,9 @@ TEST(AnalyticsKeys, APlaceChangesHandsOnlyToWhoHasLessOrWhenItIsIdle) {
     return admitted;
   };
   EXPECT_EQ(keys.admit("own", {}, now).admitted, true);
-  EXPECT_EQ(places(1, 10, 1000), 255);
+  EXPECT_EQ(places(1, 0, 1000), 255) << "a client that announces pid 0 isn't the daemon";
   EXPECT_EQ(places(2, 20, 1000), 127) << "half of what clients have, 128 are left to the other";
-  EXPECT_EQ(places(1, 10, 1000), 0);
+  EXPECT_EQ(places(1, 0, 1000), 0);
   // Among one user's processes it is the same: 128 of the first one, and what a second one may take of them.
   EXPECT_EQ(places(1, 11, 1000), 64);
   EXPECT_EQ(places(3, 30, 1000), 85) << "a third";
@@ -162,6 +162,21 @@ TEST(AnalyticsKeys, APlaceChangesHandsOnlyToWhoHasLessOrWhenItIsIdle) {
   now += kAnalyticsKeyIdle;
   EXPECT_TRUE(keys.admit("own", {}, now).admitted);
   EXPECT_EQ(places(3, 30, 1000), 255) << "given back, all of them";
+}
+
+TEST_F(Analytics, ASeriesKeepsItsFirstLabelsWhoeverElseMakesUpItsKey) {
+  {
+    LinuxAnalytics analytics;
+    const platform::KeyOwner honest{.uid = 1000, .pid = 7, .hang = "a", .bundle = "b.c"};
+    const platform::KeyOwner forger{.uid = 1001, .pid = 8, .hang = "a.b", .bundle = "c"};
+    analytics.pushDistribution("a.b.c", 5, honest);
+    analytics.pushDistribution("a.b.c", 5, forger);
+    analytics.addToScalar("a.b.c", 1, honest);
+    for (size_t i = 1; i < kMaxAnalyticsKeys; ++i) analytics.addToScalar(std::to_string(i), 1, honest);
+    analytics.addToScalar("x", 1, forger);  // in the place of the longest unused
+  }
+  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"a.b.c\""), 0u) << "it gave up its place";
+  EXPECT_EQ(linesWith("_count{key=\"a.b.c\",hang=\"a\",bundle=\"b.c\"} 2"), 1u);
 }
 
 TEST_F(Analytics, StatsdGetsADatagramForEachChangeAndNobodyWaitsForIt) {
