@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "platform/linux/memory/kernel_memory_text.h"
@@ -152,9 +155,25 @@ TEST(ForkShares, AreReadWhenProcessesClaimMoreThanThereIs) {
   ForkShares shares;
   EXPECT_TRUE(shares.read(processes, 3 * pages).empty()) << "there is as much as they claim";
   std::map<int32_t, uint64_t> found;
-  // On a busy machine the time may be up before the first is read.
-  for (int i = 0; i < 1000 && found.size() < 2; ++i) found = shares.read(processes, 0);
   if (read("/proc/self/smaps_rollup").find("Pss_Anon") == std::string::npos) GTEST_SKIP() << "no shares here";
+  // On a busy machine the time may be up before two are read; a walk that goes on beyond it needs its end.
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::seconds(20);
+  while (found.size() < 2 && Clock::now() < end) {
+    found = shares.read(processes, 0);
+    if (found.size() < 2) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (found.size() < 2) {
+    auto fastest = Clock::duration::max();
+    for (int i = 0; i < 20; ++i) {
+      const auto begun = Clock::now();
+      for (const SharingProcess& process : {processes[0], processes[1]})
+        read("/proc/" + std::to_string(process.pid) + "/smaps_rollup");
+      fastest = std::min(fastest, Clock::now() - begun);
+    }
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(fastest).count();
+    if (us > 5000) GTEST_SKIP() << "two walks, which have 10 ms, took " << us << " us at best";
+  }
   ASSERT_GE(found.size(), 2u);
   for (const auto& [pid, share] : found) EXPECT_LT(share, pages / 2) << pid;
 }
