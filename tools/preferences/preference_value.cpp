@@ -44,6 +44,11 @@ std::string range(const PreferenceKey& key) {
   return std::to_string(leastThatMeans(key)) + " to " + std::to_string(key.most);
 }
 
+/// Whether 0 means nothing: the daemon takes it for no value, or every operation would be a hang.
+bool isAbove0(const PreferenceKey& key) {
+  return key.type == PreferenceType::positive || key.name == "QuorvelHangTimeoutDuration";
+}
+
 /// The value as the daemon reads a number: truth is 1 or 0, a text what it spells in full. Nothing for what
 /// is none.
 std::optional<double> numberOf(const StoredValue& value) {
@@ -95,8 +100,10 @@ std::optional<StoredValue> typedValue(const PreferenceKey& key, std::string_view
       const auto number = wholly<double>(text);
       StoredValue value{"real", number ? realText(*number) : ""};
       const bool isSeconds = key.type == PreferenceType::seconds;
-      if (answers(value, key) && *number > 0 && (!isSeconds || *number >= 1)) return value;
-      error = name + " takes a number " + (isSeconds ? "from " + range(key) : "above 0") + ", not " + given;
+      const bool isMeant = isAbove0(key) ? number > 0.0 : number >= (isSeconds ? 1.0 : 0.0);
+      if (isMeant && answers(value, key)) return value;
+      const std::string meant = isSeconds ? "from " + range(key) : isAbove0(key) ? "above 0" : "from 0";
+      error = name + " takes a number " + meant + ", not " + given;
       return std::nullopt;
     }
   }

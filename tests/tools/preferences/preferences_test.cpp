@@ -88,6 +88,11 @@ TEST(PreferenceValue, IsTypedByTheKeyAndRefusedOtherwise) {
             "QuorvelHangTimeoutDuration takes a number above 0, not \"inf\"");
   EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "-5"),
             "QuorvelHangTimeoutDuration takes a number above 0, not \"-5\"");
+  EXPECT_EQ(typed("QuorvelHangTimeoutDuration", "0"),
+            "QuorvelHangTimeoutDuration takes a number above 0, not \"0\"");
+  EXPECT_EQ(typed("QuorvelLongHangDurationThreshold", "0"), "real 0.0");
+  EXPECT_EQ(typed("QuorvelLongHangDurationThreshold", "-5"),
+            "QuorvelLongHangDurationThreshold takes a number from 0, not \"-5\"");
   EXPECT_EQ(typed("QuorvelDailyLogLimit", "-1"),
             "QuorvelDailyLogLimit takes a whole number from 0 to 2147483647, not \"-1\"");
   EXPECT_EQ(typed("QuorvelReportPeriod", "0.5").substr(0, 45),
