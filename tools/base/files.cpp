@@ -1,9 +1,12 @@
 #include "tools/base/files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -32,6 +35,20 @@ std::error_code fill(int fd, std::string_view bytes, bool synced) {
   if (fchmod(fd, 0644) != 0) return lastError();
   if (synced && fsync(fd) != 0) return lastError();
   return {};
+}
+
+/// Where the last whole line of the file ends; `length`, its length, when it can't be read.
+off_t endOfLines(int fd, off_t length) {
+  std::array<char, 4096> block;
+  for (off_t end = length; end > 0;) {
+    const off_t start = std::max<off_t>(end - static_cast<off_t>(block.size()), 0);
+    const ssize_t got = pread(fd, block.data(), static_cast<size_t>(end - start), start);
+    if (got <= 0) return length;
+    const size_t at = std::string_view(block.data(), static_cast<size_t>(got)).rfind('\n');
+    if (at != std::string_view::npos) return start + static_cast<off_t>(at) + 1;
+    end = start;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -86,14 +103,21 @@ std::error_code replaceFile(const std::string& path, std::string_view bytes, boo
 }
 
 std::error_code appendSynced(const std::string& path, std::string_view bytes) {
-  const Descriptor file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
+  const Descriptor file(open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600));
   struct stat status {};
   if (file.get() < 0 || fstat(file.get(), &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return std::make_error_code(std::errc::invalid_argument);
+  // Two at once would take back each other's lines.
+  while (flock(file.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) return lastError();
+  }
+  if (fstat(file.get(), &status) != 0) return lastError();
+  const off_t end = endOfLines(file.get(), status.st_size);
+  if (end != status.st_size && ftruncate(file.get(), end) != 0) return lastError();
   std::error_code error = writeAll(file.get(), bytes);
   if (!error && fsync(file.get()) != 0) error = lastError();
   // Half a line would spoil the next export's first one.
-  if (error && ftruncate(file.get(), status.st_size) != 0) return error;
+  if (error && ftruncate(file.get(), end) != 0) return error;
   if (error) return error;
   const std::string folder = std::filesystem::path(path).parent_path();
   const Descriptor directory(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

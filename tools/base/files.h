@@ -22,7 +22,9 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
 [[nodiscard]] std::error_code replaceFile(const std::string& path, std::string_view bytes, bool synced);
 
 /// Appends `bytes` to the file at `path`, mode 0600 where it is new; they survive a power cut from then on.
-/// On an error the file stays as it was, or as near to that as can be.
+/// It is a file of lines: what is behind the last line's end, which a writer who was killed left, goes. Those
+/// who append at once wait for each other. On an error the file stays as it was, or as near to that as can
+/// be.
 [[nodiscard]] std::error_code appendSynced(const std::string& path, std::string_view bytes);
 
 }  // namespace quorvelctl

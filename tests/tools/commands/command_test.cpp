@@ -137,9 +137,11 @@ TEST_F(Command, ReportsAreRemovedOnlyOnceTheirLinesAreOnTheDisk) {
     EXPECT_TRUE(std::filesystem::exists(root_ + spool + "a.kelvane"));
   }
   EXPECT_EQ(run("reports export --since 1d --device d7 -o " + out), 0) << output_;
-  EXPECT_EQ(run("reports export --ndjson --delete-after --device d7 -o " + out), 0) << output_;
+  std::ofstream(out, std::ios::app) << R"({"device":"of one who was killed)";
+  EXPECT_EQ(run("reports export --delete-after --device d7 -o " + out), 0) << output_;
   const std::string lines = contents("/lines");
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 2) << "appended";
+  EXPECT_EQ(lines.find("killed"), std::string::npos) << lines;
   EXPECT_NE(lines.find(R"("device":"d7")"), std::string::npos) << lines;
   EXPECT_FALSE(std::filesystem::exists(root_ + spool + "a.kelvane"));
   EXPECT_TRUE(std::filesystem::exists(root_ + spool + "b.kelvane")) << "nobody has a line of it";
