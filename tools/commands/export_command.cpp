@@ -22,7 +22,6 @@ struct ExportArguments {
   std::string since;  ///< empty: all
   std::string out;    ///< empty: standard output
   std::string device;
-  bool ndjson = true;
   bool deleteAfter = false;
 };
 
@@ -52,7 +51,7 @@ void exportReports(Context& context, const ExportArguments& arguments) {
   const std::optional<time_t> since =
       arguments.since.empty() ? time_t{0} : sinceTime(arguments.since, std::time(nullptr));
   if (!since) {
-    context.fail("--since takes 90m, 24h, 7d, 2026-03-01 or 2026-03-01T10:00:00Z, not \"" +
+    context.fail("--since takes 90m, 24h, 7d, 2w, 2026-03-01 or 2026-03-01T10:00:00Z, not \"" +
                      printable(arguments.since) + '"',
                  kWrongUsage);
     return;
@@ -92,9 +91,9 @@ void addExportCommand(CLI::App& reports, Context& context) {
   CLI::App* command =
       reports.add_subcommand("export", "A flat line of JSON for each report, for a collector");
   command
-      ->add_option("--since", arguments->since, "Reports from then on: 90m, 24h, 7d ago, a date, a UTC time")
+      ->add_option("--since", arguments->since,
+                   "Reports from then on: 90m, 24h, 7d, 2w ago, a date, a UTC time")
       ->type_name("WHEN");
-  command->add_flag("--ndjson", arguments->ndjson, "One JSON object a line: the only form there is as yet");
   CLI::Option* out = command->add_option("-o,--output", arguments->out,
                                          "Append the lines to this file; standard output if not given");
   out->type_name("OUT");

@@ -11,6 +11,7 @@
 #include "tools/base/files.h"
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
+#include "tools/export/since.h"
 #include "tools/memory/memory_diff.h"
 #include "tools/memory/memory_growth.h"
 #include "tools/memory/memory_report.h"
@@ -206,17 +207,6 @@ void diffMemory(Context& context, const MemoryArguments& arguments) {
   std::fputs(text.c_str(), stdout);
 }
 
-/// Hours of "7d", "36h", "90m" or "2w"; nothing when it is none of these.
-std::optional<double> hoursOfSpan(const std::string& span) {
-  char unit = 0;
-  char behind = 0;
-  unsigned count = 0;
-  if (std::sscanf(span.c_str(), "%6u%c%c", &count, &unit, &behind) != 2 || count == 0) return std::nullopt;
-  const std::map<char, double> hours = {{'m', 1.0 / 60}, {'h', 1}, {'d', 24}, {'w', 7 * 24}};
-  const auto found = hours.find(unit);
-  return found == hours.end() ? std::nullopt : std::optional(count * found->second);
-}
-
 /// The reports of the folder that are no older than `hours` before the newest, in order of time, evenly
 /// thinned to kMostReports; one that can't be read is told and left out.
 std::vector<MemoryReport> reportsSince(Context& context, double hours) {
@@ -242,9 +232,9 @@ std::vector<MemoryReport> reportsSince(Context& context, double hours) {
 }
 
 void showGrowth(Context& context, const MemoryArguments& arguments) {
-  const std::optional<double> hours = hoursOfSpan(arguments.since);
-  if (!hours) return context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
-  const std::vector<MemoryReport> reports = reportsSince(context, *hours);
+  const time_t seconds = secondsOfSpan(arguments.since).value_or(0);
+  if (seconds == 0) return context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
+  const std::vector<MemoryReport> reports = reportsSince(context, static_cast<double>(seconds) / 3600);
   if (reports.empty() && context.status != 0) return;
   if (reports.empty()) return tellNoReport(context);
   const MemoryGrowth growth = growthOf(reports);

@@ -15,12 +15,24 @@ std::optional<time_t> secondsOf(char unit) {
       return 3600;
     case 'd':
       return 24 * 3600;
+    case 'w':
+      return 7 * 24 * 3600;
     default:
       return std::nullopt;
   }
 }
 
 }  // namespace
+
+std::optional<time_t> secondsOfSpan(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  int64_t count = 0;
+  const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  const std::optional<time_t> unit = secondsOf(text.back());
+  if (error != std::errc() || stop != text.data() + text.size() - 1 || !unit) return std::nullopt;
+  if (count < 0 || count > kMaxAgo) return std::nullopt;
+  return count * *unit;
+}
 
 std::optional<time_t> sinceTime(const std::string& text, time_t now) {
   tm parts{};
@@ -30,13 +42,8 @@ std::optional<time_t> sinceTime(const std::string& text, time_t now) {
   end = strptime(text.c_str(), "%Y-%m-%d", &parts);
   parts.tm_isdst = -1;
   if (end && *end == '\0') return mktime(&parts);
-  if (text.empty()) return std::nullopt;
-  int64_t count = 0;
-  const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  const std::optional<time_t> unit = secondsOf(text.back());
-  if (error != std::errc() || stop != text.data() + text.size() - 1 || !unit) return std::nullopt;
-  if (count < 0 || count > kMaxAgo) return std::nullopt;
-  return now - count * *unit;
+  const std::optional<time_t> ago = secondsOfSpan(text);
+  return ago ? std::optional(now - *ago) : std::nullopt;
 }
 
 }  // namespace quorvelctl

@@ -73,9 +73,11 @@ TEST(Export, SinceIsAnAgeADateOrATime) {
   using quorvelctl::sinceTime;
   EXPECT_EQ(sinceTime("90m", kNow), kNow - 5400);
   EXPECT_EQ(sinceTime("7d", kNow), kNow - 7 * 86400);
+  EXPECT_EQ(sinceTime("2w", kNow), kNow - 14 * 86400);
   EXPECT_EQ(sinceTime("2026-03-01", kNow), kNow - 10 * 3600);
   EXPECT_EQ(sinceTime("2026-03-01T10:00:00Z", kNow), kNow);
-  for (const char* none : {"", "d", "-1d", "7", "7w", "99999999999999999999d", "2026-13-01", "2026-03-01x"})
+  for (const char* none :
+       {"", "d", "-1d", "7", "7y", "+7d", " 7d", "99999999999999999999d", "2026-13-01", "2026-03-01x"})
     EXPECT_FALSE(sinceTime(none, kNow)) << none;
 }
 
