@@ -36,7 +36,7 @@ std::optional<Trend> trendOf(const std::vector<GrowthPoint>& points);
 
 /// What grew over a series of reports.
 struct Growth {
-  std::string kind;  ///< "process", "account", "zone", "use"
+  std::string kind;  ///< "process", "account", "zone"
   std::string name;  ///< may hold anything
   uint64_t nowBytes = 0;
   double spanHours = 0;

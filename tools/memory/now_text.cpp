@@ -172,7 +172,8 @@ std::vector<NowRow> nowRows(const std::vector<NowProcess>& processes, NowBy by, 
 }
 
 std::string memoryNowText(const MemoryNow& now, const NowLayout& layout, const std::vector<NowRow>* before) {
-  std::string text = accountText(now.report).substr(1);  // behind the blank line that parts it from others
+  std::string text = accountText(now.report);
+  text.erase(0, 1);  // the blank line that parts it from others, where there is an account
   for (const NamedBytes& total : now.report.totals) {
     if (total.name == kSwapped && total.bytes > 0) text += "Swapped out: " + sizeText(total.bytes) + ".\n";
   }
