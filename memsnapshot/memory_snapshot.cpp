@@ -104,7 +104,8 @@ std::string reportText(const std::string& date) {
   return report;
 }
 
-/// The file's name. A second that has come before, by a clock that went back, gets a number behind it.
+/// The file's name. A second that has come before, by a clock that went back, gets a number behind it; the
+/// last one's, which is taken, when all are.
 std::string freeName(const std::string& date) {
   const std::string prefix = std::string(kMemoryReports.finished.prefix) + date;
   std::string name = prefix + ".ips";
@@ -147,7 +148,7 @@ void take_memory_snapshot() {
     files.remove(workingPath);
     return sayIfNotKept(error);
   }
-  files.finish(std::move(file), workingPath, finalPath, platform::Existing::replaced, sayIfNotKept);
+  files.finish(std::move(file), workingPath, finalPath, platform::Existing::stays, sayIfNotKept);
 }
 
 }  // namespace quorveld

@@ -118,7 +118,7 @@ TEST(MemorySnapshotDeathTest, IsNotThereWithoutALedger) {
 
 TEST(MemorySnapshot, IsWholeOrNotThere) {
   expectOneReportLost(Op::memoryInfo, false);
-  for (const Op op : {Op::writeFile, Op::closeFile, Op::rename}) expectOneReportLost(op, true);
+  for (const Op op : {Op::writeFile, Op::closeFile, Op::move}) expectOneReportLost(op, true);
 
   Machine machine;
   machine.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device);
@@ -137,6 +137,16 @@ TEST(MemorySnapshot, ASecondThatComesAgainOverwritesNothing) {
   EXPECT_EQ(
       machine.files.content("/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000-2.ips").value_or(""),
       golden());
+
+  const std::string last = "/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000-100.ips";
+  for (int number = 3; number <= 100; ++number) take_memory_snapshot();
+  EXPECT_TRUE(machine.logs.lines.empty());
+  machine.files.putFile("/Library/Logs/Faultkeep/memory-snapshot-2026-01-15-100000-100.ips",
+                        "the last there is room for");
+  take_memory_snapshot();
+  EXPECT_EQ(machine.files.content(last), "the last there is room for");
+  ASSERT_EQ(machine.logs.lines.size(), 1u);
+  EXPECT_EQ(machine.logs.lines[0].text, "Memory snapshot not kept: " + last + ": File exists");
 }
 
 /// Ends the process: the first line is made once in its life.
