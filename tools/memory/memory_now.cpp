@@ -49,6 +49,19 @@ std::string linkTarget(const std::string& path) {
   return length > 0 ? std::string(target.data(), static_cast<size_t>(length)) : "";
 }
 
+/// Nothing when it can't be had. Nobody who serves a file system is asked: that could take for ever.
+std::optional<struct statx> statusOf(int folder, const char* path, int flags) {
+  struct statx status {};
+  if (statx(folder, path, flags | AT_STATX_DONT_SYNC, STATX_BLOCKS | STATX_INO, &status) != 0)
+    return std::nullopt;
+  return status;
+}
+
+/// As mountinfo spells it.
+std::string deviceOf(const struct statx& status) {
+  return std::to_string(status.stx_dev_major) + ":" + std::to_string(status.stx_dev_minor);
+}
+
 /// Collects what is in memory without being one process's own.
 class SharedObjects {
  public:
@@ -95,7 +108,11 @@ class SharedObjects {
     std::set<std::string> seen;
     for (const TmpfsMount& mount : mounts_) {
       struct statvfs space {};
-      if (!seen.insert(mount.device).second || statvfs(mount.path.c_str(), &space) != 0) continue;
+      // Another file system may be mounted over it, and is not asked.
+      const Descriptor place(open(mount.path.c_str(), O_PATH | O_CLOEXEC));
+      const auto status = statusOf(place.get(), "", AT_EMPTY_PATH);
+      if (!status || deviceOf(*status) != mount.device || fstatvfs(place.get(), &space) != 0) continue;
+      if (!seen.insert(mount.device).second) continue;
       const uint64_t used = (space.f_blocks - space.f_bfree) * space.f_frsize;
       if (used > 0) uses.push_back({mount.path, used, space.f_blocks * space.f_frsize});
     }
@@ -109,18 +126,21 @@ class SharedObjects {
     if (object.pids.empty() || object.pids.back() != pid) object.pids.push_back(pid);
   }
 
-  /// The object behind `path`, found by its file's number; null when it can't be asked. Nobody who serves a
-  /// file system is asked: that could take for ever.
-  SharedObject* objectAt(const std::string& path, const char* kind, const std::string& name) {
-    struct statx status {};
-    if (statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_BLOCKS | STATX_INO, &status) != 0)
-      return nullptr;
-    const std::string key = std::to_string(status.stx_dev_major) + ":" +
-                            std::to_string(status.stx_dev_minor) + ":" + std::to_string(status.stx_ino);
-    SharedObject& object = objects_[key];
+  /// Whether a tmpfs is mounted from `device`.
+  bool isTmpfs(const std::string& device) const {
+    return std::any_of(mounts_.begin(), mounts_.end(),
+                       [&](const TmpfsMount& mount) { return mount.device == device; });
+  }
+
+  /// The object behind `path`, found by its file's number; null when it can't be asked, and for a file whose
+  /// path looks like a tmpfs's and leads elsewhere, in another mount namespace or below another mount.
+  SharedObject* objectAt(const std::string& path, const std::string& kind, const std::string& name) {
+    const auto status = statusOf(AT_FDCWD, path.c_str(), 0);
+    if (!status || (kind == "file" && !isTmpfs(deviceOf(*status)))) return nullptr;
+    SharedObject& object = objects_[deviceOf(*status) + ":" + std::to_string(status->stx_ino)];
     object.kind = kind;
     object.name = name;
-    object.bytes = status.stx_blocks * 512;
+    object.bytes = status->stx_blocks * 512;
     return &object;
   }
 
@@ -128,10 +148,10 @@ class SharedObjects {
     const std::string target = linkTarget(link);
     if (target.starts_with("pipe:[")) return addPipe(pid, link, target);
     const bool isMemfd = target.starts_with("/memfd:");
-    const bool onTmpfs = std::any_of(mounts_.begin(), mounts_.end(), [&](const TmpfsMount& mount) {
+    const bool looksLikeTmpfs = std::any_of(mounts_.begin(), mounts_.end(), [&](const TmpfsMount& mount) {
       return target.starts_with(mount.path + "/");
     });
-    if (!isMemfd && !onTmpfs) return;
+    if (!isMemfd && !looksLikeTmpfs) return;
     if (SharedObject* object = objectAt(link, isMemfd ? "memfd" : "file", target)) hold(*object, pid);
   }
 
