@@ -24,7 +24,7 @@ class PowerLog {
  public:
   virtual ~PowerLog() = default;
 
-  /// Hands one event over; a failure is logged and the event dropped.
+  /// Hands one event over; a failure is logged and the event dropped, as `leaveOut` tells.
   virtual void handOver(const ActivationEvent& event) = 0;
 
   /// Tells whoever waits for the event of `activationID` that none comes, and why.

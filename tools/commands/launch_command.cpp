@@ -30,9 +30,9 @@ using std::chrono::steady_clock;
 constexpr int kLaunchFailed = 125;
 /// How long the daemon remembers a begin.
 constexpr auto kForgottenAfter = std::chrono::seconds(60);
-/// How long an ended process waits for the daemon's look at it, and for the record: a daemon that is busy
-/// with others' takes its time, and one that has ended is noticed.
-constexpr auto kRecordLimit = std::chrono::seconds(10);
+/// How long an ended process waits for the daemon's look at it, and for the record or the word that there is
+/// none. A daemon that has ended is noticed.
+constexpr auto kRecordLimit = std::chrono::seconds(4);
 
 struct LaunchArguments {
   std::string bundleID;

@@ -48,6 +48,15 @@ std::optional<std::string> lineOf(const platform::ActivationEvent& event, std::s
   return line + "}\n";
 }
 
+/// 0 when it has none.
+uint64_t identifierOf(const platform::ActivationEvent& event) {
+  for (const auto& [key, value] : event.activationData) {
+    const auto* identifier = std::get_if<uint64_t>(&value.data);
+    if (key == "ActivationID" && identifier) return *identifier;
+  }
+  return 0;
+}
+
 /// Where the last whole line of the file ends.
 off_t endOfLines(int file, off_t length) {
   std::array<char, 4096> block;
@@ -75,6 +84,7 @@ void LinuxPowerLog::handOver(const platform::ActivationEvent& event) {
     logDefault("Failed to append an activation to %s: %s", rooted(kRecordsPath).c_str(), reason.c_str());
   }
   failing_ = !reason.empty();
+  if (!reason.empty()) leaveOut(identifierOf(event), reason);
 }
 
 /// A failure costs whoever waits a little time, and the disk that it is about is told of by `handOver`.

@@ -18,6 +18,7 @@ using sim::LogLine;
 using sim::SimPlatform;
 
 constexpr char kLog[] = "var/log/quorveld/activations.jsonl";
+constexpr char kLeftOut[] = "var/log/quorveld/activations-left-out.jsonl";
 
 platform::ActivationEvent eventOf(std::string bundle) {
   platform::ActivationEvent event;
@@ -53,7 +54,6 @@ TEST_F(PowerLog, AnEventIsOneLineOfJson) {
 }
 
 TEST_F(PowerLog, WhatIsLeftOutIsNotedInAFileThatStaysSmall) {
-  constexpr char kLeftOut[] = "var/log/quorveld/activations-left-out.jsonl";
   log_.leaveOut(uint64_t{1} << 63, "full");
   EXPECT_EQ(root_.read(kLeftOut), "{\"ActivationID\":9223372036854775808,\"Reason\":\"full\"}\n");
   for (int i = 0; i < 2000; ++i) log_.leaveOut(1, "full");
@@ -103,6 +103,10 @@ TEST_F(PowerLog, AFailureIsLoggedOnceAStreakAndALinkIsNotFollowed) {
   log_.handOver(eventOf("lost"));
   EXPECT_EQ(failures(), 1);
   EXPECT_EQ(root_.read("victim"), "untouched");
+  const std::string note =
+      R"({"ActivationID":9223372036854775808,"Reason":"Too many levels of symbolic links"})"
+      "\n";
+  EXPECT_EQ(root_.read(kLeftOut), note + note) << "whoever waits is told of each";
 
   std::filesystem::remove(root_ / kLog);
   log_.handOver(eventOf("kept"));
