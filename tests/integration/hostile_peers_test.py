@@ -20,6 +20,14 @@ NOBODY = 65534
 FIRST_USER = 70000  # nobody's, most likely
 
 
+def state_of(pid):
+    """As ps(1) tells it; nothing of a process that has gone."""
+    try:
+        return pathlib.Path(f"/proc/{pid}/stat").read_text().split(") ")[1][0]
+    except OSError:
+        return ""
+
+
 class Garbage(ScratchTest):
     def test_bytes_that_are_no_dbus_end_their_own_connection_only(self):
         daemon = self.daemon()
@@ -218,7 +226,7 @@ class Frozen(BesideANeighbour):
 
     def left_behind(self):
         """Those of the daemon's receivers that wait in the kernel, killed."""
-        return [pid for pid in self.receivers() if pathlib.Path(f"/proc/{pid}/stat").read_text().split(") ")[1][0] == "D"]
+        return [pid for pid in self.receivers() if state_of(pid) == "D"]
 
     def test_a_receiver_that_no_signal_ends_is_left_behind_and_the_next_daemon_starts(self):
         self.attack(self.peer(self.scratch))
