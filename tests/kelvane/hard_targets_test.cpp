@@ -63,7 +63,7 @@ TEST(HardTargets, AThreadWhoseMemoryCannotBeReadIsLetGo) {
   EXPECT_TRUE(dump.whole);
   EXPECT_LT(dump.took, 2s);
   EXPECT_EQ(dump.thread(victim.thread()).value("noStack", ""), "the kernel held up its copy");
-  EXPECT_TRUE(contains(dump.stackOf(victim.pid()), "main"));
+  EXPECT_TRUE(contains(dump.stackOf(victim.pid()), "main")) << dump.report["metadata"];
   EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos) << victim.threadStates();
 }
 
