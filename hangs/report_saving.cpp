@@ -116,12 +116,11 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   }
   log.about({.kind = LogEventKind::reportSaved, .reportPath = finalPath})
       .info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
-  files.finish(std::move(file), tempPath, finalPath, platform::Existing::stays,
-               [loss, processString](std::error_code failure) {
-                 if (!failure) return;
-                 loss.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
-                               failure.message().c_str());
-               });
+  files.finish(std::move(file), tempPath, finalPath, [loss, processString](std::error_code failure) {
+    if (!failure) return;
+    loss.standard("%s: Unable to move kelvane to final path: %s", processString.c_str(),
+                  failure.message().c_str());
+  });
   // The capture was made, which is what a credit pays for: this counts as saved, wherever the file ends.
   return true;
 }

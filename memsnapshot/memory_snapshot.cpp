@@ -148,7 +148,7 @@ void take_memory_snapshot() {
     files.remove(workingPath);
     return sayIfNotKept(error);
   }
-  files.finish(std::move(file), workingPath, finalPath, platform::Existing::stays, sayIfNotKept);
+  files.finish(std::move(file), workingPath, finalPath, sayIfNotKept);
 }
 
 }  // namespace quorveld

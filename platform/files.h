@@ -29,9 +29,6 @@ struct Space {
 
 enum class EntryKind { missing, directory, other };
 
-/// What becomes of a file that has a finished one's name already.
-enum class Existing { stays, replaced };
-
 /// An open file; closed on destruction.
 class File {
  public:
@@ -72,10 +69,10 @@ class Files {
   /// shown there even after a power cut.
   ///
   /// Beside the caller and in the order of the calls. `done` is told how it went, on any thread, unless the
-  /// daemon has ended by then. `from` has gone in either case, and can't be created again before. Where a
-  /// file stays that has the name, that is an error.
+  /// daemon has ended by then. `from` has gone in either case, and can't be created again before. A file that
+  /// has the name stays, and that is an error.
   virtual void finish(std::unique_ptr<File> file, const std::string& from, const std::string& to,
-                      Existing existing, std::function<void(std::error_code)> done) = 0;
+                      std::function<void(std::error_code)> done) = 0;
 
   /// JSON text of a dictionary, UTF-8, no white space; nothing, and the reason in `error`, when a text in it
   /// is no UTF-8.

@@ -15,7 +15,6 @@ enum class Op {
   writeFile,
   closeFile,
   move,
-  rename,
   serializeJson,
   encodeJson,  ///< serialised, but the bytes are no UTF-8
   mapMemory,

@@ -149,12 +149,12 @@ std::unique_ptr<platform::File> SimFiles::createProtected(const std::string& giv
 }
 
 void SimFiles::finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
-                      platform::Existing existing, std::function<void(std::error_code)> done) {
+                      std::function<void(std::error_code)> done) {
   file.reset();
   std::error_code error = faults_.take(Op::closeFile);
   // What the system hadn't written yet is lost then.
   if (error && content(from)) putFile(from, content(from)->substr(0, content(from)->size() / 2));
-  if (!error) error = existing == platform::Existing::stays ? move(from, to) : rename(from, to);
+  if (!error) error = move(from, to);
   if (error) static_cast<void>(remove(from));
   done(error);
 }
@@ -169,20 +169,6 @@ std::error_code SimFiles::move(const std::string& givenFrom, const std::string& 
   entry.key() = to;
   entries_.insert(std::move(entry));
   history_.push_back("move " + from + " " + to);
-  return {};
-}
-
-std::error_code SimFiles::rename(const std::string& givenFrom, const std::string& givenTo) {
-  const std::string from = plain(givenFrom);
-  const std::string to = plain(givenTo);
-  if (const std::error_code error = faults_.take(Op::rename)) return error;
-  if (!entries_.contains(from) || !parentExists(to)) return reason(std::errc::no_such_file_or_directory);
-  if (kind(to) == EntryKind::directory) return reason(std::errc::is_a_directory);
-  auto entry = entries_.extract(from);
-  entry.key() = to;
-  entries_.erase(to);
-  entries_.insert(std::move(entry));
-  history_.push_back("rename " + from + " " + to);
   return {};
 }
 

@@ -41,7 +41,7 @@ class SimFiles final : public platform::Files {
   std::unique_ptr<platform::File> createProtected(const std::string& path, std::error_code& error) override;
   /// At once, and `done` before it returns.
   void finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
-              platform::Existing existing, std::function<void(std::error_code)> done) override;
+              std::function<void(std::error_code)> done) override;
   std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
                                            std::string& error) override;
 
@@ -70,7 +70,6 @@ class SimFiles final : public platform::Files {
   };
 
   std::error_code move(const std::string& from, const std::string& to);
-  std::error_code rename(const std::string& from, const std::string& to);
   bool parentExists(const std::string& path) const;
   /// The path as it is kept: slashes in a row count as one.
   static std::string plain(const std::string& path);

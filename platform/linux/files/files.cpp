@@ -53,13 +53,6 @@ std::error_code renameWithoutReplacing(const char* from, const char* to) {
   return resultOf(::unlink(from));
 }
 
-std::error_code renameReplacing(const char* from, const char* to) {
-  return resultOf(::rename(from, to));
-}
-
-/// How the finished copy gets its name.
-using Renaming = std::error_code (*)(const char* from, const char* to);
-
 std::error_code copyContents(int from, int to) {
   for (;;) {
     constexpr size_t kStepBytes = 1U << 20U;
@@ -69,7 +62,7 @@ std::error_code copyContents(int from, int to) {
   }
 }
 
-std::error_code moveAcrossFileSystems(const std::string& from, const std::string& to, Renaming rename) {
+std::error_code moveAcrossFileSystems(const std::string& from, const std::string& to) {
   const UniqueFd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
   if (!source || ::fstat(source.get(), &status) != 0) return lastError();
@@ -80,16 +73,16 @@ std::error_code moveAcrossFileSystems(const std::string& from, const std::string
   if (error) return error;
   if (::fchmod(copy.descriptor(), status.st_mode & 07777U) != 0) return lastError();
   if (::fsync(copy.descriptor()) != 0) return lastError();
-  error = rename(copy.path().c_str(), to.c_str());
+  error = renameWithoutReplacing(copy.path().c_str(), to.c_str());
   if (error) return error;
   copy.keep();
   return resultOf(::unlink(from.c_str()));
 }
 
-std::error_code moveFile(const std::string& from, const std::string& to, Renaming rename) {
-  std::error_code error = rename(from.c_str(), to.c_str());
+std::error_code moveFile(const std::string& from, const std::string& to) {
+  std::error_code error = renameWithoutReplacing(from.c_str(), to.c_str());
   // Folders that are bind mounts of their own, as a sandbox makes them, answer so even on one disk.
-  if (error == std::errc::cross_device_link) error = moveAcrossFileSystems(from, to, rename);
+  if (error == std::errc::cross_device_link) error = moveAcrossFileSystems(from, to);
   if (!error) syncDirectory(directoryOf(to));
   return error;
 }
@@ -157,12 +150,11 @@ std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& p
 }
 
 void LinuxFiles::finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
-                        platform::Existing existing, std::function<void(std::error_code)> done) {
+                        std::function<void(std::error_code)> done) {
   auto work = [file = std::make_shared<std::unique_ptr<platform::File>>(std::move(file)), from = rooted(from),
-               to = rooted(to),
-               rename = existing == platform::Existing::stays ? renameWithoutReplacing : renameReplacing] {
+               to = rooted(to)] {
     std::error_code error = resultOf(::fsync((*file)->descriptor()));
-    if (!error) error = moveFile(from, to, rename);
+    if (!error) error = moveFile(from, to);
     if (error) (void)::unlink(from.c_str());
     file->reset();  // whoever hears that it is done may open it anew: its lock is to be gone by then
     return error;

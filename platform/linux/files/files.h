@@ -26,7 +26,7 @@ class LinuxFiles final : public platform::Files {
 
   /// Across file systems the file is copied, by way of a name that starts with '.'.
   void finish(std::unique_ptr<platform::File> file, const std::string& from, const std::string& to,
-              platform::Existing existing, std::function<void(std::error_code)> done) override;
+              std::function<void(std::error_code)> done) override;
 
   std::optional<std::string> serializeJson(const platform::Dictionary& dictionary,
                                            std::string& error) override;

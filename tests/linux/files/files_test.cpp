@@ -18,7 +18,6 @@ namespace quorveld::linux_platform {
 namespace {
 
 using platform::EntryKind;
-using platform::Existing;
 
 class Files : public testing::Test {
  protected:
@@ -30,13 +29,12 @@ class Files : public testing::Test {
     EXPECT_FALSE(file->write(text));
   }
   /// Finishes the file at `from`, and waits until that is done.
-  std::error_code finish(const std::string& from, const std::string& to, Existing existing) {
+  std::error_code finish(const std::string& from, const std::string& to) {
     std::error_code error;
     auto file = files_.createProtected(from, error);
     if (!file) return error;
     std::promise<std::error_code> result;
-    files_.finish(std::move(file), from, to, existing,
-                  [&](std::error_code failure) { result.set_value(failure); });
+    files_.finish(std::move(file), from, to, [&](std::error_code failure) { result.set_value(failure); });
     return result.get_future().get();
   }
   size_t entriesIn(const std::string& path) const {
@@ -100,7 +98,7 @@ TEST_F(Files, WhatIsBeingFinishedIsNobodysToWriteAndIsDoneBeforeTheEnd) {
     }
     for (int i = 0; i < 3; ++i) {
       const std::string path = "/" + std::to_string(i);
-      files.finish(std::move(written[static_cast<size_t>(i)]), path, path + ".done", Existing::stays,
+      files.finish(std::move(written[static_cast<size_t>(i)]), path, path + ".done",
                    [](std::error_code failure) { EXPECT_FALSE(failure); });
     }
   }
@@ -139,17 +137,13 @@ TEST_F(Files, FinishingCrossesFileSystemsWithTheSamePromises) {
   std::filesystem::create_directory_symlink(other, root_ / "spool");
   const std::string text(3'000'000, 'x');
   make("/a", text);
-  EXPECT_FALSE(finish("/a", "/spool/a", Existing::stays));
+  EXPECT_FALSE(finish("/a", "/spool/a"));
   EXPECT_EQ(root_.read("spool/a"), text);
   EXPECT_FALSE(root_.exists("a"));
 
   make("/b", "b");
-  EXPECT_EQ(finish("/b", "/spool/a", Existing::stays), std::errc::file_exists);
+  EXPECT_EQ(finish("/b", "/spool/a"), std::errc::file_exists);
   EXPECT_EQ(root_.read("spool/a").size(), text.size());
-  EXPECT_FALSE(root_.exists("b"));
-  make("/b", "b");
-  EXPECT_FALSE(finish("/b", "/spool/a", Existing::replaced));
-  EXPECT_EQ(root_.read("spool/a"), "b");
   EXPECT_FALSE(root_.exists("b"));
   EXPECT_EQ(entriesIn("spool"), 1u);  // and no copy half done
   std::filesystem::remove_all(other);
