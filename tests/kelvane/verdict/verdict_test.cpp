@@ -2,192 +2,14 @@
 #include <signal.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
-
 #include "kelvane/capture/futex_wait.h"
-#include "kelvane/capture/pressure.h"
-#include "kelvane/capture/rivals.h"
-#include "kelvane/capture/surroundings.h"
-#include "kelvane/timeline/missing_switches.h"
-#include "kelvane/verdict/judge.h"
+#include "tests/kelvane/verdict/made_up_machine.h"
 
 namespace kelvane {
 namespace {
 
-constexpr uint64_t kMs = 1'000'000;
-constexpr int kApp = 100, kWorker = 101, kLogger = 102, kHog = 200, kOther = 300, kDatabase = 7;
-
-/// A machine of two CPUs and a hang of thread 100 from second 1 to second 11, recorded from second 0 on,
-/// which is looked at right at its end. Times are milliseconds.
-class Machine {
- public:
-  Machine() {
-    recording_.toNs = 11'000 * kMs;
-    recording_.threadNames = recordedNames();
-    process.pid = process.hungThread = kApp;
-    process.threads.resize(2);
-    process.threads[0].facts.tid = kApp;
-    process.threads[0].facts.comm = "viewer";
-    process.threads[0].facts.state = 'S';
-    process.threads[1].facts.tid = kWorker;
-    process.threads[1].facts.comm = "worker";
-  }
-
-  RecordedEvent& event(uint64_t atMs, RecordedKind kind, int tid, int other = 0, char state = '?') {
-    return recording_.events.emplace_back(RecordedEvent{atMs * kMs, kind, state, 0, tid, other, 0, 0, 0});
-  }
-  void switches(uint64_t atMs, int from, char state, int to, uint16_t cpu = 0) {
-    event(atMs, RecordedKind::contextSwitch, from, to, state).cpu = cpu;
-  }
-  void wakes(uint64_t atMs, int by, int whom) { event(atMs, RecordedKind::wakeup, by, whom); }
-  /// An interrupt that comes upon `by`, `us` after the event that it is about.
-  void interruptWakes(uint64_t atMs, int by, int whom, uint64_t us = 10) {
-    event(atMs, RecordedKind::wakeup, by, whom, 'i').atNs += us * 1'000;
-  }
-  /// From `fromMs` on; never comes back if `toMs` is 0.
-  void request(int by, uint64_t fromMs, uint64_t toMs, char operation = 'R') {
-    RecordedEvent& issue = event(fromMs, RecordedKind::blockIssue, by, 0, operation);
-    issue.value = fromMs;
-    issue.bytes = 500'000;
-    if (toMs != 0) event(toMs, RecordedKind::blockComplete, kHog).value = fromMs;
-  }
-  void coveredFrom(uint64_t ms) { recording_.coveredFromNs = ms * kMs; }
-  void withoutRecorder() { recording_ = {}; }
-  std::unordered_map<int32_t, std::string>& names() { return recording_.threadNames; }
-  void addMissing() { addMissingSwitches(recording_); }
-  ThreadFacts& look() { return process.threads[0].facts; }
-
-  std::vector<StateSpan> timeline() const {
-    return threadTimeline(recording_, kApp, process.threads[0].facts.state);
-  }
-  Verdict verdict() const {
-    auto findProcess = [this](NamedThread& thread) {
-      thread.pid = thread.tid == kWorker ? kApp : thread.tid;
-      thread.priority = thread.tid == realTime_ ? -51 : 20;
-    };
-    Recording recording = recording_;
-    std::stable_sort(recording.events.begin(), recording.events.end(),
-                     [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
-    const auto watchRivals = [this] { return rivals; };
-    return judge({1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after,
-                  watchRivals, findProcess});
-  }
-
-  /// Whatever a thread waited for before is forgotten.
-  void waits(int tid, WaitKind kind, int holder, const char* object = "") {
-    party(tid);
-    party(holder);
-    std::erase_if(process.waits.waits, [&](const PartyWait& wait) { return wait.tid == tid; });
-    process.waits.waits.push_back(
-        {tid, kind, object, {{isOwn(holder) ? kApp : holder, holder, Sureness::certain, ""}}});
-  }
-  void watched(int tid, uint64_t forMs, uint64_t ranMs) {
-    std::erase_if(process.waits.watches, [&](const PartyWatch& watch) { return watch.tid == tid; });
-    process.waits.watches.push_back({tid, false, false, false, forMs * kMs, ranMs * kMs});
-  }
-  ThreadFacts& party(int tid) {
-    for (WaitParty& known : process.waits.parties) {
-      if (known.facts.tid == tid) return known.facts;
-    }
-    const std::string name = recordedNames().at(tid);
-    WaitParty& made = process.waits.parties.emplace_back(
-        WaitParty{isOwn(tid) ? kApp : tid, isOwn(tid) ? "viewer" : name, {}});
-    made.facts.tid = tid;
-    made.facts.comm = name;
-    made.facts.state = 'S';
-    made.facts.priority = 20;
-    return made.facts;
-  }
-  void isRealTime(int tid) { realTime_ = tid; }
-
-  ProcessCapture process;
-  ProcessScan processes;
-  Pressure pressure;
-  Surroundings before, after;
-  std::optional<Rivals> rivals;
-
- private:
-  static bool isOwn(int tid) { return tid == kApp || tid == kWorker || tid == kLogger; }
-  static std::unordered_map<int32_t, std::string> recordedNames() {
-    return {{kApp, "viewer"}, {kWorker, "worker"}, {kLogger, "logger"},
-            {kHog, "hog"},    {kOther, "other"},   {kDatabase, "database"}};
-  }
-
-  int realTime_ = 0;
-  Recording recording_;
-};
-
-void expectSays(const Verdict& verdict, Cause cause, const std::string& part) {
-  EXPECT_STREQ(causeName(verdict.cause), causeName(cause)) << verdict.sentence;
-  EXPECT_NE(verdict.sentence.find(part), std::string::npos) << verdict.sentence;
-}
-
-uint64_t spentMs(const Verdict& verdict, ThreadState state) {
-  return verdict.spent.value_or(TimeByState{})[static_cast<size_t>(state)] / kMs;
-}
-
-TEST(ThreadTimeline, FollowsAThreadFromStateToState) {
-  Machine machine;
-  machine.coveredFrom(500);
-  machine.wakes(100, kHog, kApp);            // before the coverage: counts for nothing
-  machine.switches(2'000, kHog, 'R', kApp);  // woken before the coverage
-  machine.switches(3'000, kApp, 'D', kHog);
-  machine.wakes(4'000, kWorker, kApp);
-  machine.switches(5'000, kHog, 'R', kApp, 1);
-  machine.wakes(6'000, kHog, kApp);  // recorded before the switch that it undoes
-  machine.switches(6'001, kApp, 'S', kHog, 1);
-  machine.switches(7'000, kHog, 'R', kApp, 1);
-  machine.switches(8'000, kApp, 'T', kHog, 1);
-  machine.switches(9'000, kApp, 'S', kHog, 1);  // its way onto the CPU was lost
-  std::string states;
-  uint64_t atNs = 0;
-  for (const StateSpan& span : machine.timeline()) {
-    EXPECT_EQ(span.fromNs, atNs);
-    atNs = span.toNs;
-    states += std::string(threadStateName(span.state)) + " " + std::to_string(span.toNs / kMs) + ", ";
-  }
-  EXPECT_EQ(states,
-            "unknown 500, runnable 2000, running 3000, uninterruptible 4000, runnable 5000, running 6001, "
-            "runnable 7000, running 8000, unknown 9000, sleeping 11000, ");
-  EXPECT_EQ(machine.timeline()[3].wokenBy, kWorker);
-  EXPECT_EQ(machine.timeline()[4].cpu, 1);
-}
-
-TEST(ThreadTimeline, ASwitchFromIdleThatTheKernelKeptBackIsMadeUp) {
-  Machine machine;
-  machine.switches(1'000, kApp, 'S', 0);
-  machine.wakes(2'000, 0, kApp);
-  machine.event(2'001, RecordedKind::blockComplete, 0);
-  machine.switches(5'000, kApp, 'S', 0);
-  machine.addMissing();
-  auto spans = machine.timeline();
-  ASSERT_EQ(spans.size(), 5u);
-  EXPECT_EQ(spans[2].state, ThreadState::runnable);
-  EXPECT_EQ(spans[3].state, ThreadState::running);
-  EXPECT_EQ(spans[3].fromNs, 2'001 * kMs);
-  EXPECT_EQ(spans[3].toNs, 5'000 * kMs);
-
-  // It came from another CPU, long after this one had become idle.
-  Machine moved;
-  moved.switches(1'000, kApp, 'R', kHog);
-  moved.switches(2'000, kHog, 'S', kApp);
-  moved.switches(3'000, kOther, 'S', 0, 1);
-  moved.switches(6'000, kApp, 'R', kHog);
-  moved.switches(9'000, kApp, 'S', kOther, 1);
-  moved.addMissing();
-  EXPECT_EQ(timeByState(moved.timeline(), 0, 11'000 * kMs),
-            (TimeByState{8'000 * kMs, 1'000 * kMs, 2'000 * kMs, 0, 0, 0}));
-}
-
-TEST(ThreadTimeline, AThreadWithoutEventsIsJudgedByTheLook) {
-  Machine machine;
-  EXPECT_EQ(machine.timeline().front().state, ThreadState::sleeping);
-  machine.look().state = 'R';  // a CPU to itself, or none
-  EXPECT_EQ(machine.timeline().front().state, ThreadState::unknown);
-}
-
 TEST(Verdict, TellsBusyFromStarved) {
-  Machine busy;
+  MadeUpMachine busy;
   busy.look().state = 'R';
   busy.switches(900, kOther, 'S', kApp);
   busy.switches(5'000, kApp, 'R', kHog);
@@ -196,7 +18,7 @@ TEST(Verdict, TellsBusyFromStarved) {
   EXPECT_EQ(spentMs(busy.verdict(), ThreadState::runnable), 400u);
 
   // The busiest of all had the other CPU: it took nothing away.
-  Machine starved;
+  MadeUpMachine starved;
   starved.look().state = 'R';
   starved.switches(500, 0, 'R', kOther, 1);
   starved.switches(1'000, kApp, 'R', kHog);
@@ -206,7 +28,7 @@ TEST(Verdict, TellsBusyFromStarved) {
   ASSERT_EQ(verdict.busiest.size(), 2u);
   EXPECT_EQ(verdict.busiest[0].thread.name, "other");
 
-  Machine throttled;
+  MadeUpMachine throttled;
   throttled.look().state = 'R';
   throttled.switches(1'000, kApp, 'R', 0);
   throttled.switches(9'500, 0, 'R', kApp);
@@ -214,7 +36,7 @@ TEST(Verdict, TellsBusyFromStarved) {
 }
 
 TEST(Verdict, NamesWhatASleeperWaitsFor) {
-  Machine machine;
+  MadeUpMachine machine;
   machine.look().waitChannel = "futex_do_wait";
   machine.switches(1'500, kApp, 'S', kOther);
   machine.waits(kApp, WaitKind::lock, kWorker);
@@ -239,63 +61,8 @@ TEST(Verdict, NamesWhatASleeperWaitsFor) {
   EXPECT_FALSE(over.chain);
 }
 
-TEST(Verdict, TellsTheEndOfAChainFirst) {
-  Machine machine;
-  machine.switches(900, kApp, 'S', kOther);
-  machine.waits(kApp, WaitKind::lock, kWorker);
-  machine.waits(kWorker, WaitKind::lock, kLogger);
-  machine.party(kLogger).state = 'R';
-  machine.watched(kLogger, 40, 30);
-  expectSays(
-      machine.verdict(), Cause::lock,
-      "viewer (thread 100) waited for all of 10.0 s because thread 'logger' (102) was computing: 'worker' "
-      "(101) waits for a lock that it holds, and viewer for one that 'worker' holds.");
-  machine.watched(kLogger, 40, 1);
-  expectSays(machine.verdict(), Cause::starved, "because thread 'logger' (102) was not given a CPU: ");
-
-  // The recorder knows more than the look.
-  machine.switches(1'000, kLogger, 'R', kHog);
-  machine.switches(10'900, kHog, 'R', kLogger);
-  machine.watched(kLogger, 40, 30);
-  expectSays(machine.verdict(), Cause::starved,
-             "'logger' (102) was not given a CPU, which ran 'hog' (pid 200): ");
-  machine.isRealTime(kHog);
-  expectSays(machine.verdict(), Cause::priorityInversion, "'logger' (102) was not given a CPU");
-
-  machine.party(kLogger).state = 'T';
-  expectSays(machine.verdict(), Cause::stopped, "because thread 'logger' (102) was stopped: ");
-  machine.waits(kWorker, WaitKind::child, kHog, "end");
-  machine.party(kHog).state = 'Z';
-  expectSays(machine.verdict(), Cause::child,
-             "because process 'hog' (pid 200) has ended: 'worker' (101) waits for it, its child, to end");
-}
-
-TEST(Verdict, TellsADeadlock) {
-  Machine machine;
-  machine.withoutRecorder();
-  machine.waits(kApp, WaitKind::lock, kWorker);
-  machine.waits(kWorker, WaitKind::lock, kApp);
-  machine.watched(kApp, 40, 0);
-  expectSays(machine.verdict(), Cause::lock, "because thread 'worker' (101) waited");  // it may have moved
-  machine.watched(kWorker, 40, 0);
-  expectSays(
-      machine.verdict(), Cause::deadlock,
-      "viewer (thread 100) waited in a deadlock: it waits for a lock that thread 'worker' (101) holds, and "
-      "'worker' for one that viewer holds.");
-  machine.waits(kWorker, WaitKind::lock, kLogger);
-  machine.waits(kLogger, WaitKind::threadEnd, kWorker);
-  machine.watched(kLogger, 40, 0);
-  expectSays(
-      machine.verdict(), Cause::deadlock,
-      "waited because of a deadlock: 'worker' (101) waits for a lock that thread 'logger' (102) holds, and "
-      "'logger' waits for 'worker' to end; viewer waits for a lock that 'worker' holds.");
-  machine.waits(kApp, WaitKind::lock, kApp);
-  expectSays(machine.verdict(), Cause::deadlock,
-             "in a deadlock with itself: it waits for a lock that it holds itself.");
-}
-
 TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
-  Machine disk;
+  MadeUpMachine disk;
   disk.look().state = 'D';
   disk.switches(900, kApp, 'D', 0);
   for (uint64_t ms = 1'000; ms < 9'000; ms += 1'000) disk.request(kApp, ms, ms + 900);
@@ -310,20 +77,20 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   disk.event(9'999, RecordedKind::fileFault, kApp);
   expectSays(disk.verdict(), Cause::memory, "read back in (1 page)");
 
-  Machine dead;  // one request that never comes back
+  MadeUpMachine dead;  // one request that never comes back
   dead.switches(900, kApp, 'D', 0);
   dead.request(kApp, 1'000, 0, 'W');
   dead.look().state = 'D';
   expectSays(dead.verdict(), Cause::disk, "waited for took 10.0 s; the system had 1 request:");
 
-  Machine kernel;
+  MadeUpMachine kernel;
   kernel.look().state = 'D';
   kernel.look().waitChannel = "kernel_clone";
   kernel.switches(900, kApp, 'D', 0);
   for (uint64_t ms = 1'000; ms < 11'000; ms++) kernel.request(kOther, ms, ms + 1);
   expectSays(kernel.verdict(), Cause::child, "for a child that it had made by vfork");
 
-  Machine stopped;
+  MadeUpMachine stopped;
   stopped.event(2'000, RecordedKind::signal, kApp, kOther).value = SIGSTOP;
   stopped.switches(2'000, kApp, 'T', 0);
   expectSays(stopped.verdict(), Cause::stopped,
@@ -331,12 +98,12 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   stopped.look().tracerPid = 5;
   expectSays(stopped.verdict(), Cause::stopped, "by a debugger (tracer pid 5)");
 
-  Machine suspended;
+  MadeUpMachine suspended;
   suspended.event(2'000, RecordedKind::suspendBegin, kOther);
   suspended.event(8'000, RecordedKind::suspendEnd, kOther);
   expectSays(suspended.verdict(), Cause::suspended, "for 6.0 of 10.0 s of the hang");
 
-  Machine reclaiming;
+  MadeUpMachine reclaiming;
   reclaiming.switches(500, kOther, 'S', kApp);
   reclaiming.event(2'000, RecordedKind::reclaimBegin, kApp);
   expectSays(reclaiming.verdict(), Cause::memory, "free memory itself for 9.0 of 10.0 s");
@@ -344,7 +111,7 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
 
 TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
   // Another process keeps the disk busy; the wait ends with a request that was quick, long held back.
-  Machine limited;
+  MadeUpMachine limited;
   limited.look().state = 'R';
   limited.switches(1'000, kApp, 'D', 0);
   for (uint64_t ms = 1'000; ms < 10'000; ms += 200) limited.request(kOther, ms, ms + 100);
@@ -357,7 +124,7 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
              "9.0 of 10.0 s because the disk I/O of its control group /app is limited");
 
   // Its own was as long as the wait: one of the many that were issued.
-  Machine own;
+  MadeUpMachine own;
   own.look().state = 'R';
   own.switches(1'000, kApp, 'D', 0);
   own.request(kOther, 1'001, 9'999, 'W');
@@ -372,7 +139,7 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
   // A journal's thread brings the request back; a lock's holder had a request of its own, and nothing to do
   // with the sleeper's.
   for (const bool isJournal : {true, false}) {
-    Machine helped;
+    MadeUpMachine helped;
     helped.look().state = 'R';
     helped.names()[kOther] = isJournal ? "jbd2/vda-8" : "server";
     helped.switches(1'000, kApp, 'D', kOther);
@@ -386,7 +153,7 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
                isJournal ? "for the disk" : "the longest time until 'server' (pid 300) woke it");
   }
 
-  Machine frozen;
+  MadeUpMachine frozen;
   frozen.switches(900, kApp, 'D', 0);
   frozen.request(kApp, 901, 0);
   frozen.look().state = 'D';
@@ -406,21 +173,21 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
 }
 
 TEST(Verdict, SumsUpWhoEndedManySleeps) {
-  auto sleeping = [](Machine& machine, auto&& ends) {
+  auto sleeping = [](MadeUpMachine& machine, auto&& ends) {
     for (uint64_t ms = 1'000; ms < 11'000; ms += 200) {
       machine.switches(ms, kApp, 'S', 0);
       ends(ms + 190);
       machine.switches(ms + 191, 0, 'R', kApp);
     }
   };
-  Machine lock;  // each time for the one that the look finds to hold it
+  MadeUpMachine lock;  // each time for the one that the look finds to hold it
   lock.waits(kApp, WaitKind::lock, kWorker);
   lock.party(kWorker).state = 'R';
   sleeping(lock, [&](uint64_t ms) { lock.wakes(ms, kWorker, kApp); });
   expectSays(lock.verdict(), Cause::lock,
              "waited for 9.5 of 10.0 s because thread 'worker' (101) was computing");
 
-  Machine others;  // the look finds something else than what kept it
+  MadeUpMachine others;  // the look finds something else than what kept it
   others.waits(kApp, WaitKind::peer, kDatabase, "a pipe");
   others.look().syscall = SystemCall{SYS_read, {}};
   sleeping(others, [&](uint64_t ms) {
@@ -438,7 +205,7 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
   ASSERT_EQ(verdict.wakers.size(), 2u);
   EXPECT_EQ(verdict.wakers[0].sleeps, 40u);
 
-  Machine retries;
+  MadeUpMachine retries;
   retries.look().syscall = SystemCall{SYS_clock_nanosleep, {}};
   sleeping(retries, [&](uint64_t ms) {
     retries.event(ms, RecordedKind::timeOut, kHog);
@@ -454,7 +221,7 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
   retries.look().syscall = SystemCall{SYS_epoll_pwait, {3, 0, 1, 5'000}};  // what it does now is another wait
   expectSays(retries.verdict(), Cause::sleeping, "time-outs");
 
-  Machine late;  // the network's interrupt comes long after the timer's, upon the same bystander
+  MadeUpMachine late;  // the network's interrupt comes long after the timer's, upon the same bystander
   late.look().state = 'R';
   late.switches(1'000, kApp, 'S', kHog);
   late.event(10'000, RecordedKind::timeOut, kHog);
@@ -464,7 +231,7 @@ TEST(Verdict, SumsUpWhoEndedManySleeps) {
 }
 
 TEST(Verdict, TellsOfEveryLongPhase) {
-  Machine machine;
+  MadeUpMachine machine;
   machine.look().syscall = SystemCall{SYS_futex, {}};
   machine.switches(1'000, kOther, 'S', kApp);
   machine.switches(7'000, kApp, 'S', 0);
@@ -477,7 +244,7 @@ TEST(Verdict, TellsOfEveryLongPhase) {
 }
 
 TEST(Verdict, BlamesALimitOnlyForWhatItMayHaveDone) {
-  Machine machine;  // bystanders have the CPUs while the group is held back
+  MadeUpMachine machine;  // bystanders have the CPUs while the group is held back
   machine.look().state = 'R';
   machine.switches(1'000, kApp, 'R', kHog);
   machine.names()[kOther] = machine.names()[kHog] = "loader";
@@ -497,7 +264,7 @@ TEST(Verdict, BlamesALimitOnlyForWhatItMayHaveDone) {
 }
 
 TEST(Verdict, IsAsCautiousAsItsEvidence) {
-  Machine machine;
+  MadeUpMachine machine;
   machine.coveredFrom(8'000);
   machine.switches(8'500, kApp, 'D', 0);
   machine.look().state = 'D';
