@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <unordered_map>
 
 namespace quorveld::sim {
 
@@ -11,7 +12,9 @@ namespace {
 class SimProcessTable final : public platform::ProcessTable {
  public:
   SimProcessTable(std::vector<SimProcess> processes, FaultPlan& faults)
-      : processes_(std::move(processes)), faults_(faults) {}
+      : processes_(std::move(processes)), faults_(faults) {
+    for (const SimProcess& process : processes_) byPid_.try_emplace(process.pid, &process);
+  }
 
   int listBytes() override {
     return faults_.fails(Op::processListBytes) ? 0 : static_cast<int>(4 * processes_.size());
@@ -46,12 +49,12 @@ class SimProcessTable final : public platform::ProcessTable {
 
  private:
   const SimProcess* find(int32_t pid) const {
-    const auto process = std::find_if(processes_.begin(), processes_.end(),
-                                      [pid](const SimProcess& candidate) { return candidate.pid == pid; });
-    return process == processes_.end() ? nullptr : &*process;
+    const auto process = byPid_.find(pid);
+    return process == byPid_.end() ? nullptr : process->second;
   }
 
   const std::vector<SimProcess> processes_;
+  std::unordered_map<int32_t, const SimProcess*> byPid_;
   FaultPlan& faults_;
 };
 
