@@ -39,7 +39,7 @@ class SampleApplication(ScratchTest):
         # The counters reach the file within a second.
         counters = daemon.root / "var/lib/quorveld/quorveld.prom"
         until(lambda: counters.exists() and re.search(
-            r'quorveld_distribution_ms_count\{key="com\.corvix\.quorvel\.MainThread\.com\.corvix\.quorvel\.sample"'
+            r'quorveld_duration_seconds_count\{key="com\.corvix\.quorvel\.MainThread\.com\.corvix\.quorvel\.sample"'
             r',hang="MainThread",bundle="com\.corvix\.quorvel\.sample",process="quorvel-sample"\} 1\n',
             counters.read_text()), "the hang's duration in the counters")
 

@@ -6,6 +6,8 @@
 namespace quorvelctl {
 namespace {
 
+constexpr double kMsPerSecond = 1000;
+
 struct Sample {
   std::string name;
   std::map<std::string, std::string> labels;
@@ -82,15 +84,15 @@ std::optional<uint64_t> countOf(const Sample& sample) {
 }
 
 bool add(const Sample& sample, Metrics& metrics) {
-  constexpr std::string_view kDistribution = "quorveld_distribution_ms";
+  constexpr std::string_view kDistribution = "quorveld_duration_seconds";
   const std::string key = label(sample, "key");
   if (sample.name == "quorveld_build_info") metrics.version = label(sample, "version");
   if (sample.name == "quorveld_scalar") metrics.scalars[key] = sample.value;
-  if (sample.name == "quorveld_counter_total") metrics.counters[key] = sample.value;
+  if (sample.name == "quorveld_events_total") metrics.counters[key] = sample.value;
   if (!sample.name.starts_with(kDistribution)) return true;
   const std::string_view part = std::string_view(sample.name).substr(kDistribution.size());
   Distribution& distribution = metrics.distributions[key];
-  if (part == "_sum") distribution.sumMs = sample.value;
+  if (part == "_sum") distribution.sumMs = sample.value * kMsPerSecond;
   if (part != "_count" && part != "_bucket") return true;
   const std::optional<uint64_t> count = countOf(sample);
   if (!count) return false;
@@ -99,7 +101,7 @@ bool add(const Sample& sample, Metrics& metrics) {
     return true;
   }
   const std::optional<double> limit = parseNumber(label(sample, "le"));
-  if (limit) distribution.upTo.emplace_back(*limit, *count);
+  if (limit) distribution.upTo.emplace_back(*limit * kMsPerSecond, *count);
   return limit.has_value();
 }
 

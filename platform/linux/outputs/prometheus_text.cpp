@@ -11,6 +11,8 @@ namespace quorveld::linux_platform {
 
 namespace {
 
+constexpr double kMsPerSecond = 1000;
+
 std::string number(double value) {
   std::array<char, 32> digits;
   return {digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr};
@@ -51,12 +53,12 @@ void appendHistogram(std::string& text, const std::string& label, const Distribu
   uint64_t upTo = 0;
   for (size_t i = 0; i < distribution.buckets.size(); ++i) {
     upTo += distribution.buckets[i];
-    const std::string bound = i < kBucketBoundsMs.size() ? number(kBucketBoundsMs[i]) : "+Inf";
-    text.append("quorveld_distribution_ms_bucket").append(label).append(",le=\"").append(bound);
+    const std::string bound = i < kBucketBoundsMs.size() ? number(kBucketBoundsMs[i] / kMsPerSecond) : "+Inf";
+    text.append("quorveld_duration_seconds_bucket").append(label).append(",le=\"").append(bound);
     text.append("\"} ").append(std::to_string(upTo)).append("\n");
   }
-  text += "quorveld_distribution_ms_sum" + label + "} " + number(distribution.sum) + "\n";
-  text += "quorveld_distribution_ms_count" + label + "} " + std::to_string(distribution.count) + "\n";
+  text += "quorveld_duration_seconds_sum" + label + "} " + number(distribution.sum / kMsPerSecond) + "\n";
+  text += "quorveld_duration_seconds_count" + label + "} " + std::to_string(distribution.count) + "\n";
 }
 
 template <typename Values>
@@ -109,11 +111,11 @@ std::string prometheusText(const Metrics& metrics, const OwnFigures& own) {
     appendValues(text, "quorveld_scalar", {}, metrics.scalars);
   }
   if (!metrics.counters.empty()) {
-    appendFamily(text, "quorveld_counter_total", "counter", "What was added under the key since the start.");
-    appendValues(text, "quorveld_counter_total", metrics.counterLabels, metrics.counters);
+    appendFamily(text, "quorveld_events_total", "counter", "What was added under the key since the start.");
+    appendValues(text, "quorveld_events_total", metrics.counterLabels, metrics.counters);
   }
   if (!metrics.distributions.empty()) {
-    appendFamily(text, "quorveld_distribution_ms", "histogram", "Durations reported under the key.");
+    appendFamily(text, "quorveld_duration_seconds", "histogram", "Durations reported under the key.");
     for (const auto& [key, distribution] : metrics.distributions)
       appendHistogram(text, labelsOf(metrics.distributionLabels, key), distribution);
   }

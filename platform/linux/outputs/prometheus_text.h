@@ -49,7 +49,7 @@ struct Metrics {
 };
 
 /// `metrics` in Prometheus's text format 0.0.4: the families quorveld_build_info, and, where there are
-/// any, quorveld_scalar, quorveld_counter_total and quorveld_distribution_ms with a label `key` for the key.
+/// any, quorveld_scalar, quorveld_events_total and quorveld_duration_seconds with a label `key` for the key.
 /// Keys are written as well-formed UTF-8.
 /// The names in a key are labels beside it. `own` is told in families of its own.
 std::string prometheusText(const Metrics& metrics, const OwnFigures& own);

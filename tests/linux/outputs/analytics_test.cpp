@@ -55,20 +55,20 @@ TEST(PrometheusText, EscapesKeysAndSumsUpBuckets) {
   };
   EXPECT_TRUE(has("quorveld_scalar{key=\"a\\\"b\\\\c\\nd" + bad + bad + bad + bad + "\"} -5"));
   EXPECT_TRUE(has("quorveld_build_info{version=\"" QV_VERSION "\"} 1"));
-  EXPECT_TRUE(has("# TYPE quorveld_counter_total counter"));
-  EXPECT_TRUE(has("quorveld_counter_total{key=\"hängt\"} 18446744073709551615"));
-  EXPECT_TRUE(has("# TYPE quorveld_distribution_ms histogram"));
+  EXPECT_TRUE(has("# TYPE quorveld_events_total counter"));
+  EXPECT_TRUE(has("quorveld_events_total{key=\"hängt\"} 18446744073709551615"));
+  EXPECT_TRUE(has("# TYPE quorveld_duration_seconds histogram"));
   EXPECT_TRUE(has(
-      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"50\"} 2"));
+      "quorveld_duration_seconds_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"0.05\"} 2"));
   EXPECT_TRUE(has(
-      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"100\"} 3"));
+      "quorveld_duration_seconds_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"0.1\"} 3"));
   EXPECT_TRUE(has(
-      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"3e+05\"} 4"));
+      "quorveld_duration_seconds_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"300\"} 4"));
   EXPECT_TRUE(has(
-      "quorveld_distribution_ms_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"+Inf\"} 5"));
+      "quorveld_duration_seconds_bucket{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\",le=\"+Inf\"} 5"));
   EXPECT_TRUE(
-      has("quorveld_distribution_ms_sum{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 600100.5"));
-  EXPECT_TRUE(has("quorveld_distribution_ms_count{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 5"))
+      has("quorveld_duration_seconds_sum{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 600.1005"));
+  EXPECT_TRUE(has("quorveld_duration_seconds_count{key=\"d\",hang=\"Main\\\"Thread\",process=\"viewer\"} 5"))
       << text;
   EXPECT_TRUE(has("quorveld_cpu_seconds_total 1.5"));
   EXPECT_TRUE(has("quorveld_spool_bytes 70"));
@@ -86,14 +86,14 @@ TEST_F(Analytics, FileIsWrittenOnceASecondAfterAChangeAndAtTheEnd) {
     analytics.addToScalar("k", 3, {});
     EXPECT_FALSE(root_.exists(kFile));
     sim_.advance(milliseconds(600));
-    expectSoon("quorveld_counter_total{key=\"k\"} 5");
+    expectSoon("quorveld_events_total{key=\"k\"} 5");
     EXPECT_EQ(linesWith("distribution"), 0u);
 
     analytics.addToScalar("k", 1, {});
     sim_.advance(milliseconds(800));
-    EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k\"} 5"), 1u);
+    EXPECT_EQ(linesWith("quorveld_events_total{key=\"k\"} 5"), 1u);
     sim_.advance(milliseconds(300));
-    expectSoon("quorveld_counter_total{key=\"k\"} 6");
+    expectSoon("quorveld_events_total{key=\"k\"} 6");
 
     std::filesystem::remove(root_ / kFile);
     sim_.advance(milliseconds(5000));
@@ -125,14 +125,14 @@ TEST_F(Analytics, KeysBeyondTheLimitShareOneAndNothingIsLostOfThoseThatGo) {
     analytics.pushDistribution("honest", 5, kHonest);
     analytics.setScalar(std::string(kMaxAnalyticsKeyBytes, 'x') + "cut", 1);
   }
-  EXPECT_EQ(linesWith("quorveld_counter_total{"), kMaxAnalyticsKeys + 1);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"(other)\"} 11"), 1u);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k0\"}"), 0u);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"k1\"} 2"), 1u);
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"honest\"} 5"), 1u);
-  EXPECT_EQ(linesWith("quorveld_distribution_ms_count{key=\"(other)\"} 1"), 1u);
-  EXPECT_EQ(linesWith("quorveld_distribution_ms_bucket{key=\"(other)\",le=\"50\"} 0"), 1u);
-  EXPECT_EQ(linesWith("quorveld_distribution_ms_sum{key=\"(other)\"} 60"), 1u);
+  EXPECT_EQ(linesWith("quorveld_events_total{"), kMaxAnalyticsKeys + 1);
+  EXPECT_EQ(linesWith("quorveld_events_total{key=\"(other)\"} 11"), 1u);
+  EXPECT_EQ(linesWith("quorveld_events_total{key=\"k0\"}"), 0u);
+  EXPECT_EQ(linesWith("quorveld_events_total{key=\"k1\"} 2"), 1u);
+  EXPECT_EQ(linesWith("quorveld_events_total{key=\"honest\"} 5"), 1u);
+  EXPECT_EQ(linesWith("quorveld_duration_seconds_count{key=\"(other)\"} 1"), 1u);
+  EXPECT_EQ(linesWith("quorveld_duration_seconds_bucket{key=\"(other)\",le=\"0.05\"} 0"), 1u);
+  EXPECT_EQ(linesWith("quorveld_duration_seconds_sum{key=\"(other)\"} 0.06"), 1u);
   EXPECT_EQ(linesWith("xx\"} 1"), 1u);
   EXPECT_EQ(sim_.logs.lines.size(), 1u) << sim_.logs.dump();
 }
@@ -175,7 +175,7 @@ TEST_F(Analytics, ASeriesKeepsItsFirstLabelsWhoeverElseMakesUpItsKey) {
     for (size_t i = 1; i < kMaxAnalyticsKeys; ++i) analytics.addToScalar(std::to_string(i), 1, honest);
     analytics.addToScalar("x", 1, forger);  // in the place of the longest unused
   }
-  EXPECT_EQ(linesWith("quorveld_counter_total{key=\"a.b.c\""), 0u) << "it gave up its place";
+  EXPECT_EQ(linesWith("quorveld_events_total{key=\"a.b.c\""), 0u) << "it gave up its place";
   EXPECT_EQ(linesWith("_count{key=\"a.b.c\",hang=\"a\",bundle=\"b.c\"} 2"), 1u);
 }
 

@@ -11,12 +11,12 @@ TEST(MetricsText, ReadsTheDaemonsFamilies) {
       "quorveld_build_info{version=\"9.8.7\"} 1\n"
       "# HELP quorveld_scalar s\n# TYPE quorveld_scalar gauge\n"
       "quorveld_scalar{key=\"limit\"} -3\n"
-      "quorveld_counter_total{key=\"a \\\"b\\\\c\\n}\"} 7\n"
-      "quorveld_distribution_ms_bucket{key=\"hang\",le=\"500\"} 3\n"
-      "quorveld_distribution_ms_bucket{key=\"hang\",le=\"1000\"} 9\n"
-      "quorveld_distribution_ms_bucket{key=\"hang\",le=\"+Inf\"} 10\n"
-      "quorveld_distribution_ms_sum{key=\"hang\"} 6000.5\n"
-      "quorveld_distribution_ms_count{key=\"hang\"} 10\n"
+      "quorveld_events_total{key=\"a \\\"b\\\\c\\n}\"} 7\n"
+      "quorveld_duration_seconds_bucket{key=\"hang\",le=\"0.5\"} 3\n"
+      "quorveld_duration_seconds_bucket{key=\"hang\",le=\"1\"} 9\n"
+      "quorveld_duration_seconds_bucket{key=\"hang\",le=\"+Inf\"} 10\n"
+      "quorveld_duration_seconds_sum{key=\"hang\"} 6.0005\n"
+      "quorveld_duration_seconds_count{key=\"hang\"} 10\n"
       "other_metric 5\n";
   size_t line = 0;
   const auto metrics = quorvelctl::parseMetrics(text, line).value_or(quorvelctl::Metrics{});
@@ -33,9 +33,9 @@ TEST(MetricsText, ReadsTheDaemonsFamilies) {
 TEST(MetricsText, SaysWhichLineIsBroken) {
   for (const char* broken :
        {"quorveld_scalar{key=\"a} 1", "quorveld_scalar", "quorveld_scalar{key=\"a\"} x",
-        "quorveld_scalar{key}", "quorveld_distribution_ms_bucket{key=\"a\"} 1",
-        "quorveld_distribution_ms_count{key=\"a\"} -3", "quorveld_distribution_ms_count{key=\"a\"} nan",
-        "quorveld_distribution_ms_bucket{key=\"a\",le=\"1\"} 1e30"}) {
+        "quorveld_scalar{key}", "quorveld_duration_seconds_bucket{key=\"a\"} 1",
+        "quorveld_duration_seconds_count{key=\"a\"} -3", "quorveld_duration_seconds_count{key=\"a\"} nan",
+        "quorveld_duration_seconds_bucket{key=\"a\",le=\"1\"} 1e30"}) {
     size_t line = 0;
     EXPECT_FALSE(quorvelctl::parseMetrics(std::string("good 1\n") + broken, line)) << broken;
     EXPECT_EQ(line, 2u);
