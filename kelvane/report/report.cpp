@@ -7,6 +7,7 @@
 #include "kelvane/base/deadline.h"
 #include "kelvane/report/host_info.h"
 #include "kelvane/report/recorder_tracks.h"
+#include "kelvane/report/signature.h"
 #include "kelvane/report/trace_events.h"
 #include "kelvane/report/verdict_json.h"
 #include "kelvane/verdict/display_names.h"
@@ -87,7 +88,8 @@ void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks&
   if (report.request.maxTicks) json.member("MaxTimestamp", *report.request.maxTicks);
   writeHost(json);
   writeCapture(json, report);
-  if (report.verdict) writeVerdict(json, *report.verdict);
+  writeText(json, "signature", signatureOf(report));
+  if (report.verdict) writeVerdict(json, *report.verdict, report.process);
   json.key("leftOut");
   json.beginArray();
   writeOmissions(json, report.request.omissions);

@@ -15,6 +15,11 @@ void writeNames(JsonWriter& json, const NamedThread& thread) {
   json.member("process", std::string_view(thread.process));
 }
 
+void writeFunction(JsonWriter& json, const ProcessCapture& process, pid_t tid) {
+  const std::string function = functionOf(process, tid);
+  if (!function.empty()) json.member("function", std::string_view(function));
+}
+
 void writeEvidence(JsonWriter& json, const Verdict& verdict) {
   json.key("evidence");
   json.beginObject();
@@ -119,7 +124,7 @@ void writeWaitsFor(JsonWriter& json, const ChainLink& link) {
   json.endObject();
 }
 
-void writeChain(JsonWriter& json, const ChainVerdict& verdict) {
+void writeChain(JsonWriter& json, const ChainVerdict& verdict, const ProcessCapture& process) {
   json.key("chain");
   json.beginArray();
   const auto& links = verdict.chain.links;
@@ -132,6 +137,7 @@ void writeChain(JsonWriter& json, const ChainVerdict& verdict) {
     if (!facts.waitChannel.empty()) json.member("waitChannel", std::string_view(facts.waitChannel));
     const char* call = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
     if (call) json.member("syscallName", call);
+    writeFunction(json, process, facts.tid);
     json.member("text", std::string_view(verdict.steps[i]));
     if (i >= firstCulprit) json.member("culprit", chainEndName(verdict.end));
     if (links[i].wait) writeWaitsFor(json, links[i]);
@@ -151,17 +157,18 @@ void writePressureLine(JsonWriter& json, const char* name, const std::optional<P
 
 }  // namespace
 
-void writeVerdict(JsonWriter& json, const Verdict& verdict) {
+void writeVerdict(JsonWriter& json, const Verdict& verdict, const ProcessCapture& process) {
   json.key("verdict");
   json.beginObject();
   json.member("cause", causeName(verdict.cause));
   json.member("sentence", std::string_view(verdict.sentence));
+  writeFunction(json, process, process.hungThread);
   writeEvidence(json, verdict);
   if (verdict.spent) writeSpent(json, *verdict.spent);
   writePhases(json, verdict.phases);
   writeWaits(json, verdict.waits);
   writeWakers(json, verdict.wakers);
-  if (verdict.chain) writeChain(json, *verdict.chain);
+  if (verdict.chain) writeChain(json, *verdict.chain, process);
   writeBusiest(json, verdict.busiest);
   if (verdict.disk) writeDisk(json, *verdict.disk);
   json.key("pressure");

@@ -1,8 +1,11 @@
 #include "kelvane/verdict/display_names.h"
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <iterator>
+#include <string_view>
 
 namespace kelvane {
 
@@ -52,20 +55,35 @@ std::string quoted(const std::string& name) {
   return name.empty() ? std::string() : " '" + name + "'";
 }
 
-std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
+std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread) {
   constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
                                                          "libpthread", "libstdc++.so", "libc++.so"};
-  auto isPlumbing = [&](const Frame& frame) {
-    if (frame.module < 0) return false;
-    std::string module = fileName(process.modules[static_cast<size_t>(frame.module)].path);
+  auto isPlumbing = [&](const Frame* frame) {
+    if (frame->module < 0) return false;
+    std::string module = fileName(process.modules[static_cast<size_t>(frame->module)].path);
     return std::any_of(kPlumbing.begin(), kPlumbing.end(),
                        [&](auto name) { return module.starts_with(name); });
   };
-  if (!thread.stack || thread.stack->frames.empty()) return {};
-  const auto& frames = thread.stack->frames;
-  auto found = std::find_if(frames.begin(), frames.end(),
-                            [&](uint32_t index) { return !isPlumbing(process.frames[index]); });
-  const Frame& frame = process.frames[found == frames.end() ? frames.front() : *found];
+  if (!thread.stack) return {};
+  std::vector<const Frame*> all;
+  for (uint32_t index : thread.stack->frames) all.push_back(&process.frames[index]);
+  std::vector<const Frame*> own;
+  std::remove_copy_if(all.begin(), all.end(), std::back_inserter(own), isPlumbing);
+  return own.empty() ? all : own;
+}
+
+std::string functionOf(const ProcessCapture& process, pid_t tid) {
+  auto thread = std::find_if(process.threads.begin(), process.threads.end(),
+                             [&](const ThreadCapture& each) { return each.facts.tid == tid; });
+  if (thread == process.threads.end()) return {};
+  const auto frames = ownFrames(process, *thread);
+  return frames.empty() ? std::string() : frameName(process, *frames.front());
+}
+
+std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
+  const auto frames = ownFrames(process, thread);
+  if (frames.empty()) return {};
+  const Frame& frame = *frames.front();
   std::string text = ", in " + frameName(process, frame);
   if (frame.name.empty() || frame.module < 0) return text;
   return text + " (" + fileName(process.modules[static_cast<size_t>(frame.module)].path) + ")";

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "kelvane/capture/captured_process.h"
 
@@ -26,8 +27,15 @@ std::string frameName(const ProcessCapture& process, const Frame& frame);
 /// " 'name'"; empty of no name.
 std::string quoted(const std::string& name);
 
-/// ", in FUNCTION (FILE)": the function that the thread was in, the innermost one that is not of a language's
-/// own libraries, where programs wait and read the clock. Empty without a stack.
+/// The frames of the thread's stack, innermost first, without those of a language's own libraries, where
+/// programs wait and read the clock; all of them if there are no others.
+std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread);
+
+/// The name of the frame that the process's thread `tid` was in: the innermost of its own ones. Empty without
+/// a stack.
+std::string functionOf(const ProcessCapture& process, pid_t tid);
+
+/// ", in FUNCTION (FILE)": where the thread was, as `functionOf` has it. Empty without a stack.
 std::string placeText(const ProcessCapture& process, const ThreadCapture& thread);
 
 }  // namespace kelvane

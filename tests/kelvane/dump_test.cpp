@@ -127,6 +127,15 @@ TEST(Dump, WithoutNamesFramesSayModuleOffsetAndBuildId) {
   }
   ASSERT_EQ(offsetsOfFunction.size(), 1u);
   EXPECT_TRUE(offsetsInBare.contains(*offsetsOfFunction.begin()));
+
+  // Loaded at other addresses, it hangs in the same way.
+  HangTarget again("kinds");
+  for (const Dump* first : {&named, &bare}) {
+    Dump second = dumpOf(again.pid(), again.thread(), first == &named);
+    EXPECT_EQ(second.report["metadata"]["signature"], first->report["metadata"]["signature"]);
+    EXPECT_EQ(second.report["metadata"]["verdict"]["function"],
+              first->report["metadata"]["verdict"]["function"]);
+  }
 }
 
 TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {

@@ -1,14 +1,11 @@
 #include "tools/export/report_line.h"
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 namespace quorvelctl {
 namespace {
-
-constexpr size_t kSignatureFrames = 5;
 
 const ReportThread* hungThread(const Report& report) {
   return !report.threads.empty() && report.threads.front().hung ? &report.threads.front() : nullptr;
@@ -37,20 +34,6 @@ double spentMs(const Report& report, const char* state) {
 }
 
 }  // namespace
-
-std::string signatureOf(const Report& report) {
-  std::string text = report.header.processName() + '\n' + report.header.serviceName + '\n' +
-                     (report.verdict ? report.verdict->cause : "");
-  if (const ReportThread* thread = hungThread(report)) {
-    const size_t frames = std::min(thread->userStack.size(), kSignatureFrames);
-    for (size_t i = 0; i < frames; ++i) text += '\n' + thread->userStack[i].name;
-  }
-  uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  char digits[17];
-  std::snprintf(digits, sizeof digits, "%016" PRIx64, hash);
-  return digits;
-}
 
 std::string culpritOf(const Report& report) {
   if (!report.verdict) return innermost(report);
@@ -82,7 +65,7 @@ nlohmann::ordered_json reportLine(const Report& report, const std::string& fileN
       {"sentence", textOrNull(report.verdict ? report.verdict->sentence : "")},
       {"culprit", textOrNull(culpritOf(report))},
       {"function", textOrNull(innermost(report))},
-      {"signature", signatureOf(report)},
+      {"signature", textOrNull(report.signature)},
   };
   if (header.durationMs() >= 0) line["durationMs"] = header.durationMs();
   for (const char* state : {"running", "runnable", "sleeping", "uninterruptible"})

@@ -8,10 +8,6 @@
 
 namespace quorvelctl {
 
-/// What tells hangs of one cause from others, the same on every device: process, hang, cause and the
-/// innermost functions of the hung thread; 16 hexadecimal digits.
-std::string signatureOf(const Report& report);
-
 /// Who kept the hung thread waiting in the end, going by the verdict's chain, or else the innermost function
 /// of the hung thread. Empty when nobody is known.
 std::string culpritOf(const Report& report);

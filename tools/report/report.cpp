@@ -1,7 +1,6 @@
 #include "tools/report/report.h"
 
 #include <algorithm>
-#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -94,22 +93,11 @@ std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
   return threads;
 }
 
-/// Where the links were: the innermost frame that is not of a language's own libraries, where programs wait.
-void addFunctions(const Json& frames, const Trace& trace, std::vector<ReportVerdict::Link>& chain) {
-  constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
-                                                         "libpthread", "libstdc++.so", "libc++.so"};
-  const auto isPlumbing = [&](const ReportFrame& frame) {
-    const std::string module = frame.module.substr(frame.module.rfind('/') + 1);
-    return std::any_of(kPlumbing.begin(), kPlumbing.end(),
-                       [&](std::string_view name) { return module.starts_with(name); });
-  };
-  for (ReportVerdict::Link& link : chain) {
-    const auto innermost = trace.innermostFrames.find(link.thread.tid);
-    if (innermost == trace.innermostFrames.end()) continue;
-    const std::vector<ReportFrame> stack = userStack(frames, innermost->second);
-    const auto own = std::find_if_not(stack.begin(), stack.end(), isPlumbing);
-    if (own != stack.end()) link.function = own->name;
-  }
+/// Empty of anything but a signature: databases have 16 characters for it.
+std::string signatureOf(const Json& metadata) {
+  std::string text = textMember(metadata, "signature");
+  const bool isOne = text.size() == 16 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+  return isOne ? text : std::string();
 }
 
 }  // namespace
@@ -173,13 +161,13 @@ std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
   report.madeAt = textMember(member(metadata, "capture"), "time");
   report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
   report.host = hostOf(member(metadata, "host"));
+  report.signature = signatureOf(metadata);
   report.verdict = verdictOf(member(metadata, "verdict"));
   for (const Json& omission : member(metadata, "leftOut")) {
     report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
   }
   report.trace = trace.finish();
   report.threads = threadsOf(*json, report.trace);
-  if (report.verdict) addFunctions(member(*json, "stackFrames"), report.trace, report.verdict->chain);
   return report;
 }
 

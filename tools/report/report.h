@@ -68,6 +68,7 @@ struct Report {
   std::string writtenBy;  ///< program and version
   double lookedAtUs = 0;  ///< CLOCK_MONOTONIC, when the stacks were copied; 0: not said
   std::string host;
+  std::string signature;  ///< 16 hexadecimal digits; empty: it has none
   std::optional<ReportVerdict> verdict;
   std::vector<ReportThread> threads;  ///< the hung one first
   Trace trace;

@@ -36,7 +36,7 @@ ReportVerdict::Link linkOf(const Json& json) {
           textMember(json, "text"),
           textMember(waitsFor, "sureness"),
           textMember(waitsFor, "evidence"),
-          {},
+          textMember(json, "function"),
           !textMember(json, "culprit").empty()};
 }
 
@@ -67,6 +67,7 @@ std::optional<ReportVerdict> verdictOf(const Json& json) {
   ReportVerdict verdict;
   verdict.cause = textMember(json, "cause");
   verdict.sentence = textMember(json, "sentence");
+  verdict.function = textMember(json, "function");
   const Json& evidence = member(json, "evidence");
   verdict.evidence = {textMember(evidence, "source"), numberMember(evidence, "windowMs"),
                       numberMember(evidence, "coveredMs"), integerMember(evidence, "eventsLost")};

@@ -62,6 +62,7 @@ struct ReportVerdict {
 
   std::string cause;
   std::string sentence;
+  std::string function;  ///< where the hung thread was; empty: not known
   Evidence evidence;
   std::vector<std::pair<std::string, double>> spent;  ///< state and milliseconds, most first, no 0
   std::vector<Wait> waits;                            ///< longest first

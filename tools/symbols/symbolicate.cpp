@@ -54,6 +54,12 @@ std::string renamedIn(std::string sentence, const Names& names) {
   return sentence;
 }
 
+/// The new name of a function; the old one where there is none.
+const std::string& renamed(const std::string& function, const Names& names) {
+  const auto name = names.byOldName.find(function);
+  return name == names.byOldName.end() || name->second.empty() ? function : name->second;
+}
+
 /// Writes JSON as it is read, but for the names. Numbers and the order of members stay as they are.
 class Rewriter final : public nlohmann::json_sax<Json> {
  public:
@@ -116,8 +122,9 @@ bool Rewriter::string(string_t& value) {
     const auto frame = names_.byFrame.find(path_[1]);
     return put(quoted(frame == names_.byFrame.end() ? value : frame->second));
   }
-  if (isIn("metadata", 3) && path_[1] == "verdict" && member == "sentence") {
-    return put(quoted(renamedIn(value, names_)));
+  if (path_.size() >= 3 && path_[0] == "metadata" && path_[1] == "verdict") {
+    if (member == "sentence") return put(quoted(renamedIn(value, names_)));
+    if (member == "function") return put(quoted(renamed(value, names_)));
   }
   put(quoted(value));
   if (!isIn("traceEvents", 3)) return true;
@@ -132,9 +139,8 @@ bool Rewriter::string(string_t& value) {
 /// Of an event the category may come after the name, so the name is put right at the end.
 bool Rewriter::end_object() {
   if (isIn("traceEvents", 3)) {
-    const auto name = names_.byOldName.find(name_);
-    if (isUserFrame_ && nameAt_ != 0 && name != names_.byOldName.end() && !name->second.empty()) {
-      text.replace(nameAt_, quoted(name_).size(), quoted(name->second));
+    if (isUserFrame_ && nameAt_ != 0) {
+      text.replace(nameAt_, quoted(name_).size(), quoted(renamed(name_, names_)));
     }
     nameAt_ = 0;
     isUserFrame_ = false;

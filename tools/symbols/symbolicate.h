@@ -17,7 +17,7 @@ struct NamedReport {
 };
 
 /// Puts names in the place of addresses: in the stack frames, in the intervals that draw them, and in the
-/// verdict's sentence. Nothing, and why, when `text` is no report.
+/// verdict's sentence and functions. Nothing, and why, when `text` is no report.
 std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error);
 
 }  // namespace quorvelctl

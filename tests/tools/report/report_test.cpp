@@ -55,9 +55,9 @@ TEST(ReportFile, ItsVerdictComesFirst) {
 "waits":[{"ts":1000500,"durationMs":8000,"state":"sleeping","waitChannel":"futex_do_wait",
 "wokenBy":{"tid":42,"name":"worker","pid":41,"process":"viewer"}},{"ts":999000,"durationMs":10,"state":"sleeping"},
 {"durationMs":1}],
-"chain":[{"tid":41,"name":"viewer","pid":41,"process":"viewer","text":"waits for a lock that 'wor\u001b' (42) holds",
+"chain":[{"tid":41,"name":"viewer","pid":41,"process":"viewer","function":"main","text":"waits for a lock that 'wor\u001b' (42) holds",
 "waitsFor":{"kind":"lock","tid":42,"sureness":"certain","evidence":"the mutex's owner"}},
-{"tid":42,"name":"worker","pid":41,"process":"viewer","text":"waits for 'bus' (55), through a pipe","waitsFor":{"sureness":"likely"}},
+{"tid":42,"name":"worker","pid":41,"process":"viewer","function":"read","text":"waits for 'bus' (55), through a pipe","waitsFor":{"sureness":"likely"}},
 {"tid":55,"name":"bus","pid":55,"process":"bus","text":"slept","culprit":"slept"}],
 "busiest":[{"tid":9,"name":"hog","pid":8,"process":"hogs","runningMs":4250}],
 "disk":{"requests":3,"readBytes":4096,"writtenBytes":-1,"busyMs":20,"slowestMs":9},
@@ -71,7 +71,7 @@ TEST(ReportFile, ItsVerdictComesFirst) {
             "Who waited for whom\n"
             "      THREAD                           IN    DOES\n"
             "      viewer (41) of the same process  main  waits for a lock that 'wor?' (42) holds\n"
-            "      worker (42) of the same process  main  waits for 'bus' (55), through a pipe (likely)\n"
+            "      worker (42) of the same process  read  waits for 'bus' (55), through a pipe (likely)\n"
             "  =>  bus (55)                         -     slept\n\n"
             "How the hung thread spent the time\n"
             "  STATE     FOR     SHARE   \n"

@@ -55,8 +55,8 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   // As a report has it, and as it has to be once its function is called `name`: members and digits stay as
   // they are.
   const auto report = [&](const std::string& module, const std::string& buildId, const std::string& name) {
-    return R"({"metadata":{"PID":4,"verdict":{"sentence":"in )" + name +
-           R"(."}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
+    return R"({"metadata":{"PID":4,"verdict":{"sentence":"in )" + name + R"(.","chain":[{"function":")" +
+           name + R"(","text":"m+0x1"}],"function":"0x5"}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
            R"(","cat":"user","ts":1.500,"args":{"name":"m+0x1"}},{"name":"m+0x1","cat":"cpu","dur":1e300},{}],)" +
            R"("stackFrames":{"9":{"name":"do_futex","category":"kernel"},"2":{"name":")" + name +
            R"(","category":"m","module":")" + module + R"(","offset":")" + offset + R"(","build_id":")" +
