@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/page/report_html.h"
 #include "tools/report/report.h"
+#include "tools/report/report_list.h"
 #include "tools/report/report_text.h"
 
 namespace {
@@ -19,11 +21,11 @@ bool has(const std::string& text, std::string_view part) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   std::string error;
-  if (const auto header = quorvelctl::parseReportHeader(text, error)) {
-    quorvelctl::displayText(*header);
-    quorvelctl::ReportEntry entry;
-    entry.header = *header;
-    quorvelctl::reportTable({entry});
+  if (const auto metadata = quorvelctl::parseReportMetadata(text, error)) {
+    quorvelctl::displayText(metadata->header);
+    const std::vector<quorvelctl::ReportEntry> entries{{"a.kelvane", 0, size, *metadata, {}}};
+    quorvelctl::reportTable(entries);
+    quorvelctl::groupTable(quorvelctl::reportGroups(entries));
   }
   const auto report = quorvelctl::parseReport(text, error);
   if (!report) return 0;

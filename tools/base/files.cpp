@@ -54,6 +54,13 @@ off_t endOfLines(int fd, off_t length) {
 }  // namespace
 
 std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error) {
+  std::optional<std::string> bytes = readStart(path, maxBytes + 1, error);
+  if (!bytes || bytes->size() <= maxBytes) return bytes;
+  error = std::make_error_code(std::errc::file_too_large);
+  return std::nullopt;
+}
+
+std::optional<std::string> readStart(const std::string& path, size_t maxBytes, std::error_code& error) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (file.get() < 0 || fstat(file.get(), &status) != 0) {
@@ -65,12 +72,12 @@ std::optional<std::string> readFile(const std::string& path, size_t maxBytes, st
   std::string bytes;
   while (!error) {
     const size_t before = bytes.size();
-    bytes.resize(before + size_t{64} * 1024);
+    if (before == maxBytes) return bytes;
+    bytes.resize(std::min(before + size_t{64} * 1024, maxBytes));
     const ssize_t length = read(file.get(), bytes.data() + before, bytes.size() - before);
     if (length < 0) error = lastError();
     bytes.resize(before + static_cast<size_t>(length > 0 ? length : 0));
     if (length == 0) return bytes;
-    if (bytes.size() > maxBytes) error = std::make_error_code(std::errc::file_too_large);
   }
   return std::nullopt;
 }

@@ -14,6 +14,10 @@ inline constexpr size_t kMaxFileBytes = size_t{256} * 1024 * 1024;
 /// `maxBytes`.
 std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error);
 
+/// The first `maxBytes` of the regular file at `path`, or all of it; nothing, and the reason, when it can't
+/// be read.
+std::optional<std::string> readStart(const std::string& path, size_t maxBytes, std::error_code& error);
+
 /// Makes the directories above `path` that are missing.
 [[nodiscard]] std::error_code makeFolderOf(const std::string& path);
 

@@ -81,6 +81,12 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+std::string shortened(std::string text, size_t maxBytes) {
+  if (text.size() <= maxBytes) return text;
+  while (maxBytes > 0 && (text[maxBytes] & 0xC0) == 0x80) --maxBytes;
+  return text.substr(0, maxBytes) + "…";
+}
+
 std::string table(const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> widths;
   for (const auto& row : rows) {
@@ -106,6 +112,10 @@ std::string table(const std::vector<std::vector<std::string>>& rows) {
     }
   }
   return text;
+}
+
+nlohmann::ordered_json textOrNull(const std::string& text) {
+  return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
 }
 
 std::string jsonText(const nlohmann::ordered_json& value) {

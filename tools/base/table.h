@@ -11,6 +11,9 @@ namespace quorvelctl {
 /// hold, become '?'.
 std::string printable(std::string_view text);
 
+/// `text`, or its beginning of at most `maxBytes` with "…" behind it, whole characters only.
+std::string shortened(std::string text, size_t maxBytes);
+
 /// How wide tables may be, in characters, from now on: a terminal's width, or 60 where that is narrower. At
 /// first, and for what isn't shown on a terminal, as wide as they come out: one line a row.
 void setTableWidth(size_t characters);
@@ -20,6 +23,9 @@ void setTableWidth(size_t characters);
 /// of their own, indented; what is wider than a whole line is broken at blanks. Room for two blanks is left,
 /// for whoever indents the lines.
 std::string table(const std::vector<std::vector<std::string>>& rows);
+
+/// `text`, or null where there is none.
+nlohmann::ordered_json textOrNull(const std::string& text);
 
 /// `value` on one or more lines with a line break at the end; what is no UTF-8 in it is replaced.
 std::string jsonText(const nlohmann::ordered_json& value);

@@ -16,6 +16,13 @@ std::string durationText(double ms) {
   return ms < 1000 ? fixed(ms, 0) + " ms" : fixed(ms / 1000, 2) + " s";
 }
 
+std::string utcTime(time_t time) {
+  tm parts{};
+  char text[32] = "";
+  if (gmtime_r(&time, &parts)) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text;
+}
+
 std::string sizeText(uint64_t bytes) {
   constexpr double kKilobyte = 1024;
   const auto size = static_cast<double>(bytes);

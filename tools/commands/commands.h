@@ -11,7 +11,8 @@ namespace quorvelctl {
 void addPrefsCommands(CLI::App& app, Context& context);
 void addNotifyCommand(CLI::App& app, Context& context);
 void addReportsCommands(CLI::App& app, Context& context);
-/// One of the reports' commands.
+// Some of the reports' commands.
+void addReportListCommands(CLI::App& reports, Context& context);
 void addExportCommand(CLI::App& reports, Context& context);
 void addMemoryCommands(CLI::App& app, Context& context);
 void addMemoryNowCommand(CLI::App& memory, Context& context);  ///< to those

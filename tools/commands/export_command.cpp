@@ -13,7 +13,6 @@
 #include "tools/commands/commands.h"
 #include "tools/commands/spool.h"
 #include "tools/export/report_line.h"
-#include "tools/export/since.h"
 
 namespace quorvelctl {
 namespace {
@@ -48,14 +47,8 @@ std::string lineOf(Context& context, const ReportEntry& entry, const std::string
 }
 
 void exportReports(Context& context, const ExportArguments& arguments) {
-  const std::optional<time_t> since =
-      arguments.since.empty() ? time_t{0} : sinceTime(arguments.since, std::time(nullptr));
-  if (!since) {
-    context.fail("--since takes 90m, 24h, 7d, 2w, 2026-03-01 or 2026-03-01T10:00:00Z, not \"" +
-                     printable(arguments.since) + '"',
-                 kWrongUsage);
-    return;
-  }
+  const std::optional<time_t> since = sinceOption(context, arguments.since);
+  if (!since) return;
   const auto entries = spoolEntries(context);
   if (!entries) return;
   std::string lines;

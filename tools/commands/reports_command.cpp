@@ -1,7 +1,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "tools/base/files.h"
 #include "tools/base/table.h"
@@ -15,51 +17,6 @@
 
 namespace quorvelctl {
 namespace {
-
-void readHeader(const std::string& path, ReportEntry& entry) {
-  std::error_code error;
-  const std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
-  if (!text) {
-    entry.problem = error.message();
-  } else if (const auto header = parseReportHeader(*text, entry.problem)) {
-    entry.header = *header;
-  }
-}
-
-nlohmann::ordered_json jsonEntry(const ReportEntry& entry) {
-  tm parts{};
-  char date[32] = "";
-  if (gmtime_r(&entry.writtenAt, &parts)) std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  nlohmann::ordered_json json{{"file", entry.fileName}, {"date", date}, {"sizeBytes", entry.sizeBytes}};
-  if (!entry.problem.empty()) {
-    json["problem"] = entry.problem;
-    return json;
-  }
-  const ReportHeader& header = entry.header;
-  json.update({{"kind", header.kind()},
-               {"process", header.processName()},
-               {"pid", header.pid},
-               {"name", header.serviceName},
-               {"reason", header.reason},
-               {"durationMs", nullptr}});
-  if (header.durationMs() >= 0) json["durationMs"] = header.durationMs();
-  return json;
-}
-
-void listReports(Context& context) {
-  auto entries = spoolEntries(context);
-  if (!entries) return;
-  nlohmann::ordered_json json = nlohmann::ordered_json::array();
-  for (ReportEntry& entry : *entries) {
-    readHeader(context.path(kSpool) + "/" + entry.fileName, entry);
-    json.push_back(jsonEntry(entry));
-  }
-  if (!context.json && entries->empty()) {
-    std::puts(kNoReport);
-  } else {
-    std::fputs((context.json ? jsonText(json) : reportTable(*entries)).c_str(), stdout);
-  }
-}
 
 /// Where the report that was asked for is: the newest when no name was given. Empty when there is none, which
 /// has been told, and is a failure if there must be one.
@@ -184,9 +141,7 @@ void addSymbolicate(CLI::App& reports, Context& context) {
 void addReportsCommands(CLI::App& app, Context& context) {
   CLI::App* reports = app.add_subcommand("reports", "Show the trace reports of hangs and slow launches");
   reports->require_subcommand(1);
-  reports->add_subcommand("list", "All reports, oldest first")->callback([&context] {
-    listReports(context);
-  });
+  addReportListCommands(*reports, context);
   addShow(*reports, context);
   addExportCommand(*reports, context);
   addSymbolicate(*reports, context);

@@ -6,6 +6,9 @@
 #include <filesystem>
 #include <tuple>
 
+#include "tools/base/table.h"
+#include "tools/export/since.h"
+
 namespace quorvelctl {
 
 std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
@@ -27,6 +30,17 @@ std::optional<std::vector<ReportEntry>> spoolEntries(Context& context) {
     return std::tie(a.writtenAt, a.fileName) < std::tie(b.writtenAt, b.fileName);
   });
   return entries;
+}
+
+std::optional<time_t> sinceOption(Context& context, const std::string& since) {
+  if (since.empty()) return 0;
+  const std::optional<time_t> time = sinceTime(since, std::time(nullptr));
+  if (!time) {
+    context.fail(
+        "--since takes 90m, 24h, 7d, 2w, 2026-03-01 or 2026-03-01T10:00:00Z, not \"" + printable(since) + '"',
+        kWrongUsage);
+  }
+  return time;
 }
 
 }  // namespace quorvelctl

@@ -1,8 +1,10 @@
 #include "tools/export/report_line.h"
 
-#include <algorithm>
-#include <ctime>
 #include <nlohmann/json.hpp>
+
+#include "tools/base/table.h"
+#include "tools/base/units.h"
+#include "tools/report/verdict_text.h"
 
 namespace quorvelctl {
 namespace {
@@ -16,15 +18,6 @@ std::string innermost(const Report& report) {
   return thread && !thread->userStack.empty() ? thread->userStack.front().name : "";
 }
 
-std::string ownerText(const VerdictThread& thread) {
-  return thread.process.empty() || thread.process == thread.name ? thread.name
-                                                                 : thread.process + "/" + thread.name;
-}
-
-nlohmann::ordered_json textOrNull(const std::string& text) {
-  return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(text);
-}
-
 double spentMs(const Report& report, const char* state) {
   if (!report.verdict) return 0;
   for (const auto& [name, ms] : report.verdict->spent) {
@@ -35,23 +28,12 @@ double spentMs(const Report& report, const char* state) {
 
 }  // namespace
 
-std::string culpritOf(const Report& report) {
-  if (!report.verdict) return innermost(report);
-  const auto& chain = report.verdict->chain;
-  const auto culprit =
-      std::find_if(chain.begin(), chain.end(), [](const auto& link) { return link.isCulprit; });
-  return culprit == chain.end() ? innermost(report) : ownerText(culprit->thread);
-}
-
 nlohmann::ordered_json reportLine(const Report& report, const std::string& fileName, time_t writtenAt,
                                   const std::string& device) {
   const ReportHeader& header = report.header;
-  tm parts{};
-  char date[32] = "";
-  if (gmtime_r(&writtenAt, &parts)) std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%SZ", &parts);
   nlohmann::ordered_json line{
       {"file", fileName},
-      {"writtenAt", date},
+      {"writtenAt", utcTime(writtenAt)},
       {"device", device},
       {"host", textOrNull(report.host)},
       {"version", textOrNull(report.writtenBy)},

@@ -1,7 +1,6 @@
 #include "tools/page/verdict_html.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <string_view>
 
@@ -10,35 +9,6 @@
 
 namespace quorvelctl {
 namespace {
-
-/// What each cause is called on its badge; the first one is for what is none of them.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 19> kCauses{{
-    {"unknown", "cause unknown"},
-    {"own-cpu", "likely cause: own CPU time"},
-    {"starved", "likely cause: starved of CPU"},
-    {"disk", "likely cause: disk"},
-    {"lock", "likely cause: lock"},
-    {"peer", "likely cause: another process"},
-    {"child", "likely cause: a child process"},
-    {"file-lock", "likely cause: a lock on a file"},
-    {"network", "likely cause: network"},
-    {"server", "likely cause: a file system's server"},
-    {"deadlock", "likely cause: deadlock"},
-    {"priority-inversion", "likely cause: priority inversion"},
-    {"throttled", "likely cause: a control group's limit"},
-    {"frozen", "likely cause: it was frozen"},
-    {"swapping", "likely cause: swapping"},
-    {"memory", "likely cause: memory"},
-    {"stopped", "likely cause: it was stopped"},
-    {"suspended", "likely cause: suspend"},
-    {"sleeping", "likely cause: it slept"},
-}};
-
-std::string_view causeText(const std::string& cause) {
-  const auto known =
-      std::find_if(kCauses.begin(), kCauses.end(), [&](const auto& entry) { return entry.first == cause; });
-  return known == kCauses.end() ? kCauses.front().second : known->second;
-}
 
 Html row(std::initializer_list<Html> cells) {
   Html content;

@@ -4,7 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
+#include <utility>
 
 #include "tools/report/report_json.h"
 
@@ -100,6 +100,25 @@ std::string signatureOf(const Json& metadata) {
   return isOne ? text : std::string();
 }
 
+std::optional<ReportMetadata> metadataOf(const Json& json, std::string& error) {
+  if (!json.is_object()) {
+    error = "it has no metadata";
+    return std::nullopt;
+  }
+  ReportMetadata metadata;
+  metadata.header = headerOf(json);
+  metadata.writtenBy = textMember(json, "writtenBy");
+  metadata.madeAt = textMember(member(json, "capture"), "time");
+  metadata.lookedAtUs = numberMember(member(json, "capture"), "ts");
+  metadata.host = hostOf(member(json, "host"));
+  metadata.signature = signatureOf(json);
+  metadata.verdict = verdictOf(member(json, "verdict"));
+  for (const Json& omission : member(json, "leftOut")) {
+    metadata.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
+  }
+  return metadata;
+}
+
 }  // namespace
 
 ReportFrame reportFrame(const Json& frame) {
@@ -128,45 +147,18 @@ std::string ReportHeader::kind() const {
   return serviceName == "Fence-hang" ? "fence hang" : "hang";
 }
 
-std::optional<ReportHeader> parseReportHeader(std::string_view bytes, std::string& error) {
-  constexpr std::string_view kStart = "{\"metadata\":";
-  if (!bytes.starts_with(kStart)) {
-    const std::optional<Report> report = parseReport(bytes, error);
-    return report ? std::optional(report->header) : std::nullopt;
-  }
-  std::istringstream rest{std::string(bytes.substr(kStart.size()))};
-  try {
-    Json metadata;
-    rest >> metadata;  // reads one value and no further
-    return headerOf(metadata);
-  } catch (const Json::exception&) {
-    error = "its metadata is broken or cut off";
-    return std::nullopt;
-  }
+std::optional<ReportMetadata> parseReportMetadata(std::string_view bytes, std::string& error) {
+  const auto metadata = parseMetadataJson(bytes, error);
+  return metadata ? metadataOf(*metadata, error) : std::nullopt;
 }
 
 std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
   TraceReader trace;
   const auto json = parseReportJson(
       bytes, [&](const Json& event) { trace.take(event); }, error);
-  if (!json) return std::nullopt;
-  const Json& metadata = member(*json, "metadata");
-  if (!metadata.is_object()) {
-    error = "it has no metadata";
-    return std::nullopt;
-  }
-  Report report;
-  report.header = headerOf(metadata);
-  report.writtenBy = textMember(metadata, "writtenBy");
-  report.madeAt = textMember(member(metadata, "capture"), "time");
-  report.lookedAtUs = numberMember(member(metadata, "capture"), "ts");
-  report.host = hostOf(member(metadata, "host"));
-  report.signature = signatureOf(metadata);
-  report.verdict = verdictOf(member(metadata, "verdict"));
-  for (const Json& omission : member(metadata, "leftOut")) {
-    report.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
-  }
-  report.trace = trace.finish();
+  auto metadata = json ? metadataOf(member(*json, "metadata"), error) : std::nullopt;
+  if (!metadata) return std::nullopt;
+  Report report{std::move(*metadata), {}, trace.finish()};
   report.threads = threadsOf(*json, report.trace);
   return report;
 }

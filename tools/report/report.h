@@ -62,7 +62,8 @@ struct ReportThread {
   std::string stackCutOff;               ///< why it ends early
 };
 
-struct Report {
+/// What stands first in a report.
+struct ReportMetadata {
   ReportHeader header;
   std::string madeAt;     ///< UTC
   std::string writtenBy;  ///< program and version
@@ -70,17 +71,20 @@ struct Report {
   std::string host;
   std::string signature;  ///< 16 hexadecimal digits; empty: it has none
   std::optional<ReportVerdict> verdict;
+  std::vector<std::pair<std::string, std::string>> leftOut;
+};
+
+struct Report : ReportMetadata {
   std::vector<ReportThread> threads;  ///< the hung one first
   Trace trace;
-  std::vector<std::pair<std::string, std::string>> leftOut;
 };
 
 /// One entry of a report's stack frames.
 ReportFrame reportFrame(const Json& frame);
 
-/// Reads a report's header alone, without parsing what follows it when it stands first. Nothing, and why,
-/// when `text` is no report.
-std::optional<ReportHeader> parseReportHeader(std::string_view text, std::string& error);
+/// Reads a report's metadata alone: `text` may end anywhere behind it. Nothing, and why, when `text` is no
+/// report.
+std::optional<ReportMetadata> parseReportMetadata(std::string_view text, std::string& error);
 
 /// Reads a whole report; a part that is missing or of another type stays empty.
 std::optional<Report> parseReport(std::string_view text, std::string& error);

@@ -10,10 +10,13 @@ namespace {
 /// siblings at the end of every object, which takes minutes where there are many.)
 class JsonReader final : public nlohmann::json_sax<Json> {
  public:
-  explicit JsonReader(const std::function<void(const Json&)>& take) : take_(take) {}
+  /// `metadataAlone`: it stops at the end of the report's metadata, as if that were wrong.
+  JsonReader(const std::function<void(const Json&)>& take, bool metadataAlone)
+      : take_(take), metadataAlone_(metadataAlone) {}
 
   Json root;
   size_t brokenAt = 0;
+  bool hasMetadata = false;
 
   bool null() override { return add(nullptr); }
   bool boolean(bool value) override { return add(value); }
@@ -25,7 +28,10 @@ class JsonReader final : public nlohmann::json_sax<Json> {
 
   bool key(string_t& name) override {
     key_ = std::move(name);
-    if (open_.size() == 1) inEvents_ = key_ == "traceEvents";
+    if (open_.size() == 1) {
+      inEvents_ = key_ == "traceEvents";
+      inMetadata_ = key_ == "metadata";
+    }
     return true;
   }
   bool start_object(size_t) override { return open(Json::object()); }
@@ -34,6 +40,10 @@ class JsonReader final : public nlohmann::json_sax<Json> {
   bool end_object() override {
     const Json& object = *open_.back();
     open_.pop_back();
+    if (metadataAlone_ && inMetadata_ && open_.size() == 1) {
+      hasMetadata = true;
+      return false;
+    }
     if (inEvents_ && open_.size() == 2 && open_.back()->is_array()) {
       take_(object);
       open_.back()->clear();
@@ -73,17 +83,32 @@ class JsonReader final : public nlohmann::json_sax<Json> {
   std::vector<Json*> open_;  // from the root inwards
   std::string key_;
   bool inEvents_ = false;
+  bool inMetadata_ = false;
+  const bool metadataAlone_;
 };
+
+std::string problemOf(const JsonReader& reader, std::string_view bytes) {
+  return reader.brokenAt > bytes.size()
+             ? "it is cut off"
+             : "it isn't JSON from byte " + std::to_string(reader.brokenAt) + " on";
+}
 
 }  // namespace
 
 std::optional<Json> parseReportJson(std::string_view bytes, const std::function<void(const Json&)>& take,
                                     std::string& error) {
-  JsonReader reader(take);
+  JsonReader reader(take, false);
   if (Json::sax_parse(bytes, &reader)) return std::move(reader.root);
-  error = reader.brokenAt > bytes.size()
-              ? "it is cut off"
-              : "it isn't JSON from byte " + std::to_string(reader.brokenAt) + " on";
+  error = problemOf(reader, bytes);
+  return std::nullopt;
+}
+
+std::optional<Json> parseMetadataJson(std::string_view bytes, std::string& error) {
+  const std::function<void(const Json&)> forget = [](const Json&) {};
+  JsonReader reader(forget, true);
+  if (Json::sax_parse(bytes, &reader)) return Json();
+  if (reader.hasMetadata) return std::move(reader.root["metadata"]);
+  error = problemOf(reader, bytes);
   return std::nullopt;
 }
 

@@ -14,4 +14,8 @@ namespace quorvelctl {
 std::optional<Json> parseReportJson(std::string_view bytes, const std::function<void(const Json&)>& take,
                                     std::string& error);
 
+/// The member `metadata` of a report's JSON, without a look at what follows it: a report has it first. Null
+/// when there is none; nothing, and why, when `bytes` is no JSON up to there.
+std::optional<Json> parseMetadataJson(std::string_view bytes, std::string& error);
+
 }  // namespace quorvelctl

@@ -1,6 +1,7 @@
 #include "tools/report/report_text.h"
 
-#include <ctime>
+#include <string>
+#include <vector>
 
 #include "tools/base/table.h"
 #include "tools/base/units.h"
@@ -8,13 +9,6 @@
 
 namespace quorvelctl {
 namespace {
-
-std::string localTime(time_t time) {
-  tm parts{};
-  char text[32] = "";
-  if (localtime_r(&time, &parts)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
 
 std::string frameText(const ReportFrame& frame) {
   const std::string place = frame.place();
@@ -90,22 +84,6 @@ std::string displayText(const ReportHeader& header) {
                           : " from " + durationText(-beforeMs) + " into it";
   }
   return text;
-}
-
-std::string reportTable(const std::vector<ReportEntry>& entries) {
-  std::vector<std::vector<std::string>> rows{{"DATE", "KIND", "PROCESS", "NAME", "DURATION", "SIZE", "FILE"}};
-  for (const ReportEntry& entry : entries) {
-    const ReportHeader& header = entry.header;
-    if (entry.problem.empty()) {
-      rows.push_back({localTime(entry.writtenAt), header.kind(), printable(header.processName()),
-                      printable(header.serviceName), durationText(header.durationMs()),
-                      sizeText(entry.sizeBytes), printable(entry.fileName)});
-    } else {
-      rows.push_back({localTime(entry.writtenAt), "unreadable", "-", "-", "-", sizeText(entry.sizeBytes),
-                      printable(entry.fileName)});
-    }
-  }
-  return table(rows);
 }
 
 std::string reportText(const Report& report) {

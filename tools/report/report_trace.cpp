@@ -4,6 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "tools/base/table.h"
+
 namespace quorvelctl {
 namespace {
 
@@ -22,13 +24,6 @@ std::optional<TraceEvent::Kind> kindOf(const std::string& category) {
   return std::nullopt;
 }
 
-std::string shortened(std::string text) {
-  if (text.size() <= kMaxTextBytes) return text;
-  size_t end = kMaxTextBytes;
-  while (end > 0 && (text[end] & 0xC0) == 0x80) --end;  // not in the midst of a character
-  return text.substr(0, end) + "…";
-}
-
 }  // namespace
 
 uint32_t TraceReader::textIndex(const std::string& text) {
@@ -45,7 +40,7 @@ void TraceReader::take(const Json& event) {
   const double start = numberMember(event, "ts");
   const double duration = phase == "X" ? numberMember(event, "dur") : 0;
   if (!kind || std::abs(start) > kMaxTimeUs || duration < 0 || duration > kMaxTimeUs) return;
-  trace_.events.push_back({*kind, textIndex(shortened(textMember(event, "name"))),
+  trace_.events.push_back({*kind, textIndex(shortened(textMember(event, "name"), kMaxTextBytes)),
                            integerMember(event, "tid"), integerMember(member(event, "args"), "tid"), start,
                            duration});
 }

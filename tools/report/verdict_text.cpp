@@ -1,5 +1,7 @@
 #include "tools/report/verdict_text.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 
@@ -11,6 +13,29 @@ namespace {
 
 /// Of each list: who wants them all has the page, and the report.
 constexpr size_t kMaxRowsShown = 5;
+
+/// What each cause is called on its badge; the first one is for what is none of them.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 19> kCauses{{
+    {"unknown", "cause unknown"},
+    {"own-cpu", "likely cause: own CPU time"},
+    {"starved", "likely cause: starved of CPU"},
+    {"disk", "likely cause: disk"},
+    {"lock", "likely cause: lock"},
+    {"peer", "likely cause: another process"},
+    {"child", "likely cause: a child process"},
+    {"file-lock", "likely cause: a lock on a file"},
+    {"network", "likely cause: network"},
+    {"server", "likely cause: a file system's server"},
+    {"deadlock", "likely cause: deadlock"},
+    {"priority-inversion", "likely cause: priority inversion"},
+    {"throttled", "likely cause: a control group's limit"},
+    {"frozen", "likely cause: it was frozen"},
+    {"swapping", "likely cause: swapping"},
+    {"memory", "likely cause: memory"},
+    {"stopped", "likely cause: it was stopped"},
+    {"suspended", "likely cause: suspend"},
+    {"sleeping", "likely cause: it slept"},
+}};
 
 using Rows = std::vector<std::vector<std::string>>;
 
@@ -87,6 +112,11 @@ std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) 
   return "\n" + indented(table(rows));
 }
 
+std::string ownerText(const VerdictThread& thread) {
+  return thread.process.empty() || thread.process == thread.name ? thread.name
+                                                                 : thread.process + "/" + thread.name;
+}
+
 std::string percentText(double percent) {
   char text[64];
   std::snprintf(text, sizeof text, "%.1f %%", percent);
@@ -94,6 +124,21 @@ std::string percentText(double percent) {
 }
 
 }  // namespace
+
+const std::vector<std::string>& causeNames() {
+  static const std::vector<std::string> kNames = [] {
+    std::vector<std::string> names;
+    for (const auto& [name, text] : kCauses) names.emplace_back(name);
+    return names;
+  }();
+  return kNames;
+}
+
+std::string_view causeText(const std::string& cause) {
+  const auto known =
+      std::find_if(kCauses.begin(), kCauses.end(), [&](const auto& entry) { return entry.first == cause; });
+  return known == kCauses.end() ? kCauses.front().second : known->second;
+}
 
 bool isNegligible(double ms, const ReportVerdict& verdict) {
   constexpr double kShare = 0.0005;  // which is told as 0.0 %
@@ -112,6 +157,19 @@ std::string threadText(const VerdictThread& thread, const ReportHeader& header) 
 std::string stepText(const ReportVerdict::Link& link) {
   if (link.sureness.empty() || link.sureness == "certain") return link.text;
   return link.text + (link.sureness == "likely" ? " (likely)" : " (a guess)");
+}
+
+std::string culpritOf(const ReportMetadata& metadata) {
+  if (!metadata.verdict) return {};
+  const ReportVerdict& verdict = *metadata.verdict;
+  std::string culprits;
+  for (const ReportVerdict::Link& link : verdict.chain) {
+    if (link.isCulprit) culprits += (culprits.empty() ? "" : " and ") + ownerText(link.thread);
+  }
+  if (!culprits.empty()) return culprits;
+  if (verdict.cause == "own-cpu" || verdict.cause == "sleeping") return verdict.function;
+  return verdict.cause == "starved" && !verdict.busiest.empty() ? ownerText(verdict.busiest.front().thread)
+                                                                : std::string();
 }
 
 std::string diskText(const ReportVerdict::Disk& disk) {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tools/report/report.h"
 
@@ -12,12 +14,20 @@ std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header
 /// Whether so little of the hang isn't worth a line.
 bool isNegligible(double ms, const ReportVerdict& verdict);
 
+/// The causes that a verdict may have.
+const std::vector<std::string>& causeNames();
+/// "likely cause: disk"; "cause unknown" of one that isn't known.
+std::string_view causeText(const std::string& cause);
+
 // Its parts, as they came from the report: not yet fit for a terminal or a page.
 
 /// "worker (43) of viewer (41)", or "of the same process" where it is the hung one's.
 std::string threadText(const VerdictThread& thread, const ReportHeader& header);
 /// What the link waits for or does, and how sure that is.
 std::string stepText(const ReportVerdict::Link& link);
+/// Who, or what, kept the hung thread from going on: those at the end of the chain, who had its CPU, or the
+/// function that it was in itself. Empty when nobody is known.
+std::string culpritOf(const ReportMetadata& metadata);
 /// "12 requests, 3.4 MB read, 0 B written; busy for 210 ms, the slowest took 18 ms"
 std::string diskText(const ReportVerdict::Disk& disk);
 /// "some tasks waited 12.5 % of the last 10 s, all 3.0 %"

@@ -43,6 +43,18 @@ class Command : public testing::Test {
     std::ofstream(root_ + path) << text;
   }
 
+  /// A report of a hang of `app` that its thread `culprit` kept waiting.
+  void writeReport(const std::string& name, const std::string& cause, int durationMs, const std::string& app,
+                   const std::string& culprit, const std::string& signature) const {
+    write("/var/root/Library/Caches/quorveld/spool/" + name + ".kelvane",
+          R"({"metadata":{"ServiceName":"MainThread","PID":4,"ProcessPath":"/bin/)" + app +
+              R"(","StartTime":24000,"EndTime":)" + std::to_string(24'000 * (1 + durationMs)) +
+              R"(,"signature":")" + signature + R"(","verdict":{"cause":")" + cause +
+              R"(","sentence":"It waited for )" + culprit + R"(.","chain":[{"tid":5,"name":")" + culprit +
+              R"(","pid":4,"process":")" + app + R"(","culprit":"slept"}]}},"traceEvents":[)" +
+              std::string(100'000, ' ') + "]}");
+  }
+
   std::string root_ = "/tmp/quorvelctl.XXXXXX";
   std::string output_;
 };
@@ -79,10 +91,26 @@ TEST_F(Command, ABrokenFileIsLeftAlone) {
 }
 
 TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
-  for (const char* arguments : {"", "prefs", "prefs set QuorvelEnabled", "prefs set QuorvelEnabled perhaps",
-                                "prefs set Quorvel 1", "notify ../x", "notify .x", "notify x 1.5",
-                                "notify x -1", "notify x 18446744073709551616", "nonsense", "reports --none",
-                                "reports list one", "launch x", "launch -- true", "activations --last -1"}) {
+  for (const char* arguments : {"",
+                                "prefs",
+                                "prefs set QuorvelEnabled",
+                                "prefs set QuorvelEnabled perhaps",
+                                "prefs set Quorvel 1",
+                                "notify ../x",
+                                "notify .x",
+                                "notify x 1.5",
+                                "notify x -1",
+                                "notify x 18446744073709551616",
+                                "nonsense",
+                                "reports --none",
+                                "reports list one",
+                                "reports list --sort age",
+                                "reports list --cause dsik",
+                                "reports top --since soon",
+                                "reports top --top 0",
+                                "launch x",
+                                "launch -- true",
+                                "activations --last -1"}) {
     EXPECT_EQ(run(arguments), 2) << arguments;
     EXPECT_TRUE(output_.starts_with("quorvelctl: ")) << output_;
     EXPECT_EQ(std::count(output_.begin(), output_.end(), '\n'), 1) << output_;
@@ -157,26 +185,32 @@ TEST_F(Command, TablesFitANarrowTerminalAndKeepARowALineElsewhere) {
     }
     return most;
   };
-  EXPECT_EQ(run("prefs list"), 0);
-  EXPECT_GT(longest(), 100u);
-  const winsize narrow{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, &narrow);
-  if (child == 0) {
-    execl(QUORVELCTL, "quorvelctl", "--root", root_.c_str(), "prefs", "list", nullptr);
-    _exit(127);
+  writeReport("a", "lock", 5800, "viewer", "logger", "00000000000000aa");
+  for (const auto& [command, shown] :
+       {std::pair{"prefs list", "hang tracking"}, std::pair{"reports list", "viewer/logger"},
+        std::pair{"reports top", "It waited for logger."}}) {
+    EXPECT_EQ(run(command), 0);
+    EXPECT_GT(longest(), 90u);
+    const winsize narrow{.ws_row = 24, .ws_col = 60, .ws_xpixel = 0, .ws_ypixel = 0};
+    int terminal = -1;
+    const pid_t child = forkpty(&terminal, nullptr, nullptr, &narrow);
+    if (child == 0) {
+      const std::string line = std::string("exec '" QUORVELCTL "' --root ") + root_ + " " + command;
+      execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+      _exit(127);
+    }
+    ASSERT_GT(child, 0);
+    output_.clear();
+    std::array<char, 4096> piece;
+    for (ssize_t length = 0; (length = read(terminal, piece.data(), piece.size())) > 0;)
+      output_.append(piece.data(), static_cast<size_t>(length));
+    close(terminal);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(output_.find(shown), std::string::npos) << output_;
+    EXPECT_LE(longest(), 60u) << output_;
   }
-  ASSERT_GT(child, 0);
-  output_.clear();
-  std::array<char, 4096> piece;
-  for (ssize_t length = 0; (length = read(terminal, piece.data(), piece.size())) > 0;)
-    output_.append(piece.data(), static_cast<size_t>(length));
-  close(terminal);
-  int status = 0;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_NE(output_.find("hang tracking"), std::string::npos) << output_;
-  EXPECT_LE(longest(), 60u) << output_;
 }
 
 TEST_F(Command, ANotificationReplacesItsFileAndIsSeenOnce) {
@@ -206,7 +240,8 @@ TEST_F(Command, TheSpoolIsListedWithItsBrokenReports) {
   write(spool + "b.kelvane", "{");
   write(spool + "other", "");
   EXPECT_EQ(run("reports list"), 0) << output_;
-  EXPECT_NE(output_.find("fence hang  viewer   Fence-hang  1 ms"), std::string::npos) << output_;
+  EXPECT_NE(output_.find("viewer  1 ms      -      -        fence hang  Fence-hang"), std::string::npos)
+      << output_;
   EXPECT_NE(output_.find("unreadable"), std::string::npos);
   EXPECT_EQ(output_.find("other"), std::string::npos);
   EXPECT_EQ(run("reports show a.kelvane"), 0) << output_;
@@ -218,6 +253,41 @@ TEST_F(Command, TheSpoolIsListedWithItsBrokenReports) {
   EXPECT_NE(contents("/page.html").find("viewer hung for 1 ms"), std::string::npos);
   EXPECT_EQ(run("reports symbolicate a.kelvane -o " + root_), 1) << "a folder";
   EXPECT_EQ(run("reports show c.kelvane"), 1);
+}
+
+TEST_F(Command, ReportsAreSortedFilteredAndSummedUp) {
+  writeReport("a", "lock", 1000, "viewer", "logger", "00000000000000aa");
+  writeReport("b", "disk", 9000, "editor", "saver", "00000000000000bb");
+  writeReport("c", "lock", 2000, "editor", "logger", "00000000000000aa");
+  writeReport("d", "lock", 8000, "viewer", "\\u001b[2J", "00000000000000aa");
+  writeReport("e", "lock", 8000, "viewer", "old", "");
+  write("/var/root/Library/Caches/quorveld/spool/f.kelvane", "{");
+  const auto files = [this] {
+    std::string names;
+    for (size_t at = output_.find(".kelvane"); at != std::string::npos; at = output_.find(".kelvane", at + 1))
+      names += output_[at - 1];
+    return names;
+  };
+  for (const auto& [arguments, expected] :
+       {std::pair{"list --sort duration", "bdecaf"}, std::pair{"list --sort app --since 1d", "bcadef"},
+        std::pair{"list --cause lock --sort culprit", "cdae"},
+        std::pair{"list --cause lock --app editor", "c"}, std::pair{"list --cause frozen", ""},
+        std::pair{"list --json --sort culprit --app viewer", "dae"}, std::pair{"top", "db"},
+        std::pair{"top --top 1", "d"}, std::pair{"top --app editor --cause lock", "c"},
+        std::pair{"top --json --top 1", "db"}}) {
+    EXPECT_EQ(run(std::string("reports ") + arguments), 0) << output_;
+    EXPECT_EQ(files(), expected) << arguments << "\n" << output_;
+    EXPECT_EQ(output_.find('\x1b'), std::string::npos);
+  }
+  EXPECT_EQ(run("reports top"), 0);
+  EXPECT_NE(output_.find("11.00 s    3        8.00 s   lock   editor, viewer  viewer/?[2J"),
+            std::string::npos)
+      << output_;
+  EXPECT_NE(output_.find("2 without a signature"), std::string::npos) << output_;
+  EXPECT_EQ(run("reports list --app vieewr"), 1);
+  EXPECT_EQ(output_, "quorvelctl: no report is of \"vieewr\"; there are reports of editor, viewer\n");
+  EXPECT_EQ(run("reports list --cause dsik"), 2);
+  EXPECT_NE(output_.find("own-cpu"), std::string::npos) << output_;
 }
 
 }  // namespace

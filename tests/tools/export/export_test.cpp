@@ -5,6 +5,7 @@
 
 #include "tools/export/report_line.h"
 #include "tools/export/since.h"
+#include "tools/report/verdict_text.h"
 
 using quorvelctl::Report;
 
@@ -39,7 +40,7 @@ TEST(Export, AReportIsOneFlatLine) {
   EXPECT_EQ(line["writtenAt"], "2026-03-01T10:00:00Z");
   EXPECT_EQ(line["durationMs"], 8500);
   EXPECT_EQ(line["sleepingMs"], 8330.5);
-  EXPECT_EQ(line["culprit"], "futex_wait");
+  EXPECT_TRUE(line["culprit"].is_null()) << "nobody is known";
   EXPECT_TRUE(line["version"].is_null());
   EXPECT_TRUE(line["signature"].is_null()) << "it has none";
 

@@ -93,8 +93,9 @@ TEST(ReportFile, ItsHeaderIsReadWithoutTheRest) {
   const std::string text(kReport);
   std::string error;
   const ReportHeader header =
-      quorvelctl::parseReportHeader(text.substr(0, text.find("\"traceEvents\"")), error)
-          .value_or(ReportHeader{});
+      quorvelctl::parseReportMetadata(text.substr(0, text.find("\"traceEvents\"")), error)
+          .value_or(quorvelctl::ReportMetadata{})
+          .header;
   EXPECT_EQ(header.kind() + " " + header.processName(), "hang viewer");
   EXPECT_DOUBLE_EQ(header.durationMs(), 8500);
 }
@@ -111,7 +112,7 @@ TEST(ReportFile, WhatIsOfAnotherTypeStaysEmptyAndWhatIsNoReportIsRefused) {
   EXPECT_EQ(odd.threads.size(), 2u);
   for (const char* text : {"", "[]", "{}", "{\"metadata\":", "{\"metadata\":{\"PID\":1", "\xff"}) {
     EXPECT_FALSE(quorvelctl::parseReport(text, error)) << text;
-    EXPECT_FALSE(quorvelctl::parseReportHeader(text, error)) << text;
+    EXPECT_FALSE(quorvelctl::parseReportMetadata(text, error)) << text;
   }
 }
 
