@@ -54,25 +54,23 @@ void writeOutput(Context& context, const std::string& path, const std::string& b
 struct ShowArguments {
   std::string file;
   std::string html;  ///< where the page goes; empty: none is asked for
-  bool symbols = false;
+  bool allSymbols = false;
+  bool noSymbols = false;
 };
 
 void showReport(Context& context, const ShowArguments& arguments) {
-  const bool isForPeople = !context.json && arguments.html.empty();
-  const std::string path = pathOf(context, arguments.file, !isForPeople);
+  const std::string path = pathOf(context, arguments.file, context.json || !arguments.html.empty());
   if (path.empty()) return;
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;
   std::string error;
-  std::optional<NamedReport> named;
-  if (arguments.symbols) {
-    Symbols symbols({});
-    named = nameReport(*text, symbols, error);
+  std::optional<Report> report = parseReport(*text, error);
+  if (!report) return context.fail(path + " is no report: " + error);
+  if (!arguments.noSymbols) {
+    Symbols symbols({}, arguments.allSymbols ? SymbolFiles::all : SymbolFiles::trusted);
+    nameFunctions(*report, symbols);
   }
-  const std::optional<Report> report = parseReport(named ? named->text : *text, error);
-  if (!report) {
-    context.fail(path + " is no report: " + error);
-  } else if (!arguments.html.empty()) {
+  if (!arguments.html.empty()) {
     writeOutput(context, arguments.html, reportPage(*report));
   } else if (context.json) {
     std::fwrite(text->data(), 1, text->size(), stdout);
@@ -92,7 +90,7 @@ void symbolicate(Context& context, const SymbolicateArguments& arguments) {
   if (path.empty()) return;
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;
-  Symbols symbols(arguments.debugDirs);
+  Symbols symbols(arguments.debugDirs, SymbolFiles::all);
   std::string error;
   const std::optional<NamedReport> named = nameReport(*text, symbols, error);
   if (!named) {
@@ -116,9 +114,11 @@ void addShow(CLI::App& reports, Context& context) {
   command->add_option("FILE", arguments->file, "Its name in the spool, or a path; the newest if not given");
   command->add_option("--html", arguments->html, "Write it as a page for a browser instead")
       ->type_name("OUT");
-  command->add_flag(
-      "--symbols", arguments->symbols,
-      "Name functions by the programs and libraries that the report names, which are opened for that");
+  CLI::Option* all = command->add_flag(
+      "--symbols", arguments->allSymbols,
+      "Name functions by all programs and libraries that the report names, not only by root's and one's own");
+  command->add_flag("--no-symbols", arguments->noSymbols, "Name no functions: modules and offsets")
+      ->excludes(all);
   command->callback([arguments, &context] { showReport(context, *arguments); });
 }
 

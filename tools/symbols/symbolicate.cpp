@@ -3,6 +3,7 @@
 #include <cctype>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "tools/report/report.h"
 #include "tools/report/report_json.h"
@@ -17,7 +18,20 @@ struct Names {
   std::map<std::string, std::string> byFrame;  ///< by the id of a stack frame
   /// By the old name. Modules may share a file name and so an old name; such a one has no new name ("").
   std::map<std::string, std::string> byOldName;
+
+  void add(const std::string& oldName, const std::string& name) {
+    const auto [known, isNew] = byOldName.try_emplace(oldName, name);
+    if (!isNew && known->second != name) known->second.clear();
+  }
 };
+
+/// Empty when nobody knows it.
+std::string nameOf(const ReportFrame& frame, Symbols& symbols) {
+  if (frame.module.empty()) return {};
+  std::string name = symbols.nameOf(frame);
+  if (name.empty() && frame.name != frame.place()) name = frame.name;  // somebody named it before
+  return name;
+}
 
 Names nameFrames(const Json& frames, Symbols& symbols, NamedReport& result) {
   Names names;
@@ -27,13 +41,11 @@ Names nameFrames(const Json& frames, Symbols& symbols, NamedReport& result) {
     if (!entry.is_object() || textMember(entry, "category") == "kernel") continue;
     const ReportFrame frame = reportFrame(entry);
     ++result.frames;
-    std::string name = symbols.nameOf(frame);
+    std::string name = nameOf(frame, symbols);
     if (!frame.module.empty() && !symbols.hasFileOf(frame)) withoutFile.insert(frame.module);
-    if (name.empty() && frame.name != frame.place()) name = frame.name;  // somebody named it before
-    if (name.empty() || frame.module.empty()) continue;
+    if (name.empty()) continue;
     ++result.named;
-    const auto [known, isNew] = names.byOldName.try_emplace(frame.name, name);
-    if (!isNew && known->second != name) known->second.clear();
+    names.add(frame.name, name);
     names.byFrame.emplace(id, std::move(name));
   }
   result.withoutFile.assign(withoutFile.begin(), withoutFile.end());
@@ -165,6 +177,24 @@ std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, s
   Json::sax_parse(text, &rewriter);
   result.text = std::move(rewriter.text);
   return result;
+}
+
+void nameFunctions(Report& report, Symbols& symbols) {
+  Names names;
+  std::map<std::tuple<std::string, std::string, uint64_t>, std::string> known;  // threads share frames
+  for (ReportThread& thread : report.threads) {
+    for (ReportFrame& frame : thread.userStack) {
+      const auto [entry, isNew] = known.try_emplace({frame.module, frame.buildId, frame.offset});
+      if (isNew) entry->second = nameOf(frame, symbols);
+      if (entry->second.empty()) continue;
+      names.add(frame.name, entry->second);
+      frame.name = entry->second;
+    }
+  }
+  if (!report.verdict) return;
+  report.verdict->sentence = renamedIn(report.verdict->sentence, names);
+  report.verdict->function = renamed(report.verdict->function, names);
+  for (ReportVerdict::Link& link : report.verdict->chain) link.function = renamed(link.function, names);
 }
 
 }  // namespace quorvelctl

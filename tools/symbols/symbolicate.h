@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/report/report.h"
 #include "tools/symbols/symbols.h"
 
 namespace quorvelctl {
@@ -19,5 +20,8 @@ struct NamedReport {
 /// Puts names in the place of addresses: in the stack frames, in the intervals that draw them, and in the
 /// verdict's sentence and functions. Nothing, and why, when `text` is no report.
 std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error);
+
+/// The same to a report that is shown: to its threads' stacks, and its verdict.
+void nameFunctions(Report& report, Symbols& symbols);
 
 }  // namespace quorvelctl

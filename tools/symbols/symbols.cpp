@@ -4,12 +4,15 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+#include "tools/base/descriptor.h"
 
 namespace quorvelctl {
 namespace {
@@ -62,14 +65,23 @@ std::vector<std::string> candidatesOf(const ReportFrame& frame, const std::vecto
   return paths;
 }
 
+bool isTrusted(int file, const struct stat& status) {
+  struct statvfs mount {};
+  return (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+         fstatvfs(file, &mount) == 0 && (mount.f_flag & ST_NOSUID) == 0;
+}
+
 /// A descriptor of the ELF file at `path`; -1 when there is none. Of another file the library would take it
 /// that it is compressed, and unpack it whole into memory: a small one can be made to fill that.
-int openElf(const std::string& path) {
-  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+int openElf(const std::string& path, SymbolFiles which) {
+  const Descriptor place(::open(path.c_str(), O_PATH | O_CLOEXEC));  // which opens no device
   struct stat status {};
+  if (place.get() < 0 || ::fstat(place.get(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
+  if (which == SymbolFiles::trusted && !isTrusted(place.get(), status)) return -1;
+  const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
+  const int file = ::open(opened.c_str(), O_RDONLY | O_CLOEXEC);
   std::array<char, SELFMAG> magic{};
-  if (file >= 0 && ::fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
-      ::pread(file, magic.data(), magic.size(), 0) == SELFMAG &&
+  if (file >= 0 && ::pread(file, magic.data(), magic.size(), 0) == SELFMAG &&
       std::memcmp(magic.data(), ELFMAG, SELFMAG) == 0) {
     return file;
   }
@@ -79,15 +91,15 @@ int openElf(const std::string& path) {
 
 }  // namespace
 
-Symbols::Symbols(std::vector<std::string> debugDirs)
-    : debugDirs_(std::move(debugDirs)), dwfl_(dwfl_begin(&kCallbacks)) {}
+Symbols::Symbols(std::vector<std::string> debugDirs, SymbolFiles which)
+    : debugDirs_(std::move(debugDirs)), which_(which), dwfl_(dwfl_begin(&kCallbacks)) {}
 
 Symbols::~Symbols() {
   dwfl_end(dwfl_);
 }
 
 Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
-  const int file = dwfl_ ? openElf(path) : -1;
+  const int file = dwfl_ ? openElf(path, which_) : -1;
   if (file < 0) return nullptr;
   dwfl_report_begin_add(dwfl_);
   Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);

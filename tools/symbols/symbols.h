@@ -11,15 +11,24 @@
 
 namespace quorvelctl {
 
+/// Which of the files that a report names are opened. Reports name whatever the hung process had mapped, and
+/// a file made for it could turn whoever parses it.
+enum class SymbolFiles {
+  /// Those that only root or the reader can have put there: theirs, writable for nobody else, and on no mount
+  /// of a
+  /// user's, where the owners are the user's to choose.
+  trusted,
+  all,
+};
+
 /// Names functions by symbol tables, without a network. A file is used only if its build id is the one that
 /// the report gives: a debug file below /usr/lib/debug/.build-id or a folder that was given, and the module
-/// at its path. It opens files by paths that the report names, so the report has to be one that its reader
-/// trusts.
+/// at its path. Of what is no regular file not even a device is woken.
 class Symbols {
  public:
   /// `debugDirs` are looked through first: for .build-id/xx/yyyy.debug, and for files named like the module,
   /// with or without .debug at the end.
-  explicit Symbols(std::vector<std::string> debugDirs);
+  Symbols(std::vector<std::string> debugDirs, SymbolFiles which);
   ~Symbols();
   Symbols(const Symbols&) = delete;
   Symbols& operator=(const Symbols&) = delete;
@@ -35,6 +44,7 @@ class Symbols {
   Dwfl_Module* open(const std::string& path, const std::string& buildId);
 
   std::vector<std::string> debugDirs_;
+  const SymbolFiles which_;
   Dwfl* dwfl_;
   /// By the module's path and build id: the files of use, the one with the most symbols first as a rule.
   std::map<std::pair<std::string, std::string>, std::vector<Dwfl_Module*>> files_;

@@ -4,12 +4,16 @@
 #include <elfutils/libdwelf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <tuple>
 
 using quorvelctl::NamedReport;
+using quorvelctl::SymbolFiles;
 using quorvelctl::Symbols;
 
 // Of which this program's own symbol table knows the name.
@@ -43,14 +47,17 @@ std::string buildIdOf(const std::string& path) {
   return text;
 }
 
+uint64_t offsetOfFunction() {
+  Dl_info loaded{};
+  EXPECT_NE(dladdr(reinterpret_cast<void*>(&quorvelFunctionToName), &loaded), 0);
+  return reinterpret_cast<uint64_t>(&quorvelFunctionToName) - reinterpret_cast<uint64_t>(loaded.dli_fbase);
+}
+
 TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   const std::string path = std::filesystem::read_symlink("/proc/self/exe");
   const std::string own = buildIdOf(path);
   if (own.size() < 8) GTEST_SKIP() << "this program was linked without a build id";
-  Dl_info loaded{};
-  ASSERT_NE(dladdr(reinterpret_cast<void*>(&quorvelFunctionToName), &loaded), 0);
-  const std::string offset = hexText(reinterpret_cast<uint64_t>(&quorvelFunctionToName) -
-                                     reinterpret_cast<uint64_t>(loaded.dli_fbase));
+  const std::string offset = hexText(offsetOfFunction());
   const std::string other = "00" + own.substr(2) + "77";
   // As a report has it, and as it has to be once its function is called `name`: members and digits stay as
   // they are.
@@ -81,13 +88,54 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
         Case{"/gone/m", own, "", false}, Case{"/gone/m", own, scratch, true},
         Case{scratch + "/packed.so", own, "", false}, Case{"/gone/gone.so", other, scratch, false},
         Case{"/gone/m", "/../../" + scratch, scratch, false}}) {
-    Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir});
+    Symbols symbols(one.debugDir.empty() ? std::vector<std::string>() : std::vector{one.debugDir},
+                    SymbolFiles::all);
     std::string error;
     const std::string before = report(one.module, one.buildId, "m+0x1");
     const NamedReport result = quorvelctl::nameReport(before, symbols, error).value_or(NamedReport{});
     EXPECT_EQ(result.text, one.named ? report(one.module, one.buildId, "quorvelFunctionToName") : before);
     EXPECT_EQ(result.frames, 2u);
     EXPECT_EQ(result.withoutFile.empty(), one.named);
+  }
+
+  std::filesystem::remove_all(scratch);
+}
+
+TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
+  const std::string path = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string own = buildIdOf(path);
+  if (own.size() < 8) GTEST_SKIP() << "this program was linked without a build id";
+  std::string scratch = "/tmp/symbolicate.XXXXXX";
+  ASSERT_TRUE(mkdtemp(scratch.data()));
+  const std::string copy = scratch + "/copy";
+  std::filesystem::copy_file(path, copy);
+  struct statvfs mount {};
+  ASSERT_EQ(statvfs(copy.c_str(), &mount), 0);
+  quorvelctl::Report raw;
+  raw.verdict.emplace();
+  raw.verdict->function = "m+0x1";
+  raw.verdict->chain.resize(1);
+  raw.verdict->chain[0].function = "m+0x1";
+  raw.verdict->sentence = "It was in m+0x1 (m).";
+  raw.threads.resize(2);
+  for (auto& thread : raw.threads) thread.userStack = {{"m+0x1", copy, own, offsetOfFunction()}};
+  for (const auto& [mode, owner, named] : {std::tuple{0755, geteuid(), (mount.f_flag & ST_NOSUID) == 0},
+                                           {0757, geteuid(), false},
+                                           {0775, geteuid(), false},
+                                           {0755, 4711U, false}}) {
+    if (owner != geteuid() && geteuid() != 0) continue;  // may not give it away
+    ASSERT_EQ(chown(copy.c_str(), owner, static_cast<gid_t>(-1)), 0);
+    ASSERT_EQ(chmod(copy.c_str(), static_cast<mode_t>(mode)), 0);
+    for (const SymbolFiles which : {SymbolFiles::trusted, SymbolFiles::all}) {
+      const std::string name = named || which == SymbolFiles::all ? "quorvelFunctionToName" : "m+0x1";
+      Symbols symbols({}, which);
+      quorvelctl::Report shown = raw;
+      quorvelctl::nameFunctions(shown, symbols);
+      EXPECT_EQ(shown.threads[1].userStack[0].name, name) << mode << " " << owner;
+      EXPECT_EQ(shown.verdict->function, name);
+      EXPECT_EQ(shown.verdict->chain[0].function, name);
+      EXPECT_EQ(shown.verdict->sentence, "It was in " + name + " (m).");
+    }
   }
   std::filesystem::remove_all(scratch);
 }
