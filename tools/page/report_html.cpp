@@ -1,13 +1,16 @@
 #include "tools/page/report_html.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "tools/base/units.h"
+#include "tools/page/chain_html.h"
 #include "tools/page/html.h"
 #include "tools/page/report_page.h"
 #include "tools/page/report_timeline.h"
 #include "tools/page/verdict_html.h"
 #include "tools/report/report_text.h"
+#include "tools/report/verdict_text.h"
 
 namespace quorvelctl {
 namespace {
@@ -22,6 +25,7 @@ std::string titleText(const ReportHeader& header) {
   return header.processName() + " hung for " + duration;
 }
 
+/// The sentence is the first that is read of it, below what it is about.
 Html headerHtml(const Report& report) {
   const ReportHeader& header = report.header;
   std::string line;
@@ -32,7 +36,12 @@ Html headerHtml(const Report& report) {
   add(header.serviceName);
   if (header.pid != 0) add("pid " + std::to_string(header.pid));
   add(report.madeAt);
-  return element("header", "", element("h1", "", titleText(header)) + element("p", "", line));
+  Html content = element("h1", "", titleText(header));
+  if (report.verdict) {
+    content += element("p", "sentence", report.verdict->sentence);
+    if (header.hasHang()) content += element("p", "badge", causeText(report.verdict->cause));
+  }
+  return element("header", "", content + element("p", "about", line));
 }
 
 Html factsHtml(const Report& report) {
@@ -51,23 +60,44 @@ Html factsHtml(const Report& report) {
   return element("section", "card", element("h2", "", "Report") + element("dl", "", facts));
 }
 
-Html frameHtml(const ReportFrame& frame) {
+Html frameHtml(const ReportFrame& frame, bool isHere) {
   const std::string place = frame.place();
   Html line = escaped(frame.name);
   if (!place.empty() && frame.name != place) line += element("span", "place", place);
-  return element("li", "", line);
+  return element("li", isHere ? "here" : "", line);
 }
 
-Html stackHtml(const ReportThread& thread) {
+/// The thread in the chain; null if it isn't there.
+const ReportVerdict::Link* linkOf(const Report& report, int64_t tid) {
+  if (!report.verdict) return nullptr;
+  const auto& chain = report.verdict->chain;
+  const auto link =
+      std::find_if(chain.begin(), chain.end(), [&](const auto& each) { return each.thread.tid == tid; });
+  return link == chain.end() ? nullptr : &*link;
+}
+
+/// The function that the verdict puts the thread in; empty if it doesn't.
+std::string functionOf(const Report& report, const ReportThread& thread) {
+  const ReportVerdict::Link* link = linkOf(report, thread.tid);
+  if (link) return link->function;
+  return thread.hung && report.verdict ? report.verdict->function : std::string();
+}
+
+Html stackHtml(const Report& report, const ReportThread& thread) {
   Html kernel;
   for (const std::string& frame : thread.kernelStack) kernel += element("li", "", frame);
   Html user;
-  for (const ReportFrame& frame : thread.userStack) user += frameHtml(frame);
+  std::string function = functionOf(report, thread);
+  for (const ReportFrame& frame : thread.userStack) {
+    const bool isHere = !function.empty() && frame.name == function;
+    user += frameHtml(frame, isHere);
+    if (isHere) function.clear();  // once: what calls itself is there again
+  }
   Html stack;
   if (!thread.kernelStack.empty()) {
-    stack += element("h4", "", "Kernel") + element("ol", "stack kernel", kernel);
+    stack += element("h3", "", "Kernel") + element("ol", "stack kernel", kernel);
   }
-  if (!thread.userStack.empty()) stack += element("h4", "", "User") + element("ol", "stack", user);
+  if (!thread.userStack.empty()) stack += element("h3", "", "User") + element("ol", "stack", user);
   if (!thread.stackCutOff.empty()) stack += element("p", "note", "It ends here: " + thread.stackCutOff);
   if (thread.userStack.empty()) {
     stack += element("p", "note", "No user stack" + (thread.noStack.empty() ? "" : ": " + thread.noStack));
@@ -75,24 +105,18 @@ Html stackHtml(const ReportThread& thread) {
   return stack;
 }
 
-Html threadHtml(const ReportThread& thread, bool isCulprit) {
+Html threadHtml(const Report& report, const ReportThread& thread) {
+  const bool isTheCulprit = isCulprit(report, thread.tid);
   const Html name = element("b", "", thread.name) + element("span", "tid", std::to_string(thread.tid)) +
                     element("span", "doing", doingText(thread));
   Html details{"<details id=\"thread-" + std::to_string(thread.tid) + "\"" +
-               (thread.hung ? " class=\"hung\"" : "") + (thread.hung || isCulprit ? " open" : "") +
+               (isTheCulprit ? " class=\"culprit\"" : "") + (thread.hung || isTheCulprit ? " open" : "") +
                "><summary>"};
   details += name;
-  if (thread.hung) details += element("span", "badge", "hung");
-  if (isCulprit) details += element("span", "badge", "culprit");
-  details += Html{"</summary>"} + stackHtml(thread) + Html{"</details>\n"};
+  if (thread.hung) details += element("span", "badge plain", "hung");
+  if (isTheCulprit) details += element("span", "badge", "culprit");
+  details += Html{"</summary>"} + stackHtml(report, thread) + Html{"</details>\n"};
   return details;
-}
-
-bool isCulprit(const Report& report, int64_t tid) {
-  return report.verdict && std::any_of(report.verdict->chain.begin(), report.verdict->chain.end(),
-                                       [&](const ReportVerdict::Link& link) {
-                                         return link.isCulprit && link.thread.tid == tid;
-                                       });
 }
 
 Html stacksHtml(const Report& report) {
@@ -100,8 +124,13 @@ Html stacksHtml(const Report& report) {
   if (report.header.pid != 0 && (report.threads.empty() || !report.threads.front().hung)) {
     content += element("p", "note", "The thread that hung had ended, or could not be looked at.");
   }
-  for (size_t i = 0; i < report.threads.size() && i < kMaxThreadsShown; ++i) {
-    content += threadHtml(report.threads[i], isCulprit(report, report.threads[i].tid));
+  // First those that the verdict speaks of.
+  size_t shown = 0;
+  for (const bool isSpokenOf : {true, false}) {
+    for (const ReportThread& thread : report.threads) {
+      const bool isOne = thread.hung || linkOf(report, thread.tid);
+      if (isOne == isSpokenOf && shown++ < kMaxThreadsShown) content += threadHtml(report, thread);
+    }
   }
   if (report.threads.size() > kMaxThreadsShown) {
     content += element("p", "note",
@@ -114,8 +143,8 @@ Html stacksHtml(const Report& report) {
 Html timelineHtml(const Timeline& timeline) {
   if (timeline.tracks.empty()) return {};
   const auto button = [](const char* id, const char* label, const char* title) {
-    return Html{std::string("<button type=\"button\" id=\"") + id + "\" title=\"" + title + "\">" + label +
-                "</button>"};
+    return Html{std::string("<button type=\"button\" id=\"") + id + "\" title=\"" + title +
+                "\" aria-label=\"" + title + "\">" + label + "</button>"};
   };
   const Html tools = button("in", "+", "Closer") + button("out", "&minus;", "Farther") +
                      (timeline.hangUs > 0 ? button("hang", "Hang", "The hang alone") : Html{}) +
@@ -123,13 +152,13 @@ Html timelineHtml(const Timeline& timeline) {
   Html content = element("div", "heading", element("h2", "", "Timeline") + element("div", "tools", tools));
   content += Html{
       "<div id=\"timeline\"><canvas id=\"canvas\" tabindex=\"0\" role=\"img\" "
-      "aria-label=\"Timeline of the hang\"></canvas><div id=\"tip\" hidden></div></div>"
+      "aria-label=\"Timeline of the hang\" aria-describedby=\"moving\"></canvas><div id=\"tip\" hidden></div></div>"
       "<ul class=\"legend\" id=\"legend\"></ul>"};
   std::string note =
-      "Drag to move; hold Ctrl and turn the wheel, double-click, or press + and − to look closer.";
+      "Drag it or press the arrow keys to move; hold Ctrl and turn the wheel, double-click, or press + and − to look closer.";
   if (timeline.hiddenCpus > 0)
     note += " " + std::to_string(timeline.hiddenCpus) + " more CPUs are in the report.";
-  content += element("p", "note", note) +
+  content += Html{"<p class=\"note\" id=\"moving\">"} + escaped(note) + Html{"</p>"} +
              Html{"<noscript><p class=\"note\">It is drawn by a script.</p></noscript>"};
   return element("section", "card", content);
 }
@@ -147,17 +176,17 @@ Html leftOutHtml(const Report& report) {
 
 std::string reportPage(const Report& report) {
   const Timeline timeline = timelineOf(report);
-  return filled(kReportPage,
-                {{"title", escaped(titleText(report.header))},
-                 {"style", Html{std::string(kReportStyle)}},
-                 {"header", headerHtml(report)},
-                 {"verdict", report.verdict ? verdictHtml(*report.verdict, report.header) : Html{}},
-                 {"timeline", timelineHtml(timeline)},
-                 {"stacks", stacksHtml(report)},
-                 {"facts", factsHtml(report)},
-                 {"leftOut", leftOutHtml(report)},
-                 {"data", scriptData(timelineJson(timeline))},
-                 {"script", Html{std::string(kReportScript)}}});
+  return filled(kReportPage, {{"title", escaped(titleText(report.header))},
+                              {"style", Html{std::string(kReportStyle)}},
+                              {"header", headerHtml(report)},
+                              {"chain", chainHtml(report)},
+                              {"time", report.verdict ? timeHtml(*report.verdict, report.header) : Html{}},
+                              {"timeline", timelineHtml(timeline)},
+                              {"stacks", stacksHtml(report)},
+                              {"facts", factsHtml(report)},
+                              {"leftOut", leftOutHtml(report)},
+                              {"data", scriptData(timelineJson(timeline))},
+                              {"script", Html{std::string(kReportScript)}}});
 }
 
 }  // namespace quorvelctl

@@ -1,5 +1,16 @@
 'use strict';
 (() => {
+  // A link to a stack opens it.
+  const openTarget = () => {
+    const target = /^#thread-\d+$/.test(location.hash) && document.querySelector(location.hash);
+    if (!target) return;
+    target.open = true;
+    target.querySelector('summary').focus();
+  };
+  window.addEventListener('hashchange', openTarget);
+  openTarget();
+})();
+(() => {
   const canvas = document.getElementById('canvas');
   if (!canvas) return;
   const data = JSON.parse(document.getElementById('data').textContent);
@@ -25,7 +36,6 @@
   const stateOf = (text) => text.split(' ')[0];
   const kStates = ['running', 'runnable', 'uninterruptible', 'sleeping', 'stopped', 'unknown'];
   const kOrder = [...kStates, 'own', 'p0', 'p1', 'p2', 'p3', 'p4', 'p5', 'other'];  // in a legend; from the bottom
-  const kPale = ['unknown', 'other', 'own', 'sleeping', 'runnable'];
 
   function colorName(track, label) {
     if (track.kind === 'state') return kStates.includes(stateOf(label[0])) ? stateOf(label[0]) : 'unknown';
@@ -34,12 +44,20 @@
     return label[2] === 'own' ? 'own' : palette.get(label[0]) || 'other';
   }
 
+  // Of "#rrggbb", as contrasts are reckoned: below .18 white can be read on it best, above it black.
+  function luminance(color) {
+    const parts = [1, 3, 5].map((at) => parseInt(color.slice(at, at + 2), 16) / 255);
+    const [red, green, blue] = parts.map((part) => part <= .04045 ? part / 12.92 : ((part + .055) / 1.055) ** 2.4);
+    return .2126 * red + .7152 * green + .0722 * blue;
+  }
+
   function readColors() {
     const style = getComputedStyle(document.documentElement);
     colors = {};
-    for (const name of ['ink', 'dim', 'line', 'soft', 'on', 'off', 'hang', 'edge', ...kOrder]) {
+    for (const name of ['ink', 'dim', 'line', 'soft', 'hang', 'edge', ...kOrder]) {
       colors[name] = style.getPropertyValue('--' + name).trim();
     }
+    for (const name of kOrder) colors['on ' + name] = luminance(colors[name]) > .18 ? '#000000' : '#ffffff';
   }
 
   function timeText(us, step = Math.abs(us)) {
@@ -121,7 +139,7 @@
     draw.fillRect(x, track.y + track.height - height, room, height);
     if (room < 34 || track.height < 16 || share < 1) return;
     const letters = Math.floor((room - 10) / 6.6);
-    draw.fillStyle = kPale.includes(color) ? colors.off : colors.on;
+    draw.fillStyle = colors['on ' + color];
     draw.fillText(text.length > letters ? text.slice(0, letters - 1) + '…' : text, x + 6, track.y + track.height / 2 + .5);
   }
 

@@ -29,7 +29,10 @@ Html listHtml(const char* heading, const char* columns, const Html& rows) {
   if (rows.markup.empty()) return {};
   const Html head = element("thead", "", element("tr", "", Html{columns})) + Html{"\n"};
   const Html body = element("table", "", head + element("tbody", "", rows));
-  return element("section", "", element("h3", "", heading) + element("div", "scroll", body));
+  return element("section", "",
+                 element("h3", "", heading) +
+                     Html{"<div class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\""} +
+                     escaped(heading) + Html{"\">"} + body + Html{"</div>"});
 }
 
 /// A bar behind a number: how much of `whole` it is.
@@ -57,8 +60,8 @@ Html spentHtml(const ReportVerdict& verdict) {
                       element("i", state, "") + element("b", "", shareText(ms, total)) +
                           escaped(" " + state + ", " + durationText(ms)));
   }
-  return element("h3", "", "How the hung thread spent the time") + element("div", "bar", bar) +
-         element("ul", "legend", legend);
+  return element("h3", "", "The hung thread") + Html{"<div class=\"bar\" aria-hidden=\"true\">"} + bar +
+         Html{"</div>"} + element("ul", "legend", legend);
 }
 
 Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -70,25 +73,8 @@ Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
     rows += row({number(durationText(wait.durationMs)), number(offsetText(wait.atUs, header)),
                  element("td", "", state), cell(wait.wokenBy ? threadText(*wait.wokenBy, header) : "–")});
   }
-  return listHtml("Its longest waits", "<th>For<th>From<th>State<th>Woken by", rows);
-}
-
-/// From the hung thread on, each with its stack where there is one; the culprit is marked.
-Html chainHtml(const ReportVerdict& verdict, const ReportHeader& header) {
-  Html links;
-  for (const ReportVerdict::Link& link : verdict.chain) {
-    Html content = element("b", "", threadText(link.thread, header));
-    if (link.isCulprit) content += element("span", "badge", "culprit");
-    content += element("p", "", stepText(link));
-    if (!link.function.empty()) {
-      content += Html{"<a class=\"code\" href=\"#thread-" + std::to_string(link.thread.tid) + "\">"} +
-                 escaped("in " + link.function) + Html{"</a>"};
-    }
-    if (!link.evidence.empty()) content += element("p", "note", "Evidence: " + link.evidence);
-    links += element("li", link.isCulprit ? "culprit" : "", content);
-  }
-  if (links.markup.empty()) return {};
-  return element("h3", "", "Who waited for whom") + element("ol", "chain", links);
+  return listHtml("Its longest waits",
+                  "<th scope=col>For<th scope=col>From<th scope=col>State<th scope=col>Woken by", rows);
 }
 
 Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -100,7 +86,8 @@ Html busiestHtml(const ReportVerdict& verdict, const ReportHeader& header) {
         row({cell(threadText(busy.thread, header)), number(durationText(busy.runningMs)),
              number(shareText(busy.runningMs, covered)), element("td", "", meter(busy.runningMs, covered))});
   }
-  return listHtml("Busiest other threads", "<th>Thread<th>Ran<th colspan=2>Of a CPU", rows);
+  return listHtml("Busiest other threads",
+                  "<th scope=col>Thread<th scope=col>Ran<th scope=col colspan=2>Of a CPU", rows);
 }
 
 Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -121,11 +108,9 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
 
 }  // namespace
 
-Html verdictHtml(const ReportVerdict& verdict, const ReportHeader& header) {
-  return element("section", "card verdict",
-                 (header.hasHang() ? element("p", "badge", causeText(verdict.cause)) : Html{}) +
-                     element("p", "sentence", verdict.sentence) + chainHtml(verdict, header) +
-                     spentHtml(verdict) +
+Html timeHtml(const ReportVerdict& verdict, const ReportHeader& header) {
+  return element("section", "card time",
+                 element("h2", "", "Where the time went") + spentHtml(verdict) +
                      element("div", "pair", waitsHtml(verdict, header) + busiestHtml(verdict, header)) +
                      factsHtml(verdict, header));
 }

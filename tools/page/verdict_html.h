@@ -5,7 +5,8 @@
 
 namespace quorvelctl {
 
-/// The verdict's part of a page: the sentence, how the time was spent, waits, who else ran, on what it rests.
-Html verdictHtml(const ReportVerdict& verdict, const ReportHeader& header);
+/// Where the time went, by the verdict: how the hung thread spent it, its waits, who else ran, on what that
+/// rests.
+Html timeHtml(const ReportVerdict& verdict, const ReportHeader& header);
 
 }  // namespace quorvelctl

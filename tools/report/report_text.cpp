@@ -38,9 +38,10 @@ std::string headerText(const Report& report) {
   return text + table(rows);
 }
 
-std::string hungThreadText(const ReportThread& thread) {
-  std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(thread.name) +
-                     ", which hung: " + printable(doingText(thread)) + "\n";
+/// `role`: "which hung".
+std::string stackText(const ReportThread& thread, const char* role) {
+  std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(thread.name) + ", " + role +
+                     ": " + printable(doingText(thread)) + "\n";
   text += "CPU time so far: " + fixed(thread.userMs, 0) + " ms user, " + fixed(thread.systemMs, 0) +
           " ms system\n";
   text += "\n  kernel, innermost first\n";
@@ -54,10 +55,10 @@ std::string hungThreadText(const ReportThread& thread) {
   return text;
 }
 
-std::string otherThreadsText(const std::vector<ReportThread>& threads) {
+std::string otherThreadsText(const Report& report) {
   std::vector<std::vector<std::string>> rows{{"THREAD", "NAME", "DOING", "INNERMOST FRAME"}};
-  for (const ReportThread& thread : threads) {
-    if (thread.hung) continue;
+  for (const ReportThread& thread : report.threads) {
+    if (thread.hung || isCulprit(report, thread.tid)) continue;
     const std::string frame = thread.userStack.empty() ? "-" : frameText(thread.userStack.front());
     rows.push_back({std::to_string(thread.tid), printable(thread.name), printable(doingText(thread)), frame});
   }
@@ -89,11 +90,14 @@ std::string displayText(const ReportHeader& header) {
 std::string reportText(const Report& report) {
   std::string text = headerText(report);
   if (!report.threads.empty() && report.threads.front().hung) {
-    text += hungThreadText(report.threads.front());
+    text += stackText(report.threads.front(), "which hung");
   } else if (report.header.pid != 0) {
     text += "\nThe thread that hung had ended, or could not be looked at.\n";
   }
-  text += otherThreadsText(report.threads);
+  for (const ReportThread& thread : report.threads) {
+    if (!thread.hung && isCulprit(report, thread.tid)) text += stackText(thread, "the culprit");
+  }
+  text += otherThreadsText(report);
   if (!report.leftOut.empty()) text += "\nLeft out\n";
   for (const auto& [what, why] : report.leftOut)
     text += "  " + printable(what) + ": " + printable(why) + "\n";

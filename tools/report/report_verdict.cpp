@@ -37,7 +37,8 @@ ReportVerdict::Link linkOf(const Json& json) {
           textMember(waitsFor, "sureness"),
           textMember(waitsFor, "evidence"),
           textMember(json, "function"),
-          !textMember(json, "culprit").empty()};
+          !textMember(json, "culprit").empty(),
+          integerMember(waitsFor, "tid")};
 }
 
 template <typename Row, typename RowOf>

@@ -41,6 +41,7 @@ struct ReportVerdict {
     std::string evidence;
     std::string function;    ///< where it was; empty: not known
     bool isCulprit = false;  ///< the others wait for it, in the end
+    int64_t waitsFor = 0;    ///< the thread; 0: nobody who is known
   };
   struct Busy {
     VerdictThread thread;

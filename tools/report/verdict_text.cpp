@@ -79,14 +79,21 @@ std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) 
   return section("Its longest waits", rows);
 }
 
-/// The culprit is marked.
+/// A picture of it, from the hung thread down; the culprit is marked.
 std::string chainText(const ReportVerdict& verdict, const ReportHeader& header) {
-  Rows rows{{"", "THREAD", "IN", "DOES"}};
-  for (const ReportVerdict::Link& link : verdict.chain) {
-    rows.push_back({link.isCulprit ? "=>" : "", printable(threadText(link.thread, header)),
-                    link.function.empty() ? "-" : printable(link.function), printable(stepText(link))});
+  const std::vector<ReportVerdict::Link>& chain = verdict.chain;
+  std::string text = chain.empty() ? "" : "\nWho waited for whom\n";
+  for (size_t i = 0; i < chain.size(); ++i) {
+    const ReportVerdict::Link& link = chain[i];
+    const std::optional<size_t> back = backTo(chain, i);
+    const bool isLast = i + 1 == chain.size();
+    text += (link.isCulprit ? "  => " : "     ") + printable(linkText(verdict, header, i));
+    if (!link.function.empty()) text += ", in " + printable(link.function);
+    text += (isLast && !back ? "\n       " : "\n     | ") + printable(stepText(link)) + "\n";
+    if (!isLast) text += "     v\n";
+    if (back) text += "     '-> back to " + printable(chain[*back].thread.name) + "\n";
   }
-  return section("Who waited for whom", rows);
+  return text;
 }
 
 std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -128,6 +135,7 @@ std::string percentText(double percent) {
 const std::vector<std::string>& causeNames() {
   static const std::vector<std::string> kNames = [] {
     std::vector<std::string> names;
+    names.reserve(kCauses.size());
     for (const auto& [name, text] : kCauses) names.emplace_back(name);
     return names;
   }();
@@ -152,6 +160,27 @@ std::string threadText(const VerdictThread& thread, const ReportHeader& header) 
   if (thread.pid != 0 && thread.pid == header.pid) return text + " of the same process";
   if (thread.pid == thread.tid && thread.process == thread.name) return text;
   return text + " of " + thread.process + (thread.pid == 0 ? "" : " (" + std::to_string(thread.pid) + ")");
+}
+
+bool isCulprit(const ReportMetadata& report, int64_t tid) {
+  return report.verdict && std::any_of(report.verdict->chain.begin(), report.verdict->chain.end(),
+                                       [&](const ReportVerdict::Link& link) {
+                                         return link.isCulprit && link.thread.tid == tid;
+                                       });
+}
+
+std::string linkText(const ReportVerdict& verdict, const ReportHeader& header, size_t index) {
+  const VerdictThread& thread = verdict.chain[index].thread;
+  // What the hung one belongs to has been said.
+  return index == 0 ? thread.name + " (" + std::to_string(thread.tid) + ")" : threadText(thread, header);
+}
+
+std::optional<size_t> backTo(const std::vector<ReportVerdict::Link>& chain, size_t index) {
+  if (index + 1 != chain.size() || chain[index].waitsFor == 0) return std::nullopt;
+  for (size_t i = 0; i < chain.size(); ++i) {
+    if (chain[i].thread.tid == chain[index].waitsFor) return i;
+  }
+  return std::nullopt;
 }
 
 std::string stepText(const ReportVerdict::Link& link) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +25,12 @@ std::string_view causeText(const std::string& cause);
 
 /// "worker (43) of viewer (41)", or "of the same process" where it is the hung one's.
 std::string threadText(const VerdictThread& thread, const ReportHeader& header);
+/// Whether the chain ends in this thread.
+bool isCulprit(const ReportMetadata& report, int64_t tid);
+/// One of the chain: "viewer (41)", "worker (43) of the same process".
+std::string linkText(const ReportVerdict& verdict, const ReportHeader& header, size_t index);
+/// The earlier one of the chain for which the last one waits: a deadlock. Nothing of others.
+std::optional<size_t> backTo(const std::vector<ReportVerdict::Link>& chain, size_t index);
 /// What the link waits for or does, and how sure that is.
 std::string stepText(const ReportVerdict::Link& link);
 /// Who, or what, kept the hung thread from going on: those at the end of the chain, who had its CPU, or the

@@ -1,4 +1,12 @@
+#include "tools/page/report_page.h"
+
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <regex>
+#include <set>
 
 #include "tools/page/report_html.h"
 #include "tools/page/report_timeline.h"
@@ -60,6 +68,89 @@ TEST(ReportPage, NothingOfAReportBecomesMarkup) {
   EXPECT_EQ(countOf(page, "</script>"), 2u);
   EXPECT_EQ(countOf(page, "<!--"), 0u);
   EXPECT_EQ(countOf(page, "'use strict'"), 1u) << "a part of the page was put into a text of the report";
+}
+
+/// Of "#rrggbb", as WCAG reckons it.
+double luminance(const std::string& color) {
+  double sum = 0;
+  for (const auto& [at, weight] : {std::pair{1, .2126}, {3, .7152}, {5, .0722}}) {
+    const double part = std::stoi(color.substr(static_cast<size_t>(at), 2), nullptr, 16) / 255.0;
+    sum += weight * (part <= .04045 ? part / 12.92 : std::pow((part + .055) / 1.055, 2.4));
+  }
+  return sum;
+}
+
+TEST(ReportPage, ItsColorsCanBeToldApartInLightAndInDark) {
+  const std::string style(quorvelctl::kReportStyle);
+  const size_t dark = style.find("prefers-color-scheme: dark");
+  std::map<std::string, std::string> colors;
+  const auto contrast = [&](const char* one, const char* other) {
+    const double a = luminance(colors.at(one)), b = luminance(colors.at(other));
+    return (std::max(a, b) + .05) / (std::min(a, b) + .05);
+  };
+  for (const std::string& scheme : {style.substr(0, dark), style.substr(dark)}) {
+    const std::regex variable("--([a-z0-9-]+): (#[0-9a-f]{6})");
+    for (std::sregex_iterator at(scheme.begin(), scheme.end(), variable), end; at != end; ++at)
+      colors[(*at)[1]] = (*at)[2];
+    for (const auto& [text, ground] : {std::pair{"ink", "card"},
+                                       {"ink", "bg"},
+                                       {"ink", "soft"},
+                                       {"dim", "card"},
+                                       {"dim", "bg"},
+                                       {"badge", "badge-bg"},
+                                       {"link", "card"}})
+      EXPECT_GE(contrast(text, ground), 4.5) << text << " on " << ground;
+    for (const char* mark :
+         {"focus", "edge", "dim", "running", "runnable", "uninterruptible", "sleeping", "stopped"})
+      EXPECT_GE(contrast(mark, "card"), 3) << mark;
+  }
+}
+
+TEST(ReportPage, TellsTheCauseFirstAndCanBeReadWithoutEyesOrMouse) {
+  std::string text(kHostile);
+  const std::string chain =
+      text.substr(text.find("\"chain\""), text.find("\"busiest\"") - text.find("\"chain\""));
+  text.replace(text.find(chain), chain.size(), R"("function":"X","chain":[
+{"tid":41,"name":"viewer","pid":41,"function":"X","text":"waits","waitsFor":{"tid":42}},
+{"tid":42,"name":"worker","pid":41,"text":"waits","culprit":"deadlock","waitsFor":{"tid":55}},
+{"tid":55,"name":"bus","pid":55,"text":"waits","culprit":"deadlock","waitsFor":{"tid":42}}],)");
+  text.replace(text.find("{\"tid\":42,\"name\":\"X\""), 0, R"({"tid":43,"name":"idle"},)");
+  const std::string page = pageOf(text);
+
+  size_t before = page.find("<body");
+  for (const char* part :
+       {"class=\"sentence\"", "Who waited for whom", "Where the time went", "id=\"timeline\"", "Stacks",
+        "id=\"thread-41\"", "id=\"thread-42\"", "id=\"thread-43\"", ">Report<"}) {
+    EXPECT_GT(page.find(part), before) << part;
+    before = page.find(part);
+  }
+  EXPECT_NE(page.find("<details id=\"thread-41\" open>"), std::string::npos) << "it hung";
+  EXPECT_NE(page.find("<details id=\"thread-42\" class=\"culprit\" open>"), std::string::npos);
+  EXPECT_NE(page.find("<details id=\"thread-43\">"), std::string::npos);
+  EXPECT_NE(page.find("<li class=\"here\">X"), std::string::npos);
+  EXPECT_NE(page.find("<a href=\"#link-1\">back to worker</a>"), std::string::npos);
+  EXPECT_EQ(countOf(page, "The report has no stack of it"), 1u);
+
+  const auto matches = [&](const char* pattern) {
+    const std::regex expression(pattern);
+    std::vector<std::string> found;
+    for (std::sregex_iterator at(page.begin(), page.end(), expression), end; at != end; ++at)
+      found.push_back((*at)[1]);
+    return found;
+  };
+  int level = 0;
+  for (const std::string& heading : matches("<h([1-6])")) {
+    EXPECT_LE(std::stoi(heading), level + 1) << "a level is left out";
+    level = std::stoi(heading);
+  }
+  EXPECT_EQ(countOf(page, "<h1"), 1u);
+  const auto ids = matches(" id=\"([^\"]+)\"");
+  EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
+  for (const std::string& target : matches("href=\"#([^\"]+)\""))
+    EXPECT_EQ(std::count(ids.begin(), ids.end(), target), 1) << target;
+  EXPECT_EQ(matches("class=\"scroll\" (tabindex=\"0\" role=\"region\" aria-label=\"[^\"]+\")").size(),
+            countOf(page, "class=\"scroll\""));
+  EXPECT_EQ(countOf(page, "<th"), countOf(page, "<th scope=") + countOf(page, "<thead"));
 }
 
 TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {

@@ -69,10 +69,14 @@ TEST(ReportFile, ItsVerdictComesFirst) {
             "hang MainThread: viewer (pid 41), 8.50 s\n\n"
             "It waited for ?worker.\n\n"
             "Who waited for whom\n"
-            "      THREAD                           IN    DOES\n"
-            "      viewer (41) of the same process  main  waits for a lock that 'wor?' (42) holds\n"
-            "      worker (42) of the same process  read  waits for 'bus' (55), through a pipe (likely)\n"
-            "  =>  bus (55)                         -     slept\n\n"
+            "     viewer (41), in main\n"
+            "     | waits for a lock that 'wor?' (42) holds\n"
+            "     v\n"
+            "     worker (42) of the same process, in read\n"
+            "     | waits for 'bus' (55), through a pipe (likely)\n"
+            "     v\n"
+            "  => bus (55)\n"
+            "       slept\n\n"
             "How the hung thread spent the time\n"
             "  STATE     FOR     SHARE   \n"
             "  sleeping  8.33 s  98.0 %  #############################\n"
@@ -87,6 +91,16 @@ TEST(ReportFile, ItsVerdictComesFirst) {
             "  disk         3 requests, 4 KB read, 0 B written; busy for 20 ms, the slowest took 9 ms\n"
             "  io pressure  some tasks waited 12.3 % of the last 10 s, all 3.0 %\n"
             "  evidence     recorder: 6.38 s of 8.50 s covered (75.0 %), 12 events lost\n\n");
+
+  // A deadlock: the last one waits for an earlier one. The culprit's stack is told in full.
+  const std::string end = R"("text":"slept","culprit":"slept"})";
+  text.replace(text.find(end), end.size(), R"("text":"waits","culprit":"deadlock","waitsFor":{"tid":42}})");
+  text.insert(text.find(R"("text":"waits for 'bus')"), R"("culprit":"deadlock",)");
+  const std::string circle = quorvelctl::reportText(quorvelctl::parseReport(text, error).value_or(Report{}));
+  EXPECT_NE(circle.find("  => bus (55)\n     | waits\n     '-> back to worker\n"), std::string::npos)
+      << circle;
+  EXPECT_NE(circle.find("Thread 42 wor?[31mker, the culprit: sleeping"), std::string::npos) << circle;
+  EXPECT_EQ(circle.find("Other threads"), std::string::npos) << circle;
 }
 
 TEST(ReportFile, ItsHeaderIsReadWithoutTheRest) {
