@@ -20,6 +20,7 @@ extern "C" {
 
 #define KELVANE_LIBRARY_PATH "/usr/lib/libkelvane" /* without the platform's suffix */
 #define KELVANE_ENTRY_POINT "kelvane_dump_output_with_options_sync"
+#define KELVANE_SAMPLE_ENTRY_POINT "kelvane_sample_pending"
 #define KELVANE_KEY_REASON_STRING "KSPDumpOptions_ReasonString"
 #define KELVANE_KEY_NO_SYMBOLICATE "KSPDumpOptions_NoSymbolicate"
 #define KELVANE_KEY_MIN_TIMESTAMP "KSPDumpOptions_MinTimestamp"
@@ -49,7 +50,23 @@ typedef struct kelvane_options {
 /* Writes one report into `fd`, from its start, and returns whether it is whole. Synchronous. */
 typedef bool (*kelvane_dump_function)(int fd, const kelvane_options* options);
 
+/* An operation that has been pending for a while: whose it is, and since when. */
+typedef struct kelvane_pending {
+  int32_t pid;
+  uint32_t uid;
+  uint64_t thread_id;   /* as the process calls it */
+  uint64_t start_ticks; /* of 24 MHz */
+} kelvane_pending;
+
+/* Has the threads of these operations sampled, as many as it can afford, until the next call says otherwise;
+ * a report of one of them then tells where it was. Optional: a library may lack it. Never waits; call it with
+ * a count of 0, too, and again after that. Returns why no thread can be sampled on this machine, once, when
+ * that has turned out, valid until the next call; else NULL. Called by the thread that dumps. */
+typedef const char* (*kelvane_sample_function)(const kelvane_pending* pending, size_t count);
+
 #ifdef KELVANE_BUILD
+__attribute__((visibility("default"))) const char* kelvane_sample_pending(const kelvane_pending* pending,
+                                                                          size_t count);
 __attribute__((visibility("default"))) bool kelvane_dump_output_with_options_sync(
     int fd, const kelvane_options* options);
 

@@ -48,8 +48,9 @@ struct QVProcessInfo::ClassSide {
   std::optional<std::map<std::string, uint32_t>> activationAppCredits;
 
   TraceCapture traceCapture;
-  size_t pendingHUDClears = 0;        ///< messages on screen that a timer is to clear
-  bool fenceCaptureInFlight = false;  ///< one delayed fence-hang capture may be pending
+  std::vector<kelvane_pending> pending;  ///< at the last hang check: each process's that has lasted longest
+  size_t pendingHUDClears = 0;           ///< messages on screen that a timer is to clear
+  bool fenceCaptureInFlight = false;     ///< one delayed fence-hang capture may be pending
 
   std::array<DisplayStateEvent, 10> displayStateRing{};
   size_t displayStateNext = 0;

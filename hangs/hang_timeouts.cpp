@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
 #include "abi/hang_region.h"
 #include "base/log.h"
+#include "base/settings.h"
 #include "base/ticks.h"
 #include "hangs/class_side.h"
 #include "hangs/qv_process_info.h"
@@ -10,6 +12,9 @@
 namespace quorveld {
 
 namespace {
+
+/// How long an operation is pending before its thread is sampled: most end before, and cost nothing.
+constexpr double kSampledFromMs = 500;
 
 /// A field of memory that the client writes at the same time.
 template <typename T>
@@ -53,16 +58,21 @@ void QVProcessInfo::setLongHangDurationThreshold(double ms) {
 
 void QVProcessInfo::checkForHangTimeouts(uint64_t nowTicks) {
   // Nothing that a scan calls registers or removes a process, so the list stands still.
-  const ClassSide& state = classSide();
+  ClassSide& state = classSide();
   const auto& processes = state.watchedProcesses;
-  const TimeoutCheck check = {nowTicks, state.hangTimeoutDuration,
-                              surelyRecent(nowTicks, state.hangTimeoutDuration)};
+  const double duration = state.hangTimeoutDuration;
+  const TimeoutCheck check = {nowTicks, duration, surelyRecent(nowTicks, std::min(duration, kSampledFromMs))};
+  state.pending.clear();
   for (size_t i = 0; i < processes.size(); ++i) {
     const size_t next = i + 1 < processes.size() ? i + 1 : i;
     processes[i]->checkEventsForTimeouts(check, *processes[next]->shared_);
   }
+  state.traceCapture.samplePending(state.pending);
 }
 
+/// At most one hang is recorded; the next one's turn comes with the next scan. Of what is pending, but has
+/// not timed out or must wait for its turn, the longest is sampled.
+///
 /// Regions go cold in the 5 seconds between scans, and a scan mostly waits for memory: each step asks in
 /// advance for the same slot of the region that is scanned `next`.
 void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check, const QVSharedHangRegion& next) {
@@ -70,6 +80,8 @@ void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check, const QVSh
   const hangEvent* nextSlots = next.slots;
   const size_t slotsInRegion = slotsInRegion_;
   const uint64_t recentTicks = check.recentTicks;
+  bool mayReport = true;
+  kelvane_pending longest = {.pid = pid_, .uid = uid_, .thread_id = 0, .start_ticks = UINT64_MAX};
   // slotCount is read again at every step: the client may grow or shrink its list meanwhile, and may lie.
   for (size_t i = 0; i < loadRelaxed(shared_->slotCount) && i < slotsInRegion; ++i) {
     __builtin_prefetch(nextSlots + i);
@@ -77,14 +89,22 @@ void QVProcessInfo::checkEventsForTimeouts(const TimeoutCheck& check, const QVSh
     // Sequentially consistent: no other field of the slot is read before it.
     if (std::atomic_ref(slot.timeoutExempt).load(std::memory_order_seq_cst) != 0) continue;
     const uint64_t startTicks = loadRelaxed(slot.startTime);
-    if (startTicks >= recentTicks || !isTimedOut(startTicks, check.nowTicks, check.timeoutMs)) continue;
+    if (startTicks >= recentTicks) continue;
+    if (!mayReport || !isTimedOut(startTicks, check.nowTicks, check.timeoutMs)) {
+      if (startTicks < longest.start_ticks && loadRelaxed(slot.wantsKelvane) != 0) {
+        longest.thread_id = loadRelaxed(slot.threadID);
+        longest.start_ticks = startTicks;
+      }
+      continue;
+    }
 
     TimedOutSlot taken;
     if (!takeTimedOutSlot(slot, startTicks, taken)) continue;
     quorvelLog().info("Hang timeout duration of %f exceeded, will attempt to record hang ", check.timeoutMs);
     recordHang(taken.hangName.c_str(), taken.threadID, taken.startTicks, check.nowTicks, taken.wantsKelvane);
-    return;
+    mayReport = false;
   }
+  if (longest.start_ticks != UINT64_MAX && settings().enableKelvane) classSide().pending.push_back(longest);
 }
 
 /// Copies the slot and marks it as reported: seen as a number, all ones lies far in the future, so the slot

@@ -126,7 +126,7 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
                                                const char* bundleID, uint32_t uid);
 
   /// One scan's measure: what is pending for longer than `timeoutMs` at `nowTicks` has timed out; what began
-  /// at `recentTicks` or later has not.
+  /// at `recentTicks` or later has not, and is not sampled.
   struct TimeoutCheck {
     uint64_t nowTicks;
     double timeoutMs;

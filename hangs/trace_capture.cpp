@@ -20,6 +20,7 @@ void TraceCapture::loadKelvaneLibrary() {
   }
   dump_ = reinterpret_cast<kelvane_dump_function>(library_->symbol(KELVANE_ENTRY_POINT));
   if (!dump_) return;
+  sample_ = reinterpret_cast<kelvane_sample_function>(library_->symbol(KELVANE_SAMPLE_ENTRY_POINT));
   reasonStringKey_ = optionKey(KELVANE_KEY_REASON_STRING);
   noSymbolicateKey_ = optionKey(KELVANE_KEY_NO_SYMBOLICATE);
   minTimestampKey_ = optionKey(KELVANE_KEY_MIN_TIMESTAMP);
@@ -53,6 +54,13 @@ bool TraceCapture::dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTi
   }};
   const kelvane_options all = {.count = options.size(), .options = options.data()};
   return dump_(fd, &all);
+}
+
+void TraceCapture::samplePending(const std::vector<kelvane_pending>& pending) {
+  if (pending.empty() && !sample_) return;
+  if (!isKelvaneAvailable() || !sample_) return;
+  const char* why = sample_(pending.data(), pending.size());
+  if (why) quorvelLog().info("Threads of pending operations are not sampled: %s", why);
 }
 
 }  // namespace quorveld

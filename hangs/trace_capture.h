@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "abi/kelvane.h"
 #include "platform/trace_library.h"
@@ -23,6 +24,11 @@ class TraceCapture {
   /// with `reason` as its header. Synchronous. False when there is no library or the report is not whole.
   bool dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTicks, const std::string& reason);
 
+  /// Has the library note from now on where the threads of these operations are, for the reports of them, and
+  /// no others'. Call it at each hang check: without any there is nothing to do. Never waits. Does nothing
+  /// where the library can't; why the system won't let it is logged once.
+  void samplePending(const std::vector<kelvane_pending>& pending);
+
  private:
   void loadKelvaneLibrary();
   const char* optionKey(const char* exportName);
@@ -30,6 +36,7 @@ class TraceCapture {
   std::once_flag loaded_;
   std::unique_ptr<platform::TraceLibrary> library_;
   kelvane_dump_function dump_ = nullptr;
+  kelvane_sample_function sample_ = nullptr;
   const char* reasonStringKey_ = nullptr;
   const char* noSymbolicateKey_ = nullptr;
   const char* minTimestampKey_ = nullptr;

@@ -15,18 +15,22 @@
 #include "kelvane/report/make_report.h"
 #include "kelvane/report/report.h"
 #include "kelvane/report/report_file.h"
+#include "kelvane/sampling/sampler.h"
 #include "kelvane/sandbox/rights.h"
 
-// kelvane-capture: makes one report, in a process that libkelvane.so starts for it and may leave behind. It
-// reads the reason text from its standard input and writes the report over the file that is its standard
-// output.
+// kelvane-capture: makes one report, or is the sampler (kelvane/sampling/sampler.h), in a process that
+// libkelvane.so starts for it and may leave behind. It reads the reason text from its standard input and
+// writes the report over the file that is its standard output; the sampler gets its orders over its standard
+// input.
 
 namespace kelvane {
 namespace {
 
 int run(const std::vector<std::string>& arguments) {
   keepRightsToLook();
-  limitResources();
+  const bool isSampler = arguments == std::vector<std::string>{kSamplerOption};
+  limitResources(isSampler ? kMaxSamplerCpuTime : kMaxCpuTime);
+  if (isSampler) return runSampler(STDIN_FILENO);
   const FileText reason = readOn(STDIN_FILENO, kMaxHeaderBytes + 1);
   const std::optional<Order> order = readOrder(reason.text, arguments);
   if (!order) return kOtherVersion;

@@ -9,6 +9,7 @@
 #include "kelvane/launch/arguments.h"
 #include "kelvane/launch/capture_program.h"
 #include "kelvane/launch/left_behind.h"
+#include "kelvane/launch/sampler_program.h"
 #include "kelvane/report/dump_request.h"
 #include "kelvane/report/json_writer.h"
 #include "kelvane/report/report.h"
@@ -31,6 +32,11 @@ std::string copyReport(int from, ReportFile& file) {
   return "it wrote more than " + std::to_string(kMaxReportBytes) + " bytes";
 }
 
+SamplerProgram& sampler() {
+  static SamplerProgram program;
+  return program;
+}
+
 bool dump(int fd, const kelvane_options* options) {
   // In a host that unloads the library those are forgotten, and gone when the kernel lets them.
   static LeftBehind leftBehind;
@@ -40,7 +46,9 @@ bool dump(int fd, const kelvane_options* options) {
   DumpRequest request = parseRequest(options);
   uid_t user = 0;
   const std::string notLooking = request.pid ? leftBehind.whyNotLook(*request.pid, user) : "";
-  CaptureProgram program(reason, argumentsOf(request, notLooking));
+  const UniqueFd samples =
+      request.pid ? sampler().requestSamples(*request.pid, request.threadId) : UniqueFd();
+  CaptureProgram program(reason, argumentsOf(request, notLooking), samples.get());
   std::string failure = program.await();
   leftBehind.add(request.pid.value_or(0), user, program);
   if (failure.empty()) failure = copyReport(program.report(), *file);
@@ -72,4 +80,17 @@ bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* option
   }
   errno = errnoBefore;
   return whole;
+}
+
+const char* kelvane_sample_pending(const kelvane_pending* pending, size_t count) {
+  static std::string why;
+  int errnoBefore = errno;
+  try {
+    why = kelvane::sampler().sample({pending, count});
+  } catch (...) {
+    // Out of memory, most likely: nothing is sampled this time.
+    why.clear();
+  }
+  errno = errnoBefore;
+  return why.empty() ? nullptr : why.c_str();
 }

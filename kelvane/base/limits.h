@@ -30,6 +30,8 @@ inline constexpr std::chrono::milliseconds kCopierEnd{100};
 
 /// The descriptor that says, by being open, that a process of a capture is still there.
 inline constexpr int kLifeDescriptor = 3;
+/// The descriptor over which samples of the hung thread come; of a capture without any it is no socket.
+inline constexpr int kSamplesDescriptor = 4;
 
 /// Captures that the kernel may hold up in all, and those among them that look at processes of one user. With
 /// more, reports say so and go without the look.
@@ -42,6 +44,8 @@ inline constexpr size_t kMaxReportBytes = size_t{64} * 1024 * 1024;
 inline constexpr size_t kMaxAddressSpaceBytes = size_t{512} * 1024 * 1024;
 /// More than the time that a capture may take, so that it ends what has been left behind and runs.
 inline constexpr std::chrono::seconds kMaxCpuTime{6};
+/// The sampler takes a thousandth of a CPU, for as long as operations are pending; it is started anew then.
+inline constexpr std::chrono::seconds kMaxSamplerCpuTime{60};
 /// The recorder's pages take one for each CPU.
 inline constexpr size_t kMaxDescriptors = 4'096;
 /// What the look publishes, and what parsing does.
@@ -84,6 +88,35 @@ inline constexpr size_t kMaxTracePageBytes = size_t{64} * 1024;
 inline constexpr std::chrono::minutes kKeepPagesFor{10};
 inline constexpr size_t kKeptBuffers = 2;
 
+// Where threads with pending operations are.
+
+/// Threads that are sampled at a time, and those among them of one user; the longest pending first.
+inline constexpr size_t kMaxSampledThreads = 8;
+inline constexpr size_t kMaxSampledThreadsOfUser = 4;
+/// Of its CPU time, and at how many of its leaves from the CPU between two collections at most: each sample
+/// costs the thread some microseconds.
+inline constexpr uint64_t kSamplesPerSecond = 49;
+inline constexpr uint64_t kLeavesPerCollection = 40;
+inline constexpr size_t kSampledStackBytes = size_t{8} * 1024;
+/// The kernel's, for each thread: some 60 samples.
+inline constexpr size_t kSampleRingBytes = size_t{512} * 1024;
+/// How often the rings are emptied. The kernel writes less than a ring's bytes meanwhile.
+inline constexpr std::chrono::milliseconds kCollectEvery{100};
+/// What is kept of each thread: five seconds at the full rate.
+inline constexpr size_t kMaxKeptSamples = 256;
+inline constexpr size_t kMaxClockMarks = 128;
+inline constexpr size_t kMaxSamplesBytes = size_t{4} * 1024 * 1024;
+/// How long beginning with a thread may take; it is held up while its process executes a program.
+inline constexpr std::chrono::milliseconds kBeginWait{100};
+/// The sampler ends without orders. They come with the daemon's hang checks, every 5 or 6 seconds.
+inline constexpr std::chrono::milliseconds kOrdersWait{15'000};
+/// How long the look at a process waits for its samples.
+inline constexpr std::chrono::milliseconds kSamplesWait{200};
+/// Waits up to this long are put down to a neighbour's stack, if their own were too many to be sampled.
+inline constexpr std::chrono::milliseconds kShortWait{100};
+/// Places in the table of where a hung thread was.
+inline constexpr size_t kMaxPlacesListed = 32;
+
 // Who waits for whom.
 
 /// How far the waits are followed from the hung thread on, how many threads are looked at on the way, and how
@@ -100,8 +133,8 @@ inline constexpr int kMoreWatches = 4;
 
 // All processes.
 
-/// How much CPU time the search for who has what open may take, and how many descriptors of a process it looks
-/// at.
+/// How much CPU time the search for who has what open may take, and how many descriptors of a process it
+/// looks at.
 inline constexpr std::chrono::milliseconds kPeerSearchCpu{100};
 inline constexpr size_t kMaxDescriptorsSearched = 4'096;
 /// Descriptors that one call watches, and processes that have one end.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -49,12 +50,11 @@ CaptureWorker::CaptureWorker(const CaptureTarget& target) : target_(target) {
 void CaptureWorker::look(pid_t parent, int ended) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(kOrphaned);
-  std::vector<int> kept = {STDERR_FILENO, kLifeDescriptor, ended};
-  closeAllBut(kept);
+  closeAllBut(std::array{STDERR_FILENO, kLifeDescriptor, kSamplesDescriptor, ended});
   const rlimit nothing{0, 0};
   setrlimit(RLIMIT_FSIZE, &nothing);
   try {
-    StackParsing parsing(target_, look_, parsed_, kept);
+    StackParsing parsing(target_, look_, parsed_, {STDERR_FILENO, kLifeDescriptor, ended});
     lookAtProcess(
         target_, [this](const ProcessCapture& part) { look_.publish(part); },
         [&](int processDir, const auto& modules, const auto& stacks, const Deadline& deadline) {

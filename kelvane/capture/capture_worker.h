@@ -15,7 +15,8 @@ namespace kelvane {
 /// may crash, or be held up by the kernel for good, and what has been found by then is there all the same.
 ///
 /// Both end with this process at the latest, unless the kernel holds them up. They keep no descriptor of this
-/// process's but the standard error output and kLifeDescriptor. Only for a process that has no other child.
+/// process's but the standard error output, kLifeDescriptor and kSamplesDescriptor. Only for a process that
+/// has no other child.
 class CaptureWorker {
  public:
   explicit CaptureWorker(const CaptureTarget& target);

@@ -10,6 +10,7 @@
 
 #include "kelvane/base/omission.h"
 #include "kelvane/frames/frame.h"
+#include "kelvane/sampling/perf_records.h"
 #include "kelvane/threads/thread_facts.h"
 #include "kelvane/waits/wait_graph.h"
 
@@ -21,6 +22,12 @@ struct StackSample {
   uint32_t stoppedUs = 0;
   std::vector<uint32_t> frames;  // indices into ProcessCapture::frames, innermost first
   std::string cutOff;            // why the stack ends before the thread's start; empty: it doesn't
+};
+
+/// Where the hung thread was at one of many moments before.
+struct SampledStack {
+  SampleTimes times;
+  std::vector<uint32_t> frames;  // as in StackSample; each stands for its function, not for a place in it
 };
 
 struct ThreadCapture {
@@ -42,8 +49,10 @@ struct ProcessCapture {
   size_t threadCount = 0;
   std::vector<ThreadCapture> threads;
   std::vector<Frame> frames;
-  std::vector<Module> modules;  // Frame::module counts these
-  WaitGraph waits;              // from the hung thread on
+  std::vector<Module> modules;        // Frame::module counts these
+  std::vector<SampledStack> samples;  // of the hung thread, oldest first
+  std::vector<ClockMark> clockMarks;  // the same; empty: it was not sampled
+  WaitGraph waits;                    // from the hung thread on
   std::vector<Omission> omissions;
 };
 

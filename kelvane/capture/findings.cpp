@@ -88,6 +88,10 @@ void writeThread(WireWriter& out, const ThreadCapture& thread) {
   out.text(thread.stack->cutOff);
 }
 
+std::vector<uint32_t> readFrameIndices(WireReader& in) {
+  return readAll<uint32_t>(in, [](WireReader& from) { return static_cast<uint32_t>(from.number()); });
+}
+
 ThreadCapture readThread(WireReader& in) {
   ThreadCapture thread;
   thread.facts = readFacts(in);
@@ -96,9 +100,37 @@ ThreadCapture readThread(WireReader& in) {
   StackSample& stack = thread.stack.emplace();
   stack.atNs = in.number();
   stack.stoppedUs = static_cast<uint32_t>(in.number());
-  stack.frames = readAll<uint32_t>(in, [](WireReader& from) { return static_cast<uint32_t>(from.number()); });
+  stack.frames = readFrameIndices(in);
   stack.cutOff = in.text();
   return thread;
+}
+
+void writeSample(WireWriter& out, const SampledStack& sample) {
+  const SampleTimes& times = sample.times;
+  for (const uint64_t value : {times.atNs, times.cpuNs, times.switches, times.waitNs, uint64_t{times.leftCpu},
+                               uint64_t{times.inCall}})
+    out.number(value);
+  writeAll(out, sample.frames, writeNumber);
+}
+
+SampledStack readSample(WireReader& in) {
+  SampledStack sample;
+  for (uint64_t* value :
+       {&sample.times.atNs, &sample.times.cpuNs, &sample.times.switches, &sample.times.waitNs})
+    *value = in.number();
+  for (bool* flag : {&sample.times.leftCpu, &sample.times.inCall}) *flag = in.number() != 0;
+  sample.frames = readFrameIndices(in);
+  return sample;
+}
+
+void writeMark(WireWriter& out, const ClockMark& mark) {
+  for (const uint64_t value : {mark.atNs, mark.cpuNs, mark.switches, mark.readyNs}) out.number(value);
+}
+
+ClockMark readMark(WireReader& in) {
+  ClockMark mark;
+  for (uint64_t* value : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.readyNs}) *value = in.number();
+  return mark;
 }
 
 void writeFrame(WireWriter& out, const Frame& frame) {
@@ -209,6 +241,8 @@ ProcessCapture readPart(WireReader& in) {
     module.buildId = from.text();
     return module;
   });
+  part.samples = readAll<SampledStack>(in, readSample);
+  part.clockMarks = readAll<ClockMark>(in, readMark);
   part.waits.parties = readAll<WaitParty>(in, readParty);
   part.waits.waits = readAll<PartyWait>(in, readWait);
   part.waits.watches = readAll<PartyWatch>(in, readWatch);
@@ -246,6 +280,8 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
   append(whole.waits.parties, part.waits.parties);
   append(whole.waits.waits, part.waits.waits);
   append(whole.waits.watches, part.waits.watches);
+  append(whole.samples, part.samples);
+  append(whole.clockMarks, part.clockMarks);
   append(whole.frames, part.frames);
   append(whole.modules, part.modules);
   append(whole.omissions, part.omissions);
@@ -255,15 +291,19 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
 bool leadsSomewhere(const ProcessCapture& part, const ProcessCapture& whole) {
   const size_t modules = whole.modules.size() + part.modules.size();
   const size_t frames = whole.frames.size() + part.frames.size();
+  const auto areKnown = [&](const std::vector<uint32_t>& indices) {
+    return std::all_of(indices.begin(), indices.end(), [&](uint32_t frame) { return frame < frames; });
+  };
   return std::all_of(part.frames.begin(), part.frames.end(),
                      [&](const Frame& frame) {
                        return frame.module >= -1 &&
                               (frame.module < 0 || static_cast<size_t>(frame.module) < modules);
                      }) &&
-         std::all_of(part.threads.begin(), part.threads.end(), [&](const ThreadCapture& thread) {
-           return !thread.stack || std::all_of(thread.stack->frames.begin(), thread.stack->frames.end(),
-                                               [&](uint32_t frame) { return frame < frames; });
-         });
+         std::all_of(
+             part.threads.begin(), part.threads.end(),
+             [&](const ThreadCapture& thread) { return !thread.stack || areKnown(thread.stack->frames); }) &&
+         std::all_of(part.samples.begin(), part.samples.end(),
+                     [&](const SampledStack& sample) { return areKnown(sample.frames); });
 }
 
 }  // namespace
@@ -277,6 +317,8 @@ std::string encodeFindings(const ProcessCapture& part) {
   writeAll(out, part.threads, writeThread);
   writeAll(out, part.frames, writeFrame);
   writeAll(out, part.modules, writeModule);
+  writeAll(out, part.samples, writeSample);
+  writeAll(out, part.clockMarks, writeMark);
   writeAll(out, part.waits.parties, writeParty);
   writeAll(out, part.waits.waits, writeWait);
   writeAll(out, part.waits.watches, writeWatch);

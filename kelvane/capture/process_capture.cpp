@@ -12,6 +12,7 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/capture/wait_look.h"
+#include "kelvane/sampling/sampler.h"
 #include "kelvane/threads/read_memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 #include "kelvane/threads/thread_facts.h"
@@ -116,9 +117,26 @@ class Look {
       return;
     }
     if (!map.problem.empty()) leaveOut("modules", map.problem);
-    const std::vector<CopiedStack> stacks = copyAll();
+    CopiedStacks stacks{copyAll(), {}};
     noteExec();
-    if (!stacks.empty()) parse_(dir_.get(), map.modules, stacks, deadline_);
+    takeSamples(stacks);
+    if (!stacks.looks.empty() || !stacks.samples.empty()) parse_(dir_.get(), map.modules, stacks, deadline_);
+  }
+
+  /// Those of the very thread, in the program that it executes now.
+  void takeSamples(CopiedStacks& stacks) {
+    auto kept = receiveSamples(target_.samplesSocket);
+    if (!kept || kept->pid != target_.pid || kept->tid != hungThread_ ||
+        kept->startStack != firstStat_.startStack)
+      return;
+    ProcessCapture part;
+    part.clockMarks = std::move(kept->marks);
+    publish_(part);
+    stacks.samples = std::move(kept->samples);
+    // What the kernel copies doesn't say how the machine signs addresses.
+    const uint64_t signatureBits =
+        stacks.looks.empty() ? 0 : stacks.looks.front().copy.registers.signatureBits;
+    for (ThreadSample& sample : stacks.samples) sample.stack.registers.signatureBits = signatureBits;
   }
 
   std::vector<CopiedStack> copyAll() {

@@ -8,6 +8,7 @@
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/capture/captured_process.h"
+#include "kelvane/sampling/perf_records.h"
 #include "kelvane/threads/memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 
@@ -18,6 +19,7 @@ struct CaptureTarget {
   pid_t pid = 0;
   int64_t threadId = 0;
   bool symbolicate = false;
+  int samplesSocket = -1;  // over which the hung thread's samples come, if there are any; the caller's
 };
 
 struct CopiedStack {
@@ -25,12 +27,18 @@ struct CopiedStack {
   StackCopy copy;
 };
 
+/// What was copied of a process's threads, to be unwound.
+struct CopiedStacks {
+  std::vector<CopiedStack> looks;
+  std::vector<ThreadSample> samples;  // of the hung thread, oldest first
+};
+
 /// Takes over a part of the capture that has been found (findings.h).
 using PublishCapture = std::function<void(const ProcessCapture& part)>;
 
 /// Makes frames of what was copied; returns at `deadline` at the latest.
 using ParseStacks = std::function<void(int processDir, const std::vector<MappedModule>& modules,
-                                       const std::vector<CopiedStack>& stacks, const Deadline& deadline)>;
+                                       const CopiedStacks& stacks, const Deadline& deadline)>;
 
 /// Looks at the process and publishes each finding when it is made, the hung thread's first.
 ///

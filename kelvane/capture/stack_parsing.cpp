@@ -39,14 +39,28 @@ class Parser {
     ProcessCapture part;
     UnwoundStack stack = unwinder_.unwind(copied.copy);
     StackSample sample{copied.copy.atNs, copied.copy.stoppedUs, {}, std::move(stack.cutOff)};
-    for (const uint64_t address : stack.addresses) {
-      // Naming an address is by far the dearest step, and threads share most of theirs.
-      auto [known, isNew] = frameOf_.try_emplace(address, static_cast<uint32_t>(frameOf_.size()));
-      if (isNew) part.frames.push_back(describe(address, part));
-      sample.frames.push_back(known->second);
-    }
+    for (const uint64_t address : stack.addresses) sample.frames.push_back(frameIndex(address, part));
     part.threads.emplace_back().facts.tid = copied.tid;
     part.threads.back().stack = std::move(sample);
+    publish(part);
+  }
+
+  /// Frames of one function are one: of many samples the path of functions is asked for.
+  void add(const ThreadSample& sample) {
+    ProcessCapture part;
+    SampledStack& stack = part.samples.emplace_back();
+    stack.times = sample.times;
+    for (const uint64_t address : unwinder_.unwind(sample.stack).addresses) {
+      auto [known, isNew] = functionOf_.try_emplace(address, 0);
+      if (isNew) known->second = unwinder_.functionAt(address);
+      stack.frames.push_back(
+          frameIndex(functionFrame_.try_emplace(known->second, address).first->second, part));
+    }
+    publish(part);
+  }
+
+ private:
+  void publish(ProcessCapture& part) {
     part.omissions = unwinder_.takeOmissions();
     if (files_.areHeldUp() && !saidHeldUp_) {
       part.omissions.push_back(
@@ -56,7 +70,13 @@ class Parser {
     parsed_.publish(part);
   }
 
- private:
+  /// Naming an address is by far the dearest step, and stacks share most of theirs.
+  uint32_t frameIndex(uint64_t address, ProcessCapture& part) {
+    auto [known, isNew] = frameOf_.try_emplace(address, static_cast<uint32_t>(frameOf_.size()));
+    if (isNew) part.frames.push_back(describe(address, part));
+    return known->second;
+  }
+
   Frame describe(uint64_t address, ProcessCapture& part) {
     Frame frame = unwinder_.describe(address);
     if (frame.module < 0) return frame;
@@ -74,14 +94,17 @@ class Parser {
   FindingsArea& parsed_;
   Unwinder unwinder_;
   bool saidHeldUp_ = false;
-  std::unordered_map<uint64_t, uint32_t> frameOf_;  // address to index among the frames published
-  std::unordered_map<int32_t, int32_t> numberOf_;   // index of a module to that among those published
+  std::unordered_map<uint64_t, uint32_t> frameOf_;     // address to index among the frames published
+  std::unordered_map<uint64_t, uint64_t> functionOf_;  // address to its function's first
+  std::unordered_map<uint64_t, uint64_t>
+      functionFrame_;                              // a function's first address to the one that stands for it
+  std::unordered_map<int32_t, int32_t> numberOf_;  // index of a module to that among those published
 };
 
 }  // namespace
 
-void StackParsing::run(int processDir, const std::vector<MappedModule>& modules,
-                       const std::vector<CopiedStack>& stacks, const Deadline& deadline) {
+void StackParsing::run(int processDir, const std::vector<MappedModule>& modules, const CopiedStacks& stacks,
+                       const Deadline& deadline) {
   const auto say = [&](const std::string& why) {
     ProcessCapture part;
     part.omissions.push_back({"user stacks", why});
@@ -105,7 +128,7 @@ void StackParsing::run(int processDir, const std::vector<MappedModule>& modules,
 }
 
 void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModule>& modules,
-                         const std::vector<CopiedStack>& stacks) {
+                         const CopiedStacks& stacks) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(kOrphaned);
   look_.unmap();
@@ -120,7 +143,8 @@ void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModul
       _exit(0);
     }
     Parser parser(target_, modules, socket, parsed_);
-    for (const CopiedStack& stack : stacks) parser.add(stack);
+    for (const CopiedStack& stack : stacks.looks) parser.add(stack);
+    for (const ThreadSample& sample : stacks.samples) parser.add(sample);
   } catch (const std::bad_alloc&) {
     _exit(kOutOfMemory);
   }

@@ -21,12 +21,12 @@ class StackParsing {
                std::vector<int> descriptors)
       : target_(target), look_(look), parsed_(parsed), descriptors_(std::move(descriptors)) {}
 
-  void run(int processDir, const std::vector<MappedModule>& modules, const std::vector<CopiedStack>& stacks,
+  void run(int processDir, const std::vector<MappedModule>& modules, const CopiedStacks& stacks,
            const Deadline& deadline);
 
  private:
   [[noreturn]] void parse(pid_t parent, int socket, const std::vector<MappedModule>& modules,
-                          const std::vector<CopiedStack>& stacks);
+                          const CopiedStacks& stacks);
 
   const CaptureTarget target_;
   FindingsArea& look_;

@@ -204,6 +204,18 @@ Frame Unwinder::describe(uint64_t address) {
   return frame;
 }
 
+uint64_t Unwinder::functionAt(uint64_t address) const {
+  const auto index = moduleAt(address);
+  Dwfl_Module* module = index && *index < reported_.size() ? reported_[*index] : nullptr;
+  Dwarf_Addr bias = 0;
+  Dwarf_CFI* table = module ? dwfl_module_eh_cfi(module, &bias) : nullptr;
+  Dwarf_Frame* found = nullptr;
+  if (!table || dwarf_cfi_addrframe(table, address - bias, &found) != 0) return address;
+  const std::unique_ptr<Dwarf_Frame, decltype(&free)> frame(found, free);
+  Dwarf_Addr start = 0;
+  return dwarf_frame_info(found, &start, nullptr, nullptr) < 0 ? address : start + bias;
+}
+
 std::string Unwinder::buildId(int32_t index) {
   const unsigned char* bits = nullptr;
   GElf_Addr address = 0;

@@ -42,6 +42,8 @@ class Unwinder {
 
   /// The place at `address`: module, offset and, with `names`, the function's demangled name.
   Frame describe(uint64_t address);
+  /// Where the function at `address` begins, going by the unwind tables; `address` itself if they don't tell.
+  uint64_t functionAt(uint64_t address) const;
   /// The build-id of a module that `describe` named, hexadecimal; empty if it has none.
   std::string buildId(int32_t module);
 

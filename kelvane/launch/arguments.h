@@ -9,6 +9,10 @@
 
 namespace kelvane {
 
+/// The program's one argument if it is to be the sampler (kelvane/sampling/sampler.h), with the socket of its
+/// orders as its standard input.
+inline constexpr const char* kSamplerOption = "sample";
+
 // What the library tells kelvane-capture beside the reason text: arguments of the form NAME=VALUE.
 
 /// The reason text of a call, cut where parseRequest finds it too long; empty if there is none.

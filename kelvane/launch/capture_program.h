@@ -9,16 +9,15 @@
 
 namespace kelvane {
 
-/// One run of the program kelvane-capture, which lies in quorveld/ beside the library's own file.
+/// One run of the program kelvane-capture (own_program.h), which makes one report.
 ///
 /// The program gets a memory file with the reason text as its standard input, another for the report as its
-/// standard output, and its options as arguments. It has a session of its own, and nothing else of this
-/// process's: no descriptor, no signal's handling, no environment but QUORVELD_ROOT. This process sees
-/// nothing of it: it sends no SIGCHLD, and only who knows its pidfd can wait for it.
+/// standard output, and its options as arguments.
 class CaptureProgram {
  public:
-  /// Starts it; `problem` says why that failed.
-  CaptureProgram(const std::string& reason, const std::vector<std::string>& options);
+  /// Starts it; if that fails, `await` says why. `samples` is the socket over which the hung thread's samples
+  /// come, -1 if none do; the caller's.
+  CaptureProgram(const std::string& reason, const std::vector<std::string>& options, int samples);
 
   /// Waits for the program's end, kReportBudget at most, and then ends it without waiting. Empty, if the
   /// report is whole, else why it isn't.
@@ -33,8 +32,7 @@ class CaptureProgram {
   UniqueFd takeProcess() { return std::move(process_); }
 
  private:
-  std::string start(const std::string& path, const std::string& reason,
-                    const std::vector<std::string>& options);
+  std::string start(const std::string& reason, const std::vector<std::string>& options, int samples);
 
   std::string problem_;
   UniqueFd report_;

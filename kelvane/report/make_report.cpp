@@ -60,7 +60,7 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
       request.pid ? readSurroundings(*request.pid, named == 0 ? *request.pid : named) : Surroundings{};
   std::optional<CaptureWorker> worker;
   if (request.pid && notLooking.empty())
-    worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate});
+    worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate, kSamplesDescriptor});
   if (request.hang) report.recording = recordingOf(*request.hang, report.capturedAtNs);
   report.processes = scanProcesses(deadline);
   if (worker) report.process = worker->take(deadline);

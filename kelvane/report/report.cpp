@@ -7,7 +7,9 @@
 #include "kelvane/base/deadline.h"
 #include "kelvane/report/host_info.h"
 #include "kelvane/report/recorder_tracks.h"
+#include "kelvane/report/sampled_track.h"
 #include "kelvane/report/signature.h"
+#include "kelvane/report/stack_tree.h"
 #include "kelvane/report/trace_events.h"
 #include "kelvane/report/verdict_json.h"
 #include "kelvane/verdict/display_names.h"
@@ -73,7 +75,8 @@ void writeCapture(JsonWriter& json, const Report& report) {
   json.endObject();
 }
 
-void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks& tracks) {
+void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks& tracks,
+                   const SampledTrack& sampled) {
   json.key("metadata");
   json.beginObject();
   json.member("format", "kelvane");
@@ -90,6 +93,7 @@ void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks&
   writeCapture(json, report);
   writeText(json, "signature", signatureOf(report));
   if (report.verdict) writeVerdict(json, *report.verdict, report.process);
+  sampled.writeTable(json);
   json.key("leftOut");
   json.beginArray();
   writeOmissions(json, report.request.omissions);
@@ -158,18 +162,21 @@ Report makeBareReport(DumpRequest request, const std::string& why) {
 }
 
 void writeReport(const Report& report, JsonWriter& json) {
-  TraceEvents events(report.request, report.process, report.capturedAtNs);
+  StackTree stacks(report.process);
+  const SampledTrack sampled(report.request, report.process, stacks);
+  const TraceEvents events(report.request, report.process, stacks, report.capturedAtNs, !sampled.isEmpty());
   RecorderTracks tracks(report.recording, report.process);
   json.beginObject();
-  writeMetadata(json, report, tracks);
+  writeMetadata(json, report, tracks, sampled);
   json.member("displayTimeUnit", "ms");
   json.key("traceEvents");
   json.beginArray();
   events.writeEvents(json);
+  sampled.writeEvents(json);
   tracks.writeEvents(json);
   json.endArray();
   json.key("stackFrames");
-  events.writeStackFrames(json);
+  stacks.write(json);
   json.key("threads");
   json.beginArray();
   for (const ThreadCapture& thread : report.process.threads) {

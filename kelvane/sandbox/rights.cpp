@@ -68,9 +68,9 @@ void keepRightsToLook() {
   keepCapabilities(kRightsToLook);
 }
 
-void limitResources() {
+void limitResources(std::chrono::seconds cpuTime) {
   if (kLimitsAddressSpace) limit(RLIMIT_AS, kMaxAddressSpaceBytes);
-  limit(RLIMIT_CPU, static_cast<size_t>(kMaxCpuTime.count()));
+  limit(RLIMIT_CPU, static_cast<size_t>(cpuTime.count()));
   limit(RLIMIT_NOFILE, kMaxDescriptors);
   limit(RLIMIT_CORE, 0);
   constexpr std::string_view kFirstToGo = "1000";

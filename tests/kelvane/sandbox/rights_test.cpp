@@ -72,7 +72,7 @@ TEST(Rights, ToLookAreTracingKernelStacksAndReading) {
   const pid_t child = fork();
   if (child == 0) {
     keepRightsToLook();
-    limitResources();
+    limitResources(kMaxCpuTime);
     unsigned long long left = 0;
     std::string word;
     for (std::ifstream status("/proc/self/status"); status >> word;) {

@@ -1,0 +1,92 @@
+#include "kelvane/launch/sampler_program.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <vector>
+
+#include "kelvane/base/packets.h"
+#include "kelvane/launch/arguments.h"
+#include "kelvane/launch/own_program.h"
+#include "kelvane/sampling/sampler.h"
+
+namespace kelvane {
+namespace {
+
+/// Clients say themselves how long they have been at it, so no user's take all places.
+SamplingOrder orderFor(std::span<const kelvane_pending> pending) {
+  std::vector<kelvane_pending> byAge(pending.begin(), pending.end());
+  std::sort(byAge.begin(), byAge.end(),
+            [](const kelvane_pending& a, const kelvane_pending& b) { return a.start_ticks < b.start_ticks; });
+  SamplingOrder order;
+  std::map<uint32_t, size_t> ofUser;
+  for (const kelvane_pending& one : byAge) {
+    if (order.count == order.threads.size()) break;
+    if (++ofUser[one.uid] > kMaxSampledThreadsOfUser) continue;
+    order.threads[order.count++] = {one.pid, static_cast<int64_t>(one.thread_id)};
+  }
+  return order;
+}
+
+}  // namespace
+
+std::string SamplerProgram::sample(std::span<const kelvane_pending> pending) {
+  if (process_) {
+    siginfo_t info{};
+    const auto id = static_cast<id_t>(process_.get());
+    const int failed = waitid(P_PIDFD, id, &info, WEXITED | WNOHANG | __WALL);
+    if (failed != 0 || info.si_pid != 0) {
+      const std::string why = refusal();
+      process_ = UniqueFd();
+      orders_ = UniqueFd();
+      isRefused_ = !why.empty();
+      if (isRefused_) return why;
+    }
+  }
+  if (isRefused_) return {};
+  if (pending.empty()) {
+    orders_ = UniqueFd();  // it ends
+    return {};
+  }
+  if (!process_) start();
+  const SamplingOrder order = orderFor(pending);
+  if (orders_) sendPacket(orders_.get(), &order, sizeof order, -1);
+  return {};
+}
+
+void SamplerProgram::start() {
+  int ends[2];
+  const UniqueFd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (!nowhere || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return;
+  UniqueFd own(ends[0]);
+  const UniqueFd theirs(ends[1]);
+  std::string problem;  // a library that can't start its program says so in each report
+  process_ = startOwnProgram(
+      {kSamplerOption}, {theirs.get(), nowhere.get(), nowhere.get(), nowhere.get(), nowhere.get()}, problem);
+  if (process_) orders_ = std::move(own);
+}
+
+std::string SamplerProgram::refusal() const {
+  int32_t error = 0;
+  if (recv(orders_.get(), &error, sizeof error, MSG_DONTWAIT) != sizeof error) return {};
+  return "perf events: " + errorText(error);
+}
+
+UniqueFd SamplerProgram::requestSamples(int64_t pid, int64_t threadId) const {
+  int ends[2];
+  if (!orders_ || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return UniqueFd();
+  UniqueFd own(ends[0]);
+  const UniqueFd theirs(ends[1]);
+  SamplingOrder order;
+  order.kind = SamplingOrder::kHandOver;
+  order.count = 1;
+  order.threads[0] = {pid, threadId};
+  if (!sendPacket(orders_.get(), &order, sizeof order, theirs.get())) return UniqueFd();
+  return own;
+}
+
+}  // namespace kelvane

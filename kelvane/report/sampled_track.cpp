@@ -1,0 +1,142 @@
+#include "kelvane/report/sampled_track.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "kelvane/base/deadline.h"
+#include "kelvane/base/limits.h"
+
+namespace kelvane {
+namespace {
+
+struct TimeSpent {
+  uint64_t onCpuNs = 0;
+  uint64_t readyNs = 0;
+  uint64_t waitedNs = 0;
+
+  uint64_t sum() const { return onCpuNs + readyNs + waitedNs; }
+};
+
+void writeTimes(JsonWriter& json, const TimeSpent& spent) {
+  json.memberMilliseconds("onCpuMs", spent.onCpuNs);
+  json.memberMilliseconds("readyMs", spent.readyNs);
+  json.memberMilliseconds("waitedMs", spent.waitedNs);
+}
+
+}  // namespace
+
+SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& process, StackTree& tree)
+    : process_(process), tree_(tree) {
+  if (!request.hang || process.threads.empty()) return;
+  const ThreadCapture& hung = process.threads.front();
+  look_ = tree.add(hung.stack ? hung.stack->frames : std::vector<uint32_t>(), hung.facts.kernelStack);
+  std::vector<SampleTimes> times;
+  for (const SampledStack& sample : process.samples) {
+    times.push_back(sample.times);
+    stacks_.push_back(tree.add(sample.frames, {}));
+  }
+  time_ = divideTime(times, process.clockMarks, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
+}
+
+uint32_t SampledTrack::ranIn(const Stretch& stretch) const {
+  return stretch.ranIn ? stacks_[*stretch.ranIn] : 0;
+}
+
+uint32_t SampledTrack::waitedIn(const Stretch& stretch) const {
+  if (time_.neverRan) return look_;
+  return stretch.waitedIn ? stacks_[*stretch.waitedIn] : 0;
+}
+
+void SampledTrack::writeTable(JsonWriter& json) const {
+  if (isEmpty()) return;
+  std::map<uint32_t, TimeSpent> byStack;
+  for (const Stretch& stretch : time_.stretches) {
+    byStack[ranIn(stretch)].onCpuNs += stretch.onCpuNs;
+    TimeSpent& waited = byStack[waitedIn(stretch)];
+    waited.readyNs += stretch.readyNs;
+    waited.waitedNs += stretch.waitedNs;
+  }
+  const TimeSpent notSeen = byStack[0];
+  byStack.erase(0);
+  std::vector<std::pair<uint32_t, TimeSpent>> places(byStack.begin(), byStack.end());
+  std::erase_if(places, [](const auto& place) { return place.second.sum() == 0; });
+  std::stable_sort(places.begin(), places.end(),
+                   [](const auto& a, const auto& b) { return a.second.sum() > b.second.sum(); });
+  if (places.size() > kMaxPlacesListed) places.resize(kMaxPlacesListed);
+
+  json.key("sampled");
+  json.beginObject();
+  json.memberMicroseconds("ts", time_.stretches.front().fromNs);
+  json.memberMilliseconds("durationMs", time_.stretches.back().toNs - time_.stretches.front().fromNs);
+  json.member("samples", process_.samples.size());
+  json.key("places");
+  json.beginArray();
+  for (const auto& [stack, spent] : places) {
+    json.beginObject();
+    json.member("sf", std::string_view(std::to_string(stack)));
+    writeTimes(json, spent);
+    json.endObject();
+  }
+  json.endArray();
+  json.key("notSeen");
+  json.beginObject();
+  writeTimes(json, notSeen);
+  json.endObject();
+  json.endObject();
+}
+
+/// In a stretch the wait comes first, then what the thread did when it had gone on, up to the next sample.
+std::vector<SampledTrack::Segment> SampledTrack::segments() const {
+  std::vector<Segment> segments;
+  for (const Stretch& stretch : time_.stretches) {
+    const uint64_t wentOnNs = stretch.toNs - stretch.onCpuNs;
+    if (wentOnNs > stretch.fromNs) segments.push_back({stretch.fromNs, wentOnNs, waitedIn(stretch)});
+    if (stretch.toNs > wentOnNs) segments.push_back({wentOnNs, stretch.toNs, ranIn(stretch)});
+  }
+  return segments;
+}
+
+/// Leaves the event open for more members.
+void SampledTrack::beginEvent(JsonWriter& json, const char* phase, const std::string& name,
+                              const char* category, uint64_t startNs) const {
+  json.beginObject();
+  json.member("ph", phase);
+  json.member("name", std::string_view(name));
+  json.member("cat", category);
+  json.member("pid", process_.pid);
+  json.member("tid", process_.hungThread);
+  json.memberMicroseconds("ts", startNs);
+}
+
+/// Neighbours are drawn as one as far as their stacks are the same.
+void SampledTrack::writeEvents(JsonWriter& json) const {
+  std::vector<Segment> drawn;  // one for each frame, so that whoever holds another one comes before it
+  std::vector<size_t> open;    // those that the last one drawn is held by, and itself, outermost first
+  for (const Segment& segment : segments()) {
+    const std::vector<uint32_t> path = tree_.pathTo(segment.stack);
+    size_t same = 0;
+    while (same < open.size() && same < path.size() && drawn[open[same]].stack == path[same]) same++;
+    open.resize(same);
+    for (const size_t index : open) drawn[index].endNs = segment.endNs;
+    for (; same < path.size(); same++) {
+      open.push_back(drawn.size());
+      drawn.push_back({segment.startNs, segment.endNs, path[same]});
+    }
+  }
+  for (const Segment& frame : drawn) {
+    beginEvent(json, "X", tree_.nameOf(frame.stack), tree_.kindOf(frame.stack), frame.startNs);
+    json.memberMicroseconds("dur", frame.endNs - frame.startNs);
+    json.endObject();
+  }
+  for (size_t i = 0; i < stacks_.size() && !isEmpty(); i++) {
+    if (stacks_[i] == 0) continue;
+    beginEvent(json, "P", "stack", "sample", process_.samples[i].times.atNs);
+    json.member("sf", std::string_view(std::to_string(stacks_[i])));
+    json.endObject();
+  }
+}
+
+}  // namespace kelvane

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "kelvane/threads/stack_copy.h"
+
+namespace kelvane {
+
+// What the events of a sampled thread write, as perf_event_open(2) lays it out. Both events of a thread write
+// into one ring, newest first, over the oldest:
+//
+//   header      type 4, misc 2, size 2
+//   id          8   of the event: the thread's CPU clock has run on, or it left the CPU
+//   time        8   CLOCK_MONOTONIC
+//   counters   24   2, then the thread's CPU time in ns, then how often it has left the CPU
+//   registers   8   2 for a 64-bit program, then one word for each bit of kUserRegisters; 0: none, and no
+//   words stack       8   the size, as many bytes, then how many of these are the thread's (8; absent if size
+//   is 0)
+
+/// PERF_SAMPLE_REGS_USER's mask of this machine; 0: not known here.
+uint64_t userRegistersMask();
+
+/// When a sample was taken, by the three clocks that it carries.
+struct SampleTimes {
+  uint64_t atNs = 0;      // CLOCK_MONOTONIC
+  uint64_t cpuNs = 0;     // the thread's CPU time since it is sampled
+  uint64_t switches = 0;  // how often it has left the CPU since, this time included
+  uint64_t waitNs = 0;    // how long it was off the CPU, if it left and a next sample told; told by a store
+  bool leftCpu = false;   // taken because it left the CPU, not because of CPU time spent
+  bool inCall = false;  // in a system call; only told of whole samples, and where the machine's registers do
+};
+
+/// A moment at which a thread's clocks were read.
+struct ClockMark {
+  uint64_t atNs = 0;   // CLOCK_MONOTONIC
+  uint64_t cpuNs = 0;  // these two as in SampleTimes
+  uint64_t switches = 0;
+  uint64_t readyNs = 0;  // in all its life: ready to run, but not given a CPU
+};
+
+struct ThreadSample {
+  SampleTimes times;
+  StackCopy stack;
+};
+
+using RecordBytes = std::vector<std::byte>;
+
+/// The whole records that a ring of `ring.size()` bytes, a power of two, holds between `head` and `previous`,
+/// where reading began the last time (0: never). Oldest first; what was overwritten since is missing.
+std::vector<RecordBytes> recordsSince(std::span<const std::byte> ring, uint64_t head, uint64_t previous);
+
+/// The times of a sample; nothing if the record is something else or too short for them.
+std::optional<SampleTimes> sampleTimes(std::span<const std::byte> record, uint64_t switchId);
+
+/// A whole sample; nothing if a length in it leads out of the record, or it is not of a 64-bit program.
+std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint64_t switchId);
+
+}  // namespace kelvane

@@ -1,0 +1,117 @@
+#include "kelvane/sampling/sample_shares.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "kelvane/base/limits.h"
+
+namespace kelvane {
+namespace {
+
+/// A sample, or the mark before the first or after the last.
+struct Point {
+  SampleTimes times;
+  std::optional<size_t> sample;
+
+  bool isOnCpu() const { return sample && !times.leftCpu; }
+  bool isLeaving() const { return sample && times.leftCpu; }
+};
+
+/// `part` of `whole` of `amount`.
+uint64_t portion(uint64_t amount, uint64_t part, uint64_t whole) {
+  return static_cast<uint64_t>(static_cast<double>(amount) * static_cast<double>(part) /
+                               static_cast<double>(whole));
+}
+
+uint64_t leavesBetween(const Point& a, const Point& b) {
+  return b.times.switches - std::min(a.times.switches, b.times.switches);
+}
+
+std::optional<size_t> whereItRan(const Point& a, const Point& b) {
+  if (b.isOnCpu()) return b.sample;
+  return a.isOnCpu() || !b.sample ? a.sample : b.sample;
+}
+
+std::optional<size_t> whereItWaited(const Point& a, const Point& b, uint64_t offCpuNs) {
+  const uint64_t atTheEnd = b.isLeaving() ? 1 : 0;
+  const bool isOneWait = leavesBetween(a, b) <= atTheEnd;
+  const auto notSeen = std::chrono::nanoseconds(offCpuNs - std::min(offCpuNs, a.times.waitNs));
+  if (a.isLeaving()) return isOneWait || notSeen <= kShortWait ? a.sample : std::nullopt;
+  return b.isLeaving() && !isOneWait && notSeen <= kShortWait ? b.sample : std::nullopt;
+}
+
+/// All time off the CPU counts as waited.
+Stretch stretchBetween(const Point& a, const Point& b, uint64_t fromNs, uint64_t toNs) {
+  Stretch stretch;
+  stretch.fromNs = std::max(a.times.atNs, fromNs);
+  stretch.toNs = std::min(b.times.atNs, toNs);
+  const uint64_t wholeNs = b.times.atNs - a.times.atNs;
+  const uint64_t lengthNs = stretch.toNs - stretch.fromNs;
+  const uint64_t cpuNs = b.times.cpuNs - std::min(a.times.cpuNs, b.times.cpuNs);
+  stretch.onCpuNs = std::min(portion(cpuNs, lengthNs, wholeNs), lengthNs);
+  // A thread that has not left the CPU was on it, whatever two clocks differ by.
+  if (a.isOnCpu() && b.isOnCpu() && leavesBetween(a, b) == 0) stretch.onCpuNs = lengthNs;
+  stretch.waitedNs = lengthNs - stretch.onCpuNs;
+  stretch.ranIn = whereItRan(a, b);
+  stretch.waitedIn = whereItWaited(a, b, stretch.waitedNs);
+  return stretch;
+}
+
+/// Turns what the thread waited between two marks into what it was ready, as much as the kernel has counted:
+/// first of what it was off the CPU without having called the kernel.
+void takeReadyTime(std::vector<Stretch>& stretches, std::span<const SampleTimes> samples, const ClockMark& a,
+                   const ClockMark& b) {
+  uint64_t leftNs = b.readyNs - std::min(a.readyNs, b.readyNs);
+  for (const bool inCall : {false, true}) {
+    std::vector<std::pair<Stretch*, uint64_t>> parts;
+    uint64_t sumNs = 0;
+    for (Stretch& stretch : stretches) {
+      const uint64_t fromNs = std::max(a.atNs, stretch.fromNs);
+      const uint64_t toNs = std::min(b.atNs, stretch.toNs);
+      if (fromNs >= toNs || (stretch.waitedIn && samples[*stretch.waitedIn].inCall) != inCall) continue;
+      const uint64_t waitedNs =
+          portion(stretch.waitedNs + stretch.readyNs, toNs - fromNs, stretch.toNs - stretch.fromNs);
+      parts.emplace_back(&stretch, waitedNs);
+      sumNs += waitedNs;
+    }
+    if (sumNs == 0) continue;
+    const uint64_t readyNs = std::min(leftNs, sumNs);
+    leftNs -= readyNs;
+    for (const auto& [stretch, waitedNs] : parts) {
+      const uint64_t ns = std::min(portion(waitedNs, readyNs, sumNs), stretch->waitedNs);
+      stretch->readyNs += ns;
+      stretch->waitedNs -= ns;
+    }
+  }
+}
+
+}  // namespace
+
+SampledTime divideTime(std::span<const SampleTimes> samples, std::span<const ClockMark> marks,
+                       uint64_t fromNs, uint64_t toNs) {
+  SampledTime time;
+  if (marks.size() < 2) return time;
+  const auto pointOf = [](const ClockMark& mark) {
+    return Point{{mark.atNs, mark.cpuNs, mark.switches, false}, std::nullopt};
+  };
+  std::vector<Point> points = {pointOf(marks.front())};
+  for (size_t i = 0; i < samples.size(); i++) {
+    // What the first mark has missed by a hair, or the last, tells nothing more than they do.
+    if (samples[i].atNs > points.back().times.atNs && samples[i].atNs < marks.back().atNs)
+      points.push_back({samples[i], i});
+  }
+  points.push_back(pointOf(marks.back()));
+  time.neverRan = points.size() == 2 && marks.front().switches == marks.back().switches &&
+                  marks.front().cpuNs == marks.back().cpuNs;
+  for (size_t i = 0; i + 1 < points.size(); i++) {
+    const Point& a = points[i];
+    const Point& b = points[i + 1];
+    if (b.times.atNs <= std::max(a.times.atNs, fromNs) || a.times.atNs >= toNs) continue;
+    time.stretches.push_back(stretchBetween(a, b, fromNs, toNs));
+  }
+  for (size_t i = 0; i + 1 < marks.size(); i++)
+    takeReadyTime(time.stretches, samples, marks[i], marks[i + 1]);
+  return time;
+}
+
+}  // namespace kelvane

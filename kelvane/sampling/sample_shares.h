@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "kelvane/sampling/perf_records.h"
+
+namespace kelvane {
+
+/// What a thread did between two neighbouring samples, or before the first or after the last.
+struct Stretch {
+  uint64_t fromNs = 0;
+  uint64_t toNs = 0;
+  uint64_t onCpuNs = 0;
+  uint64_t readyNs = 0;  // to run, but given no CPU
+  uint64_t waitedNs = 0;
+  /// The index of the sample whose stack stands for the CPU time, and of the one that stands for the rest;
+  /// nothing: what the thread was in then was not seen.
+  std::optional<size_t> ranIn;
+  std::optional<size_t> waitedIn;
+};
+
+struct SampledTime {
+  std::vector<Stretch> stretches;  // in order, without gaps
+  /// The thread has not been on a CPU since it is sampled: whatever it is in now, it was in all the while.
+  bool neverRan = false;
+};
+
+/// Divides the part of `fromNs` to `toNs` in which a thread was sampled. `samples` and `marks` are in order.
+///
+/// How much CPU time a stretch has is exact, since samples carry it; which stack had it is known for every
+/// kSamplesPerSecond-th of a second. A wait belongs to the stack with which the thread left the CPU, if it
+/// did so once; where it did so more often than is kept, short waits alone are put down to the one that was
+/// seen.
+SampledTime divideTime(std::span<const SampleTimes> samples, std::span<const ClockMark> marks,
+                       uint64_t fromNs, uint64_t toNs);
+
+}  // namespace kelvane

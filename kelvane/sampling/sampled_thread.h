@@ -1,0 +1,73 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kelvane/base/proc_files.h"
+#include "kelvane/sampling/sample_store.h"
+
+namespace kelvane {
+
+/// A thread of another process while it is sampled: perf events of its own, whose ring the kernel writes.
+///
+/// The thread isn't stopped and pays for its samples alone, a few microseconds each. Its events end with
+/// this.
+class SampledThread {
+ public:
+  /// Begins to sample the thread that the process calls `threadId`, or its main thread if it has none.
+  /// `error` is an errno value if that can't be done. Waits for as long as the process executes a program; a
+  /// signal ends the wait.
+  static std::unique_ptr<SampledThread> begin(pid_t pid, int64_t threadId, int& error);
+  ~SampledThread();
+  SampledThread(const SampledThread&) = delete;
+  SampledThread& operator=(const SampledThread&) = delete;
+
+  /// Keeps what the ring holds, which the kernel would overwrite sooner or later, and reads the clocks.
+  void collect();
+
+  pid_t pid() const { return pid_; }
+  int64_t threadId() const { return threadId_; }
+  /// All that is kept, for readKeptSamples.
+  std::string encoded() const;
+
+ private:
+  SampledThread(pid_t pid, int64_t threadId) : pid_(pid), threadId_(threadId) {}
+  /// 0, or an errno value.
+  int open();
+  void markClocks();
+  void sampleEach(uint64_t leaves);
+
+  const pid_t pid_;
+  const int64_t threadId_;
+  pid_t tid_ = 0;
+  UniqueFd process_;         // its directory in /proc
+  uint64_t startStack_ = 0;  // tells the program that it executed from a later one's
+  UniqueFd clock_;           // the group's leader, whose ring both write
+  UniqueFd switches_;
+  uint64_t switchId_ = 0;
+  uint64_t period_ = 1;  // how many leaves from the CPU make a sample
+  std::byte* mapped_ = nullptr;
+  uint64_t readTo_ = 0;
+  SampleStore store_;
+  std::vector<ClockMark> marks_;
+};
+
+/// What a sampler has handed over of a thread.
+struct KeptSamples {
+  pid_t pid = 0;
+  pid_t tid = 0;
+  uint64_t startStack = 0;
+  std::vector<ClockMark> marks;
+  std::vector<ThreadSample> samples;
+};
+
+/// Reads SampledThread::encoded; samples that are broken are left out.
+KeptSamples readKeptSamples(const std::string& bytes);
+
+}  // namespace kelvane
