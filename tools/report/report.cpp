@@ -158,8 +158,9 @@ std::optional<Report> parseReport(std::string_view bytes, std::string& error) {
       bytes, [&](const Json& event) { trace.take(event); }, error);
   auto metadata = json ? metadataOf(member(*json, "metadata"), error) : std::nullopt;
   if (!metadata) return std::nullopt;
-  Report report{std::move(*metadata), {}, trace.finish()};
+  Report report{std::move(*metadata), {}, trace.finish(), {}};
   report.threads = threadsOf(*json, report.trace);
+  report.sampled = sampledOf(*json);
   return report;
 }
 

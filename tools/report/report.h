@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/report/json_access.h"
+#include "tools/report/report_sampled.h"
 #include "tools/report/report_trace.h"
 #include "tools/report/report_verdict.h"
 
@@ -77,6 +78,7 @@ struct ReportMetadata {
 struct Report : ReportMetadata {
   std::vector<ReportThread> threads;  ///< the hung one first
   Trace trace;
+  ReportSampled sampled;
 };
 
 /// One entry of a report's stack frames.

@@ -88,7 +88,7 @@ std::string displayText(const ReportHeader& header) {
 }
 
 std::string reportText(const Report& report) {
-  std::string text = headerText(report);
+  std::string text = headerText(report) + sampledText(report.sampled);
   if (!report.threads.empty() && report.threads.front().hung) {
     text += stackText(report.threads.front(), "which hung");
   } else if (report.header.pid != 0) {

@@ -34,7 +34,9 @@ uint32_t TraceReader::textIndex(const std::string& text) {
 
 void TraceReader::take(const Json& event) {
   const std::string phase = textMember(event, "ph");
-  if (phase == "P") trace_.innermostFrames[integerMember(event, "tid")] = textMember(event, "sf");
+  // Of each thread the look at it; samples of the time before have a place of their own.
+  if (phase == "P" && textMember(event, "cat") != "sample")
+    trace_.innermostFrames[integerMember(event, "tid")] = textMember(event, "sf");
   if (phase != "X" && phase != "i" && phase != "I") return;
   const auto kind = kindOf(textMember(event, "cat"));
   const double start = numberMember(event, "ts");

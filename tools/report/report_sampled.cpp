@@ -1,0 +1,70 @@
+#include "tools/report/report_sampled.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "tools/base/table.h"
+#include "tools/base/units.h"
+
+namespace quorvelctl {
+namespace {
+
+constexpr size_t kMaxPlacesRead = 256;
+constexpr size_t kMaxPlacesTold = 12;
+constexpr size_t kFunctionsTold = 5;
+
+ReportSampled::Spent sampledTimeOf(const Json& json) {
+  const auto ms = [&](const char* key) { return std::max(numberMember(json, key), 0.0); };
+  return {ms("onCpuMs"), ms("readyMs"), ms("waitedMs")};
+}
+
+std::string functionsText(const std::vector<std::string>& functions) {
+  if (functions.empty()) return "(unknown)";
+  std::string text = functions.front();
+  for (size_t i = 1; i < std::min(functions.size(), kFunctionsTold); i++)
+    text += (i == 1 ? "  from " : ", ") + functions[i];
+  return printable(functions.size() > kFunctionsTold ? text + ", ..." : text);
+}
+
+}  // namespace
+
+ReportSampled sampledOf(const Json& report) {
+  const Json& frames = member(report, "stackFrames");
+  const Json& json = member(member(report, "metadata"), "sampled");
+  ReportSampled sampled;
+  sampled.durationMs = numberMember(json, "durationMs");
+  sampled.samples = static_cast<size_t>(std::max<int64_t>(integerMember(json, "samples"), 0));
+  sampled.notSeen = sampledTimeOf(member(json, "notSeen"));
+  for (const Json& entry : member(json, "places")) {
+    if (sampled.places.size() == kMaxPlacesRead) break;
+    ReportSampled::Place& place = sampled.places.emplace_back();
+    place.spent = sampledTimeOf(entry);
+    // One more than is told shows that there are more.
+    for (std::string id = textMember(entry, "sf"); !id.empty() && place.functions.size() <= kFunctionsTold;) {
+      const Json& frame = member(frames, id.c_str());
+      if (frame.is_object()) place.functions.push_back(textMember(frame, "name"));
+      id = textMember(frame, "parent");
+    }
+  }
+  return sampled;
+}
+
+std::string sampledText(const ReportSampled& sampled) {
+  if (!(sampled.durationMs > 0)) return {};
+  std::vector<std::vector<std::string>> rows{{"SHARE", "FOR", "ON CPU", "READY", "WAITED", "IN"}};
+  const auto add = [&](const ReportSampled::Spent& spent, const std::string& where) {
+    const double percent = 100 * spent.sum() / sampled.durationMs;
+    if (percent < 0.5) return;
+    const auto part = [](double ms) { return ms < 1 ? std::string("-") : durationText(ms); };
+    rows.push_back({fixed(percent, 0) + " %", durationText(spent.sum()), part(spent.onCpuMs),
+                    part(spent.readyMs), part(spent.waitedMs), where});
+  };
+  for (size_t i = 0; i < std::min(sampled.places.size(), kMaxPlacesTold); i++)
+    add(sampled.places[i].spent, functionsText(sampled.places[i].functions));
+  add(sampled.notSeen, "(not seen)");
+  return "\nWhere it was in the last " + durationText(sampled.durationMs) + ", by " +
+         std::to_string(sampled.samples) + (sampled.samples == 1 ? " sample\n" : " samples\n") + table(rows);
+}
+
+}  // namespace quorvelctl

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "tools/report/json_access.h"
+
+namespace quorvelctl {
+
+/// Where the hung thread was in the course of the hang, as far as it was sampled.
+struct ReportSampled {
+  /// A time in milliseconds: on a CPU, ready for one, or waiting.
+  struct Spent {
+    double onCpuMs = 0;
+    double readyMs = 0;
+    double waitedMs = 0;
+
+    double sum() const { return onCpuMs + readyMs + waitedMs; }
+  };
+  struct Place {
+    std::vector<std::string> functions;  ///< innermost first; the outermost may be missing
+    Spent spent;
+  };
+
+  double durationMs = 0;  ///< 0: it was not sampled
+  size_t samples = 0;
+  std::vector<Place> places;  ///< the longest first
+  Spent notSeen;              ///< in what, nothing told
+};
+
+ReportSampled sampledOf(const Json& report);
+
+/// The table, with a heading and an empty line before it; empty for what was not sampled.
+std::string sampledText(const ReportSampled& sampled);
+
+}  // namespace quorvelctl
