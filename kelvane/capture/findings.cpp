@@ -260,6 +260,12 @@ void append(std::vector<Item>& items, std::vector<Item>& more) {
   std::move(more.begin(), more.end(), std::back_inserter(items));
 }
 
+template <typename Item>
+void appendUpTo(size_t most, std::vector<Item>& items, std::vector<Item>& more) {
+  append(items, more);
+  if (items.size() > most) items.resize(most);
+}
+
 void addThread(ThreadCapture& thread, ProcessCapture& whole) {
   const auto known = std::find_if(whole.threads.begin(), whole.threads.end(), [&](const ThreadCapture& one) {
     return one.facts.tid == thread.facts.tid;
@@ -280,8 +286,8 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
   append(whole.waits.parties, part.waits.parties);
   append(whole.waits.waits, part.waits.waits);
   append(whole.waits.watches, part.waits.watches);
-  append(whole.samples, part.samples);
-  append(whole.clockMarks, part.clockMarks);
+  appendUpTo(kMaxKeptSamples, whole.samples, part.samples);
+  appendUpTo(kMaxClockMarks, whole.clockMarks, part.clockMarks);
   append(whole.frames, part.frames);
   append(whole.modules, part.modules);
   append(whole.omissions, part.omissions);

@@ -164,7 +164,7 @@ Report makeBareReport(DumpRequest request, const std::string& why) {
 void writeReport(const Report& report, JsonWriter& json) {
   StackTree stacks(report.process);
   const SampledTrack sampled(report.request, report.process, stacks);
-  const TraceEvents events(report.request, report.process, stacks, report.capturedAtNs, !sampled.isEmpty());
+  const TraceEvents events(report.request, report.process, stacks, sampled, report.capturedAtNs);
   RecorderTracks tracks(report.recording, report.process);
   json.beginObject();
   writeMetadata(json, report, tracks, sampled);
@@ -172,7 +172,6 @@ void writeReport(const Report& report, JsonWriter& json) {
   json.key("traceEvents");
   json.beginArray();
   events.writeEvents(json);
-  sampled.writeEvents(json);
   tracks.writeEvents(json);
   json.endArray();
   json.key("stackFrames");

@@ -22,8 +22,8 @@ std::string stateText(const ThreadFacts& facts) {
 }  // namespace
 
 TraceEvents::TraceEvents(const DumpRequest& request, const ProcessCapture& process, StackTree& tree,
-                         uint64_t capturedAtNs, bool isSampled)
-    : request_(request), process_(process), tree_(tree), capturedAtNs_(capturedAtNs), isSampled_(isSampled) {
+                         const SampledTrack& sampled, uint64_t capturedAtNs)
+    : request_(request), process_(process), tree_(tree), sampled_(sampled), capturedAtNs_(capturedAtNs) {
   pid_ = request.pid.value_or(kNoProcessTrack);
   hungThread_ = process.hungThread != 0 ? process.hungThread : pid_;
   for (const ThreadCapture& thread : process.threads) {
@@ -85,7 +85,7 @@ void TraceEvents::writeThread(JsonWriter& json, size_t index) const {
   uint64_t atNs = thread.stack ? thread.stack->atNs : capturedAtNs_;
   uint64_t startNs = atNs;
   uint64_t durationNs = kMomentNs;
-  if (tid == hungThread_ && request_.hang && !isSampled_) {
+  if (tid == hungThread_ && request_.hang && sampled_.isEmpty()) {
     startNs = nsOfTicks(request_.hang->start);
     durationNs = nsOfTicks(request_.hang->end) - startNs;
   }
@@ -109,6 +109,7 @@ void TraceEvents::writeEvents(JsonWriter& json) const {
   if (name.empty()) name = process_.comm;
   writeName(json, "process_name", hungThread_, name);
   writeHang(json);
+  sampled_.writeEvents(json);  // before the look, which is later
   for (size_t i = 0; i < process_.threads.size(); i++) writeThread(json, i);
 }
 

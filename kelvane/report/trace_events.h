@@ -7,6 +7,7 @@
 #include "kelvane/capture/captured_process.h"
 #include "kelvane/report/dump_request.h"
 #include "kelvane/report/json_writer.h"
+#include "kelvane/report/sampled_track.h"
 #include "kelvane/report/stack_tree.h"
 
 namespace kelvane {
@@ -20,9 +21,9 @@ namespace kelvane {
 class TraceEvents {
  public:
   /// All must outlive this; the stacks are added to `tree`. `capturedAtNs` stands in where a stack or a hang
-  /// has no time of its own. `isSampled`: the hung thread's stack is the look's alone, like the others'.
+  /// has no time of its own.
   TraceEvents(const DumpRequest& request, const ProcessCapture& process, StackTree& tree,
-              uint64_t capturedAtNs, bool isSampled);
+              const SampledTrack& sampled, uint64_t capturedAtNs);
 
   /// Adds to an array of events that is open.
   void writeEvents(JsonWriter& json) const;
@@ -39,8 +40,8 @@ class TraceEvents {
   const DumpRequest& request_;
   const ProcessCapture& process_;
   const StackTree& tree_;
+  const SampledTrack& sampled_;
   uint64_t capturedAtNs_;
-  bool isSampled_;
   int64_t pid_;  // the track of the hang: the process and thread, if there are any
   int64_t hungThread_;
   std::vector<uint32_t> stacks_;  // of the threads

@@ -32,6 +32,8 @@ struct SampleTimes {
   uint64_t waitNs = 0;    // how long it was off the CPU, if it left and a next sample told; told by a store
   bool leftCpu = false;   // taken because it left the CPU, not because of CPU time spent
   bool inCall = false;  // in a system call; only told of whole samples, and where the machine's registers do
+
+  bool operator==(const SampleTimes&) const = default;
 };
 
 /// A moment at which a thread's clocks were read.

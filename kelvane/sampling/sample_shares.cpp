@@ -47,7 +47,7 @@ Stretch stretchBetween(const Point& a, const Point& b, uint64_t fromNs, uint64_t
   stretch.toNs = std::min(b.times.atNs, toNs);
   const uint64_t wholeNs = b.times.atNs - a.times.atNs;
   const uint64_t lengthNs = stretch.toNs - stretch.fromNs;
-  const uint64_t cpuNs = b.times.cpuNs - std::min(a.times.cpuNs, b.times.cpuNs);
+  const uint64_t cpuNs = std::min(b.times.cpuNs - std::min(a.times.cpuNs, b.times.cpuNs), wholeNs);
   stretch.onCpuNs = std::min(portion(cpuNs, lengthNs, wholeNs), lengthNs);
   // A thread that has not left the CPU was on it, whatever two clocks differ by.
   if (a.isOnCpu() && b.isOnCpu() && leavesBetween(a, b) == 0) stretch.onCpuNs = lengthNs;

@@ -41,11 +41,6 @@ class WaitsEnd {
   }
 };
 
-/// Whether the kernel, rather than this one process, stands in the way.
-bool isRefusal(int error) {
-  return error == EACCES || error == EPERM || error == ENOSYS || error == ENOENT || error == EOPNOTSUPP;
-}
-
 class Sampler {
  public:
   /// False if there is nothing more to do.
@@ -79,13 +74,14 @@ class Sampler {
     return found == threads_.end() ? nullptr : found->get();
   }
 
-  /// False if no thread can be sampled, which the library is told.
+  /// False if no thread can be sampled, which the library is told: what this process is refused even of
+  /// itself, no client has to answer for.
   bool begin(const PendingThread& named, int socket) {
     const WaitsEnd limit;
     int32_t error = 0;
     auto thread = SampledThread::begin(static_cast<pid_t>(named.pid), named.threadId, error);
     if (thread) threads_.push_back(std::move(thread));
-    if (!isRefusal(error)) return true;
+    if (!threads_.empty() || SampledThread::begin(getpid(), getpid(), error)) return true;
     sendPacket(socket, &error, sizeof error, -1);
     return false;
   }

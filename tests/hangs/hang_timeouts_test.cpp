@@ -56,6 +56,43 @@ TEST(HangTimeouts, AnOverdueSlotIsReportedOnceByTheFiveSecondCheck) {
   EXPECT_TRUE(world.logged(Level::info, "viewer: Hang detected 6.00s (Render)"));
 }
 
+TEST(HangTimeouts, WhatIsPendingForHalfASecondIsSampledUntilItEndsOrIsReported) {
+  World world;
+  auto& sampled = world.traceLibraries.sampled;
+  const App viewer = world.startApp("viewer");
+  const App editor = world.startApp("editor");
+  viewer.begin(0, "Short", 499ms);
+  scan(world);
+  EXPECT_TRUE(sampled.empty()) << "the library isn't even loaded";
+
+  world.traceLibraries.samplingRefusal = "perf events: Permission denied";
+  viewer.begin(1, "Long", 700ms);
+  viewer.begin(2, "Longest", 2s);
+  viewer.begin(3, "Unwanted", 3s, Save::no);
+  editor.begin(0, "Other", 600ms);
+  scan(world);
+  ASSERT_EQ(sampled.size(), 1u);
+  ASSERT_EQ(sampled[0].size(), 2u) << "the longest of each";
+  EXPECT_EQ(sampled[0][0].pid, viewer.pid());
+  EXPECT_EQ(sampled[0][0].thread_id, viewer.slot(2).threadID);
+  EXPECT_EQ(sampled[0][0].start_ticks, viewer.slot(2).startTime);
+  EXPECT_EQ(sampled[0][1].pid, editor.pid());
+  EXPECT_TRUE(world.logged(Level::info,
+                           "Threads of pending operations are not sampled: perf events: Permission denied"));
+
+  world.traceLibraries.samplingRefusal = nullptr;
+  editor.slot(0).timeoutExempt = 1;
+  viewer.begin(2, "Longest", 6s);
+  EXPECT_EQ(scan(world), 1u);
+  ASSERT_EQ(sampled.size(), 2u);
+  ASSERT_EQ(sampled[1].size(), 1u) << "of one that has timed out there is a report already";
+  EXPECT_EQ(sampled[1][0].start_ticks, viewer.slot(1).startTime) << "the next one";
+  viewer.slot(1).timeoutExempt = 1;
+  viewer.slot(3).timeoutExempt = 1;
+  scan(world);
+  EXPECT_TRUE(sampled.at(2).empty()) << "the library hears that nothing is left";
+}
+
 TEST(HangTimeouts, EqualToTheTimeoutIsNoHangAndATickMoreIs) {
   World world;
   const App viewer = world.startApp("viewer");

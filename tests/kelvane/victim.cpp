@@ -165,6 +165,29 @@ void runFile(const char* path) {
   reinterpret_cast<void (*)()>(code)();
 }
 
+/// Of its own CPU time, so that others on the machine take nothing from it.
+[[gnu::noinline]] void crunches(std::chrono::milliseconds cpuTime) {
+  const auto spent = [] {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  };
+  for (const auto end = spent() + cpuTime; spent() < end;) {
+    for (int i = 0; i < 10'000; i++) asm volatile("");
+  }
+}
+
+[[gnu::noinline]] void waitsItsTurn() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(43));
+}
+
+[[noreturn]] void worksInTurns() {
+  for (;;) {
+    crunches(std::chrono::milliseconds(57));
+    waitsItsTurn();
+  }
+}
+
 /// Threads that come and go, and the process with them after `ms`.
 [[noreturn]] void churn(int ms) {
   std::thread([ms] {
@@ -195,6 +218,7 @@ int main(int argc, char** argv) {
   if (mode == "kinds") start("reader", waitsInRead);
   if (mode == "mutex") start("mutex", waitsForMutex);
   if (mode == "jit") start("jit", runsCodeMadeAtRunTime, Work::spins);
+  if (mode == "turns") start("worker", worksInTurns, Work::spins);
   if (mode == "churn") {
     printf("%d\n", getpid());
     fflush(stdout);

@@ -5,8 +5,6 @@
 #include <cstring>
 #include <string_view>
 
-#include "abi/kelvane.h"
-
 namespace quorveld::sim {
 
 namespace {
@@ -35,6 +33,11 @@ bool dump(int descriptor, const kelvane_options* options) {
          active->succeeds;
 }
 
+const char* samplePending(const kelvane_pending* pending, size_t count) {
+  active->sampled.emplace_back(pending, pending + count);
+  return active->samplingRefusal;
+}
+
 class Library final : public platform::TraceLibrary {
  public:
   explicit Library(const SimTraceLibraries& libraries) : libraries_(libraries) {}
@@ -42,6 +45,8 @@ class Library final : public platform::TraceLibrary {
   void* symbol(const char* name) override {
     const std::string_view wanted = name;
     if (wanted == KELVANE_ENTRY_POINT && !libraries_.entryPointMissing) return reinterpret_cast<void*>(&dump);
+    if (wanted == KELVANE_SAMPLE_ENTRY_POINT && libraries_.samples)
+      return reinterpret_cast<void*>(&samplePending);
     for (const auto& [exported, address] : {std::pair{KELVANE_KEY_REASON_STRING, &reasonKey},
                                             std::pair{KELVANE_KEY_NO_SYMBOLICATE, &noSymbolicateKey},
                                             std::pair{KELVANE_KEY_MIN_TIMESTAMP, &minTimestampKey},

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "abi/kelvane.h"
 #include "platform/trace_library.h"
 #include "tests/sim/fault_plan.h"
 
@@ -30,12 +31,15 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   std::string_view suffix() const override { return ".so"; }
   std::unique_ptr<platform::TraceLibrary> open(const std::string& path, std::string& reason) override;
 
-  std::string report = "TRACE";    ///< what the entry point writes
-  bool repeatsReason = false;      ///< it writes the header that it was given, too
-  bool succeeds = true;            ///< what it then answers
-  bool entryPointMissing = false;  ///< the library lacks it
+  std::string report = "TRACE";           ///< what the entry point writes
+  bool repeatsReason = false;             ///< it writes the header that it was given, too
+  bool succeeds = true;                   ///< what it then answers
+  bool entryPointMissing = false;         ///< the library lacks it
+  bool samples = true;                    ///< it can be asked to sample
+  const char* samplingRefusal = nullptr;  ///< what it then answers
   std::vector<TraceRequest> requests;
-  std::vector<std::string> opened;  ///< paths asked for
+  std::vector<std::vector<kelvane_pending>> sampled;  ///< what it was asked to sample
+  std::vector<std::string> opened;                    ///< paths asked for
 
  private:
   FaultPlan& faults_;

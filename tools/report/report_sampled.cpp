@@ -43,7 +43,8 @@ ReportSampled sampledOf(const Json& report) {
     // One more than is told shows that there are more.
     for (std::string id = textMember(entry, "sf"); !id.empty() && place.functions.size() <= kFunctionsTold;) {
       const Json& frame = member(frames, id.c_str());
-      if (frame.is_object()) place.functions.push_back(textMember(frame, "name"));
+      if (frame.is_object() && textMember(frame, "category") != "kernel")
+        place.functions.push_back(textMember(frame, "name"));
       id = textMember(frame, "parent");
     }
   }
@@ -63,8 +64,10 @@ std::string sampledText(const ReportSampled& sampled) {
   for (size_t i = 0; i < std::min(sampled.places.size(), kMaxPlacesTold); i++)
     add(sampled.places[i].spent, functionsText(sampled.places[i].functions));
   add(sampled.notSeen, "(not seen)");
-  return "\nWhere it was in the last " + durationText(sampled.durationMs) + ", by " +
-         std::to_string(sampled.samples) + (sampled.samples == 1 ? " sample\n" : " samples\n") + table(rows);
+  const std::string by = sampled.samples == 0   ? "without ever running"
+                         : sampled.samples == 1 ? "by 1 sample"
+                                                : "by " + std::to_string(sampled.samples) + " samples";
+  return "\nWhere it was in the last " + durationText(sampled.durationMs) + ", " + by + "\n" + table(rows);
 }
 
 }  // namespace quorvelctl

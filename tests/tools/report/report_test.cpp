@@ -47,6 +47,26 @@ TEST(ReportFile, IsToldInWords) {
             "Left out\n  scheduler events: not recorded\n");
 }
 
+TEST(ReportFile, TellsWhereTheTimeWent) {
+  std::string text(kReport);
+  text.insert(text.find("\"leftOut\""), R"("sampled":{"ts":1,"durationMs":4000,"samples":60,
+"places":[{"sf":"1","onCpuMs":2000,"readyMs":280,"waitedMs":0.4},{"sf":"4","onCpuMs":-1,"waitedMs":1640},{"sf":7},
+{"sf":"1","onCpuMs":19}],"notSeen":{"waitedMs":60}},)");
+  text.insert(text.find("{\"ph\":\"X\""), R"({"ph":"P","cat":"sample","tid":41,"sf":"1"},)");
+  std::string error;
+  const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
+  EXPECT_NE(
+      quorvelctl::reportText(report).find("\n\n"
+                                          "Where it was in the last 4.00 s, by 60 samples\n"
+                                          "SHARE  FOR     ON CPU  READY   WAITED  IN\n"
+                                          "57 %   2.28 s  2.00 s  280 ms  -       main\n"
+                                          "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20  from main\n"
+                                          "2 %    60 ms   -       -       60 ms   (not seen)\n\n"),
+      std::string::npos)
+      << quorvelctl::reportText(report);
+  EXPECT_EQ(report.threads[0].userStack.size(), 2u) << "a sample is not the look";
+}
+
 TEST(ReportFile, ItsVerdictComesFirst) {
   std::string text(kReport);
   text.insert(text.find("\"leftOut\""), R"("verdict":{"cause":"lock","sentence":"It waited for \u001bworker.",

@@ -1,0 +1,133 @@
+#include "kelvane/sampling/perf_records.h"
+
+#include <gtest/gtest.h>
+#include <linux/perf_event.h>
+
+#include <bit>
+#include <cstring>
+
+#include "kelvane/base/limits.h"
+#include "kelvane/sampling/sample_store.h"
+
+namespace kelvane {
+namespace {
+
+constexpr uint64_t kSwitchId = 7;
+
+RecordBytes recordOf(const std::vector<uint64_t>& words, uint32_t type = PERF_RECORD_SAMPLE) {
+  RecordBytes record(sizeof(perf_event_header) + words.size() * sizeof(uint64_t));
+  const perf_event_header header{type, 0, static_cast<uint16_t>(record.size())};
+  std::memcpy(record.data(), &header, sizeof header);
+  std::memcpy(record.data() + sizeof header, words.data(), words.size() * sizeof(uint64_t));
+  return record;
+}
+
+/// The words of a sample whose registers are numbered in their order, with three words of stack.
+std::vector<uint64_t> sampleWords(uint64_t atNs, uint64_t id = kSwitchId, uint64_t cpuNs = 50,
+                                  uint64_t switches = 3) {
+  std::vector<uint64_t> words = {id, atNs, 2, cpuNs, switches, PERF_SAMPLE_REGS_ABI_64};
+  for (int i = 0; i < std::popcount(userRegistersMask()); i++) words.push_back(1000 + i);
+  words.insert(words.end(), {24, 0xA, 0xB, 0xC, 16});
+  return words;
+}
+
+TEST(PerfRecords, ASampleIsReadAndNoLieInItLeadsOutOfIt) {
+  if (userRegistersMask() == 0) GTEST_SKIP() << "no registers are known on this machine";
+  const std::vector<uint64_t> words = sampleWords(99);
+  const auto sample = parseSample(recordOf(words), kSwitchId);
+  ASSERT_TRUE(sample);
+  EXPECT_EQ(sample->times, (SampleTimes{99, 50, 3, 0, true, false}));
+  EXPECT_EQ(sample->stack.bytes.size(), 16u) << "what is behind is nobody's";
+  EXPECT_EQ(sample->stack.base, sample->stack.registers.sp);
+#if defined(__x86_64__)
+  EXPECT_EQ(sample->stack.registers.sp, 1007u);
+  EXPECT_EQ(sample->stack.registers.pc, 1008u);
+  EXPECT_EQ(sample->stack.registers.dwarf[3], 1001u) << "rbx";
+  EXPECT_EQ(sample->stack.registers.dwarf[15], 1016u) << "r15";
+  std::vector<uint64_t> calling = words;
+  calling[8] = calling[14];
+  EXPECT_TRUE(parseSample(recordOf(calling), kSwitchId)->times.inCall);
+#endif
+  const RecordBytes whole = recordOf(words);
+  for (size_t length = 0; length < whole.size(); length++)
+    EXPECT_FALSE(parseSample(std::span(whole).first(length), kSwitchId)) << length;
+  const auto refused = [&](size_t fromEnd, uint64_t value) {
+    std::vector<uint64_t> lie = words;
+    lie[lie.size() - fromEnd] = value;
+    return !parseSample(recordOf(lie), kSwitchId);
+  };
+  for (const uint64_t size : {uint64_t{25}, uint64_t{1} << 20, UINT64_MAX}) EXPECT_TRUE(refused(5, size));
+  for (const uint64_t own : {uint64_t{25}, UINT64_MAX}) EXPECT_TRUE(refused(1, own));
+  for (const uint64_t kind : {0, 1, 9})  // no registers, a 32-bit program's
+    EXPECT_TRUE(refused(words.size() - 5, kind));
+  EXPECT_TRUE(refused(words.size() - 2, 3)) << "three counters";
+  EXPECT_FALSE(parseSample(recordOf(words, PERF_RECORD_LOST), kSwitchId));
+  EXPECT_FALSE(parseSample(recordOf(words), kSwitchId + 1)->times.leftCpu);
+}
+
+/// Writes as the kernel does: each record below the last one, around the ring's end.
+class Ring {
+ public:
+  void write(const RecordBytes& record) {
+    head -= record.size();
+    for (size_t i = 0; i < record.size(); i++) bytes[(head + i) % bytes.size()] = record[i];
+  }
+  uint64_t head = 0;
+  std::vector<std::byte> bytes = std::vector<std::byte>(256);
+};
+
+TEST(PerfRecords, ARingIsReadBackwardsAsFarAsItIsWhole) {
+  const auto numbered = [](uint64_t number) { return recordOf({number, 0, 0, 0, 0}); };  // 48 bytes
+  const auto numbers = [](const std::vector<RecordBytes>& records) {
+    std::vector<uint64_t> found;
+    for (const RecordBytes& record : records)
+      std::memcpy(&found.emplace_back(), record.data() + sizeof(perf_event_header), sizeof(uint64_t));
+    return found;
+  };
+  Ring ring;
+  EXPECT_TRUE(recordsSince(ring.bytes, 0, 0).empty());
+  for (uint64_t i = 1; i <= 3; i++) ring.write(numbered(i));
+  EXPECT_EQ(numbers(recordsSince(ring.bytes, ring.head, 0)), (std::vector<uint64_t>{1, 2, 3}));
+  const uint64_t read = ring.head;
+  for (uint64_t i = 4; i <= 6; i++) ring.write(numbered(i));
+  EXPECT_EQ(numbers(recordsSince(ring.bytes, ring.head, read)), (std::vector<uint64_t>{4, 5, 6}));
+  for (uint64_t i = 7; i <= 20; i++) ring.write(numbered(i));
+  EXPECT_EQ(numbers(recordsSince(ring.bytes, ring.head, read)), (std::vector<uint64_t>{16, 17, 18, 19, 20}))
+      << "five fit, and of the sixth a part is overwritten";
+  for (const uint16_t size : {0, 4, 12, 0xFFF8}) {
+    std::memcpy(ring.bytes.data() + ring.head % ring.bytes.size() + 6, &size, sizeof size);
+    EXPECT_TRUE(recordsSince(ring.bytes, ring.head, read).empty()) << size;
+  }
+}
+
+TEST(SampleStore, KeepsTheOneSampleOfALongWaitAndNotAllOfAComputation) {
+  SampleStore store;
+  uint64_t atNs = 0;
+  uint64_t cpuNs = 0;
+  uint64_t switches = 0;
+  const auto compute = [&](int samples) {
+    for (int i = 0; i < samples; i++) {
+      atNs += 20;
+      cpuNs += 20;
+      store.add(recordOf({1, atNs, 2, cpuNs, switches}), kSwitchId);
+    }
+  };
+  store.add(recordOf({1, 0}), kSwitchId);
+  compute(300);
+  const uint64_t leftAt = atNs + 1;
+  store.add(recordOf({kSwitchId, leftAt, 2, cpuNs + 1, ++switches}), kSwitchId);
+  atNs += 5000;
+  compute(2000);
+  store.add(recordOf({1, 1, 2, 0, 0}), kSwitchId);
+  ASSERT_LE(store.kept().size(), kMaxKeptSamples);
+  EXPECT_GE(store.kept().size(), kMaxKeptSamples / 4);
+  const auto wait = std::find_if(store.kept().begin(), store.kept().end(),
+                                 [&](const SampleStore::Kept& kept) { return kept.times.atNs == leftAt; });
+  ASSERT_NE(wait, store.kept().end());
+  EXPECT_EQ(wait->times.waitNs, 5000u) << "all but the 19 that it then computed to the next sample";
+  for (size_t i = 1; i < store.kept().size(); i++)
+    EXPECT_LT(store.kept()[i - 1].times.atNs, store.kept()[i].times.atNs);
+}
+
+}  // namespace
+}  // namespace kelvane
