@@ -101,7 +101,7 @@ inline constexpr size_t kSampledStackBytes = size_t{8} * 1024;
 /// The kernel's, for each thread: some 60 samples.
 inline constexpr size_t kSampleRingBytes = size_t{512} * 1024;
 /// How often the rings are emptied. The kernel writes less than a ring's bytes meanwhile.
-inline constexpr std::chrono::milliseconds kCollectEvery{100};
+inline constexpr std::chrono::milliseconds kCollectEvery{200};
 /// What is kept of each thread: five seconds at the full rate.
 inline constexpr size_t kMaxKeptSamples = 256;
 inline constexpr size_t kMaxClockMarks = 128;

@@ -1,7 +1,6 @@
 #include "kelvane/sampling/sample_shares.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "kelvane/base/limits.h"
 
@@ -57,30 +56,37 @@ Stretch stretchBetween(const Point& a, const Point& b, uint64_t fromNs, uint64_t
   return stretch;
 }
 
-/// Turns what the thread waited between two marks into what it was ready, as much as the kernel has counted:
-/// first of what it was off the CPU without having called the kernel.
-void takeReadyTime(std::vector<Stretch>& stretches, std::span<const SampleTimes> samples, const ClockMark& a,
-                   const ClockMark& b) {
-  uint64_t leftNs = b.readyNs - std::min(a.readyNs, b.readyNs);
+/// For how long the thread was ready between `fromNs` and `toNs`.
+uint64_t readyBetween(std::span<const ClockMark> marks, uint64_t fromNs, uint64_t toNs) {
+  uint64_t readyNs = 0;
+  for (size_t i = 0; i + 1 < marks.size(); i++) {
+    const uint64_t startNs = std::max(marks[i].atNs, fromNs);
+    const uint64_t endNs = std::min(marks[i + 1].atNs, toNs);
+    const uint64_t sinceNs = marks[i + 1].readyNs - std::min(marks[i].readyNs, marks[i + 1].readyNs);
+    // The kernel counts it once it is over, so that more of it may be told of than there was time for.
+    if (startNs < endNs)
+      readyNs +=
+          portion(std::min(sinceNs, toNs - fromNs), endNs - startNs, marks[i + 1].atNs - marks[i].atNs);
+  }
+  return readyNs;
+}
+
+/// Turns of what the thread waited as much into what it was ready as the kernel has counted: first what it
+/// was off the CPU without having called the kernel.
+void takeReadyTime(std::vector<Stretch>& stretches, std::span<const SampleTimes> samples, uint64_t readyNs) {
   for (const bool inCall : {false, true}) {
-    std::vector<std::pair<Stretch*, uint64_t>> parts;
+    const auto isMeant = [&](const Stretch& stretch) {
+      return (!stretch.waitedIn || samples[*stretch.waitedIn].inCall) == inCall;
+    };
     uint64_t sumNs = 0;
-    for (Stretch& stretch : stretches) {
-      const uint64_t fromNs = std::max(a.atNs, stretch.fromNs);
-      const uint64_t toNs = std::min(b.atNs, stretch.toNs);
-      if (fromNs >= toNs || (stretch.waitedIn && samples[*stretch.waitedIn].inCall) != inCall) continue;
-      const uint64_t waitedNs =
-          portion(stretch.waitedNs + stretch.readyNs, toNs - fromNs, stretch.toNs - stretch.fromNs);
-      parts.emplace_back(&stretch, waitedNs);
-      sumNs += waitedNs;
-    }
+    for (const Stretch& stretch : stretches) sumNs += isMeant(stretch) ? stretch.waitedNs : 0;
     if (sumNs == 0) continue;
-    const uint64_t readyNs = std::min(leftNs, sumNs);
-    leftNs -= readyNs;
-    for (const auto& [stretch, waitedNs] : parts) {
-      const uint64_t ns = std::min(portion(waitedNs, readyNs, sumNs), stretch->waitedNs);
-      stretch->readyNs += ns;
-      stretch->waitedNs -= ns;
+    const uint64_t takenNs = std::min(readyNs, sumNs);
+    readyNs -= takenNs;
+    for (Stretch& stretch : stretches) {
+      if (!isMeant(stretch)) continue;
+      stretch.readyNs = std::min(portion(stretch.waitedNs, takenNs, sumNs), stretch.waitedNs);
+      stretch.waitedNs -= stretch.readyNs;
     }
   }
 }
@@ -109,8 +115,10 @@ SampledTime divideTime(std::span<const SampleTimes> samples, std::span<const Clo
     if (b.times.atNs <= std::max(a.times.atNs, fromNs) || a.times.atNs >= toNs) continue;
     time.stretches.push_back(stretchBetween(a, b, fromNs, toNs));
   }
-  for (size_t i = 0; i + 1 < marks.size(); i++)
-    takeReadyTime(time.stretches, samples, marks[i], marks[i + 1]);
+  if (!time.stretches.empty()) {
+    const uint64_t beganNs = time.stretches.front().fromNs;
+    takeReadyTime(time.stretches, samples, readyBetween(marks, beganNs, time.stretches.back().toNs));
+  }
   return time;
 }
 
