@@ -17,6 +17,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (frame >= whole.frames.size()) std::abort();
     }
   }
+  for (const kelvane::SampledStack& sample : whole.samples) {
+    for (const uint32_t frame : sample.frames) {
+      if (frame >= whole.frames.size()) std::abort();
+    }
+  }
   for (const kelvane::Frame& frame : whole.frames) {
     if (frame.module < -1 || frame.module >= static_cast<int64_t>(whole.modules.size())) std::abort();
   }

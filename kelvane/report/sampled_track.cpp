@@ -63,8 +63,9 @@ void SampledTrack::writeTable(JsonWriter& json) const {
   byStack.erase(0);
   std::vector<std::pair<uint32_t, TimeSpent>> places(byStack.begin(), byStack.end());
   std::erase_if(places, [](const auto& place) { return place.second.sum() == 0; });
-  std::stable_sort(places.begin(), places.end(),
-                   [](const auto& a, const auto& b) { return a.second.sum() > b.second.sum(); });
+  std::sort(places.begin(), places.end(), [](const auto& a, const auto& b) {
+    return std::pair(b.second.sum(), a.first) < std::pair(a.second.sum(), b.first);
+  });
   if (places.size() > kMaxPlacesListed) places.resize(kMaxPlacesListed);
 
   json.key("sampled");

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <string_view>
 
 namespace kelvane {
 namespace {
