@@ -37,16 +37,19 @@ std::string pathOf(const ReportFolder& folder, const FileInfo& file) {
   return std::string(folder.directory) + "/" + file.name;
 }
 
-void removeOldReports(const ReportFolder& folder) {
+/// How many those were.
+uint64_t removeOldReports(const ReportFolder& folder) {
   std::vector<FileInfo> reports = reportsIn(folder);
   std::sort(reports.begin(), reports.end(),
             [](const FileInfo& left, const FileInfo& right) { return left.modified < right.modified; });
   uint64_t totalBytes = 0;
   for (const FileInfo& report : reports) totalBytes += report.sizeBytes;
 
-  const uint64_t maxBytes = uint64_t{settings().reportsMaxMegabytes} << 20;
+  const uint32_t maxMegabytes = settings().reportsMaxMegabytes;
+  const uint32_t maxDays = settings().reportsMaxDays;
+  const uint64_t maxBytes = uint64_t{maxMegabytes} << 20;
   const auto now = std::chrono::floor<std::chrono::seconds>(platform::current().clock.wallTime());
-  const auto maxAge = std::chrono::hours(24) * int64_t{settings().reportsMaxDays};
+  const auto maxAge = std::chrono::hours(24) * int64_t{maxDays};
   uint64_t removed = 0;
   for (const FileInfo& report : reports) {
     const auto age = now - std::chrono::floor<std::chrono::seconds>(report.modified);
@@ -59,14 +62,11 @@ void removeOldReports(const ReportFolder& folder) {
     totalBytes -= report.sizeBytes;
     ++removed;
   }
-  if (removed == 0) return;
+  if (removed == 0) return 0;
   const std::string directory(folder.directory);
   quorvelLog().standard("Removed the %llu oldest reports from %s: more than %u MB, or older than %u days",
-                        static_cast<unsigned long long>(removed), directory.c_str(),
-                        settings().reportsMaxMegabytes, settings().reportsMaxDays);
-  platform::current().analytics.addToScalar(
-      "com.corvix.quorvel.QVReportsRemoved." + directory.substr(directory.rfind('/') + 1),
-      static_cast<int64_t>(removed), {});
+                        static_cast<unsigned long long>(removed), directory.c_str(), maxMegabytes, maxDays);
+  return removed;
 }
 
 bool isNearlyFull(const ReportFolder& folder) {
@@ -86,12 +86,21 @@ void removeUnfinishedReports() {
   }
 }
 
-std::error_code makeRoomForReport(const ReportKind& kind) {
-  removeOldReports(kind.finished);
+RoomForReport makeRoomForReport(const ReportKind& kind) {
+  RoomForReport room;
+  room.removed = removeOldReports(kind.finished);
   if (isNearlyFull(kind.unfinished) || isNearlyFull(kind.finished)) {
-    return std::make_error_code(std::errc::no_space_on_device);
+    room.error = std::make_error_code(std::errc::no_space_on_device);
   }
-  return {};
+  return room;
+}
+
+void countRemovedReports(const ReportKind& kind, uint64_t removed) {
+  if (removed == 0) return;
+  const std::string directory(kind.finished.directory);
+  platform::current().analytics.addToScalar(
+      "com.corvix.quorvel.QVReportsRemoved." + directory.substr(directory.rfind('/') + 1),
+      static_cast<int64_t>(removed), {});
 }
 
 }  // namespace quorveld

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 #include <system_error>
 
@@ -28,9 +29,17 @@ inline constexpr ReportKind kMemoryReports{{kCacheDirectory, "memory-snapshot-",
 /// Removes what a daemon that was killed has left half written. Before the first report.
 void removeUnfinishedReports();
 
+struct RoomForReport {
+  std::error_code error;
+  uint64_t removed = 0;  ///< reports, yet to be counted
+};
+
 /// Makes room for one more report: removes, from those that are finished, what is older than the settings
-/// allow and the oldest of what is more than they allow, with a line and a count. An error when either file
-/// system is nearly full by then: no report is to be written, as if it were full. Work queue only.
-[[nodiscard]] std::error_code makeRoomForReport(const ReportKind& kind);
+/// allow and the oldest of what is more than they allow, with a line. An error when either file system is
+/// nearly full by then: no report is to be written, as if it were full. From any queue; looks at each file.
+[[nodiscard]] RoomForReport makeRoomForReport(const ReportKind& kind);
+
+/// Counts reports that were removed. Work queue only.
+void countRemovedReports(const ReportKind& kind, uint64_t removed);
 
 }  // namespace quorveld

@@ -25,8 +25,8 @@ struct Settings {
   uint64_t reportPeriod =
       86'400'000'000;  ///< ticks; a quarter of it is the interval at which app credits are replenished
 
-  uint32_t reportsMaxMegabytes = 256;  ///< of each folder of reports, in units of 2^20 bytes
-  uint32_t reportsMaxDays = 30;        ///< age of a report
+  std::atomic<uint32_t> reportsMaxMegabytes{256};  ///< of each folder of reports, in units of 2^20 bytes
+  std::atomic<uint32_t> reportsMaxDays{30};        ///< age of a report
 
   std::atomic<uint32_t> activationMaxCount{200};     ///< activations reported per day
   std::atomic<double> activationCPUThreshold{50.0};  ///< ms

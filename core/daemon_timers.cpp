@@ -5,7 +5,6 @@
 #include "base/settings.h"
 #include "base/ticks.h"
 #include "hangs/qv_process_info.h"
-#include "memsnapshot/memory_snapshot.h"
 #include "platform/clock.h"
 #include "platform/platform.h"
 #include "platform/process_table.h"
@@ -53,7 +52,8 @@ void DaemonTimers::checkHangs() {
 void DaemonTimers::startMemoryLogging() {
   if (memoryLoggingTimer_) return;
   platform::current().processTables.prepare();
-  memoryLoggingTimer_ = workQueue_.repeat(memoryLogging(), take_memory_snapshot);
+  memoryLoggingTimer_ =
+      workQueue_.repeat(memoryLogging(), [this] { memorySnapshots_.take_memory_snapshot(); });
 }
 
 void DaemonTimers::stopMemoryLogging() {

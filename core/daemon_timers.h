@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "memsnapshot/memory_snapshot.h"
 #include "platform/work_queue.h"
 
 namespace quorveld {
@@ -11,7 +12,8 @@ namespace quorveld {
 /// only.
 class DaemonTimers {
  public:
-  explicit DaemonTimers(platform::WorkQueue& workQueue) : workQueue_(workQueue) {}
+  explicit DaemonTimers(platform::WorkQueue& workQueue)
+      : workQueue_(workQueue), memorySnapshots_(workQueue) {}
 
   /// Checks for hangs every 5 seconds; also replenishes credits and starts new credit days.
   void startHangChecks();
@@ -27,6 +29,7 @@ class DaemonTimers {
   void checkHangs();
 
   platform::WorkQueue& workQueue_;
+  MemorySnapshots memorySnapshots_;
   std::unique_ptr<platform::Timer> hangCheckTimer_;
   std::unique_ptr<platform::Timer> memoryLoggingTimer_;
   uint64_t lastCreditReplenishTicks_ = 0;

@@ -91,7 +91,9 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
   const std::string tempPath = std::string(kTemporaryDirectory) + "/" + fileName;
 
   log.info("Attempting to save kelvane at %s", tempPath.c_str());
-  std::error_code error = makeRoomForReport(kHangReports);
+  const RoomForReport room = makeRoomForReport(kHangReports);
+  countRemovedReports(kHangReports, room.removed);
+  std::error_code error = room.error;
   // What is left of a killed daemon's and can't be removed is not written over: its end would stand behind
   // that of a shorter report.
   if (!error && files.kind(tempPath) != platform::EntryKind::missing)

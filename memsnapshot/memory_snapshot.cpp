@@ -17,6 +17,7 @@
 #include "platform/clock.h"
 #include "platform/device.h"
 #include "platform/files.h"
+#include "platform/log.h"
 #include "platform/platform.h"
 
 namespace quorveld {
@@ -117,16 +118,14 @@ std::string freeName(const std::string& date) {
   return name;
 }
 
-}  // namespace
-
-void take_memory_snapshot() {
+/// `error`: why there is no room for the report, if there is none.
+void writeReport(std::error_code error) {
   platform::Files& files = platform::current().files;
   const std::string date = reportDate(platform::current().clock.wallTime());
   const std::string name = freeName(date);
   const std::string workingPath = std::string(kCacheDirectory) + "//" + name;
   const std::string finalPath = std::string(kMemoryReportDirectory) + "//" + name;
 
-  std::error_code error = makeRoomForReport(kMemoryReports);
   auto file = error ? nullptr : files.createProtected(workingPath, error);
   if (!file) {
     systemLog("Could not create file - won't take a memory snapshot: %s %s", workingPath.c_str(),
@@ -149,6 +148,29 @@ void take_memory_snapshot() {
     return sayIfNotKept(error);
   }
   files.finish(std::move(file), workingPath, finalPath, sayIfNotKept);
+}
+
+}  // namespace
+
+void MemorySnapshots::take_memory_snapshot() {
+  if (!underWay_.expired()) {
+    quorvelLog()
+        .about({.kind = platform::LogEventKind::reportLost})
+        .standard("Memory snapshot left out: the last one is still being made");
+    return;
+  }
+  if (!queue_) {
+    queue_ = platform::current().queues.create("com.corvix.quorvel.memsnapshot", platform::QoSClass::utility);
+  }
+  auto underWay = std::make_shared<UnderWay>();
+  underWay_ = underWay;
+  queue_->async([underWay = std::move(underWay), &workQueue = workQueue_] {
+    const RoomForReport room = makeRoomForReport(kMemoryReports);
+    writeReport(room.error);
+    if (room.removed != 0) {
+      workQueue.async([removed = room.removed] { countRemovedReports(kMemoryReports, removed); });
+    }
+  });
 }
 
 }  // namespace quorveld

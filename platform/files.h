@@ -42,8 +42,7 @@ class File {
 };
 
 /// Files of the daemon. Paths are absolute, below the platform's root; no operation follows a symbolic link
-/// in the last component. An empty error_code means success. `createProtected` and
-/// `finish` belong to the work queue, the rest may be called from any thread.
+/// in the last component. An empty error_code means success. From any thread.
 class Files {
  public:
   virtual ~Files() = default;

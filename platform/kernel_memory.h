@@ -72,8 +72,8 @@ struct KernelMemoryInfo {
 /// Load tag ("OSBundleLoadTag") of a loaded kernel extension to its bundle identifier.
 using ExtensionMap = std::map<uint64_t, std::string>;
 
-/// What the memory snapshot asks of the kernel. Work queue only. Refusals are logged once, with the reason,
-/// by whoever refuses.
+/// What the memory snapshot asks of the kernel. From any thread, but one at a time. Refusals are logged once,
+/// with the reason, by whoever refuses.
 class KernelMemory {
  public:
   virtual ~KernelMemory() = default;

@@ -275,7 +275,7 @@ TEST(Preferences, WhatIsIgnoredIsLoggedOnceForAsLongAsItStays) {
       const Settings& current = settings();
       return std::tuple(current.reportPeriod, current.memoryLoggingInterval,
                         current.activationCPUThreshold.load(), current.activationMaxCount.load(),
-                        current.reportsMaxMegabytes);
+                        current.reportsMaxMegabytes.load());
     };
     const auto before = inForce();
     const std::string line =

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "tests/sim/sim_platform.h"
@@ -32,6 +33,11 @@ platform::memory_info_site site(uint64_t flags, uint64_t value, uint64_t size) {
 /// A small machine that has one of everything.
 class Machine : public sim::SimPlatform {
  public:
+  /// One report, and the time that it takes.
+  void takeSnapshot() {
+    snapshots->take_memory_snapshot();
+    settle();
+  }
   Machine() {
     for (const char* directory : {"/var", "/var/root", "/var/root/Library", "/var/root/Library/Caches",
                                   "/var/root/Library/Caches/quorveld"}) {
@@ -72,6 +78,9 @@ class Machine : public sim::SimPlatform {
     kernel.ledgers[pid] = std::vector<platform::ledger_entry_info>(2);
     kernel.ledgers[pid][1].balance = footprint;
   }
+
+  std::unique_ptr<platform::WorkQueue> workQueue = queues.create("work", platform::QoSClass::userInitiated);
+  std::unique_ptr<MemorySnapshots> snapshots = std::make_unique<MemorySnapshots>(*workQueue);
 };
 
 std::string golden() {
@@ -83,9 +92,26 @@ std::string golden() {
 
 TEST(MemorySnapshot, ReportsTheWholeMachine) {
   Machine machine;
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.content(kReport).value_or("(no report)"), golden());
   EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt);
+}
+
+TEST(MemorySnapshot, IsMadeBesideTheWorkQueueOneAtATime) {
+  Machine machine;
+  machine.snapshots->take_memory_snapshot();
+  EXPECT_TRUE(machine.files.list("/var/root/Library/Caches/quorveld").empty()) << "the caller made it";
+  machine.snapshots->take_memory_snapshot();
+  EXPECT_TRUE(
+      machine.logs.has(LogLevel::standard, "Memory snapshot left out: the last one is still being made"));
+  machine.settle();
+  EXPECT_EQ(machine.files.list("/Library/Logs/Faultkeep").size(), 1u);
+
+  machine.snapshots->take_memory_snapshot();
+  machine.snapshots.reset();  // the daemon's end
+  machine.settle();
+  EXPECT_EQ(machine.files.list("/Library/Logs/Faultkeep").size(), 1u);
+  EXPECT_TRUE(machine.files.list("/var/root/Library/Caches/quorveld").empty());
 }
 
 /// One refusal of `op` spoils one report. `said`: here; what the kernel refuses is said by the platform.
@@ -93,14 +119,14 @@ void expectOneReportLost(Op op, bool said) {
   SCOPED_TRACE(static_cast<int>(op));
   Machine machine;
   machine.faults.failOnce(op);
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.content(kReport), std::nullopt);
   EXPECT_EQ(machine.files.content(kWorkingFile), std::nullopt);
   EXPECT_EQ(machine.files.openFiles(), 0);
   EXPECT_EQ(machine.logs.has(LogLevel::standard,
                              std::string("Memory snapshot not kept: ") + kReport + ": Input/output error"),
             said);
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.list("/var/root/Library/Caches/quorveld").size(), 0u);
   EXPECT_TRUE(machine.files.content(kReport).has_value());
 }
@@ -122,7 +148,7 @@ TEST(MemorySnapshot, IsWholeOrNotThere) {
 
   Machine machine;
   machine.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device);
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.logs.systemLines,
             std::vector<std::string>{std::string("Could not create file - won't take a memory snapshot: ") +
                                      kWorkingFile + " No space left on device"});
@@ -132,18 +158,18 @@ TEST(MemorySnapshot, ASecondThatComesAgainOverwritesNothing) {
   Machine machine;
   machine.files.putFile("/Library/Logs/Faultkeep/memory-snapshot-2026-01-15-100000.ips",
                         "of the same second, before clocks went back");
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.content(kReport), "of the same second, before clocks went back");
   EXPECT_EQ(
       machine.files.content("/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000-2.ips").value_or(""),
       golden());
 
   const std::string last = "/Library/Logs/Faultkeep//memory-snapshot-2026-01-15-100000-100.ips";
-  for (int number = 3; number <= 100; ++number) take_memory_snapshot();
+  for (int number = 3; number <= 100; ++number) machine.takeSnapshot();
   EXPECT_TRUE(machine.logs.lines.empty());
   machine.files.putFile("/Library/Logs/Faultkeep/memory-snapshot-2026-01-15-100000-100.ips",
                         "the last there is room for");
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.content(last), "the last there is room for");
   ASSERT_EQ(machine.logs.lines.size(), 1u);
   EXPECT_EQ(machine.logs.lines[0].text, "Memory snapshot not kept: " + last + ": File exists");
@@ -153,7 +179,7 @@ TEST(MemorySnapshot, ASecondThatComesAgainOverwritesNothing) {
 void exitWithFirstLine(const std::string& systemName, const std::string& expectedText) {
   Machine machine;
   machine.device.version = {systemName, "1", "2"};
-  take_memory_snapshot();
+  machine.takeSnapshot();
   const std::string report = machine.files.content(kReport).value_or("");
   EXPECT_EQ(report.substr(0, report.find("{\n\"Model\"")),
             "{\"bug_type\":\"152\",\"os_version\":\"" + expectedText);
@@ -176,14 +202,14 @@ TEST(MemorySnapshot, MakesRoomForItselfAndIsNotWrittenOnADiskThatIsNearlyFull) {
   machine.files.putFile(folder + "/memory-snapshot-2025.ips", "old");
   machine.files.putFile(folder + "/crash-2025.ips", "another's");
   machine.advance(std::chrono::hours(24 * 30 + 1));
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.list(folder),
             (std::vector<std::string>{"crash-2025.ips", "memory-snapshot-2026-02-14-110000.ips"}));
   EXPECT_EQ(machine.analytics.added["com.corvix.quorvel.QVReportsRemoved.Faultkeep"], 1);
 
   machine.files.disk = {.freeBytes = 4, .totalBytes = 100};
   machine.advance(std::chrono::seconds(1));
-  take_memory_snapshot();
+  machine.takeSnapshot();
   EXPECT_EQ(machine.files.list(folder).size(), 2u);
   EXPECT_EQ(
       machine.logs.systemLines,
@@ -197,7 +223,7 @@ TEST(MemorySnapshot, SurvivesWhatIsMissing) {
   machine.faults.failOnce(Op::vmStatistics);
   machine.faults.failOnce(Op::priorityList);
   machine.kernel.memory.zoneNames.pop_back();  // names and sizes that don't pair
-  take_memory_snapshot();
+  machine.takeSnapshot();
   const std::string report = machine.files.content(kReport).value_or("");
   EXPECT_NE(
       report.find("\"VM\" :\n{\n\"error\" : \"host_statistics64 failed\"\n},\n\"Processes\" :\n[\n],\n"),

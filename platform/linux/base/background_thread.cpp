@@ -15,38 +15,40 @@ struct BackgroundThread::State {
   std::mutex mutex;
   std::condition_variable changed;
   std::deque<std::pair<Work, Done>> jobs;  // the first one is under way
+  bool started = false;
   bool ending = false;
   bool ended = false;
 };
 
+BackgroundThread::BackgroundThread(const char* name, size_t maxWaiting, std::chrono::milliseconds patience)
+    : name_(name), maxWaiting_(maxWaiting), patience_(patience), state_(std::make_shared<State>()) {}
+
 BackgroundThread::~BackgroundThread() {
-  if (!state_) return;
   std::unique_lock lock(state_->mutex);
+  if (!state_->started) return;
   state_->ending = true;
   state_->changed.notify_all();
   state_->changed.wait_for(lock, patience_, [this] { return state_->ended; });
 }
 
 size_t BackgroundThread::waiting() const {
-  if (!state_) return 0;
   const std::lock_guard lock(state_->mutex);
   return state_->jobs.size();
 }
 
 bool BackgroundThread::tryPost(Work work, Done done) {
-  if (!hasRoom()) return false;
-  if (!state_) {
-    auto state = std::make_shared<State>();
+  const std::lock_guard lock(state_->mutex);
+  if (state_->jobs.size() >= maxWaiting_) return false;
+  if (!state_->started) {
     try {
-      std::thread thread([state] { run(state); });
+      std::thread thread([state = state_] { run(state); });
       pthread_setname_np(thread.native_handle(), name_);
       thread.detach();
     } catch (const std::system_error&) {
       return false;
     }
-    state_ = std::move(state);
+    state_->started = true;
   }
-  const std::lock_guard lock(state_->mutex);
   state_->jobs.emplace_back(std::move(work), std::move(done));
   state_->changed.notify_all();
   return true;

@@ -17,15 +17,14 @@ class BackgroundThread {
   using Work = std::function<std::error_code()>;
   using Done = std::function<void(std::error_code)>;
 
-  BackgroundThread(const char* name, size_t maxWaiting, std::chrono::milliseconds patience)
-      : name_(name), maxWaiting_(maxWaiting), patience_(patience) {}
+  BackgroundThread(const char* name, size_t maxWaiting, std::chrono::milliseconds patience);
   ~BackgroundThread();
   BackgroundThread(const BackgroundThread&) = delete;
   BackgroundThread& operator=(const BackgroundThread&) = delete;
 
   /// Has `work` done, which touches nothing that others do, and then `done` called with its result, on that
   /// thread; not any more once this object's destruction has begun, so `done` may use what outlives this
-  /// object. False, and nothing is done, when too much waits or there is no thread to be had. From one
+  /// object. False, and nothing is done, when too much waits or there is no thread to be had. From any
   /// thread.
   [[nodiscard]] bool tryPost(Work work, Done done);
 
@@ -41,7 +40,7 @@ class BackgroundThread {
   const char* name_;
   const size_t maxWaiting_;
   const std::chrono::milliseconds patience_;
-  std::shared_ptr<State> state_;  // shared with the thread, which may be left behind; null until it starts
+  const std::shared_ptr<State> state_;  // shared with the thread, which may be left behind
 };
 
 }  // namespace quorveld::linux_platform
