@@ -1,4 +1,5 @@
-// Two memory reports, one after the other in the input, each in words and what changed between them.
+// Two memory reports, one after the other in the input, each in words, what changed between them, and both
+// drawn.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -6,6 +7,7 @@
 #include "tools/memory/memory_diff.h"
 #include "tools/memory/memory_report.h"
 #include "tools/memory/memory_text.h"
+#include "tools/page/memory_html.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
@@ -19,6 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   quorvelctl::accountOf(*older);
   if (end == std::string_view::npos) return 0;
   const auto newer = quorvelctl::parseMemoryReport(text.substr(end + kBetween.size()), error);
-  if (newer) quorvelctl::memoryDiffText(*older, *newer, kMaxRows);
+  if (!newer) return 0;
+  quorvelctl::memoryDiffText(*older, *newer, kMaxRows);
+  quorvelctl::memoryPage({*older, *newer});
   return 0;
 }

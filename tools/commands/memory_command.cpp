@@ -1,88 +1,29 @@
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <limits>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <tuple>
 
-#include "tools/base/files.h"
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
+#include "tools/commands/memory_folder.h"
+#include "tools/commands/output_file.h"
 #include "tools/export/since.h"
 #include "tools/memory/memory_diff.h"
 #include "tools/memory/memory_growth.h"
+#include "tools/memory/memory_list.h"
 #include "tools/memory/memory_report.h"
 #include "tools/memory/memory_text.h"
+#include "tools/page/memory_html.h"
 
 namespace quorvelctl {
 namespace {
 
 using OrderedJson = nlohmann::ordered_json;
 
-constexpr const char* kDirectory = "/Library/Logs/Faultkeep";
-constexpr std::string_view kReportPrefix = "memory-snapshot-";
 constexpr size_t kShortTable = 20;
-
-/// Names of the reports; none when the folder can't be read, as told.
-std::vector<std::string> reportNames(Context& context) {
-  const std::string directory = context.path(kDirectory);
-  std::vector<std::string> names;
-  std::error_code error;
-  for (std::filesystem::directory_iterator file(directory, error), end; !error && file != end;
-       file.increment(error)) {
-    const std::string name = file->path().filename();
-    if (!name.starts_with(kReportPrefix) || !name.ends_with(".ips")) continue;
-    std::error_code gone;
-    if (file->symlink_status(gone).type() == std::filesystem::file_type::regular) names.push_back(name);
-  }
-  if (error && error != std::errc::no_such_file_or_directory)
-    context.fail("can't read the reports in " + directory + ": " + error.message());
-  return names;
-}
-
-void tellNoReport(const Context& context) {
-  std::puts(context.json ? "null"
-                         : "no memory report yet; QuorvelEnableMemoryLogging has the daemon write them");
-}
-
-/// The newest report; empty when there is none, as told.
-std::string newestPath(Context& context) {
-  const std::string directory = context.path(kDirectory);
-  std::tuple<time_t, long, std::string> newest{};
-  for (const std::string& name : reportNames(context)) {
-    const std::string path = directory + "/" + name;
-    struct stat status {};
-    if (lstat(path.c_str(), &status) != 0) continue;
-    newest = std::max(newest, {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, path});
-  }
-  if (std::get<2>(newest).empty() && context.status == 0) tellNoReport(context);
-  return std::get<2>(newest);
-}
-
-/// Reads a report by its path, its name in the log directory, or, without a name, the newest. Nothing when it
-/// can't be, as told.
-std::optional<MemoryReport> reportOf(Context& context, const std::string& name) {
-  std::string path = name;
-  if (name.empty()) {
-    path = newestPath(context);
-    if (path.empty()) return std::nullopt;
-  } else if (name.find('/') == std::string::npos) {
-    path = context.path(kDirectory) + "/" + name;
-  }
-  std::error_code code;
-  const std::optional<std::string> text = readFile(path, kMaxMemoryReportBytes, code);
-  if (!text) {
-    context.fail("can't read " + path + ": " + code.message());
-    return std::nullopt;
-  }
-  std::string error;
-  std::optional<MemoryReport> report = parseMemoryReport(*text, error);
-  if (!report) context.fail(path + " is no memory report: " + printable(error));
-  return report;
-}
+constexpr size_t kMostGrowthReports = 1000;
+constexpr size_t kMostDrawnReports = 400;  ///< more have less than two pixels each
 
 OrderedJson listJson(const std::vector<NamedBytes>& entries) {
   OrderedJson json = OrderedJson::array();
@@ -184,13 +125,35 @@ struct MemoryArguments {
   std::string file;  ///< or the older one
   std::string newer;
   std::string since = "7d";
+  std::string html;  ///< where the page goes; empty: none is asked for
   bool all = false;
 
   size_t maxRows() const { return all ? std::numeric_limits<size_t>::max() : kShortTable; }
 };
 
+/// The reports of the span that `arguments` name; nothing, as told, when they name none.
+std::vector<MemoryReport> reportsOf(Context& context, const MemoryArguments& arguments, size_t most) {
+  const time_t seconds = secondsOfSpan(arguments.since).value_or(0);
+  if (seconds != 0) return memoryReportsSince(context, static_cast<double>(seconds) / 3600, most);
+  context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
+  return {};
+}
+
+/// A report that was named is alone on its page.
+void drawMemory(Context& context, const MemoryArguments& arguments) {
+  std::vector<MemoryReport> reports;
+  if (arguments.file.empty()) {
+    reports = reportsOf(context, arguments, kMostDrawnReports);
+  } else if (auto report = readMemoryReport(context, arguments.file)) {
+    reports.push_back(std::move(*report));
+  }
+  if (!reports.empty()) return writeOutput(context, arguments.html, memoryPage(reports));
+  if (context.status == 0) context.fail(kNoMemoryReport);
+}
+
 void showMemory(Context& context, const MemoryArguments& arguments) {
-  const std::optional<MemoryReport> report = reportOf(context, arguments.file);
+  if (!arguments.html.empty()) return drawMemory(context, arguments);
+  const std::optional<MemoryReport> report = readMemoryReport(context, arguments.file);
   if (!report) return;
   const std::string text =
       context.json ? jsonText(reportJson(*report)) : memoryText(*report, arguments.maxRows());
@@ -198,45 +161,61 @@ void showMemory(Context& context, const MemoryArguments& arguments) {
 }
 
 void diffMemory(Context& context, const MemoryArguments& arguments) {
-  const std::optional<MemoryReport> older = reportOf(context, arguments.file);
+  const std::optional<MemoryReport> older = readMemoryReport(context, arguments.file);
   if (!older) return;
-  const std::optional<MemoryReport> newer = reportOf(context, arguments.newer);
+  const std::optional<MemoryReport> newer = readMemoryReport(context, arguments.newer);
   if (!newer) return;
   const std::string text =
       context.json ? jsonText(diffJson(*older, *newer)) : memoryDiffText(*older, *newer, arguments.maxRows());
   std::fputs(text.c_str(), stdout);
 }
 
-/// The reports of the folder that are no older than `hours` before the newest, in order of time, evenly
-/// thinned to kMostReports; one that can't be read is told and left out.
-std::vector<MemoryReport> reportsSince(Context& context, double hours) {
-  constexpr size_t kMostReports = 1000;
-  const std::string directory = context.path(kDirectory);
-  std::multimap<double, std::string> byHours;
-  for (const std::string& name : reportNames(context)) {
-    constexpr size_t kTimestampLength = 17;
-    const auto at = hoursOf(name.substr(kReportPrefix.size(), kTimestampLength));
-    if (at) byHours.emplace(*at, directory + "/" + name);
+OrderedJson sizeJson(const std::optional<uint64_t>& bytes) {
+  return bytes ? OrderedJson(*bytes) : OrderedJson(nullptr);
+}
+
+OrderedJson listJson(const std::vector<MemoryListEntry>& entries) {
+  OrderedJson json = OrderedJson::array();
+  for (const MemoryListEntry& entry : entries) {
+    json.push_back({{"report", entry.fileName},
+                    {"timestamp", entry.timestamp},
+                    {"boot", entry.boot},
+                    {"fileBytes", entry.fileBytes},
+                    {"totalBytes", sizeJson(entry.totalBytes)},
+                    {"freeBytes", sizeJson(entry.freeBytes)},
+                    {"biggestProcess", entry.biggest},
+                    {"biggestBytes", entry.biggestBytes}});
   }
-  if (!byHours.empty()) byHours.erase(byHours.begin(), byHours.lower_bound(byHours.rbegin()->first - hours));
-  std::vector<MemoryReport> reports;
-  size_t index = 0;
-  for (const auto& [at, path] : byHours) {
-    const bool taken = index * kMostReports / byHours.size() != (index + 1) * kMostReports / byHours.size();
-    ++index;
-    if (!taken) continue;
-    std::optional<MemoryReport> report = reportOf(context, path);
-    if (report) reports.push_back(std::move(*report));
+  return json;
+}
+
+/// The newest last, so that a terminal shows it.
+void listMemory(Context& context, const MemoryArguments& arguments) {
+  std::multimap<double, std::string> paths = memoryReportPaths(context);
+  if (paths.empty() && context.status != 0) return;
+  if (paths.empty() && !context.json) return tellNoMemoryReport(context);
+  const size_t most = context.json ? paths.size() : arguments.maxRows();
+  size_t older = 0;
+  for (; paths.size() > most; ++older) paths.erase(paths.begin());
+  std::vector<MemoryListEntry> entries;
+  for (const auto& [at, path] : paths) {
+    const std::optional<MemoryReport> report = readMemoryReport(context, path);
+    if (!report) continue;
+    entries.push_back(listEntryOf(*report));
+    entries.back().fileName = std::filesystem::path(path).filename();
+    std::error_code gone;
+    const auto bytes = std::filesystem::file_size(path, gone);
+    entries.back().fileBytes = gone ? 0 : bytes;
   }
-  return reports;
+  tellBoots(entries);
+  const std::string text = context.json ? jsonText(listJson(entries)) : memoryListText(entries, older);
+  std::fputs(text.c_str(), stdout);
 }
 
 void showGrowth(Context& context, const MemoryArguments& arguments) {
-  const time_t seconds = secondsOfSpan(arguments.since).value_or(0);
-  if (seconds == 0) return context.fail("--since takes a number and m, h, d or w, as in 7d", kWrongUsage);
-  const std::vector<MemoryReport> reports = reportsSince(context, static_cast<double>(seconds) / 3600);
+  const std::vector<MemoryReport> reports = reportsOf(context, arguments, kMostGrowthReports);
   if (reports.empty() && context.status != 0) return;
-  if (reports.empty()) return tellNoReport(context);
+  if (reports.empty()) return tellNoMemoryReport(context);
   const MemoryGrowth growth = growthOf(reports);
   const std::string text =
       context.json ? jsonText(growthJson(growth)) : memoryGrowthText(growth, arguments.maxRows());
@@ -250,11 +229,26 @@ void addMemoryCommands(CLI::App& app, Context& context) {
   memory->require_subcommand(1);
   constexpr const char* kAll = "Whole tables, not their first 20 rows; JSON always has all";
 
+  auto listed = std::make_shared<MemoryArguments>();
+  CLI::App* listing = memory->add_subcommand("list", "The reports in the log directory, the newest last");
+  listing->add_flag("--all", listed->all, "All of them, not the newest 20; JSON always has all");
+  listing->callback([listed, &context] { listMemory(context, *listed); });
+
   auto shown = std::make_shared<MemoryArguments>();
   CLI::App* showing = memory->add_subcommand("show", "Where the memory was, in tables, largest first");
-  showing->add_option("FILE", shown->file,
-                      "Its name in the log directory, or a path; the newest if not given");
+  CLI::Option* file = showing->add_option(
+      "FILE", shown->file, "Its name in the log directory, or a path; the newest if not given");
   showing->add_flag("--all", shown->all, kAll);
+  CLI::Option* html = showing
+                          ->add_option("--html", shown->html,
+                                       "Write it as a page for a browser instead, or, with no FILE, all "
+                                       "reports of the last 7 days, drawn over time")
+                          ->type_name("OUT");
+  showing
+      ->add_option("--since", shown->since, "On that page: how far back from the newest report, as 36h, 2w")
+      ->type_name("SPAN")
+      ->needs(html)
+      ->excludes(file);
   showing->callback([shown, &context] { showMemory(context, *shown); });
 
   auto compared = std::make_shared<MemoryArguments>();

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +7,7 @@
 #include "tools/base/files.h"
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
+#include "tools/commands/output_file.h"
 #include "tools/commands/spool.h"
 #include "tools/page/report_html.h"
 #include "tools/report/report.h"
@@ -36,19 +36,6 @@ std::optional<std::string> readReport(Context& context, const std::string& path)
   std::optional<std::string> text = readFile(path, kMaxFileBytes, error);
   if (!text) context.fail("can't read " + path + ": " + error.message());
   return text;
-}
-
-/// Puts `bytes` into the file that the user named for the output. Links are followed: only a regular file may
-/// be replaced, neither a device nor a link to one.
-void writeOutput(Context& context, const std::string& path, const std::string& bytes) {
-  std::error_code error;
-  const auto target = std::filesystem::weakly_canonical(std::filesystem::absolute(path), error);
-  const auto status = std::filesystem::status(path, error);
-  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-    context.fail(path + " is no regular file");
-  } else if (const auto failure = replaceFile(target, bytes, false)) {
-    context.fail("can't write " + path + ": " + failure.message());
-  }
 }
 
 struct ShowArguments {

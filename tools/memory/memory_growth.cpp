@@ -7,6 +7,8 @@
 #include <map>
 #include <utility>
 
+#include "tools/memory/memory_series.h"
+
 namespace quorvelctl {
 namespace {
 
@@ -111,16 +113,10 @@ class SeriesByName {
   std::map<std::pair<std::string, std::string>, std::vector<GrowthPoint>> byName_;
 };
 
-/// The index of the first report after the machine's last start: what is counted since then begins anew. A
-/// count that is a little less is no start, but an hour that clocks have shown twice.
+/// The index of the first report after the machine's last start.
 size_t firstOfThisStart(const std::vector<MemoryReport>& reports) {
-  size_t first = 0;
-  for (size_t i = 1; i < reports.size(); ++i) {
-    const auto before = reports[i - 1].counter("faults");
-    const auto now = reports[i].counter("faults");
-    if (before && now && *now < *before / 2) first = i;
-  }
-  return first;
+  const std::vector<size_t> starts = startsOf(reports);
+  return static_cast<size_t>(std::find(starts.begin(), starts.end(), starts.back()) - starts.begin());
 }
 
 }  // namespace

@@ -63,17 +63,6 @@ std::string likelyText(const MemoryReport& report, uint64_t bytes) {
   return "Likely behind it: " + likely + "pages that a driver took for itself.\n";
 }
 
-/// What a reader must know of an account that doesn't add up.
-std::string doubtText(const MemoryReport& report, const MemoryAccount& account) {
-  if (account.unaccountedBytes >= 0) {
-    return account.isOff() ? likelyText(report, static_cast<uint64_t>(account.unaccountedBytes)) : "";
-  }
-  const std::string excess = sizeText(static_cast<uint64_t>(-account.unaccountedBytes));
-  if (account.isOff())
-    return "The figures contradict each other: together they are " + excess + " more than that.\n";
-  return "They were read one after the other, and are " + excess + " more than that.\n";
-}
-
 std::string countersText(const MemoryReport& report) {
   if (!report.vmError.empty()) return "\nNo VM counters: " + printable(report.vmError) + "\n";
   Rows rows{{"COUNTER", "VALUE"}};
@@ -197,6 +186,16 @@ std::string timeText(const std::string& timestamp) {
   if (timestamp.size() != 17) return printable(timestamp);
   return printable(timestamp.substr(0, 10) + " " + timestamp.substr(11, 2) + ":" + timestamp.substr(13, 2) +
                    ":" + timestamp.substr(15));
+}
+
+std::string doubtText(const MemoryReport& report, const MemoryAccount& account) {
+  if (account.unaccountedBytes >= 0) {
+    return account.isOff() ? likelyText(report, static_cast<uint64_t>(account.unaccountedBytes)) : "";
+  }
+  const std::string excess = sizeText(static_cast<uint64_t>(-account.unaccountedBytes));
+  if (account.isOff())
+    return "The figures contradict each other: together they are " + excess + " more than that.\n";
+  return "They were read one after the other, and are " + excess + " more than that.\n";
 }
 
 std::string accountText(const MemoryReport& report) {

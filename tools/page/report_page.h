@@ -4,9 +4,12 @@
 
 namespace quorvelctl {
 
-// report_page.html with report_page.css and report_page.js, as the build put them in.
+// The files of these names in this folder, as the build put them in. The report page's style is the memory
+// page's too, which adds its own.
 extern const std::string_view kReportPage;
 extern const std::string_view kReportStyle;
 extern const std::string_view kReportScript;
+extern const std::string_view kMemoryPage;
+extern const std::string_view kMemoryStyle;
 
 }  // namespace quorvelctl

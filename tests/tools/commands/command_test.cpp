@@ -128,14 +128,38 @@ TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
 }
 
 TEST_F(Command, WhereNothingIsYetThereIsASentenceAndNoFailure) {
-  for (const char* arguments :
-       {"reports list", "reports show", "metrics", "activations", "memory show", "memory growth"}) {
+  for (const char* arguments : {"reports list", "reports show", "metrics", "activations", "memory list",
+                                "memory show", "memory growth"}) {
     EXPECT_EQ(run(arguments), 0) << arguments;
     EXPECT_NE(output_.find("yet"), std::string::npos) << output_;
   }
   EXPECT_EQ(run("reports list --json"), 0);
   EXPECT_EQ(output_, "[]\n");
-  EXPECT_EQ(run("reports show --html " + root_ + "/page.html"), 1) << "there is no page to show for it";
+  for (const char* what : {"reports", "memory"}) {
+    EXPECT_EQ(run(std::string(what) + " show --html " + root_ + "/page.html"), 1)
+        << "there is no page to show for it";
+  }
+}
+
+TEST_F(Command, MemoryReportsAreListedAndDrawn) {
+  std::ostringstream report;
+  report << std::ifstream(GOLDEN_DIR "/memory_snapshot.ips").rdbuf();
+  const std::string folder = "/Library/Logs/Faultkeep/";
+  write(folder + "memory-snapshot-2026-01-15-100000.ips", report.str());
+  write(folder + "memory-snapshot-2026-01-15-110000.ips", report.str());
+  write(folder + "memory-snapshot-2026-01-01-100000.ips", "broken, and too old for the page");
+  EXPECT_EQ(run("memory show --html " + root_ + "/page.html --since 7d"), 0) << output_;
+  EXPECT_NE(contents("/page.html").find("2 reports from 2026-01-15"), std::string::npos);
+  EXPECT_EQ(run("memory show --html " + root_ + "/page.html memory-snapshot-2026-01-15-100000.ips"), 0);
+  EXPECT_EQ(contents("/page.html").find("2 reports"), std::string::npos);
+  for (const char* wrong :
+       {"--since 7d", "--since week --html page.html", "--since 7d --html page.html a.ips"}) {
+    EXPECT_EQ(run(std::string("memory show ") + wrong), 2) << output_;
+  }
+  EXPECT_EQ(run("memory list"), 1) << "one can't be read";
+  EXPECT_NE(output_.find("100000.ips is no memory report: "), std::string::npos) << output_;
+  EXPECT_NE(output_.find("8.00 GB say \"hi\"?  memory-snapshot-2026-01-15-110000.ips\n"), std::string::npos)
+      << output_;
 }
 
 TEST_F(Command, OutputThatIsCutOffIsAFailure) {

@@ -8,6 +8,8 @@
 #include <functional>
 #include <random>
 
+#include "tools/memory/memory_series.h"
+
 // What grows among what goes up and down, over a simulated week of hourly reports.
 
 namespace quorvelctl {
@@ -118,6 +120,33 @@ TEST(MemoryGrowth, OfASimulatedWeekNamesTheLeakAndNotTheCacheAndKnowsTheRestart)
   EXPECT_EQ(growthOf({}).reports, 0u);
   EXPECT_EQ(hoursOf("2026-13"), std::nullopt);
   EXPECT_EQ(hoursOf("2026-01-02-030405x"), std::nullopt);
+}
+
+TEST(MemorySeries, TakesTogetherWhatHasNoColourAndLosesNothing) {
+  std::vector<MemoryReport> reports = week(100);
+  reports[3].counters.clear();  // has no account
+  const MemorySeries series = seriesOf(reports, 1);
+  ASSERT_EQ(series.hours.size(), 167u);
+  EXPECT_EQ(series.starts.front(), 0u);
+  EXPECT_EQ(series.starts.back(), 1u);
+  EXPECT_EQ(series.processes.size(), 1u);
+  EXPECT_EQ(series.processes[0].name, "now and then")
+      << "the largest of all, though most of the time nothing";
+  std::vector<std::string> names;
+  for (const MemorySeries::Line& line : series.account) names.push_back(line.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"file cache", kUnaccounted, "free"}));
+  for (size_t i = 0; i < series.hours.size(); ++i) {
+    double sum = 0;
+    for (const MemorySeries::Line& line : series.account) sum += line.bytes[i];
+    EXPECT_EQ(sum, series.totalBytes);
+  }
+
+  for (MemoryReport& report : reports)
+    report.consumers = {{"VM_KERN_MEMORY_CPU", 7 << 20}, {"VM_KERN_MEMORY_PTE", 5 << 20}};
+  const MemorySeries crowded = seriesOf(reports, 1);
+  ASSERT_EQ(crowded.account.size(), 4u);
+  EXPECT_EQ(crowded.account[1].name, "all else that is known");
+  EXPECT_EQ(crowded.account[1].bytes[50], 12 * kMiB);
 }
 
 }  // namespace
