@@ -14,7 +14,7 @@ struct priority_list_entry {
   int32_t pid;
   int32_t priority;
   uint64_t user_data;  ///< bit n set: the process holds the assertion of number n
-  int32_t limit;       ///< memory limit, MiB; -1: none
+  int32_t limit;       ///< memory limit, MiB; -1: none, or not told
   uint32_t state;      ///< bit 3: dirty tracking, bit 5: dirty
 };
 static_assert(sizeof(priority_list_entry) == 24 && offsetof(priority_list_entry, user_data) == 8);

@@ -67,7 +67,7 @@ TEST(KernelMemoryText, VmallocInfoIsSummedByCaller) {
   EXPECT_EQ(callers[1].sizeBytes, 9u * 4096);
 }
 
-TEST(KernelMemoryText, ZonesAndControlGroups) {
+TEST(KernelMemoryText, Zones) {
   const ZonePages zones = parseZoneInfo(
       "Node 0, zone      DMA\n  pages free     3840\n        spanned  4095\n"
       "        present  3998\n        managed  3840\n"
@@ -78,16 +78,6 @@ TEST(KernelMemoryText, ZonesAndControlGroups) {
   EXPECT_EQ(zones.present, 3998u + 1000 + 7);
   EXPECT_EQ(zones.dma, 3890u);
   EXPECT_EQ(zones.cpuLists, 63u);
-
-  const auto unified = parseMemoryCgroup("0::/user.slice/a:b\n");
-  ASSERT_TRUE(unified.has_value());
-  EXPECT_TRUE(unified->unified);
-  EXPECT_EQ(unified->path, "/user.slice/a:b");
-  const auto first = parseMemoryCgroup("0::/x\n9:cpu,cpuacct:/c\n8:hugetlb,memory:/m\n");
-  ASSERT_TRUE(first.has_value());
-  EXPECT_FALSE(first->unified);
-  EXPECT_EQ(first->path, "/m");
-  EXPECT_EQ(parseMemoryCgroup("garbage"), std::nullopt);
 }
 
 TEST(KernelMemoryText, SocketsCompressedSwapAndShares) {

@@ -14,7 +14,6 @@
 #include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/linux_log.h"
 #include "platform/linux/memory/kernel_memory_text.h"
-#include "platform/linux/memory/memory_cgroups.h"
 
 namespace quorveld::linux_platform {
 
@@ -117,7 +116,6 @@ void LinuxKernelMemory::takeLook() {
   look_ = processTables_.records();
   cursor_ = 0;
   std::vector<SharingProcess> processes;
-  MemoryCgroups cgroups;
   for (const ProcessRecord& record : *look_) {
     const process_sample& sample = record.sample;
     processes.push_back({sample.pid, sample.program, sample.footprint_pages, sample.resident_pages});
@@ -127,7 +125,7 @@ void LinuxKernelMemory::takeLook() {
     priorities_.push_back({.pid = sample.pid,
                            .priority = scored ? sample.oom_score_adj : oomScoreAdjustment(sample.pid),
                            .user_data = 0,
-                           .limit = cgroups.limitMiB(sample.pid, sample.cgroups),
+                           .limit = -1,
                            .state = 0});
   }
   shares_ = forkShares_.read(std::move(processes), pagesOfProcesses());

@@ -20,7 +20,7 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   /// `processTables` answers footprints and scores and must outlive this object.
   explicit LinuxKernelMemory(LinuxProcessTables& processTables) : processTables_(processTables) {}
 
-  /// Every process that has memory of its own, with oom_score_adj as priority and its memory cgroup's limit.
+  /// Every process that has memory of its own, with oom_score_adj as priority and no limit.
   /// Asking for the size takes the look that the next fetch and the ledgers answer from.
   int priorityList(platform::priority_list_entry* entries, size_t sizeBytes) override;
   std::optional<std::vector<platform::ledger_template_info>> ledgerTemplate() override;

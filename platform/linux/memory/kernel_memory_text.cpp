@@ -159,18 +159,4 @@ uint64_t parseZramBytes(std::string_view text) {
   return takeNumber(line).value_or(0);
 }
 
-std::optional<CgroupPath> parseMemoryCgroup(std::string_view text) {
-  std::optional<CgroupPath> unified;
-  while (!text.empty()) {
-    std::string_view line = take(text, '\n');
-    const std::string_view hierarchy = take(line, ':');
-    std::string_view controllers = take(line, ':');
-    if (hierarchy == "0" && controllers.empty()) unified = CgroupPath{true, std::string(line)};
-    while (!controllers.empty()) {
-      if (take(controllers, ',') == "memory") return CgroupPath{false, std::string(line)};
-    }
-  }
-  return unified;
-}
-
 }  // namespace quorveld::linux_platform

@@ -50,12 +50,4 @@ uint64_t parseTcpPages(std::string_view text);
 /// mm_stat of a zram device: all memory that it takes (Documentation/admin-guide/blockdev/zram.rst).
 uint64_t parseZramBytes(std::string_view text);
 
-/// The path of the memory control group in /proc/PID/cgroup (cgroups(7)): of version 2, or version 1's memory
-/// controller.
-struct CgroupPath {
-  bool unified;
-  std::string path;
-};
-std::optional<CgroupPath> parseMemoryCgroup(std::string_view text);
-
 }  // namespace quorveld::linux_platform

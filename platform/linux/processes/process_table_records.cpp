@@ -32,7 +32,6 @@ void addPart(process_sample& whole, const process_sample& part) {
   if (part.flags & kSampleHasLeader) {
     whole.leader_class = part.leader_class;
     whole.oom_score_adj = part.oom_score_adj;
-    whole.cgroups = part.cgroups;
     std::memcpy(whole.comm, part.comm, sizeof(whole.comm));
   }
   if (!(whole.flags & kSampleHasMemory)) {

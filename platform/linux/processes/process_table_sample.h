@@ -28,8 +28,6 @@ struct process_sample {
   int16_t oom_score_adj;        // proc(5)
   char comm[kSampleCommBytes];  // NUL-terminated
   uint64_t start_ns;            // CLOCK_BOOTTIME; as a signed number below 0: before this clock's beginning
-  /// The same number in two samples of one pass: both processes are in the same control groups; 0: unknown.
-  uint64_t cgroups;
 
   // What the kernel scales to the user and system times that proc(5) shows: precise run time, the tick's
   // samples of user and system time, and what it answered last. All of the whole process, ended threads too.

@@ -87,7 +87,6 @@ struct task_struct {
   unsigned long maj_flt;
   char comm[kSampleCommBytes];
   struct signal_struct* signal;
-  struct css_set* cgroups;
   struct task_io_accounting ioac;
 };
 struct bpf_array {
@@ -232,8 +231,6 @@ static __always_inline void add_process(struct process_sample* sample, struct ta
   sample->comm[kSampleCommBytes - 1] = 0;
   sample->start_ns = leader->start_boottime + pass.boottime_offset_ns;
   sample->oom_score_adj = process->oom_score_adj;
-  // The kernel keeps each combination of control groups once, and shares it among the processes in them.
-  if (bpf_core_field_exists(leader->cgroups)) sample->cgroups = address_of(leader->cgroups);
   sample->runtime_ns += process->sum_sched_runtime;
   sample->utime_ns += process->utime;
   sample->stime_ns += process->stime;

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -31,38 +30,6 @@ std::string read(const std::string& path) {
   text << std::ifstream(path).rdbuf();
   return text.str();
 }
-
-/// A control group of a memory limit, below this process's own; removed on destruction, when it must be
-/// empty.
-class LimitedGroup {
- public:
-  explicit LimitedGroup(const char* limitBytes) {
-    const auto own = parseMemoryCgroup(read("/proc/self/cgroup"));
-    if (!own) return;
-    path_ = std::string("/sys/fs/cgroup") + (own->unified ? "" : "/memory") + own->path + "/quorveld-test-" +
-            std::to_string(getpid());
-    std::error_code refused;
-    std::filesystem::create_directory(path_, refused);
-    usable_ = write(own->unified ? "memory.max" : "memory.limit_in_bytes", limitBytes);
-  }
-  LimitedGroup(const LimitedGroup&) = delete;
-  LimitedGroup& operator=(const LimitedGroup&) = delete;
-  ~LimitedGroup() {
-    std::error_code refused;
-    std::filesystem::remove(path_, refused);
-  }
-
-  explicit operator bool() const { return usable_; }
-  bool add(const ChildProcess& child) const { return write("cgroup.procs", std::to_string(child.pid())); }
-
- private:
-  bool write(const char* file, const std::string& text) const {
-    return static_cast<bool>(std::ofstream(path_ + "/" + file) << text << std::flush);
-  }
-
-  std::string path_;
-  bool usable_ = false;
-};
 
 class KernelMemory : public testing::TestWithParam<const char*> {
  protected:
@@ -112,7 +79,6 @@ TEST_P(KernelMemory, AgreesWithProcAndStandsByAProcessThatVanishes) {
     const std::string proc = "/proc/" + std::to_string(pid);
     ASSERT_TRUE(list.contains(pid));
     EXPECT_EQ(std::to_string(list[pid].priority) + "\n", read(proc + "/oom_score_adj"));
-    EXPECT_EQ(list[pid].limit, list[getpid()].limit);
     if (pid == getpid()) continue;  // reading changes it
     const ProcfsStatus status = parseStatus(read(proc + "/status"));
     // A fork's may be its share.
@@ -126,20 +92,6 @@ TEST_P(KernelMemory, AgreesWithProcAndStandsByAProcessThatVanishes) {
   EXPECT_GT(footprint(gone), 0);  // one report is of one moment
   EXPECT_FALSE(priorities().contains(gone));
   EXPECT_EQ(footprint(gone), -1);
-}
-
-TEST_P(KernelMemory, TellsTheLimitOfAControlGroup) {
-  const LimitedGroup group("314572800");
-  if (!group) GTEST_SKIP() << "needs leave to make a memory control group";
-  const ChildProcess first{ChildProcess::Steps()};
-  const ChildProcess second{ChildProcess::Steps()};
-  const ChildProcess outside{ChildProcess::Steps()};
-  const int32_t unconfined = priorities()[first.pid()].limit;
-  ASSERT_TRUE(group.add(first) && group.add(second));
-  auto list = priorities();
-  EXPECT_EQ(list[first.pid()].limit, 300);
-  EXPECT_EQ(list[second.pid()].limit, 300);
-  EXPECT_EQ(list[outside.pid()].limit, unconfined);
 }
 
 /// What a process has of its own, a sanitizer's shadow included.
