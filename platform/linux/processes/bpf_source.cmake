@@ -8,7 +8,7 @@ else()
   set(task_iterator ${CMAKE_CURRENT_BINARY_DIR}/task_iterator.bpf.o)
   quorveld_bpf_object(processes/task_walk.bpf.c ${task_walk})
   quorveld_bpf_object(processes/task_iterator.bpf.c ${task_iterator})
-  target_sources(quorveld_platform_linux PRIVATE processes/bpf_object.cpp processes/bpf_source.cpp)
+  target_sources(quorveld_platform_linux PRIVATE processes/bpf_loading.cpp processes/bpf_object.cpp processes/bpf_source.cpp)
   set_source_files_properties(processes/bpf_object.cpp PROPERTIES
     OBJECT_DEPENDS "${task_walk};${task_iterator}"
     COMPILE_DEFINITIONS "QUORVELD_TASK_WALK=\"${task_walk}\";QUORVELD_TASK_ITERATOR=\"${task_iterator}\"")

@@ -7,16 +7,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
-#include <mutex>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/linux_log.h"
 #include "platform/linux/base/unique_fd.h"
-#include "platform/linux/processes/bpf_object.h"
+#include "platform/linux/processes/bpf_loading.h"
 #include "platform/linux/processes/process_table_source.h"
 #include "platform/linux/processes/procfs_parse.h"
 
@@ -34,39 +33,11 @@ constexpr uint32_t kMaxCapacity = 1 << 22;
 /// How often a pass is repeated because processes were born faster than the array grew.
 constexpr int kMaxPasses = 4;
 
-/// What the kernel's verifier may say of a program: why it refuses it, or how long it took. Without a buffer
-/// of ours libbpf has a refused program verified again and again, for a log of each instruction in a buffer
-/// that doubles: seconds, where one refusal takes milliseconds.
-constexpr size_t kVerifierLogBytes = 4096;
-/// BPF_LOG_STATS of the kernel (linux/bpf_verifier.h): errors and statistics, no instructions.
-constexpr uint32_t kVerifierLogLevel = 4;
-
 constexpr size_t kMaxOffsetsBytes = 4096;
 
 /// The inode of the initial PID namespace (include/uapi/linux/nsfs.h): elsewhere the kernel's pids are not
 /// ours.
 constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
-
-[[gnu::format(printf, 2, 0)]] int logLibbpf(libbpf_print_level level, const char* format, va_list arguments) {
-  if (level == LIBBPF_DEBUG) return 0;
-  std::array<char, 512> line;
-  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
-  logDebug("Process table: %s", line.data());
-  return length;
-}
-
-std::string reasonOf(const char* what, int error) {
-  if (error == EPERM) return "BPF: Operation not permitted, it takes CAP_BPF and CAP_PERFMON";
-  return std::string(what) + ": " + std::strerror(error);
-}
-
-/// libbpf's option structs tell their own size, so that an older library knows which fields there are.
-template <typename Options>
-Options noOptions() {
-  Options options{};
-  options.sz = sizeof(options);
-  return options;
-}
 
 /// A BPF array's values, mapped into this process; unmapped on destruction.
 class MappedArray {
@@ -98,13 +69,6 @@ class MappedArray {
   size_t lengthBytes_ = 0;
 };
 
-struct CloseObject {
-  void operator()(bpf_object* object) const { bpf_object__close(object); }
-};
-struct DestroyLink {
-  void operator()(bpf_link* link) const { bpf_link__destroy(link); }
-};
-
 class BpfSource final : public ProcessSource {
  public:
   explicit BpfSource(BpfPass pass) : pass_(pass) {}
@@ -125,10 +89,7 @@ class BpfSource final : public ProcessSource {
   int runIterator();
 
   const BpfPass pass_;
-  std::unique_ptr<bpf_object, CloseObject> object_;
-  std::unique_ptr<bpf_link, DestroyLink> link_;
-  int program_ = -1;  // both owned by object_
-  int sampleArrays_ = -1;
+  LoadedBpf loaded_;
   MappedArray shared_;  // one sample_pass
   MappedArray samples_;
   uint32_t capacity_ = 0;
@@ -138,24 +99,13 @@ class BpfSource final : public ProcessSource {
 };
 
 std::string BpfSource::load() {
-  const bool walks = pass_ == BpfPass::taskWalk;
-  const unsigned char* begin = walks ? quorveld_task_walk_begin : quorveld_task_iterator_begin;
-  const unsigned char* end = walks ? quorveld_task_walk_end : quorveld_task_iterator_end;
-  auto options = noOptions<bpf_object_open_opts>();
-  options.object_name = walks ? "task_walk" : "task_iterator";
-  object_.reset(bpf_object__open_mem(begin, static_cast<size_t>(end - begin), &options));
-  if (!object_) return reasonOf("BPF object", errno);
-  bpf_program* program = bpf_object__next_program(object_.get(), nullptr);
-  std::array<char, kVerifierLogBytes> verifierLog{};
-  bpf_program__set_log_level(program, kVerifierLogLevel);
-  bpf_program__set_log_buf(program, verifierLog.data(), verifierLog.size());
-  if (const int error = bpf_object__load(object_.get())) return reasonOf(name(), -error);
-  program_ = bpf_program__fd(program);
-  sampleArrays_ = bpf_object__find_map_fd_by_name(object_.get(), "sample_arrays");
-  const int shared = bpf_object__find_map_fd_by_name(object_.get(), ".data.pass");
-  if (shared < 0 || sampleArrays_ < 0) return "BPF object: maps are missing";
-  shared_ = MappedArray(shared, sizeof(sample_pass), PROT_READ | PROT_WRITE);
-  if (!shared_) return reasonOf("BPF object", errno);
+  libbpf_set_print(nullptr);  // what goes wrong here has a line of ours
+  std::string why;
+  std::optional<LoadedBpf> loaded = loadBpf(pass_, why);
+  if (!loaded) return why;
+  loaded_ = std::move(*loaded);
+  shared_ = MappedArray(loaded_.pass.get(), sizeof(sample_pass), PROT_READ | PROT_WRITE);
+  if (!shared_) return bpfReason("BPF object", errno);
   const int cpus = libbpf_num_possible_cpus();
   auto* pass = shared_.as<sample_pass>();
   pass->cpu_count = cpus > 0 && cpus <= kSampleMaxCpus ? static_cast<uint32_t>(cpus) : 0;
@@ -163,11 +113,7 @@ std::string BpfSource::load() {
   const auto offsets = readFile("/proc/self/timens_offsets", kMaxOffsetsBytes, noTimeNamespaces);
   pass->boottime_offset_ns = parseClockOffset(offsets.value_or(""), "boottime");
 
-  if (pass_ == BpfPass::taskIterator) {
-    link_.reset(bpf_program__attach_iter(program, nullptr));
-    if (!link_) return reasonOf("BPF task iterator", errno);
-  }
-  if (!resize(kMinCapacity)) return reasonOf("BPF array", errno);
+  if (!resize(kMinCapacity)) return bpfReason("BPF array", errno);
   return {};
 }
 
@@ -180,14 +126,14 @@ bool BpfSource::resize(uint32_t capacity) {
   MappedArray samples(map.get(), capacity * sizeof(process_sample), PROT_READ);
   const uint32_t zero = 0;
   const int fd = map.get();
-  if (!samples || bpf_map_update_elem(sampleArrays_, &zero, &fd, BPF_ANY) != 0) return false;
+  if (!samples || bpf_map_update_elem(loaded_.sampleArrays.get(), &zero, &fd, BPF_ANY) != 0) return false;
   samples_ = std::move(samples);
   capacity_ = capacity;
   return true;
 }
 
 int BpfSource::runIterator() {
-  const UniqueFd pass(bpf_iter_create(bpf_link__fd(link_.get())));
+  const UniqueFd pass(bpf_iter_create(loaded_.link.get()));
   if (!pass) return errno;
   std::array<char, 64> nothing;  // the program writes no text
   ssize_t length = 0;
@@ -200,7 +146,7 @@ int BpfSource::runIterator() {
 int BpfSource::run() {
   if (pass_ == BpfPass::taskIterator) return runIterator();
   auto options = noOptions<bpf_test_run_opts>();
-  return bpf_prog_test_run_opts(program_, &options) == 0 ? 0 : errno;
+  return bpf_prog_test_run_opts(loaded_.program.get(), &options) == 0 ? 0 : errno;
 }
 
 std::span<const process_sample> BpfSource::read(const ProcessRecords&) {
@@ -231,8 +177,6 @@ std::span<const process_sample> BpfSource::read(const ProcessRecords&) {
 }  // namespace
 
 std::unique_ptr<ProcessSource> openBpfSource(BpfPass pass, std::string& why) {
-  static std::once_flag quiet;
-  std::call_once(quiet, [] { libbpf_set_print(logLibbpf); });
   struct stat pidNamespace {};
   if (stat("/proc/self/ns/pid", &pidNamespace) != 0 || pidNamespace.st_ino != kInitialPidNamespace) {
     why = "BPF: not in the initial PID namespace";

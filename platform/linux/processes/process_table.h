@@ -18,7 +18,7 @@ namespace quorveld::linux_platform {
 class LinuxProcessTables final : public platform::ProcessTables {
  public:
   /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
-  /// milliseconds and a megabyte, which a daemon that takes no snapshots has no use for.
+  /// milliseconds and a short-lived process, which a daemon that takes no snapshots has no use for.
   LinuxProcessTables() = default;
 
   /// With this source and no other.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/bpf.h>
 #include <linux/capability.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,10 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 
 #include "platform/linux/processes/process_table.h"
@@ -24,8 +29,13 @@ namespace {
 /// Larger than what libbpf loads to find out what the kernel can do.
 constexpr uint32_t kRealProgramInstructions = 64;
 
-int programLoads = 0;
-uint32_t largestLogBytes = 0;
+/// Shared with the copies of this process, one of which loads.
+struct Loads {
+  int count;
+  uint32_t largestLogBytes;
+};
+Loads* const loads = static_cast<Loads*>(
+    mmap(nullptr, sizeof(Loads), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
 }  // namespace
 
@@ -42,8 +52,8 @@ extern "C" __attribute__((no_sanitize("address"))) long syscall(long number, ...
   if (number == SYS_bpf && reinterpret_cast<uintptr_t>(arguments[0]) == BPF_PROG_LOAD) {
     const auto* load = static_cast<const bpf_attr*>(arguments[1]);
     if (load->insn_cnt > kRealProgramInstructions) {
-      ++programLoads;
-      largestLogBytes = std::max(largestLogBytes, load->log_size);
+      ++loads->count;
+      loads->largestLogBytes = std::max(loads->largestLogBytes, load->log_size);
     }
   }
   return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
@@ -75,15 +85,14 @@ Outcome lookWithOnly(uint32_t upperCapabilities) {
   Outcome outcome{};
   outcome.gaveUp = keepOnly(upperCapabilities);
   if (!outcome.gaveUp) return outcome;
-  programLoads = 0;
-  largestLogBytes = 0;
+  *loads = {};
   const sim::SimPlatform sim;  // takes the log's lines
   LinuxProcessTables tables;
   tables.prepare();
   platform::rusage_info_v3 usage;
   outcome.sawItself = tables.look()->usage(getpid(), &usage) == 0;
-  outcome.loads = programLoads;
-  outcome.logBytes = largestLogBytes;
+  outcome.loads = loads->count;
+  outcome.logBytes = loads->largestLogBytes;
   for (const auto& line : sim.logs.lines) {
     if (line.text.starts_with("Process table: read through")) {
       std::snprintf(outcome.line, sizeof(outcome.line), "%s", line.text.c_str());
@@ -131,6 +140,35 @@ TEST(BpfRefusal, TheVerifierSaysNoOnceAndBriefly) {
   EXPECT_GE(outcome.loads, 1);  // what the walk reads of the kernel takes CAP_PERFMON
   EXPECT_LE(outcome.loads, 2);  // no program twice, with a log that grows
   EXPECT_LE(outcome.logBytes, 65'536u);
+}
+
+size_t openDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+uint64_t peakResidentKb() {
+  std::stringstream status;
+  status << std::ifstream("/proc/self/status").rdbuf();
+  const std::string text = status.str();
+  return std::stoull(text.substr(text.find("VmHWM:") + 6));
+}
+
+TEST(BpfLoading, LeavesNeitherProcessNorDescriptorNorMemory) {
+  const sim::SimPlatform sim;  // takes the log's lines
+  for (const BpfPass pass : {BpfPass::taskWalk, BpfPass::taskIterator}) {
+    const size_t before = openDescriptors();
+    std::ofstream("/proc/self/clear_refs") << "5" << std::flush;  // the peak begins anew
+    const uint64_t peakBefore = peakResidentKb();
+    std::string why;
+    auto source = openBpfSource(pass, why);
+    if (!source) GTEST_SKIP() << why;
+    EXPECT_FALSE(source->read({}).empty());
+    EXPECT_LT(peakResidentKb() - peakBefore, 3000u) << "the kernel's types alone take more";
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+    source.reset();
+    EXPECT_EQ(openDescriptors(), before);
+  }
 }
 
 }  // namespace
