@@ -239,7 +239,22 @@ class Memory(ScratchTest):
         until(lambda: list(daemon.logs.glob("*.ips")), "a report on the other file system")
         self.assertEqual(list(Report(next(daemon.logs.glob("*.ips"))).body)[0], "VM")
 
-    def test_a_kill_in_the_middle_leaves_nothing_under_a_reports_name(self):
+    def test_the_work_queue_is_not_held_up(self):
+        daemon = self.logging()
+        daemon.logs.mkdir(parents=True)
+        for number in range(1000):  # what there is to look at when room is made
+            (daemon.logs / f"memory-snapshot-2026-01-01-10{number:04}.ips").touch()
+        daemon.start()
+        main = pathlib.Path(f"/proc/{daemon.process.pid}/task/{daemon.process.pid}/schedstat")
+        ran = lambda: (len(list(daemon.logs.iterdir())), int(main.read_text().split()[0]) / 1e6)
+        self.next_report(daemon)
+        reports, began_ms = ran()
+        until(lambda: ran()[0] >= reports + 3, "three more reports")
+        more, ended_ms = ran()
+        self.assertLess((ended_ms - began_ms) / (more - reports), 2, "ms of its thread for each report")
+
+    def stopped_in_the_middle(self):
+        """A daemon that SIGSTOP has met with a report under way, and that report's working file."""
         daemon = self.logging()
         daemon.logs.mkdir(parents=True)
         daemon.start()
@@ -250,9 +265,20 @@ class Memory(ScratchTest):
                 daemon.process.send_signal(signal.SIGSTOP)
                 os.waitid(os.P_PID, daemon.process.pid, os.WSTOPPED | os.WNOWAIT)
                 if working.exists():
-                    break
+                    return daemon, working
                 daemon.process.send_signal(signal.SIGCONT)
             self.assertLess(time.monotonic(), end, "no report was met in the middle")
+
+    def test_an_end_in_the_middle_waits_for_the_report(self):
+        daemon, working = self.stopped_in_the_middle()
+        daemon.process.send_signal(signal.SIGTERM)
+        daemon.process.send_signal(signal.SIGCONT)
+        self.assertEqual(daemon.process.wait(PATIENCE), 0)
+        Report(daemon.logs / working.name)
+        self.assertEqual(list((daemon.root / CACHE).glob("memory-snapshot-*")), [])
+
+    def test_a_kill_in_the_middle_leaves_nothing_under_a_reports_name(self):
+        daemon, working = self.stopped_in_the_middle()
         finished = set(daemon.logs.iterdir())
         daemon.process.kill()
         daemon.process.wait()

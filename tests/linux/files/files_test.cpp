@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <future>
+#include <thread>
 #include <vector>
 
 #include "platform/linux/base/background_thread.h"
@@ -124,6 +125,25 @@ TEST(BackgroundThread, RefusesWhatIsTooMuchAndLeavesWhatIsStuckBehind) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, tests::kPatience);
   stuck.set_value();
   EXPECT_EQ(done, 0) << "nobody is told any more";
+}
+
+TEST(BackgroundThread, TakesWhatSeveralThreadsPostOnceEach) {
+  constexpr int kPosters = 4;
+  constexpr int kJobs = 50;
+  std::atomic<int> worked{0};
+  {
+    BackgroundThread thread("test", kPosters * kJobs, tests::kPatience);
+    std::vector<std::thread> posters;
+    for (int i = 0; i < kPosters; ++i) {
+      posters.emplace_back([&] {
+        for (int job = 0; job < kJobs; ++job) {
+          EXPECT_TRUE(thread.tryPost([&] { return ++worked, std::error_code(); }, [](std::error_code) {}));
+        }
+      });
+    }
+    for (std::thread& poster : posters) poster.join();
+  }
+  EXPECT_EQ(worked, kPosters * kJobs);
 }
 
 TEST_F(Files, FinishingCrossesFileSystemsWithTheSamePromises) {
