@@ -46,7 +46,8 @@ struct OtherEnd {
 /// The ends of what one party waits at.
 class Ends {
  public:
-  Ends(int processDir, std::vector<Omission>& omissions) : dir_(processDir), omissions_(omissions) {}
+  Ends(pid_t pid, int processDir, std::vector<Omission>& omissions)
+      : pid_(pid), dir_(processDir), omissions_(omissions) {}
 
   std::optional<OtherEnd> of(const WaitedDescriptor& waited, bool isAny) {
     const std::string fd = std::to_string(waited.fd);
@@ -79,7 +80,7 @@ class Ends {
   /// Who watches several sockets waits at one that it has accepted for a request, not for an answer.
   std::optional<OtherEnd> ofSocket(uint64_t inode, bool isAny) {
     uint32_t peer = 0;
-    if (const int error = unixSocketPeer(dir_, static_cast<uint32_t>(inode), peer)) {
+    if (const int error = unixSocketPeer(pid_, dir_, static_cast<uint32_t>(inode), peer)) {
       const bool isKnown = std::any_of(omissions_.begin(), omissions_.end(),
                                        [](const Omission& known) { return known.what == kSocketEnds; });
       if (!isKnown) omissions_.push_back({kSocketEnds, "sock_diag: " + errorText(error)});
@@ -134,6 +135,7 @@ class Ends {
 
   static constexpr const char* kSocketEnds = "other end of the socket";
 
+  const pid_t pid_;
   const int dir_;
   std::vector<Omission>& omissions_;
   std::optional<std::string> unixTable_;  // once read, as the next
@@ -272,7 +274,7 @@ std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
   const WaitedDescriptors waited = waitedDescriptors(processDir, party.pid, *party.facts.syscall);
   if (waited.all.empty()) return std::nullopt;
   PartyWait wait{party.facts.tid, WaitKind::peer, {}, {}};
-  Ends ends(processDir, omissions);
+  Ends ends(party.pid, processDir, omissions);
   EndSearch search(party, index);
   const bool isAny = waited.isAny && waited.all.size() > 1;
   bool isNetwork = false;

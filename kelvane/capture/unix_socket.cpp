@@ -11,8 +11,11 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "kelvane/base/proc_files.h"
+#include "kelvane/kernel/kernel_look.h"
+#include "kelvane/kernel/unix_socket_ends.h"
 
 namespace kelvane {
 namespace {
@@ -50,11 +53,26 @@ UniqueFd diagnosisOf(int processDir) {
   return made;
 }
 
+/// The number of a socket is no other's for as long as it is open, so that a process that has taken the pid
+/// since has none of these.
+uint32_t peerAmong(std::string_view sockets, uint32_t inode) {
+  unix_socket_ends ends{};
+  for (; sockets.size() >= sizeof ends; sockets.remove_prefix(sizeof ends)) {
+    memcpy(&ends, sockets.data(), sizeof ends);
+    if (ends.inode == inode) return static_cast<uint32_t>(ends.peer_inode);
+  }
+  return 0;
+}
+
 }  // namespace
 
-int unixSocketPeer(int processDir, uint32_t inode, uint32_t& peer) {
+int unixSocketPeer(pid_t pid, int processDir, uint32_t inode, uint32_t& peer) {
   peer = 0;
   if (inode == 0) return 0;
+  if (const FileText sockets = unixSocketsOf(pid); sockets.error == 0) {
+    peer = peerAmong(sockets.text, inode);
+    return 0;
+  }
   const UniqueFd fd = diagnosisOf(processDir);
   if (!fd || !ask(fd.get(), inode)) return errno;
   alignas(nlmsghdr) std::array<char, 1024> answer{};

@@ -1,13 +1,16 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 namespace kelvane {
 
-/// Sets `peer` to the inode of the socket that a Unix socket of the process of `processDir`, by its inode, is
-/// connected to, as sock_diag(7) tells it; to 0 if it is no connected one. It is asked in the network
-/// namespace of that process, or in this one's where that may not be entered. Returns 0, or the errno with
-/// which the kernel refuses to be asked. Never waits.
-int unixSocketPeer(int processDir, uint32_t inode, uint32_t& peer);
+/// Sets `peer` to the inode of the socket that a Unix socket of the process `pid`, by its inode, is connected
+/// to; to 0 if it is no connected one. Where the kernel's own programs may not be asked, sock_diag(7) tells
+/// it: in the network namespace of the process, whose directory in /proc is `processDir`, or in this one's
+/// where that may not be entered. Returns 0, or the errno with which the kernel refuses to be asked. Never
+/// waits.
+int unixSocketPeer(pid_t pid, int processDir, uint32_t inode, uint32_t& peer);
 
 }  // namespace kelvane

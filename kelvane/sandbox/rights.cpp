@@ -37,8 +37,10 @@ constexpr uint64_t bit(unsigned capability) {
   return uint64_t{1} << capability;
 }
 
-/// CAP_SYS_ADMIN is for /proc/PID/stack and map_files, for which the kernel asks nothing less.
-constexpr uint64_t kRightsToLook = bit(CAP_SYS_PTRACE) | bit(CAP_SYS_ADMIN) | bit(CAP_DAC_READ_SEARCH);
+/// CAP_CHECKPOINT_RESTORE is for map_files. CAP_SYS_ADMIN stays with whoever has it: what kernel/ can't tell
+/// where there is no BPF takes nothing less.
+constexpr uint64_t kRightsToLook = bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH) | bit(CAP_BPF) |
+                                   bit(CAP_PERFMON) | bit(CAP_CHECKPOINT_RESTORE) | bit(CAP_SYS_ADMIN);
 
 /// Leaves of this process's capabilities those in `kept`.
 bool keepCapabilities(uint64_t kept) {

@@ -25,8 +25,8 @@ UniqueFd openMappedFile(int processDir, const MappedModule& module) {
   if (isRegularFile(processDir, link.data())) {
     if (UniqueFd fd(openat(processDir, link.data(), kFlags)); fd) return fd;
   }
-  // map_files needs a capability that an unprivileged process lacks; then by its path below the process's
-  // root, if that is still the file.
+  // map_files needs CAP_CHECKPOINT_RESTORE, which an unprivileged process lacks; then by its path below the
+  // process's root, if that is still the file.
   std::string path = "root" + module.path;
   if (!isRegularFile(processDir, path.c_str())) return {};
   UniqueFd fd(openat(processDir, path.c_str(), kFlags | O_NOFOLLOW));

@@ -1,6 +1,5 @@
 #include "kelvane/threads/thread_facts.h"
 
-#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
+#include "kelvane/kernel/kernel_look.h"
 
 namespace kelvane {
 namespace {
@@ -46,6 +46,8 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
   auto read = [&](const char* name) {
     return readFileAt(processDir, taskPath(tid, name).c_str(), kMaxProcFileBytes);
   };
+  // Before the directory, which knows whether the number was that thread's all the time.
+  FileText stack = kernelStackOf(tid);
   auto stat = parseStat(read("stat").text);
   if (!stat) return std::nullopt;
   ThreadFacts facts;
@@ -70,7 +72,7 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
     facts.syscall->number = callBeforeRestart(facts.waitChannel);
   }
   if (syscall.error) noteOnce(omissions, "wait channels and system calls", syscall.error);
-  FileText stack = read("stack");
+  if (stack.error) stack = read("stack");
   facts.kernelStack = parseKernelStack(stack.text, kMaxKernelFrames);
   if (stack.error) noteOnce(omissions, "kernel stacks", stack.error);
   return facts;

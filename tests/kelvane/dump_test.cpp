@@ -176,10 +176,11 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
   }
 }
 
-/// Sockets of this family are refused from here on, as a service's sandbox refuses them.
-bool refuseSockets(uint32_t family) {
+/// bpf(2) and sockets of this family are refused from here on, as a service's sandbox refuses them.
+bool refuseBpfAndSockets(uint32_t family) {
   sock_filter steps[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_bpf, 3, 0),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, family, 0, 1),
@@ -191,7 +192,7 @@ bool refuseSockets(uint32_t family) {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST(Dump, SaysWhenItMayNotAskForTheOtherEndOfASocket) {
+TEST(Dump, WithoutBpfItAsksElsewhereAndSaysWhenItMayNot) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
   const pid_t waiting = fork();
@@ -203,13 +204,19 @@ TEST(Dump, SaysWhenItMayNotAskForTheOtherEndOfASocket) {
   constexpr int kNoFilter = 77;
   const pid_t looking = fork();
   if (looking == 0) {
-    if (!refuseSockets(AF_NETLINK)) _exit(kNoFilter);
+    if (!refuseBpfAndSockets(AF_MAX)) _exit(kNoFilter);
+    const bool found = eventually([&] {
+      const Dump dump = dumpOf(waiting, waiting);
+      return dump.report["metadata"]["verdict"]["cause"] == "peer" &&
+             (dump.whyLeftOut("kernel stacks").empty() || !kernelStacksAreTold());
+    });
+    if (!found || !refuseBpfAndSockets(AF_NETLINK)) _exit(1);
     const bool said = eventually([&] {
       const Dump dump = dumpOf(waiting, waiting);
       return dump.whyLeftOut("other end of the socket").find("sock_diag: Address family not supported") !=
              std::string::npos;
     });
-    _exit(said ? 0 : 1);
+    _exit(said ? 0 : 2);
   }
   int status = 0;
   waitpid(looking, &status, 0);

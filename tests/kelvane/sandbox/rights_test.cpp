@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
@@ -78,11 +79,14 @@ TEST(Rights, ToLookAreTracingKernelStacksAndReading) {
     for (std::ifstream status("/proc/self/status"); status >> word;) {
       if (word == "CapPrm:") status >> std::hex >> left;
     }
-    constexpr unsigned long long kAllowed = 1ULL << 19 | 1ULL << 21 | 1ULL << 2;  // capabilities(7)
+    unsigned long long allowed = 0;
+    for (const int one :
+         {CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF, CAP_PERFMON, CAP_CHECKPOINT_RESTORE, CAP_SYS_ADMIN})
+      allowed |= 1ULL << one;
     rlimit core{}, files{};
     getrlimit(RLIMIT_CORE, &core);
     getrlimit(RLIMIT_NOFILE, &files);
-    _exit((left & ~kAllowed) == 0 && core.rlim_max == 0 && files.rlim_max <= kMaxDescriptors ? 0 : 1);
+    _exit((left & ~allowed) == 0 && core.rlim_max == 0 && files.rlim_max <= kMaxDescriptors ? 0 : 1);
   }
   int status = 0;
   waitpid(child, &status, 0);
