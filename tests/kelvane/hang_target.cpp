@@ -170,6 +170,15 @@ size_t openDescriptors() {
   return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
+size_t settledDescriptors(const HangTarget& victim) {
+  size_t fewest = SIZE_MAX;
+  for (int i = 0; i < 3; i++) {
+    dumpOf(victim.pid(), victim.thread());
+    fewest = std::min(fewest, openDescriptors());
+  }
+  return fewest;
+}
+
 bool contains(const std::vector<std::string>& names, const std::string& part) {
   return std::any_of(names.begin(), names.end(),
                      [&](const std::string& name) { return name.find(part) != std::string::npos; });

@@ -80,6 +80,10 @@ Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
 /// How many descriptors this process has, one for looking included.
 size_t openDescriptors();
 
+/// The fewest after one of some reports of `victim`. On a busy machine what a report has ended may take
+/// longer to go than it waits for that, and holds a descriptor or two until a report after it.
+size_t settledDescriptors(const HangTarget& victim);
+
 /// Whether one of the names has `part` in it.
 bool contains(const std::vector<std::string>& names, const std::string& part);
 
