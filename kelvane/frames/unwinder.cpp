@@ -23,7 +23,8 @@ std::string dwflError() {
 }
 
 std::string demangled(const char* symbol) {
-  if (strnlen(symbol, kMaxMangledBytes + 1) <= kMaxMangledBytes) {
+  // Of another name the C++ library would take it that it is a type's: f would be "float".
+  if (strncmp(symbol, "_Z", 2) == 0 && strnlen(symbol, kMaxMangledBytes + 1) <= kMaxMangledBytes) {
     int status = 0;
     std::unique_ptr<char, decltype(&free)> text(abi::__cxa_demangle(symbol, nullptr, nullptr, &status), free);
     if (status == 0 && text) return std::string(text.get(), strnlen(text.get(), kMaxNameBytes));

@@ -17,7 +17,7 @@ namespace {
 
 /// Holds the metadata of all but the oddest reports; of those the rest is read as well.
 constexpr size_t kMetadataBytes = size_t{64} * 1024;
-constexpr size_t kMaxRows = 1'000'000;
+constexpr size_t kMaxTopRows = 1'000'000;
 constexpr size_t kMaxAppsNamed = 20;
 
 constexpr const char* kNoneLeft = "no report is left by these conditions";
@@ -178,7 +178,7 @@ void addReportListCommands(CLI::App& reports, Context& context) {
       reports.add_subcommand("top", "Which hangs cost the most time: reports by their signatures");
   addFilters(*top, *grouped);
   top->add_option("--top", grouped->top, "Signatures to show, 10 if not given; JSON has all")
-      ->check(CLI::Range(size_t{1}, kMaxRows))
+      ->check(CLI::Range(size_t{1}, kMaxTopRows))
       ->type_name("N");
   top->callback([grouped, &context] { showTop(context, *grouped); });
 }

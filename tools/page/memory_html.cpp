@@ -18,18 +18,18 @@ namespace {
 /// The style has so many colours for names, one for what is left over, one for what is unaccounted for and
 /// one for what is free.
 constexpr size_t kColours = 8;
-constexpr size_t kMaxRows = 20;
+constexpr size_t kMaxTableRows = 20;
 
 Html sizeCell(const std::string& text) {
   return element("td", "number", text);
 }
 
-/// Names and sizes with each one's share of `wholeBytes`, largest first and no more than kMaxRows.
+/// Names and sizes with each one's share of `wholeBytes`, largest first and no more than kMaxTableRows.
 Html sizesHtml(const std::string& title, const std::vector<NamedBytes>& entries, uint64_t wholeBytes) {
   Html rows;
   uint64_t restBytes = 0;
   for (size_t i = 0; i < entries.size(); ++i) {
-    if (i >= kMaxRows) {
+    if (i >= kMaxTableRows) {
       restBytes += entries[i].bytes;
       continue;
     }
@@ -43,9 +43,10 @@ Html sizesHtml(const std::string& title, const std::vector<NamedBytes>& entries,
   }
   if (entries.empty()) return {};
   Html content = element("h3", "", title) + element("div", "scroll", element("table", "", rows));
-  if (entries.size() > kMaxRows) {
-    content += element("p", "note",
-                       "and " + std::to_string(entries.size() - kMaxRows) + " more, " + sizeText(restBytes));
+  if (entries.size() > kMaxTableRows) {
+    content +=
+        element("p", "note",
+                "and " + std::to_string(entries.size() - kMaxTableRows) + " more, " + sizeText(restBytes));
   }
   return element("div", "", content);
 }

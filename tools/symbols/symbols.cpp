@@ -3,19 +3,26 @@
 #include <cxxabi.h>
 #include <elf.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 
 #include "tools/base/descriptor.h"
 
 namespace quorvelctl {
 namespace {
+
+/// What a file may take beside its mapping. Symbols of the largest programs unpack to some ten megabytes.
+constexpr uint64_t kMaxUnpackedBytes = uint64_t{256} << 20;
 
 /// The file's own symbols have to do: separate ones would be asked for over the network where that is
 /// configured.
@@ -40,15 +47,6 @@ std::string buildIdOf(Dwfl_Module* module) {
   return text;
 }
 
-/// Without the version that a symbol of a library may have: "read@@GLIBC_2.2.5".
-std::string readable(const std::string& symbol) {
-  const std::string name = symbol.substr(0, symbol.find('@', 1));
-  int status = 0;
-  const std::unique_ptr<char, void (*)(void*)> plain(
-      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), std::free);
-  return status == 0 ? plain.get() : name;
-}
-
 /// The paths at which a file with the frame's build id may be.
 std::vector<std::string> candidatesOf(const ReportFrame& frame, const std::vector<std::string>& debugDirs) {
   const std::string& id = frame.buildId;
@@ -71,9 +69,10 @@ bool isTrusted(int file, const struct stat& status) {
          fstatvfs(file, &mount) == 0 && (mount.f_flag & ST_NOSUID) == 0;
 }
 
-/// A descriptor of the ELF file at `path`; -1 when there is none. Of another file the library would take it
-/// that it is compressed, and unpack it whole into memory: a small one can be made to fill that.
-int openElf(const std::string& path, SymbolFiles which) {
+/// A descriptor of the ELF file at `path`, and its size; -1 when there is none. Of another file the library
+/// would take it that it is compressed, and unpack it whole into memory: a small one can be made to fill
+/// that.
+int openElf(const std::string& path, SymbolFiles which, uint64_t& sizeBytes) {
   const Descriptor place(::open(path.c_str(), O_PATH | O_CLOEXEC));  // which opens no device
   struct stat status {};
   if (place.get() < 0 || ::fstat(place.get(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
@@ -83,10 +82,44 @@ int openElf(const std::string& path, SymbolFiles which) {
   std::array<char, SELFMAG> magic{};
   if (file >= 0 && ::pread(file, magic.data(), magic.size(), 0) == SELFMAG &&
       std::memcmp(magic.data(), ELFMAG, SELFMAG) == 0) {
+    sizeBytes = static_cast<uint64_t>(status.st_size);
     return file;
   }
   if (file >= 0) ::close(file);
   return -1;
+}
+
+/// For as long as it lives this process may map so much more than it has, and no more: what a file unpacks to
+/// is known only once it is unpacked, and the library does that without asking. Running out is an error
+/// there.
+class MemoryBound {
+ public:
+  explicit MemoryBound(uint64_t moreBytes) {
+    ::getrlimit(RLIMIT_AS, &before_);
+    uint64_t pages = 0;
+    if (!(std::ifstream("/proc/self/statm") >> pages)) return;
+    const rlim_t most = pages * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)) + moreBytes;
+    const rlimit bound{std::min(most, before_.rlim_cur), before_.rlim_max};
+    ::setrlimit(RLIMIT_AS, &bound);
+  }
+  MemoryBound(const MemoryBound&) = delete;
+  MemoryBound& operator=(const MemoryBound&) = delete;
+  ~MemoryBound() { ::setrlimit(RLIMIT_AS, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+/// Without the version that a symbol of a library may have: "read@@GLIBC_2.2.5".
+std::string readable(const std::string& symbol) {
+  std::string name = symbol.substr(0, symbol.find('@', 1));
+  // Of another name the C++ library would take it that it is a type's: f would be "float".
+  if (!name.starts_with("_Z")) return name;
+  const MemoryBound ofAName(kMaxUnpackedBytes);
+  int status = 0;
+  const std::unique_ptr<char, void (*)(void*)> plain(
+      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), std::free);
+  return status == 0 ? plain.get() : name;
 }
 
 }  // namespace
@@ -99,15 +132,23 @@ Symbols::~Symbols() {
 }
 
 Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
-  const int file = dwfl_ ? openElf(path, which_) : -1;
+  uint64_t sizeBytes = 0;
+  const int file = dwfl_ ? openElf(path, which_, sizeBytes) : -1;
   if (file < 0) return nullptr;
-  dwfl_report_begin_add(dwfl_);
-  Dwfl_Module* module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);
-  dwfl_report_end(dwfl_, nullptr, nullptr);
-  if (!module) ::close(file);  // else it is the library's
+  Dwfl_Module* module = nullptr;
   GElf_Addr bias = 0;
-  const bool fits = module && dwfl_module_getelf(module, &bias) && buildIdOf(module) == buildId;
-  return fits ? module : nullptr;
+  {
+    const MemoryBound mapsTheFile(sizeBytes + kMaxUnpackedBytes);
+    dwfl_report_begin_add(dwfl_);
+    module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);
+    dwfl_report_end(dwfl_, nullptr, nullptr);
+    if (!module) ::close(file);  // else it is the library's
+    if (!module || !dwfl_module_getelf(module, &bias) || buildIdOf(module) != buildId) return nullptr;
+  }
+  // A stripped file may have its symbols in a compressed section. Tried once, they are there or are not.
+  const MemoryBound readsTheSymbols(kMaxUnpackedBytes);
+  dwfl_module_getsymtab(module);
+  return module;
 }
 
 const std::vector<Dwfl_Module*>& Symbols::filesOf(const ReportFrame& frame) {

@@ -14,9 +14,8 @@ namespace quorvelctl {
 /// Which of the files that a report names are opened. Reports name whatever the hung process had mapped, and
 /// a file made for it could turn whoever parses it.
 enum class SymbolFiles {
-  /// Those that only root or the reader can have put there: theirs, writable for nobody else, and on no mount
-  /// of a
-  /// user's, where the owners are the user's to choose.
+  /// Those that only root or the reader can have put there: theirs, writable for nobody else, and on no
+  /// mount of a user's, where the owners are the user's to choose.
   trusted,
   all,
 };

@@ -4,13 +4,19 @@
 #include <elfutils/libdwelf.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <tuple>
+#include <utility>
 
 using quorvelctl::NamedReport;
 using quorvelctl::SymbolFiles;
@@ -138,6 +144,55 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
     }
   }
   std::filesystem::remove_all(scratch);
+}
+
+/// What the first instruction of a file's text is called, and the most memory in kB that it took to find out.
+std::pair<std::string, long> namedWithin(const std::string& module, const std::string& offset) {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) return {};
+  const pid_t child = fork();
+  if (child == 0) {
+    quorvelctl::ReportFrame frame;
+    frame.module = module;
+    frame.buildId = buildIdOf(module);
+    frame.offset = std::stoull(offset, nullptr, 16);
+    Symbols symbols({}, SymbolFiles::all);
+    const std::string name = symbols.nameOf(frame);
+    _exit(write(ends[1], name.data(), name.size()) < 0 || !symbols.hasFileOf(frame));
+  }
+  close(ends[1]);
+  std::array<char, 256> name{};
+  const ssize_t length = read(ends[0], name.data(), name.size());
+  close(ends[0]);
+  int status = 0;
+  rusage used{};
+  wait4(child, &status, 0, &used);
+  EXPECT_EQ(status, 0);
+  return {std::string(name.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))), used.ru_maxrss};
+}
+
+TEST(Symbolicate, SymbolsThatAreCompressedAreFoundAndUnpackedWithinBounds) {
+  if (QV_SANITIZED) GTEST_SKIP() << "a sanitizer ends a program that gets no more memory";
+  std::string scratch = "/tmp/symbolicate.XXXXXX";
+  ASSERT_TRUE(mkdtemp(scratch.data()));
+  // In a mangled name f stands for float.
+  const std::string make = "cd " + scratch + R"( && {
+    printf '.globl f\n.type f,@function\n.hidden f\nf: nop\n.size f,1\n' >f.s
+    cc -nostdlib -shared -Wl,--build-id f.s -o f.so && strip -o bare.so f.so && xz f.so
+    objcopy --add-section .gnu_debugdata=f.so.xz bare.so packed.so
+    head -c 512M /dev/zero | xz -0 >bomb.xz
+    objcopy --add-section .gnu_debugdata=bomb.xz bare.so bomb.so
+    xz -dk f.so.xz && nm --format=posix f.so | grep '^f ' >f
+  } >/dev/null 2>&1)";
+  const bool made = std::system(make.c_str()) == 0;
+  std::string name, type, offset;
+  std::ifstream(scratch + "/f") >> name >> type >> offset;
+  if (made) {
+    EXPECT_EQ(namedWithin(scratch + "/packed.so", offset).first, "f");
+    EXPECT_LT(namedWithin(scratch + "/bomb.so", offset).second, 400 << 10);
+  }
+  std::filesystem::remove_all(scratch);
+  if (!made) GTEST_SKIP() << "it takes a compiler, binutils and xz";
 }
 
 }  // namespace
