@@ -33,8 +33,9 @@ class Lines {
     std::vector<Line> lines;
     lines.reserve(byName_.size());
     for (const auto& [name, line] : byName_) lines.push_back(line);
-    std::stable_sort(lines.begin(), lines.end(),
-                     [](const Line& a, const Line& b) { return a.largest() > b.largest(); });
+    std::sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) {
+      return std::pair(b.largest(), a.name) < std::pair(a.largest(), b.name);
+    });
     return lines;
   }
 

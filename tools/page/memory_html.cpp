@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <tuple>
 
 #include "tools/base/units.h"
 #include "tools/memory/memory_growth.h"
@@ -66,8 +67,9 @@ std::vector<NamedBytes> byName(const std::vector<MemoryProcess>& processes) {
   for (const auto& [name, program] : programs) {
     sums.push_back({program.count == 1 ? name : name + " × " + std::to_string(program.count), program.bytes});
   }
-  std::stable_sort(sums.begin(), sums.end(),
-                   [](const NamedBytes& a, const NamedBytes& b) { return a.bytes > b.bytes; });
+  std::sort(sums.begin(), sums.end(), [](const NamedBytes& a, const NamedBytes& b) {
+    return std::tie(b.bytes, a.name) < std::tie(a.bytes, b.name);
+  });
   return sums;
 }
 
