@@ -10,8 +10,8 @@ namespace kelvane {
 /// is left: tracing, kernel stacks, and files of other users. Of those only what this process had.
 void keepRightsToLook();
 
-/// Limits this process and those that it starts in memory, CPU time (each) and descriptors, lets them leave no core
-/// files, and makes them the first that the kernel ends when memory runs out.
+/// Limits this process and those that it starts in memory, CPU time (each) and descriptors, lets them leave
+/// no core files, and makes them the first that the kernel ends when memory runs out.
 void limitResources(std::chrono::seconds cpuTime);
 
 /// Limits what is written from now on. What the flight recorder's pages are kept in grows without end, and is

@@ -113,7 +113,7 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
               durationMs, 1);
   EXPECT_NEAR(sums["onCpuMs"].get<double>() / durationMs, cpuShare, 0.1) << table;
   EXPECT_GT(crunches["onCpuMs"], 0.9 * sums["onCpuMs"].get<double>()) << table;
-  if (sums["readyMs"] > 0.2 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
+  if (sums["readyMs"] > 0.5 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
   EXPECT_GT(waits["waitedMs"], 0.7 * sums["waitedMs"].get<double>()) << table;
 }
 
