@@ -59,8 +59,9 @@ typedef struct kelvane_pending {
 } kelvane_pending;
 
 /* Has the threads of these operations sampled, as many as it can afford, until the next call says otherwise;
- * a report of one of them then tells where it was. Optional: a library may lack it. Never waits; call it with
- * a count of 0, too, and again after that. Returns why no thread can be sampled on this machine, once, when
+ * a report of one of them then tells where it was. Optional: a library may lack it. Waits for no other
+ * process than the one that it starts, and for that one only until it executes its program. Call it with a
+ * count of 0, too, and again after that. Returns why no thread can be sampled on this machine, once, when
  * that has turned out, valid until the next call; else NULL. Called by the thread that dumps. */
 typedef const char* (*kelvane_sample_function)(const kelvane_pending* pending, size_t count);
 

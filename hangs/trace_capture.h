@@ -25,7 +25,8 @@ class TraceCapture {
   bool dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTicks, const std::string& reason);
 
   /// Has the library note from now on where the threads of these operations are, for the reports of them, and
-  /// no others'. Call it at each hang check: without any there is nothing to do. Never waits. Does nothing
+  /// no others'. Call it at each hang check, and when nothing is watched any more. Loads the library for the
+  /// first of them; waits until a process that it starts executes its program, as a report does. Does nothing
   /// where the library can't; why the system won't let it is logged once.
   void samplePending(const std::vector<kelvane_pending>& pending);
 

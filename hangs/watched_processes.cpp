@@ -120,7 +120,10 @@ void QVProcessInfo::stopWatchingPid(int32_t pid) {
 }
 
 void QVProcessInfo::stopWatchingAllPids() {
-  classSide().watchedProcesses.clear();
+  ClassSide& state = classSide();
+  state.watchedProcesses.clear();
+  state.pending.clear();
+  state.traceCapture.samplePending(state.pending);
 }
 
 std::shared_ptr<QVProcessInfo> QVProcessInfo::processForPid(int32_t pid) {

@@ -50,7 +50,7 @@ struct ProcessCapture {
   std::vector<ThreadCapture> threads;
   std::vector<Frame> frames;
   std::vector<Module> modules;        // Frame::module counts these
-  std::vector<SampledStack> samples;  // of the hung thread, oldest first
+  std::vector<SampledStack> samples;  // of the hung thread, in any order
   std::vector<ClockMark> clockMarks;  // the same; empty: it was not sampled
   WaitGraph waits;                    // from the hung thread on
   std::vector<Omission> omissions;

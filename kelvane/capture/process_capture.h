@@ -30,7 +30,7 @@ struct CopiedStack {
 /// What was copied of a process's threads, to be unwound.
 struct CopiedStacks {
   std::vector<CopiedStack> looks;
-  std::vector<ThreadSample> samples;  // of the hung thread, oldest first
+  std::vector<ThreadSample> samples;  // of the hung thread
 };
 
 /// Takes over a part of the capture that has been found (findings.h).

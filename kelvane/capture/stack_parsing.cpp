@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -101,6 +102,17 @@ class Parser {
   std::unordered_map<int32_t, int32_t> numberOf_;  // index of a module to that among those published
 };
 
+/// 0 to `count`, every second one after all others, and so on: whenever that is broken off, what is missing
+/// lies evenly among what there is.
+std::vector<size_t> sparseFirst(size_t count) {
+  std::vector<size_t> order;
+  if (count > 0) order.push_back(0);
+  for (size_t step = std::bit_ceil(count) / 2; step > 0; step /= 2) {
+    for (size_t index = step; index < count; index += 2 * step) order.push_back(index);
+  }
+  return order;
+}
+
 }  // namespace
 
 void StackParsing::run(int processDir, const std::vector<MappedModule>& modules, const CopiedStacks& stacks,
@@ -144,7 +156,7 @@ void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModul
     }
     Parser parser(target_, modules, socket, parsed_);
     for (const CopiedStack& stack : stacks.looks) parser.add(stack);
-    for (const ThreadSample& sample : stacks.samples) parser.add(sample);
+    for (const size_t index : sparseFirst(stacks.samples.size())) parser.add(stacks.samples[index]);
   } catch (const std::bad_alloc&) {
     _exit(kOutOfMemory);
   }

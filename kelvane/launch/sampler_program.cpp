@@ -1,8 +1,11 @@
 #include "kelvane/launch/sampler_program.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -49,7 +52,9 @@ std::string SamplerProgram::sample(std::span<const kelvane_pending> pending) {
   }
   if (isRefused_) return {};
   if (pending.empty()) {
-    orders_ = UniqueFd();  // it ends
+    orders_ = UniqueFd();
+    // Now, and not when it comes to hear of it: what nobody is told to watch is not watched.
+    if (process_) syscall(SYS_pidfd_send_signal, process_.get(), SIGKILL, nullptr, 0);
     return {};
   }
   if (!process_) start();

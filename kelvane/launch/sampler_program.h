@@ -11,7 +11,7 @@
 namespace kelvane {
 
 /// The sampler as the library sees it: a run of kelvane-capture that is there while there is something to
-/// sample, and to which this process gives orders without ever waiting for it.
+/// sample, and to which this process gives orders without waiting for what it does.
 ///
 /// One that ends too early is started anew with the next orders; none is any more once the kernel has
 /// refused.

@@ -33,10 +33,13 @@ SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& pro
   if (!request.hang || process.threads.empty()) return;
   const ThreadCapture& hung = process.threads.front();
   look_ = tree.add(hung.stack ? hung.stack->frames : std::vector<uint32_t>(), hung.facts.kernelStack);
+  for (const SampledStack& sample : process.samples) samples_.push_back(&sample);
+  std::stable_sort(samples_.begin(), samples_.end(),
+                   [](const auto* a, const auto* b) { return a->times.atNs < b->times.atNs; });
   std::vector<SampleTimes> times;
-  for (const SampledStack& sample : process.samples) {
-    times.push_back(sample.times);
-    stacks_.push_back(tree.add(sample.frames, {}));
+  for (const SampledStack* sample : samples_) {
+    times.push_back(sample->times);
+    stacks_.push_back(tree.add(sample->frames, {}));
   }
   time_ = divideTime(times, process.clockMarks, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
 }
@@ -134,7 +137,7 @@ void SampledTrack::writeEvents(JsonWriter& json) const {
   }
   for (size_t i = 0; i < stacks_.size() && !isEmpty(); i++) {
     if (stacks_[i] == 0) continue;
-    beginEvent(json, "P", "stack", "sample", process_.samples[i].times.atNs);
+    beginEvent(json, "P", "stack", "sample", samples_[i]->times.atNs);
     json.member("sf", std::string_view(std::to_string(stacks_[i])));
     json.endObject();
   }

@@ -41,8 +41,9 @@ class SampledTrack {
 
   const ProcessCapture& process_;
   const StackTree& tree_;
-  std::vector<uint32_t> stacks_;  // of the samples
-  uint32_t look_ = 0;             // the stack that the look at the process has found
+  std::vector<const SampledStack*> samples_;  // in order of time
+  std::vector<uint32_t> stacks_;              // of the samples
+  uint32_t look_ = 0;                         // the stack that the look at the process has found
   SampledTime time_;
 };
 

@@ -17,9 +17,8 @@ namespace kelvane {
 //   id          8   of the event: the thread's CPU clock has run on, or it left the CPU
 //   time        8   CLOCK_MONOTONIC
 //   counters   24   2, then the thread's CPU time in ns, then how often it has left the CPU
-//   registers   8   2 for a 64-bit program, then one word for each bit of kUserRegisters; 0: none, and no
-//   words stack       8   the size, as many bytes, then how many of these are the thread's (8; absent if size
-//   is 0)
+//   registers   8   2 for a 64-bit program, then a word for each bit of userRegistersMask(); or 0
+//   stack       8   the size, as many bytes, then how many of these are the thread's (8; not if size is 0)
 
 /// PERF_SAMPLE_REGS_USER's mask of this machine; 0: not known here.
 uint64_t userRegistersMask();

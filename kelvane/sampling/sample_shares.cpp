@@ -31,12 +31,19 @@ std::optional<size_t> whereItRan(const Point& a, const Point& b) {
   return a.isOnCpu() || !b.sample ? a.sample : b.sample;
 }
 
+/// Whether the thread waited where this sample left the CPU `notSeenNs` longer than the sample tells: who was
+/// preempted was not about to wait.
+bool standsForMore(const Point& leaving, uint64_t notSeenNs) {
+  const uint64_t mostNs = static_cast<uint64_t>(std::chrono::nanoseconds(kShortWait).count());
+  return notSeenNs <= (leaving.times.inCall ? mostNs : leaving.times.waitNs);
+}
+
 std::optional<size_t> whereItWaited(const Point& a, const Point& b, uint64_t offCpuNs) {
   const uint64_t atTheEnd = b.isLeaving() ? 1 : 0;
   const bool isOneWait = leavesBetween(a, b) <= atTheEnd;
-  const auto notSeen = std::chrono::nanoseconds(offCpuNs - std::min(offCpuNs, a.times.waitNs));
-  if (a.isLeaving()) return isOneWait || notSeen <= kShortWait ? a.sample : std::nullopt;
-  return b.isLeaving() && !isOneWait && notSeen <= kShortWait ? b.sample : std::nullopt;
+  const uint64_t notSeenNs = offCpuNs - std::min(offCpuNs, a.times.waitNs);
+  if (a.isLeaving()) return isOneWait || standsForMore(a, notSeenNs) ? a.sample : std::nullopt;
+  return b.isLeaving() && !isOneWait && standsForMore(b, notSeenNs) ? b.sample : std::nullopt;
 }
 
 /// All time off the CPU counts as waited.
@@ -72,12 +79,15 @@ uint64_t readyBetween(std::span<const ClockMark> marks, uint64_t fromNs, uint64_
 }
 
 /// Turns of what the thread waited as much into what it was ready as the kernel has counted: first what it
-/// was off the CPU without having called the kernel.
+/// was off the CPU without having called the kernel, then what was not seen.
 void takeReadyTime(std::vector<Stretch>& stretches, std::span<const SampleTimes> samples, uint64_t readyNs) {
-  for (const bool inCall : {false, true}) {
-    const auto isMeant = [&](const Stretch& stretch) {
-      return (!stretch.waitedIn || samples[*stretch.waitedIn].inCall) == inCall;
-    };
+  enum class Kind { preempted, notSeen, inCall };
+  const auto kindOf = [&](const Stretch& stretch) {
+    if (!stretch.waitedIn) return Kind::notSeen;
+    return samples[*stretch.waitedIn].inCall ? Kind::inCall : Kind::preempted;
+  };
+  for (const Kind kind : {Kind::preempted, Kind::notSeen, Kind::inCall}) {
+    const auto isMeant = [&](const Stretch& stretch) { return kindOf(stretch) == kind; };
     uint64_t sumNs = 0;
     for (const Stretch& stretch : stretches) sumNs += isMeant(stretch) ? stretch.waitedNs : 0;
     if (sumNs == 0) continue;

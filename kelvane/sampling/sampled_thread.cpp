@@ -76,9 +76,8 @@ int SampledThread::open() {
   // The number may have passed to another process's thread before the events were there: nothing has been
   // counted of that one yet. What it is now it was then, or those are events of a thread that has ended.
   if (faccessat(process_.get(), taskPath(tid_, "stat").c_str(), F_OK, 0) != 0) return ESRCH;
-  const auto stat = parseStat(readFileAt(process_.get(), "stat", kMaxProcFileBytes).text);
-  if (!stat) return ESRCH;
-  startStack_ = stat->startStack;
+  startStack_ = currentStartStack();
+  if (startStack_ == 0) return ESRCH;
   void* memory = mmap(nullptr, mappedBytes(), PROT_READ, MAP_SHARED, clock_.get(), 0);
   if (memory == MAP_FAILED) return errno;
   mapped_ = static_cast<std::byte*>(memory);
@@ -87,6 +86,15 @@ int SampledThread::open() {
     return errno;
   markClocks();
   return marks_.empty() ? EIO : 0;
+}
+
+uint64_t SampledThread::currentStartStack() const {
+  const auto stat = parseStat(readFileAt(process_.get(), "stat", kMaxProcFileBytes).text);
+  return stat ? stat->startStack : 0;
+}
+
+bool SampledThread::isOfSameProgram() const {
+  return currentStartStack() == startStack_;
 }
 
 SampledThread::~SampledThread() {

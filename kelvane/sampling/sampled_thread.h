@@ -31,6 +31,9 @@ class SampledThread {
   /// Keeps what the ring holds, which the kernel would overwrite sooner or later, and reads the clocks.
   void collect();
 
+  /// Whether the process still executes the program that it did when this began.
+  bool isOfSameProgram() const;
+
   pid_t pid() const { return pid_; }
   int64_t threadId() const { return threadId_; }
   /// All that is kept, for readKeptSamples.
@@ -40,6 +43,8 @@ class SampledThread {
   SampledThread(pid_t pid, int64_t threadId) : pid_(pid), threadId_(threadId) {}
   /// 0, or an errno value.
   int open();
+  /// Of the program that the process executes; 0 if it has ended.
+  uint64_t currentStartStack() const;
   void markClocks();
   void sampleEach(uint64_t leaves);
 

@@ -41,6 +41,12 @@ class WaitsEnd {
   }
 };
 
+/// Whether it is this machine's answer, and not that of a moment without memory or descriptors.
+bool isRefusal(int error) {
+  return error == EPERM || error == EACCES || error == ENOSYS || error == ENOENT || error == EOPNOTSUPP ||
+         error == EINVAL;
+}
+
 class Sampler {
  public:
   /// False if there is nothing more to do.
@@ -54,7 +60,8 @@ class Sampler {
     const auto isWanted = [&](const auto& thread) {
       return std::find(wanted.begin(), wanted.end(), nameOf(*thread)) != wanted.end();
     };
-    std::erase_if(threads_, [&](const auto& thread) { return !isWanted(thread); });
+    std::erase_if(threads_,
+                  [&](const auto& thread) { return !isWanted(thread) || !thread->isOfSameProgram(); });
     for (const PendingThread& thread : wanted) {
       if (!find(thread) && !begin(thread, socket)) return false;
     }
@@ -74,15 +81,15 @@ class Sampler {
     return found == threads_.end() ? nullptr : found->get();
   }
 
-  /// False if no thread can be sampled, which the library is told: what this process is refused even of
-  /// itself, no client has to answer for.
+  /// False if no thread can be sampled: what this process is refused even of itself, no client has to answer
+  /// for. The library is told if that will be so the next time, too.
   bool begin(const PendingThread& named, int socket) {
     const WaitsEnd limit;
     int32_t error = 0;
     auto thread = SampledThread::begin(static_cast<pid_t>(named.pid), named.threadId, error);
     if (thread) threads_.push_back(std::move(thread));
     if (!threads_.empty() || SampledThread::begin(getpid(), getpid(), error)) return true;
-    sendPacket(socket, &error, sizeof error, -1);
+    if (isRefusal(error)) sendPacket(socket, &error, sizeof error, -1);
     return false;
   }
 

@@ -95,6 +95,15 @@ TEST(SampleShares, WhoWasPreemptedWasReadyBeforeWhoCalledTheKernel) {
             (std::map<int, Spent>{{0, {100, 100, 0}}, {1, {100, 50, 250}}}));
 }
 
+TEST(SampleShares, WhoWasPreemptedStandsForNoWaitOfAnotherKind) {
+  // 3 ms preempted; then a sleep of 43 ms, whose sample was let go.
+  std::vector<SampleTimes> samples = {leaving(100, 100, 1, false), onCpu(186, 140, 2)};
+  samples[0].waitNs = 3 * kMillisecond;
+  const std::vector<ClockMark> marks = {mark(0, 0, 0), mark(186, 140, 2, 3)};
+  EXPECT_EQ(spentIn(divideTime(samples, marks, 0, 186 * kMillisecond)),
+            (std::map<int, Spent>{{kNotSeen, {0, 3, 43}}, {0, {140, 0, 0}}}));
+}
+
 /// Whoever unwinds foreign stacks may say anything of their times.
 TEST(SampleShares, LiesAboutTimesEndWithTheTimeThereIs) {
   constexpr uint64_t kMax = UINT64_MAX;

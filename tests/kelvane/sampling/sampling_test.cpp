@@ -113,9 +113,8 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
               durationMs, 1);
   EXPECT_NEAR(sums["onCpuMs"].get<double>() / durationMs, cpuShare, 0.1) << table;
   EXPECT_GT(crunches["onCpuMs"], 0.9 * sums["onCpuMs"].get<double>()) << table;
-  // Where it was ready for long, a leave in the middle of a clock's reading may count as a wait.
-  if (sums["readyMs"] > 0.2 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
-  EXPECT_GT(waits["waitedMs"], 0.7 * sums["waitedMs"].get<double>()) << table;
+  EXPECT_LT(crunches["waitedMs"], 0.1 * durationMs) << table;
+  EXPECT_GT(waits["waitedMs"], 0) << table;
 }
 
 TEST(Sampling, OnlyThreadsOfTheProcessItselfAreSampled) {
