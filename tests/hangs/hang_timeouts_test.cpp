@@ -91,6 +91,12 @@ TEST(HangTimeouts, WhatIsPendingForHalfASecondIsSampledUntilItEndsOrIsReported) 
   viewer.slot(3).timeoutExempt = 1;
   scan(world);
   EXPECT_TRUE(sampled.at(2).empty()) << "the library hears that nothing is left";
+
+  viewer.begin(1, "Long", 700ms);
+  scan(world);
+  EXPECT_EQ(sampled.back().size(), 1u);
+  world.prefer("QuorvelEnabled", false);
+  EXPECT_TRUE(sampled.back().empty()) << "nobody is watched any more";
 }
 
 TEST(HangTimeouts, EqualToTheTimeoutIsNoHangAndATickMoreIs) {
