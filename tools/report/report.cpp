@@ -1,9 +1,6 @@
 #include "tools/report/report.h"
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
-#include <cstdlib>
 #include <utility>
 
 #include "tools/report/report_json.h"
@@ -42,19 +39,6 @@ std::string hostOf(const Json& host) {
   return cpus == 0 ? line : line + ", " + std::to_string(cpus) + " CPUs";
 }
 
-/// The user's frames from the innermost outwards, starting at the frame `id`.
-std::vector<ReportFrame> userStack(const Json& frames, std::string id) {
-  std::vector<ReportFrame> stack;
-  for (size_t steps = 0; !id.empty() && steps < kMaxFrames; ++steps) {
-    const Json& frame = member(frames, id.c_str());
-    if (textMember(frame, "category") != "kernel" && frame.is_object()) {
-      stack.push_back(reportFrame(frame));
-    }
-    id = textMember(frame, "parent");
-  }
-  return stack;
-}
-
 ReportThread threadOf(const Json& json) {
   ReportThread thread;
   thread.tid = integerMember(json, "tid");
@@ -84,7 +68,7 @@ std::vector<ReportThread> threadsOf(const Json& report, const Trace& trace) {
     ReportThread thread = threadOf(entry);
     const auto frame = trace.innermostFrames.find(thread.tid);
     if (frame != trace.innermostFrames.end())
-      thread.userStack = userStack(member(report, "stackFrames"), frame->second);
+      thread.userStack = userStack(member(report, "stackFrames"), frame->second, kMaxFrames);
     threads.push_back(std::move(thread));
   }
   const auto hung =
@@ -120,18 +104,6 @@ std::optional<ReportMetadata> metadataOf(const Json& json, std::string& error) {
 }
 
 }  // namespace
-
-ReportFrame reportFrame(const Json& frame) {
-  return {textMember(frame, "name"), textMember(frame, "module"), textMember(frame, "build_id"),
-          std::strtoull(textMember(frame, "offset").c_str(), nullptr, 16)};
-}
-
-std::string ReportFrame::place() const {
-  if (module.empty()) return {};
-  char digits[24];
-  std::snprintf(digits, sizeof digits, "+0x%" PRIx64, offset);
-  return module.substr(module.rfind('/') + 1) + digits;
-}
 
 double ReportHeader::durationMs() const {
   return (static_cast<double>(endTicks) - static_cast<double>(startTicks)) / kTicksPerMs;

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/report/json_access.h"
+#include "tools/report/report_frame.h"
 #include "tools/report/report_sampled.h"
 #include "tools/report/report_trace.h"
 #include "tools/report/report_verdict.h"
@@ -36,16 +36,6 @@ struct ReportHeader {
   std::string processName() const;
   /// "hang", "fence hang", "slow launch", or "trace" when there was no hang.
   std::string kind() const;
-};
-
-struct ReportFrame {
-  std::string name;    ///< a function, or module+offset, or an address
-  std::string module;  ///< path; empty when no file was mapped there
-  std::string buildId;
-  uint64_t offset = 0;  ///< in the module's own numbering
-
-  /// "libc.so.6+0x8612b"; empty when no file was mapped there.
-  std::string place() const;
 };
 
 struct ReportThread {
@@ -80,9 +70,6 @@ struct Report : ReportMetadata {
   Trace trace;
   ReportSampled sampled;
 };
-
-/// One entry of a report's stack frames.
-ReportFrame reportFrame(const Json& frame);
 
 /// Reads a report's metadata alone: `text` may end anywhere behind it. Nothing, and why, when `text` is no
 /// report.

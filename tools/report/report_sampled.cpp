@@ -19,12 +19,12 @@ ReportSampled::Spent sampledTimeOf(const Json& json) {
   return {ms("onCpuMs"), ms("readyMs"), ms("waitedMs")};
 }
 
-std::string functionsText(const std::vector<std::string>& functions) {
-  if (functions.empty()) return "(unknown)";
-  std::string text = functions.front();
-  for (size_t i = 1; i < std::min(functions.size(), kFunctionsTold); i++)
-    text += (i == 1 ? "  from " : ", ") + functions[i];
-  return printable(functions.size() > kFunctionsTold ? text + ", ..." : text);
+std::string functionsText(const std::vector<ReportFrame>& stack) {
+  if (stack.empty()) return "(unknown)";
+  std::string text = stack.front().name;
+  for (size_t i = 1; i < std::min(stack.size(), kFunctionsTold); i++)
+    text += (i == 1 ? "  from " : ", ") + stack[i].name;
+  return printable(stack.size() > kFunctionsTold ? text + ", ..." : text);
 }
 
 }  // namespace
@@ -41,12 +41,7 @@ ReportSampled sampledOf(const Json& report) {
     ReportSampled::Place& place = sampled.places.emplace_back();
     place.spent = sampledTimeOf(entry);
     // One more than is told shows that there are more.
-    for (std::string id = textMember(entry, "sf"); !id.empty() && place.functions.size() <= kFunctionsTold;) {
-      const Json& frame = member(frames, id.c_str());
-      if (frame.is_object() && textMember(frame, "category") != "kernel")
-        place.functions.push_back(textMember(frame, "name"));
-      id = textMember(frame, "parent");
-    }
+    place.stack = userStack(frames, textMember(entry, "sf"), kFunctionsTold + 1);
   }
   return sampled;
 }
@@ -62,7 +57,7 @@ std::string sampledText(const ReportSampled& sampled) {
                     part(spent.readyMs), part(spent.waitedMs), where});
   };
   for (size_t i = 0; i < std::min(sampled.places.size(), kMaxPlacesTold); i++)
-    add(sampled.places[i].spent, functionsText(sampled.places[i].functions));
+    add(sampled.places[i].spent, functionsText(sampled.places[i].stack));
   add(sampled.notSeen, "(not seen)");
   const std::string by = sampled.samples == 0   ? "without ever running"
                          : sampled.samples == 1 ? "by 1 sample"

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/report/json_access.h"
+#include "tools/report/report_frame.h"
 
 namespace quorvelctl {
 
@@ -19,7 +20,7 @@ struct ReportSampled {
     double sum() const { return onCpuMs + readyMs + waitedMs; }
   };
   struct Place {
-    std::vector<std::string> functions;  ///< innermost first; the outermost may be missing
+    std::vector<ReportFrame> stack;  ///< innermost first; the outermost may be missing
     Spent spent;
   };
 

@@ -181,16 +181,18 @@ std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, s
 
 void nameFunctions(Report& report, Symbols& symbols) {
   Names names;
-  std::map<std::tuple<std::string, std::string, uint64_t>, std::string> known;  // threads share frames
-  for (ReportThread& thread : report.threads) {
-    for (ReportFrame& frame : thread.userStack) {
+  std::map<std::tuple<std::string, std::string, uint64_t>, std::string> known;  // stacks share frames
+  const auto nameAll = [&](std::vector<ReportFrame>& stack) {
+    for (ReportFrame& frame : stack) {
       const auto [entry, isNew] = known.try_emplace({frame.module, frame.buildId, frame.offset});
       if (isNew) entry->second = nameOf(frame, symbols);
       if (entry->second.empty()) continue;
       names.add(frame.name, entry->second);
       frame.name = entry->second;
     }
-  }
+  };
+  for (ReportThread& thread : report.threads) nameAll(thread.userStack);
+  for (ReportSampled::Place& place : report.sampled.places) nameAll(place.stack);
   if (!report.verdict) return;
   report.verdict->sentence = renamedIn(report.verdict->sentence, names);
   report.verdict->function = renamed(report.verdict->function, names);

@@ -21,7 +21,7 @@ struct NamedReport {
 /// verdict's sentence and functions. Nothing, and why, when `text` is no report.
 std::optional<NamedReport> nameReport(std::string_view text, Symbols& symbols, std::string& error);
 
-/// The same to a report that is shown: to its threads' stacks, and its verdict.
+/// The same to a report that is shown: to its threads' stacks, the places of its samples, and its verdict.
 void nameFunctions(Report& report, Symbols& symbols);
 
 }  // namespace quorvelctl

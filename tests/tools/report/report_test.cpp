@@ -50,8 +50,9 @@ TEST(ReportFile, IsToldInWords) {
 TEST(ReportFile, TellsWhereTheTimeWent) {
   std::string text(kReport);
   text.insert(text.find("\"leftOut\""), R"("sampled":{"ts":1,"durationMs":4000,"samples":60,
-"places":[{"sf":"1","onCpuMs":2000,"readyMs":280,"waitedMs":0.4},{"sf":"4","onCpuMs":-1,"waitedMs":1640},{"sf":7},
+"places":[{"sf":"1","onCpuMs":2000,"readyMs":280,"waitedMs":0.4},{"sf":"4","onCpuMs":-1,"waitedMs":1640},{"sf":7},{"sf":"k","waitedMs":40},
 {"sf":"1","onCpuMs":19}],"notSeen":{"waitedMs":60}},)");
+  text.insert(text.find("\"stackFrames\":{") + 15, R"("k":{"category":"kernel","parent":"k"},)");
   text.insert(text.find("{\"ph\":\"X\""), R"({"ph":"P","cat":"sample","tid":41,"sf":"1"},)");
   std::string error;
   const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
@@ -61,6 +62,7 @@ TEST(ReportFile, TellsWhereTheTimeWent) {
                                           "SHARE  FOR     ON CPU  READY   WAITED  IN\n"
                                           "57 %   2.28 s  2.00 s  280 ms  -       main\n"
                                           "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20  from main\n"
+                                          "1 %    40 ms   -       -       40 ms   (unknown)\n"
                                           "2 %    60 ms   -       -       60 ms   (not seen)\n\n"),
       std::string::npos)
       << quorvelctl::reportText(report);

@@ -125,6 +125,7 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
   raw.verdict->sentence = "It was in m+0x1 (m).";
   raw.threads.resize(2);
   for (auto& thread : raw.threads) thread.userStack = {{"m+0x1", copy, own, offsetOfFunction()}};
+  raw.sampled.places = {{raw.threads[0].userStack, {}}};
   for (const auto& [mode, owner, named] : {std::tuple{0755, geteuid(), (mount.f_flag & ST_NOSUID) == 0},
                                            {0757, geteuid(), false},
                                            {0775, geteuid(), false},
@@ -138,6 +139,7 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
       quorvelctl::Report shown = raw;
       quorvelctl::nameFunctions(shown, symbols);
       EXPECT_EQ(shown.threads[1].userStack[0].name, name) << mode << " " << owner;
+      EXPECT_EQ(shown.sampled.places[0].stack[0].name, name);
       EXPECT_EQ(shown.verdict->function, name);
       EXPECT_EQ(shown.verdict->chain[0].function, name);
       EXPECT_EQ(shown.verdict->sentence, "It was in " + name + " (m).");
