@@ -53,14 +53,16 @@ void showReport(Context& context, const ShowArguments& arguments) {
   std::string error;
   std::optional<Report> report = parseReport(*text, error);
   if (!report) return context.fail(path + " is no report: " + error);
+  if (context.json && arguments.html.empty()) {
+    std::fwrite(text->data(), 1, text->size(), stdout);
+    return;
+  }
   if (!arguments.noSymbols) {
     Symbols symbols({}, arguments.allSymbols ? SymbolFiles::all : SymbolFiles::trusted);
     nameFunctions(*report, symbols);
   }
   if (!arguments.html.empty()) {
     writeOutput(context, arguments.html, reportPage(*report));
-  } else if (context.json) {
-    std::fwrite(text->data(), 1, text->size(), stdout);
   } else {
     std::fputs(reportText(*report).c_str(), stdout);
   }
