@@ -109,7 +109,10 @@ class Rewriter final : public nlohmann::json_sax<Json> {
     path_.pop_back();
     return true;
   }
-  static std::string quoted(const std::string& value) { return Json(value).dump(); }
+  /// A symbol table may hold any bytes.
+  static std::string quoted(const std::string& value) {
+    return Json(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+  }
 
   /// Whether the value that comes is below the member `top`, in the `depth`th object or array.
   bool isIn(const char* top, size_t depth) const { return path_.size() == depth && path_.front() == top; }

@@ -15,14 +15,17 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "tools/base/descriptor.h"
 
 namespace quorvelctl {
 namespace {
 
-/// What a file may take beside its mapping. Symbols of the largest programs unpack to some ten megabytes.
-constexpr uint64_t kMaxUnpackedBytes = uint64_t{256} << 20;
+// A mangled name may repeat its parts by a few letters, and come to a hundred megabytes.
+constexpr size_t kMaxMangledBytes = 1024;
+constexpr size_t kMaxNameBytes = 4096;
+constexpr uint64_t kMaxDemanglerBytes = uint64_t{4} << 20;
 
 /// The file's own symbols have to do: separate ones would be asked for over the network where that is
 /// configured.
@@ -78,7 +81,8 @@ int openElf(const std::string& path, SymbolFiles which, uint64_t& sizeBytes) {
   if (place.get() < 0 || ::fstat(place.get(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
   if (which == SymbolFiles::trusted && !isTrusted(place.get(), status)) return -1;
   const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
-  const int file = ::open(opened.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not waiting for whoever has a lease of it.
+  const int file = ::open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   std::array<char, SELFMAG> magic{};
   if (file >= 0 && ::pread(file, magic.data(), magic.size(), 0) == SELFMAG &&
       std::memcmp(magic.data(), ELFMAG, SELFMAG) == 0) {
@@ -89,37 +93,57 @@ int openElf(const std::string& path, SymbolFiles which, uint64_t& sizeBytes) {
   return -1;
 }
 
+/// 0 when that isn't told.
+uint64_t mappedBytes() {
+  uint64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  return pages * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
 /// For as long as it lives this process may map so much more than it has, and no more: what a file unpacks to
 /// is known only once it is unpacked, and the library does that without asking. Running out is an error
-/// there.
+/// there; nothing of the C++ library that throws belongs below one.
 class MemoryBound {
  public:
-  explicit MemoryBound(uint64_t moreBytes) {
+  /// A file's own mapping is free; what stays mapped beyond it is taken off `leftBytes`, of which at most
+  /// `mostBytes` may be used.
+  MemoryBound(uint64_t& leftBytes, uint64_t mostBytes, uint64_t fileBytes)
+      : leftBytes_(leftBytes), fileBytes_(fileBytes), beforeBytes_(mappedBytes()) {
     ::getrlimit(RLIMIT_AS, &before_);
-    uint64_t pages = 0;
-    if (!(std::ifstream("/proc/self/statm") >> pages)) return;
-    const rlim_t most = pages * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)) + moreBytes;
+    if (beforeBytes_ == 0) return;
+    const rlim_t most = beforeBytes_ + fileBytes + std::min(leftBytes, mostBytes);
     const rlimit bound{std::min(most, before_.rlim_cur), before_.rlim_max};
     ::setrlimit(RLIMIT_AS, &bound);
   }
   MemoryBound(const MemoryBound&) = delete;
   MemoryBound& operator=(const MemoryBound&) = delete;
-  ~MemoryBound() { ::setrlimit(RLIMIT_AS, &before_); }
+  ~MemoryBound() {
+    ::setrlimit(RLIMIT_AS, &before_);
+    const uint64_t free = beforeBytes_ + fileBytes_;
+    const uint64_t now = mappedBytes();
+    leftBytes_ -= std::min(leftBytes_, now > free ? now - free : 0);
+  }
 
  private:
+  uint64_t& leftBytes_;
+  const uint64_t fileBytes_;
+  const uint64_t beforeBytes_;
   rlimit before_{};
 };
 
 /// Without the version that a symbol of a library may have: "read@@GLIBC_2.2.5".
-std::string readable(const std::string& symbol) {
-  std::string name = symbol.substr(0, symbol.find('@', 1));
+std::string readable(std::string_view symbol, uint64_t& leftBytes) {
+  symbol = symbol.substr(0, kMaxNameBytes);
+  std::string name(symbol.substr(0, symbol.find('@', 1)));
   // Of another name the C++ library would take it that it is a type's: f would be "float".
-  if (!name.starts_with("_Z")) return name;
-  const MemoryBound ofAName(kMaxUnpackedBytes);
-  int status = 0;
-  const std::unique_ptr<char, void (*)(void*)> plain(
-      abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), std::free);
-  return status == 0 ? plain.get() : name;
+  if (!name.starts_with("_Z") || name.size() > kMaxMangledBytes) return name;
+  std::unique_ptr<char, void (*)(void*)> plain(nullptr, std::free);
+  {
+    const MemoryBound ofAName(leftBytes, kMaxDemanglerBytes, 0);
+    int status = 0;
+    plain.reset(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status));
+  }
+  return plain ? std::string(std::string_view(plain.get()).substr(0, kMaxNameBytes)) : name;
 }
 
 }  // namespace
@@ -138,15 +162,16 @@ Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) 
   Dwfl_Module* module = nullptr;
   GElf_Addr bias = 0;
   {
-    const MemoryBound mapsTheFile(sizeBytes + kMaxUnpackedBytes);
+    const MemoryBound mapsTheFile(leftBytes_, leftBytes_, sizeBytes);
     dwfl_report_begin_add(dwfl_);
     module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);
     dwfl_report_end(dwfl_, nullptr, nullptr);
     if (!module) ::close(file);  // else it is the library's
-    if (!module || !dwfl_module_getelf(module, &bias) || buildIdOf(module) != buildId) return nullptr;
+    if (!module || !dwfl_module_getelf(module, &bias)) return nullptr;
   }
+  if (buildIdOf(module) != buildId) return nullptr;
   // A stripped file may have its symbols in a compressed section. Tried once, they are there or are not.
-  const MemoryBound readsTheSymbols(kMaxUnpackedBytes);
+  const MemoryBound readsTheSymbols(leftBytes_, leftBytes_, 0);
   dwfl_module_getsymtab(module);
   return module;
 }
@@ -164,7 +189,8 @@ std::string Symbols::nameOf(const ReportFrame& frame) {
   for (Dwfl_Module* module : filesOf(frame)) {
     GElf_Addr bias = 0;
     if (!dwfl_module_getelf(module, &bias)) continue;
-    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias)) return readable(symbol);
+    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias))
+      return readable(symbol, leftBytes_);
   }
   return {};
 }

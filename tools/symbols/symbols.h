@@ -2,6 +2,7 @@
 
 #include <elfutils/libdwfl.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
@@ -45,6 +46,9 @@ class Symbols {
   std::vector<std::string> debugDirs_;
   const SymbolFiles which_;
   Dwfl* dwfl_;
+  /// What all files and names together may take yet, beside the files' mappings. Symbols of the largest
+  /// programs unpack to some ten megabytes.
+  uint64_t leftBytes_ = uint64_t{256} << 20;
   /// By the module's path and build id: the files of use, the one with the most symbols first as a rule.
   std::map<std::pair<std::string, std::string>, std::vector<Dwfl_Module*>> files_;
 };

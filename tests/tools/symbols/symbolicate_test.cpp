@@ -148,19 +148,18 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
   std::filesystem::remove_all(scratch);
 }
 
-/// What the first instruction of a file's text is called, and the most memory in kB that it took to find out.
-std::pair<std::string, long> namedWithin(const std::string& module, const std::string& offset) {
+/// What the first instruction of the last file's text is called, and the most memory in kB that it took to
+/// look at all of them.
+std::pair<std::string, long> namedWithin(const std::vector<std::string>& modules, const std::string& offset) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return {};
   const pid_t child = fork();
   if (child == 0) {
-    quorvelctl::ReportFrame frame;
-    frame.module = module;
-    frame.buildId = buildIdOf(module);
-    frame.offset = std::stoull(offset, nullptr, 16);
     Symbols symbols({}, SymbolFiles::all);
-    const std::string name = symbols.nameOf(frame);
-    _exit(write(ends[1], name.data(), name.size()) < 0 || !symbols.hasFileOf(frame));
+    std::string name;
+    for (const std::string& module : modules)
+      name = symbols.nameOf({"", module, buildIdOf(module), std::stoull(offset, nullptr, 16)});
+    _exit(write(ends[1], name.data(), name.size()) < 0);
   }
   close(ends[1]);
   std::array<char, 256> name{};
@@ -177,11 +176,22 @@ TEST(Symbolicate, SymbolsThatAreCompressedAreFoundAndUnpackedWithinBounds) {
   if (QV_SANITIZED) GTEST_SKIP() << "a sanitizer ends a program that gets no more memory";
   std::string scratch = "/tmp/symbolicate.XXXXXX";
   ASSERT_TRUE(mkdtemp(scratch.data()));
+  std::string twofold = "_Z1fSt4pairIiiES_IS0_S0_E";  // each of its types has the one before twice
+  for (int i = 1; i <= 20; ++i) {
+    const std::string before(1, static_cast<char>(i < 10 ? '0' + i : 'A' + i - 10));
+    twofold += "S_IS" + before + "_S" + before + "_E";
+  }
   // In a mangled name f stands for float.
   const std::string make = "cd " + scratch + R"( && {
     printf '.globl f\n.type f,@function\n.hidden f\nf: nop\n.size f,1\n' >f.s
     cc -nostdlib -shared -Wl,--build-id f.s -o f.so && strip -o bare.so f.so && xz f.so
     objcopy --add-section .gnu_debugdata=f.so.xz bare.so packed.so
+    (cat f.s; printf '.data\n.zero 120000000\n') >big.s
+    cc -nostdlib -shared big.s -o big.so && xz -0 big.so
+    for i in 1 2 3; do objcopy --add-section .gnu_debugdata=big.so.xz bare.so big$i.so; done
+    sed 's/\<f\>/)" + twofold +
+                           R"(/g' f.s >n.s
+    cc -nostdlib -shared -Wl,--build-id n.s -o n.so
     head -c 512M /dev/zero | xz -0 >bomb.xz
     objcopy --add-section .gnu_debugdata=bomb.xz bare.so bomb.so
     xz -dk f.so.xz && nm --format=posix f.so | grep '^f ' >f
@@ -190,8 +200,16 @@ TEST(Symbolicate, SymbolsThatAreCompressedAreFoundAndUnpackedWithinBounds) {
   std::string name, type, offset;
   std::ifstream(scratch + "/f") >> name >> type >> offset;
   if (made) {
-    EXPECT_EQ(namedWithin(scratch + "/packed.so", offset).first, "f");
-    EXPECT_LT(namedWithin(scratch + "/bomb.so", offset).second, 400 << 10);
+    const auto [found, plainKb] = namedWithin({scratch + "/packed.so"}, offset);
+    EXPECT_EQ(found, "f");
+    EXPECT_LT(namedWithin({scratch + "/bomb.so"}, offset).second, 400 << 10);
+    const long bigKb = namedWithin({scratch + "/big1.so"}, offset).second;
+    EXPECT_GT(bigKb, plainKb + (100 << 10));
+    EXPECT_LT(namedWithin({scratch + "/big1.so", scratch + "/big2.so", scratch + "/big3.so"}, offset).second,
+              plainKb + (270 << 10));
+    const auto [mangled, mangledKb] = namedWithin({scratch + "/n.so"}, offset);
+    EXPECT_EQ(mangled, twofold.substr(0, 256));
+    EXPECT_LT(mangledKb, plainKb + (32 << 10));
   }
   std::filesystem::remove_all(scratch);
   if (!made) GTEST_SKIP() << "it takes a compiler, binutils and xz";
