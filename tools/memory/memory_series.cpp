@@ -1,8 +1,11 @@
 #include "tools/memory/memory_series.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <map>
+#include <tuple>
+#include <unordered_map>
 #include <utility>
 
 #include "tools/memory/memory_growth.h"
@@ -12,41 +15,59 @@ namespace {
 
 using Line = MemorySeries::Line;
 
-/// Lines by name, of so many reports.
-class Lines {
- public:
-  explicit Lines(size_t reports) : reports_(reports) {}
+using Entry = std::function<void(const std::string& name, uint64_t bytes)>;
+/// Tells each entry of a report.
+using Entries = std::function<void(const MemoryReport& report, const Entry& entry)>;
 
-  void add(size_t report, const std::string& name, uint64_t bytes) {
-    Line& line = byName_[name];
-    if (line.bytes.empty()) line = {name, std::vector<double>(reports_, 0)};
-    line.bytes[report] += static_cast<double>(bytes);
-  }
-
-  /// The line of `name`, which is then no more among these.
-  Line take(const std::string& name) {
-    auto found = byName_.extract(name);
-    return found ? std::move(found.mapped()) : Line{name, std::vector<double>(reports_, 0)};
-  }
-
-  std::vector<Line> largestFirst() const {
-    std::vector<Line> lines;
-    lines.reserve(byName_.size());
-    for (const auto& [name, line] : byName_) lines.push_back(line);
-    std::sort(lines.begin(), lines.end(), [](const Line& a, const Line& b) {
-      return std::pair(b.largest(), a.name) < std::pair(a.largest(), b.name);
+/// The names that held the most in any one report, entries of a name together: at most `maxLines`.
+std::vector<Line> largestOf(const std::vector<const MemoryReport*>& reports, size_t maxLines,
+                            const Entries& entriesOf) {
+  // Of every name only a number is kept: reports may have very many that come and go.
+  struct Sum {
+    size_t report = 0;  // of which `bytes` is
+    double bytes = 0;
+    double largest = 0;
+  };
+  std::unordered_map<std::string, Sum> sums;
+  for (size_t i = 0; i < reports.size(); ++i) {
+    entriesOf(*reports[i], [&](const std::string& name, uint64_t bytes) {
+      Sum& sum = sums[name];
+      if (sum.report != i) sum = {i, 0, sum.largest};
+      sum.bytes += static_cast<double>(bytes);
+      sum.largest = std::max(sum.largest, sum.bytes);
     });
-    return lines;
   }
-
- private:
-  size_t reports_;
-  std::map<std::string, Line> byName_;
-};
-
-std::vector<Line> atMost(std::vector<Line> lines, size_t maxLines) {
-  if (lines.size() > maxLines) lines.resize(maxLines);
+  std::vector<std::pair<double, const std::string*>> order;
+  order.reserve(sums.size());
+  for (const auto& [name, sum] : sums) order.emplace_back(sum.largest, &name);
+  const size_t count = std::min(maxLines, order.size());
+  std::partial_sort(order.begin(), order.begin() + static_cast<ptrdiff_t>(count), order.end(),
+                    [](const auto& a, const auto& b) {
+                      return std::tie(b.first, *a.second) < std::tie(a.first, *b.second);
+                    });
+  std::vector<Line> lines;
+  std::unordered_map<std::string, size_t> places;
+  for (size_t i = 0; i < count; ++i) {
+    places.emplace(*order[i].second, i);
+    lines.push_back({*order[i].second, std::vector<double>(reports.size(), 0)});
+  }
+  for (size_t i = 0; i < reports.size(); ++i) {
+    entriesOf(*reports[i], [&](const std::string& name, uint64_t bytes) {
+      const auto place = places.find(name);
+      if (place != places.end()) lines[place->second].bytes[i] += static_cast<double>(bytes);
+    });
+  }
   return lines;
+}
+
+/// The line of `name`, which is then no more among these.
+Line taken(std::vector<Line>& lines, const std::string& name, size_t reports) {
+  const auto found =
+      std::find_if(lines.begin(), lines.end(), [&](const Line& line) { return line.name == name; });
+  if (found == lines.end()) return {name, std::vector<double>(reports, 0)};
+  Line line = std::move(*found);
+  lines.erase(found);
+  return line;
 }
 
 void addTo(Line& sum, const Line& line) {
@@ -55,13 +76,12 @@ void addTo(Line& sum, const Line& line) {
 
 /// The parts in the order in which they lie on each other: what is free on top, so that the edge below it is
 /// what is used.
-std::vector<Line> stacked(Lines parts, size_t maxLines) {
-  Line free = parts.take("free");
-  addTo(free, parts.take(kCpuLists));
-  Line unaccounted = parts.take(kUnaccounted);
-  std::vector<Line> lines = parts.largestFirst();
+std::vector<Line> stacked(std::vector<Line> lines, size_t maxLines, size_t reports) {
+  Line free = taken(lines, "free", reports);
+  addTo(free, taken(lines, kCpuLists, reports));
+  Line unaccounted = taken(lines, kUnaccounted, reports);
   if (lines.size() > maxLines) {
-    Line rest = {"all else that is known", std::vector<double>(free.bytes.size(), 0)};
+    Line rest = {"all else that is known", std::vector<double>(reports, 0)};
     for (size_t i = maxLines; i < lines.size(); ++i) addTo(rest, lines[i]);
     lines.resize(maxLines);
     lines.push_back(std::move(rest));
@@ -72,10 +92,6 @@ std::vector<Line> stacked(Lines parts, size_t maxLines) {
 }
 
 }  // namespace
-
-double Line::largest() const {
-  return bytes.empty() ? 0 : *std::max_element(bytes.begin(), bytes.end());
-}
 
 std::vector<size_t> startsOf(const std::vector<std::optional<uint64_t>>& faults) {
   std::vector<size_t> starts;
@@ -97,35 +113,34 @@ std::vector<size_t> startsOf(const std::vector<MemoryReport>& reports) {
 }
 
 MemorySeries seriesOf(const std::vector<MemoryReport>& reports, size_t maxLines) {
-  const auto hasNoAccount = [](const MemoryReport& report) { return !accountOf(report); };
-  const auto count =
-      reports.size() - static_cast<size_t>(std::count_if(reports.begin(), reports.end(), hasNoAccount));
   MemorySeries series;
-  Lines account(count);
-  Lines processes(count);
-  Lines zones(count);
+  std::vector<const MemoryReport*> drawn;
   const std::vector<size_t> starts = startsOf(reports);
   for (size_t i = 0; i < reports.size(); ++i) {
     const MemoryReport& report = reports[i];
-    const auto parts = accountOf(report);
-    if (!parts) continue;
-    const size_t at = series.hours.size();
+    const auto account = accountOf(report);
+    if (!account) continue;
+    drawn.push_back(&report);
     series.hours.push_back(hoursOf(report.timestamp).value_or(0));
     series.starts.push_back(starts[i]);
-    for (const NamedBytes& part : parts->parts) {
-      if (part.bytes != 0) account.add(at, part.name, part.bytes);
-    }
-    account.add(at, kUnaccounted, static_cast<uint64_t>(std::max<int64_t>(parts->unaccountedBytes, 0)));
-    series.totalBytes = std::max({series.totalBytes, static_cast<double>(parts->totalBytes),
-                                  static_cast<double>(sumOf(parts->parts))});
-    for (const MemoryProcess& process : report.processes) {
-      processes.add(at, process.name, process.footprintBytes);
-    }
-    for (const NamedBytes& zone : report.zones) zones.add(at, zone.name, zone.bytes);
+    series.totalBytes = std::max({series.totalBytes, static_cast<double>(account->totalBytes),
+                                  static_cast<double>(sumOf(account->parts))});
   }
-  series.account = stacked(std::move(account), maxLines);
-  series.processes = atMost(processes.largestFirst(), maxLines);
-  series.zones = atMost(zones.largestFirst(), maxLines);
+  // The names of an account's parts are few.
+  std::vector<Line> parts = largestOf(drawn, SIZE_MAX, [](const MemoryReport& report, const Entry& entry) {
+    const MemoryAccount account = accountOf(report).value_or(MemoryAccount{});
+    for (const NamedBytes& part : account.parts) {
+      if (part.bytes != 0) entry(part.name, part.bytes);
+    }
+    entry(kUnaccounted, static_cast<uint64_t>(std::max<int64_t>(account.unaccountedBytes, 0)));
+  });
+  series.account = stacked(std::move(parts), maxLines, drawn.size());
+  series.processes = largestOf(drawn, maxLines, [](const MemoryReport& report, const Entry& entry) {
+    for (const MemoryProcess& process : report.processes) entry(process.name, process.footprintBytes);
+  });
+  series.zones = largestOf(drawn, maxLines, [](const MemoryReport& report, const Entry& entry) {
+    for (const NamedBytes& zone : report.zones) entry(zone.name, zone.bytes);
+  });
   return series;
 }
 

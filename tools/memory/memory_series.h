@@ -21,8 +21,6 @@ struct MemorySeries {
   struct Line {
     std::string name;  ///< may hold anything
     std::vector<double> bytes;
-
-    double largest() const;
   };
 
   std::vector<double> hours;  ///< as hoursOf tells
