@@ -51,6 +51,12 @@ Html element(std::string_view tag, std::string_view className, std::string_view 
   return element(tag, className, escaped(text));
 }
 
+Html scrolledTable(std::string_view label, const Html& columns, const Html& rows) {
+  const Html head = element("thead", "", element("tr", "", columns)) + Html{"\n"};
+  return Html{"<div class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\""} + escaped(label) +
+         Html{"\">"} + element("table", "", head + element("tbody", "", rows)) + Html{"</div>"};
+}
+
 Html scriptData(std::string_view json) {
   Html html;
   for (const char c : json) {

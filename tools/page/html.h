@@ -23,6 +23,10 @@ Html escaped(std::string_view text);
 Html element(std::string_view tag, std::string_view className, const Html& content);
 Html element(std::string_view tag, std::string_view className, std::string_view text);
 
+/// A table that is scrolled for itself where it is too wide, by keyboard too; `label` tells what it holds to
+/// who doesn't see it. `columns` are the cells of its head.
+Html scrolledTable(std::string_view label, const Html& columns, const Html& rows);
+
 /// JSON for within a script element: nothing in it can end the element.
 Html scriptData(std::string_view json);
 

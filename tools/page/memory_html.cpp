@@ -43,7 +43,8 @@ Html sizesHtml(const std::string& title, const std::vector<NamedBytes>& entries,
                                      fixed(std::min(share, 100.0), 1) + "%\"></i></span>"}));
   }
   if (entries.empty()) return {};
-  Html content = element("h3", "", title) + element("div", "scroll", element("table", "", rows));
+  Html content = element("h3", "", title) +
+                 scrolledTable(title, Html{"<th scope=col>Name<th scope=col>Size<th scope=col>Share"}, rows);
   if (entries.size() > kMaxTableRows) {
     content +=
         element("p", "note",
@@ -119,8 +120,9 @@ Html growthHtml(const MemoryGrowth& growth) {
   } else if (growth.growing.empty()) {
     content += element("p", "note", "Nothing, since the machine's last start.");
   } else {
-    const Html head{"<tr><th>Name</th><th>Kind</th><th>Rate</th><th>Now</th></tr>"};
-    content += element("div", "scroll", element("table", "", head + rows));
+    content +=
+        scrolledTable("What grows steadily",
+                      Html{"<th scope=col>Name<th scope=col>Kind<th scope=col>Rate<th scope=col>Now"}, rows);
   }
   return element("section", "card", content);
 }

@@ -27,12 +27,7 @@ Html number(std::string_view text) {
 /// A list with its heading; nothing of one without rows.
 Html listHtml(const char* heading, const char* columns, const Html& rows) {
   if (rows.markup.empty()) return {};
-  const Html head = element("thead", "", element("tr", "", Html{columns})) + Html{"\n"};
-  const Html body = element("table", "", head + element("tbody", "", rows));
-  return element("section", "",
-                 element("h3", "", heading) +
-                     Html{"<div class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\""} +
-                     escaped(heading) + Html{"\">"} + body + Html{"</div>"});
+  return element("section", "", element("h3", "", heading) + scrolledTable(heading, Html{columns}, rows));
 }
 
 /// A bar behind a number: how much of `whole` it is.

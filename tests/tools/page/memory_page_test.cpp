@@ -50,6 +50,10 @@ TEST(MemoryPage, DrawsTheAccountUpToTheTotalAndNothingAcrossARestart) {
   EXPECT_NE(page.find("624.0 MB</b>"), std::string::npos) << "unaccounted for";
   EXPECT_NE(page.find("Likely behind it: "), std::string::npos);
 
+  EXPECT_EQ(timesIn(page, "class=\"scroll\" tabindex=\"0\" role=\"region\" aria-label=\""),
+            timesIn(page, "<table"));
+  EXPECT_EQ(timesIn(page, "<th"), timesIn(page, "<th scope=") + timesIn(page, "<table"));
+
   const std::string single = memoryPage({reportAt(1, 1000, "viewer")});
   EXPECT_EQ(timesIn(single, "<svg"), 0u);
   EXPECT_NE(single.find("<td>viewer</td><td class=\"number\">200.0 MB</td>"), std::string::npos);
