@@ -181,6 +181,7 @@ std::string reportPage(const Report& report) {
                               {"header", headerHtml(report)},
                               {"chain", chainHtml(report)},
                               {"time", report.verdict ? timeHtml(*report.verdict, report.header) : Html{}},
+                              {"sampled", sampledHtml(report.sampled)},
                               {"timeline", timelineHtml(timeline)},
                               {"stacks", stacksHtml(report)},
                               {"facts", factsHtml(report)},

@@ -110,4 +110,19 @@ Html timeHtml(const ReportVerdict& verdict, const ReportHeader& header) {
                      factsHtml(verdict, header));
 }
 
+Html sampledHtml(const ReportSampled& sampled) {
+  Html rows;
+  for (const std::vector<std::string>& cells : sampledRows(sampled)) {
+    Html content;
+    for (const std::string& text : cells) content += &text == &cells.back() ? cell(text) : number(text);
+    rows += row({content});
+  }
+  if (rows.markup.empty()) return {};
+  const std::string heading = sampledHeading(sampled);
+  const Html columns{
+      "<th scope=col>Share<th scope=col>For<th scope=col>On CPU<th scope=col>Ready<th scope=col>Waited"
+      "<th scope=col>In"};
+  return element("section", "card", element("h2", "", heading) + scrolledTable(heading, columns, rows));
+}
+
 }  // namespace quorvelctl

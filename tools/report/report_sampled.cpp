@@ -46,9 +46,16 @@ ReportSampled sampledOf(const Json& report) {
   return sampled;
 }
 
-std::string sampledText(const ReportSampled& sampled) {
-  if (!(sampled.durationMs > 0)) return {};
-  std::vector<std::vector<std::string>> rows{{"SHARE", "FOR", "ON CPU", "READY", "WAITED", "IN"}};
+std::string sampledHeading(const ReportSampled& sampled) {
+  const std::string by = sampled.samples == 0   ? "without ever running"
+                         : sampled.samples == 1 ? "by 1 sample"
+                                                : "by " + std::to_string(sampled.samples) + " samples";
+  return "Where it was in the last " + durationText(sampled.durationMs) + ", " + by;
+}
+
+std::vector<std::vector<std::string>> sampledRows(const ReportSampled& sampled) {
+  std::vector<std::vector<std::string>> rows;
+  if (!(sampled.durationMs > 0)) return rows;
   const auto add = [&](const ReportSampled::Spent& spent, const std::string& where) {
     const double percent = 100 * spent.sum() / sampled.durationMs;
     if (percent < 0.5) return;
@@ -59,10 +66,14 @@ std::string sampledText(const ReportSampled& sampled) {
   for (size_t i = 0; i < std::min(sampled.places.size(), kMaxPlacesTold); i++)
     add(sampled.places[i].spent, functionsText(sampled.places[i].stack));
   add(sampled.notSeen, "(not seen)");
-  const std::string by = sampled.samples == 0   ? "without ever running"
-                         : sampled.samples == 1 ? "by 1 sample"
-                                                : "by " + std::to_string(sampled.samples) + " samples";
-  return "\nWhere it was in the last " + durationText(sampled.durationMs) + ", " + by + "\n" + table(rows);
+  return rows;
+}
+
+std::string sampledText(const ReportSampled& sampled) {
+  if (!(sampled.durationMs > 0)) return {};
+  std::vector<std::vector<std::string>> rows = sampledRows(sampled);
+  rows.insert(rows.begin(), {"SHARE", "FOR", "ON CPU", "READY", "WAITED", "IN"});
+  return "\n" + sampledHeading(sampled) + "\n" + table(rows);
 }
 
 }  // namespace quorvelctl

@@ -32,6 +32,13 @@ struct ReportSampled {
 
 ReportSampled sampledOf(const Json& report);
 
+/// "Where it was in the last 4.00 s, by 60 samples".
+std::string sampledHeading(const ReportSampled& sampled);
+
+/// The longest first, each: the share, how long, how long on a CPU, ready and waiting, in what. Empty for
+/// what was not sampled. Names may hold anything but control characters.
+std::vector<std::vector<std::string>> sampledRows(const ReportSampled& sampled);
+
 /// The table, with a heading and an empty line before it; empty for what was not sampled.
 std::string sampledText(const ReportSampled& sampled);
 

@@ -33,6 +33,7 @@ std::string pageOf(const std::string& text) {
 constexpr const char* kHostile =
     R"({"metadata":{"Reason":"X","ServiceName":"X","ProcessPath":"/bin/X","PID":41,
 "ThreadID":41,"StartTime":24000000,"EndTime":48000000,"host":{"system":"X"},"capture":{"time":"X","ts":1500000},
+"sampled":{"durationMs":10,"places":[{"sf":"1","waitedMs":10}]},
 "leftOut":[{"what":"X","why":"X"}],"verdict":{"cause":"X","sentence":"X","evidence":{"source":"X"},
 "spent":{"runningMs":1},"waits":[{"state":"X","waitChannel":"X","wokenBy":{"tid":1,"name":"X","process":"X"}}],
 "chain":[{"tid":41,"name":"X","process":"X","text":"X","culprit":"X","waitsFor":{"sureness":"X","evidence":"X"}}],
@@ -118,9 +119,9 @@ TEST(ReportPage, TellsTheCauseFirstAndCanBeReadWithoutEyesOrMouse) {
   const std::string page = pageOf(text);
 
   size_t before = page.find("<body");
-  for (const char* part :
-       {"class=\"sentence\"", "Who waited for whom", "Where the time went", "id=\"timeline\"", "Stacks",
-        "id=\"thread-41\"", "id=\"thread-42\"", "id=\"thread-43\"", ">Report<"}) {
+  for (const char* part : {"class=\"sentence\"", "Who waited for whom", "Where the time went",
+                           "Where it was in the last 10 ms", "id=\"timeline\"", "Stacks", "id=\"thread-41\"",
+                           "id=\"thread-42\"", "id=\"thread-43\"", ">Report<"}) {
     EXPECT_GT(page.find(part), before) << part;
     before = page.find(part);
   }
