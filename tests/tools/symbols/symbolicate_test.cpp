@@ -179,7 +179,7 @@ TEST(Symbolicate, SymbolsThatAreCompressedAreFoundAndUnpackedWithinBounds) {
   std::string twofold = "_Z1fSt4pairIiiES_IS0_S0_E";  // each of its types has the one before twice
   for (int i = 1; i <= 20; ++i) {
     const std::string before(1, static_cast<char>(i < 10 ? '0' + i : 'A' + i - 10));
-    twofold += "S_IS" + before + "_S" + before + "_E";
+    twofold.append("S_IS").append(before).append("_S").append(before).append("_E");
   }
   // In a mangled name f stands for float.
   const std::string make = "cd " + scratch + R"( && {
