@@ -14,6 +14,7 @@
 #include "kelvane/capture/net_tables.h"
 #include "kelvane/capture/unix_socket.h"
 #include "kelvane/capture/waited_descriptors.h"
+#include "kelvane/kernel/kernel_look.h"
 
 namespace kelvane {
 namespace {
@@ -80,7 +81,8 @@ class Ends {
   /// Who watches several sockets waits at one that it has accepted for a request, not for an answer.
   std::optional<OtherEnd> ofSocket(uint64_t inode, bool isAny) {
     uint32_t peer = 0;
-    if (const int error = unixSocketPeer(pid_, dir_, static_cast<uint32_t>(inode), peer)) {
+    if (!unixSockets_) unixSockets_ = unixSocketsOf(pid_);
+    if (const int error = unixSocketPeer(*unixSockets_, dir_, static_cast<uint32_t>(inode), peer)) {
       const bool isKnown = std::any_of(omissions_.begin(), omissions_.end(),
                                        [](const Omission& known) { return known.what == kSocketEnds; });
       if (!isKnown) omissions_.push_back({kSocketEnds, "sock_diag: " + errorText(error)});
@@ -138,7 +140,9 @@ class Ends {
   const pid_t pid_;
   const int dir_;
   std::vector<Omission>& omissions_;
-  std::optional<std::string> unixTable_;  // once read, as the next
+  // Once read, for all that is waited at: the first is a pass over all the files that the process has open.
+  std::optional<FileText> unixSockets_;
+  std::optional<std::string> unixTable_;
   std::optional<std::vector<TcpSocket>> tcpSockets_;
 };
 

@@ -14,7 +14,6 @@
 #include <string_view>
 
 #include "kelvane/base/proc_files.h"
-#include "kelvane/kernel/kernel_look.h"
 #include "kelvane/kernel/unix_socket_ends.h"
 
 namespace kelvane {
@@ -66,10 +65,10 @@ uint32_t peerAmong(std::string_view sockets, uint32_t inode) {
 
 }  // namespace
 
-int unixSocketPeer(pid_t pid, int processDir, uint32_t inode, uint32_t& peer) {
+int unixSocketPeer(const FileText& sockets, int processDir, uint32_t inode, uint32_t& peer) {
   peer = 0;
   if (inode == 0) return 0;
-  if (const FileText sockets = unixSocketsOf(pid); sockets.error == 0) {
+  if (sockets.error == 0) {
     peer = peerAmong(sockets.text, inode);
     return 0;
   }
