@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <system_error>
@@ -28,13 +29,12 @@ class BackgroundThread {
   /// thread.
   [[nodiscard]] bool tryPost(Work work, Done done);
 
-  /// Whether `tryPost` would find room, and whether all that was posted is done.
-  bool hasRoom() const { return waiting() < maxWaiting_; }
+  /// How much was posted and isn't done, and whether that is nothing.
+  size_t waiting() const;
   bool isIdle() const { return waiting() == 0; }
 
  private:
   struct State;
-  size_t waiting() const;
   static void run(const std::shared_ptr<State>& state);
 
   const char* name_;

@@ -131,7 +131,7 @@ std::optional<platform::Space> LinuxFiles::space(const std::string& directory) {
 }
 
 std::unique_ptr<platform::File> LinuxFiles::createProtected(const std::string& path, std::error_code& error) {
-  if (!finishing_.hasRoom()) {
+  if (finishing_.waiting() >= kMaxFinishingFiles) {
     error = std::make_error_code(std::errc::device_or_resource_busy);
     return nullptr;
   }

@@ -1,13 +1,16 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/files.h"
 #include "platform/linux/base/background_thread.h"
 
 namespace quorveld::linux_platform {
 
-/// Files that wait for a slow disk; while there are so many, no further one is created.
+/// Files that wait for a slow disk; while there are so many, no further one is created. Those that were
+/// created before are finished all the same, beside their caller.
 inline constexpr size_t kMaxFinishingFiles = 4;
 
 /// The daemon's files, below the instance's root. Protection classes have no counterpart: an encrypted disk
@@ -32,7 +35,8 @@ class LinuxFiles final : public platform::Files {
                                            std::string& error) override;
 
  private:
-  BackgroundThread finishing_{"quorveld-files", kMaxFinishingFiles, std::chrono::seconds(5)};
+  // Without a limit of its own: what was created has to be finished, and never by whoever calls `finish`.
+  BackgroundThread finishing_{"quorveld-files", SIZE_MAX, std::chrono::seconds(5)};
 };
 
 }  // namespace quorveld::linux_platform
