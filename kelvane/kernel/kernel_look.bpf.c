@@ -84,7 +84,7 @@ static long write_frame(__u32 i, struct stack_pass* pass) {
   return 0;
 }
 
-// The text of proc(5)'s `stack`.
+// The text of proc(5)'s `stack`, or "error -NUMBER".
 SEC("iter/task")
 int kernel_stack(struct bpf_iter__task* context) {
   goes_through_what_was_asked_for();
@@ -92,6 +92,12 @@ int kernel_stack(struct bpf_iter__task* context) {
   if (!task) return 0;  // the end
   struct stack_pass pass = {.seq = context->meta->seq};
   pass.bytes = bpf_get_task_stack(task, frames, sizeof(frames), 0);
+  if (pass.bytes < 0) {
+    static const char failure[] = "error %ld";
+    __u64 number = (__u64)pass.bytes;
+    bpf_seq_printf(pass.seq, failure, sizeof(failure), &number, sizeof(number));
+    return 0;
+  }
   bpf_loop(kMaxFrames, write_frame, &pass, 0);
   return 0;
 }

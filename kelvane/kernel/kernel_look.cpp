@@ -4,8 +4,10 @@
 #include <bpf/libbpf.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "kelvane/base/limits.h"
 
@@ -72,7 +74,12 @@ const KernelLook& kernelLook() {
 FileText kernelStackOf(pid_t tid) {
   bpf_iter_link_info which{};
   which.task.tid = static_cast<uint32_t>(tid);
-  return kernelLook().pass("kernel_stack", which, kMaxProcFileBytes);
+  FileText stack = kernelLook().pass("kernel_stack", which, kMaxProcFileBytes);
+  constexpr std::string_view kFailure = "error -";
+  if (!stack.text.starts_with(kFailure)) return stack;
+  int error = EIO;
+  std::from_chars(stack.text.data() + kFailure.size(), stack.text.data() + stack.text.size(), error);
+  return {{}, error};
 }
 
 FileText unixSocketsOf(pid_t pid) {
