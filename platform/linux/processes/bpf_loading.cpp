@@ -6,12 +6,14 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -38,7 +40,9 @@ constexpr size_t kVerifierLogBytes = 4096;
 constexpr uint32_t kVerifierLogLevel = 4;
 
 /// Many times what loading takes. A copy of a process with threads may find a lock taken for ever.
-constexpr std::chrono::seconds kPatience(5);
+constexpr std::chrono::seconds kPatience(2);
+/// For a killed copy to end. The kernel may keep one from it, in a call that can't be interrupted.
+constexpr std::chrono::milliseconds kEndPatience(1000);
 
 constexpr size_t kMaxMessageBytes = 512;
 /// What the copy says: a descriptor comes with it; why there will be none; a line for the log.
@@ -103,9 +107,14 @@ std::string loadAndHandOver(BpfPass pass) {
   return {};
 }
 
-[[noreturn]] void beCopy(BpfPass pass, int socket) {
-  (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);  // it has the daemon's descriptors
-  parentSocket = socket;
+[[noreturn]] void beCopy(BpfPass pass, int socket, pid_t parent) {
+  (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) ::_exit(1);  // it has ended before that held
+  // A copy that is stuck would keep the instance's lock, its listening socket and its clients' connections.
+  constexpr int kSocket = STDERR_FILENO + 1;
+  if (::dup2(socket, kSocket) < 0) ::_exit(1);
+  (void)::syscall(SYS_close_range, kSocket + 1, UINT_MAX, 0);
+  parentSocket = kSocket;
   libbpf_set_print(sayLine);
   const std::string reason = loadAndHandOver(pass);
   if (!reason.empty()) say(kReason, reason);
@@ -144,6 +153,19 @@ std::vector<UniqueFd> receiveAll(int socket, size_t wanted, std::string& why) {
   return {};
 }
 
+/// Waits for a killed copy to end. One that doesn't is left behind, until this process ends: at most one for
+/// each program.
+void collect(pid_t copy) {
+  const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, copy, 0)));
+  pollfd ended{process.get(), POLLIN, 0};
+  const auto deadline = SteadyClock::now() + kEndPatience;
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
+    if (left <= 0 || ::poll(&ended, 1, static_cast<int>(left)) >= 0 || errno != EINTR) break;
+  }
+  if (::waitpid(copy, nullptr, WNOHANG) == 0) logDebug("Process table: the process that loads BPF is stuck");
+}
+
 }  // namespace
 
 std::string bpfReason(const char* what, int error) {
@@ -161,8 +183,9 @@ std::optional<LoadedBpf> loadBpf(BpfPass pass, std::string& why) {
   UniqueFd theirs(ends[1]);
   // A copy, and no program of its own: it has this process's privileges, whatever they are, and most of its
   // memory is this process's too.
+  const pid_t parent = ::getpid();
   const pid_t copy = ::fork();
-  if (copy == 0) beCopy(pass, theirs.get());
+  if (copy == 0) beCopy(pass, theirs.get(), parent);
   if (copy < 0) {
     why = bpfReason("BPF: fork", errno);
     return std::nullopt;
@@ -170,8 +193,7 @@ std::optional<LoadedBpf> loadBpf(BpfPass pass, std::string& why) {
   theirs.reset();
   std::vector<UniqueFd> descriptors = receiveAll(ours.get(), pass == BpfPass::taskWalk ? 3 : 4, why);
   ::kill(copy, SIGKILL);  // it has said all, or never will
-  while (::waitpid(copy, nullptr, 0) < 0 && errno == EINTR) {
-  }
+  collect(copy);
   if (descriptors.empty()) return std::nullopt;
   LoadedBpf loaded{std::move(descriptors[0]), std::move(descriptors[1]), std::move(descriptors[2]), {}};
   if (descriptors.size() > 3) loaded.link = std::move(descriptors[3]);

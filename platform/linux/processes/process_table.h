@@ -12,7 +12,8 @@ namespace quorveld::linux_platform {
 
 /// Linux's processes, kernel threads included, through the fastest source that kernel and privileges allow.
 ///
-/// From any thread: looks are taken one after another. A look's answers are all of its one pass, whatever
+/// From any thread: looks are taken one after another, so one may wait for a pass, or the loading of the
+/// source, that another queue has under way. A look's answers are all of its one pass, whatever
 /// becomes of a process afterwards. Kept between looks is the last one alone, from which the next one tells
 /// how much each process has spent: it holds live processes only, so it can't grow beyond them.
 class LinuxProcessTables final : public platform::ProcessTables {
