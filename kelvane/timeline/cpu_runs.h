@@ -17,7 +17,7 @@ struct CpuRun {
 };
 
 /// Calls `visit` with every run within the recording's covered time, each CPU's in ascending order. A CPU
-/// without a switch has none: whom it ran is not known.
+/// without a switch has none: whom it ran is not known. No run is empty.
 template <typename Visit>
 void visitCpuRuns(const Recording& recording, Visit visit) {
   struct Cpu {
@@ -30,13 +30,16 @@ void visitCpuRuns(const Recording& recording, Visit visit) {
     if (event.kind != RecordedKind::contextSwitch || event.atNs < coveredFromNs) continue;
     if (event.cpu >= cpus.size()) cpus.resize(size_t{event.cpu} + 1, {coveredFromNs});
     Cpu& cpu = cpus[event.cpu];
-    // Where events were lost, someone else leaves than came: the run before ends nobody knows when.
-    if (cpu.tid == -1 || cpu.tid == event.tid) visit(CpuRun{cpu.sinceNs, event.atNs, event.cpu, event.tid});
+    // Where events were lost, someone else leaves than came: the run before ends nobody knows when. The
+    // coverage can begin with the very switch that ends a run.
+    const bool isKnown = cpu.tid == -1 || cpu.tid == event.tid;
+    if (isKnown && event.atNs > cpu.sinceNs) visit(CpuRun{cpu.sinceNs, event.atNs, event.cpu, event.tid});
     cpu = {event.atNs, event.other};
   }
   for (size_t i = 0; i < cpus.size(); i++) {
-    if (cpus[i].tid != -1)
-      visit(CpuRun{cpus[i].sinceNs, recording.toNs, static_cast<uint16_t>(i), cpus[i].tid});
+    const Cpu& cpu = cpus[i];
+    if (cpu.tid == -1 || cpu.sinceNs >= recording.toNs) continue;
+    visit(CpuRun{cpu.sinceNs, recording.toNs, static_cast<uint16_t>(i), cpu.tid});
   }
 }
 

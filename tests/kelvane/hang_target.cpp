@@ -216,8 +216,9 @@ void expectOpensInViewers(const Json& report) {
       intervals.pop_back();
     }
     if (!intervals.empty()) {
-      EXPECT_GE(start, intervals.back().first);
-      EXPECT_LE(end, intervals.back().second + 1e-3);
+      EXPECT_GE(start, intervals.back().first) << event;
+      EXPECT_LE(end, intervals.back().second + 1e-3)
+          << event << " ends after what holds it, at " << intervals.back().second;
     }
     intervals.emplace_back(start, end);
   }

@@ -69,5 +69,19 @@ TEST(ThreadTimeline, AThreadWithoutEventsIsJudgedByTheLook) {
   EXPECT_EQ(machine.timeline().front().state, ThreadState::unknown);
 }
 
+TEST(CpuRuns, AreNeverEmptyAndNeverGuessed) {
+  MadeUpMachine machine;
+  machine.coveredFrom(1'000);
+  machine.switches(500, kOther, 'S', kWorker);  // before the coverage
+  machine.switches(1'000, kWorker, 'S', kApp);  // the coverage begins with it
+  machine.switches(2'000, kApp, 'S', kHog);
+  machine.switches(2'500, kOther, 'S', kLogger, 1);
+  machine.switches(3'000, kOther, 'S', kApp);  // the hog's way off the CPU was lost
+  machine.switches(11'000, kApp, 'S', kHog);   // the recording ends with it
+  EXPECT_EQ(machine.cpuRuns(),
+            "0: 100 from 1000 to 2000, 1: 300 from 1000 to 2500, 0: 100 from 3000 to 11000, "
+            "1: 102 from 2500 to 11000, ");
+}
+
 }  // namespace
 }  // namespace kelvane

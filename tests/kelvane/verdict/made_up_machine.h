@@ -11,6 +11,7 @@
 #include "kelvane/capture/pressure.h"
 #include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
+#include "kelvane/timeline/cpu_runs.h"
 #include "kelvane/timeline/missing_switches.h"
 #include "kelvane/verdict/judge.h"
 
@@ -59,6 +60,14 @@ class MadeUpMachine {
   void addMissing() { addMissingSwitches(recording_); }
   ThreadFacts& look() { return process.threads[0].facts; }
 
+  std::string cpuRuns() const {
+    std::string runs;
+    visitCpuRuns(recording_, [&](const CpuRun& run) {
+      runs += std::to_string(run.cpu) + ": " + std::to_string(run.tid) + " from " +
+              std::to_string(run.fromNs / kMs) + " to " + std::to_string(run.toNs / kMs) + ", ";
+    });
+    return runs;
+  }
   std::vector<StateSpan> timeline() const {
     return threadTimeline(recording_, kApp, process.threads[0].facts.state);
   }
