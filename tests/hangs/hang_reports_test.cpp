@@ -152,14 +152,13 @@ TEST(HangReports, NoReportIsWrittenOverOneThatCannotBeRemoved) {
 TEST(HangReports, WhatIsTooOldOrTooMuchLeavesTheSpoolBeforeTheNextReport) {
   World world;
   const App viewer = world.startApp("viewer");
-  const auto put = [&](const std::string& name, size_t bytes) {
+  const auto put = [&](const std::string& name, size_t bytes, std::chrono::seconds age = 0s) {
     world.advance(1s);
-    world.files.putFile(kSpool + name, std::string(bytes, 'x'));
+    world.files.putFile(kSpool + name, std::string(bytes, 'x'), age);
   };
   const auto removed = [&] { return world.analytics.added["com.corvix.quorvel.QVReportsRemoved.spool"]; };
-  put("old.kelvane", 1);
-  put("old.mine", 1);
-  world.advance(30 * 24h);
+  put("old.kelvane", 1, 30 * 24h);
+  put("old.mine", 1, 30 * 24h);
   put("young.kelvane", 1);
   viewer.reportHang(1500ms, Save::yes);
   EXPECT_EQ(world.spool().size(), 3u);

@@ -180,9 +180,9 @@ std::optional<std::string> SimFiles::serializeJson(const platform::Dictionary& d
   return text && faults_.fails(Op::encodeJson) ? "\xFF" : text;
 }
 
-void SimFiles::putFile(const std::string& path, std::string_view content) {
+void SimFiles::putFile(const std::string& path, std::string_view content, std::chrono::seconds age) {
   Entry& entry = entries_[path];
-  entry = {.file = std::make_shared<MemFile>(), .mode = 0644, .modified = clock_.wallTime()};
+  entry = {.file = std::make_shared<MemFile>(), .mode = 0644, .modified = clock_.wallTime() - age};
   entry.file->setContent(content);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -47,7 +48,7 @@ class SimFiles final : public platform::Files {
 
   platform::Space disk{.freeBytes = 100, .totalBytes = 100};
 
-  void putFile(const std::string& path, std::string_view content);
+  void putFile(const std::string& path, std::string_view content, std::chrono::seconds age = {});
   void putLink(const std::string& path) { entries_[plain(path)] = {.file = nullptr, .link = true}; }
   /// Somebody else takes the file away.
   void takeAway(const std::string& path) { entries_.erase(plain(path)); }
