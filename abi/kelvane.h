@@ -21,6 +21,7 @@ extern "C" {
 #define KELVANE_LIBRARY_PATH "/usr/lib/libkelvane" /* without the platform's suffix */
 #define KELVANE_ENTRY_POINT "kelvane_dump_output_with_options_sync"
 #define KELVANE_SAMPLE_ENTRY_POINT "kelvane_sample_pending"
+#define KELVANE_FINDING_ENTRY_POINT "kelvane_last_finding"
 #define KELVANE_KEY_REASON_STRING "KSPDumpOptions_ReasonString"
 #define KELVANE_KEY_NO_SYMBOLICATE "KSPDumpOptions_NoSymbolicate"
 #define KELVANE_KEY_MIN_TIMESTAMP "KSPDumpOptions_MinTimestamp"
@@ -65,7 +66,19 @@ typedef struct kelvane_pending {
  * that has turned out, valid until the next call; else NULL. Called by the thread that dumps. */
 typedef const char* (*kelvane_sample_function)(const kelvane_pending* pending, size_t count);
 
+/* A report's verdict in three words. Each text is UTF-8 and NUL-terminated; what isn't known is empty. */
+typedef struct kelvane_finding {
+  char cause[24];
+  char culprit[128]; /* names that processes gave themselves */
+  char signature[24];
+} kelvane_finding;
+
+/* What the last report says, all empty if there was none or it has no verdict. Optional: a library may lack
+ * it. Called by the thread that dumps. */
+typedef void (*kelvane_finding_function)(kelvane_finding* finding);
+
 #ifdef KELVANE_BUILD
+__attribute__((visibility("default"))) void kelvane_last_finding(kelvane_finding* finding);
 __attribute__((visibility("default"))) const char* kelvane_sample_pending(const kelvane_pending* pending,
                                                                           size_t count);
 __attribute__((visibility("default"))) bool kelvane_dump_output_with_options_sync(

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -49,6 +50,14 @@ Dictionary infoDictionary(const std::string& reason, const std::string& serviceN
       {"EndTime", {static_cast<int64_t>(endTicks)}},
       {"DisplayData", {std::move(displayData)}},
   };
+}
+
+/// Whom a report with this header is about; 0 in one of a launch.
+int32_t pidIn(const Dictionary& infoDict) {
+  const auto entry =
+      std::find_if(infoDict.begin(), infoDict.end(), [](const auto& each) { return each.first == "PID"; });
+  const auto* pid = entry == infoDict.end() ? nullptr : std::get_if<int64_t>(&entry->second.data);
+  return pid ? static_cast<int32_t>(*pid) : 0;
 }
 
 /// The header as JSON text; nothing when it can't be made (logged).
@@ -116,7 +125,14 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
     files.remove(tempPath);
     return false;
   }
-  log.about({.kind = LogEventKind::reportSaved, .reportPath = finalPath})
+  const ReportFinding finding = classSide().traceCapture.lastFinding();
+  log.about({.kind = LogEventKind::reportSaved,
+             .pid = pidIn(infoDict),
+             .reportPath = finalPath,
+             .durationMs = msPerTick() * static_cast<double>(endTicks - startTicks),
+             .cause = finding.cause,
+             .culprit = finding.culprit,
+             .signature = finding.signature})
       .info("%s: Moving kelvane to spool: %s\n", processString.c_str(), finalPath.c_str());
   files.finish(std::move(file), tempPath, finalPath, [loss, processString](std::error_code failure) {
     if (!failure) return;

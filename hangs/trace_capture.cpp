@@ -1,8 +1,10 @@
 #include "hangs/trace_capture.h"
 
 #include <array>
+#include <cstring>
 
 #include "base/log.h"
+#include "base/text.h"
 #include "platform/platform.h"
 
 namespace quorveld {
@@ -21,6 +23,7 @@ void TraceCapture::loadKelvaneLibrary() {
   dump_ = reinterpret_cast<kelvane_dump_function>(library_->symbol(KELVANE_ENTRY_POINT));
   if (!dump_) return;
   sample_ = reinterpret_cast<kelvane_sample_function>(library_->symbol(KELVANE_SAMPLE_ENTRY_POINT));
+  finding_ = reinterpret_cast<kelvane_finding_function>(library_->symbol(KELVANE_FINDING_ENTRY_POINT));
   reasonStringKey_ = optionKey(KELVANE_KEY_REASON_STRING);
   noSymbolicateKey_ = optionKey(KELVANE_KEY_NO_SYMBOLICATE);
   minTimestampKey_ = optionKey(KELVANE_KEY_MIN_TIMESTAMP);
@@ -54,6 +57,13 @@ bool TraceCapture::dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTi
   }};
   const kelvane_options all = {.count = options.size(), .options = options.data()};
   return dump_(fd, &all);
+}
+
+ReportFinding TraceCapture::lastFinding() const {
+  kelvane_finding finding{};
+  if (finding_) finding_(&finding);
+  const auto text = [](const auto& field) { return toUtf8({field, strnlen(field, sizeof field)}); };
+  return {text(finding.cause), text(finding.culprit), text(finding.signature)};
 }
 
 void TraceCapture::samplePending(const std::vector<kelvane_pending>& pending) {

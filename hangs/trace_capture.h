@@ -11,6 +11,13 @@
 
 namespace quorveld {
 
+/// What a report says, in short. What isn't known is empty.
+struct ReportFinding {
+  std::string cause;
+  std::string culprit;
+  std::string signature;
+};
+
 /// The trace-capture library, loaded at run time so that the daemon also runs on devices that lack it.
 ///
 /// Loaded once, on first use; the outcome is final. The load is safe from any thread, the dump belongs to the
@@ -23,6 +30,10 @@ class TraceCapture {
   /// Has the library write a report into the open file `fd`, of the time from `startTicks` to `endTicks`,
   /// with `reason` as its header. Synchronous. False when there is no library or the report is not whole.
   bool dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTicks, const std::string& reason);
+
+  /// What the report that was dumped last says, in UTF-8; all empty where the library can't tell. Not a byte
+  /// of the report is read for it.
+  ReportFinding lastFinding() const;
 
   /// Has the library note from now on where the threads of these operations are, for the reports of them, and
   /// no others'. Call it at each hang check, and when nothing is watched any more. Loads the library for the
@@ -38,6 +49,7 @@ class TraceCapture {
   std::unique_ptr<platform::TraceLibrary> library_;
   kelvane_dump_function dump_ = nullptr;
   kelvane_sample_function sample_ = nullptr;
+  kelvane_finding_function finding_ = nullptr;
   const char* reasonStringKey_ = nullptr;
   const char* noSymbolicateKey_ = nullptr;
   const char* minTimestampKey_ = nullptr;

@@ -11,6 +11,7 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/capture/exit_status.h"
 #include "kelvane/launch/arguments.h"
+#include "kelvane/report/finding.h"
 #include "kelvane/report/json_writer.h"
 #include "kelvane/report/make_report.h"
 #include "kelvane/report/report.h"
@@ -36,6 +37,7 @@ int run(const std::vector<std::string>& arguments) {
   if (!order) return kOtherVersion;
   const Report report = makeReport(order->request, order->notLooking);
   limitReport();
+  writeFinding(kFindingDescriptor, findingOf(report));
   ReportFile file(STDOUT_FILENO);
   JsonWriter json(file);
   writeReport(report, json);

@@ -11,6 +11,7 @@
 #include "kelvane/launch/left_behind.h"
 #include "kelvane/launch/sampler_program.h"
 #include "kelvane/report/dump_request.h"
+#include "kelvane/report/finding.h"
 #include "kelvane/report/json_writer.h"
 #include "kelvane/report/report.h"
 #include "kelvane/report/report_file.h"
@@ -37,7 +38,10 @@ SamplerProgram& sampler() {
   return program;
 }
 
+kelvane_finding lastFinding{};
+
 bool dump(int fd, const kelvane_options* options) {
+  lastFinding = {};
   // In a host that unloads the library those are forgotten, and gone when the kernel lets them.
   static LeftBehind leftBehind;
   std::optional<ReportFile> file(fd);
@@ -57,6 +61,8 @@ bool dump(int fd, const kelvane_options* options) {
     JsonWriter json(*file);
     writeReport(makeBareReport(std::move(request), "what looks at it: " + failure), json);
     file->write('\n');
+  } else {
+    lastFinding = readFinding(program.finding());
   }
   return file->finish();
 }
@@ -80,6 +86,10 @@ bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* option
   }
   errno = errnoBefore;
   return whole;
+}
+
+void kelvane_last_finding(kelvane_finding* finding) {
+  *finding = kelvane::lastFinding;
 }
 
 const char* kelvane_sample_pending(const kelvane_pending* pending, size_t count) {

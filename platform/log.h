@@ -25,6 +25,10 @@ struct LogEvent {
   int32_t pid = 0;                ///< the process that it is about; 0: none
   std::string_view reportPath{};  ///< the report's; empty: none
   double durationMs = 0;          ///< how long that took; 0: nothing that takes long
+  // What the report says of it, in short; empty: not known.
+  std::string_view cause{};
+  std::string_view culprit{};
+  std::string_view signature{};
 };
 
 /// Where one part of the daemon logs: a subsystem and a category. From any thread.

@@ -32,6 +32,8 @@ inline constexpr std::chrono::milliseconds kCopierEnd{100};
 inline constexpr int kLifeDescriptor = 3;
 /// The descriptor over which samples of the hung thread come; of a capture without any it is no socket.
 inline constexpr int kSamplesDescriptor = 4;
+/// The descriptor of a file for the verdict in short.
+inline constexpr int kFindingDescriptor = 5;
 
 /// Captures that the kernel may hold up in all, and those among them that look at processes of one user. With
 /// more, reports say so and go without the look.

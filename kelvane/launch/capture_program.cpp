@@ -47,21 +47,22 @@ std::string CaptureProgram::start(const std::string& reason, const std::vector<s
                                   int samples) {
   const UniqueFd input(memfd_create("kelvane-reason", MFD_CLOEXEC));
   report_ = UniqueFd(memfd_create("kelvane-report", MFD_CLOEXEC));
+  finding_ = UniqueFd(memfd_create("kelvane-finding", MFD_CLOEXEC));
   const UniqueFd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
   int ends[2];
-  if (!input || !report_ || !nowhere || pipe2(ends, O_CLOEXEC) != 0) return errorText(errno);
+  if (!input || !report_ || !finding_ || !nowhere || pipe2(ends, O_CLOEXEC) != 0) return errorText(errno);
   UniqueFd life(ends[0]);
   const UniqueFd theirLife(ends[1]);
   ReportFile text(input.get());
   text.write(reason);
   if (!text.finish()) return "the reason text can't be handed over";
 
-  static_assert(kLifeDescriptor == 3 && kSamplesDescriptor == 4);
+  static_assert(kLifeDescriptor == 3 && kSamplesDescriptor == 4 && kFindingDescriptor == 5);
   std::string problem;
-  process_ = startOwnProgram(
-      options,
-      {input.get(), report_.get(), nowhere.get(), theirLife.get(), samples < 0 ? nowhere.get() : samples},
-      problem);
+  process_ = startOwnProgram(options,
+                             {input.get(), report_.get(), nowhere.get(), theirLife.get(),
+                              samples < 0 ? nowhere.get() : samples, finding_.get()},
+                             problem);
   if (process_) life_ = std::move(life);
   return problem;
 }

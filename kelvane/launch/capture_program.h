@@ -11,8 +11,8 @@ namespace kelvane {
 
 /// One run of the program kelvane-capture (own_program.h), which makes one report.
 ///
-/// The program gets a memory file with the reason text as its standard input, another for the report as its
-/// standard output, and its options as arguments.
+/// The program gets a memory file with the reason text as its standard input, others for the report as its
+/// standard output and for the finding, and its options as arguments.
 class CaptureProgram {
  public:
   /// Starts it; if that fails, `await` says why. `samples` is the socket over which the hung thread's samples
@@ -24,6 +24,8 @@ class CaptureProgram {
   std::string await();
   /// Where the report is.
   int report() const { return report_.get(); }
+  /// Where the verdict in short is (readFinding).
+  int finding() const { return finding_.get(); }
 
   /// A pipe's end that hangs up once the program and all processes that it started have gone; none, if it
   /// could not be started.
@@ -36,6 +38,7 @@ class CaptureProgram {
 
   std::string problem_;
   UniqueFd report_;
+  UniqueFd finding_;
   UniqueFd life_;
   UniqueFd process_;
 };

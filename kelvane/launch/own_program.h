@@ -8,8 +8,8 @@
 
 namespace kelvane {
 
-/// What the program's descriptors 0 to 4 are to be.
-using ProgramDescriptors = std::array<int, 5>;
+/// What the program's descriptors 0 to 5 are to be.
+using ProgramDescriptors = std::array<int, 6>;
 
 /// With what status a process ends that could not execute the program.
 inline constexpr int kNotExecuted = 127;

@@ -70,8 +70,8 @@ void SamplerProgram::start() {
   UniqueFd own(ends[0]);
   const UniqueFd theirs(ends[1]);
   std::string problem;  // a library that can't start its program says so in each report
-  process_ = startOwnProgram(
-      {kSamplerOption}, {theirs.get(), nowhere.get(), nowhere.get(), nowhere.get(), nowhere.get()}, problem);
+  const int none = nowhere.get();
+  process_ = startOwnProgram({kSamplerOption}, {theirs.get(), none, none, none, none, none}, problem);
   if (process_) orders_ = std::move(own);
 }
 

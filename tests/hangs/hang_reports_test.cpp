@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "tests/sim/world.h"
@@ -24,6 +25,7 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
   World world;
   const App viewer = world.startApp("viewer");
   world.logs.clear();
+  world.traceLibraries.culprit = std::string(127, 'r') + '\xc3';
   const size_t before = world.files.history().size();
   viewer.reportHang(7500ms, Save::yes);
 
@@ -55,6 +57,13 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
                                       "Daily Long Log credits: 25 -> 24"}));
   EXPECT_EQ(world.logs.lines.front().event, platform::LogEventKind::hang);
   EXPECT_EQ(world.logs.lines.front().pid, 501);
+  const auto saved = std::find_if(world.logs.lines.begin(), world.logs.lines.end(), [](const auto& line) {
+    return line.event == platform::LogEventKind::reportSaved;
+  });
+  ASSERT_NE(saved, world.logs.lines.end());
+  EXPECT_EQ(saved->pid, 501);
+  EXPECT_NEAR(saved->durationMs, 7500.0, 0.001);
+  EXPECT_EQ(saved->finding, "lock " + std::string(127, 'r') + "\xef\xbf\xbd 0123456789abcdef");
   EXPECT_TRUE(world.lines(Level::standard).empty());
   EXPECT_TRUE(world.logged(Level::debug, "timestamp: 2400000000, status: -1"));
   const auto& pushed = world.analytics.distributions["com.corvix.quorvel.MainThread.com.example.viewer"];

@@ -78,7 +78,8 @@ void HangTarget::signal(int number) const {
 Library::Library(const char* path) : handle_(dlopen(path, RTLD_LAZY)) {
   EXPECT_NE(handle_, nullptr) << dlerror();
   dump = reinterpret_cast<kelvane_dump_function>(dlsym(handle_, KELVANE_ENTRY_POINT));
-  EXPECT_NE(dump, nullptr);
+  finding = reinterpret_cast<kelvane_finding_function>(dlsym(handle_, KELVANE_FINDING_ENTRY_POINT));
+  EXPECT_TRUE(dump && finding);
 }
 
 const char* Library::key(const char* symbol) const {
@@ -147,6 +148,7 @@ Dump dumpBy(const Library& library, const char* reason, bool symbolicate) {
   const quorveld::tests::OwnTime time;
   dump.whole = library.dump(fd, &all);
   dump.took = time.elapsed();
+  library.finding(&dump.finding);
   dump.text.resize(static_cast<size_t>(lseek(fd, 0, SEEK_END)));
   EXPECT_EQ(pread(fd, dump.text.data(), dump.text.size(), 0), static_cast<ssize_t>(dump.text.size()));
   close(fd);

@@ -45,6 +45,7 @@ class Library {
  public:
   explicit Library(const char* path = KELVANE_LIBRARY);
   kelvane_dump_function dump = nullptr;
+  kelvane_finding_function finding = nullptr;
   const char* key(const char* symbol) const;
 
  private:
@@ -59,6 +60,7 @@ struct Dump {
   bool whole = false;
   std::chrono::milliseconds took{};  // without what others had of the CPU that the caller was ready for
   std::string text;
+  kelvane_finding finding{};
   Json report;  // discarded if the text is no strict JSON
 
   /// The reasons given for leaving out `what`; empty if it is not among the left out.

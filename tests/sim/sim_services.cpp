@@ -122,7 +122,10 @@ class SimLogs::Handle final : public platform::LogHandle {
 
   bool enabled(LogLevel level) const override { return !logs_.disabled.contains(level); }
   void write(LogLevel level, std::string_view text, const platform::LogEvent& event) override {
-    logs_.lines.push_back({level, subsystem_, std::string(text), event.kind, event.pid});
+    std::string finding = std::string(event.cause) + " ";
+    finding.append(event.culprit).append(" ").append(event.signature);
+    logs_.lines.push_back(
+        {level, subsystem_, std::string(text), event.kind, event.pid, event.durationMs, finding});
   }
   bool signpostsEnabled() const override { return logs_.signpostsEnabled; }
   void signpostIntervalBegin(uint64_t id, std::string_view text) override {

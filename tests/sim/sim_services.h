@@ -86,6 +86,8 @@ struct LogLine {
   std::string text;
   platform::LogEventKind event;
   int32_t pid;  ///< whom the event is about
+  double durationMs;
+  std::string finding;  ///< cause, culprit and signature, with blanks between
 };
 
 struct SignpostMark {

@@ -37,6 +37,7 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   bool entryPointMissing = false;         ///< the library lacks it
   bool samples = true;                    ///< it can be asked to sample
   const char* samplingRefusal = nullptr;  ///< what it then answers
+  std::string culprit;                    ///< of the finding that it then tells
   std::vector<TraceRequest> requests;
   std::vector<std::vector<kelvane_pending>> sampled;  ///< what it was asked to sample
   std::vector<std::string> opened;                    ///< paths asked for

@@ -103,9 +103,13 @@ void addEvent(LineBuffer& fields, const platform::LogEvent& event) {
     fields.appendNumber(static_cast<uint64_t>(event.pid));
     fields.append("\n");
   }
-  if (!event.reportPath.empty()) {
-    fields.append("QV_REPORT=");
-    fields.appendHarmless(event.reportPath);
+  for (const auto& [name, value] : {std::pair("QV_REPORT=", event.reportPath),
+                                    {"QV_CAUSE=", event.cause},
+                                    {"QV_CULPRIT=", event.culprit},
+                                    {"QV_SIGNATURE=", event.signature}}) {
+    if (value.empty()) continue;
+    fields.append(name);
+    fields.appendHarmless(value);
     fields.append("\n");
   }
   if (event.durationMs > 0) {

@@ -234,11 +234,16 @@ TEST(Logs, JournalThatNobodyReadsKeepsNobodyWaiting) {
   EXPECT_EQ(drain(),
             "SYSLOG_IDENTIFIER=quorveld\nPRIORITY=6\nQV_LEVEL=info\nSUBSYSTEM=s\nCATEGORY=c\nSIGNPOST_ID=7\n"
             "SIGNPOST_TYPE=end\nMESSAGE=one\\nPRIORITY=0\n");
-  sink.write({LogLevel::info, "s", "", "lost", {platform::LogEventKind::reportLost, 42, "/a\nb", 1e300}});
-  EXPECT_EQ(drain(),
-            "SYSLOG_IDENTIFIER=quorveld\nPRIORITY=4\nQV_LEVEL=info\nSUBSYSTEM=s\n"
-            "MESSAGE_ID=f87ebc867a9f4568b156e10c37dae7c2\nOBJECT_PID=42\nQV_REPORT=/a\\nb\n"
-            "QV_DURATION_MS=1000000000000000\nMESSAGE=lost\n");
+  sink.write({LogLevel::info,
+              "s",
+              "",
+              "lost",
+              {platform::LogEventKind::reportLost, 42, "/a\nb", 1e300, "lock", "", "0f"}});
+  EXPECT_EQ(
+      drain(),
+      "SYSLOG_IDENTIFIER=quorveld\nPRIORITY=4\nQV_LEVEL=info\nSUBSYSTEM=s\n"
+      "MESSAGE_ID=f87ebc867a9f4568b156e10c37dae7c2\nOBJECT_PID=42\nQV_REPORT=/a\\nb\nQV_CAUSE=lock\nQV_SIGNATURE=0f\n"
+      "QV_DURATION_MS=1000000000000000\nMESSAGE=lost\n");
   expectLossIsOwnedUpTo(sink, drain);
   EXPECT_TRUE(captured.writes().empty());
 }
