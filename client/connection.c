@@ -29,7 +29,6 @@
 #include "client/region.h"
 
 enum { kHandshakeMs = 2000, kWatchWaitMs = 250, kFirstRetryMs = 1000, kLastRetryMs = 60000 };
-enum { kBusStepsPerCall = 64 };
 
 enum state { kOff, kWaiting, kHandshake, kReady };
 
@@ -39,15 +38,14 @@ static pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 static struct {
   enum state state;
   int error; /* why the state is kWaiting, negative */
-  sd_bus* bus;
-  int bus_fd; /* the bus's own */
+  struct qv_bus* bus;
   int epoll_fd;
   int timer_fd;
   int retry_ms;
   bool watched; /* the daemon is to watch this process */
   char bundle_id[QV_TEXT_MAX + 1];
   char name[QV_TEXT_MAX + 1];
-} self = {.bus_fd = -1, .epoll_fd = -1, .timer_fd = -1, .retry_ms = kFirstRetryMs};
+} self = {.epoll_fd = -1, .timer_fd = -1, .retry_ms = kFirstRetryMs};
 
 static int64_t now_ms(void) {
   struct timespec now;
@@ -80,15 +78,13 @@ static int open_poll(void) {
   return error;
 }
 
-/* The child of a fork lets go of everything, so that the daemon notices the parent's end. sd-bus refuses to
- * work on a parent's connection, hence the plain close; its memory stays behind. */
+/* The child of a fork lets go of everything, so that the daemon notices the parent's end. */
 static void after_fork_in_child(void) {
-  if (self.bus) close(self.bus_fd);
+  qv_bus_close(self.bus);
   close_poll();
   qv_region_forget();
   self.state = kOff;
   self.bus = NULL;
-  self.bus_fd = -1;
   self.retry_ms = kFirstRetryMs;
   self.watched = false;
   pthread_mutex_unlock(&lock);
@@ -105,9 +101,9 @@ static void handle_forks(void) {
 }
 
 static void drop_bus(void) {
-  if (self.bus) epoll_ctl(self.epoll_fd, EPOLL_CTL_DEL, self.bus_fd, NULL);
-  self.bus = sd_bus_close_unref(self.bus);
-  self.bus_fd = -1;
+  if (self.bus) epoll_ctl(self.epoll_fd, EPOLL_CTL_DEL, qv_bus_fd(self.bus), NULL);
+  qv_bus_close(self.bus);
+  self.bus = NULL;
 }
 
 static void lose(int error) {
@@ -121,15 +117,8 @@ static void lose(int error) {
 static void start(void) {
   int error = 0;
   self.bus = qv_bus_start(&error);
-  if (self.bus) {
-    self.bus_fd = sd_bus_get_fd(self.bus);
-    struct epoll_event event = {.events = EPOLLIN | EPOLLOUT};
-    if (self.bus_fd < 0) {
-      error = self.bus_fd;
-    } else if (epoll_ctl(self.epoll_fd, EPOLL_CTL_ADD, self.bus_fd, &event) < 0) {
-      error = -errno;
-    }
-  }
+  struct epoll_event event = {.events = EPOLLIN};
+  if (self.bus && epoll_ctl(self.epoll_fd, EPOLL_CTL_ADD, qv_bus_fd(self.bus), &event) < 0) error = -errno;
   if (error < 0) {
     lose(error);
     return;
@@ -138,14 +127,20 @@ static void start(void) {
   set_timer(kHandshakeMs);
 }
 
-/* Has the epoll descriptor wake for what the bus waits for now; lets output wait for room only when there is
- * some. */
+/* Has the epoll descriptor wake for what the bus waits for now. */
 static void follow_bus(void) {
   if (!self.bus) return;
-  const int events = sd_bus_get_events(self.bus);
-  struct epoll_event event = {.events = (events < 0 || events & POLLIN ? EPOLLIN : 0u) |
-                                        (events >= 0 && events & POLLOUT ? EPOLLOUT : 0u)};
-  epoll_ctl(self.epoll_fd, EPOLL_CTL_MOD, self.bus_fd, &event);
+  struct epoll_event event = {.events = EPOLLIN | (qv_bus_waits(self.bus) ? EPOLLOUT : 0u)};
+  epoll_ctl(self.epoll_fd, EPOLL_CTL_MOD, qv_bus_fd(self.bus), &event);
+}
+
+/* A message over the connection that stands, which may turn out to be lost. */
+static int send_message(enum QVCommand command, const struct qv_field* fields, size_t count) {
+  bool is_lost = false;
+  const int result = qv_bus_send(self.bus, command, fields, count, &is_lost);
+  if (is_lost) lose(result);
+  follow_bus();
+  return is_lost ? -ENOTCONN : result;
 }
 
 static int send_watch(void) {
@@ -154,7 +149,7 @@ static int send_watch(void) {
   const struct qv_field fields[] = {{QV_KEY_SHMEM, 'h', {.descriptor = memory}},
                                     {QV_KEY_BUNDLE_ID, 's', {.text = self.bundle_id}},
                                     {QV_KEY_NAME, 's', {.text = self.name}}};
-  return qv_bus_send(self.bus, QV_COMMAND_START_WATCHING, fields, 3);
+  return send_message(QV_COMMAND_START_WATCHING, fields, 3);
 }
 
 static void become_ready(void) {
@@ -163,7 +158,7 @@ static void become_ready(void) {
   self.retry_ms = kFirstRetryMs;
   if (!self.watched) return;
   const int error = send_watch();
-  if (error < 0) lose(error);
+  if (error < 0 && self.bus) lose(error);
 }
 
 /* Takes what the descriptors have to say. */
@@ -172,13 +167,10 @@ static void step(void) {
   const bool timer_fired = read(self.timer_fd, &expirations, sizeof expirations) > 0;
   const bool handshake_over = timer_fired && self.state == kHandshake;
   if (timer_fired && self.state == kWaiting) start();
-  int result = 1;
-  for (int i = 0; self.bus && result > 0 && i < kBusStepsPerCall; ++i)
-    result = sd_bus_process(self.bus, NULL);
-  if (self.bus && result >= 0 && !sd_bus_is_open(self.bus)) result = -ECONNRESET;
-  if (self.bus && result < 0) {
+  const int result = self.bus ? qv_bus_process(self.bus) : 0;
+  if (result < 0) {
     lose(result);
-  } else if (self.state == kHandshake && sd_bus_is_ready(self.bus) > 0) {
+  } else if (self.state == kHandshake && qv_bus_is_ready(self.bus)) {
     become_ready();
   } else if (handshake_over) {
     lose(-ETIMEDOUT);
@@ -238,7 +230,6 @@ static int watch_locked(const char* bundle_id, const char* name) {
   if (self.state == kOff) self.watched = false;
   if (!was_ready || error < 0) return error;
   error = send_watch();
-  follow_bus();
   if (error < 0) self.watched = false;
   return error;
 }
@@ -283,14 +274,7 @@ int qv_process(void) {
 }
 
 static int send_locked(enum QVCommand command, const struct qv_field* fields, size_t count) {
-  if (self.state != kReady) return -ENOTCONN;
-  const int result = qv_bus_send(self.bus, command, fields, count);
-  if (result < 0 && !sd_bus_is_open(self.bus)) {
-    lose(result);
-    return -ENOTCONN;
-  }
-  follow_bus();
-  return result;
+  return self.state == kReady ? send_message(command, fields, count) : -ENOTCONN;
 }
 
 int qv_send(enum QVCommand command, const struct qv_field* fields, size_t count) {

@@ -1,12 +1,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
 
 #include "abi/messages.h"
 #include "client/include/quorvel.h"
@@ -78,8 +83,14 @@ TEST(Connection, EveryMessageCarriesItsKeysInTheirTypes) {
   EXPECT_EQ(messages[6]["command"], "x 2");
 
   EXPECT_EQ(qv_report_hang(std::string(QV_TEXT_MAX + 1, 'a').c_str(), 1, 1, 2, false), -ENAMETOOLONG);
-  EXPECT_EQ(qv_report_hang("\xff", 1, 1, 2, false), -EINVAL);
-  EXPECT_EQ(qv_report_hang("still connected", 1, 1, 2, false), 0);
+  for (const char* broken : {"\xff", "\x80", "\xc0\x80", "\xe0\x9f\x80", "\xed\xa0\x80", "\xe2\x82",
+                             "\xf0\x8f\x80\x80", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80"}) {
+    EXPECT_EQ(qv_report_hang(broken, 1, 1, 2, false), -EINVAL);
+  }
+  const std::string farthest =
+      "\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xf0\x90\x80\x80\xf4\x8f\xbf\xbd";
+  EXPECT_EQ(qv_report_hang(farthest.c_str(), 1, 1, 2, false), 0);
+  EXPECT_EQ(daemon.await(8)[7]["name"], "s " + farthest) << "still connected";
 }
 
 TEST(Connection, OperationsInFlightOutliveADaemonThatIsRestarted) {
@@ -144,6 +155,69 @@ TEST(Connection, AListenerThatNeverAnswersTheHandshakeIsGivenUpOn) {
   EXPECT_LT(startUp.elapsed(), 1s);
   daemon.pause(false);
   ASSERT_TRUE(processUntil([&] { return daemon.memory() >= 0; }));
+}
+
+TEST(Connection, ADescriptorThatHasToWaitArrivesWithItsMessage) {
+  FakeDaemon daemon;
+  daemon.start();
+  const auto send = [](size_t count) {
+    size_t taken = 0;
+    while (taken < count && qv_report_hang("MainThread", 1, taken, 2, false) == 0) ++taken;
+    return taken;
+  };
+  ASSERT_EQ(qv_connect(), 0);
+  daemon.pause(true);
+  const size_t most = send(100'000);
+  qv_disconnect();
+  daemon.pause(false);
+  ASSERT_TRUE(eventually([&] { return daemon.connections() == 0; }));
+
+  ASSERT_EQ(qv_connect(), 0);
+  daemon.pause(true);
+  const size_t before = daemon.received();
+  const size_t sent = send(most - QV_MESSAGES_MAX / 2);  // the socket is full, and half of the queue
+  const std::string name(QV_TEXT_MAX, 'n'), bundle(QV_TEXT_MAX, 'b');
+  EXPECT_EQ(qv_watch(bundle.c_str(), name.c_str()), 0);
+  EXPECT_EQ(qv_report_hang("the last", 1, 1, 2, false), 0);
+  daemon.pause(false);
+  ASSERT_TRUE(processUntil([&] { return daemon.received() == before + sent + 2; }));
+  const auto messages = daemon.await(before + sent + 2);
+  EXPECT_EQ(messages[before + sent][QV_KEY_NAME], "s " + name);
+  EXPECT_EQ(messages[before + sent][QV_KEY_BUNDLE_ID], "s " + bundle);
+  EXPECT_EQ(messages.back()[QV_KEY_NAME], "s the last");
+  EXPECT_EQ(MappedRegion(daemon.memory()).header().slotCount, 20u);
+}
+
+/// Whatever speaks there, whole or in pieces: the library believes a handshake alone.
+TEST(Connection, AnswersThatAreNoHandshakeEndTheTry) {
+  const FakeDaemon root;  // not started: for its folder
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof address.sun_path, "%s%s", getenv("QUORVELD_ROOT"), QV_SOCKET_PATH);
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  const std::string ok = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\n";
+  const std::pair<std::string, int> answers[] = {
+      {ok + "AGREE_UNIX_FD\r\n", 0},     {ok + "ERROR\r\n", -EPROTO}, {"REJECTED EXTERNAL\r\n", -EPROTO},
+      {std::string(4096, 'D'), -EPROTO}, {ok, -ECONNRESET},
+  };
+  for (const auto& [answer, expected] : answers) {
+    int peer = -1;
+    std::thread speaker([&, answer = answer, expected = expected] {
+      peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      for (const char byte : answer) send(peer, &byte, 1, MSG_NOSIGNAL);
+      char greeting[256];
+      EXPECT_GT(recv(peer, greeting, sizeof greeting, 0), 0);
+      EXPECT_EQ(greeting[0], '\0');
+      if (expected == -ECONNRESET) shutdown(peer, SHUT_RDWR);
+    });
+    EXPECT_EQ(qv_connect(), expected) << answer;
+    qv_disconnect();
+    speaker.join();
+    close(peer);
+  }
+  close(listener);
 }
 
 /// However often it has come and gone before.
