@@ -7,6 +7,7 @@
 #include "base/ticks.h"
 #include "hangs/class_side.h"
 #include "hangs/hud_message.h"
+#include "hangs/own_counters.h"
 #include "hangs/qv_process_info.h"
 #include "platform/analytics.h"
 #include "platform/platform.h"
@@ -88,20 +89,24 @@ bool QVProcessInfo::mayBeSaved(double durationMs) const {
   const Log log = quorvelLog().about({.kind = LogEventKind::reportRefused, .pid = pid_});
   if (!settings().enableKelvane) {
     log.standard("%s: Quorvel kelvane support is disabled, not saving a report!", processName_.c_str());
+    countRefused("disabled");
     return false;
   }
   if (!classSide().traceCapture.isKelvaneAvailable()) {
     log.standard("%s: Tried to save kelvane, but kelvane support is not present on this device!",
                  processName_.c_str());
+    countRefused("no-library");
     return false;
   }
   if (!checkAppCreditForDuration(durationMs)) {
     log.standard("%s is out of credits. Not saving a report!", processName_.c_str());
     countMissed("com.corvix.quorvel.QVLogsMissedDueToProcessLimit");
+    countRefused("process-limit");
     return false;
   }
   if (!checkDailyCreditForDuration(durationMs)) {
     countMissed("com.corvix.quorvel.QVLogsMissedDueToGlobalLimit");
+    countRefused("daily-limit");
     return false;
   }
   return true;
@@ -118,6 +123,7 @@ void QVProcessInfo::captureFenceHangLater(const std::string& hangName, const std
     quorvelLog().about(refused).standard(
         "%s: Fence-hang, but waiting for FenceHangCapture - not saving another report!",
         processName_.c_str());
+    countRefused("fence-pending");
     return;
   }
   state.fenceCaptureInFlight = true;
@@ -131,7 +137,10 @@ void QVProcessInfo::captureFenceHangLater(const std::string& hangName, const std
 /// Credits are tested before a capture and spent only by a saved report.
 void QVProcessInfo::saveAndDeduct(const std::string& hangName, const std::string& reason, uint64_t threadID,
                                   uint64_t startTicks, uint64_t endTicks, double durationMs) {
-  if (!saveKelvaneForService(hangName, reason, threadID, startTicks, endTicks)) return;
+  if (!saveKelvaneForService(hangName, reason, threadID, startTicks, endTicks)) {
+    countLost();
+    return;
+  }
   deductAppCreditForDuration(durationMs);
   deductDailyCreditForDuration(durationMs);
 }

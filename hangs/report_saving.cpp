@@ -13,6 +13,7 @@
 #include "base/value_text.h"
 #include "base/wall_time.h"
 #include "hangs/class_side.h"
+#include "hangs/own_counters.h"
 #include "hangs/qv_process_info.h"
 #include "platform/clock.h"
 #include "platform/files.h"
@@ -118,8 +119,11 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
     files.remove(tempPath);
     return false;
   }
+  platform::Clock& clock = platform::current().clock;
+  const uint64_t before = clock.absoluteTime();
   const bool dumped =
       classSide().traceCapture.dumpKelvaneToFile(file->descriptor(), startTicks, endTicks, *header);
+  countCapture(static_cast<double>(clock.absoluteTime() - before) * msPerTick());
   if (!dumped) {
     loss.standard("%s: Unable to save kelvane data to file.\n", processString.c_str());
     files.remove(tempPath);
@@ -158,16 +162,19 @@ void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::st
   if (!settings().enableKelvane) {
     refusal.standard("Quorvel kelvane support is disabled, not saving a report for %s activation!",
                      bundleID.c_str());
+    countRefused("disabled");
     return;
   }
   if (!state.traceCapture.isKelvaneAvailable()) {
     refusal.standard(
         "Tried to save kelvane for %s activation, but kelvane support is not present on this device!",
         bundleID.c_str());
+    countRefused("no-library");
     return;
   }
   if (!checkActivationAppCredit(bundleID)) {
     refusal.standard("%s is out of credits. Not saving a report!", bundleID.c_str());
+    countRefused("process-limit");
     return;
   }
   DailyAllowance& daily = state.activationKelvanes;
@@ -175,12 +182,15 @@ void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::st
     refusal.standard(
         "Device is out of Daily Log credits, hit the Daily Log limit of %u. Not saving a report!",
         static_cast<uint32_t>(daily.maximum));
+    countRefused("daily-limit");
     return;
   }
   const Dictionary infoDict =
       infoDictionary(reason, type, bundleID, 0, 0, startTicks, endTicks, displayStateArray());
-  if (!saveKelvaneWithFileName(reportFileName(type, bundleID), infoDict, startTicks, endTicks, bundleID))
+  if (!saveKelvaneWithFileName(reportFileName(type, bundleID), infoDict, startTicks, endTicks, bundleID)) {
+    countLost();
     return;
+  }
   --daily.credits;
   log.info("Daily Launch Log credits: %u -> %u", static_cast<uint32_t>(daily.credits + 1),
            static_cast<uint32_t>(daily.credits));

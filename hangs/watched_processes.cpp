@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "base/text.h"
 #include "hangs/class_side.h"
+#include "hangs/own_counters.h"
 #include "hangs/qv_process_info.h"
 #include "platform/device.h"
 #include "platform/kernel.h"
@@ -65,7 +66,10 @@ std::shared_ptr<QVProcessInfo> QVProcessInfo::startWatchingPid(
     return nullptr;
   }
   auto process = create(pid, std::move(sharedMem), bundleID, uid);
-  if (process) classSide().watchedProcesses.push_back(process);
+  if (!process) return nullptr;
+  auto& processes = classSide().watchedProcesses;
+  processes.push_back(process);
+  countWatched(processes.size());
   return process;
 }
 
@@ -116,11 +120,14 @@ void QVProcessInfo::stopWatchingPid(int32_t pid) {
   auto& processes = classSide().watchedProcesses;
   const auto found = std::find_if(processes.begin(), processes.end(),
                                   [pid](const auto& process) { return process->pid_ == pid; });
-  if (found != processes.end()) processes.erase(found);
+  if (found == processes.end()) return;
+  processes.erase(found);
+  countWatched(processes.size());
 }
 
 void QVProcessInfo::stopWatchingAllPids() {
   ClassSide& state = classSide();
+  if (!state.watchedProcesses.empty()) countWatched(0);
   state.watchedProcesses.clear();
   state.pending.clear();
   state.traceCapture.samplePending(state.pending);

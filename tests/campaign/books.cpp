@@ -449,8 +449,9 @@ void Books::closeDay() {
   require(analytics.added["com.corvix.quorvel.QVLogsFenceHang.PreKelvane"] == fenceHangs_,
           "fence hangs aren't those said");
   for (const auto& [key, values] : analytics.distributions) {
-    const bool isOfLaunches = key.starts_with("com.corvix.quorvel.QVLaunch.");
-    if (!isOfLaunches) pushed += static_cast<int64_t>(values.size());
+    const bool isOfHangs =
+        !key.starts_with("com.corvix.quorvel.QVLaunch.") && key != "com.corvix.quorvel.QVCapture";
+    if (isOfHangs) pushed += static_cast<int64_t>(values.size());
   }
   require(pushed == hangsOfDay_, "hangs counted aren't those said");
   analytics.distributions.clear();

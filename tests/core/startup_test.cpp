@@ -230,7 +230,7 @@ TEST(HangChecks, StartADayAtTheFirstAndResetWhenMoreThanADayHasPassed) {
   EXPECT_EQ(lines[0], "Hang Short Logs Daily Credits reset from 25 to 25");
   EXPECT_EQ(lines[1], "Hang Long Logs Daily Credits reset from 25 to 25");
   EXPECT_EQ(lines[2], "Launch Logs Daily Credits reset from 24 to 25");
-  EXPECT_EQ(world.analytics.scalars.size(), 3u);
+  EXPECT_EQ(world.analytics.scalars.size(), 4u) << "three, and how many processes are watched";
   EXPECT_EQ(world.spool().size(), 2u) << "the check itself follows the reset";
   QVProcessInfo::saveActivationKelvane("Launch", "slow", "com.a", minuteAgoMs, minuteAgoMs + 1);
   EXPECT_TRUE(world.logged(Level::info, "com.a Launch Log credits: 1 -> 0"))

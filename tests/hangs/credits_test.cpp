@@ -114,7 +114,8 @@ TEST(Credits, ADailyResetRefillsAndSendsTheDaysFigures) {
   }
   QVProcessInfo::resetDailyLogCredits();
   EXPECT_EQ(world.analytics.scalars,
-            (std::map<std::string, int64_t>{{"com.corvix.quorvel.QVLogsGeneratedAtDailyReset", 3},
+            (std::map<std::string, int64_t>{{"com.corvix.quorvel.QVWatchedProcesses", 1},
+                                            {"com.corvix.quorvel.QVLogsGeneratedAtDailyReset", 3},
                                             {"com.corvix.quorvel.QVLongLogsGeneratedAtDailyReset", 3},
                                             {"com.corvix.quorvel.QVShortLogsGeneratedAtDailyReset", 5}}));
   EXPECT_TRUE(world.logged(Level::info, "Hang Short Logs Daily Credits reset from 20 to 25"));

@@ -69,6 +69,10 @@ TEST(HangReports, AReportIsWrittenAsideAndMovedIntoTheSpool) {
   const auto& pushed = world.analytics.distributions["com.corvix.quorvel.MainThread.com.example.viewer"];
   ASSERT_EQ(pushed.size(), 1u);
   EXPECT_NEAR(pushed[0], 7500.0, 0.001);
+  EXPECT_EQ(world.analytics.distributions["com.corvix.quorvel.QVCapture"].size(), 1u);
+  EXPECT_EQ(world.analytics.scalars["com.corvix.quorvel.QVWatchedProcesses"], 1);
+  viewer.disconnect();
+  EXPECT_EQ(world.analytics.scalars["com.corvix.quorvel.QVWatchedProcesses"], 0);
 }
 
 TEST(HangReports, WithoutASaveRequestAHangIsOnlyLoggedAndCounted) {
@@ -83,6 +87,7 @@ TEST(HangReports, WithoutASaveRequestAHangIsOnlyLoggedAndCounted) {
 
 struct Failure {
   const char* what;
+  const char* counter;  ///< behind com.corvix.quorvel.
   std::function<void(World&)> arrange;
   const char* line;       ///< the beginning of it
   bool libraryIsMissing;  ///< decided once, so no later report heals it
@@ -93,23 +98,26 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
   const std::string notCreated =
       "viewer: Could not create file - won't take a kelvane: " + temp + " No space left on device";
   const Failure failures[] = {
-      {"traces are off", [](World& world) { world.prefer("QuorvelEnableKelvane", false); },
+      {"traces are off", "QVReportsRefused.disabled",
+       [](World& world) { world.prefer("QuorvelEnableKelvane", false); },
        "viewer: Quorvel kelvane support is disabled, not saving a report!", false},
-      {"no library", [](World& world) { world.faults.failAlways(Op::openLibrary); },
+      {"no library", "QVReportsRefused.no-library",
+       [](World& world) { world.faults.failAlways(Op::openLibrary); },
        "viewer: Tried to save kelvane, but kelvane support is not present on this device!", true},
-      {"no entry point", [](World& world) { world.traceLibraries.entryPointMissing = true; },
+      {"no entry point", "QVReportsRefused.no-library",
+       [](World& world) { world.traceLibraries.entryPointMissing = true; },
        "viewer: Tried to save kelvane, but kelvane support is not present on this device!", true},
-      {"no file",
+      {"no file", "QVReportsLost",
        [](World& world) { world.faults.failOnce(Op::createFile, 1, std::errc::no_space_on_device); },
        notCreated.c_str(), false},
-      {"a disk that is nearly full",
+      {"a disk that is nearly full", "QVReportsLost",
        [](World& world) { world.files.disk = {.freeBytes = 49, .totalBytes = 1000}; }, notCreated.c_str(),
        false},
-      {"no JSON", [](World& world) { world.faults.failOnce(Op::serializeJson); },
+      {"no JSON", "QVReportsLost", [](World& world) { world.faults.failOnce(Op::serializeJson); },
        "viewer: Unable to serialize Info Dict into JSON: ", false},
-      {"no UTF-8", [](World& world) { world.faults.failOnce(Op::encodeJson); },
+      {"no UTF-8", "QVReportsLost", [](World& world) { world.faults.failOnce(Op::encodeJson); },
        "viewer: Unable to create UTF8 string from JSON: ", false},
-      {"no dump", [](World& world) { world.traceLibraries.succeeds = false; },
+      {"no dump", "QVReportsLost", [](World& world) { world.traceLibraries.succeeds = false; },
        "viewer: Unable to save kelvane data to file.\n", false},
   };
   for (const Failure& failure : failures) {
@@ -120,6 +128,7 @@ TEST(HangReports, EachFailureLeavesNoFileAndSpendsNoCredit) {
     world.logs.clear();
     viewer.reportHang(1500ms, Save::yes);
     EXPECT_TRUE(world.logs.hasPrefix(Level::standard, failure.line)) << world.logs.dump();
+    EXPECT_EQ(world.analytics.added[std::string("com.corvix.quorvel.") + failure.counter], 1);
     if (failure.what == std::string("no library")) {
       EXPECT_EQ(world.lines(Level::standard),
                 (std::vector<std::string>{
@@ -248,7 +257,8 @@ TEST(HangReports, OneFenceCaptureServesAllFenceHangsOfASecond) {
   EXPECT_TRUE(world.logged(Level::debug, "dealloc for viewer"));
   EXPECT_EQ(viewer.memory().mappings(), 0);
   EXPECT_EQ(world.analytics.added["com.corvix.quorvel.QVLogsFenceHang.PreKelvane"], 2);
-  EXPECT_TRUE(world.analytics.distributions.empty());
+  EXPECT_EQ(world.analytics.added["com.corvix.quorvel.QVReportsRefused.fence-pending"], 1);
+  EXPECT_EQ(world.analytics.distributions.size(), 1u) << "but for the capture's own";
 }
 
 TEST(HangReports, AFailedFenceCaptureSpendsNothingAndMakesRoomForTheNext) {

@@ -1,5 +1,5 @@
-"""What collectors get: the documented SQL on a real PostgreSQL with 100,000 lines, the rules and the dashboard in promtool's eyes,
-and every metric of a running daemon in its documents."""
+"""What collectors get: the documented SQL on a real PostgreSQL with 100,000 lines; the counters of a running daemon in a real
+Prometheus, by way of node_exporter, with every expression of the rules and the dashboard; and every metric in its documents."""
 import json
 import os
 import pathlib
@@ -8,14 +8,23 @@ import re
 import shutil
 import subprocess
 import tempfile
+import threading
+import time
 import unittest
+import urllib.error
+import urllib.parse
+import urllib.request
 
+from dbus_peer import Int64
 from scratch import ScratchTest
-from waiting import until
+from waiting import PATIENCE, until
 
 TREE = pathlib.Path(__file__).parents[2]
 INITDB = sorted(pathlib.Path("/usr/lib/postgresql").glob("*/bin/initdb"))
 PROMTOOL = shutil.which("promtool")
+PROMETHEUS = shutil.which("prometheus")
+NODE_EXPORTER = shutil.which("prometheus-node-exporter")
+RULES = TREE / "packaging/prometheus/quorveld.rules.yml"
 LINES = 100_000
 
 
@@ -92,7 +101,7 @@ class Metrics(ScratchTest):
         families = re.findall(r"^# TYPE (\S+)", text, re.MULTILINE)
         for family in families:
             self.assertIn(f"`{family}`", documents)
-        for expression in self.expressions() + [(TREE / "packaging/prometheus/quorveld.rules.yml").read_text()]:
+        for expression in self.expressions() + [RULES.read_text()]:
             for name in re.findall(r"(?<!:)\bquorveld_\w+", expression):
                 self.assertIn(re.sub(r"_(bucket|sum|count)$", "", name), families)
         if PROMTOOL:
@@ -100,13 +109,98 @@ class Metrics(ScratchTest):
             self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
 
     @unittest.skipUnless(PROMTOOL, "promtool (prometheus) is not installed")
-    def test_rules_and_panels_are_valid(self):
+    def test_the_first_event_of_a_counter_counts(self):
+        """Of each application since the daemon's start, that is; many hang once."""
+        def series(family, bundle, values, device="a"):
+            return {"series": f'{family}{{instance="{device}",job="devices",bundle="{bundle}",hang="MainThread"}}', "values": values}
+        count = "quorveld_duration_seconds_count"
+        refused = 'quorveld_events_total{instance="a",job="devices",key="com.corvix.quorvel.QVReportsRefused.daily-limit"}'
+        tests = [{
+            "interval": "1m",
+            "input_series": [
+                {"series": 'quorveld_build_info{instance="a",job="devices",version="1"}', "values": "1+0x3000"},
+                {"series": 'quorveld_build_info{instance="b",job="devices",version="1"}', "values": "_x2960 1+0x40"},
+                series(count, "first", "_x2970 1+0x30"),
+                series(count, "more", "3+0x2970 5+0x29"),
+                series(count, "restarted", "5+0x2950 _x20 1+0x28"),
+                series(count, "unseen", "_x2960 7+0x40", device="b"),  # nobody knows when
+                {"series": refused, "values": "_x2970 1+0x30"}],
+            "promql_expr_test": [
+                {"expr": "bundle:quorveld_hangs:increase1h", "eval_time": "2990m", "exp_samples": [
+                    {"labels": f'bundle:quorveld_hangs:increase1h{{bundle="{bundle}"}}', "value": value}
+                    for bundle, value in (("first", 1), ("more", 2), ("restarted", 1), ("unseen", 0))]}],
+            "alert_rule_test": [{"eval_time": "2990m", "alertname": "HangReportsAreRefused", "exp_alerts": [{
+                "exp_labels": {"severity": "info", "instance": "a", "job": "devices",
+                               "key": "com.corvix.quorvel.QVReportsRefused.daily-limit"},
+                "exp_annotations": {"summary": "a has used up its reports of the day"}}]}],
+        }]
         with tempfile.TemporaryDirectory() as folder:
-            panels = pathlib.Path(folder) / "panels.yml"
-            rules = [{"record": f"panel:{i}", "expr": expression} for i, expression in enumerate(self.expressions())]
-            panels.write_text(json.dumps({"groups": [{"name": "panels", "rules": rules}]}))  # JSON is YAML
-            subprocess.run([PROMTOOL, "check", "rules", panels, TREE / "packaging/prometheus/quorveld.rules.yml"], check=True,
-                           stdout=subprocess.DEVNULL, timeout=60)
+            cases = pathlib.Path(folder) / "cases.yml"
+            cases.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1m", "tests": tests}))  # JSON is YAML
+            told = subprocess.run([PROMTOOL, "test", "rules", cases], capture_output=True, text=True, timeout=PATIENCE)
+            self.assertEqual(told.returncode, 0, told.stdout + told.stderr)
+
+    def serve(self, *command):
+        """A server on a free port of the loopback interface. Returns its address, which it logs."""
+        server = subprocess.Popen([*command, "--web.listen-address=127.0.0.1:0"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                  text=True)
+        log = []
+        reader = threading.Thread(target=lambda: log.extend(iter(server.stderr.readline, "")))
+        reader.start()
+        for end in (server.stderr.close, reader.join, server.wait, server.kill):  # the last one first
+            self.addCleanup(end)
+        address = until(lambda: re.search(r'"?Listening on"? address=(127\.0\.0\.1:\d+)', "".join(log)), "the server's address")
+        return address[1]
+
+    @unittest.skipUnless(PROMETHEUS and NODE_EXPORTER, "prometheus and prometheus-node-exporter are not installed")
+    def test_a_real_prometheus_answers_every_expression(self):
+        daemon = self.daemon(start=False, QuorvelHangTimeoutDuration=1000.0, QuorvelLongHangDurationThreshold=60000.0)
+        daemon.write_preferences("com.corvix.quorvel", QuorvelEnableAppActivationLogging=True)
+        daemon.start()
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="quorveld-fleet-"))
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        exporter = self.serve(NODE_EXPORTER, "--collector.disable-defaults", "--collector.textfile",
+                              f"--collector.textfile.directory={daemon.root}/var/lib/quorveld")
+        configuration = folder / "prometheus.yml"
+        configuration.write_text(json.dumps({
+            "global": {"scrape_interval": "1s", "evaluation_interval": "1s"}, "rule_files": [str(RULES)],
+            "scrape_configs": [{"job_name": "devices", "static_configs": [{"targets": [exporter]}]}]}))
+        prometheus = self.serve(PROMETHEUS, f"--config.file={configuration}", f"--storage.tsdb.path={folder}/data")
+
+        def get(path, **arguments):
+            with urllib.request.urlopen(f"http://{prometheus}/api/v1/{path}?{urllib.parse.urlencode(arguments)}",
+                                        timeout=PATIENCE) as answer:
+                return json.load(answer)["data"]
+
+        def ask(expression, **arguments):
+            return get("query", query=expression, **arguments)["result"]
+
+        def is_ready():
+            try:
+                return ask("quorveld_build_info")
+            except urllib.error.HTTPError:  # "Service Unavailable" while it starts
+                return False
+
+        until(is_ready, "the first look at the counters")
+        sample = daemon.sample("--hang", "0.3", "--times", "7", "--report")
+        sample.communicate()
+        launcher = self.peer(daemon)
+        application = {"pid": Int64(os.getpid()), "bundle_id": "com.example.app", "app_activation_state": Int64(1)}
+        launcher.send(command=4, app_activation_type=Int64(1), **application)
+        launcher.send(command=5, **application)
+        for key in ("QVReportsRefused.process-limit", "QVLaunch.com.example.app"):
+            until(lambda: ask(f'{{key="com.corvix.quorvel.{key}"}}'), key)
+        self.assertEqual(ask("up{job='devices'}")[0]["value"][1], "1")
+        self.assertEqual(ask("node_textfile_scrape_error")[0]["value"][1], "0")
+        for expression in self.expressions():
+            # Growth takes two values to tell it by; what asks for yesterday is asked tomorrow.
+            until(lambda asked=expression: ask(asked) or ask(asked, time=time.time() + 86400), f"an answer to {expression}")
+        rules = [rule for group in until(lambda: self.evaluated(get("rules")["groups"]), "the rules") for rule in group["rules"]]
+        self.assertEqual([rule for rule in rules if rule["health"] != "ok"], [])
+        self.assertEqual(ask("bundle:quorveld_hangs:increase1h")[0]["metric"]["bundle"], "com.corvix.quorvel.sample")
+
+    def evaluated(self, groups):
+        return groups if groups and all(rule["health"] != "unknown" for group in groups for rule in group["rules"]) else None
 
 
 if __name__ == "__main__":
