@@ -1,5 +1,6 @@
 """What collectors get: the documented SQL on a real PostgreSQL with 100,000 lines; the counters of a running daemon in a real
 Prometheus, by way of node_exporter, with every expression of the rules and the dashboard; and every metric in its documents."""
+import gzip
 import json
 import os
 import pathlib
@@ -16,7 +17,7 @@ import urllib.parse
 import urllib.request
 
 from dbus_peer import Int64
-from scratch import ScratchTest
+from scratch import CACHE, CTL, ScratchTest
 from waiting import PATIENCE, until
 
 TREE = pathlib.Path(__file__).parents[2]
@@ -82,6 +83,64 @@ class Database(unittest.TestCase):
         self.assertEqual({row.split("|")[0] for row in new}, {f"{1000 + i:016}" for i in range(3)})
         self.assertAlmostEqual(sum(float(row.split("|")[2]) for row in causes), 100, delta=1)
         self.assertGreater(len(weeks), 30)
+
+
+class Collecting(ScratchTest):
+    """Both ways out of the spool, into a folder that is too small at first."""
+    REPORTS = 5
+
+    def setUp(self):
+        self.root = pathlib.Path(tempfile.mkdtemp(prefix="quorveld-fleet-"))
+        self.addCleanup(shutil.rmtree, self.root)
+        self.spool, self.upload = self.root / CACHE / "spool", self.root / "upload"
+        self.spool.mkdir(parents=True)
+        self.upload.mkdir()
+        self.reports = {}
+        for number in range(self.REPORTS):
+            reason = random.Random(number).randbytes(4000).hex()  # which gzip can't make much of
+            self.reports[f"MainThread-viewer-{number}.kelvane"] = json.dumps(
+                {"metadata": {"ServiceName": "MainThread", "ProcessPath": "/bin/viewer", "Reason": reason}})
+        for name, text in self.reports.items():
+            (self.spool / name).write_text(text)
+
+    def collect(self, shell, limited):
+        """What it returned, and what it left in the folder."""
+        shell = shell.replace("/var/root/Library/Caches/quorveld/spool", str(self.spool)).replace("/var/spool/upload", str(self.upload))
+        small = f"mount -t tmpfs -o size=16k none {self.upload}; " if limited else ""
+        command = ["unshare", "--mount"] if limited else []
+        environment = {**os.environ, "QUORVELD_ROOT": str(self.root), "PATH": f"{pathlib.Path(CTL).parent}:{os.environ['PATH']}"}
+        told = subprocess.run([*command, "sh", "-c", f"{small}({shell}); status=$?; ls {self.upload}; exit $status"], env=environment,
+                              capture_output=True, text=True, timeout=PATIENCE)
+        if limited:
+            self.assertIn("No space left on device", told.stderr)
+        return told.returncode, told.stdout.split()
+
+    def needs_mounts(self):
+        if subprocess.run(["unshare", "--mount", "mount", "-t", "tmpfs", "none", "/mnt"], capture_output=True).returncode != 0:
+            self.skipTest("no small file system can be mounted here (needs root)")
+
+    def test_a_full_disk_costs_no_report_whose_line_is_not_on_it(self):
+        self.needs_mounts()
+        shell = "quorvelctl reports export --delete-after -o /var/spool/upload/reports.ndjson"
+        self.assertEqual(self.collect(shell, limited=True)[0], 1)
+        self.assertEqual({path.name for path in self.spool.iterdir()}, set(self.reports))
+        self.assertEqual(self.collect(shell, limited=False), (0, ["reports.ndjson"]))
+        self.assertEqual(len((self.upload / "reports.ndjson").read_text().splitlines()), self.REPORTS)
+        self.assertEqual(list(self.spool.iterdir()), [])
+
+    def test_the_documented_way_of_whole_reports_loses_none(self):
+        self.needs_mounts()
+        (shell,) = re.findall(r"```sh\n(cd .*?)```", (TREE / "docs/fleet.md").read_text(), re.DOTALL)
+        left = self.collect(shell, limited=True)[1]
+        whole = {name for name in left if name.endswith(".gz")}
+        self.assertIn(len(whole), range(1, self.REPORTS))
+        self.assertEqual({path.name + ".gz" for path in self.spool.iterdir()} | whole, {name + ".gz" for name in self.reports})
+        for name, text in self.reports.items():
+            (self.spool / name).write_text(text)
+        self.collect(shell, limited=False)
+        self.assertEqual({path.name: gzip.decompress(path.read_bytes()).decode() for path in self.upload.iterdir()},
+                         {name + ".gz": text for name, text in self.reports.items()})
+        self.assertEqual(list(self.spool.iterdir()), [])
 
 
 class Metrics(ScratchTest):
