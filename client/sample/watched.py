@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """An application that quorveld watches, without libquorvel: plain D-Bus on a socket, and a shared region. Python's standard library.
 
-    watched.py [SECONDS]     works in turns of 100 ms; the third one hangs for SECONDS (8)
+    watched.py [SECONDS [TURNS]]     works in TURNS (5) turns of 100 ms; the third one hangs for SECONDS (8)
 
 What is sent, and how the region is laid out: docs/ipc.md.
 """
@@ -97,25 +97,54 @@ class Region:
         struct.pack_into("<I", self.bytes, FIRST_SLOT + slot * SLOT_BYTES + 16, 1)
 
 
-def watch(bundle_id, name):
-    """The connection, which lasts as long as the process is watched, and the region. A whole application connects again when the
-    connection is closed, and registers again."""
-    connection, region = connect(), Region()
-    body = dictionary({"command": ("x", 1), "shmem": ("h", 0), "bundle-id": ("s", bundle_id), "name": ("s", name)})
-    message = call(2, "/com/corvix/quorveld", "com.corvix.quorveld", "Message", body, descriptors=1)
-    sent = socket.send_fds(connection, [message], [region.descriptor])
-    connection.sendall(message[sent:])
-    return connection, region
+class Watched:
+    """This process, watched by the daemon that is there, by one that comes later, and again by one that was lost or that had
+    tracking turned off meanwhile: all of these close the connection, and whoever is to be watched registers anew."""
+
+    def __init__(self, bundle_id, name):
+        self.region = Region()
+        self.names = {"bundle-id": ("s", bundle_id), "name": ("s", name)}
+        self.connection = None
+        self.next_try = 0
+        self.process()
+
+    def process(self):
+        """For the main loop, now and then. Doesn't wait, but for the handshake."""
+        if self.connection and self.is_closed():
+            self.connection.close()
+            self.connection = None
+        if self.connection or time.monotonic() < self.next_try:
+            return
+        self.next_try = time.monotonic() + 1
+        try:
+            self.connection = connect()
+            body = dictionary({"command": ("x", 1), "shmem": ("h", 0), **self.names})
+            message = call(2, "/com/corvix/quorveld", "com.corvix.quorveld", "Message", body, descriptors=1)
+            sent = socket.send_fds(self.connection, [message], [self.region.descriptor])
+            self.connection.sendall(message[sent:])
+        except OSError:  # nobody there, or no longer
+            self.connection = None
+
+    def is_closed(self):
+        try:
+            while self.connection.recv(512, socket.MSG_DONTWAIT):
+                pass  # the answer to Hello; there is no other
+            return True
+        except BlockingIOError:
+            return False
+        except OSError:
+            return True
 
 
 def main():
     hang = float(sys.argv[1]) if len(sys.argv) > 1 else 8
-    connection, region = watch("com.example.python", "watched.py")
-    for turn in range(5):
-        region.begin(0, "PythonTurn")
+    turns = int(sys.argv[2]) if len(sys.argv) > 2 else 5
+    watched = Watched("com.example.python", "watched.py")
+    for turn in range(turns):
+        watched.process()
+        watched.region.begin(0, "PythonTurn")
         time.sleep(hang if turn == 2 else 0.1)
-        region.end(0)
-    connection.close()
+        watched.region.end(0)
 
 
 if __name__ == "__main__":

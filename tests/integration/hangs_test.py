@@ -46,13 +46,21 @@ class SampleApplication(ScratchTest):
     def test_an_application_in_python_needs_no_library(self):
         daemon = self.daemon(QuorvelHangTimeoutDuration=1000.0)
         source = pathlib.Path(__file__).parents[2] / "client/sample/watched.py"
-        watched = subprocess.Popen([sys.executable, source, "8"], env=daemon.environment())
+        watched = subprocess.Popen([sys.executable, source, "8", "10000"], env=daemon.environment())
         self.addCleanup(watched.wait)
         self.addCleanup(watched.kill)
         daemon.wait_for(": Hang detected")
         (name,) = daemon.filed()
         self.assertRegex(name, r"^PythonTurn-python")
-        self.assertEqual(watched.wait(PATIENCE), 0)
+        # Tracking goes off and on again, and the daemon forgets whom it watched.
+        self.assertEqual(daemon.log().count("| watched.py"), 1)
+        for enabled in (False, True):
+            daemon.write_preferences(QuorvelEnabled=enabled, QuorvelEnableMemoryLogging=True, QuorvelHangTimeoutDuration=1000.0)
+            daemon.process.send_signal(signal.SIGHUP)
+            daemon.wait_for(f"Hang Tracing {'Enabled' if enabled else 'Disabled'}", count=2 if enabled else 1)
+        daemon.wait_for("| watched.py", count=2)
+        self.assertIsNone(watched.poll())
+        watched.kill()
         daemon.wait_for(f"Client disconnected: {watched.pid}")
 
     def test_an_application_that_does_not_block_leaves_nothing(self):
