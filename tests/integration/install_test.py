@@ -86,6 +86,9 @@ class Install(unittest.TestCase):
 
         version = self.version(self.flags(prefix))
         self.assertRegex(version, r"^\d+\.\d+\.\d+$")
+        # An application needs the C library and nothing else, and can be linked as a whole.
+        flags = [flag.replace("-lquorvel", "-l:libquorvel.a") for flag in self.flags(prefix)]
+        self.assertEqual(self.version([*flags, "-static"]), version)
         for name in ("quorveld", "quorvelctl", "kelvanectl", "quorvel-sample"):
             for program in prefix.glob(f"*bin/{name}"):
                 self.assertEqual(run(program, "--version"), f"{name} {version}\n")
