@@ -154,6 +154,7 @@ void AppActivationTracker::begin(const Announcement& announced) {
   auto place = activationPlaces_.tryTake(announced.ownerUid);
   auto timeoutPlace = timeoutPlaces_.tryTake(announced.ownerUid);
   if (!place || !timeoutPlace) {
+    countLeftOut("in-flight");
     lossLog().standard("QVActivationStats: Too many activations at once, ignoring the begin of %s",
                        key.c_str());
     return;
@@ -161,6 +162,7 @@ void AppActivationTracker::begin(const Announcement& announced) {
   const std::shared_ptr<AppActivation> activation = tryBegin(announced);
   if (!activation) {
     if (appActivationDictionary_.empty()) looks_.forget();
+    countLeftOut("memory");
     lossLog().standard(
         "QVActivationStats: Too many activations at once for their memory, ignoring the begin of %s",
         key.c_str());
@@ -279,12 +281,15 @@ void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& act
         "Number Of Activations:%d",
         activation->bundleID().c_str(), stateName(activation->appActivationStartState()),
         stateName(ended.state), static_cast<int>(recorded));
-    if (reportingMethod_ != 0)
+    if (reportingMethod_ != 0) {
+      countLeftOut("daily-limit");
       leaveOut(*activation, ended.ownerUid, formatted("the day's maximum of %u is reached", recorded));
+    }
     return;
   }
   auto place = reportPlaces_.tryTake(ended.ownerUid);
   if (!place) {
+    countLeftOut("waiting");
     lossLog().standard("QVActivationStats: Too many activations wait for their report, none is made of %s",
                        ended.key().c_str());
     return;
@@ -318,6 +323,13 @@ void AppActivationTracker::countLaunch(const AppActivation& activation, uint32_t
             .uid = ownerUid, .pid = pid, .hang = {}, .bundle = bundleID, .process = {}};
         platform::current().analytics.pushDistribution("com.corvix.quorvel.QVLaunch." + bundleID, ms, owner);
       });
+}
+
+/// An activation that no record will show, for a `reason` of docs/metrics.md.
+void AppActivationTracker::countLeftOut(const char* reason) {
+  workQueue_.async([key = std::string("com.corvix.quorvel.QVLaunchesLeftOut.") + reason] {
+    platform::current().analytics.addToScalar(key, 1, {});
+  });
 }
 
 void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64_t endTimeMs) {

@@ -89,6 +89,7 @@ class AppActivationTracker {
   /// Says so to who waits for the activation's record.
   void leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason);
   void countLaunch(const AppActivation& activation, uint32_t ownerUid);
+  void countLeftOut(const char* reason);
   void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 

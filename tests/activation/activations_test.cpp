@@ -165,6 +165,7 @@ TEST(Activations, TheDailyMaximumHolds) {
   EXPECT_EQ(world.powerLog.events.size(), 2u);
   EXPECT_EQ(world.analytics.distributions["com.corvix.quorvel.QVLaunch.app"].size(),
             3u);  // counted all the same
+  EXPECT_EQ(world.analytics.added["com.corvix.quorvel.QVLaunchesLeftOut.daily-limit"], 1);
   EXPECT_TRUE(world.logged(Level::standard,
                            "QVActivationStats: Activation not recorded for:app StartState:Foreground "
                            "EndState:Foreground Number Of Activations:2"));
@@ -215,6 +216,8 @@ TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
   EXPECT_EQ(world.kernel.looks, static_cast<int>(kMaxActivationsInFlight));
   EXPECT_TRUE(world.logged(
       Level::standard, "QVActivationStats: Too many activations at once, ignoring the begin of 1025:storm"));
+  EXPECT_EQ(world.analytics.added["com.corvix.quorvel.QVLaunchesLeftOut.in-flight"],
+            3000 - int64_t{kMaxActivationsInFlight});
   world.logs.clear();
   world.advance(61s);
   for (size_t pid = 1; pid <= kMaxActivationsInFlight; ++pid) {
