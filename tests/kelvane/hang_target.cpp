@@ -161,10 +161,12 @@ Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate) {
   return dumpWith(headerOf(pid, threadId).dump().c_str(), symbolicate);
 }
 
-bool Dump::wasShortOfCpu() const {
-  const Json& pressure = report["metadata"]["verdict"]["pressure"];
+bool isShortOfCpu() {
+  std::ifstream pressure("/proc/pressure/cpu");
+  std::string text{std::istreambuf_iterator<char>(pressure), {}};
+  double some10 = 0;
   constexpr double kBusyPercent = 30;
-  return pressure.contains("cpu") && pressure["cpu"]["some10"] >= kBusyPercent;
+  return sscanf(text.c_str(), "some avg10=%lf", &some10) == 1 && some10 >= kBusyPercent;
 }
 
 size_t openDescriptors() {

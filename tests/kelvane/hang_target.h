@@ -69,10 +69,11 @@ struct Dump {
   std::vector<std::string> stackOf(pid_t tid) const;
   /// The thread's entry in "threads"; null if it has none.
   Json thread(pid_t tid) const;
-  /// Whether others had the CPUs so much that a look at a process may run out of time, going by this report.
-  /// By itself it takes a fifth of its time or less.
-  bool wasShortOfCpu() const;
 };
+
+/// Whether others have the CPUs so much that a look at a process may run out of time; by itself it takes a
+/// fifth of its time or less. Going by /proc/pressure/cpu: a report may be so late that it says nothing.
+bool isShortOfCpu();
 
 /// Makes a report through the library into a fresh file; null text: no ReasonString option.
 Dump dumpWith(const char* reason, bool symbolicate = true);

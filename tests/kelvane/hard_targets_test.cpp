@@ -71,13 +71,11 @@ TEST(HardTargets, ThousandsOfThreadsAreBounded) {
   HangTarget victim("sleepers", 2000);
   Dump dump = dumpOf(victim.pid(), victim.thread());
   EXPECT_TRUE(dump.whole);
-  EXPECT_LT(dump.took, kelvane::kReportBudget);
   EXPECT_EQ(victim.threadStates().find_first_of("Tt"), std::string::npos);
   const bool isCut = dump.text.find("the time for the capture was over") != std::string::npos ||
                      dump.text.find("the kernel held up") != std::string::npos;
-  if ((isCut || dump.took >= 3s) && dump.wasShortOfCpu()) {
-    GTEST_SKIP() << "others had the CPUs for much of the time for the capture: "
-                 << dump.report["metadata"]["verdict"]["pressure"];
+  if ((isCut || dump.took >= 3s) && isShortOfCpu()) {
+    GTEST_SKIP() << "others had the CPUs for much of the " << dump.took.count() << " ms for the capture";
   }
   EXPECT_LT(dump.took, 3s);
   EXPECT_EQ(dump.report["metadata"]["capture"]["threads"], 2001);
