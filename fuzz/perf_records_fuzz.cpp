@@ -40,12 +40,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const kelvane::KeptSamples kept =
       kelvane::readKeptSamples(std::string(reinterpret_cast<const char*>(data), size));
-  const kelvane::ClockMark whole[] = {{0, 0, 0, 0}, {kWindowNs, head, head, head}};
+  const kelvane::ClockMark whole[] = {{}, {kWindowNs, head, head, head, head}};
   for (const auto marks : {std::span<const kelvane::ClockMark>(whole), std::span(kept.marks)}) {
     uint64_t atNs = 0;
     for (const kelvane::Stretch& stretch : kelvane::divideTime(times, marks, 0, kWindowNs).stretches) {
       require(stretch.fromNs >= atNs && stretch.toNs > stretch.fromNs && stretch.toNs <= kWindowNs);
-      require(stretch.onCpuNs + stretch.readyNs + stretch.waitedNs == stretch.toNs - stretch.fromNs);
+      require(stretch.onCpuNs + stretch.preemptedNs + stretch.waitedNs + stretch.wokenNs ==
+              stretch.toNs - stretch.fromNs);
       atNs = stretch.toNs;
     }
   }

@@ -107,29 +107,31 @@ ThreadCapture readThread(WireReader& in) {
 
 void writeSample(WireWriter& out, const SampledStack& sample) {
   const SampleTimes& times = sample.times;
-  for (const uint64_t value : {times.atNs, times.cpuNs, times.switches, times.waitNs, uint64_t{times.leftCpu},
-                               uint64_t{times.inCall}})
+  for (const uint64_t value : {times.atNs, times.cpuNs, times.switches, times.preemptedNs, times.awayNs,
+                               uint64_t{times.leftCpu}, uint64_t{times.wasPreempted}})
     out.number(value);
   writeAll(out, sample.frames, writeNumber);
 }
 
 SampledStack readSample(WireReader& in) {
   SampledStack sample;
-  for (uint64_t* value :
-       {&sample.times.atNs, &sample.times.cpuNs, &sample.times.switches, &sample.times.waitNs})
+  for (uint64_t* value : {&sample.times.atNs, &sample.times.cpuNs, &sample.times.switches,
+                          &sample.times.preemptedNs, &sample.times.awayNs})
     *value = in.number();
-  for (bool* flag : {&sample.times.leftCpu, &sample.times.inCall}) *flag = in.number() != 0;
+  for (bool* flag : {&sample.times.leftCpu, &sample.times.wasPreempted}) *flag = in.number() != 0;
   sample.frames = readFrameIndices(in);
   return sample;
 }
 
 void writeMark(WireWriter& out, const ClockMark& mark) {
-  for (const uint64_t value : {mark.atNs, mark.cpuNs, mark.switches, mark.readyNs}) out.number(value);
+  for (const uint64_t value : {mark.atNs, mark.cpuNs, mark.switches, mark.preemptedNs, mark.readyNs})
+    out.number(value);
 }
 
 ClockMark readMark(WireReader& in) {
   ClockMark mark;
-  for (uint64_t* value : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.readyNs}) *value = in.number();
+  for (uint64_t* value : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.preemptedNs, &mark.readyNs})
+    *value = in.number();
   return mark;
 }
 

@@ -44,22 +44,22 @@ SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& pro
   time_ = divideTime(times, process.clockMarks, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
 }
 
-uint32_t SampledTrack::ranIn(const Stretch& stretch) const {
-  return stretch.ranIn ? stacks_[*stretch.ranIn] : 0;
+uint32_t SampledTrack::stackOf(std::optional<size_t> sample) const {
+  return sample ? stacks_[*sample] : 0;
 }
 
 uint32_t SampledTrack::waitedIn(const Stretch& stretch) const {
-  if (time_.neverRan) return look_;
-  return stretch.waitedIn ? stacks_[*stretch.waitedIn] : 0;
+  return time_.neverRan ? look_ : stackOf(stretch.waitedIn);
 }
 
 void SampledTrack::writeTable(JsonWriter& json) const {
   if (isEmpty()) return;
   std::map<uint32_t, TimeSpent> byStack;
   for (const Stretch& stretch : time_.stretches) {
-    byStack[ranIn(stretch)].onCpuNs += stretch.onCpuNs;
+    byStack[stackOf(stretch.ranIn)].onCpuNs += stretch.onCpuNs;
+    byStack[stackOf(stretch.preemptedIn)].readyNs += stretch.preemptedNs;
     TimeSpent& waited = byStack[waitedIn(stretch)];
-    waited.readyNs += stretch.readyNs;
+    waited.readyNs += stretch.wokenNs;
     waited.waitedNs += stretch.waitedNs;
   }
   const TimeSpent notSeen = byStack[0];
@@ -92,13 +92,19 @@ void SampledTrack::writeTable(JsonWriter& json) const {
   json.endObject();
 }
 
-/// In a stretch the wait comes first, then what the thread did when it had gone on, up to the next sample.
+/// In a stretch what kept the thread off the CPU comes first, then what it did when it had gone on, up to the
+/// next sample.
 std::vector<SampledTrack::Segment> SampledTrack::segments() const {
   std::vector<Segment> segments;
   for (const Stretch& stretch : time_.stretches) {
+    const uint64_t waitedTo = stretch.fromNs + stretch.waitedNs + stretch.wokenNs;
     const uint64_t wentOnNs = stretch.toNs - stretch.onCpuNs;
-    if (wentOnNs > stretch.fromNs) segments.push_back({stretch.fromNs, wentOnNs, waitedIn(stretch)});
-    if (stretch.toNs > wentOnNs) segments.push_back({wentOnNs, stretch.toNs, ranIn(stretch)});
+    const auto add = [&](uint64_t fromNs, uint64_t toNs, uint32_t stack) {
+      if (toNs > fromNs) segments.push_back({fromNs, toNs, stack});
+    };
+    add(stretch.fromNs, waitedTo, waitedIn(stretch));
+    add(waitedTo, wentOnNs, stackOf(stretch.preemptedIn));
+    add(wentOnNs, stretch.toNs, stackOf(stretch.ranIn));
   }
   return segments;
 }

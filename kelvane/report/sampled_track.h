@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "kelvane/capture/captured_process.h"
@@ -33,7 +35,7 @@ class SampledTrack {
     uint32_t stack = 0;
   };
 
-  uint32_t ranIn(const Stretch& stretch) const;
+  uint32_t stackOf(std::optional<size_t> sample) const;
   uint32_t waitedIn(const Stretch& stretch) const;
   std::vector<Segment> segments() const;
   void beginEvent(JsonWriter& json, const char* phase, const std::string& name, const char* category,

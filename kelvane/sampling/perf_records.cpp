@@ -17,8 +17,6 @@ constexpr std::array<uint8_t, 17> kDwarfNumbers = {0, 3, 2, 1, 4, 5, 6, 7, 16, 8
 constexpr size_t kPcAt = 8;
 constexpr size_t kSpAt = 7;
 constexpr size_t kDwarfCount = 17;
-/// The instruction that calls the kernel leaves the program counter there, too.
-constexpr std::optional<size_t> kCallCopyOfPcAt = 2;
 #elif defined(__aarch64__)
 // X0 to X30, SP, PC.
 constexpr uint64_t kUserRegisters = 0x1'FFFF'FFFF;
@@ -28,14 +26,12 @@ constexpr std::array<uint8_t, 32> kDwarfNumbers = {0,  1,  2,  3,  4,  5,  6,  7
 constexpr size_t kPcAt = 32;
 constexpr size_t kSpAt = 31;
 constexpr size_t kDwarfCount = 32;
-constexpr std::optional<size_t> kCallCopyOfPcAt = std::nullopt;
 #else
 constexpr uint64_t kUserRegisters = 0;  // how DWARF numbers them is not known here
 constexpr std::array<uint8_t, 1> kDwarfNumbers = {0};
 constexpr size_t kPcAt = 0;
 constexpr size_t kSpAt = 0;
 constexpr size_t kDwarfCount = 0;
-constexpr std::optional<size_t> kCallCopyOfPcAt = std::nullopt;
 #endif
 constexpr auto kWordCount = static_cast<size_t>(__builtin_popcountll(kUserRegisters));
 
@@ -74,7 +70,7 @@ std::optional<SampleTimes> takeTimes(RecordReader& in, uint64_t switchId) {
   return times;
 }
 
-bool takeRegisters(RecordReader& in, UnwindRegisters& registers, bool& inCall) {
+bool takeRegisters(RecordReader& in, UnwindRegisters& registers) {
   uint64_t kind = 0;
   if (kWordCount == 0 || !in.take(kind) || kind != PERF_SAMPLE_REGS_ABI_64) return false;
   std::array<uint64_t, std::max<size_t>(kWordCount, 1)> words{};
@@ -83,7 +79,6 @@ bool takeRegisters(RecordReader& in, UnwindRegisters& registers, bool& inCall) {
   registers.count = kDwarfCount;
   registers.pc = words[kPcAt];
   registers.sp = words[kSpAt];
-  inCall = kCallCopyOfPcAt && words[*kCallCopyOfPcAt] == registers.pc;
   return true;
 }
 
@@ -117,6 +112,16 @@ std::optional<SampleTimes> sampleTimes(std::span<const std::byte> record, uint64
   return takeTimes(in, switchId);
 }
 
+std::optional<CpuSwitch> cpuSwitch(std::span<const std::byte> record) {
+  RecordReader in(record);
+  perf_event_header header{};
+  CpuSwitch change;
+  if (!in.take(header) || header.type != PERF_RECORD_SWITCH || !in.take(change.atNs)) return std::nullopt;
+  change.isLeave = (header.misc & PERF_RECORD_MISC_SWITCH_OUT) != 0;
+  change.isPreemption = change.isLeave && (header.misc & PERF_RECORD_MISC_SWITCH_OUT_PREEMPT) != 0;
+  return change;
+}
+
 std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint64_t switchId) {
   RecordReader in(record);
   ThreadSample sample;
@@ -124,7 +129,7 @@ std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint6
   uint64_t size = 0;
   if (!times) return std::nullopt;
   sample.times = *times;
-  if (!takeRegisters(in, sample.stack.registers, sample.times.inCall) || !in.take(size)) return std::nullopt;
+  if (!takeRegisters(in, sample.stack.registers) || !in.take(size)) return std::nullopt;
   sample.stack.atNs = times->atNs;
   sample.stack.base = sample.stack.registers.sp;
   uint64_t own = 0;

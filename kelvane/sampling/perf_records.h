@@ -19,6 +19,13 @@ namespace kelvane {
 //   counters   24   2, then the thread's CPU time in ns, then how often it has left the CPU
 //   registers   8   2 for a 64-bit program, then a word for each bit of userRegistersMask(); or 0
 //   stack       8   the size, as many bytes, then how many of these are the thread's (8; not if size is 0)
+//
+// and, each time that the thread leaves the CPU or is given one, a record of this alone, after the sample of
+// the leave if there is one; `misc` says which of both, and whether it could have gone on:
+//
+//   header      type 4, misc 2, size 2
+//   time        8   CLOCK_MONOTONIC
+//   id          8
 
 /// PERF_SAMPLE_REGS_USER's mask of this machine; 0: not known here.
 uint64_t userRegistersMask();
@@ -28,9 +35,13 @@ struct SampleTimes {
   uint64_t atNs = 0;      // CLOCK_MONOTONIC
   uint64_t cpuNs = 0;     // the thread's CPU time since it is sampled
   uint64_t switches = 0;  // how often it has left the CPU since, this time included
-  uint64_t waitNs = 0;    // how long it was off the CPU, if it left and a next sample told; told by a store
   bool leftCpu = false;   // taken because it left the CPU, not because of CPU time spent
-  bool inCall = false;  // in a system call; only told of whole samples, and where the machine's registers do
+
+  // What the records of its switches add; told by a store.
+  uint64_t preemptedNs =
+      0;                // how long, since it is sampled, it had been kept off the CPU though it could go on
+  uint64_t awayNs = 0;  // if it left the CPU: for how long; 0: not told
+  bool wasPreempted = false;  // it left the CPU to others, not to wait
 
   bool operator==(const SampleTimes&) const = default;
 };
@@ -38,9 +49,17 @@ struct SampleTimes {
 /// A moment at which a thread's clocks were read.
 struct ClockMark {
   uint64_t atNs = 0;   // CLOCK_MONOTONIC
-  uint64_t cpuNs = 0;  // these two as in SampleTimes
+  uint64_t cpuNs = 0;  // these as in SampleTimes
   uint64_t switches = 0;
+  uint64_t preemptedNs = 0;
   uint64_t readyNs = 0;  // in all its life: ready to run, but not given a CPU
+};
+
+/// The thread has left the CPU, or been given one.
+struct CpuSwitch {
+  uint64_t atNs = 0;  // CLOCK_MONOTONIC
+  bool isLeave = false;
+  bool isPreemption = false;  // a leave, although it could have gone on
 };
 
 struct ThreadSample {
@@ -56,6 +75,9 @@ std::vector<RecordBytes> recordsSince(std::span<const std::byte> ring, uint64_t 
 
 /// The times of a sample; nothing if the record is something else or too short for them.
 std::optional<SampleTimes> sampleTimes(std::span<const std::byte> record, uint64_t switchId);
+
+/// Nothing if the record is something else or too short.
+std::optional<CpuSwitch> cpuSwitch(std::span<const std::byte> record);
 
 /// A whole sample; nothing if a length in it leads out of the record, or it is not of a 64-bit program.
 std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint64_t switchId);

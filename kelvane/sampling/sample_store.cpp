@@ -1,29 +1,37 @@
 #include "kelvane/sampling/sample_store.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "kelvane/base/limits.h"
 
 namespace kelvane {
-namespace {
-
-/// 0 if the thread left the CPU once more before the next sample: there were other waits.
-uint64_t waitBetween(const SampleTimes& leaving, const SampleTimes& next) {
-  const uint64_t leaves = next.switches - leaving.switches;
-  const uint64_t spentNs = next.cpuNs - leaving.cpuNs;
-  const uint64_t lengthNs = next.atNs - leaving.atNs;
-  const bool isOnlyOne = leaving.leftCpu && leaves == (next.leftCpu ? 1u : 0u);
-  return isOnlyOne && spentNs < lengthNs ? lengthNs - spentNs : 0;
-}
-
-}  // namespace
-
 void SampleStore::add(RecordBytes record, uint64_t switchId) {
-  const auto times = sampleTimes(record, switchId);
+  if (const auto change = cpuSwitch(record)) return note(*change);
+  auto times = sampleTimes(record, switchId);
   if (!times || (!kept_.empty() && times->atNs < kept_.back().times.atNs)) return;
-  if (!kept_.empty()) kept_.back().times.waitNs = waitBetween(kept_.back().times, *times);
+  times->preemptedNs = preemptedNs(times->atNs);
+  isOfSample_ = times->leftCpu;
   kept_.push_back({*times, std::move(record)});
   if (kept_.size() > kMaxKeptSamples) thinOut();
+}
+
+void SampleStore::note(const CpuSwitch& change) {
+  if (change.isLeave) {
+    if (isOfSample_) kept_.back().times.wasPreempted = change.isPreemption;
+    left_ = change;
+    return;
+  }
+  const uint64_t awayNs = left_ ? change.atNs - std::min(left_->atNs, change.atNs) : 0;
+  if (left_ && left_->isPreemption) preemptedNs_ += awayNs;
+  if (isOfSample_) kept_.back().times.awayNs = awayNs;
+  isOfSample_ = false;
+  left_.reset();
+}
+
+uint64_t SampleStore::preemptedNs(uint64_t atNs) const {
+  const bool goesOn = left_ && left_->isPreemption;
+  return preemptedNs_ + (goesOn ? atNs - std::min(left_->atNs, atNs) : 0);
 }
 
 void SampleStore::thinOut() {

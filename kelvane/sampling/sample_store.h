@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "kelvane/sampling/perf_records.h"
@@ -20,14 +21,21 @@ class SampleStore {
     RecordBytes record;
   };
 
-  /// Samples come in the order of their times; one that doesn't, and whatever is no sample, is dropped.
+  /// Records come in the order of their times. A sample that doesn't is dropped, and so is whatever is
+  /// neither a sample nor a switch.
   void add(RecordBytes record, uint64_t switchId);
   const std::vector<Kept>& kept() const { return kept_; }
+  /// SampleTimes::preemptedNs at `atNs`, after all records added.
+  uint64_t preemptedNs(uint64_t atNs) const;
 
  private:
+  void note(const CpuSwitch& change);
   void thinOut();
 
   std::vector<Kept> kept_;
+  std::optional<CpuSwitch> left_;  // it has not been given a CPU since
+  bool isOfSample_ = false;   // the last sample is of that leave, or of the one that will be told of next
+  uint64_t preemptedNs_ = 0;  // without the one that may be going on
 };
 
 }  // namespace kelvane

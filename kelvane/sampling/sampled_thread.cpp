@@ -71,6 +71,8 @@ int SampledThread::open() {
   if (!clock_) return errno;
   perf_event_attr switches = eventOf(PERF_COUNT_SW_CONTEXT_SWITCHES);
   switches.sample_period = 1;
+  switches.context_switch = 1;
+  switches.sample_id_all = 1;
   switches_ = openEvent(switches, tid_, clock_.get());
   if (!switches_ || ioctl(switches_.get(), PERF_EVENT_IOC_ID, &switchId_) != 0) return errno;
   // The number may have passed to another process's thread before the events were there: nothing has been
@@ -129,6 +131,7 @@ void SampledThread::markClocks() {
   if (got != sizeof counters) return;
   mark.cpuNs = counters[1];
   mark.switches = counters[2];
+  mark.preemptedNs = store_.preemptedNs(mark.atNs);
   // proc(5): time on a CPU, then time in a queue for one.
   const std::string text =
       readFileAt(process_.get(), taskPath(tid_, "schedstat").c_str(), kMaxProcFileBytes).text;
@@ -152,11 +155,13 @@ std::string SampledThread::encoded() const {
   out.number(switchId_);
   out.number(marks_.size());
   for (const ClockMark& mark : marks_) {
-    for (const uint64_t clock : {mark.atNs, mark.cpuNs, mark.switches, mark.readyNs}) out.number(clock);
+    for (const uint64_t clock : {mark.atNs, mark.cpuNs, mark.switches, mark.preemptedNs, mark.readyNs})
+      out.number(clock);
   }
   out.number(store_.kept().size());
   for (const SampleStore::Kept& kept : store_.kept()) {
-    out.number(kept.times.waitNs);
+    for (const uint64_t told : {kept.times.preemptedNs, kept.times.awayNs, uint64_t{kept.times.wasPreempted}})
+      out.number(told);
     out.text({reinterpret_cast<const char*>(kept.record.data()), kept.record.size()});
   }
   return out.bytes();
@@ -171,15 +176,20 @@ KeptSamples readKeptSamples(const std::string& bytes) {
   const uint64_t switchId = in.number();
   for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
     ClockMark mark;
-    for (uint64_t* clock : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.readyNs}) *clock = in.number();
+    for (uint64_t* clock : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.preemptedNs, &mark.readyNs})
+      *clock = in.number();
     if (!in.failed()) kept.marks.push_back(mark);
   }
   for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
-    const uint64_t waitNs = in.number();
+    const uint64_t preemptedNs = in.number();
+    const uint64_t awayNs = in.number();
+    const bool wasPreempted = in.number() != 0;
     const std::string record = in.text();
     auto sample = parseSample(std::as_bytes(std::span(record)), switchId);
     if (!sample) continue;
-    sample->times.waitNs = waitNs;
+    sample->times.preemptedNs = preemptedNs;
+    sample->times.awayNs = awayNs;
+    sample->times.wasPreempted = wasPreempted;
     kept.samples.push_back(std::move(*sample));
   }
   return kept;

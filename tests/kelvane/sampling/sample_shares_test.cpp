@@ -11,13 +11,20 @@ constexpr uint64_t kMillisecond = 1'000'000;
 constexpr int kNotSeen = -1;
 
 SampleTimes onCpu(uint64_t atMs, uint64_t cpuMs, uint64_t switches) {
-  return {atMs * kMillisecond, cpuMs * kMillisecond, switches, 0, false, false};
+  return {atMs * kMillisecond, cpuMs * kMillisecond, switches};
 }
-SampleTimes leaving(uint64_t atMs, uint64_t cpuMs, uint64_t switches, bool inCall = true) {
-  return {atMs * kMillisecond, cpuMs * kMillisecond, switches, 0, true, inCall};
+SampleTimes leaving(uint64_t atMs, uint64_t cpuMs, uint64_t switches) {
+  return {atMs * kMillisecond, cpuMs * kMillisecond, switches, true};
+}
+/// At a sample of a leave: preempted, after having been so for `beforeMs`.
+SampleTimes preempted(SampleTimes leave, uint64_t beforeMs, uint64_t awayMs) {
+  leave.preemptedNs = beforeMs * kMillisecond;
+  leave.awayNs = awayMs * kMillisecond;
+  leave.wasPreempted = true;
+  return leave;
 }
 ClockMark mark(uint64_t atMs, uint64_t cpuMs, uint64_t switches, uint64_t readyMs = 0) {
-  return {atMs * kMillisecond, cpuMs * kMillisecond, switches, readyMs * kMillisecond};
+  return {atMs * kMillisecond, cpuMs * kMillisecond, switches, 0, readyMs * kMillisecond};
 }
 
 struct Spent {
@@ -39,8 +46,10 @@ std::map<int, Spent> spentIn(const SampledTime& time) {
   };
   for (const Stretch& stretch : time.stretches) {
     if (stretch.onCpuNs > 0) spent[index(stretch.ranIn)].onCpuMs += stretch.onCpuNs / kMillisecond;
-    if (stretch.readyNs + stretch.waitedNs == 0) continue;
-    spent[index(stretch.waitedIn)].readyMs += stretch.readyNs / kMillisecond;
+    if (stretch.preemptedNs > 0)
+      spent[index(stretch.preemptedIn)].readyMs += stretch.preemptedNs / kMillisecond;
+    if (stretch.wokenNs + stretch.waitedNs == 0) continue;
+    spent[index(stretch.waitedIn)].readyMs += stretch.wokenNs / kMillisecond;
     spent[index(stretch.waitedIn)].waitedMs += stretch.waitedNs / kMillisecond;
   }
   return spent;
@@ -81,43 +90,52 @@ TEST(SampleShares, LeavesThatWereNotSeenExplainShortWaitsOnly) {
   EXPECT_EQ(spent[0].waitedMs, 60u);
   EXPECT_EQ(spent[1].waitedMs, 0u);
   EXPECT_EQ(spent[kNotSeen].waitedMs, 1915u);
-  // A store that has let the samples between go still knows how long the first wait was.
+  // Where the wait's own length is known, only the rest has to be explained.
   std::vector<SampleTimes> thinned = samples;
-  thinned[1].waitNs = 1900 * kMillisecond;
+  thinned[1].awayNs = 1900 * kMillisecond;
   EXPECT_EQ(spentIn(divideTime(thinned, marks, 0, 2000 * kMillisecond))[1].waitedMs, 1910u);
 }
 
-TEST(SampleShares, WhoWasPreemptedWasReadyBeforeWhoCalledTheKernel) {
-  // 100 ms preempted, then 300 in a call, at the end of which it waited 50 for a CPU.
-  const std::vector<SampleTimes> samples = {leaving(100, 100, 1, false), leaving(300, 200, 2)};
-  const std::vector<ClockMark> marks = {mark(0, 0, 0, 7), mark(600, 200, 2, 157)};
+TEST(SampleShares, WhoWasPreemptedWasReadyWhereItRanWhateverElseItWaitedFor) {
+  // 100 ms preempted, then 300 in a wait, at the end of which it was given no CPU for 50.
+  std::vector<SampleTimes> samples = {preempted(leaving(100, 100, 1), 0, 100), leaving(300, 200, 2)};
+  std::vector<ClockMark> marks = {mark(0, 0, 0, 7), mark(600, 200, 2, 157)};
+  samples[1].preemptedNs = marks[1].preemptedNs = 100 * kMillisecond;
   EXPECT_EQ(spentIn(divideTime(samples, marks, 0, 600 * kMillisecond)),
             (std::map<int, Spent>{{0, {100, 100, 0}}, {1, {100, 50, 250}}}));
+  // 3 ms preempted; then a sleep of 43 ms, whose sample was let go, and 10 ms preempted in what it then ran.
+  samples = {preempted(leaving(100, 100, 1), 0, 3), onCpu(186, 130, 3)};
+  marks = {mark(0, 0, 0), mark(196, 140, 3, 13)};
+  samples[1].preemptedNs = marks[1].preemptedNs = 13 * kMillisecond;
+  EXPECT_EQ(spentIn(divideTime(samples, marks, 0, 196 * kMillisecond)),
+            (std::map<int, Spent>{{kNotSeen, {0, 0, 43}}, {0, {100, 0, 0}}, {1, {40, 13, 0}}}));
 }
 
-TEST(SampleShares, WhoWasPreemptedStandsForNoWaitOfAnotherKind) {
-  // 3 ms preempted; then a sleep of 43 ms, whose sample was let go.
-  std::vector<SampleTimes> samples = {leaving(100, 100, 1, false), onCpu(186, 140, 2)};
-  samples[0].waitNs = 3 * kMillisecond;
-  const std::vector<ClockMark> marks = {mark(0, 0, 0), mark(186, 140, 2, 3)};
-  EXPECT_EQ(spentIn(divideTime(samples, marks, 0, 186 * kMillisecond)),
-            (std::map<int, Spent>{{kNotSeen, {0, 3, 43}}, {0, {140, 0, 0}}}));
+TEST(SampleShares, EachWakeTakesItsShareOfTheTimeInTheQueueAndNotEachSecondOfSleep) {
+  // Four sleeps, of which one is long; it was given no CPU for 100 ms in all after them.
+  const std::vector<SampleTimes> samples = {leaving(10, 10, 1), leaving(60, 20, 2), leaving(110, 30, 3),
+                                            leaving(160, 40, 4)};
+  const std::vector<ClockMark> marks = {mark(0, 0, 0), mark(2160, 40, 4, 100)};
+  const auto spent = spentIn(divideTime(samples, marks, 0, 2160 * kMillisecond));
+  EXPECT_EQ(spent.at(0), (Spent{10, 25, 15}));
+  EXPECT_EQ(spent.at(3), (Spent{10, 25, 1975}));
 }
 
 /// Whoever unwinds foreign stacks may say anything of their times.
 TEST(SampleShares, LiesAboutTimesEndWithTheTimeThereIs) {
   constexpr uint64_t kMax = UINT64_MAX;
-  const std::vector<SampleTimes> samples = {{kMax, kMax, kMax, kMax, true, true},
-                                            {5, kMax, 0, kMax, true, false},
-                                            {6, 0, kMax, kMax, false, false},
-                                            {4, 1, 1, 1, true, true},
-                                            {900, kMax, kMax, kMax, true, true}};
-  for (const auto& marks : {std::vector<ClockMark>{{0, kMax, 0, kMax}, {3, 0, kMax, 0}, {1000, 7, 7, kMax}},
-                            std::vector<ClockMark>{{1000, 0, 0, 0}, {0, kMax, kMax, kMax}},
-                            std::vector<ClockMark>{{0, 0, 0, 0}, {kMax, kMax, kMax, kMax}}}) {
+  const std::vector<SampleTimes> samples = {{kMax, kMax, kMax, true, kMax, kMax, true},
+                                            {5, kMax, 0, true, 0, kMax, false},
+                                            {6, 0, kMax, false, kMax, kMax, true},
+                                            {4, 1, 1, true, 1, 1, true},
+                                            {900, kMax, kMax, true, kMax, kMax, true}};
+  for (const auto& marks :
+       {std::vector<ClockMark>{{0, kMax, 0, kMax, kMax}, {3, 0, kMax, 0, 0}, {1000, 7, 7, kMax, kMax}},
+        std::vector<ClockMark>{{1000, 0, 0, 0, 0}, {0, kMax, kMax, kMax, kMax}},
+        std::vector<ClockMark>{{0, 0, 0, 0, 0}, {kMax, kMax, kMax, kMax, kMax}}}) {
     uint64_t sumNs = 0;
     for (const Stretch& stretch : divideTime(samples, marks, 0, 1000).stretches)
-      sumNs += stretch.onCpuNs + stretch.readyNs + stretch.waitedNs;
+      sumNs += stretch.onCpuNs + stretch.preemptedNs + stretch.waitedNs + stretch.wokenNs;
     EXPECT_LE(sumNs, 1000u);
   }
 }

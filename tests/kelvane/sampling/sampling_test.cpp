@@ -105,7 +105,7 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
     for (const char* part : {"onCpuMs", "readyMs", "waitedMs"})
       sums[part] = sums[part].get<double>() + place[part].get<double>();
     Json& sum = contains(path, "waitsItsTurn") ? waits : crunches;
-    for (const char* part : {"onCpuMs", "waitedMs"})
+    for (const char* part : {"onCpuMs", "readyMs", "waitedMs"})
       sum[part] = sum.value(part, 0.0) + place[part].get<double>();
   }
   const double durationMs = table["durationMs"];
@@ -113,9 +113,8 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
               durationMs, 1);
   EXPECT_NEAR(sums["onCpuMs"].get<double>() / durationMs, cpuShare, 0.1) << table;
   EXPECT_GT(crunches["onCpuMs"], 0.9 * sums["onCpuMs"].get<double>()) << table;
-  // Who is preempted in a call, and be it to read a clock, can't be told from who waits in one.
-  if (sums["readyMs"] > 0.2 * durationMs) GTEST_SKIP() << "others had the CPU: " << table;
-  EXPECT_LT(crunches["waitedMs"], 0.1 * durationMs) << table;
+  // However much others had the CPU.
+  EXPECT_LT(crunches["waitedMs"], 0.05 * durationMs) << table;
   EXPECT_GT(waits["waitedMs"], 0) << table;
 }
 
