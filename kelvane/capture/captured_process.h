@@ -28,6 +28,7 @@ struct StackSample {
 struct SampledStack {
   SampleTimes times;
   std::vector<uint32_t> frames;  // as in StackSample; each stands for its function, not for a place in it
+  std::vector<std::string> kernelFrames;  // if it waited: in what of the kernel, innermost first
 };
 
 struct ThreadCapture {

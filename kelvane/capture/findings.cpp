@@ -111,6 +111,7 @@ void writeSample(WireWriter& out, const SampledStack& sample) {
                                uint64_t{times.leftCpu}, uint64_t{times.wasPreempted}})
     out.number(value);
   writeAll(out, sample.frames, writeNumber);
+  writeAll(out, sample.kernelFrames, writeText);
 }
 
 SampledStack readSample(WireReader& in) {
@@ -120,6 +121,7 @@ SampledStack readSample(WireReader& in) {
     *value = in.number();
   for (bool* flag : {&sample.times.leftCpu, &sample.times.wasPreempted}) *flag = in.number() != 0;
   sample.frames = readFrameIndices(in);
+  sample.kernelFrames = readAll<std::string>(in, [](WireReader& from) { return from.text(); });
   return sample;
 }
 

@@ -27,10 +27,15 @@ struct CopiedStack {
   StackCopy copy;
 };
 
+struct CopiedSample {
+  ThreadSample sample;
+  std::vector<std::string> kernelFrames;  // as in SampledStack
+};
+
 /// What was copied of a process's threads, to be unwound.
 struct CopiedStacks {
   std::vector<CopiedStack> looks;
-  std::vector<ThreadSample> samples;  // of the hung thread
+  std::vector<CopiedSample> samples;  // of the hung thread
 };
 
 /// Takes over a part of the capture that has been found (findings.h).

@@ -46,12 +46,14 @@ class Parser {
     publish(part);
   }
 
-  /// Frames of one function are one: of many samples the path of functions is asked for.
-  void add(const ThreadSample& sample) {
+  /// The kernel's are named already. Frames of one function are one: of many samples the path of functions is
+  /// asked for.
+  void add(const CopiedSample& sample) {
     ProcessCapture part;
     SampledStack& stack = part.samples.emplace_back();
-    stack.times = sample.times;
-    for (const uint64_t address : unwinder_.unwind(sample.stack).addresses) {
+    stack.times = sample.sample.times;
+    stack.kernelFrames = sample.kernelFrames;
+    for (const uint64_t address : unwinder_.unwind(sample.sample.stack).addresses) {
       auto [known, isNew] = functionOf_.try_emplace(address, 0);
       if (isNew) known->second = unwinder_.functionAt(address);
       stack.frames.push_back(

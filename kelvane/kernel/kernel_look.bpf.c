@@ -23,6 +23,7 @@ enum bpf_map_type { BPF_MAP_TYPE_ARRAY = 2 };
 #include <bpf/bpf_core_read.h>
 #include <bpf/bpf_helpers.h>
 
+#include "kelvane/kernel/addresses_asked.h"
 #include "kelvane/kernel/unix_socket_ends.h"
 
 #pragma clang attribute push(__attribute__((preserve_access_index)), apply_to = record)
@@ -99,6 +100,32 @@ int kernel_stack(struct bpf_iter__task* context) {
     return 0;
   }
   bpf_loop(kMaxFrames, write_frame, &pass, 0);
+  return 0;
+}
+
+// What functions_at names: addresses, up to a 0.
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, KELVANE_ADDRESSES_ASKED);
+  __type(key, __u32);
+  __type(value, __u64);
+} asked SEC(".maps");
+
+static long write_function(__u32 i, struct stack_pass* pass) {
+  static const char line[] = "[<0>] %pB\n";
+  __u64* address = bpf_map_lookup_elem(&asked, &i);
+  if (!address || *address == 0) return 1;
+  bpf_seq_printf(pass->seq, line, sizeof(line), address, sizeof(*address));
+  return 0;
+}
+
+// A line as of proc(5)'s `stack` for each address that is asked for; of whichever thread it is called for.
+SEC("iter/task")
+int functions_at(struct bpf_iter__task* context) {
+  goes_through_what_was_asked_for();
+  if (!context->task) return 0;  // the end
+  struct stack_pass pass = {.seq = context->meta->seq};
+  bpf_loop(KELVANE_ADDRESSES_ASKED, write_function, &pass, 0);
   return 0;
 }
 

@@ -2,7 +2,9 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <string_view>
 
 #include "kelvane/base/limits.h"
+#include "kelvane/kernel/addresses_asked.h"
 
 // KELVANE_KERNEL_LOOK: the path of what clang made of the program.
 asm(".pushsection .rodata\n"
@@ -55,6 +58,18 @@ class KernelLook {
     return written ? readOn(written.get(), maxBytes) : FileText{{}, errno};
   }
 
+  /// An errno value, or 0.
+  int ask(std::span<const uint64_t> addresses) const {
+    if (error_ != 0) return error_;
+    const int map = bpf_object__find_map_fd_by_name(object_.get(), "asked");
+    for (uint32_t i = 0; i < KELVANE_ADDRESSES_ASKED; i++) {
+      const uint64_t address = i < addresses.size() ? addresses[i] : 0;
+      if (bpf_map_update_elem(map, &i, &address, BPF_ANY) != 0) return errno;
+      if (address == 0) break;
+    }
+    return 0;
+  }
+
  private:
   struct Close {
     void operator()(bpf_object* object) const { bpf_object__close(object); }
@@ -80,6 +95,21 @@ FileText kernelStackOf(pid_t tid) {
   int error = EIO;
   std::from_chars(stack.text.data() + kFailure.size(), stack.text.data() + stack.text.size(), error);
   return {{}, error};
+}
+
+FileText kernelFunctionsAt(std::span<const uint64_t> addresses) {
+  bpf_iter_link_info which{};
+  which.task.tid = static_cast<uint32_t>(gettid());
+  FileText functions;
+  while (!addresses.empty()) {
+    const auto part = addresses.first(std::min<size_t>(addresses.size(), KELVANE_ADDRESSES_ASKED));
+    addresses = addresses.subspan(part.size());
+    if (const int error = kernelLook().ask(part); error != 0) return {{}, error};
+    const FileText named = kernelLook().pass("functions_at", which, kMaxProcFileBytes);
+    if (named.error != 0) return named;
+    functions.text += named.text;
+  }
+  return functions;
 }
 
 FileText unixSocketsOf(pid_t pid) {

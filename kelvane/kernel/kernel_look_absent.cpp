@@ -8,6 +8,10 @@ FileText kernelStackOf(pid_t) {
   return {{}, ENOSYS};
 }
 
+FileText kernelFunctionsAt(std::span<const uint64_t>) {
+  return {{}, ENOSYS};
+}
+
 FileText unixSocketsOf(pid_t) {
   return {{}, ENOSYS};
 }

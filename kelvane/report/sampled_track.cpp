@@ -39,7 +39,7 @@ SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& pro
   std::vector<SampleTimes> times;
   for (const SampledStack* sample : samples_) {
     times.push_back(sample->times);
-    stacks_.push_back(tree.add(sample->frames, {}));
+    stacks_.push_back(tree.add(sample->frames, sample->kernelFrames));
   }
   time_ = divideTime(times, process.clockMarks, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
 }

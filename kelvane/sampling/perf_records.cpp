@@ -6,6 +6,8 @@
 #include <array>
 #include <cstring>
 
+#include "kelvane/base/limits.h"
+
 namespace kelvane {
 namespace {
 
@@ -70,6 +72,17 @@ std::optional<SampleTimes> takeTimes(RecordReader& in, uint64_t switchId) {
   return times;
 }
 
+bool takeKernelChain(RecordReader& in, std::vector<uint64_t>& addresses) {
+  uint64_t count = 0;
+  if (!in.take(count)) return false;
+  for (uint64_t word = 0; count > 0; count--) {
+    if (!in.take(word)) return false;
+    const bool isMarker = word >= static_cast<uint64_t>(PERF_CONTEXT_MAX);
+    if (!isMarker && word != 0 && addresses.size() < kMaxKernelFrames) addresses.push_back(word);
+  }
+  return true;
+}
+
 bool takeRegisters(RecordReader& in, UnwindRegisters& registers) {
   uint64_t kind = 0;
   if (kWordCount == 0 || !in.take(kind) || kind != PERF_SAMPLE_REGS_ABI_64) return false;
@@ -129,7 +142,9 @@ std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint6
   uint64_t size = 0;
   if (!times) return std::nullopt;
   sample.times = *times;
-  if (!takeRegisters(in, sample.stack.registers) || !in.take(size)) return std::nullopt;
+  if (!takeKernelChain(in, sample.kernelAddresses) || !takeRegisters(in, sample.stack.registers) ||
+      !in.take(size))
+    return std::nullopt;
   sample.stack.atNs = times->atNs;
   sample.stack.base = sample.stack.registers.sp;
   uint64_t own = 0;

@@ -17,6 +17,7 @@ namespace kelvane {
 //   id          8   of the event: the thread's CPU clock has run on, or it left the CPU
 //   time        8   CLOCK_MONOTONIC
 //   counters   24   2, then the thread's CPU time in ns, then how often it has left the CPU
+//   kernel      8   how many words, then these: the kernel's call chain, innermost first, if it left the CPU
 //   registers   8   2 for a 64-bit program, then a word for each bit of userRegistersMask(); or 0
 //   stack       8   the size, as many bytes, then how many of these are the thread's (8; not if size is 0)
 //
@@ -64,6 +65,7 @@ struct CpuSwitch {
 
 struct ThreadSample {
   SampleTimes times;
+  std::vector<uint64_t> kernelAddresses;  // innermost first, kMaxKernelFrames at most
   StackCopy stack;
 };
 

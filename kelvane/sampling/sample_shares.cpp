@@ -115,7 +115,7 @@ void takeWokenTime(std::vector<Stretch>& stretches, std::span<const uint64_t> be
   };
   uint64_t leftNs = readyNs;
   for (size_t i = 0; i < stretches.size() && allBegun > 0; i++)
-    leftNs -= take(stretches[i], portion(readyNs, begun[i], allBegun));
+    leftNs -= take(stretches[i], std::min(leftNs, portion(readyNs, begun[i], allBegun)));
   uint64_t waitedNs = 0;
   for (const Stretch& stretch : stretches) waitedNs += stretch.waitedNs;
   for (Stretch& stretch : stretches) {

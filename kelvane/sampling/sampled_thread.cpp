@@ -29,8 +29,9 @@ perf_event_attr eventOf(uint64_t what) {
   event.type = PERF_TYPE_SOFTWARE;
   event.size = sizeof event;
   event.config = what;
-  event.sample_type = PERF_SAMPLE_IDENTIFIER | PERF_SAMPLE_TIME | PERF_SAMPLE_READ | PERF_SAMPLE_REGS_USER |
-                      PERF_SAMPLE_STACK_USER;
+  event.sample_type = PERF_SAMPLE_IDENTIFIER | PERF_SAMPLE_TIME | PERF_SAMPLE_READ | PERF_SAMPLE_CALLCHAIN |
+                      PERF_SAMPLE_REGS_USER | PERF_SAMPLE_STACK_USER;
+  event.exclude_callchain_user = 1;  // by frame pointers, which programs don't have
   event.read_format = PERF_FORMAT_GROUP;
   event.sample_regs_user = userRegistersMask();
   event.sample_stack_user = kSampledStackBytes;
@@ -67,6 +68,7 @@ int SampledThread::open() {
   clock.freq = 1;
   clock.sample_freq = kSamplesPerSecond;
   clock.disabled = 1;
+  clock.exclude_callchain_kernel = 1;  // where the kernel computed is of no interest, what it waited for is
   clock_ = openEvent(clock, tid_, -1);
   if (!clock_) return errno;
   perf_event_attr switches = eventOf(PERF_COUNT_SW_CONTEXT_SWITCHES);

@@ -24,6 +24,11 @@ std::string ReportFrame::place() const {
   return module.substr(module.rfind('/') + 1) + digits;
 }
 
+std::string kernelFrame(const Json& frames, const std::string& id) {
+  const Json& frame = member(frames, id.c_str());
+  return textMember(frame, "category") == "kernel" ? textMember(frame, "name") : std::string();
+}
+
 std::vector<ReportFrame> userStack(const Json& frames, std::string id, size_t most) {
   std::vector<ReportFrame> stack;
   for (size_t steps = 0; !id.empty() && steps < kMaxSteps && stack.size() < most; ++steps) {

@@ -22,6 +22,9 @@ struct ReportFrame {
 /// One entry of a report's stack frames.
 ReportFrame reportFrame(const Json& frame);
 
+/// The name of the frame `id` if it is the kernel's; else empty.
+std::string kernelFrame(const Json& frames, const std::string& id);
+
 /// The user's frames from the innermost outwards, starting at the frame `id`: at most so many. Frames may
 /// name each other as parents in a circle.
 std::vector<ReportFrame> userStack(const Json& frames, std::string id, size_t most);

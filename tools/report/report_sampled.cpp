@@ -19,9 +19,11 @@ ReportSampled::Spent sampledTimeOf(const Json& json) {
   return {ms("onCpuMs"), ms("readyMs"), ms("waitedMs")};
 }
 
-std::string functionsText(const std::vector<ReportFrame>& stack) {
+std::string functionsText(const ReportSampled::Place& place) {
+  const std::vector<ReportFrame>& stack = place.stack;
   if (stack.empty()) return "(unknown)";
   std::string text = stack.front().name;
+  if (!place.inKernel.empty()) text += " (" + place.inKernel + ")";
   for (size_t i = 1; i < std::min(stack.size(), kFunctionsTold); i++)
     text += (i == 1 ? "  from " : ", ") + stack[i].name;
   return printable(stack.size() > kFunctionsTold ? text + ", ..." : text);
@@ -40,6 +42,7 @@ ReportSampled sampledOf(const Json& report) {
     if (sampled.places.size() == kMaxPlacesRead) break;
     ReportSampled::Place& place = sampled.places.emplace_back();
     place.spent = sampledTimeOf(entry);
+    place.inKernel = kernelFrame(frames, textMember(entry, "sf"));
     // One more than is told shows that there are more.
     place.stack = userStack(frames, textMember(entry, "sf"), kFunctionsTold + 1);
   }
@@ -64,7 +67,7 @@ std::vector<std::vector<std::string>> sampledRows(const ReportSampled& sampled) 
                     part(spent.readyMs), part(spent.waitedMs), where});
   };
   for (size_t i = 0; i < std::min(sampled.places.size(), kMaxPlacesTold); i++)
-    add(sampled.places[i].spent, functionsText(sampled.places[i].stack));
+    add(sampled.places[i].spent, functionsText(sampled.places[i]));
   add(sampled.notSeen, "(not seen)");
   return rows;
 }

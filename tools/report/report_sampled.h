@@ -22,6 +22,7 @@ struct ReportSampled {
   struct Place {
     std::vector<ReportFrame> stack;  ///< innermost first; the outermost may be missing
     Spent spent;
+    std::string inKernel = {};  ///< what it waited in there; empty: not said
   };
 
   double durationMs = 0;  ///< 0: it was not sampled

@@ -21,7 +21,7 @@ ProcessCapture onePart() {
   thread.facts.syscall = SystemCall{-1, {1, 2, 3, 4, 5, UINT64_MAX}};
   thread.facts.kernelStack = {"one", "two"};
   thread.stack = StackSample{11, 12, {0, 1, 0}, "cut"};
-  part.samples = {{{1, 2, 3, true, 4, 5, false}, {1, 0}}};
+  part.samples = {{{1, 2, 3, true, 4, 5, false}, {1, 0}, {"futex_wait"}}};
   part.clockMarks = {{5, 6, 7, 8, 9}};
   part.frames = {{0x1000, 0, 0x10, "main"}, {0x2000, -1, 0, ""}};
   part.modules = {{"/bin/viewer", "beef"}};
@@ -62,6 +62,7 @@ TEST(Findings, ComeThroughInPartsAsTheyWere) {
   ASSERT_EQ(whole.samples.size(), 1u);
   EXPECT_EQ(whole.samples[0].times, (SampleTimes{1, 2, 3, true, 4, 5, false}));
   EXPECT_EQ(whole.samples[0].frames, (std::vector<uint32_t>{1, 0}));
+  EXPECT_EQ(whole.samples[0].kernelFrames, (std::vector<std::string>{"futex_wait"}));
   EXPECT_EQ(whole.clockMarks[0].readyNs, 9u);
   ASSERT_TRUE(whole.threads[0].stack);
   EXPECT_EQ(whole.threads[0].stack->frames, (std::vector<uint32_t>{0, 1, 0}));

@@ -26,7 +26,16 @@ RecordBytes recordOf(const std::vector<uint64_t>& words, uint32_t type = PERF_RE
 /// The words of a sample whose registers are numbered in their order, with three words of stack.
 std::vector<uint64_t> sampleWords(uint64_t atNs, uint64_t id = kSwitchId, uint64_t cpuNs = 50,
                                   uint64_t switches = 3) {
-  std::vector<uint64_t> words = {id, atNs, 2, cpuNs, switches, PERF_SAMPLE_REGS_ABI_64};
+  std::vector<uint64_t> words = {id,
+                                 atNs,
+                                 2,
+                                 cpuNs,
+                                 switches,
+                                 3,
+                                 static_cast<uint64_t>(PERF_CONTEXT_KERNEL),
+                                 0xF1,
+                                 0xF2,
+                                 PERF_SAMPLE_REGS_ABI_64};
   for (int i = 0; i < std::popcount(userRegistersMask()); i++) words.push_back(1000 + i);
   words.insert(words.end(), {24, 0xA, 0xB, 0xC, 16});
   return words;
@@ -39,6 +48,7 @@ TEST(PerfRecords, ASampleIsReadAndNoLieInItLeadsOutOfIt) {
   EXPECT_EQ(sample.times, (SampleTimes{99, 50, 3, true}));
   EXPECT_EQ(sample.stack.bytes.size(), 16u) << "what is behind is nobody's";
   EXPECT_EQ(sample.stack.base, sample.stack.registers.sp);
+  EXPECT_EQ(sample.kernelAddresses, (std::vector<uint64_t>{0xF1, 0xF2})) << "the marker is no place";
 #if defined(__x86_64__)
   EXPECT_EQ(sample.stack.registers.sp, 1007u);
   EXPECT_EQ(sample.stack.registers.pc, 1008u);
@@ -56,7 +66,8 @@ TEST(PerfRecords, ASampleIsReadAndNoLieInItLeadsOutOfIt) {
   for (const uint64_t size : {uint64_t{25}, uint64_t{1} << 20, UINT64_MAX}) EXPECT_TRUE(refused(5, size));
   for (const uint64_t own : {uint64_t{25}, UINT64_MAX}) EXPECT_TRUE(refused(1, own));
   for (const uint64_t kind : {0, 1, 9})  // no registers, a 32-bit program's
-    EXPECT_TRUE(refused(words.size() - 5, kind));
+    EXPECT_TRUE(refused(words.size() - 9, kind));
+  EXPECT_TRUE(refused(words.size() - 5, UINT64_MAX)) << "that many kernel frames";
   EXPECT_TRUE(refused(words.size() - 2, 3)) << "three counters";
   EXPECT_FALSE(parseSample(recordOf(words, PERF_RECORD_LOST), kSwitchId));
   EXPECT_FALSE(sampleTimes(recordOf(words), kSwitchId + 1).value_or(SampleTimes{.leftCpu = true}).leftCpu);

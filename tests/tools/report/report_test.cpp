@@ -61,7 +61,7 @@ TEST(ReportFile, TellsWhereTheTimeWent) {
                                           "Where it was in the last 4.00 s, by 60 samples\n"
                                           "SHARE  FOR     ON CPU  READY   WAITED  IN\n"
                                           "57 %   2.28 s  2.00 s  280 ms  -       main\n"
-                                          "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20  from main\n"
+                                          "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20 (futex_wait)  from main\n"
                                           "1 %    40 ms   -       -       40 ms   (unknown)\n"
                                           "2 %    60 ms   -       -       60 ms   (not seen)\n\n"),
       std::string::npos)
