@@ -33,15 +33,9 @@ SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& pro
   if (!request.hang || process.threads.empty()) return;
   const ThreadCapture& hung = process.threads.front();
   look_ = tree.add(hung.stack ? hung.stack->frames : std::vector<uint32_t>(), hung.facts.kernelStack);
-  for (const SampledStack& sample : process.samples) samples_.push_back(&sample);
-  std::stable_sort(samples_.begin(), samples_.end(),
-                   [](const auto* a, const auto* b) { return a->times.atNs < b->times.atNs; });
-  std::vector<SampleTimes> times;
-  for (const SampledStack* sample : samples_) {
-    times.push_back(sample->times);
+  hang_ = sampledHang(process, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
+  for (const SampledStack* sample : hang_.samples)
     stacks_.push_back(tree.add(sample->frames, sample->kernelFrames));
-  }
-  time_ = divideTime(times, process.clockMarks, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
 }
 
 uint32_t SampledTrack::stackOf(std::optional<size_t> sample) const {
@@ -49,13 +43,13 @@ uint32_t SampledTrack::stackOf(std::optional<size_t> sample) const {
 }
 
 uint32_t SampledTrack::waitedIn(const Stretch& stretch) const {
-  return time_.neverRan ? look_ : stackOf(stretch.waitedIn);
+  return hang_.time.neverRan ? look_ : stackOf(stretch.waitedIn);
 }
 
 void SampledTrack::writeTable(JsonWriter& json) const {
   if (isEmpty()) return;
   std::map<uint32_t, TimeSpent> byStack;
-  for (const Stretch& stretch : time_.stretches) {
+  for (const Stretch& stretch : hang_.time.stretches) {
     byStack[stackOf(stretch.ranIn)].onCpuNs += stretch.onCpuNs;
     byStack[stackOf(stretch.preemptedIn)].readyNs += stretch.preemptedNs;
     TimeSpent& waited = byStack[waitedIn(stretch)];
@@ -73,8 +67,9 @@ void SampledTrack::writeTable(JsonWriter& json) const {
 
   json.key("sampled");
   json.beginObject();
-  json.memberMicroseconds("ts", time_.stretches.front().fromNs);
-  json.memberMilliseconds("durationMs", time_.stretches.back().toNs - time_.stretches.front().fromNs);
+  json.memberMicroseconds("ts", hang_.time.stretches.front().fromNs);
+  json.memberMilliseconds("durationMs",
+                          hang_.time.stretches.back().toNs - hang_.time.stretches.front().fromNs);
   json.member("samples", process_.samples.size());
   json.key("places");
   json.beginArray();
@@ -96,7 +91,7 @@ void SampledTrack::writeTable(JsonWriter& json) const {
 /// next sample.
 std::vector<SampledTrack::Segment> SampledTrack::segments() const {
   std::vector<Segment> segments;
-  for (const Stretch& stretch : time_.stretches) {
+  for (const Stretch& stretch : hang_.time.stretches) {
     const uint64_t waitedTo = stretch.fromNs + stretch.waitedNs + stretch.wokenNs;
     const uint64_t wentOnNs = stretch.toNs - stretch.onCpuNs;
     const auto add = [&](uint64_t fromNs, uint64_t toNs, uint32_t stack) {
@@ -143,7 +138,7 @@ void SampledTrack::writeEvents(JsonWriter& json) const {
   }
   for (size_t i = 0; i < stacks_.size() && !isEmpty(); i++) {
     if (stacks_[i] == 0) continue;
-    beginEvent(json, "P", "stack", "sample", samples_[i]->times.atNs);
+    beginEvent(json, "P", "stack", "sample", hang_.samples[i]->times.atNs);
     json.member("sf", std::string_view(std::to_string(stacks_[i])));
     json.endObject();
   }

@@ -9,7 +9,7 @@
 #include "kelvane/report/dump_request.h"
 #include "kelvane/report/json_writer.h"
 #include "kelvane/report/stack_tree.h"
-#include "kelvane/sampling/sample_shares.h"
+#include "kelvane/verdict/sampled_phases.h"
 
 namespace kelvane {
 
@@ -21,7 +21,7 @@ class SampledTrack {
   SampledTrack(const DumpRequest& request, const ProcessCapture& process, StackTree& tree);
 
   /// Nothing was sampled within the hang.
-  bool isEmpty() const { return time_.stretches.empty(); }
+  bool isEmpty() const { return hang_.time.stretches.empty(); }
   /// As members of an object that is open.
   void writeTable(JsonWriter& json) const;
   /// Adds to an array of events that is open.
@@ -43,10 +43,9 @@ class SampledTrack {
 
   const ProcessCapture& process_;
   const StackTree& tree_;
-  std::vector<const SampledStack*> samples_;  // in order of time
-  std::vector<uint32_t> stacks_;              // of the samples
-  uint32_t look_ = 0;                         // the stack that the look at the process has found
-  SampledTime time_;
+  SampledHang hang_;
+  std::vector<uint32_t> stacks_;  // of the samples
+  uint32_t look_ = 0;             // the stack that the look at the process has found
 };
 
 }  // namespace kelvane

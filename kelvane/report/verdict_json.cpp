@@ -23,7 +23,7 @@ void writeFunction(JsonWriter& json, const ProcessCapture& process, pid_t tid) {
 void writeEvidence(JsonWriter& json, const Verdict& verdict) {
   json.key("evidence");
   json.beginObject();
-  json.member("source", verdict.fromRecorder ? "recorder" : "one look");
+  json.member("source", verdict.fromRecorder ? "recorder" : verdict.fromSamples ? "samples" : "one look");
   json.memberMilliseconds("windowMs", verdict.windowNs);
   json.memberMilliseconds("coveredMs", verdict.coveredNs);
   json.member("eventsLost", verdict.eventsLost);

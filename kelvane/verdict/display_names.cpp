@@ -56,6 +56,10 @@ std::string quoted(const std::string& name) {
 }
 
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread) {
+  return thread.stack ? ownFrames(process, thread.stack->frames) : std::vector<const Frame*>();
+}
+
+std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::vector<uint32_t>& frames) {
   constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
                                                          "libpthread", "libstdc++.so", "libc++.so"};
   auto isPlumbing = [&](const Frame* frame) {
@@ -64,9 +68,8 @@ std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadC
     return std::any_of(kPlumbing.begin(), kPlumbing.end(),
                        [&](auto name) { return module.starts_with(name); });
   };
-  if (!thread.stack) return {};
   std::vector<const Frame*> all;
-  for (uint32_t index : thread.stack->frames) all.push_back(&process.frames[index]);
+  for (uint32_t index : frames) all.push_back(&process.frames[index]);
   std::vector<const Frame*> own;
   std::remove_copy_if(all.begin(), all.end(), std::back_inserter(own), isPlumbing);
   return own.empty() ? all : own;

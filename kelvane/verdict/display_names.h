@@ -30,6 +30,8 @@ std::string quoted(const std::string& name);
 /// The frames of the thread's stack, innermost first, without those of a language's own libraries, where
 /// programs wait and read the clock; all of them if there are no others.
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread);
+/// `frames`: as in StackSample.
+std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::vector<uint32_t>& frames);
 
 /// The name of the frame that the process's thread `tid` was in: the innermost of its own ones. Empty without
 /// a stack.

@@ -232,6 +232,7 @@ Findings findingsOf(const Evidence& evidence) {
   addDisk(evidence, spans, findings);
   addEvents(evidence, findings);
   addLimits(evidence, findings);
+  findings.sampled = sampledPhases(evidence.process, evidence.fromNs, evidence.toNs);
   return findings;
 }
 

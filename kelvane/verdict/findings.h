@@ -7,6 +7,7 @@
 #include "kelvane/timeline/disk_waits.h"
 #include "kelvane/verdict/evidence.h"
 #include "kelvane/verdict/kernel_wait.h"
+#include "kelvane/verdict/sampled_phases.h"
 #include "kelvane/verdict/verdict.h"
 #include "kelvane/verdict/wakers.h"
 
@@ -33,6 +34,8 @@ struct Findings {
   uint64_t lastSleepNs = 0;                     // how long that sleep has lasted; 0: it was not asleep
   KernelWait kernelWait = KernelWait::unknown;  // at the look
   Sleeps sleeps;
+  SampledPhases sampled;
+  bool bySamples = false;  // `spent` and what else a recording would tell of the thread's states is theirs
   std::optional<ChainVerdict> chain;  // if it says more than that the thread slept
   std::vector<Wait> waits;            // longest first
   std::vector<BusyThread> busiest;    // other threads, most first

@@ -88,6 +88,11 @@ Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& find
   const auto known = isSeen ? causeOfChainIn(ThreadState::uninterruptible, findings) : std::nullopt;
   if (known) return *known;
   const auto seen = isSeen ? causeOfKernelWait(findings.kernelWait) : std::nullopt;
+  if (findings.bySamples) {
+    const KernelWait sampled = findings.sampled.placeIn(ThreadState::uninterruptible).kernelWait;
+    if (sampled == KernelWait::page && findings.memoryLimitHit) return Cause::memory;
+    return seen.value_or(causeOfKernelWait(sampled).value_or(Cause::unknown));
+  }
   if (seen && *seen != Cause::disk) return *seen;
   if (findings.pageIns > 0 && (isMemoryShort(evidence.pressure) || findings.memoryLimitHit))
     return Cause::memory;
@@ -191,13 +196,30 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
 /// Whether the chain is what one of the phases was put down to, or the whole.
 bool isByChain(const Evidence& evidence, const Verdict& verdict, const ChainVerdict& chain) {
   const Cause cause = causeOfChain(chain);
-  if (!verdict.fromRecorder) {
+  if (!verdict.hasTimes()) {
     // What stops the hung thread itself comes before what it waits for.
     const char state = chain.chain.links.front().party.facts.state;
     return verdict.cause == cause && (state == 'S' || state == 'D') && evidence.after.limits.frozen.empty();
   }
   return std::any_of(verdict.phases.begin(), verdict.phases.end(),
                      [&](const Phase& phase) { return phase.cause == cause && phase.state == chain.state; });
+}
+
+/// The hang's own time in each state, in place of what a recording would tell.
+void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict) {
+  const SampledPhases& sampled = findings.sampled;
+  verdict.fromSamples = findings.bySamples = true;
+  verdict.coveredNs = findings.knownNs = sampled.durationNs;
+  findings.spent = sampled.spent;
+  findings.spent[static_cast<size_t>(ThreadState::unknown)] =
+      verdict.windowNs - std::min(verdict.windowNs, sampled.durationNs);
+  verdict.spent = findings.spent;
+  findings.stillAwake = findings.thread->facts.state == 'R';
+  findings.stillAsleep = sampled.likeTheLookNs > 0;
+  findings.lastSleepNs = findings.sleeps.likeTheLookNs = sampled.likeTheLookNs;
+  // What the thread waits for at the look is none of what was sampled.
+  if (!findings.stillAsleep) findings.chain.reset();
+  verdict.phases = phasesOf(evidence, findings);
 }
 
 }  // namespace
@@ -224,11 +246,15 @@ Verdict judge(const Evidence& evidence) {
   verdict.fromRecorder = isRecorded && static_cast<double>(findings.knownNs) >= kLeastShareKnown * windowNs;
   if (verdict.fromRecorder) {
     verdict.phases = phasesOf(evidence, findings);
-    if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
+  } else if (findings.thread &&
+             static_cast<double>(findings.sampled.durationNs) >= kLeastShareKnown * windowNs) {
+    goBySamples(evidence, findings, verdict);
   } else if (findings.thread) {
     verdict.cause = causeByOneLook(evidence, findings);
-    if (verdict.cause == Cause::starved && evidence.watchRivals) findings.rivals = evidence.watchRivals();
   }
+  if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
+  if (!verdict.fromRecorder && verdict.cause == Cause::starved && evidence.watchRivals)
+    findings.rivals = evidence.watchRivals();
   if (findings.chain && isByChain(evidence, verdict, *findings.chain)) verdict.chain = findings.chain;
   verdict.sentence = verdictSentence(evidence, findings, verdict);
   return verdict;

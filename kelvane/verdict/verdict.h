@@ -117,14 +117,16 @@ struct Verdict {
   Cause cause = Cause::unknown;
   std::string sentence;  // for people
   // What it rests on.
-  bool fromRecorder = false;  // else on one look
-  uint64_t windowNs = 0;      // how long the hang was
-  uint64_t coveredNs = 0;     // how much of that is recorded
+  bool fromRecorder = false;
+  bool fromSamples = false;  // without a recorder; if neither, on one look
+  uint64_t windowNs = 0;     // how long the hang was
+  uint64_t coveredNs = 0;    // how much of that is recorded, or was sampled
   uint64_t eventsLost = 0;
 
-  // From the recorder, all within the hang.
+  // From the recorder or samples.
   std::vector<Phase> phases;  // the parts that make up much of it, longest first
   std::optional<TimeByState> spent;
+  // From the recorder, all within the hang.
   std::vector<Wait> waits;          // longest first
   std::vector<Waker> wakers;        // who ended its sleeps, by their time
   std::vector<BusyThread> busiest;  // other threads, most first
@@ -132,6 +134,9 @@ struct Verdict {
 
   std::optional<ChainVerdict> chain;  // if that is what it was
   Pressure pressure;
+
+  /// Whether it is known how much time the thread spent in what.
+  bool hasTimes() const { return fromRecorder || fromSamples; }
 };
 
 }  // namespace kelvane

@@ -74,9 +74,11 @@ class Sentence {
  private:
   /// On how little the verdict rests; empty if it rests on enough.
   std::string reservation() const {
-    if (!verdict_.fromRecorder) return "Going by one look, without a recording of the hang: ";
-    if (isWhole()) return {};
-    return "Going by the " + ofDuration(findings_.knownNs, verdict_.windowNs) + " that are known: ";
+    if (!verdict_.hasTimes()) return "Going by one look, without a recording of the hang: ";
+    if (isWhole()) return verdict_.fromSamples ? "Going by samples: " : "";
+    return "Going by " + std::string(verdict_.fromSamples ? "samples of " : "the ") +
+           ofDuration(findings_.knownNs, verdict_.windowNs) +
+           (verdict_.fromSamples ? ": " : " that are known: ");
   }
 
   bool isWhole() const {
@@ -89,7 +91,7 @@ class Sentence {
   }
   /// "for 7.9 of 8.5 s "; nothing when one look is all there is.
   std::string forAmount(uint64_t ns) const {
-    return verdict_.fromRecorder ? "for " + amount(ns) + " " : std::string();
+    return verdict_.hasTimes() ? "for " + amount(ns) + " " : std::string();
   }
   std::string spentAmount(ThreadState state) const { return forAmount(findings_.in(state)); }
 
@@ -111,7 +113,7 @@ class Sentence {
   }
 
   std::string predicate(const Phase& phase) const {
-    if (verdict_.chain && (!verdict_.fromRecorder || phase.state == verdict_.chain->state))
+    if (verdict_.chain && (!verdict_.hasTimes() || phase.state == verdict_.chain->state))
       return chainText(process_, *verdict_.chain, waitedAmount());
     switch (phase.cause) {
       case Cause::ownCpu:
@@ -149,28 +151,45 @@ class Sentence {
 
   std::string waitedAmount() const {
     const bool isDeep = verdict_.chain->state == ThreadState::uninterruptible;
-    return isDeep ? spentAmount(ThreadState::uninterruptible) : forAmount(findings_.sleeps.likeTheLookNs);
+    return (isDeep ? spentAmount(ThreadState::uninterruptible) : forAmount(findings_.sleeps.likeTheLookNs)) +
+           waitedPlace();
+  }
+
+  /// Where it waited, if it also did other things for much of the time.
+  std::string waitedPlace() const {
+    const std::string place = sampledPlace(verdict_.chain->state);
+    return verdict_.phases.size() < 2 || place.empty() ? "" : place + " ";
+  }
+
+  /// "in crunch", "mostly in crunch"; empty if no function had most of that state's time, or none was seen.
+  std::string sampledPlace(ThreadState state) const {
+    const SampledPhases::Place& place = findings_.sampled.placeIn(state);
+    if (place.function.empty()) return {};
+    return (place.isAlmostAll ? "in " : "mostly in ") + place.function;
   }
 
   std::string busyText() const {
-    std::string place =
-        (!verdict_.fromRecorder || findings_.stillAwake) && findings_.thread->facts.state == 'R'
-            ? placeText(process_, *findings_.thread)
-            : std::string();
+    std::string place = sampledPlace(ThreadState::running);
+    const bool isAtLook = !verdict_.hasTimes() || (verdict_.fromRecorder && findings_.stillAwake);
+    if (!place.empty()) {
+      place = ", " + place;
+    } else if (isAtLook && findings_.thread->facts.state == 'R') {
+      place = placeText(process_, *findings_.thread);
+    }
     if (isMemoryShort(verdict_.pressure)) place += ", while memory was short";
-    if (!verdict_.fromRecorder) return "was busy itself, going by the CPU time of its life" + place;
+    if (!verdict_.hasTimes()) return "was busy itself, going by the CPU time of its life" + place;
     return "was busy itself: " + percentOf(findings_.in(ThreadState::running), findings_.knownNs) + " of " +
            durationText(isWhole() ? verdict_.windowNs : findings_.knownNs) + " on the CPU" + place;
   }
 
   std::string readyText() const {
-    if (!verdict_.fromRecorder) return "was ready to run at the look";
+    if (!verdict_.hasTimes()) return "was ready to run at the look";
     return "was ready to run for " + percentOf(findings_.in(ThreadState::runnable), findings_.knownNs) +
            " of " + durationText(isWhole() ? verdict_.windowNs : findings_.knownNs);
   }
 
   std::string starvedText() const {
-    if (!verdict_.fromRecorder) {
+    if (!verdict_.hasTimes()) {
       const ScheduleFigures life = evidence_.after.schedule.value_or(ScheduleFigures{});
       return readyText() + ", and in its life has waited " + durationText(life.waitedNs) +
              " for a CPU and had one for " + durationText(life.ranNs) + rivalsText();
@@ -179,7 +198,7 @@ class Sentence {
     if (findings_.idleRunnableNs > findings_.in(ThreadState::runnable) / 2)
       return text + ", but was held back although its CPU was idle (a CPU limit of its group, perhaps)";
     const Competitors& others = findings_.competitors;
-    if (others.count == 0) return text + ", but got no CPU";
+    if (others.count == 0) return text + ", but got no CPU" + rivalsText();
     text += ", but the CPU ran ";
     if (others.runningNs < findings_.in(ThreadState::runnable) / 2) text += "others, most of all ";
     return text + competitorsText(others) + quotaReservation();
@@ -263,11 +282,13 @@ class Sentence {
     const std::string limit =
         limited.empty() ? "" : "; the disk I/O of its control group " + limited + " is limited";
     if (!verdict_.fromRecorder) {
-      if (findings_.kernelWait == KernelWait::page)
-        return "waited for a page of a file, from a disk unless the file lies elsewhere" + limit;
-      if (findings_.kernelWait == KernelWait::fileSystem)
-        return "waited in a file system on a disk" + channelText() + limit;
-      return "waited for the disk" + limit;
+      const std::string waited = "waited " + spentAmount(ThreadState::uninterruptible);
+      const KernelWait wait = kernelWaitWithoutRecorder();
+      if (wait == KernelWait::page)
+        return waited + "for a page of a file, from a disk unless the file lies elsewhere" + limit;
+      if (wait == KernelWait::fileSystem)
+        return waited + "in a file system on a disk" + channelText() + limit;
+      return waited + "for the disk" + limit;
     }
     const DiskWaits& waits = findings_.diskWaits;
     if (waits.waitedNs == 0)
@@ -284,12 +305,18 @@ class Sentence {
     return text + ")" + limit;
   }
 
+  /// That of most of the time, by samples; else that of the look.
+  KernelWait kernelWaitWithoutRecorder() const {
+    const KernelWait sampled = findings_.sampled.placeIn(ThreadState::uninterruptible).kernelWait;
+    return verdict_.fromSamples && sampled != KernelWait::unknown ? sampled : findings_.kernelWait;
+  }
+
   std::string memoryText(bool asleep) const {
     const std::string waited = "waited " + spentAmount(ThreadState::uninterruptible);
     if (asleep && findings_.pageIns > 0)
       return waited + "for its own code and files to be read back in (" + counted(findings_.pageIns, "page") +
              ")" + shortText();
-    if (findings_.kernelWait == KernelWait::page && !verdict_.fromRecorder)
+    if (!verdict_.fromRecorder && kernelWaitWithoutRecorder() == KernelWait::page)
       return waited + "for a page of a file" + shortText();
     if (findings_.reclaimNs > 0 && verdict_.fromRecorder)
       return "had to free memory itself " + forAmount(findings_.reclaimNs) + "before it could go on" +
@@ -318,12 +345,22 @@ class Sentence {
     const Sleeps& sleeps = findings_.sleeps;
     const uint64_t sleptNs = findings_.in(ThreadState::sleeping);
     const bool isRepeated = sleeps.count > 1 && sleeps.longestNs <= sleptNs / 2;
-    if (!verdict_.fromRecorder) return lookText();
+    if (!verdict_.hasTimes()) return lookText();
     if (sleeps.likeTheLookNs > sleptNs / 2)
       return lookText() + (isRepeated ? ", " + std::to_string(sleeps.count) + " times" : "");
+    if (verdict_.fromSamples) return sampledSleepText();
     // What the thread waits for at the look may be something else.
     const bool sleptAgain = isRepeated && findings_.thread->facts.state == 'S';
     return endsText(sleptNs) + (sleptAgain ? "; at the look it slept " + lookText() : "");
+  }
+
+  /// "in save_index (futex_do_wait)".
+  std::string sampledSleepText() const {
+    const std::string& channel = findings_.sampled.placeIn(ThreadState::sleeping).kernelFunction;
+    const std::string inKernel = channel.empty() ? "" : "(" + channel + ")";
+    const std::string place = sampledPlace(ThreadState::sleeping);
+    if (place.empty() && channel.empty()) return "for reasons that can't be told";
+    return place + (place.empty() || channel.empty() ? "" : " ") + inKernel;
   }
 
   std::string lookText() const {
@@ -372,16 +409,18 @@ class Sentence {
 
   /// " (vfork_wait)", if it was still there at the look.
   std::string channelText() const {
-    const ThreadFacts& facts = findings_.thread->facts;
-    const bool counts = !verdict_.fromRecorder || findings_.stillAsleep;
-    return counts && !facts.waitChannel.empty() ? " (" + facts.waitChannel + ")" : "";
+    const bool isAtLook = !verdict_.hasTimes() || (verdict_.fromRecorder && findings_.stillAsleep);
+    const std::string& channel = isAtLook
+                                     ? findings_.thread->facts.waitChannel
+                                     : findings_.sampled.placeIn(ThreadState::uninterruptible).kernelFunction;
+    return channel.empty() ? "" : " (" + channel + ")";
   }
 
   std::string unknownText() const {
     const ThreadFacts& facts = findings_.thread->facts;
     if (facts.state == 'Z' || facts.state == 'X' || facts.state == '?')
       return "has ended; why it hung can't be told";
-    if (!verdict_.fromRecorder && facts.state == 'R' && evidence_.after.schedule) {
+    if (!verdict_.hasTimes() && facts.state == 'R' && evidence_.after.schedule) {
       const ScheduleFigures life = *evidence_.after.schedule;
       if (std::max(life.ranNs, life.waitedNs) < verdict_.windowNs / 2)
         return "was awake at the look, but has not been in its life for half as long as the hang: it slept or "

@@ -21,7 +21,7 @@ struct VerdictThread {
 /// What a report says of the cause of its hang.
 struct ReportVerdict {
   struct Evidence {
-    std::string source;  ///< "recorder", or "one look" without one
+    std::string source;  ///< "recorder", or "samples" or "one look" without one
     double windowMs = 0;
     double coveredMs = 0;
     int64_t eventsLost = 0;

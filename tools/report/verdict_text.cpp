@@ -217,6 +217,10 @@ std::string pressureText(const ReportVerdict::Pressure& pressure) {
 std::string evidenceText(const ReportVerdict::Evidence& evidence, const ReportHeader& header) {
   const std::string look =
       evidence.source == "recorder" || header.pid == 0 ? "" : "one look at the process; ";
+  if (evidence.source == "samples") {
+    return "samples of " + durationText(evidence.coveredMs) + " of " + durationText(evidence.windowMs) +
+           " (" + shareText(evidence.coveredMs, evidence.windowMs) + ")";
+  }
   if (evidence.coveredMs <= 0) return look + "nothing of that time is recorded";
   const std::string text = look + "recorder: " + durationText(evidence.coveredMs) + " of " +
                            durationText(evidence.windowMs) + " covered (" +

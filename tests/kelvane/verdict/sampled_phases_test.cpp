@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include "tests/kelvane/verdict/made_up_machine.h"
+
+namespace kelvane {
+namespace {
+
+enum Function : uint32_t { kMain, kOpen, kCrunch, kParse, kDecode, kSave, kMutexLock };
+
+/// The hang of a MadeUpMachine without a recorder, of which the last five seconds were sampled.
+class SampledMachine : public MadeUpMachine {
+ public:
+  SampledMachine() {
+    withoutRecorder();
+    process.modules = {{"/usr/bin/viewer", ""}, {"/lib/libc.so.6", ""}};
+    for (const char* name : {"main", "open_document", "crunch", "parse", "decode", "save_index"})
+      process.frames.push_back({0, 0, 0, name});
+    process.frames.push_back({0, 1, 0, "pthread_mutex_lock"});
+    mark();
+  }
+
+  /// On the CPU, in the innermost of `frames`, a sample every 20 ms.
+  void computes(uint64_t ms, std::vector<uint32_t> frames) {
+    for (uint64_t end = atMs_ + ms; atMs_ < end;) {
+      advance(20, 20);
+      sample(frames, {}, false);
+    }
+  }
+  void waits(uint64_t ms, std::vector<uint32_t> frames, std::vector<std::string> kernelFrames) {
+    switches_++;
+    sample(std::move(frames), std::move(kernelFrames), true);
+    process.samples.back().times.awayNs = ms * kMs;
+    advance(ms, 0);
+  }
+  void isPreempted(uint64_t ms, std::vector<uint32_t> frames) {
+    waits(ms, std::move(frames), {});
+    process.samples.back().times.wasPreempted = true;
+    preemptedMs_ += ms;
+  }
+  Verdict judged() {
+    mark();
+    return verdict();
+  }
+  using MadeUpMachine::waits;
+
+ private:
+  void advance(uint64_t ms, uint64_t cpuMs) {
+    atMs_ += ms;
+    cpuMs_ += cpuMs;
+  }
+  void sample(std::vector<uint32_t> frames, std::vector<std::string> kernelFrames, bool leaves) {
+    // No two at once.
+    process.samples.push_back(
+        {{atMs_ * kMs + (leaves ? 1 : 0), cpuMs_ * kMs, switches_, leaves, preemptedMs_ * kMs, 0, false},
+         std::move(frames),
+         std::move(kernelFrames)});
+  }
+  void mark() {
+    process.clockMarks.push_back(
+        {atMs_ * kMs, cpuMs_ * kMs, switches_, preemptedMs_ * kMs, preemptedMs_ * kMs});
+  }
+
+  uint64_t atMs_ = 6'000, cpuMs_ = 0, switches_ = 0, preemptedMs_ = 0;
+};
+
+const std::vector<uint32_t> kParsing = {kParse, kCrunch, kOpen, kMain};
+const std::vector<uint32_t> kDecoding = {kDecode, kCrunch, kOpen, kMain};
+const std::vector<uint32_t> kLocking = {kMutexLock, kSave, kOpen, kMain};
+const std::vector<std::string> kFutex = {"futex_do_wait", "do_futex"};
+
+TEST(SampledPhases, AHangThatComputesAndWaitsIsToldAsBothWithTheFunctionOfEach) {
+  SampledMachine machine;
+  machine.computes(1'800, kParsing);
+  machine.computes(1'000, kDecoding);
+  machine.waits(2'200, kLocking, kFutex);
+  machine.look().waitChannel = "do_futex";
+  machine.process.threads[0].stack = StackSample{11'001 * kMs, 0, kLocking, ""};
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.party(kWorker).syscall = SystemCall{SYS_clock_nanosleep, {}};
+  const Verdict verdict = machine.judged();
+  expectSays(
+      verdict, Cause::ownCpu,
+      "Going by samples of 5.0 of 10.0 s: viewer (thread 100) was busy itself: 56 % of 5.0 s on the CPU, in "
+      "crunch; it also waited for 2.2 of 5.0 s in save_index because thread 'worker' (101) slept "
+      "(clock_nanosleep): viewer waits for a lock that it holds.");
+  EXPECT_EQ(spentMs(verdict, ThreadState::sleeping), 2'200u);
+  EXPECT_EQ(spentMs(verdict, ThreadState::unknown), 5'000u);
+  EXPECT_EQ(verdict.coveredNs, 5'000 * kMs);
+
+  // What it waits for at the look is another wait: whoever holds that one has nothing to do with the hang.
+  machine.look().waitChannel = "do_poll";
+  const Verdict other = machine.judged();
+  expectSays(other, Cause::ownCpu, "it also slept for 2.2 of 5.0 s in save_index (futex_do_wait).");
+  EXPECT_FALSE(other.chain);
+}
+
+TEST(SampledPhases, WhoWasGivenNoCpuDidNotWait) {
+  SampledMachine machine;
+  machine.look().state = 'R';
+  machine.rivals = Rivals{};
+  machine.rivals->busiest = kHog;
+  machine.rivals->name = "hog";
+  machine.rivals->count = 1;
+  machine.rivals->ranMs = machine.rivals->watchedMs = 200;
+  for (int i = 0; i < 10; i++) {
+    machine.computes(40, kParsing);
+    machine.isPreempted(460, i < 2 ? kDecoding : kParsing);
+  }
+  expectSays(
+      machine.judged(), Cause::starved,
+      "was ready to run for 92 % of 5.0 s, but got no CPU; for all of 200 ms right after the look its CPU ran "
+      "'hog' (pid 200).");
+}
+
+TEST(SampledPhases, TheKernelsFunctionsTellWhatIsWaitedForOnceTheLookIsTooLate) {
+  SampledMachine machine;
+  machine.look().state = 'R';
+  machine.waits(2'000, kParsing, {"folio_wait_bit_common", "filemap_fault"});
+  machine.computes(20, kParsing);
+  machine.waits(2'980, kParsing, {"folio_wait_bit_common", "filemap_fault"});
+  expectSays(machine.judged(), Cause::disk,
+             "waited for all of 5.0 s for a page of a file, from a disk unless");
+
+  SampledMachine stopped;
+  stopped.look().state = 'R';
+  stopped.waits(4'000, kParsing, {"do_signal_stop", "get_signal"});
+  stopped.computes(1'000, kDecoding);
+  expectSays(stopped.judged(), Cause::stopped, "was stopped for 4.0 of 5.0 s");
+}
+
+TEST(SampledPhases, WhoHasNotRunWasInWhatTheLookFinds) {
+  SampledMachine asleep;
+  asleep.computes(0, kParsing);
+  asleep.process.clockMarks.push_back({11'000 * kMs, 0, 0, 0, 0});
+  asleep.look().syscall = SystemCall{SYS_poll, {}};
+  expectSays(asleep.verdict(), Cause::sleeping, "slept for all of 5.0 s and waited for an event (poll)");
+  asleep.look().state = 'R';
+  expectSays(asleep.verdict(), Cause::starved, "was ready to run for 100 % of 5.0 s, but got no CPU");
+  // A moment says no more than the look does.
+  asleep.process.clockMarks.front().atNs = 10'500 * kMs;
+  EXPECT_FALSE(asleep.verdict().fromSamples);
+}
+
+}  // namespace
+}  // namespace kelvane
