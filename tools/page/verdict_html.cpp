@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "tools/base/units.h"
+#include "tools/page/flame_html.h"
 #include "tools/report/verdict_text.h"
 
 namespace quorvelctl {
@@ -122,7 +123,8 @@ Html sampledHtml(const ReportSampled& sampled) {
   const Html columns{
       "<th scope=col>Share<th scope=col>For<th scope=col>On CPU<th scope=col>Ready<th scope=col>Waited"
       "<th scope=col>In"};
-  return element("section", "card", element("h2", "", heading) + scrolledTable(heading, columns, rows));
+  return element("section", "card",
+                 element("h2", "", heading) + flameHtml(sampled) + scrolledTable(heading, columns, rows));
 }
 
 }  // namespace quorvelctl

@@ -10,7 +10,9 @@
 namespace quorvelctl {
 namespace {
 
-constexpr size_t kMaxPlacesRead = 256;
+// More than a report has; its stacks may be a circle, so that a small one could have very long ones.
+constexpr size_t kMaxPlacesRead = 64;
+constexpr size_t kMaxFramesRead = 256;
 constexpr size_t kMaxPlacesTold = 12;
 constexpr size_t kFunctionsTold = 5;
 
@@ -43,8 +45,7 @@ ReportSampled sampledOf(const Json& report) {
     ReportSampled::Place& place = sampled.places.emplace_back();
     place.spent = sampledTimeOf(entry);
     place.inKernel = kernelFrame(frames, textMember(entry, "sf"));
-    // One more than is told shows that there are more.
-    place.stack = userStack(frames, textMember(entry, "sf"), kFunctionsTold + 1);
+    place.stack = userStack(frames, textMember(entry, "sf"), kMaxFramesRead);
   }
   return sampled;
 }

@@ -20,7 +20,7 @@ struct ReportSampled {
     double sum() const { return onCpuMs + readyMs + waitedMs; }
   };
   struct Place {
-    std::vector<ReportFrame> stack;  ///< innermost first; the outermost may be missing
+    std::vector<ReportFrame> stack;  ///< innermost first
     Spent spent;
     std::string inKernel = {};  ///< what it waited in there; empty: not said
   };

@@ -46,6 +46,29 @@ constexpr const char* kHostile =
 "threads":[{"tid":41,"hung":true,"name":"X","state":"X","waitChannel":"X","kernelStack":["X"],"stackCutOff":"X"},
 {"tid":42,"name":"X","noStack":"X"}]})";
 
+TEST(ReportPage, DrawsSampledStacksAsBoxesAsWideAsTheirTime) {
+  std::string text(kHostile);
+  const std::string places = R"("places":[{"sf":"1","waitedMs":10}])";
+  text.replace(
+      text.find(places), places.size(),
+      R"("places":[{"sf":"5","onCpuMs":5,"readyMs":1},{"sf":"7","waitedMs":3}],"notSeen":{"waitedMs":1})");
+  text.insert(text.find(R"("stackFrames":{)") + 15,
+              R"("2":{"name":"_start"},"3":{"name":"main","parent":"2"},"4":{"name":"crunch","parent":"3"},
+"5":{"name":"parse","parent":"4"},"6":{"name":"save","parent":"3"},
+"7":{"name":"futex_wait","category":"kernel","parent":"6"},)");
+  const std::string page = pageOf(text);
+  const std::regex shape(
+      "<div class=\"flame\"[^]*main</span><ul><li style=\"width:66.67%\">[^]*crunch</span>"
+      "<ul><li style=\"width:100.00%\">[^]*parse</span></li>\n</ul></li>\n"
+      "<li style=\"width:33.33%\">[^]*save</span>[^]*futex_wait</span></li>[^]*"
+      "<li style=\"width:10.00%\">[^]*\\(not seen\\)</span></li>\n</ul>");
+  EXPECT_TRUE(std::regex_search(page, shape)) << page.substr(page.find("<div class=\"flame\""), 2'000);
+  EXPECT_EQ(page.find(">_start</span>"), std::string::npos) << "what all stacks begin with";
+  EXPECT_NE(page.find("tabindex=\"0\" role=\"img\" style=\"--cpu:83.3%;--ready:100.0%\" "
+                      "aria-label=\"parse: 60 %, on a CPU for 5 ms, ready for 1 ms\""),
+            std::string::npos);
+}
+
 TEST(ReportPage, NothingOfAReportBecomesMarkup) {
   const std::string harmless = pageOf(kHostile);
   std::string text(kHostile);
