@@ -55,6 +55,30 @@ std::string quoted(const std::string& name) {
   return name.empty() ? std::string() : " '" + name + "'";
 }
 
+namespace {
+
+/// "std::mutex::lock" of "std::mutex::lock()", "std::this_thread::sleep_for" of "void std::this_thread::
+/// sleep_for<long>(long)": without what it returns, takes and is made for.
+std::string qualifiedName(std::string_view function) {
+  std::string name;
+  size_t depth = 0;
+  for (const char letter : function) {
+    if (letter == '(' && depth == 0) break;
+    if (letter == '<') depth++;
+    if (depth == 0) name += letter;
+    if (letter == '>' && depth > 0) depth--;
+  }
+  return name.substr(name.rfind(' ') + 1);
+}
+
+/// Of the C++ library, which the compiler puts into the program.
+bool isOfTemplateLibrary(const std::string& function) {
+  const std::string name = qualifiedName(function);
+  return name.starts_with("std::") || name.starts_with("__gnu_cxx::") || name.starts_with("__gthread_");
+}
+
+}  // namespace
+
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread) {
   return thread.stack ? ownFrames(process, thread.stack->frames) : std::vector<const Frame*>();
 }
@@ -63,6 +87,7 @@ std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::ve
   constexpr std::array<std::string_view, 6> kPlumbing = {"[vdso]",     "libc.so",      "ld-linux",
                                                          "libpthread", "libstdc++.so", "libc++.so"};
   auto isPlumbing = [&](const Frame* frame) {
+    if (isOfTemplateLibrary(frame->name)) return true;
     if (frame->module < 0) return false;
     std::string module = fileName(process.modules[static_cast<size_t>(frame->module)].path);
     return std::any_of(kPlumbing.begin(), kPlumbing.end(),

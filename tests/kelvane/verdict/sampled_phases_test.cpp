@@ -6,7 +6,7 @@
 namespace kelvane {
 namespace {
 
-enum Function : uint32_t { kMain, kOpen, kCrunch, kParse, kDecode, kSave, kMutexLock };
+enum Function : uint32_t { kMain, kOpen, kCrunch, kParse, kDecode, kSave, kMutexLock, kStdLock };
 
 /// The hang of a MadeUpMachine without a recorder, of which the last five seconds were sampled.
 class SampledMachine : public MadeUpMachine {
@@ -17,6 +17,7 @@ class SampledMachine : public MadeUpMachine {
     for (const char* name : {"main", "open_document", "crunch", "parse", "decode", "save_index"})
       process.frames.push_back({0, 0, 0, name});
     process.frames.push_back({0, 1, 0, "pthread_mutex_lock"});
+    process.frames.push_back({0, 0, 0, "void std::lock<std::mutex, std::ratio<1l, 1l> >(std::mutex&)"});
     mark();
   }
 
@@ -66,7 +67,7 @@ class SampledMachine : public MadeUpMachine {
 
 const std::vector<uint32_t> kParsing = {kParse, kCrunch, kOpen, kMain};
 const std::vector<uint32_t> kDecoding = {kDecode, kCrunch, kOpen, kMain};
-const std::vector<uint32_t> kLocking = {kMutexLock, kSave, kOpen, kMain};
+const std::vector<uint32_t> kLocking = {kMutexLock, kStdLock, kSave, kOpen, kMain};
 const std::vector<std::string> kFutex = {"futex_do_wait", "do_futex"};
 
 TEST(SampledPhases, AHangThatComputesAndWaitsIsToldAsBothWithTheFunctionOfEach) {
