@@ -56,15 +56,15 @@ TEST(ReportFile, TellsWhereTheTimeWent) {
   text.insert(text.find("{\"ph\":\"X\""), R"({"ph":"P","cat":"sample","tid":41,"sf":"1"},)");
   std::string error;
   const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
-  EXPECT_NE(
-      quorvelctl::reportText(report).find("\n\n"
-                                          "Where it was in the last 4.00 s, by 60 samples\n"
-                                          "SHARE  FOR     ON CPU  READY   WAITED  IN\n"
-                                          "57 %   2.28 s  2.00 s  280 ms  -       main\n"
-                                          "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20 (futex_wait)  from main\n"
-                                          "1 %    40 ms   -       -       40 ms   (unknown)\n"
-                                          "2 %    60 ms   -       -       60 ms   (not seen)\n\n"),
-      std::string::npos)
+  EXPECT_NE(quorvelctl::reportText(report).find(
+                "\n\n"
+                "Where it was in the last 4.00 s, by 60 samples\n"
+                "SHARE  FOR     ON CPU  READY   WAITED  IN\n"
+                "57 %   2.28 s  2.00 s  280 ms  -       main\n"
+                "41 %   1.64 s  -       -       1.64 s  libc.so.6+0x20 (futex_wait)  from main\n"
+                "1 %    40 ms   -       -       40 ms   (unknown)\n"
+                "2 %    60 ms   -       -       60 ms   (not seen)\n\n"),
+            std::string::npos)
       << quorvelctl::reportText(report);
   EXPECT_EQ(report.threads[0].userStack.size(), 2u) << "a sample is not the look";
 }
