@@ -100,7 +100,7 @@ void writeBusiest(JsonWriter& json, const std::vector<BusyThread>& busiest) {
   json.endArray();
 }
 
-void writeDisk(JsonWriter& json, const DiskActivity& disk) {
+void writeDisk(JsonWriter& json, const DiskActivity& disk, const std::optional<NamedThread>& user) {
   json.key("disk");
   json.beginObject();
   json.member("requests", disk.requests);
@@ -108,6 +108,12 @@ void writeDisk(JsonWriter& json, const DiskActivity& disk) {
   json.member("writtenBytes", disk.writtenBytes);
   json.memberMilliseconds("busyMs", disk.busyNs);
   json.memberMilliseconds("slowestMs", disk.slowestNs);
+  if (user) {
+    json.key("busiest");
+    json.beginObject();
+    writeNames(json, *user);
+    json.endObject();
+  }
   json.endObject();
 }
 
@@ -170,7 +176,7 @@ void writeVerdict(JsonWriter& json, const Verdict& verdict, const ProcessCapture
   writeWakers(json, verdict.wakers);
   if (verdict.chain) writeChain(json, *verdict.chain, process);
   writeBusiest(json, verdict.busiest);
-  if (verdict.disk) writeDisk(json, *verdict.disk);
+  if (verdict.disk) writeDisk(json, *verdict.disk, verdict.diskUser);
   json.key("pressure");
   json.beginObject();
   writePressureLine(json, "cpu", verdict.pressure.cpu);

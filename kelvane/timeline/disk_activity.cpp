@@ -1,6 +1,7 @@
 #include "kelvane/timeline/disk_activity.h"
 
 #include <algorithm>
+#include <map>
 
 namespace kelvane {
 
@@ -14,6 +15,7 @@ DiskActivity diskActivity(const Recording& recording, std::span<const DiskReques
     if (event.state == 'W') activity.writtenBytes += event.bytes;
   }
   uint64_t busyUntilNs = fromNs;
+  std::map<int32_t, uint64_t> underWayNs;
   for (const DiskRequest& request : requests) {
     uint64_t from = std::max(request.issuedNs, fromNs);
     uint64_t to = std::min(request.completedNs, toNs);
@@ -21,6 +23,8 @@ DiskActivity diskActivity(const Recording& recording, std::span<const DiskReques
     activity.slowestNs = std::max(activity.slowestNs, request.completedNs - request.issuedNs);
     if (to > busyUntilNs) activity.busyNs += to - std::max(from, busyUntilNs);
     busyUntilNs = std::max(busyUntilNs, to);
+    const uint64_t sumNs = underWayNs[request.issuedBy] += to - from;
+    if (!activity.busiest || sumNs > underWayNs[*activity.busiest]) activity.busiest = request.issuedBy;
   }
   return activity;
 }

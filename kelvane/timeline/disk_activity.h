@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "kelvane/recording/recording.h"
@@ -15,6 +16,7 @@ struct DiskActivity {
   uint64_t writtenBytes = 0;
   uint64_t busyNs = 0;     // with at least one request under way
   uint64_t slowestNs = 0;  // of the requests that ended in the window or were still under way at its end
+  std::optional<int32_t> busiest;  // the thread whose requests were under way for longest, all added up
 };
 
 /// Counts what is recorded of the window: less than there was where the recording doesn't cover it.

@@ -9,6 +9,7 @@
 #include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/findings.h"
 #include "kelvane/verdict/verdict_sentence.h"
+#include "kelvane/verdict/wakers.h"
 
 namespace kelvane {
 namespace {
@@ -241,6 +242,7 @@ Verdict judge(const Evidence& evidence) {
     verdict.wakers = findings.sleeps.wakers;
     verdict.busiest = findings.busiest;
     verdict.disk = findings.disk;
+    if (findings.disk.busiest) verdict.diskUser = namedThread(evidence, *findings.disk.busiest);
   }
   auto windowNs = static_cast<double>(verdict.windowNs);
   verdict.fromRecorder = isRecorded && static_cast<double>(findings.knownNs) >= kLeastShareKnown * windowNs;

@@ -131,6 +131,7 @@ struct Verdict {
   std::vector<Waker> wakers;        // who ended its sleeps, by their time
   std::vector<BusyThread> busiest;  // other threads, most first
   std::optional<DiskActivity> disk;
+  std::optional<NamedThread> diskUser;  // DiskActivity::busiest
 
   std::optional<ChainVerdict> chain;  // if that is what it was
   Pressure pressure;

@@ -17,6 +17,9 @@ namespace {
 /// From this share on, what is known stands for the whole hang: a switch or two at its border may be missing.
 constexpr double kWholeShare = 0.95;
 
+/// What lasted for less than one of so many parts of a launch did not make it slow.
+constexpr uint64_t kFewestParts = 5;
+
 std::string decimal(double number) {
   std::array<char, 40> text;
   return {text.data(),
@@ -448,6 +451,9 @@ class Sentence {
 
   std::string withoutThread() const {
     std::string text = "There is no process to judge by";
+    if (verdict_.diskUser && verdict_.disk->busyNs >= verdict_.windowNs / kFewestParts)
+      text += "; the disks were busy for " + ofDuration(verdict_.disk->busyNs, verdict_.windowNs) +
+              ", most of all for " + threadText(*verdict_.diskUser);
     if (verdict_.busiest.empty()) return text + ".";
     const BusyThread& busiest = verdict_.busiest.front();
     return text + "; most of the CPU time went to " + threadText(busiest.thread) + ": " +

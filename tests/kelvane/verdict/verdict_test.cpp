@@ -172,6 +172,25 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
              "unless the file lies elsewhere; the disk I/O of its control group /app is limited");
 }
 
+TEST(Verdict, WithoutAProcessTellsWhoHadTheDisksAndTheCpus) {
+  MadeUpMachine launch;
+  launch.process = {};
+  launch.switches(2'000, 0, 'R', kHog);
+  launch.switches(5'000, kHog, 'S', 0);
+  for (uint64_t ms = 3'000; ms < 9'000; ms += 1'000) launch.request(kDatabase, ms, ms + 900, 'W');
+  launch.request(kOther, 3'500, 4'500);
+  expectSays(
+      launch.verdict(), Cause::unknown,
+      "There is no process to judge by; the disks were busy for 5.5 of 10.0 s, most of all for 'database' "
+      "(pid 7); most of the CPU time went to 'hog' (pid 200): ");
+  // A request or two keep nobody waiting for long.
+  MadeUpMachine idle;
+  idle.process = {};
+  idle.switches(2'000, 0, 'R', kHog);
+  idle.request(kDatabase, 3'000, 3'900);
+  EXPECT_EQ(idle.verdict().sentence.find("disk"), std::string::npos) << idle.verdict().sentence;
+}
+
 TEST(Verdict, SumsUpWhoEndedManySleeps) {
   auto sleeping = [](MadeUpMachine& machine, auto&& ends) {
     for (uint64_t ms = 1'000; ms < 11'000; ms += 200) {
