@@ -164,9 +164,15 @@ class Sentence {
     return verdict_.phases.size() < 2 || place.empty() ? "" : place + " ";
   }
 
+  /// Empty if too little was sampled to speak for the hang.
+  SampledPhases::Place sampledIn(ThreadState state) const {
+    const bool speaks = verdict_.fromSamples || findings_.sampled.durationNs >= verdict_.windowNs / 2;
+    return speaks ? findings_.sampled.placeIn(state) : SampledPhases::Place{};
+  }
+
   /// "in crunch", "mostly in crunch"; empty if no function had most of that state's time, or none was seen.
   std::string sampledPlace(ThreadState state) const {
-    const SampledPhases::Place& place = findings_.sampled.placeIn(state);
+    const SampledPhases::Place place = sampledIn(state);
     if (place.function.empty()) return {};
     return (place.isAlmostAll ? "in " : "mostly in ") + place.function;
   }
@@ -201,7 +207,8 @@ class Sentence {
     if (findings_.idleRunnableNs > findings_.in(ThreadState::runnable) / 2)
       return text + ", but was held back although its CPU was idle (a CPU limit of its group, perhaps)";
     const Competitors& others = findings_.competitors;
-    if (others.count == 0) return text + ", but got no CPU" + rivalsText();
+    if (verdict_.fromSamples) return text + " without being given a CPU" + rivalsText() + quotaReservation();
+    if (others.count == 0) return text + ", but got no CPU";
     text += ", but the CPU ran ";
     if (others.runningNs < findings_.in(ThreadState::runnable) / 2) text += "others, most of all ";
     return text + competitorsText(others) + quotaReservation();
@@ -359,7 +366,7 @@ class Sentence {
 
   /// "in save_index (futex_do_wait)".
   std::string sampledSleepText() const {
-    const std::string& channel = findings_.sampled.placeIn(ThreadState::sleeping).kernelFunction;
+    const std::string channel = sampledIn(ThreadState::sleeping).kernelFunction;
     const std::string inKernel = channel.empty() ? "" : "(" + channel + ")";
     const std::string place = sampledPlace(ThreadState::sleeping);
     if (place.empty() && channel.empty()) return "for reasons that can't be told";
@@ -412,10 +419,9 @@ class Sentence {
 
   /// " (vfork_wait)", if it was still there at the look.
   std::string channelText() const {
-    const bool isAtLook = !verdict_.hasTimes() || (verdict_.fromRecorder && findings_.stillAsleep);
-    const std::string& channel = isAtLook
-                                     ? findings_.thread->facts.waitChannel
-                                     : findings_.sampled.placeIn(ThreadState::uninterruptible).kernelFunction;
+    const bool isAtLook = !verdict_.hasTimes() || findings_.stillAsleep;
+    std::string channel = isAtLook ? findings_.thread->facts.waitChannel : std::string();
+    if (verdict_.fromSamples) channel = sampledIn(ThreadState::uninterruptible).kernelFunction;
     return channel.empty() ? "" : " (" + channel + ")";
   }
 
@@ -433,7 +439,8 @@ class Sentence {
       return "hung for a reason that can't be told";
     std::string text =
         "waited " + spentAmount(ThreadState::uninterruptible) + "in the kernel" + channelText();
-    if (findings_.kernelWait == KernelWait::lock && !channelText().empty()) text += ", for a lock of its own";
+    const KernelWait wait = verdict_.fromRecorder ? findings_.kernelWait : kernelWaitWithoutRecorder();
+    if (wait == KernelWait::lock && !channelText().empty()) text += ", for a lock of its own";
     if (findings_.diskWaits.heldBackNs > findings_.in(ThreadState::uninterruptible) / 2)
       return text + ", for a disk that was asked late: something held back its requests";
     const Wait* longest = longestKernelWait();

@@ -110,7 +110,7 @@ TEST(SampledPhases, WhoWasGivenNoCpuDidNotWait) {
   }
   expectSays(
       machine.judged(), Cause::starved,
-      "was ready to run for 92 % of 5.0 s, but got no CPU; for all of 200 ms right after the look its CPU ran "
+      "was ready to run for 92 % of 5.0 s without being given a CPU; for all of 200 ms right after the look its CPU ran "
       "'hog' (pid 200).");
 }
 
@@ -137,7 +137,8 @@ TEST(SampledPhases, WhoHasNotRunWasInWhatTheLookFinds) {
   asleep.look().syscall = SystemCall{SYS_poll, {}};
   expectSays(asleep.verdict(), Cause::sleeping, "slept for all of 5.0 s and waited for an event (poll)");
   asleep.look().state = 'R';
-  expectSays(asleep.verdict(), Cause::starved, "was ready to run for 100 % of 5.0 s, but got no CPU");
+  expectSays(asleep.verdict(), Cause::starved,
+             "was ready to run for 100 % of 5.0 s without being given a CPU");
   // A moment says no more than the look does.
   asleep.process.clockMarks.front().atNs = 10'500 * kMs;
   EXPECT_FALSE(asleep.verdict().fromSamples);
