@@ -6,7 +6,6 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "kelvane/base/limits.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/kernel/kernel_look.h"
 

@@ -94,6 +94,7 @@ std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::ve
                        [&](auto name) { return module.starts_with(name); });
   };
   std::vector<const Frame*> all;
+  all.reserve(frames.size());
   for (uint32_t index : frames) all.push_back(&process.frames[index]);
   std::vector<const Frame*> own;
   std::remove_copy_if(all.begin(), all.end(), std::back_inserter(own), isPlumbing);

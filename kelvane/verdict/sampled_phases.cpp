@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "kelvane/verdict/display_names.h"
 
@@ -158,9 +159,11 @@ SampledPhases::Place placeAtLook(const ProcessCapture& process) {
 SampledHang sampledHang(const ProcessCapture& process, uint64_t fromNs, uint64_t toNs) {
   SampledHang hang;
   for (const SampledStack& sample : process.samples) hang.samples.push_back(&sample);
-  std::stable_sort(hang.samples.begin(), hang.samples.end(),
-                   [](const auto* a, const auto* b) { return a->times.atNs < b->times.atNs; });
+  std::sort(hang.samples.begin(), hang.samples.end(), [](const auto* a, const auto* b) {
+    return std::pair(a->times.atNs, a->times.switches) < std::pair(b->times.atNs, b->times.switches);
+  });
   std::vector<SampleTimes> times;
+  times.reserve(hang.samples.size());
   for (const SampledStack* sample : hang.samples) times.push_back(sample->times);
   hang.time = divideTime(times, process.clockMarks, fromNs, toNs);
   return hang;
