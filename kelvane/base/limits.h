@@ -132,6 +132,14 @@ inline constexpr std::chrono::milliseconds kSettleTime{50};
 /// CPU; and how many times more for who has had none.
 inline constexpr std::chrono::milliseconds kWatchTime{40};
 inline constexpr int kMoreWatches = 4;
+/// Threads of a process among whom whoever is to give a signal may be.
+inline constexpr size_t kMaxWaitCandidates = 12;
+/// How long a sleep may last that is looked at for what the thread tries between two of them, and so how long
+/// it is watched; and how long all threads of a graph.
+inline constexpr std::chrono::milliseconds kTryWatch{200};
+inline constexpr std::chrono::milliseconds kAllTriesWatch{400};
+/// The kernel's, for what it writes of a watched thread's system calls; a power of two.
+inline constexpr size_t kCallRingBytes = size_t{64} * 1024;
 
 // All processes.
 

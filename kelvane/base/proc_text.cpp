@@ -62,6 +62,7 @@ std::optional<ProcStat> parseStat(std::string_view text) {
     if (field == 4) stat.parent = static_cast<pid_t>(number);
     if (field == 6) stat.session = static_cast<pid_t>(number);
     if (field == 9) stat.flags = number;
+    if (field == 12) stat.majorFaults = number;
     if (field == 14) stat.userTicks = number;
     if (field == 15) stat.systemTicks = number;
     if (field == 18) stat.priority = parseNumber<int>(part).value_or(0);

@@ -19,8 +19,9 @@ struct ProcStat {
   char state = '?';
   pid_t parent = 0;
   pid_t session = 0;
-  uint64_t flags = 0;  // the kernel's PF_ bits
-  int priority = 0;    // the kernel's: below 0 real-time, 0 to 39 by niceness; the lower goes first
+  uint64_t flags = 0;        // the kernel's PF_ bits
+  uint64_t majorFaults = 0;  // for which pages had to be read in
+  int priority = 0;          // the kernel's: below 0 real-time, 0 to 39 by niceness; the lower goes first
   uint64_t userTicks = 0;
   uint64_t systemTicks = 0;
   uint64_t startStack = 0;  // 0 without permission; another one after an exec

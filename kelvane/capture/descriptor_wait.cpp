@@ -185,6 +185,7 @@ class EndSearch {
     for (const EndHolder& holder : found) {
       // Of its own process any other thread may be the one.
       const bool isAnyOfOwn = holder.pid == party_.pid && holder.thread.isChosen && !holder.thread.isAtIt;
+      isAnyOfOwn_ = isAnyOfOwn_ || (isAnyOfOwn && !others);
       if (isAnyOfOwn || (others && holder.pid == party_.pid)) continue;
       // An eventfd is the kernel's to signal, too.
       const bool isSure =
@@ -198,6 +199,8 @@ class EndSearch {
     }
     return holders;
   }
+  /// Whether an end that was asked for is its own process's alone, any thread of which may be at it.
+  bool isAnyOfOwn() const { return isAnyOfOwn_; }
 
  private:
   static std::vector<WaitHolder> ofProcess(pid_t pid) {
@@ -248,6 +251,7 @@ class EndSearch {
 
   const WaitParty& party_;
   DescriptorIndex& index_;
+  bool isAnyOfOwn_ = false;
 };
 
 /// Of several events just one has to happen: who waits for the party is not whom it waits for.
@@ -296,6 +300,7 @@ std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
   }
   if (isAny) keepTheOnlyOther(wait, party, waiting, waited.all.size());
   if (wait.holders.empty() && isNetwork && !isAny) wait.kind = WaitKind::network;
+  if (wait.holders.empty() && search.isAnyOfOwn() && !isAny) wait.candidates = otherThreads(party);
   const bool isTold = !wait.holders.empty() || wait.kind != WaitKind::peer || !wait.object.empty();
   return isTold ? std::optional(wait) : std::nullopt;
 }

@@ -39,6 +39,43 @@ std::vector<pid_t> processesWithLock(const std::string& link, uint64_t inode, De
   return pids;
 }
 
+struct LockedFile {
+  uint64_t inode = 0;
+  std::string link;
+};
+
+/// The file that the call works on.
+LockedFile fileOf(int processDir, const WaitParty& party) {
+  const auto fd = static_cast<int>(party.facts.syscall->arguments[0]);
+  return {parseStatusNumber(fdinfo("/proc/" + std::to_string(party.pid), fd), "ino"),
+          descriptorLink(processDir, "fd/" + std::to_string(fd))};
+}
+
+std::vector<FileLock> currentLocks() {
+  return parseFileLocks(readFileAt(AT_FDCWD, "/proc/locks", kMaxNetTableBytes).text);
+}
+
+void addHolders(PartyWait& wait, const FileLock& lock, const LockedFile& file, pid_t self,
+                DescriptorIndex& index) {
+  // Who has set a flock(2) may have ended, or closed the file, and left it to whoever has inherited the
+  // descriptor.
+  std::vector<pid_t> pids = {lock.pid};
+  if (lock.isFlock || lock.pid <= 0) pids = processesWithLock(file.link, file.inode, index);
+  const bool isThere = std::find(pids.begin(), pids.end(), lock.pid) != pids.end();
+  if (isThere) pids = {lock.pid};
+  std::erase(pids, self);
+  for (const pid_t pid : pids) {
+    const bool isKnown = std::any_of(wait.holders.begin(), wait.holders.end(),
+                                     [&](const WaitHolder& holder) { return holder.pid == pid; });
+    // Who waits for a lock himself is the likeliest to have one.
+    const auto thread = isKnown ? std::nullopt : likelyThread(pid, 0, isLockCall);
+    if (!thread) continue;
+    const bool isSure = isThere && thread->isOnly;
+    wait.holders.push_back({pid, thread->tid, isSure ? Sureness::certain : Sureness::likely,
+                            isThere ? "/proc/locks" : "it has the file open with a lock on it"});
+  }
+}
+
 }  // namespace
 
 std::vector<FileLock> parseFileLocks(std::string_view text) {
@@ -61,32 +98,32 @@ std::vector<FileLock> parseFileLocks(std::string_view text) {
 
 std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, DescriptorIndex& index) {
   if (!party.facts.syscall || !isLockCall(*party.facts.syscall)) return std::nullopt;
-  const auto fd = static_cast<int>(party.facts.syscall->arguments[0]);
-  const uint64_t inode = parseStatusNumber(fdinfo("/proc/" + std::to_string(party.pid), fd), "ino");
-  const std::string link = descriptorLink(processDir, "fd/" + std::to_string(fd));
-  PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + link, {}};
-  const auto locks = parseFileLocks(readFileAt(AT_FDCWD, "/proc/locks", kMaxNetTableBytes).text);
+  const LockedFile file = fileOf(processDir, party);
+  PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
+  const auto locks = currentLocks();
   const auto blocked = std::find_if(locks.begin(), locks.end(), [&](const FileLock& lock) {
-    return lock.waits && lock.inode == inode && (lock.pid == party.pid || lock.pid == -1);
+    return lock.waits && lock.inode == file.inode && (lock.pid == party.pid || lock.pid == -1);
   });
   if (blocked == locks.end()) return wait;
   for (const FileLock& lock : locks) {
-    if (lock.waits || lock.number != blocked->number) continue;
-    // Who has set a flock(2) may have ended, or closed the file, and left it to whoever has inherited the
-    // descriptor.
-    std::vector<pid_t> pids = {lock.pid};
-    if (lock.isFlock || lock.pid <= 0) pids = processesWithLock(link, inode, index);
-    const bool isThere = std::find(pids.begin(), pids.end(), lock.pid) != pids.end();
-    if (isThere) pids = {lock.pid};
-    std::erase(pids, party.pid);
-    for (const pid_t pid : pids) {
-      const auto thread = likelyThread(pid, 0, nullptr);
-      if (!thread) continue;
-      const bool isSure = isThere && thread->isOnly;
-      wait.holders.push_back({pid, thread->tid, isSure ? Sureness::certain : Sureness::likely,
-                              isThere ? "/proc/locks" : "it has the file open with a lock on it"});
-    }
+    if (!lock.waits && lock.number == blocked->number) addHolders(wait, lock, file, party.pid, index);
   }
+  return wait;
+}
+
+std::optional<PartyWait> fileLockTry(int processDir, const WaitParty& party, DescriptorIndex& index) {
+  if (party.facts.syscall->number != SYS_fcntl && party.facts.syscall->number != SYS_flock)
+    return std::nullopt;
+  const LockedFile file = fileOf(processDir, party);
+  PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
+  const bool isFlock = party.facts.syscall->number == SYS_flock;
+  for (const FileLock& lock : currentLocks()) {
+    if (!lock.waits && lock.inode == file.inode && lock.isFlock == isFlock)
+      addHolders(wait, lock, file, party.pid, index);
+  }
+  // It may be any of several locks that is in the way.
+  for (WaitHolder& holder : wait.holders)
+    holder.sureness = wait.holders.size() == 1 ? Sureness::likely : Sureness::guess;
   return wait;
 }
 

@@ -26,5 +26,8 @@ std::vector<FileLock> parseFileLocks(std::string_view text);
 /// The lock on a file that the party waits for in fcntl(2) or flock(2), and who has it. Nothing if it waits
 /// for none.
 std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, DescriptorIndex& index);
+/// The lock that the party has just asked for in vain, without waiting for it, by a call that it is said to
+/// be in, and who has any lock on that file.
+std::optional<PartyWait> fileLockTry(int processDir, const WaitParty& party, DescriptorIndex& index);
 
 }  // namespace kelvane

@@ -204,6 +204,9 @@ void writeWait(WireWriter& out, const PartyWait& wait) {
   out.number(static_cast<uint64_t>(wait.kind));
   out.text(wait.object);
   writeAll(out, wait.holders, writeHolder);
+  writeAll(out, wait.candidates, writeHolder);
+  out.number(wait.isRetried);
+  out.number(wait.timeLeftNs);
 }
 
 PartyWait readWait(WireReader& in) {
@@ -212,6 +215,9 @@ PartyWait readWait(WireReader& in) {
   wait.kind = readEnum(in, kLastWaitKind);
   wait.object = in.text();
   wait.holders = readAll<WaitHolder>(in, readHolder);
+  wait.candidates = readAll<WaitHolder>(in, readHolder);
+  wait.isRetried = in.number() != 0;
+  wait.timeLeftNs = in.number();
   return wait;
 }
 

@@ -9,8 +9,10 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
+#include "kelvane/capture/likely_thread.h"
 #include "kelvane/capture/other_memory.h"
 #include "kelvane/capture/shared_memory.h"
+#include "kelvane/capture/wait_time.h"
 
 namespace kelvane {
 namespace {
@@ -149,6 +151,11 @@ std::optional<PartyWait> futexWait(int processDir, const WaitParty& party) {
     wait.holders = {*holder};
     break;
   }
+  const auto isPrivate = [&] {
+    return (view->operation & FUTEX_PRIVATE_FLAG) != 0 || !isSharedMemory(processDir, view->address);
+  };
+  if (wait.holders.empty() && isPrivate()) wait.candidates = otherThreads(party);
+  wait.timeLeftNs = timeLeftNs(party);
   // What was read counts only if the thread still waits there.
   return stillWaits(processDir, party) ? std::optional(wait) : std::nullopt;
 }

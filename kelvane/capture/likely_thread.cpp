@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kelvane/base/limits.h"
@@ -74,6 +75,22 @@ std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
     best = {tid, isOnly, tids.size() > 1, isHere};
   }
   return best.tid == 0 ? std::nullopt : std::optional(best);
+}
+
+std::vector<WaitHolder> otherThreads(const WaitParty& party) {
+  const std::string path = "/proc/" + std::to_string(party.pid);
+  const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return {};
+  std::vector<std::pair<int, pid_t>> ranked;
+  for (const pid_t tid : listNumbersAt(dir.get(), "task", kMaxThreadsWithStack)) {
+    if (tid != party.facts.tid) ranked.emplace_back(rankOf(readThreadState(dir.get(), tid), {}), tid);
+  }
+  std::sort(ranked.begin(), ranked.end());
+  if (ranked.size() > kMaxWaitCandidates) ranked.resize(kMaxWaitCandidates);
+  std::vector<WaitHolder> others;
+  others.reserve(ranked.size());
+  for (const auto& [rank, tid] : ranked) others.push_back({party.pid, tid, Sureness::guess, {}});
+  return others;
 }
 
 }  // namespace kelvane

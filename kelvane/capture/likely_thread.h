@@ -4,8 +4,10 @@
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "kelvane/base/proc_text.h"
+#include "kelvane/waits/wait_graph.h"
 
 namespace kelvane {
 
@@ -21,5 +23,9 @@ struct LikelyThread {
 /// events; never `except`. Nothing if the process has gone.
 std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
                                          const std::function<bool(const SystemCall&)>& isAtIt);
+
+/// The other threads of the party's process (PartyWait::candidates), those first that are awake or stand
+/// still in the kernel; not all of a large process.
+std::vector<WaitHolder> otherThreads(const WaitParty& party);
 
 }  // namespace kelvane

@@ -66,6 +66,10 @@ pid_t processOf(pid_t tid) {
 
 }  // namespace
 
+bool isSharedMemory(int processDir, uint64_t address) {
+  return !sharedFileAt(readFileAt(processDir, "maps", kMaxMapsBytes).text, address).empty();
+}
+
 std::optional<WaitHolder> threadSharing(int processDir, uint64_t address, pid_t inside) {
   const std::string file = sharedFileAt(readFileAt(processDir, "maps", kMaxMapsBytes).text, address);
   if (file.empty()) return std::nullopt;

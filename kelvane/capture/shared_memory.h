@@ -13,4 +13,7 @@ namespace kelvane {
 /// if it has the memory at `address` in common with that. Nothing if there is none.
 std::optional<WaitHolder> threadSharing(int processDir, uint64_t address, pid_t inside);
 
+/// Whether the process of `processDir` may have the memory at `address` in common with others.
+bool isSharedMemory(int processDir, uint64_t address);
+
 }  // namespace kelvane

@@ -237,6 +237,7 @@ Surroundings readSurroundings(pid_t pid, pid_t thread) {
   };
   if (!dir) return surroundings;
   surroundings.schedule = parseSchedstat(read(taskPath(thread, "schedstat")));
+  surroundings.majorFaults = parseStat(read(taskPath(thread, "stat"))).value_or(ProcStat{}).majorFaults;
   surroundings.limits = Limits(read("cgroup")).read();
   return surroundings;
 }

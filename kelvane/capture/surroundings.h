@@ -56,6 +56,7 @@ struct GroupLimits {
 struct Surroundings {
   pid_t thread = 0;
   std::optional<ScheduleFigures> schedule;
+  uint64_t majorFaults = 0;  // in the thread's life
   GroupLimits limits;
 };
 

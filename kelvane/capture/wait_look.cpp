@@ -11,13 +11,16 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
+#include "kelvane/capture/call_watch.h"
 #include "kelvane/capture/child_wait.h"
 #include "kelvane/capture/descriptor_index.h"
 #include "kelvane/capture/descriptor_wait.h"
 #include "kelvane/capture/file_lock.h"
 #include "kelvane/capture/futex_wait.h"
+#include "kelvane/capture/likely_thread.h"
 #include "kelvane/capture/server_wait.h"
 #include "kelvane/capture/surroundings.h"
+#include "kelvane/capture/wait_time.h"
 #include "kelvane/waits/follow_waits.h"
 
 namespace kelvane {
@@ -47,11 +50,13 @@ class Looker final : public WaitSource {
   std::optional<PartyWait> waitOf(const WaitParty& party) override {
     const int dir = dirOf(party.pid);
     if (dir < 0) return std::nullopt;
-    auto wait = futexWait(dir, party);
+    auto wait = tracerWait(party);
+    if (!wait) wait = futexWait(dir, party);
     if (!wait) wait = childWait(party);
     if (!wait) wait = fileLockWait(dir, party, index_);
     if (!wait) wait = serverWait(dir, party, index_);
     if (!wait) wait = descriptorWait(dir, party, waitingFor(party), index_, omissions_);
+    if (!wait) wait = retriedWait(dir, party);
     if (wait) waits_.push_back(*wait);
     return wait;
   }
@@ -95,6 +100,34 @@ class Looker final : public WaitSource {
     uint64_t ranNs() const { return around.schedule.value_or(ScheduleFigures{}).ranNs; }
     uint64_t throttledNs() const { return around.limits.quota ? around.limits.quota->throttledNs : 0; }
   };
+
+  static std::optional<PartyWait> tracerWait(const WaitParty& party) {
+    if (party.facts.state != 't' || party.facts.tracerPid == 0) return std::nullopt;
+    PartyWait wait{party.facts.tid, WaitKind::tracer, {}, {}};
+    if (const auto thread = likelyThread(party.facts.tracerPid, 0, nullptr))
+      wait.holders = {{party.facts.tracerPid, thread->tid,
+                       thread->isOnly ? Sureness::certain : Sureness::likely, "TracerPid"}};
+    return wait;
+  }
+
+  /// Of one who only sleeps, and not for long: what it tries between its sleeps.
+  std::optional<PartyWait> retriedWait(int dir, WaitParty party) {
+    if (!party.facts.syscall || !onlySleeps(*party.facts.syscall)) return std::nullopt;
+    const uint64_t sleepNs = timeLeftNs(party);
+    const auto longest = std::min(kTryWatch, triesLeft_);
+    if (sleepNs == 0 || std::chrono::nanoseconds(sleepNs) > longest) return std::nullopt;
+    const uint64_t begunNs = monotonicNs();
+    int error = 0;
+    party.facts.syscall = awaitVainTry(party.facts.tid, longest, error);
+    triesLeft_ -= std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::nanoseconds(monotonicNs() - begunNs));
+    if (error != 0) omissions_.push_back({"what a thread tries between its sleeps", errorText(error)});
+    if (!party.facts.syscall) return std::nullopt;
+    auto wait = childWait(party);
+    if (!wait) wait = fileLockTry(dir, party, index_);
+    if (wait) wait->isRetried = true;
+    return wait;
+  }
 
   Moment momentOf(const WaitParty& party) {
     std::vector<Omission> known;
@@ -157,6 +190,7 @@ class Looker final : public WaitSource {
   std::vector<WaitParty> parties_;
   std::vector<PartyWait> waits_;
   std::vector<Omission> omissions_;
+  std::chrono::milliseconds triesLeft_ = kAllTriesWatch;
 };
 
 }  // namespace

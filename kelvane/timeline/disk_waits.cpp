@@ -15,6 +15,8 @@ namespace {
 constexpr double kOwnShare = 0.5;
 /// The share with any request of the device under way, from which on its own may have stood in a queue.
 constexpr double kQueuedShare = 0.9;
+/// The share of all requests' time from which on whoever asked for them is told of.
+constexpr double kUserShare = 0.2;
 /// How many of the kernel's threads are followed.
 constexpr size_t kMaxHelpers = 8;
 
@@ -56,6 +58,18 @@ class Covered {
   uint64_t sumNs_ = 0;
 };
 
+/// Threads of one name.
+struct Issuers {
+  void add(int32_t tid, uint64_t ofItNs) {
+    if (count++ == 0 || ofItNs > busiestNs) busiest = tid, busiestNs = ofItNs;
+    ns += ofItNs;
+  }
+  int32_t busiest = 0;
+  uint64_t busiestNs = 0;
+  size_t count = 0;
+  uint64_t ns = 0;
+};
+
 class Waits {
  public:
   Waits(const Recording& recording, std::span<const DiskRequest> requests, int32_t tid, WaitPlace lastPlace)
@@ -85,9 +99,21 @@ class Waits {
 
   DiskWaits sums() {
     uint64_t allNs = 0;
-    for (const auto& [tid, ns] : byIssuer_) allNs += ns;
+    uint64_t othersNs = 0;
+    std::map<std::string_view, Issuers> byName;
     for (const auto& [tid, ns] : byIssuer_) {
-      if (ns > allNs / 2 && tid > 0 && tid != tid_ && !isHelper(tid)) sums_.busiestOther = tid;
+      allNs += ns;
+      if (tid <= 0 || tid == tid_ || isHelper(tid)) continue;
+      othersNs += ns;
+      byName[nameOf(tid)].add(tid, ns);
+    }
+    const auto own = byIssuer_.find(tid_);
+    if (own != byIssuer_.end() && own->second > allNs / 2) return sums_;
+    for (const auto& [name, issuers] : byName) {
+      const auto ns = static_cast<double>(issuers.ns);
+      if (issuers.ns <= othersNs / 2 || ns < kUserShare * static_cast<double>(allNs)) continue;
+      sums_.busiestOther = issuers.busiest;
+      sums_.othersOfItsName = issuers.count;
     }
     return sums_;
   }
@@ -118,10 +144,11 @@ class Waits {
     return endsNs;
   }
 
-  bool isHelper(int32_t tid) const {
+  std::string_view nameOf(int32_t tid) const {
     auto name = recording_.threadNames.find(tid);
-    return name != recording_.threadNames.end() && isHelperName(name->second);
+    return name == recording_.threadNames.end() ? std::string_view() : name->second;
   }
+  bool isHelper(int32_t tid) const { return isHelperName(nameOf(tid)); }
 
   const std::vector<StateSpan>* helperTimeline(int32_t tid) {
     if (!isHelper(tid)) return nullptr;

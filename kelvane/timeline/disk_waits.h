@@ -24,9 +24,11 @@ struct DiskWaits {
   /// Also ended by a request of its own, or still in a place where threads wait for disks, but the device had
   /// no such request for most of the time: something held it back.
   uint64_t heldBackNs = 0;
-  /// The other thread whose requests took most of the device's time in those waits, if one's did. The
-  /// kernel's own threads don't count: they work for others.
+  /// In those waits, threads of one name asked for most of what others are known to have asked of the device,
+  /// and for much of all: the busiest of these, and how many they are. The kernel's own threads don't count:
+  /// they work for others. Nothing if most was the thread's own.
   std::optional<int32_t> busiestOther;
+  size_t othersOfItsName = 0;
 };
 
 /// Which of the thread's sleeps in [fromNs, toNs] were for a disk. That other requests are under way

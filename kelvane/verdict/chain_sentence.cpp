@@ -34,7 +34,8 @@ class ChainSentence {
   std::string text(const std::string& forAmount) {
     if (verdict_.chain.deadlockFrom) return deadlockText(*verdict_.chain.deadlockFrom, forAmount);
     if (!verdict_.chain.leadsOn()) return "waited " + forAmount + "for " + nobodyText();
-    std::string text = "waited " + forAmount;
+    const bool isStopped = verdict_.state == ThreadState::stopped;
+    std::string text = (isStopped ? "was stopped " : "waited ") + forAmount;
     if (verdict_.chain.sureness() == Sureness::guess) text += "probably ";
     text += "because " + introduced(links_.size() - 1) + " " + endText(place(links_.back())) + ": ";
     for (size_t i = links_.size() - 1; i-- > 0;) {
@@ -45,13 +46,16 @@ class ChainSentence {
   }
 
  private:
+  bool isSure() const { return verdict_.chain.sureness() == Sureness::certain; }
+
   /// Each of the circle waits for the next, and the last for the first. Whoever stands before the circle
   /// waits for it.
   std::string deadlockText(size_t first, const std::string& forAmount) {
     if (first + 1 == links_.size() && first == 0) {
       return "waited " + forAmount + "in a deadlock with itself: it " + waitsForItself(0);
     }
-    std::string text = "waited " + forAmount + (first == 0 ? "in a deadlock: " : "because of a deadlock: ");
+    std::string text = "waited " + forAmount + (first == 0 ? "in" : "because of");
+    text += isSure() ? " a deadlock: " : " what is probably a deadlock: ";
     for (size_t i = first; i < links_.size(); i++) {
       const bool isLast = i + 1 == links_.size();
       const bool isShort = i > first && isSameLock(i - 1, i);
@@ -68,11 +72,13 @@ class ChainSentence {
   }
 
   std::string clause(size_t i, const std::string& holder, bool isShort) {
-    const std::string who = called(i);
-    return who + (isShort ? " " : " waits ") + forWhom(i, holder, isShort);
+    return called(i) + " " + waitsFor(i, holder, isShort);
   }
   std::string waitsFor(size_t i, const std::string& holder, bool isShort) const {
-    return "waits " + forWhom(i, holder, isShort);
+    const PartyWait& wait = *links_[i].wait;
+    if (wait.kind == WaitKind::tracer) return "is stopped by " + holder + ", its tracer";
+    const std::string how = wait.isRetried ? "tries again and again, and sleeps in between, " : "waits ";
+    return (isShort ? "" : how) + forWhom(i, holder, isShort);
   }
 
   std::string waitsForItself(size_t i) const {
@@ -92,6 +98,10 @@ class ChainSentence {
         return lock("a lock", "holds");
       case WaitKind::readWriteLock:
         return lock("a read-write lock", "has taken for writing");
+      case WaitKind::readers:
+        return lock("a read-write lock", "has taken for reading");
+      case WaitKind::signal:
+        return "for a signal of " + holder;
       case WaitKind::streamLock:
         return lock("a stream's lock", "holds");
       case WaitKind::fileLock:

@@ -115,7 +115,6 @@ Cause causeByKind(WaitKind kind) {
       return Cause::network;
     case WaitKind::server:
       return Cause::server;
-    case WaitKind::signal:
     case WaitKind::events:
       return Cause::sleeping;
     default:
@@ -125,15 +124,13 @@ Cause causeByKind(WaitKind kind) {
 
 }  // namespace
 
-std::optional<ChainVerdict> chainVerdict(const Evidence& evidence) {
-  ChainVerdict verdict{chainFrom(evidence.process.waits, evidence.process.hungThread),
-                       ThreadState::sleeping,
-                       ChainEnd::waited,
-                       {},
-                       {}};
+std::optional<ChainVerdict> chainVerdict(const Evidence& evidence, const WaitGraph& waits) {
+  ChainVerdict verdict{
+      chainFrom(waits, evidence.process.hungThread), ThreadState::sleeping, ChainEnd::waited, {}, {}};
   const auto& links = verdict.chain.links;
   if (links.empty() || !links.front().wait) return std::nullopt;
   if (links.front().party.facts.state == 'D') verdict.state = ThreadState::uninterruptible;
+  if (links.front().wait->kind == WaitKind::tracer) verdict.state = ThreadState::stopped;
   if (verdict.chain.deadlockFrom) {
     verdict.end = ChainEnd::deadlock;
   } else {
@@ -151,8 +148,17 @@ bool tellsMore(const ChainVerdict& verdict) {
   return verdict.chain.leadsOn() || (kind != WaitKind::signal && kind != WaitKind::events);
 }
 
+bool tellsTracer(const ChainVerdict& verdict) {
+  const auto& links = verdict.chain.links;
+  return links.size() > 1 && links.front().wait->kind == WaitKind::tracer;
+}
+
 Cause causeOfChain(const ChainVerdict& verdict) {
   const auto& links = verdict.chain.links;
+  const bool isTraced = std::any_of(links.begin(), links.end(), [](const ChainLink& link) {
+    return link.wait && link.wait->kind == WaitKind::tracer;
+  });
+  if (isTraced) return Cause::stopped;
   switch (verdict.end) {
     case ChainEnd::deadlock:
       return Cause::deadlock;

@@ -7,9 +7,12 @@
 
 namespace kelvane {
 
-/// Where the waits lead that the look has found, from the hung thread on; nothing if it has found none. Holds
-/// of the hang only if the thread still was in the wait of the hang at the look.
-std::optional<ChainVerdict> chainVerdict(const Evidence& evidence);
+/// Where `waits`, made of what the look has found, lead from the hung thread on; nothing if there are none.
+/// Holds of the hang only if the thread still was in the wait of the hang at the look.
+std::optional<ChainVerdict> chainVerdict(const Evidence& evidence, const WaitGraph& waits);
+
+/// Whether it says who keeps the hung thread stopped.
+bool tellsTracer(const ChainVerdict& verdict);
 
 /// Whether it says more than that the thread slept.
 bool tellsMore(const ChainVerdict& verdict);

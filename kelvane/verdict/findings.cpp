@@ -8,12 +8,17 @@
 #include <unordered_map>
 
 #include "kelvane/timeline/cpu_runs.h"
+#include "kelvane/verdict/likely_enders.h"
 
 namespace kelvane {
 namespace {
 
 /// How many waits and busy threads a verdict lists.
 constexpr size_t kMaxListed = 10;
+
+/// Pages that a thread has read in again within a look, which takes some tenths of a second: one of a machine
+/// with memory to spare comes upon one now and then.
+constexpr uint64_t kManyFaults = 20;
 
 using TimeByThread = std::unordered_map<int32_t, uint64_t>;
 
@@ -133,8 +138,11 @@ void addDisk(const Evidence& evidence, const std::vector<StateSpan>& spans, Find
   int32_t hung = evidence.process.hungThread;
   findings.diskWaits = diskWaits(evidence.recording, requests, hung, spans, lastPlace(findings),
                                  evidence.fromNs, evidence.toNs);
-  if (findings.diskWaits.busiestOther)
-    findings.diskUser = namedThread(evidence, *findings.diskWaits.busiestOther);
+  const DiskWaits& waits = findings.diskWaits;
+  if (!waits.busiestOther) return;
+  findings.diskUsers.busiest = namedThread(evidence, *waits.busiestOther);
+  findings.diskUsers.areOwn = isOfProcess(evidence.process, *waits.busiestOther);
+  findings.diskUsers.count = waits.othersOfItsName;
 }
 
 /// Sums the time between begin and end events; either may lie outside of the recording.
@@ -197,6 +205,8 @@ void addLimits(const Evidence& evidence, Findings& findings) {
   if (before.memory && after.memory && before.memory->group == after.memory->group)
     findings.memoryLimitHit =
         after.memory->hits > before.memory->hits && after.memory->refaults > before.memory->refaults;
+  findings.faultedAtLook = findings.memoryLimitHit && evidence.before.thread == evidence.after.thread &&
+                           evidence.after.majorFaults >= evidence.before.majorFaults + kManyFaults;
   if (before.quota && after.quota && before.quota->group == after.quota->group)
     findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;
   if (findings.kernelWait == KernelWait::quota) findings.throttledAtLook = true;
@@ -225,7 +235,8 @@ Findings findingsOf(const Evidence& evidence) {
     findings.kernelWait = kernelWait(findings.thread->facts);
     if (findings.stillAsleep)
       findings.lastSleepNs = sharedNs(spans.back().fromNs, spans.back().toNs, evidence.fromNs, evidence.toNs);
-    findings.sleeps = sleepsOf(evidence, spans, findings.stillAsleep);
+    findings.waitGraph = withLikelyEnders(evidence);
+    findings.sleeps = sleepsOf(evidence, findings.waitGraph, spans, findings.stillAsleep);
     findings.waits = longestWaits(evidence, spans, findings);
   }
   addOthers(evidence, spans, findings);

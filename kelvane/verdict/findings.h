@@ -33,6 +33,7 @@ struct Findings {
   bool stillAwake = false;
   uint64_t lastSleepNs = 0;                     // how long that sleep has lasted; 0: it was not asleep
   KernelWait kernelWait = KernelWait::unknown;  // at the look
+  WaitGraph waitGraph;                          // the look's, with those who are likely to end waits
   Sleeps sleeps;
   SampledPhases sampled;
   bool bySamples = false;  // `spent` and what else a recording would tell of the thread's states is theirs
@@ -41,15 +42,16 @@ struct Findings {
   std::vector<BusyThread> busiest;    // other threads, most first
   DiskActivity disk;
   DiskWaits diskWaits;
-  std::optional<NamedThread> diskUser;  // who kept the disk busy meanwhile, if not the thread itself
-  uint64_t pageIns = 0;                 // pages of files that the thread had read in
-  bool memoryLimitHit = false;          // during the look its control group, at its limit, lost what it uses
-  bool throttledAtLook = false;         // its control group was kept from the CPU then
-  uint64_t reclaimNs = 0;               // the thread itself freed memory
-  uint64_t suspendNs = 0;               // the machine went into suspend or came back
-  std::optional<Rivals> rivals;         // without a recording, who had the thread's CPU after the look
-  Competitors competitors;              // those who most of all kept the thread from running
-  uint64_t idleRunnableNs = 0;          // the CPU idled although the thread was ready to run on it
+  Competitors diskUsers;         // most of what others asked of the disk meanwhile; none: count 0
+  uint64_t pageIns = 0;          // pages of files that the thread had read in
+  bool memoryLimitHit = false;   // during the look its control group, at its limit, lost what it uses
+  bool faultedAtLook = false;    // meanwhile the thread itself had to have many pages read in again
+  bool throttledAtLook = false;  // its control group was kept from the CPU then
+  uint64_t reclaimNs = 0;        // the thread itself freed memory
+  uint64_t suspendNs = 0;        // the machine went into suspend or came back
+  std::optional<Rivals> rivals;  // without a recording, who had the thread's CPU after the look
+  Competitors competitors;       // those who most of all kept the thread from running
+  uint64_t idleRunnableNs = 0;   // the CPU idled although the thread was ready to run on it
   std::optional<RecordedEvent> stopSignal;  // the last one before the look that stops a process
   std::optional<NamedThread> stopSender;
 

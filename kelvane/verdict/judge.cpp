@@ -162,6 +162,7 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
     const uint64_t ranNs = (facts.userMs + facts.systemMs) * 1'000'000;
     return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
   }
+  if (findings.faultedAtLook) return Cause::memory;
   const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
   const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
@@ -197,6 +198,7 @@ Cause causeByOneLook(const Evidence& evidence, const Findings& findings) {
 /// Whether the chain is what one of the phases was put down to, or the whole.
 bool isByChain(const Evidence& evidence, const Verdict& verdict, const ChainVerdict& chain) {
   const Cause cause = causeOfChain(chain);
+  if (tellsTracer(chain)) return verdict.cause == cause;
   if (!verdict.hasTimes()) {
     // What stops the hung thread itself comes before what it waits for.
     const char state = chain.chain.links.front().party.facts.state;
@@ -228,7 +230,7 @@ void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict)
 Verdict judge(const Evidence& evidence) {
   const Recording& recording = evidence.recording;
   Findings findings = findingsOf(evidence);
-  auto chain = chainVerdict(evidence);
+  auto chain = chainVerdict(evidence, findings.waitGraph);
   if (chain && tellsMore(*chain)) findings.chain = std::move(chain);
   Verdict verdict;
   verdict.windowNs = evidence.toNs - evidence.fromNs;

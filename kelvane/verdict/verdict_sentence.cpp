@@ -5,9 +5,11 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <string_view>
 
 #include "kelvane/verdict/chain_sentence.h"
+#include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/display_names.h"
 #include "kelvane/verdict/syscall_names.h"
 
@@ -116,7 +118,8 @@ class Sentence {
   }
 
   std::string predicate(const Phase& phase) const {
-    if (verdict_.chain && (!verdict_.hasTimes() || phase.state == verdict_.chain->state))
+    if (verdict_.chain && (!verdict_.hasTimes() || phase.state == verdict_.chain->state ||
+                           (phase.cause == Cause::stopped && tellsTracer(*verdict_.chain))))
       return chainText(process_, *verdict_.chain, waitedAmount());
     switch (phase.cause) {
       case Cause::ownCpu:
@@ -153,8 +156,8 @@ class Sentence {
   }
 
   std::string waitedAmount() const {
-    const bool isDeep = verdict_.chain->state == ThreadState::uninterruptible;
-    return (isDeep ? spentAmount(ThreadState::uninterruptible) : forAmount(findings_.sleeps.likeTheLookNs)) +
+    const ThreadState state = verdict_.chain->state;
+    return (state == ThreadState::sleeping ? forAmount(findings_.sleeps.likeTheLookNs) : spentAmount(state)) +
            waitedPlace();
   }
 
@@ -245,14 +248,20 @@ class Sentence {
 
   /// Who else had much of the time that the group was given.
   std::string sharersText(const GroupLimits::Quota& quota) const {
+    std::map<std::string_view, Competitors> byName;
+    Competitors most;
     for (const BusyThread& busy : verdict_.busiest) {
       const pid_t pid = busy.thread.pid;
       const bool shares = std::find(quota.members.begin(), quota.members.end(), pid) != quota.members.end();
-      if (!shares || pid == process_.pid || busy.runningNs <= findings_.in(ThreadState::running)) continue;
-      return ", which it shares with others: " + threadText(busy.thread) + " ran for " +
-             durationText(busy.runningNs);
+      if (!shares || pid == process_.pid) continue;
+      Competitors& group = byName[busy.thread.name];
+      if (group.count++ == 0) group.busiest = busy.thread;  // they come busiest first
+      group.runningNs += busy.runningNs;
+      if (group.runningNs > most.runningNs) most = group;
     }
-    return {};
+    if (most.runningNs <= findings_.in(ThreadState::running)) return {};
+    return ", which it shares with others: " + competitorsText(most) + " ran for " +
+           durationText(most.runningNs);
   }
 
   std::string heldBackText() const {
@@ -306,7 +315,9 @@ class Sentence {
              "for the disk (no request that it waited for is recorded)";
     std::string text = "waited " + forAmount(waits.waitedNs) +
                        "for the disk (the slowest request that it waited for took " + msText(waits.slowestNs);
-    if (findings_.diskUser) text += "; most of the disk's time went to " + threadText(*findings_.diskUser);
+    if (findings_.diskUsers.count > 0)
+      text += "; of what others are known to have asked of it, most came from " +
+              competitorsText(findings_.diskUsers);
     if (verdict_.disk) {
       const DiskActivity& disk = *verdict_.disk;
       text += "; the system had " + counted(disk.requests, "request") + ": " + bytesText(disk.readBytes) +
@@ -326,6 +337,8 @@ class Sentence {
     if (asleep && findings_.pageIns > 0)
       return waited + "for its own code and files to be read back in (" + counted(findings_.pageIns, "page") +
              ")" + shortText();
+    if (!verdict_.fromRecorder && findings_.faultedAtLook && findings_.thread->facts.state == 'R')
+      return "was awake at the look, but had pages read in again and again" + shortText();
     if (!verdict_.fromRecorder && kernelWaitWithoutRecorder() == KernelWait::page)
       return waited + "for a page of a file" + shortText();
     if (findings_.reclaimNs > 0 && verdict_.fromRecorder)

@@ -42,9 +42,21 @@ std::optional<uint64_t> timeOutNs(const ThreadFacts& facts) {
   return static_cast<uint64_t>(ms) * kNsPerMs;
 }
 
+/// How long the wait that the look saw takes each time; nothing if it has no time-out, or one that the last
+/// sleep that ended by one can't have had.
+std::optional<uint64_t> timeOutOf(const Evidence& evidence, const PartyWait* wait,
+                                  std::span<const StateSpan> spans) {
+  if (const auto asked = timeOutNs(evidence.process.threads.front().facts)) return asked;
+  if (!wait || wait->timeLeftNs == 0) return std::nullopt;
+  const auto last = std::find_if(spans.rbegin(), spans.rend(),
+                                 [](const StateSpan& span) { return span.end == SleepEnd::timeOut; });
+  if (last == spans.rend()) return std::nullopt;
+  const uint64_t sleptNs = last->toNs - last->fromNs;
+  return wait->timeLeftNs <= sleptNs ? std::optional(sleptNs) : std::nullopt;
+}
+
 /// Whether the look found that the hung thread waits for this one.
-bool keepsItWaiting(const ProcessCapture& process, const NamedThread& thread) {
-  const PartyWait* wait = waitOf(process.waits, process.hungThread);
+bool keepsItWaiting(const ProcessCapture& process, const PartyWait* wait, const NamedThread& thread) {
   return wait && std::any_of(wait->holders.begin(), wait->holders.end(), [&](const WaitHolder& holder) {
            // Of another process any thread may have done it.
            return holder.tid == thread.tid || (holder.pid == thread.pid && holder.pid != process.pid);
@@ -68,18 +80,22 @@ NamedThread namedThread(const Evidence& evidence, int32_t tid) {
   return thread;
 }
 
-Sleeps sleepsOf(const Evidence& evidence, std::span<const StateSpan> spans, bool stillAsleep) {
+Sleeps sleepsOf(const Evidence& evidence, const WaitGraph& waits, std::span<const StateSpan> spans,
+                bool stillAsleep) {
   Sleeps sleeps;
   std::map<std::pair<SleepEnd, int32_t>, Waker> byWaker;
-  const auto asked = timeOutNs(evidence.process.threads.front().facts);
+  const PartyWait* wait = waitOf(waits, evidence.process.hungThread);
+  const auto asked = timeOutOf(evidence, wait, spans);
   for (const StateSpan& span : spans) {
     const uint64_t ns = sharedNs(span.fromNs, span.toNs, evidence.fromNs, evidence.toNs);
     if (span.state != ThreadState::sleeping || ns == 0) continue;
     sleeps.count++;
     sleeps.longestNs = std::max(sleeps.longestNs, ns);
     const bool isLast = &span == &spans.back();
-    const bool isAsked = asked && span.end == SleepEnd::timeOut && tookAsLongAs(span, *asked);
-    if ((isLast && stillAsleep) || isAsked) sleeps.likeTheLookNs += ns;
+    const bool isTimeOut = span.end == SleepEnd::timeOut;
+    const bool isBetweenTries = isTimeOut && wait && wait->isRetried;
+    const bool isAsked = isTimeOut && asked && tookAsLongAs(span, *asked);
+    if ((isLast && stillAsleep) || isBetweenTries || isAsked) sleeps.likeTheLookNs += ns;
     if (span.end == SleepEnd::open) continue;
     Waker& waker = byWaker[{span.end, span.wokenBy}];
     waker.end = span.end;
@@ -95,7 +111,7 @@ Sleeps sleepsOf(const Evidence& evidence, std::span<const StateSpan> spans, bool
   for (auto& [tid, waker] : order) {
     if (waker.end == SleepEnd::thread) {
       waker.thread = namedThread(evidence, tid);
-      if (keepsItWaiting(evidence.process, *waker.thread)) sleeps.likeTheLookNs += waker.sleptNs;
+      if (keepsItWaiting(evidence.process, wait, *waker.thread)) sleeps.likeTheLookNs += waker.sleptNs;
     }
     sleeps.wakers.push_back(std::move(waker));
   }

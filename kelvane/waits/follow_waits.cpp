@@ -19,7 +19,7 @@ bool followWaits(const WaitParty& hung, WaitSource& source, const PublishWaits& 
     if (!wait) continue;
     if (wait->holders.size() > kMaxWaitHolders) wait->holders.resize(kMaxWaitHolders);
     publish({{}, {*wait}, {}});
-    for (const WaitHolder& holder : wait->holders) {
+    for (const WaitHolder& holder : wait->holders.empty() ? wait->candidates : wait->holders) {
       if (seen.contains(holder.tid)) continue;
       if (depth == kMaxWaitDepth || seen.size() == kMaxWaitParties || source.isOver()) return false;
       auto next = source.look(holder);

@@ -25,18 +25,21 @@ std::optional<WaitHolder> knownHolder(const WaitGraph& graph, const std::optiona
   return found == wait->holders.end() ? std::nullopt : std::optional(*found);
 }
 
-/// Whether the link's party can't go on before its holder does.
+/// Whether the link's party can't go on before its holder does. Of a lock on a file it is the holder's
+/// process that has it: the thread of that which waits for another such lock is as good as its owner.
 bool isHeldFast(const ChainLink& link) {
-  return link.holder && link.holder->sureness == Sureness::certain && link.wait->holders.size() == 1 &&
-         link.watch && !link.watch->moved;
+  const Sureness least =
+      link.wait && link.wait->kind == WaitKind::fileLock ? Sureness::likely : Sureness::certain;
+  return link.holder && link.holder->sureness <= least && link.wait->holders.size() == 1 && link.watch &&
+         !link.watch->moved;
 }
 
 }  // namespace
 
 const char* waitKindName(WaitKind kind) {
-  constexpr std::array<const char*, 12> kNames = {
-      "lock", "read-write lock", "readers", "stream lock", "end of a thread", "signal",
-      "peer", "events",          "child",   "file lock",   "network",         "server"};
+  constexpr std::array<const char*, 13> kNames = {
+      "lock",   "read-write lock", "readers",   "stream lock", "end of a thread", "signal", "peer",
+      "events", "child",           "file lock", "network",     "server",          "tracer"};
   static_assert(kNames.size() == static_cast<size_t>(kLastWaitKind) + 1);
   return kNames[static_cast<size_t>(kind)];
 }

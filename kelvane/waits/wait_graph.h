@@ -24,8 +24,9 @@ enum class WaitKind : uint8_t {
   fileLock,
   network,  // another machine
   server,   // of a file system
+  tracer,   // which keeps it stopped
 };
-inline constexpr auto kLastWaitKind = WaitKind::server;
+inline constexpr auto kLastWaitKind = WaitKind::tracer;
 
 /// "lock", "read-write lock", …: the kind in a report.
 const char* waitKindName(WaitKind kind);
@@ -51,6 +52,11 @@ struct PartyWait {
   WaitKind kind = WaitKind::lock;
   std::string object;  // for people, with its article: "a pipe", "the file /var/lib/app.db"
   std::vector<WaitHolder> holders;
+  /// Where it has no holder, but only threads of its own process can end it: those, without evidence. Which
+  /// of them is to do so can't be seen.
+  std::vector<WaitHolder> candidates{};
+  bool isRetried = false;   // it doesn't wait, but tries again and again and sleeps in between
+  uint64_t timeLeftNs = 0;  // at the look, until it gives up by itself; 0: it doesn't, or that is not known
 };
 
 /// A thread that waits or is waited for.

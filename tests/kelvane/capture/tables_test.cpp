@@ -1,5 +1,15 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/perf_event.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "kelvane/capture/call_watch.h"
 #include "kelvane/capture/file_lock.h"
 #include "kelvane/capture/net_tables.h"
 #include "kelvane/capture/server_wait.h"
@@ -45,6 +55,52 @@ TEST(Tables, WhoWaitsForALockOnAFileHasItsNumber) {
   EXPECT_TRUE(locks[0].number == 1 && !locks[0].waits && locks[0].pid == 4711 && locks[0].inode == 131);
   EXPECT_TRUE(locks[1].number == 1 && locks[1].waits && locks[1].pid == 4712);
   EXPECT_TRUE(locks[2].pid == -1 && locks[2].inode == 7);
+}
+
+/// An event of a system call, as the kernel writes it.
+std::vector<std::byte> callEvent(uint16_t id, int64_t number, const std::vector<int64_t>& rest) {
+  std::vector<int64_t> body = {id, number};
+  body.insert(body.end(), rest.begin(), rest.end());
+  const auto length = static_cast<uint32_t>(body.size() * sizeof body[0]);
+  std::vector<std::byte> bytes(sizeof(perf_event_header) + sizeof length + length);
+  const perf_event_header header{PERF_RECORD_SAMPLE, 0, static_cast<uint16_t>(bytes.size())};
+  std::memcpy(bytes.data(), &header, sizeof header);
+  std::memcpy(bytes.data() + sizeof header, &length, sizeof length);
+  std::memcpy(bytes.data() + sizeof header + sizeof length, body.data(), length);
+  return bytes;
+}
+
+TEST(Tables, ATryInVainIsACallThatAskedWithoutWaitingAndGotNothing) {
+  constexpr uint16_t kEnter = 443, kExit = 442;
+  CallReader reader({kEnter, kExit});
+  const auto tries = [&](int64_t number, int64_t option, int64_t result, size_t optionAt = 1) {
+    std::vector<int64_t> arguments = {7, 0, 0, 0, 0, 0};
+    arguments[optionAt] = option;
+    EXPECT_FALSE(reader.vainTryIn(callEvent(kEnter, number, arguments)));
+    const auto call = reader.vainTryIn(callEvent(kExit, number, {result}));
+    EXPECT_TRUE(!call || call->arguments[0] == 7);
+    return call.has_value();
+  };
+  EXPECT_TRUE(tries(SYS_fcntl, F_SETLK, -EAGAIN));
+  EXPECT_TRUE(tries(SYS_flock, LOCK_EX | LOCK_NB, -EWOULDBLOCK));
+  EXPECT_TRUE(tries(SYS_wait4, WNOHANG, 0, 2));
+  EXPECT_FALSE(tries(SYS_fcntl, F_SETLK, 0)) << "it got it";
+  EXPECT_FALSE(tries(SYS_fcntl, F_GETFL, -EAGAIN));
+  EXPECT_FALSE(tries(SYS_flock, LOCK_EX, -EINTR));
+  EXPECT_FALSE(tries(SYS_wait4, WNOHANG, 4711, 2));
+
+  // An end without its begin, other records, and records that are cut off or lie about their length.
+  EXPECT_FALSE(reader.vainTryIn(callEvent(kExit, SYS_flock, {-EWOULDBLOCK})));
+  auto lost = callEvent(kEnter, SYS_flock, {7, LOCK_NB});
+  lost[0] = std::byte{PERF_RECORD_LOST};
+  auto end = callEvent(kExit, SYS_flock, {-EWOULDBLOCK});
+  lost.insert(lost.end(), end.begin(), end.end());
+  EXPECT_FALSE(reader.vainTryIn(lost));
+  for (size_t length = 0; length < end.size(); length++)
+    EXPECT_FALSE(reader.vainTryIn(std::span(end).first(length)));
+  end[6] = std::byte{0};
+  end[7] = std::byte{0};
+  EXPECT_FALSE(reader.vainTryIn(end)) << "it would never come to an end";
 }
 
 TEST(Tables, APathLiesOnTheLongestMount) {

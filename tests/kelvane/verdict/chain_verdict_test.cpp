@@ -63,5 +63,102 @@ TEST(ChainVerdict, TellsADeadlock) {
              "in a deadlock with itself: it waits for a lock that it holds itself.");
 }
 
+TEST(ChainVerdict, GuessesWhoIsToEndAWaitThatNobodyOwns) {
+  MadeUpMachine machine;
+  machine.look().syscall = SystemCall{SYS_futex, {}};
+  machine.party(kApp).syscall = machine.look().syscall;
+  machine.waitsForSignal(kApp, {kWorker});
+  machine.party(kWorker).syscall = SystemCall{SYS_clock_nanosleep, {}};
+  // Of two no one stands out, until one computes. One that merely came to be awake doesn't.
+  machine.switches(900, kApp, 'S', kOther);
+  expectSays(
+      machine.verdict(), Cause::lock,
+      "waited for all of 10.0 s probably because thread 'worker' (101) slept (clock_nanosleep): viewer "
+      "waits for a signal of it.");
+  machine.waitsForSignal(kApp, {kWorker, kLogger});
+  expectSays(machine.verdict(), Cause::sleeping,
+             "slept for all of 10.0 s and waited for another thread (futex)");
+  machine.party(kLogger).state = 'R';
+  machine.watched(kLogger, 40, 1);
+  EXPECT_EQ(machine.verdict().cause, Cause::sleeping);
+  machine.watched(kLogger, 40, 30);
+  expectSays(machine.verdict(), Cause::lock, "probably because thread 'logger' (102) was computing: ");
+  machine.waits(kWorker, WaitKind::lock, kHog);
+  EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "two are held up by something";
+}
+
+TEST(ChainVerdict, WhoEndedItsSleepsBeforeIsLikelyToEndThisOne) {
+  MadeUpMachine machine;
+  machine.party(kWorker).syscall = SystemCall{SYS_clock_nanosleep, {}};
+  machine.waitsForSignal(kApp, {kLogger, kWorker});
+  const auto sleeps = [&](uint64_t fromMs, int until) {
+    machine.switches(fromMs, kApp, 'S', kOther);
+    machine.wakes(fromMs + 90, until, kApp);
+    machine.switches(fromMs + 91, kOther, 'S', kApp);
+  };
+  for (const uint64_t fromMs : {100, 200, 300}) sleeps(fromMs, kWorker);
+  sleeps(400, kLogger);
+  sleeps(500, kHog);  // of another process: it can't end this wait
+  machine.switches(900, kApp, 'S', kOther);
+  const Verdict verdict = machine.verdict();
+  expectSays(verdict, Cause::lock, "probably because thread 'worker' (101) slept (clock_nanosleep)");
+  EXPECT_EQ(verdict.chain->chain.links[0].holder->evidence,
+            "of its sleeps that a thread of the process has ended before, it ended 3 of 4");
+  for (const uint64_t fromMs : {600, 700}) sleeps(fromMs, kLogger);
+  EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "half is not most";
+
+  // One that the look came too late for is known by the list of threads alone.
+  for (const uint64_t fromMs : {5, 800}) sleeps(fromMs, kWorker);
+  machine.process.waits = {};
+  machine.waitsForSignal(kApp, {kLogger, kLogger});
+  machine.process.threads[1].facts.state = 'T';
+  expectSays(machine.verdict(), Cause::stopped, "probably because thread 'worker' (101) was stopped");
+}
+
+TEST(ChainVerdict, TimeOutsAndTriesOfALoopAreOneWait) {
+  for (const bool isRetried : {false, true}) {
+    MadeUpMachine machine;
+    machine.waits(kApp, isRetried ? WaitKind::fileLock : WaitKind::lock, kHog, "the file /db");
+    machine.party(kHog).syscall = SystemCall{SYS_clock_nanosleep, {}};
+    PartyWait& wait = machine.process.waits.waits.front();
+    for (uint64_t fromMs = 100; fromMs < 11'000; fromMs += 100) {
+      machine.switches(fromMs, kApp, 'S', kOther);
+      machine.event(fromMs + 95, RecordedKind::timeOut, kOther);
+      machine.interruptWakes(fromMs + 95, kOther, kApp);
+      machine.switches(fromMs + 96, kOther, 'R', kApp);
+    }
+    EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "nothing ties those sleeps to the look's";
+    wait.isRetried = isRetried;
+    wait.timeLeftNs = isRetried ? 0 : 70 * kMs;
+    if (isRetried) {
+      expectSays(machine.verdict(), Cause::fileLock,
+                 "because process 'hog' (pid 200) slept (clock_nanosleep): viewer tries again and again, and "
+                 "sleeps in between, for a lock of the file /db that it holds.");
+    } else {
+      expectSays(machine.verdict(), Cause::lock, "viewer waits for a lock that it holds.");
+      wait.timeLeftNs = 400 * kMs;  // longer than any of them
+      EXPECT_EQ(machine.verdict().cause, Cause::sleeping);
+    }
+  }
+}
+
+TEST(ChainVerdict, NamesWhoTracesOneThatIsStopped) {
+  MadeUpMachine machine;
+  machine.look().state = 't';
+  machine.party(kApp).state = 't';
+  machine.waits(kApp, WaitKind::tracer, kOther);
+  machine.party(kOther).syscall = SystemCall{SYS_clock_nanosleep, {}};
+  machine.switches(900, kApp, 't', kOther);
+  expectSays(machine.verdict(), Cause::stopped,
+             "viewer (thread 100) was stopped for all of 10.0 s because process 'other' (pid 300) slept "
+             "(clock_nanosleep): viewer is stopped by it, its tracer.");
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.waits(kWorker, WaitKind::tracer, kOther);
+  machine.look().state = machine.party(kApp).state = 'S';
+  machine.withoutRecorder();
+  expectSays(machine.verdict(), Cause::stopped,
+             "'worker' (101) is stopped by it, its tracer, and viewer waits");
+}
+
 }  // namespace
 }  // namespace kelvane

@@ -92,6 +92,17 @@ class MadeUpMachine {
     process.waits.waits.push_back(
         {tid, kind, object, {{isOwn(holder) ? kApp : holder, holder, Sureness::certain, ""}}});
   }
+  /// Likewise, for what nobody owns.
+  PartyWait& waitsForSignal(int tid, std::vector<int> candidates, WaitKind kind = WaitKind::signal) {
+    party(tid);
+    std::erase_if(process.waits.waits, [&](const PartyWait& wait) { return wait.tid == tid; });
+    PartyWait& wait = process.waits.waits.emplace_back(PartyWait{tid, kind, "", {}});
+    for (const int candidate : candidates) {
+      party(candidate);
+      wait.candidates.push_back({kApp, candidate, Sureness::guess, ""});
+    }
+    return wait;
+  }
   void watched(int tid, uint64_t forMs, uint64_t ranMs) {
     std::erase_if(process.waits.watches, [&](const PartyWatch& watch) { return watch.tid == tid; });
     process.waits.watches.push_back({tid, false, false, false, forMs * kMs, ranMs * kMs});

@@ -131,8 +131,10 @@ TEST(Verdict, CallsADiskWhatEndsWithARequestOfItsOwn) {
   own.interruptWakes(9'999, 0, kApp);
   own.switches(10'001, 0, 'R', kApp);
   Verdict verdict = own.verdict();
-  expectSays(verdict, Cause::disk,
-             "took 9.0 s; most of the disk's time went to 'other' (pid 300); the system had 1 request");
+  expectSays(
+      verdict, Cause::disk,
+      "took 9.0 s; of what others are known to have asked of it, most came from 'other' (pid 300); the "
+      "system had 1 request");
   EXPECT_EQ(verdict.waits[0].end, SleepEnd::disk);
   EXPECT_FALSE(verdict.waits[0].wokenBy);
 

@@ -94,6 +94,10 @@ TEST(Waits, ACircleIsADeadlockIfNobodyInItCanGoOn) {
   EXPECT_EQ(threads.way(), "1 2 3");
   threads.waits(3, WaitKind::peer, {2, 8});  // somebody else can end it
   EXPECT_EQ(threads.way(), "1 2 3");
+  threads.waits(3, WaitKind::fileLock, {2}, Sureness::likely);  // its process has the lock
+  EXPECT_EQ(threads.way(), "1 2 3 > 2");
+  threads.waits(3, WaitKind::fileLock, {2}, Sureness::guess);
+  EXPECT_EQ(threads.way(), "1 2 3");
   threads.waits(1, WaitKind::lock, {1});
   EXPECT_EQ(threads.way(), "1 > 1");
 }
