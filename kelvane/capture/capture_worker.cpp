@@ -17,6 +17,7 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/capture/exit_status.h"
+#include "kelvane/capture/findings.h"
 #include "kelvane/capture/stack_parsing.h"
 #include "kelvane/sandbox/rights.h"
 
@@ -37,7 +38,9 @@ CaptureWorker::CaptureWorker(const CaptureTarget& target) : target_(target) {
   capture_.pid = target.pid;
   int ends[2];
   const pid_t self = getpid();
-  if (look_ && parsed_ && pipe2(ends, O_CLOEXEC) == 0) {
+  const bool hasAreas = look_ && std::all_of(parsed_.begin(), parsed_.end(),
+                                             [](const FindingsArea& area) { return bool(area); });
+  if (hasAreas && pipe2(ends, O_CLOEXEC) == 0) {
     ended_ = UniqueFd(ends[0]);
     const UniqueFd theirs(ends[1]);
     lookPid_ = fork();
@@ -54,11 +57,11 @@ void CaptureWorker::look(pid_t parent, int ended) {
   const rlimit nothing{0, 0};
   setrlimit(RLIMIT_FSIZE, &nothing);
   try {
-    StackParsing parsing(target_, look_, parsed_, {STDERR_FILENO, kLifeDescriptor, ended});
+    StackParsing parsing(target_.symbolicate, look_, parsed_, {STDERR_FILENO, kLifeDescriptor, ended});
     lookAtProcess(
         target_, [this](const ProcessCapture& part) { look_.publish(part); },
-        [&](int processDir, const auto& modules, const auto& stacks, const Deadline& deadline) {
-          parsing.run(processDir, modules, stacks, deadline);
+        [&](size_t number, const CopiedProcess& process, const Deadline& deadline) {
+          parsing.run(number, process, deadline);
         });
   } catch (const std::bad_alloc&) {
     _exit(kOutOfMemory);
@@ -77,10 +80,22 @@ ProcessCapture CaptureWorker::take(const Deadline& deadline) {
   }
   bool isWhole = look_.addTo(capture_);
   const WaitGraph waits = capture_.waits;
-  isWhole = parsed_.addTo(capture_) && isWhole;
+  const std::vector<OtherThread> others = capture_.others;
+  isWhole = parsed_.front().addTo(capture_) && isWhole;
   capture_.waits = waits;  // whatever parses files leads to nobody
+  capture_.others = others;
+  takeOthers();
   if (!isWhole) capture_.omissions.push_back({"process", "there is more than a report takes"});
   return std::move(capture_);
+}
+
+void CaptureWorker::takeOthers() {
+  for (size_t i = 0; i < capture_.others.size() && i < kMaxOtherStacks; i++) {
+    ProcessCapture parsed;
+    if (!parsed_[1 + i].addTo(parsed))
+      capture_.omissions.push_back({"stacks of other processes", "there is more than a report takes"});
+    addOther(parsed, capture_.others[i].thread, capture_);
+  }
 }
 
 void CaptureWorker::end() const {

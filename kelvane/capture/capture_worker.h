@@ -2,17 +2,20 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <vector>
 
 #include "kelvane/base/deadline.h"
+#include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/capture/findings_area.h"
 #include "kelvane/capture/process_capture.h"
 
 namespace kelvane {
 
-/// Runs lookAtProcess in a process of its own, which starts a further one for parsing (StackParsing): either
-/// may crash, or be held up by the kernel for good, and what has been found by then is there all the same.
+/// Runs lookAtProcess in a process of its own, which starts a further one for parsing (StackParsing), and one
+/// for each other process whose stacks it takes, one after the other: any may crash, or be held up by the
+/// kernel for good, and what has been found by then is there all the same.
 ///
 /// Both end with this process at the latest, unless the kernel holds them up. They keep no descriptor of this
 /// process's but the standard error output, kLifeDescriptor and kSamplesDescriptor. Only for a process that
@@ -32,12 +35,14 @@ class CaptureWorker {
   bool awaitEnd(const Deadline& deadline) const;
   /// Ends both, as far as the kernel lets them.
   void end() const;
+  /// Adds what was made of the stacks of others.
+  void takeOthers();
   /// Collects those that have ended (WNOHANG), or both (0), and says how those did that didn't do their part.
   void collect(int option);
 
   const CaptureTarget target_;
   FindingsArea look_;
-  FindingsArea parsed_;
+  std::array<FindingsArea, 1 + kMaxOtherStacks> parsed_;  // by ParseStacks' numbers
   ProcessCapture capture_;
   pid_t lookPid_ = 0;
   std::vector<pid_t> collected_;

@@ -37,6 +37,13 @@ struct ThreadCapture {
   std::string noStack;  // why there is no stack, if that is known
 };
 
+/// A thread of another process, on the way to whoever keeps the hung one waiting.
+struct OtherThread {
+  pid_t pid = 0;
+  std::string process;
+  ThreadCapture thread;
+};
+
 struct Module {
   std::string path;
   std::string buildId;  // hexadecimal; empty: not known
@@ -54,6 +61,7 @@ struct ProcessCapture {
   std::vector<SampledStack> samples;  // of the hung thread, in any order
   std::vector<ClockMark> clockMarks;  // the same; empty: it was not sampled
   WaitGraph waits;                    // from the hung thread on
+  std::vector<OtherThread> others;    // whose stacks were asked for; their frames lie among `frames`
   std::vector<Omission> omissions;
 };
 

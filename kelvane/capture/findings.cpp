@@ -237,6 +237,21 @@ PartyWatch readWatch(WireReader& in) {
   return watch;
 }
 
+void writeOther(WireWriter& out, const OtherThread& other) {
+  out.number(static_cast<uint64_t>(other.pid));
+  out.text(other.process);
+  writeThread(out, other.thread);
+}
+
+OtherThread readOtherThread(WireReader& in) {
+  OtherThread other;
+  other.pid = readId(in);
+  other.process = in.text();
+  other.thread = readThread(in);
+  other.thread.stack.reset();  // its frames come with a part of its own (addOther)
+  return other;
+}
+
 ProcessCapture readPart(WireReader& in) {
   ProcessCapture part;
   part.pid = readId(in);
@@ -256,6 +271,7 @@ ProcessCapture readPart(WireReader& in) {
   part.waits.parties = readAll<WaitParty>(in, readParty);
   part.waits.waits = readAll<PartyWait>(in, readWait);
   part.waits.watches = readAll<PartyWatch>(in, readWatch);
+  part.others = readAll<OtherThread>(in, readOtherThread);
   part.omissions = readAll<Omission>(in, [](WireReader& from) {
     Omission omission;
     omission.what = from.text();
@@ -296,6 +312,7 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
   append(whole.waits.parties, part.waits.parties);
   append(whole.waits.waits, part.waits.waits);
   append(whole.waits.watches, part.waits.watches);
+  append(whole.others, part.others);
   appendUpTo(kMaxKeptSamples, whole.samples, part.samples);
   appendUpTo(kMaxClockMarks, whole.clockMarks, part.clockMarks);
   append(whole.frames, part.frames);
@@ -338,6 +355,7 @@ std::string encodeFindings(const ProcessCapture& part) {
   writeAll(out, part.waits.parties, writeParty);
   writeAll(out, part.waits.waits, writeWait);
   writeAll(out, part.waits.watches, writeWatch);
+  writeAll(out, part.others, writeOther);
   writeAll(out, part.omissions, writeOmission);
   return out.bytes();
 }
@@ -350,6 +368,23 @@ bool addFindings(std::string_view bytes, ProcessCapture& whole) {
     add(part, whole);
   }
   return true;
+}
+
+void addOther(ProcessCapture& parsed, ThreadCapture& thread, ProcessCapture& whole) {
+  const auto frames = static_cast<uint32_t>(whole.frames.size());
+  const auto modules = static_cast<int32_t>(whole.modules.size());
+  append(whole.omissions, parsed.omissions);
+  for (ThreadCapture& one : parsed.threads) {
+    if (one.facts.tid != thread.facts.tid || !one.stack) continue;
+    thread.stack = std::move(one.stack);
+    for (uint32_t& frame : thread.stack->frames) frame += frames;
+  }
+  if (!thread.stack) return;
+  for (Frame& frame : parsed.frames) {
+    if (frame.module >= 0) frame.module += modules;
+  }
+  append(whole.frames, parsed.frames);
+  append(whole.modules, parsed.modules);
 }
 
 }  // namespace kelvane

@@ -15,4 +15,8 @@ std::string encodeFindings(const ProcessCapture& part);
 /// break has been added, and every index leads somewhere all the same.
 bool addFindings(std::string_view bytes, ProcessCapture& whole);
 
+/// Gives `thread`, of another process, the stack that is in `parsed` for it, whose frames and modules go to
+/// those of `whole`.
+void addOther(ProcessCapture& parsed, ThreadCapture& thread, ProcessCapture& whole);
+
 }  // namespace kelvane

@@ -17,6 +17,7 @@
 #include "kelvane/threads/read_memory_map.h"
 #include "kelvane/threads/stack_copy.h"
 #include "kelvane/threads/thread_facts.h"
+#include "kelvane/waits/wait_chain.h"
 
 namespace kelvane {
 namespace {
@@ -37,7 +38,7 @@ class Look {
     settle();
     // Late, since it reads memory that the thread waits at, which lies behind a dead server sooner than any
     // other.
-    lookAtWaits({target_.pid, firstStat_.comm, dir_.get(), facts_}, deadline_, publish_);
+    takeOtherStacks(lookAtWaits({target_.pid, firstStat_.comm, dir_.get(), facts_}, deadline_, publish_));
   }
 
  private:
@@ -121,7 +122,8 @@ class Look {
     CopiedStacks stacks{copyAll(), {}};
     noteExec();
     takeSamples(stacks);
-    if (!stacks.looks.empty() || !stacks.samples.empty()) parse_(dir_.get(), map.modules, stacks, deadline_);
+    if (!stacks.looks.empty() || !stacks.samples.empty())
+      parse_(0, {target_.pid, dir_.get(), map.modules, stacks}, deadline_);
   }
 
   /// Those of the very thread, in the program that it executes now.
@@ -178,6 +180,37 @@ class Look {
       }
     }
     return stacks;
+  }
+
+  /// Those of the threads of other processes that the waits lead to, the last one's first.
+  void takeOtherStacks(const WaitGraph& waits) {
+    const WaitChain chain = chainFrom(waits, hungThread_);
+    size_t number = 0;
+    for (auto link = chain.links.rbegin(); link != chain.links.rend(); ++link) {
+      if (link->party.pid == target_.pid) continue;
+      if (deadline_.passed() || number == kMaxOtherStacks)
+        return leaveOut("stacks of other processes", "not all on the way were taken");
+      takeOtherStack(++number, link->party);
+    }
+  }
+
+  void takeOtherStack(size_t number, const WaitParty& party) {
+    ProcessCapture part;
+    OtherThread& other = part.others.emplace_back(OtherThread{party.pid, party.process, {}});
+    other.thread.facts = party.facts;
+    const std::string path = "/proc/" + std::to_string(party.pid);
+    const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const MemoryMap map = readMemoryMap(dir.get());
+    CopiedStacks stacks;
+    other.thread.noStack = "it has none, or it may not be looked at";
+    if (!map.modules.empty()) {
+      auto outcomes = copyStacks(dir.get(), party.pid, std::span(&party.facts.tid, 1), 0, deadline_);
+      if (!outcomes.empty()) other.thread.noStack = outcomes.front().failure;
+      if (!outcomes.empty() && outcomes.front().copy)
+        stacks.looks.push_back({party.facts.tid, std::move(*outcomes.front().copy)});
+    }
+    publish_(part);
+    if (!stacks.looks.empty()) parse_(number, {party.pid, dir.get(), map.modules, stacks}, deadline_);
   }
 
   /// Stacks after an exec don't belong to the modules that were read before it.

@@ -27,14 +27,13 @@ namespace {
 /// Unwinds one stack after the other. A module and a frame are published with the first stack that has them.
 class Parser {
  public:
-  Parser(const CaptureTarget& target, const std::vector<MappedModule>& modules, int socket,
-         FindingsArea& parsed)
-      : modules_(modules),
+  Parser(bool symbolicate, const CopiedProcess& process, int socket, FindingsArea& parsed)
+      : modules_(process.modules),
         files_(socket),
         parsed_(parsed),
         unwinder_(
-            target.pid, modules, [this](size_t index) { return files_.ask(static_cast<uint32_t>(index)); },
-            target.symbolicate) {}
+            process.pid, modules_, [this](size_t index) { return files_.ask(static_cast<uint32_t>(index)); },
+            symbolicate) {}
 
   void add(const CopiedStack& copied) {
     ProcessCapture part;
@@ -117,8 +116,7 @@ std::vector<size_t> sparseFirst(size_t count) {
 
 }  // namespace
 
-void StackParsing::run(int processDir, const std::vector<MappedModule>& modules, const CopiedStacks& stacks,
-                       const Deadline& deadline) {
+void StackParsing::run(size_t number, const CopiedProcess& process, const Deadline& deadline) {
   const auto say = [&](const std::string& why) {
     ProcessCapture part;
     part.omissions.push_back({"user stacks", why});
@@ -134,18 +132,21 @@ void StackParsing::run(int processDir, const std::vector<MappedModule>& modules,
   UniqueFd theirs(ends[1]);
   const pid_t parent = getppid();
   const long child = syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
-  if (child == 0) parse(parent, theirs.get(), modules, stacks);
+  if (child == 0) parse(parent, theirs.get(), number, process);
   if (child < 0) return say("no process to parse them: " + errorText(errno));
   look_.noteProcess(static_cast<pid_t>(child));
   theirs = UniqueFd();
-  serveFiles(own.get(), processDir, modules, deadline);
+  serveFiles(own.get(), process.dir, process.modules, deadline);
 }
 
-void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModule>& modules,
-                         const CopiedStacks& stacks) {
+void StackParsing::parse(pid_t parent, int socket, size_t number, const CopiedProcess& process) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(kOrphaned);
   look_.unmap();
+  FindingsArea& parsed = parsed_[number];
+  for (FindingsArea& other : parsed_) {
+    if (&other != &parsed) other.unmap();
+  }
   descriptors_.push_back(socket);
   std::sort(descriptors_.begin(), descriptors_.end());
   closeAllBut(descriptors_);
@@ -153,10 +154,11 @@ void StackParsing::parse(pid_t parent, int socket, const std::vector<MappedModul
     if (const std::string failure = dropAllRights(); !failure.empty()) {
       ProcessCapture part;
       part.omissions.push_back({"user stacks", failure});
-      parsed_.publish(part);
+      parsed.publish(part);
       _exit(0);
     }
-    Parser parser(target_, modules, socket, parsed_);
+    Parser parser(symbolicate_, process, socket, parsed);
+    const CopiedStacks& stacks = process.stacks;
     for (const CopiedStack& stack : stacks.looks) parser.add(stack);
     for (const size_t index : sparseFirst(stacks.samples.size())) parser.add(stacks.samples[index]);
   } catch (const std::bad_alloc&) {

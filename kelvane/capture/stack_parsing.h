@@ -15,22 +15,21 @@ namespace kelvane {
 /// take for ever. Opening happens here, in the process that looks, until parsing has ended or the deadline.
 class StackParsing {
  public:
-  /// Publishes into `parsed`, and can't touch `look`. It is a child of this process's parent, and keeps
-  /// `descriptors` open.
-  StackParsing(const CaptureTarget& target, FindingsArea& look, FindingsArea& parsed,
+  /// Publishes into that of `parsed` which stands for the process, and can't touch any other, nor `look`. It
+  /// is a child of this process's parent, and keeps `descriptors` open.
+  StackParsing(bool symbolicate, FindingsArea& look, std::span<FindingsArea> parsed,
                std::vector<int> descriptors)
-      : target_(target), look_(look), parsed_(parsed), descriptors_(std::move(descriptors)) {}
+      : symbolicate_(symbolicate), look_(look), parsed_(parsed), descriptors_(std::move(descriptors)) {}
 
-  void run(int processDir, const std::vector<MappedModule>& modules, const CopiedStacks& stacks,
-           const Deadline& deadline);
+  /// `number`: see ParseStacks.
+  void run(size_t number, const CopiedProcess& process, const Deadline& deadline);
 
  private:
-  [[noreturn]] void parse(pid_t parent, int socket, const std::vector<MappedModule>& modules,
-                          const CopiedStacks& stacks);
+  [[noreturn]] void parse(pid_t parent, int socket, size_t number, const CopiedProcess& process);
 
-  const CaptureTarget target_;
+  const bool symbolicate_;
   FindingsArea& look_;
-  FindingsArea& parsed_;
+  const std::span<FindingsArea> parsed_;
   std::vector<int> descriptors_;
 };
 

@@ -195,13 +195,14 @@ class Looker final : public WaitSource {
 
 }  // namespace
 
-void lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish) {
-  if (process.threads.empty()) return;
+WaitGraph lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish) {
+  if (process.threads.empty()) return {};
   const WaitParty hung{process.pid, process.name, process.threads.front()};
   Looker looker(process, deadline, publish);
-  bool isAny = false;
+  WaitGraph graph;
   const auto publishWaits = [&](const WaitGraph& part) {
-    isAny = isAny || !part.waits.empty();
+    graph.parties.insert(graph.parties.end(), part.parties.begin(), part.parties.end());
+    graph.waits.insert(graph.waits.end(), part.waits.begin(), part.waits.end());
     ProcessCapture whole;
     whole.waits = part;
     publish(whole);
@@ -212,7 +213,8 @@ void lookAtWaits(const LookedAt& process, const Deadline& deadline, const Publis
     publish(part);
   }
   looker.publishOmissions();
-  if (isAny && !deadline.passed()) looker.watch(hung);
+  if (!graph.waits.empty() && !deadline.passed()) looker.watch(hung);
+  return graph;
 }
 
 }  // namespace kelvane

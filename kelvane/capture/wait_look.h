@@ -19,8 +19,8 @@ struct LookedAt {
 };
 
 /// Follows what the hung thread waits for through all processes, and publishes the graph as it finds it
-/// (follow_waits.h); then watches its parties for kWatchTime. Reads memory of processes, which can block in
-/// the kernel for good.
-void lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish);
+/// (follow_waits.h); then watches its parties for kWatchTime. Returns it without what that has shown. Reads
+/// memory of processes, which can block in the kernel for good.
+WaitGraph lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish);
 
 }  // namespace kelvane

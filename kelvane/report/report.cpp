@@ -55,12 +55,14 @@ void writeCapture(JsonWriter& json, const Report& report) {
   uint64_t stacks = 0;
   uint64_t stoppedUs = 0;
   uint64_t longestUs = 0;
-  for (const ThreadCapture& thread : report.process.threads) {
-    if (!thread.stack) continue;
+  const auto count = [&](const ThreadCapture& thread) {
+    if (!thread.stack) return;
     stacks++;
     stoppedUs += thread.stack->stoppedUs;
     longestUs = std::max<uint64_t>(longestUs, thread.stack->stoppedUs);
-  }
+  };
+  for (const ThreadCapture& thread : report.process.threads) count(thread);
+  for (const OtherThread& other : report.process.others) count(other.thread);
   json.key("capture");
   json.beginObject();
   json.member("time", std::string_view(utcText(time(nullptr))));
@@ -105,11 +107,16 @@ void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks&
   json.endObject();
 }
 
-void writeThread(JsonWriter& json, const ThreadCapture& thread, bool hung) {
+/// `other`: whose thread it is, if it is none of the process.
+void writeThread(JsonWriter& json, const ThreadCapture& thread, bool hung, const OtherThread* other) {
   const ThreadFacts& facts = thread.facts;
   json.beginObject();
   json.member("tid", facts.tid);
   json.member("name", std::string_view(facts.comm));
+  if (other) {
+    json.member("pid", other->pid);
+    json.member("process", std::string_view(other->process));
+  }
   if (hung) json.member("hung", true);
   json.member("state", stateName(facts.state));
   writeText(json, "waitChannel", facts.waitChannel);
@@ -179,8 +186,9 @@ void writeReport(const Report& report, JsonWriter& json) {
   json.key("threads");
   json.beginArray();
   for (const ThreadCapture& thread : report.process.threads) {
-    writeThread(json, thread, thread.facts.tid == report.process.hungThread);
+    writeThread(json, thread, thread.facts.tid == report.process.hungThread, nullptr);
   }
+  for (const OtherThread& other : report.process.others) writeThread(json, other.thread, false, &other);
   json.endArray();
   writeProcesses(json, report.processes);
   json.endObject();

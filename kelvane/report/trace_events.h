@@ -29,12 +29,17 @@ class TraceEvents {
   void writeEvents(JsonWriter& json) const;
 
  private:
-  void writeName(JsonWriter& json, const char* what, int64_t tid, const std::string& name) const;
-  void writeInterval(JsonWriter& json, int64_t tid, const std::string& name, const char* category,
-                     uint64_t startNs, uint64_t durationNs) const;
+  struct Track {
+    int64_t pid;
+    int64_t tid;
+  };
+
+  static void writeName(JsonWriter& json, const char* what, Track track, const std::string& name);
+  static void writeInterval(JsonWriter& json, Track track, const std::string& name, const char* category,
+                            uint64_t startNs, uint64_t durationNs);
   void writeHang(JsonWriter& json) const;
-  void writeThread(JsonWriter& json, size_t index) const;
-  void writeFrames(JsonWriter& json, uint32_t stack, int64_t tid, uint64_t startNs,
+  void writeThread(JsonWriter& json, int64_t pid, const ThreadCapture& thread, uint32_t stack) const;
+  void writeFrames(JsonWriter& json, uint32_t stack, Track track, uint64_t startNs,
                    uint64_t durationNs) const;
 
   const DumpRequest& request_;
@@ -44,7 +49,8 @@ class TraceEvents {
   uint64_t capturedAtNs_;
   int64_t pid_;  // the track of the hang: the process and thread, if there are any
   int64_t hungThread_;
-  std::vector<uint32_t> stacks_;  // of the threads
+  std::vector<uint32_t> stacks_;       // of the threads
+  std::vector<uint32_t> otherStacks_;  // of those of other processes
 };
 
 }  // namespace kelvane

@@ -193,10 +193,8 @@ class ChainSentence {
   }
 
   std::string place(const ChainLink& link) const {
-    for (const ThreadCapture& thread : process_.threads) {
-      if (thread.facts.tid == link.party.facts.tid) return placeText(process_, thread);
-    }
-    return {};
+    const ThreadCapture* thread = threadOf(process_, link.party.facts.tid);
+    return thread ? placeText(process_, *thread) : std::string();
   }
 
   std::string other(const NamedThread& thread) const {

@@ -55,6 +55,16 @@ std::string quoted(const std::string& name) {
   return name.empty() ? std::string() : " '" + name + "'";
 }
 
+const ThreadCapture* threadOf(const ProcessCapture& process, pid_t tid) {
+  for (const ThreadCapture& thread : process.threads) {
+    if (thread.facts.tid == tid) return &thread;
+  }
+  for (const OtherThread& other : process.others) {
+    if (other.thread.facts.tid == tid) return &other.thread;
+  }
+  return nullptr;
+}
+
 namespace {
 
 /// "std::mutex::lock" of "std::mutex::lock()", "std::this_thread::sleep_for" of "void std::this_thread::
@@ -102,9 +112,8 @@ std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::ve
 }
 
 std::string functionOf(const ProcessCapture& process, pid_t tid) {
-  auto thread = std::find_if(process.threads.begin(), process.threads.end(),
-                             [&](const ThreadCapture& each) { return each.facts.tid == tid; });
-  if (thread == process.threads.end()) return {};
+  const ThreadCapture* thread = threadOf(process, tid);
+  if (!thread) return {};
   const auto frames = ownFrames(process, *thread);
   return frames.empty() ? std::string() : frameName(process, *frames.front());
 }

@@ -27,14 +27,17 @@ std::string frameName(const ProcessCapture& process, const Frame& frame);
 /// " 'name'"; empty of no name.
 std::string quoted(const std::string& name);
 
+/// The thread, of the process or of those others whose stacks were asked for; null if it is none of them.
+const ThreadCapture* threadOf(const ProcessCapture& process, pid_t tid);
+
 /// The frames of the thread's stack, innermost first, without those of a language's own libraries, where
 /// programs wait and read the clock; all of them if there are no others.
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread);
 /// `frames`: as in StackSample.
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::vector<uint32_t>& frames);
 
-/// The name of the frame that the process's thread `tid` was in: the innermost of its own ones. Empty without
-/// a stack.
+/// The name of the frame that the thread `tid` was in (threadOf): the innermost of its own ones. Empty
+/// without a stack.
 std::string functionOf(const ProcessCapture& process, pid_t tid);
 
 /// ", in FUNCTION (FILE)": where the thread was, as `functionOf` has it. Empty without a stack.

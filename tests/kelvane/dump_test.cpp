@@ -167,10 +167,18 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
     // Each look makes the call start anew, and must not hide it from the next.
     for (int look = 0; look < 2; look++) {
       Json verdict;
+      Dump dump;
       EXPECT_TRUE(eventually([&] {
-        verdict = dumpOf(child, child).report["metadata"]["verdict"];
+        dump = dumpOf(child, child);
+        verdict = dump.report["metadata"]["verdict"];
         return verdict["cause"] == "peer";
       })) << verdict;
+      // This process is in the call that makes the report.
+      const Json culprit = dump.thread(getpid());
+      EXPECT_EQ(culprit["pid"], getpid()) << dump.text;
+      const bool isShown = contains(dump.stackOf(getpid()), "main") && culprit.contains("frames");
+      EXPECT_TRUE(isShown || (geteuid() != 0 && culprit.contains("noStack"))) << culprit;
+      expectOpensInViewers(dump.report);
       EXPECT_EQ(verdict["chain"][1]["pid"], getpid()) << verdict;
       EXPECT_EQ(verdict["chain"][0]["waitsFor"]["object"], std::string("a ") + through);
     }

@@ -107,7 +107,7 @@ Html stackHtml(const Report& report, const ReportThread& thread) {
 
 Html threadHtml(const Report& report, const ReportThread& thread) {
   const bool isTheCulprit = isCulprit(report, thread.tid);
-  const Html name = element("b", "", thread.name) + element("span", "tid", std::to_string(thread.tid)) +
+  const Html name = element("b", "", ownerText(thread)) + element("span", "tid", std::to_string(thread.tid)) +
                     element("span", "doing", doingText(thread));
   Html details{"<details id=\"thread-" + std::to_string(thread.tid) + "\"" +
                (isTheCulprit ? " class=\"culprit\"" : "") + (thread.hung || isTheCulprit ? " open" : "") +

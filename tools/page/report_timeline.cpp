@@ -44,7 +44,9 @@ class Builder {
  public:
   explicit Builder(const Report& report)
       : trace_(report.trace), header_(report.header), originUs_(originOf(report)) {
-    for (const ReportThread& thread : report.threads) ownThreads_.insert(thread.tid);
+    for (const ReportThread& thread : report.threads) {
+      if (thread.pid == 0) ownThreads_.insert(thread.tid);
+    }
     timeline_.hangUs = std::max(0.0, header_.durationMs() * 1000);
     timeline_.lookedUs =
         report.lookedAtUs > 0 ? report.lookedAtUs - originUs_ : std::numeric_limits<double>::quiet_NaN();

@@ -43,6 +43,8 @@ ReportThread threadOf(const Json& json) {
   ReportThread thread;
   thread.tid = integerMember(json, "tid");
   thread.name = textMember(json, "name");
+  thread.pid = integerMember(json, "pid");
+  thread.process = textMember(json, "process");
   thread.hung = member(json, "hung") == true;
   thread.state = textMember(json, "state");
   thread.waitChannel = textMember(json, "waitChannel");

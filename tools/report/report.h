@@ -41,6 +41,8 @@ struct ReportHeader {
 struct ReportThread {
   int64_t tid = 0;
   std::string name;
+  int64_t pid = 0;      ///< of its process, if that is another than the hung one; else 0
+  std::string process;  ///< likewise
   bool hung = false;
   std::string state;
   std::string waitChannel;
@@ -66,7 +68,7 @@ struct ReportMetadata {
 };
 
 struct Report : ReportMetadata {
-  std::vector<ReportThread> threads;  ///< the hung one first
+  std::vector<ReportThread> threads;  ///< the hung one first; after its process's those of others
   Trace trace;
   ReportSampled sampled;
 };

@@ -40,8 +40,8 @@ std::string headerText(const Report& report) {
 
 /// `role`: "which hung".
 std::string stackText(const ReportThread& thread, const char* role) {
-  std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(thread.name) + ", " + role +
-                     ": " + printable(doingText(thread)) + "\n";
+  std::string text = "\nThread " + std::to_string(thread.tid) + " " + printable(ownerText(thread)) + ", " +
+                     role + ": " + printable(doingText(thread)) + "\n";
   text += "CPU time so far: " + fixed(thread.userMs, 0) + " ms user, " + fixed(thread.systemMs, 0) +
           " ms system\n";
   text += "\n  kernel, innermost first\n";
@@ -60,12 +60,18 @@ std::string otherThreadsText(const Report& report) {
   for (const ReportThread& thread : report.threads) {
     if (thread.hung || isCulprit(report, thread.tid)) continue;
     const std::string frame = thread.userStack.empty() ? "-" : frameText(thread.userStack.front());
-    rows.push_back({std::to_string(thread.tid), printable(thread.name), printable(doingText(thread)), frame});
+    rows.push_back(
+        {std::to_string(thread.tid), printable(ownerText(thread)), printable(doingText(thread)), frame});
   }
   return rows.size() == 1 ? "" : "\nOther threads\n" + table(rows);
 }
 
 }  // namespace
+
+std::string ownerText(const ReportThread& thread) {
+  if (thread.pid == 0) return thread.name;
+  return thread.name + " of " + thread.process + " (pid " + std::to_string(thread.pid) + ")";
+}
 
 std::string doingText(const ReportThread& thread) {
   std::string text = thread.state;

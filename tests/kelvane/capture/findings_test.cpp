@@ -97,6 +97,33 @@ TEST(Findings, BrokenBytesLeadNowhere) {
   EXPECT_EQ(whole.threads.size(), kMaxThreadsListed);
 }
 
+TEST(Findings, AStackOfAnotherProcessKeepsItsOwnFrames) {
+  ProcessCapture whole = onePart();
+  whole.others.push_back({20, "server", {}});
+  ThreadCapture& thread = whole.others[0].thread;
+  thread.facts.tid = 21;
+  ProcessCapture liar = onePart();  // speaks of a thread that it was not asked for
+  addOther(liar, thread, whole);
+  EXPECT_FALSE(thread.stack);
+  EXPECT_EQ(whole.frames.size(), 2u);
+
+  ProcessCapture parsed = onePart();
+  parsed.threads[0].facts.tid = 21;
+  parsed.modules[0].path = "/bin/server";
+  addOther(parsed, thread, whole);
+  ASSERT_TRUE(thread.stack);
+  EXPECT_EQ(thread.stack->frames, (std::vector<uint32_t>{2, 3, 2}));
+  EXPECT_EQ(whole.modules[static_cast<size_t>(whole.frames[2].module)].path, "/bin/server");
+  EXPECT_EQ(whole.frames[3].module, -1);
+
+  // Without the stack, whose frames would lead elsewhere.
+  ProcessCapture again;
+  ASSERT_TRUE(addFindings(encodeFindings(whole), again));
+  ASSERT_EQ(again.others.size(), 1u);
+  EXPECT_EQ(again.others[0].process, "server");
+  EXPECT_FALSE(again.others[0].thread.stack);
+}
+
 TEST(Findings, AnAreaThatIsFullKeepsWhatFits) {
   FindingsArea area;
   ASSERT_TRUE(area);

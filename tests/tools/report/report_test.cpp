@@ -47,6 +47,21 @@ TEST(ReportFile, IsToldInWords) {
             "Left out\n  scheduler events: not recorded\n");
 }
 
+TEST(ReportFile, AThreadOfAnotherProcessIsToldAsThat) {
+  std::string text(kReport);
+  text.insert(text.find("\"leftOut\""), R"("verdict":{"cause":"peer","sentence":"It waited.",
+"chain":[{"tid":41,"pid":41,"waitsFor":{"tid":77}},{"tid":77,"name":"worker","pid":70,"process":"server","culprit":"slept"}]},)");
+  text.insert(text.find("{\"ph\":\"X\""), R"({"ph":"P","pid":70,"tid":77,"sf":"1"},)");
+  text.insert(text.rfind(']'), R"(,{"tid":77,"name":"worker","pid":70,"process":"server","state":"sleeping"},
+{"tid":78,"name":"proxy","pid":78,"process":"pro\u001bxy","state":"sleeping"})");
+  std::string error;
+  const std::string told = quorvelctl::reportText(quorvelctl::parseReport(text, error).value_or(Report{}));
+  EXPECT_NE(told.find("Thread 77 worker of server (pid 70), the culprit: sleeping\n"), std::string::npos)
+      << told;
+  EXPECT_NE(told.find("  user, innermost first\n    main  (viewer+0x10)\n"), std::string::npos) << told;
+  EXPECT_NE(told.find("78      proxy of pro?xy (pid 78) "), std::string::npos) << told;
+}
+
 TEST(ReportFile, TellsWhereTheTimeWent) {
   std::string text(kReport);
   text.insert(text.find("\"leftOut\""), R"("sampled":{"ts":1,"durationMs":4000,"samples":60,
