@@ -135,7 +135,7 @@ inline constexpr int kMoreWatches = 4;
 /// Threads of a process among whom whoever is to give a signal may be.
 inline constexpr size_t kMaxWaitCandidates = 12;
 /// Threads of other processes on the way to the culprit of whom stacks are taken, from that one on.
-inline constexpr size_t kMaxOtherStacks = 4;
+inline constexpr size_t kMaxOtherStacks = 6;
 /// How long a sleep may last that is looked at for what the thread tries between two of them, and so how long
 /// it is watched; and how long all threads of a graph.
 inline constexpr std::chrono::milliseconds kTryWatch{200};

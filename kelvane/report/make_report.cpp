@@ -37,9 +37,8 @@ std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, con
   uint64_t fromNs = nsOfTicks(hang.start);
   uint64_t toNs = std::min(nsOfTicks(hang.end), report.capturedAtNs);
   if (fromNs >= toNs) return std::nullopt;
-  const auto rivals = [&] {
-    return deadline.passed() ? std::nullopt
-                             : watchRivals(report.process.pid, report.process.hungThread, kRivalsWatch);
+  const auto rivals = [&](pid_t process, pid_t thread) {
+    return deadline.passed() ? std::nullopt : watchRivals(process, thread, kRivalsWatch);
   };
   return judge({fromNs, toNs, report.recording, report.process, report.processes, pressure, before, after,
                 rivals, findProcess});

@@ -148,6 +148,17 @@ bool tellsMore(const ChainVerdict& verdict) {
   return verdict.chain.leadsOn() || (kind != WaitKind::signal && kind != WaitKind::events);
 }
 
+void addRival(const Evidence& evidence, ChainVerdict& verdict) {
+  if (verdict.end != ChainEnd::starved || verdict.ranInstead || !evidence.watchRivals) return;
+  const WaitParty& last = verdict.chain.links.back().party;
+  const auto rivals = evidence.watchRivals(last.pid, last.facts.tid);
+  if (!rivals || rivals->ranMs * 2 < rivals->watchedMs) return;
+  NamedThread rival{rivals->busiest, rivals->name, 0, {}};
+  if (evidence.findProcess) evidence.findProcess(rival);
+  verdict.ranInstead = rival;
+  verdict.steps = chainSteps(evidence.process, verdict);
+}
+
 bool tellsTracer(const ChainVerdict& verdict) {
   const auto& links = verdict.chain.links;
   return links.size() > 1 && links.front().wait->kind == WaitKind::tracer;

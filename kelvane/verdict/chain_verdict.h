@@ -11,6 +11,9 @@ namespace kelvane {
 /// Holds of the hang only if the thread still was in the wait of the hang at the look.
 std::optional<ChainVerdict> chainVerdict(const Evidence& evidence, const WaitGraph& waits);
 
+/// Without a recording: who has the CPU that its end is not given, by a further look.
+void addRival(const Evidence& evidence, ChainVerdict& verdict);
+
 /// Whether it says who keeps the hung thread stopped.
 bool tellsTracer(const ChainVerdict& verdict);
 

@@ -23,8 +23,8 @@ struct Evidence {
   Pressure pressure;
   Surroundings before;  // the look at the process, and after it
   Surroundings after;
-  /// Asked without a recording if the thread was not given a CPU: who was.
-  std::function<std::optional<Rivals>()> watchRivals;
+  /// Asked without a recording of a thread of a process that was not given a CPU: who was.
+  std::function<std::optional<Rivals>(pid_t process, pid_t thread)> watchRivals;
   /// Fills in a thread's process; leaves it open where it can't be told.
   std::function<void(NamedThread&)> findProcess;
 };

@@ -205,7 +205,7 @@ void addLimits(const Evidence& evidence, Findings& findings) {
   if (before.memory && after.memory && before.memory->group == after.memory->group)
     findings.memoryLimitHit =
         after.memory->hits > before.memory->hits && after.memory->refaults > before.memory->refaults;
-  findings.faultedAtLook = findings.memoryLimitHit && evidence.before.thread == evidence.after.thread &&
+  findings.faultedAtLook = evidence.before.thread == evidence.after.thread &&
                            evidence.after.majorFaults >= evidence.before.majorFaults + kManyFaults;
   if (before.quota && after.quota && before.quota->group == after.quota->group)
     findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;

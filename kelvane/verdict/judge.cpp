@@ -25,6 +25,9 @@ constexpr double kDecisiveShare = 0.5;
 /// A state other than the one that is judged first is told of if it makes up this share of what is known.
 constexpr double kPhaseShare = 0.2;
 
+/// Two states lasted about as long if the shorter one made up this share of the longer.
+constexpr double kAboutAsLong = 0.8;
+
 bool isShare(uint64_t partNs, double share, uint64_t wholeNs) {
   return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
 }
@@ -133,6 +136,16 @@ std::optional<Cause> decisiveCause(const Evidence& evidence, const Findings& fin
   return std::nullopt;
 }
 
+/// Whether a thread was about as long on the CPU as it waited, and there in the kernel most of all, which had
+/// to fetch for it what it waited for.
+bool isWorkFor(const Phase& wait, const Phase& work, const Findings& findings) {
+  const bool isFetching =
+      wait.cause == Cause::disk || wait.cause == Cause::memory || wait.cause == Cause::swapping;
+  const ThreadFacts& facts = findings.thread->facts;
+  return work.cause == Cause::ownCpu && isFetching && facts.systemMs > facts.userMs &&
+         isShare(wait.ns, kAboutAsLong, work.ns);
+}
+
 /// The states that made up much of the hang, each with its cause.
 std::vector<Phase> phasesOf(const Evidence& evidence, const Findings& findings) {
   if (const auto cause = decisiveCause(evidence, findings))
@@ -145,6 +158,7 @@ std::vector<Phase> phasesOf(const Evidence& evidence, const Findings& findings) 
   }
   std::sort(phases.begin(), phases.end(),
             [](const Phase& a, const Phase& b) { return std::tie(b.ns, a.state) < std::tie(a.ns, b.state); });
+  if (phases.size() > 1 && isWorkFor(phases[1], phases[0], findings)) std::swap(phases[0], phases[1]);
   return phases;
 }
 
@@ -162,11 +176,13 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
     const uint64_t ranNs = (facts.userMs + facts.systemMs) * 1'000'000;
     return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
   }
-  if (findings.faultedAtLook) return Cause::memory;
+  if (findings.faultedAtLook && findings.memoryLimitHit) return Cause::memory;
   const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
   const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
   const bool isSame = before && evidence.before.thread == evidence.after.thread;
+  // It waited: for whatever it still waits for again and again.
+  if (!mayHaveRun && findings.faultedAtLook) return Cause::disk;
   if (!mayHaveRun || !isSame) return Cause::unknown;
   return after->waitedNs - before->waitedNs > after->ranNs - before->ranNs ? Cause::starved : Cause::ownCpu;
 }
@@ -254,11 +270,13 @@ Verdict judge(const Evidence& evidence) {
              static_cast<double>(findings.sampled.durationNs) >= kLeastShareKnown * windowNs) {
     goBySamples(evidence, findings, verdict);
   } else if (findings.thread) {
+    if (findings.chain) addRival(evidence, *findings.chain);
     verdict.cause = causeByOneLook(evidence, findings);
   }
   if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
-  if (!verdict.fromRecorder && verdict.cause == Cause::starved && evidence.watchRivals)
-    findings.rivals = evidence.watchRivals();
+  const bool isReady = findings.thread && findings.thread->facts.state == 'R';
+  if (!verdict.fromRecorder && verdict.cause == Cause::starved && isReady && evidence.watchRivals)
+    findings.rivals = evidence.watchRivals(evidence.process.pid, evidence.process.hungThread);
   if (findings.chain && isByChain(evidence, verdict, *findings.chain)) verdict.chain = findings.chain;
   verdict.sentence = verdictSentence(evidence, findings, verdict);
   return verdict;

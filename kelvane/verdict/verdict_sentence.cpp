@@ -296,11 +296,18 @@ class Sentence {
     return name + " (pid " + std::to_string(thread.pid) + ")";
   }
 
+  /// At the look, which is all there is.
+  bool faultedWhileAwake() const {
+    return !verdict_.hasTimes() && findings_.faultedAtLook && findings_.thread->facts.state == 'R';
+  }
+  static constexpr const char* kFaulted = "was awake at the look, but had pages read in again and again";
+
   std::string diskText() const {
     const std::string& limited = evidence_.after.limits.diskLimit;
     const std::string limit =
         limited.empty() ? "" : "; the disk I/O of its control group " + limited + " is limited";
     if (!verdict_.fromRecorder) {
+      if (faultedWhileAwake()) return kFaulted + (", from a disk unless they lay elsewhere" + limit);
       const std::string waited = "waited " + spentAmount(ThreadState::uninterruptible);
       const KernelWait wait = kernelWaitWithoutRecorder();
       if (wait == KernelWait::page)
@@ -337,8 +344,7 @@ class Sentence {
     if (asleep && findings_.pageIns > 0)
       return waited + "for its own code and files to be read back in (" + counted(findings_.pageIns, "page") +
              ")" + shortText();
-    if (!verdict_.fromRecorder && findings_.faultedAtLook && findings_.thread->facts.state == 'R')
-      return "was awake at the look, but had pages read in again and again" + shortText();
+    if (faultedWhileAwake()) return kFaulted + shortText();
     if (!verdict_.fromRecorder && kernelWaitWithoutRecorder() == KernelWait::page)
       return waited + "for a page of a file" + shortText();
     if (findings_.reclaimNs > 0 && verdict_.fromRecorder)

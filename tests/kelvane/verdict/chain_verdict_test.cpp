@@ -22,6 +22,18 @@ TEST(ChainVerdict, TellsTheEndOfAChainFirst) {
   machine.watched(kLogger, 40, 1);
   expectSays(machine.verdict(), Cause::starved, "because thread 'logger' (102) was not given a CPU: ");
 
+  {
+    // Without the recorder a further look tells who has that CPU, if somebody has most of it.
+    MadeUpMachine unrecorded = machine;
+    unrecorded.withoutRecorder();
+    unrecorded.isRealTime(kHog);
+    unrecorded.rivals = Rivals{"hog", false, 1, kHog, 90, 200};
+    expectSays(unrecorded.verdict(), Cause::starved, "because thread 'logger' (102) was not given a CPU: ");
+    unrecorded.rivals->ranMs = 150;
+    expectSays(unrecorded.verdict(), Cause::priorityInversion,
+               "'logger' (102) was not given a CPU, which ran 'hog' (pid 200): ");
+  }
+
   // The recorder knows more than the look.
   machine.switches(1'000, kLogger, 'R', kHog);
   machine.switches(10'900, kHog, 'R', kLogger);

@@ -79,7 +79,7 @@ class MadeUpMachine {
     Recording recording = recording_;
     std::stable_sort(recording.events.begin(), recording.events.end(),
                      [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
-    const auto watchRivals = [this] { return rivals; };
+    const auto watchRivals = [this](pid_t, pid_t) { return rivals; };
     return judge({1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after,
                   watchRivals, findProcess});
   }

@@ -264,6 +264,27 @@ TEST(Verdict, TellsOfEveryLongPhase) {
   EXPECT_EQ(verdict.phases[1].ns, 4'000 * kMs);
 }
 
+TEST(Verdict, WhatTheKernelComputesForADiskIsTheDisks) {
+  for (const uint64_t waitMs : {500, 400}) {
+    MadeUpMachine machine;
+    machine.look().state = 'R';
+    machine.look().systemMs = 6'000;
+    for (uint64_t fromMs = 900; fromMs < 11'000; fromMs += 1'000) {
+      machine.request(kApp, fromMs, fromMs + waitMs - 10);
+      machine.switches(fromMs, kApp, 'D', kOther);
+      machine.interruptWakes(fromMs + waitMs - 10, kOther, kApp);
+      machine.switches(fromMs + waitMs - 9, kOther, 'R', kApp);
+    }
+    if (waitMs == 400) {
+      expectSays(machine.verdict(), Cause::ownCpu, "was busy itself: ");
+    } else {
+      expectSays(machine.verdict(), Cause::disk, "; it also was busy itself: ");
+      machine.look().userMs = 7'000;
+      expectSays(machine.verdict(), Cause::ownCpu, "was busy itself: ");
+    }
+  }
+}
+
 TEST(Verdict, BlamesALimitOnlyForWhatItMayHaveDone) {
   MadeUpMachine machine;  // bystanders have the CPUs while the group is held back
   machine.look().state = 'R';
@@ -341,6 +362,17 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
   lives(300, 300, 10, 30);  // it slept through most of the hang
   expectSays(machine.verdict(), Cause::unknown,
              "was awake at the look, but has not been in its life for half as long");
+  machine.before.thread = machine.after.thread = kApp;
+  machine.after.majorFaults = 200;
+  expectSays(machine.verdict(), Cause::disk,
+             "had pages read in again and again, from a disk unless they lay elsewhere.");
+  machine.before.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 10, 10};
+  machine.after.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 11, 900};
+  lives(9'000, 300, 40, 0);
+  expectSays(machine.verdict(), Cause::memory,
+             "again and again: its control group /small is at its limit of 40.0 MB");
+  machine.before.majorFaults = 195;
+  expectSays(machine.verdict(), Cause::ownCpu, "busy itself");
   machine.process = {};
   expectSays(machine.verdict(), Cause::unknown, "no process");
 }
