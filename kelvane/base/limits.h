@@ -132,6 +132,9 @@ inline constexpr std::chrono::milliseconds kSettleTime{50};
 /// CPU; and how many times more for who has had none.
 inline constexpr std::chrono::milliseconds kWatchTime{40};
 inline constexpr int kMoreWatches = 4;
+/// How often, and after what time each, the hung thread is looked at again that was awake, but is mostly asleep.
+inline constexpr int kMoreLooks = 5;
+inline constexpr std::chrono::milliseconds kBetweenLooks{2};
 /// Threads of a process among whom whoever is to give a signal may be.
 inline constexpr size_t kMaxWaitCandidates = 12;
 /// Threads of other processes on the way to the culprit of whom stacks are taken, from that one on.

@@ -277,7 +277,7 @@ void keepTheOnlyOther(PartyWait& wait, const WaitParty& party, const std::vector
 
 std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
                                         const std::vector<pid_t>& waiting, DescriptorIndex& index,
-                                        std::vector<Omission>& omissions) {
+                                        ThreadLists& threads, std::vector<Omission>& omissions) {
   if (!party.facts.syscall) return std::nullopt;
   const WaitedDescriptors waited = waitedDescriptors(processDir, party.pid, *party.facts.syscall);
   if (waited.all.empty()) return std::nullopt;
@@ -300,7 +300,7 @@ std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
   }
   if (isAny) keepTheOnlyOther(wait, party, waiting, waited.all.size());
   if (wait.holders.empty() && isNetwork && !isAny) wait.kind = WaitKind::network;
-  if (wait.holders.empty() && search.isAnyOfOwn() && !isAny) wait.candidates = otherThreads(party);
+  if (wait.holders.empty() && search.isAnyOfOwn() && !isAny) wait.candidates = threads.othersThan(party);
   const bool isTold = !wait.holders.empty() || wait.kind != WaitKind::peer || !wait.object.empty();
   return isTold ? std::optional(wait) : std::nullopt;
 }

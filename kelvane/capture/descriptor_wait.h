@@ -5,6 +5,7 @@
 
 #include "kelvane/base/omission.h"
 #include "kelvane/capture/descriptor_index.h"
+#include "kelvane/capture/likely_thread.h"
 #include "kelvane/waits/wait_graph.h"
 
 namespace kelvane {
@@ -18,6 +19,6 @@ namespace kelvane {
 /// can't be asked about sockets at all, `omissions` says so.
 std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
                                         const std::vector<pid_t>& waiting, DescriptorIndex& index,
-                                        std::vector<Omission>& omissions);
+                                        ThreadLists& threads, std::vector<Omission>& omissions);
 
 }  // namespace kelvane

@@ -9,7 +9,6 @@
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
-#include "kelvane/capture/likely_thread.h"
 #include "kelvane/capture/other_memory.h"
 #include "kelvane/capture/shared_memory.h"
 #include "kelvane/capture/wait_time.h"
@@ -135,7 +134,7 @@ std::optional<FutexOwner> ownerOfStream(const FutexView& view) {
   return FutexOwner{WaitKind::streamLock, 0, record, "the stream's owner"};
 }
 
-std::optional<PartyWait> futexWait(int processDir, const WaitParty& party) {
+std::optional<PartyWait> futexWait(int processDir, const WaitParty& party, ThreadLists& threads) {
   const auto view = viewOf(party);
   if (!view) return std::nullopt;
   PartyWait wait{party.facts.tid, WaitKind::signal, {}, {}};
@@ -154,7 +153,7 @@ std::optional<PartyWait> futexWait(int processDir, const WaitParty& party) {
   const auto isPrivate = [&] {
     return (view->operation & FUTEX_PRIVATE_FLAG) != 0 || !isSharedMemory(processDir, view->address);
   };
-  if (wait.holders.empty() && isPrivate()) wait.candidates = otherThreads(party);
+  if (wait.holders.empty() && isPrivate()) wait.candidates = threads.othersThan(party);
   wait.timeLeftNs = timeLeftNs(party);
   // What was read counts only if the thread still waits there.
   return stillWaits(processDir, party) ? std::optional(wait) : std::nullopt;

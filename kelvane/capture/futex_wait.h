@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "kelvane/capture/likely_thread.h"
 #include "kelvane/waits/wait_graph.h"
 
 namespace kelvane {
@@ -36,6 +37,6 @@ std::optional<FutexOwner> ownerOfStream(const FutexView& view);
 
 /// What the party waits for in futex(2), and who ends that. Reads the process's memory, which can block in
 /// the kernel. Nothing if it waits for no futex, or does no more.
-std::optional<PartyWait> futexWait(int processDir, const WaitParty& party);
+std::optional<PartyWait> futexWait(int processDir, const WaitParty& party, ThreadLists& threads);
 
 }  // namespace kelvane

@@ -53,6 +53,21 @@ int rankOf(char state, const std::optional<SystemCall>& call) {
   }
 }
 
+/// By their states alone.
+std::vector<pid_t> likeliestFirst(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid);
+  const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return {};
+  std::vector<std::pair<int, pid_t>> ranked;
+  for (const pid_t tid : listNumbersAt(dir.get(), "task", kMaxThreadsWithStack))
+    ranked.emplace_back(rankOf(readThreadState(dir.get(), tid), {}), tid);
+  std::sort(ranked.begin(), ranked.end());
+  std::vector<pid_t> tids;
+  tids.reserve(ranked.size());
+  for (const auto& [rank, tid] : ranked) tids.push_back(tid);
+  return tids;
+}
+
 }  // namespace
 
 std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
@@ -77,19 +92,14 @@ std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
   return best.tid == 0 ? std::nullopt : std::optional(best);
 }
 
-std::vector<WaitHolder> otherThreads(const WaitParty& party) {
-  const std::string path = "/proc/" + std::to_string(party.pid);
-  const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) return {};
-  std::vector<std::pair<int, pid_t>> ranked;
-  for (const pid_t tid : listNumbersAt(dir.get(), "task", kMaxThreadsWithStack)) {
-    if (tid != party.facts.tid) ranked.emplace_back(rankOf(readThreadState(dir.get(), tid), {}), tid);
-  }
-  std::sort(ranked.begin(), ranked.end());
-  if (ranked.size() > kMaxWaitCandidates) ranked.resize(kMaxWaitCandidates);
+std::vector<WaitHolder> ThreadLists::othersThan(const WaitParty& party) {
+  const auto [known, isNew] = byProcess_.try_emplace(party.pid);
+  if (isNew) known->second = likeliestFirst(party.pid);
   std::vector<WaitHolder> others;
-  others.reserve(ranked.size());
-  for (const auto& [rank, tid] : ranked) others.push_back({party.pid, tid, Sureness::guess, {}});
+  for (const pid_t tid : known->second) {
+    if (others.size() == kMaxWaitCandidates) break;
+    if (tid != party.facts.tid) others.push_back({party.pid, tid, Sureness::guess, {}});
+  }
   return others;
 }
 

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -24,8 +25,16 @@ struct LikelyThread {
 std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
                                          const std::function<bool(const SystemCall&)>& isAtIt);
 
-/// The other threads of the party's process (PartyWait::candidates), those first that are awake or stand
-/// still in the kernel; not all of a large process.
-std::vector<WaitHolder> otherThreads(const WaitParty& party);
+/// The threads of processes, of which each is listed once: where all threads of a process wait for signals,
+/// it is asked for each of them.
+class ThreadLists {
+ public:
+  /// The other threads of the party's process (PartyWait::candidates), those first that are awake or stand
+  /// still in the kernel; not all of a large process.
+  std::vector<WaitHolder> othersThan(const WaitParty& party);
+
+ private:
+  std::map<pid_t, std::vector<pid_t>> byProcess_;
+};
 
 }  // namespace kelvane

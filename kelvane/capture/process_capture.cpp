@@ -12,6 +12,7 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/capture/kernel_frames.h"
+#include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/wait_look.h"
 #include "kelvane/sampling/sampler.h"
 #include "kelvane/threads/read_memory_map.h"
@@ -99,6 +100,7 @@ class Look {
         break;
       }
       auto facts = readThreadFacts(dir_.get(), tid, last.omissions);
+      if (facts && tid == hungThread_ && facts->state == 'R') lookForSleep(*facts, last.omissions);
       if (!facts) continue;
       ProcessCapture part;
       part.threads.push_back({*facts, {}, {}});
@@ -106,6 +108,25 @@ class Look {
       facts_.push_back(std::move(*facts));
     }
     publish_(last);
+  }
+
+  /// Whoever sleeps again and again, each time for a moment, is seen asleep if that is what it mostly does.
+  void lookForSleep(ThreadFacts& facts, std::vector<Omission>& omissions) const {
+    const uint64_t begunNs = monotonicNs();
+    const uint64_t ranBeforeNs = ranNs(facts.tid);
+    for (int more = 0; ranBeforeNs > 0 && more < kMoreLooks; more++) {
+      std::this_thread::sleep_for(kBetweenLooks);
+      auto again = readThreadFacts(dir_.get(), facts.tid, omissions);
+      if (!again) return;
+      if (again->state == 'R') continue;
+      if ((ranNs(facts.tid) - ranBeforeNs) * 2 < monotonicNs() - begunNs) facts = std::move(*again);
+      return;
+    }
+  }
+
+  uint64_t ranNs(pid_t tid) const {
+    const FileText text = readFileAt(dir_.get(), taskPath(tid, "schedstat").c_str(), kMaxProcFileBytes);
+    return parseSchedstat(text.text).value_or(ScheduleFigures{}).ranNs;
   }
 
   void takeStacks() {

@@ -51,11 +51,11 @@ class Looker final : public WaitSource {
     const int dir = dirOf(party.pid);
     if (dir < 0) return std::nullopt;
     auto wait = tracerWait(party);
-    if (!wait) wait = futexWait(dir, party);
+    if (!wait) wait = futexWait(dir, party, threads_);
     if (!wait) wait = childWait(party);
     if (!wait) wait = fileLockWait(dir, party, index_);
     if (!wait) wait = serverWait(dir, party, index_);
-    if (!wait) wait = descriptorWait(dir, party, waitingFor(party), index_, omissions_);
+    if (!wait) wait = descriptorWait(dir, party, waitingFor(party), index_, threads_, omissions_);
     if (!wait) wait = retriedWait(dir, party);
     if (wait) waits_.push_back(*wait);
     return wait;
@@ -71,7 +71,7 @@ class Looker final : public WaitSource {
     for (const WaitParty& party : parties_) before.push_back(momentOf(party));
     pause(kWatchTime);
     // Who shares a CPU with many has to wait for its turn.
-    for (int more = 0; more < kMoreWatches && !deadline_.passed() && hasSeenNoRun(before); more++)
+    for (int more = 0; more < kMoreWatches && !deadline_.passed() && isTooEarly(before); more++)
       pause(kWatchTime);
     ProcessCapture part;
     for (size_t i = 0; i < parties_.size(); i++) {
@@ -147,12 +147,15 @@ class Looker final : public WaitSource {
     return watch;
   }
 
-  /// Whether somebody is ready to run and hasn't since.
-  bool hasSeenNoRun(const std::vector<Moment>& before) const {
+  /// Whether somebody is ready to run and hasn't since, or may be held back by its control group, which the
+  /// kernel counts when it lets that go on again.
+  bool isTooEarly(const std::vector<Moment>& before) const {
     for (size_t i = 0; i < parties_.size(); i++) {
       if (!before[i].facts || before[i].facts->state != 'R') continue;
-      const auto now = readSurroundings(parties_[i].pid, parties_[i].facts.tid).schedule;
-      if (now && now->ranNs == before[i].ranNs()) return true;
+      const Surroundings now = readSurroundings(parties_[i].pid, parties_[i].facts.tid);
+      const uint64_t throttledNs = now.limits.quota ? now.limits.quota->throttledNs : 0;
+      if (now.schedule && now.schedule->ranNs == before[i].ranNs()) return true;
+      if (throttledNs > 0 && throttledNs == before[i].throttledNs()) return true;
     }
     return false;
   }
@@ -187,6 +190,7 @@ class Looker final : public WaitSource {
   const PublishCapture& publish_;
   std::map<pid_t, UniqueFd> dirs_;  // each stays bound to the process that it was opened for
   DescriptorIndex index_;
+  ThreadLists threads_;
   std::vector<WaitParty> parties_;
   std::vector<PartyWait> waits_;
   std::vector<Omission> omissions_;

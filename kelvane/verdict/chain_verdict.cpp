@@ -100,6 +100,9 @@ void addRecorded(const Evidence& evidence, ChainVerdict& verdict) {
   const uint64_t awakeNs = in(ThreadState::running) + in(ThreadState::runnable);
   if (!isMost(awakeNs, knownNs)) return;
   verdict.end = isMost(in(ThreadState::runnable), awakeNs) ? ChainEnd::starved : ChainEnd::computed;
+  if (verdict.end != ChainEnd::starved) return;
+  // Whoever ran then did not keep it from running.
+  if (verdict.chain.links.back().watch.value_or(PartyWatch{}).throttled) verdict.end = ChainEnd::throttled;
   if (verdict.end == ChainEnd::starved) verdict.ranInstead = competitor(evidence, spans, facts.tid);
 }
 

@@ -96,6 +96,20 @@ Competitors competitorsOf(const Evidence& evidence, const TimeByThread& times) {
   return most;
 }
 
+/// Of processes of the group that hardly anybody else would call busy, their first threads alone are known.
+Competitors sharersOf(const Evidence& evidence, const GroupLimits::Quota& quota, const TimeByThread& running,
+                      const std::vector<BusyThread>& busiest) {
+  TimeByThread ofMembers;
+  for (const pid_t pid : quota.members) {
+    if (pid == evidence.process.pid) continue;
+    if (const auto ran = running.find(pid); ran != running.end()) ofMembers[pid] = ran->second;
+    for (const BusyThread& busy : busiest) {
+      if (busy.thread.pid == pid) ofMembers[busy.thread.tid] = busy.runningNs;
+    }
+  }
+  return competitorsOf(evidence, ofMembers);
+}
+
 /// Who else had CPUs: in all, and while the hung thread was ready to run on them.
 void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Findings& findings) {
   std::vector<const StateSpan*> runnable;
@@ -121,6 +135,8 @@ void addOthers(const Evidence& evidence, const std::vector<StateSpan>& spans, Fi
   });
   findings.busiest = busiestOf(evidence, running, kMaxListed);
   findings.competitors = competitorsOf(evidence, competing);
+  if (evidence.after.limits.quota)
+    findings.sharers = sharersOf(evidence, *evidence.after.limits.quota, running, findings.busiest);
 }
 
 /// Where the thread waits at the recording's end, as far as the look tells.

@@ -51,6 +51,7 @@ struct Findings {
   uint64_t suspendNs = 0;        // the machine went into suspend or came back
   std::optional<Rivals> rivals;  // without a recording, who had the thread's CPU after the look
   Competitors competitors;       // those who most of all kept the thread from running
+  Competitors sharers;           // those who most of all used up its group's CPU time
   uint64_t idleRunnableNs = 0;   // the CPU idled although the thread was ready to run on it
   std::optional<RecordedEvent> stopSignal;  // the last one before the look that stops a process
   std::optional<NamedThread> stopSender;

@@ -12,8 +12,9 @@
 namespace kelvane {
 namespace {
 
-/// Of the time that it was watched, a busy thread had a CPU for this share, or was ready to run and had none.
-constexpr double kBusyShare = 0.25;
+/// What a busy thread had of a CPU at least, while it was watched, without going to sleep in between: longer
+/// than it takes to see to a job.
+constexpr uint64_t kBusyNs = 2'000'000;
 
 /// Of the candidates, and of the hung process's threads if they are of that.
 std::optional<WaitHolder> endedBefore(const Evidence& evidence, const PartyWait& wait) {
@@ -48,11 +49,8 @@ bool isBusy(const WaitGraph& graph, pid_t tid) {
   const PartyWatch* watch = watchOf(graph, tid);
   const PartyWait* wait = waitOf(graph, tid);
   switch (party->facts.state) {
-    case 'R': {
-      const bool hasWaited = watch && !watch->moved && watch->ranNs == 0;
-      return watch && (hasWaited || static_cast<double>(watch->ranNs) >=
-                                        kBusyShare * static_cast<double>(watch->watchedNs));
-    }
+    case 'R':
+      return watch && !watch->moved && watch->ranNs >= kBusyNs;
     case 'D':
     case 'T':
     case 't':
@@ -80,6 +78,8 @@ std::optional<WaitHolder> standsOut(const WaitGraph& graph, const PartyWait& wai
     only.evidence = "the process has no other thread";
     return only;
   }
+  // At a pipe the idle wait for work, too.
+  if (wait.kind == WaitKind::peer) return std::nullopt;
   std::optional<WaitHolder> found;
   for (const WaitHolder& candidate : wait.candidates) {
     if (!isBusy(graph, candidate.tid)) continue;

@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <string_view>
 
 #include "kelvane/verdict/chain_sentence.h"
@@ -243,25 +242,15 @@ class Sentence {
     if (!quota) return text + "had used up its CPU time";
     const std::string most = quota->cpus < 1 ? percentOf(std::llround(quota->cpus * 1000), 1000) + " of a CPU"
                                              : decimal(quota->cpus) + (quota->cpus == 1 ? " CPU" : " CPUs");
-    return text + quota->group + " may use no more than " + most + sharersText(*quota);
+    return text + quota->group + " may use no more than " + most + sharersText();
   }
 
   /// Who else had much of the time that the group was given.
-  std::string sharersText(const GroupLimits::Quota& quota) const {
-    std::map<std::string_view, Competitors> byName;
-    Competitors most;
-    for (const BusyThread& busy : verdict_.busiest) {
-      const pid_t pid = busy.thread.pid;
-      const bool shares = std::find(quota.members.begin(), quota.members.end(), pid) != quota.members.end();
-      if (!shares || pid == process_.pid) continue;
-      Competitors& group = byName[busy.thread.name];
-      if (group.count++ == 0) group.busiest = busy.thread;  // they come busiest first
-      group.runningNs += busy.runningNs;
-      if (group.runningNs > most.runningNs) most = group;
-    }
-    if (most.runningNs <= findings_.in(ThreadState::running)) return {};
-    return ", which it shares with others: " + competitorsText(most) + " ran for " +
-           durationText(most.runningNs);
+  std::string sharersText() const {
+    const Competitors& sharers = findings_.sharers;
+    if (sharers.runningNs <= findings_.in(ThreadState::running)) return {};
+    return ", which it shares with others: " + competitorsText(sharers) + " ran for " +
+           durationText(sharers.runningNs);
   }
 
   std::string heldBackText() const {

@@ -95,6 +95,9 @@ TEST(ChainVerdict, GuessesWhoIsToEndAWaitThatNobodyOwns) {
   EXPECT_EQ(machine.verdict().cause, Cause::sleeping);
   machine.watched(kLogger, 40, 30);
   expectSays(machine.verdict(), Cause::lock, "probably because thread 'logger' (102) was computing: ");
+  machine.waitsForSignal(kApp, {kWorker, kLogger}, WaitKind::peer);
+  expectSays(machine.verdict(), Cause::peer, "who keeps it from going on can't be told");
+  machine.waitsForSignal(kApp, {kWorker, kLogger});
   machine.waits(kWorker, WaitKind::lock, kHog);
   EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "two are held up by something";
 }
