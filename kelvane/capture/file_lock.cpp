@@ -45,9 +45,9 @@ struct LockedFile {
 };
 
 /// The file that the call works on.
-LockedFile fileOf(int processDir, const WaitParty& party) {
-  const auto fd = static_cast<int>(party.facts.syscall->arguments[0]);
-  return {parseStatusNumber(fdinfo("/proc/" + std::to_string(party.pid), fd), "ino"),
+LockedFile fileOf(int processDir, pid_t pid, const SystemCall& call) {
+  const auto fd = static_cast<int>(call.arguments[0]);
+  return {parseStatusNumber(fdinfo("/proc/" + std::to_string(pid), fd), "ino"),
           descriptorLink(processDir, "fd/" + std::to_string(fd))};
 }
 
@@ -98,7 +98,7 @@ std::vector<FileLock> parseFileLocks(std::string_view text) {
 
 std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, DescriptorIndex& index) {
   if (!party.facts.syscall || !isLockCall(*party.facts.syscall)) return std::nullopt;
-  const LockedFile file = fileOf(processDir, party);
+  const LockedFile file = fileOf(processDir, party.pid, *party.facts.syscall);
   PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
   const auto locks = currentLocks();
   const auto blocked = std::find_if(locks.begin(), locks.end(), [&](const FileLock& lock) {
@@ -112,11 +112,11 @@ std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, De
 }
 
 std::optional<PartyWait> fileLockTry(int processDir, const WaitParty& party, DescriptorIndex& index) {
-  if (party.facts.syscall->number != SYS_fcntl && party.facts.syscall->number != SYS_flock)
-    return std::nullopt;
-  const LockedFile file = fileOf(processDir, party);
+  const SystemCall call = party.facts.syscall.value_or(SystemCall{});
+  const bool isFlock = call.number == SYS_flock;
+  if (!isFlock && call.number != SYS_fcntl) return std::nullopt;
+  const LockedFile file = fileOf(processDir, party.pid, call);
   PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
-  const bool isFlock = party.facts.syscall->number == SYS_flock;
   for (const FileLock& lock : currentLocks()) {
     if (!lock.waits && lock.inode == file.inode && lock.isFlock == isFlock)
       addHolders(wait, lock, file, party.pid, index);

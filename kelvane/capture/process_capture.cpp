@@ -226,9 +226,10 @@ class Look {
     other.thread.noStack = "it has none, or it may not be looked at";
     if (!map.modules.empty()) {
       auto outcomes = copyStacks(dir.get(), party.pid, std::span(&party.facts.tid, 1), 0, deadline_);
-      if (!outcomes.empty()) other.thread.noStack = outcomes.front().failure;
-      if (!outcomes.empty() && outcomes.front().copy)
-        stacks.looks.push_back({party.facts.tid, std::move(*outcomes.front().copy)});
+      for (StackOutcome& outcome : outcomes) {
+        other.thread.noStack = outcome.failure;
+        if (outcome.copy) stacks.looks.push_back({outcome.tid, std::move(*outcome.copy)});
+      }
     }
     publish_(part);
     if (!stacks.looks.empty()) parse_(number, {party.pid, dir.get(), map.modules, stacks}, deadline_);

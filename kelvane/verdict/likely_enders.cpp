@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "kelvane/timeline/thread_timeline.h"
-#include "kelvane/waits/wait_chain.h"
 
 namespace kelvane {
 namespace {
