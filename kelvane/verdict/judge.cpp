@@ -177,12 +177,13 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
     return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
   }
   if (findings.faultedAtLook && findings.memoryLimitHit) return Cause::memory;
+  // What the kernel computes to fetch pages is no computing of the thread's own.
+  const ThreadFacts& facts = findings.thread->facts;
+  if (findings.faultedAtLook && facts.systemMs > facts.userMs) return Cause::disk;
   const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
   const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
   const bool isSame = before && evidence.before.thread == evidence.after.thread;
-  // It waited: for whatever it still waits for again and again.
-  if (!mayHaveRun && findings.faultedAtLook) return Cause::disk;
   if (!mayHaveRun || !isSame) return Cause::unknown;
   return after->waitedNs - before->waitedNs > after->ranNs - before->ranNs ? Cause::starved : Cause::ownCpu;
 }

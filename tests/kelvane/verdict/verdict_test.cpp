@@ -364,8 +364,14 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
              "was awake at the look, but has not been in its life for half as long");
   machine.before.thread = machine.after.thread = kApp;
   machine.after.majorFaults = 200;
+  machine.look().systemMs = 10'000;
   expectSays(machine.verdict(), Cause::disk,
              "had pages read in again and again, from a disk unless they lay elsewhere.");
+  lives(9'000, 300, 40, 0);
+  machine.look().systemMs = 10'000;
+  EXPECT_EQ(machine.verdict().cause, Cause::disk) << "most of that was the kernel's time";
+  machine.look().systemMs = 0;
+  EXPECT_EQ(machine.verdict().cause, Cause::ownCpu);
   machine.before.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 10, 10};
   machine.after.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 11, 900};
   lives(9'000, 300, 40, 0);
