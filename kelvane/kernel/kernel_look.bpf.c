@@ -6,23 +6,7 @@
 // running kernel's type information (CO-RE). Direct reads of kernel memory can't fault: a pointer that has
 // gone stale reads as 0.
 
-typedef signed char __s8;
-typedef unsigned char __u8;
-typedef short __s16;
-typedef unsigned short __u16;
-typedef int __s32;
-typedef unsigned int __u32;
-typedef long long __s64;
-typedef unsigned long long __u64;
-typedef __u16 __be16;
-typedef __u32 __be32;
-typedef __u32 __wsum;
-
-enum bpf_map_type { BPF_MAP_TYPE_ARRAY = 2 };
-
-#include <bpf/bpf_core_read.h>
-#include <bpf/bpf_helpers.h>
-
+#include "bpf_base/program.h"
 #include "kelvane/kernel/addresses_asked.h"
 #include "kelvane/kernel/unix_socket_ends.h"
 
