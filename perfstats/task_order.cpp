@@ -1,43 +1,18 @@
 #include "perfstats/task_order.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 #include <vector>
+
+#include "platform/record_order.h"
 
 namespace quorveld {
 
 namespace {
 
-/// What one entry is sorted by, and where the entry stands.
-struct SortKey {
-  uint32_t key;
-  uint32_t index;
-};
-
-constexpr unsigned kDigitBits = 11;
-constexpr size_t kDigits = size_t{1} << kDigitBits;
-
-uint32_t digit(const SortKey& element, unsigned shift) {
-  return element.key >> shift & (kDigits - 1);
-}
-
-/// Radix sort by key, ascending; digits that all keys share cost no pass.
-void radixSort(std::vector<SortKey>& keys) {
-  std::vector<SortKey> sorted(keys.size());
-  for (unsigned shift = 0; shift < 32; shift += kDigitBits) {
-    std::array<uint32_t, kDigits> place{};
-    for (const SortKey& element : keys) ++place[digit(element, shift)];
-    if (place[digit(keys.front(), shift)] == keys.size()) continue;
-    uint32_t next = 0;
-    for (uint32_t& count : place) next += std::exchange(count, next);
-    for (const SortKey& element : keys) sorted[place[digit(element, shift)]++] = element;
-    keys.swap(sorted);
-  }
-}
+using platform::SortKey;
 
 bool standsAfter(const SortKey& a, const SortKey& b) {
   return static_cast<int32_t>(b.key - a.key) > 0;
@@ -69,29 +44,19 @@ void mergeSort(std::vector<SortKey>& keys) {
   }
 }
 
-/// Copies an entry in words of a vector register: compilers turn a plain assignment of this size into a
-/// string instruction that takes three times as long.
-void copyTask(task_statistics& to, const task_statistics& from) {
-  constexpr size_t kWordBytes = 16;
-  static_assert(sizeof to % kWordBytes == 0);
-  auto* target = reinterpret_cast<std::byte*>(&to);
-  const auto* source = reinterpret_cast<const std::byte*>(&from);
-  for (size_t at = 0; at < sizeof to; at += kWordBytes) std::memcpy(target + at, source + at, kWordBytes);
-}
-
 /// Brings the entries into the order of `keys`, moving each once; uses `keys` up.
 void permute(std::span<task_statistics> tasks, std::vector<SortKey>& keys) {
   for (uint32_t place = 0; place < tasks.size(); ++place) {
     if (keys[place].index == place) continue;
     task_statistics displaced;
-    copyTask(displaced, tasks[place]);
+    platform::copyRecord(displaced, tasks[place]);
     uint32_t hole = place;
     while (keys[hole].index != place) {
       const uint32_t from = std::exchange(keys[hole].index, hole);
-      copyTask(tasks[hole], tasks[from]);
+      platform::copyRecord(tasks[hole], tasks[from]);
       hole = from;
     }
-    copyTask(tasks[hole], displaced);
+    platform::copyRecord(tasks[hole], displaced);
     keys[hole].index = hole;
   }
 }
@@ -110,7 +75,7 @@ void sortByPid(std::span<task_statistics> tasks) {
   // With the sign bit flipped, unsigned keys are in the order of the signed pids.
   std::vector<SortKey> keys = sortKeys(
       tasks, [](const task_statistics& task) { return static_cast<uint32_t>(task.pid) ^ 0x80000000u; });
-  radixSort(keys);
+  platform::sortByKey(keys);
   permute(tasks, keys);
 }
 

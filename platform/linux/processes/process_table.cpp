@@ -35,7 +35,7 @@ class LinuxProcessTable final : public platform::ProcessTable {
   int usage(int32_t pid, platform::rusage_info_v3* usage) override {
     const ProcessRecord* record = findRecord(*records_, pid, cursor_);
     if (!record) return ESRCH;
-    *usage = usageOf(*record, pageSizeBytes_);
+    setUsage(*usage, *record, pageSizeBytes_);
     return 0;
   }
 

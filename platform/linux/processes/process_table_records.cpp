@@ -1,14 +1,19 @@
 #include "platform/linux/processes/process_table_records.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <numeric>
 #include <tuple>
 
+#include "platform/record_order.h"
+
 namespace quorveld::linux_platform {
 
 namespace {
+
+using platform::SortKey;
 
 /// Nanoseconds in ticks of the 24 MHz clock.
 constexpr uint64_t ticks(uint64_t ns) {
@@ -16,13 +21,10 @@ constexpr uint64_t ticks(uint64_t ns) {
 }
 
 /// Indices into `samples` that put them in ascending order of pid.
-std::vector<uint64_t> orderByPid(std::span<const process_sample> samples) {
-  std::vector<uint64_t> keys(samples.size());  // pid above, index below: sorts as one integer
-  for (size_t i = 0; i < samples.size(); ++i) {
-    keys[i] = static_cast<uint64_t>(static_cast<uint32_t>(samples[i].pid)) << 32 | i;
-  }
-  if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
-  for (uint64_t& key : keys) key &= UINT32_MAX;
+std::vector<SortKey> orderByPid(std::span<const process_sample> samples) {
+  std::vector<SortKey> keys(samples.size());
+  for (uint32_t i = 0; i < keys.size(); ++i) keys[i] = {static_cast<uint32_t>(samples[i].pid), i};
+  if (!std::ranges::is_sorted(keys, {}, &SortKey::key)) platform::sortByKey(keys);
   return keys;
 }
 
@@ -50,27 +52,31 @@ void addPart(process_sample& whole, const process_sample& part) {
   for (int i = 0; i < kQosClassCount; ++i) whole.class_runtime_ns[i] += part.class_runtime_ns[i];
 }
 
+bool isOlder(const process_sample& one, const process_sample& other) {
+  return std::tuple(static_cast<int64_t>(one.start_ns), one.pid) <
+         std::tuple(static_cast<int64_t>(other.start_ns), other.pid);
+}
+
 /// Leaves the footprint of processes that run in one memory (clone(2) with CLONE_VM, vfork(2)) to the oldest
 /// of them: ending another gives nothing back.
 void countMemoryOnce(ProcessRecords& records) {
-  struct Owner {
-    uint64_t memory;
-    int64_t startNs;
-    ProcessRecord* record;
-  };
-  std::vector<Owner> owners;
-  owners.reserve(records.size());
-  for (ProcessRecord& record : records) {
-    const process_sample& sample = record.sample;
+  constexpr uint32_t kNobody = UINT32_MAX;
+  constexpr uint64_t kSpread = 0x9E3779B97F4A7C15;  // addresses differ in their middle bits
+  const int bits = std::bit_width(records.size()) + 1;
+  std::vector<uint32_t> owners(size_t{1} << bits, kNobody);  // a hash table, at most half full
+  for (uint32_t i = 0; i < records.size(); ++i) {
+    process_sample& sample = records[i].sample;
     if (sample.memory == 0) continue;
-    owners.push_back({sample.memory, static_cast<int64_t>(sample.start_ns), &record});
-  }
-  std::sort(owners.begin(), owners.end(), [](const Owner& left, const Owner& right) {
-    return std::tie(left.memory, left.startNs, left.record->sample.pid) <
-           std::tie(right.memory, right.startNs, right.record->sample.pid);
-  });
-  for (size_t i = 1; i < owners.size(); ++i) {
-    if (owners[i].memory == owners[i - 1].memory) owners[i].record->sample.footprint_pages = 0;
+    size_t place = sample.memory * kSpread >> (64 - bits);
+    while (owners[place] != kNobody && records[owners[place]].sample.memory != sample.memory)
+      place = (place + 1) % owners.size();
+    if (owners[place] == kNobody) {
+      owners[place] = i;
+      continue;
+    }
+    process_sample& other = records[owners[place]].sample;
+    if (isOlder(sample, other)) owners[place] = i;
+    (isOlder(sample, other) ? other : sample).footprint_pages = 0;
   }
 }
 
@@ -146,15 +152,15 @@ void addSpentByClass(ProcessRecord& record, const ProcessRecord* before) {
 }  // namespace
 
 ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessRecords& before) {
-  const std::vector<uint64_t> order = orderByPid(samples);
+  const std::vector<SortKey> order = orderByPid(samples);
   ProcessRecords records;
   records.reserve(samples.size());
   auto old = before.begin();
   for (size_t i = 0; i < order.size();) {
-    ProcessRecord& record = records.emplace_back(ProcessRecord{samples[order[i]], 0, 0, {}});
+    ProcessRecord& record = records.emplace_back(samples[order[i].index]);
     process_sample& sample = record.sample;
-    for (++i; i < order.size() && samples[order[i]].pid == sample.pid; ++i)
-      addPart(sample, samples[order[i]]);
+    for (++i; i < order.size() && samples[order[i].index].pid == sample.pid; ++i)
+      addPart(sample, samples[order[i].index]);
     if (!(sample.flags & kSampleHasLeader)) {
       records.pop_back();
       continue;
@@ -187,9 +193,10 @@ const ProcessRecord* findRecord(const ProcessRecords& records, int32_t pid, size
   return &*found;
 }
 
-platform::rusage_info_v3 usageOf(const ProcessRecord& record, uint64_t pageSizeBytes) {
+void setUsage(platform::rusage_info_v3& usage, const ProcessRecord& record, uint64_t pageSizeBytes) {
+  static constexpr platform::rusage_info_v3 kNotCounted{};
   const process_sample& s = record.sample;
-  platform::rusage_info_v3 usage{};
+  platform::copyRecord(usage, kNotCounted);
   usage.user_time = ticks(record.userNs);
   usage.system_time = ticks(record.systemNs);
   usage.pageins = s.major_faults;
@@ -210,7 +217,6 @@ platform::rusage_info_v3 usageOf(const ProcessRecord& record, uint64_t pageSizeB
   usage.cpu_time_qos_legacy = ticks(record.classNs[kQosLegacy]);
   usage.cpu_time_qos_user_initiated = ticks(record.classNs[kQosUserInitiated]);
   usage.cpu_time_qos_user_interactive = ticks(record.classNs[kQosUserInteractive]);
-  return usage;
 }
 
 }  // namespace quorveld::linux_platform

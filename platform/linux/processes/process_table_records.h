@@ -7,15 +7,18 @@
 
 #include "platform/linux/processes/process_table_sample.h"
 #include "platform/process_table.h"
+#include "platform/record_order.h"
 
 namespace quorveld::linux_platform {
 
 /// One process as of one look.
 struct ProcessRecord {
+  explicit ProcessRecord(const process_sample& from) { platform::copyRecord(sample, from); }
+
   process_sample sample;  ///< whole; no counter in it is below the one of the look before
-  uint64_t userNs;        ///< CPU times as proc(5) shows them
-  uint64_t systemNs;
-  std::array<uint64_t, kQosClassCount> classNs;  ///< their sum, split by class
+  uint64_t userNs = 0;    ///< CPU times as proc(5) shows them
+  uint64_t systemNs = 0;
+  std::array<uint64_t, kQosClassCount> classNs{};  ///< their sum, split by class
 };
 
 /// Ascending by pid, each pid once.
@@ -33,7 +36,7 @@ ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessR
 /// what was found, so that asking in ascending order costs nothing.
 const ProcessRecord* findRecord(const ProcessRecords& records, int32_t pid, size_t& cursor);
 
-/// The record in the units of platform/process_table.h.
-platform::rusage_info_v3 usageOf(const ProcessRecord& record, uint64_t pageSizeBytes);
+/// Fills `usage` with the record in the units of platform/process_table.h.
+void setUsage(platform::rusage_info_v3& usage, const ProcessRecord& record, uint64_t pageSizeBytes);
 
 }  // namespace quorveld::linux_platform

@@ -192,15 +192,13 @@ static __always_inline void add_memory(struct process_sample* sample, struct mm_
   sample->resident_pages =
       positive(pages[kFilePages]) + positive(pages[kAnonymousPages]) + positive(pages[kSharedPages]);
   __s64 huge_pages = 0;
-  if (bpf_core_field_exists(mm->hugetlb_usage)) {
-    bpf_probe_read_kernel(&huge_pages, sizeof(huge_pages), &mm->hugetlb_usage);
-  }
+  if (bpf_core_field_exists(mm->hugetlb_usage.counter)) huge_pages = mm->hugetlb_usage.counter;
   sample->footprint_pages =
       positive(pages[kAnonymousPages]) + positive(pages[kSwapEntries]) + positive(huge_pages);
   sample->locked_pages = mm->locked_vm;
-  sample->memory = address_of(mm);
+  sample->memory = (__u64)mm;
   // A fork takes the open program file over; who starts a program opens it anew.
-  sample->program = address_of(mm->exe_file);
+  sample->program = (__u64)mm->exe_file;
   sample->flags |= kSampleHasMemory;
 }
 
