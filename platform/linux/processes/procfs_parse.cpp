@@ -62,7 +62,9 @@ std::optional<ProcfsStat> parseStat(std::string_view text) {
   stat.comm = text.substr(open + 1, close - open - 1);
 
   std::string_view rest = text.substr(close + 1);
-  skipFields(rest, 6);  // 3 state to 8 tpgid
+  const std::string_view state = takeField(rest);
+  stat.state = state.empty() ? '\0' : state.front();
+  skipFields(rest, 5);  // 4 ppid to 8 tpgid
   bool whole = takeNumber(rest, stat.flags);
   skipFields(rest, 2);  // 10 minflt, 11 cminflt
   whole = whole && takeNumber(rest, stat.majorFaults) && takeNumber(rest, stat.childMajorFaults) &&

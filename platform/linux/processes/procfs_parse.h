@@ -9,6 +9,7 @@ namespace quorveld::linux_platform {
 /// What is used of proc(5) `stat`, of a process or of one thread. Times in clock ticks.
 struct ProcfsStat {
   std::string_view comm;  ///< raw; points into the text
+  char state;             ///< 'R' while it is on a CPU or waits for one
   uint64_t flags;         ///< the kernel's PF_ bits
   uint64_t majorFaults;
   uint64_t childMajorFaults;

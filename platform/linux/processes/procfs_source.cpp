@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/base/linux_log.h"
@@ -31,34 +33,79 @@ bool inOneMemory(const process_sample& one, const process_sample& other) {
 
 /// Reads stat, status and io of each process; of the threads only where there are several and CPU was spent,
 /// since nothing else depends on them.
+///
+/// Most processes sleep from one look to the next. Of one that has not run, as its only thread's schedstat
+/// tells, no counter has changed, and its memory only if that shows in statm: the two cost a third of the
+/// others, and where they read as before, so does the sample.
 class ProcfsSource final : public ProcessSource {
  public:
   const char* name() const override { return "procfs"; }
   bool usable() const { return static_cast<bool>(proc_); }
 
   std::span<const process_sample> read(const ProcessRecords& before) override {
-    samples_.clear();
-    size_t cursor = 0;
+    std::swap(now_, last_);
+    now_.samples.clear();
+    now_.marks.clear();
+    size_t cursor = 0, lastCursor = 0;
     proc_.forEachNumber([&](int32_t pid) {
+      const size_t last = last_.find(pid, lastCursor);
+      const uint64_t lastMark = last == kNowhere ? kNoMark : last_.marks[last];
+      uint64_t mark = lastMark == kThreads ? kThreads : markOf(pid);
       process_sample sample{};
       sample.pid = pid;
-      if (readProcess(sample, before, cursor)) samples_.push_back(sample);
+      if (mark == lastMark && mark > kThreads) {
+        sample = last_.samples[last];
+      } else if (!readProcess(sample, before, cursor, mark)) {
+        return;
+      }
+      now_.samples.push_back(sample);
+      now_.marks.push_back(mark);
     });
     findSharedMemory();
-    return samples_;
+    return now_.samples;
   }
 
  private:
+  static constexpr size_t kNowhere = SIZE_MAX;
+  /// Marks of samples that are read anew whatever schedstat and statm say: of those that this once said too
+  /// little of, and of processes that had several threads, of which schedstat tells the first one's alone.
+  enum : uint64_t { kNoMark, kThreads };
+
+  /// Ascending by pid.
+  struct Pass {
+    std::vector<process_sample> samples;
+    std::vector<uint64_t> marks;  ///< one for each sample: what schedstat and statm said when it was read
+
+    /// Where the sample of `pid` is; for ascending pids, with the same cursor.
+    size_t find(int32_t pid, size_t& cursor) const {
+      while (cursor < samples.size() && samples[cursor].pid < pid) ++cursor;
+      return cursor < samples.size() && samples[cursor].pid == pid ? cursor : kNowhere;
+    }
+  };
+
+  /// Comes before all else that is read of the process: who runs meanwhile is read anew the next time.
+  uint64_t markOf(int32_t pid) {
+    const std::string_view schedstat = readFileOf(pid, "schedstat");
+    if (parseSchedstat(schedstat) == 0) return kNoMark;  // a kernel that doesn't count there
+    const uint64_t ran = std::hash<std::string_view>{}(schedstat);
+    const uint64_t mark = std::rotl(ran, 1) ^ std::hash<std::string_view>{}(readFileOf(pid, "statm"));
+    return std::max<uint64_t>(mark, kThreads + 1);
+  }
+
   std::string_view readFileOf(int32_t pid, const char* file) {
     char path[kPathBytes];
     std::snprintf(path, sizeof(path), "%d/%s", pid, file);
     return proc_.read(path);
   }
 
-  /// False when the process has gone in between.
-  bool readProcess(process_sample& sample, const ProcessRecords& before, size_t& cursor) {
+  /// False when the process has gone in between. `mark` becomes one without meaning when it can't tell
+  /// whether the process changes.
+  bool readProcess(process_sample& sample, const ProcessRecords& before, size_t& cursor, uint64_t& mark) {
     const std::optional<ProcfsStat> stat = parseStat(readFileOf(sample.pid, "stat"));
     if (!stat) return false;
+    // The run time of one that stays on its CPU is counted at ticks, of which there may be one a second.
+    if (stat->state == 'R' || mark == kThreads) mark = kNoMark;
+    if (stat->threadCount > 1) mark = kThreads;
     setFromStat(sample, *stat);
 
     const ProcessRecord* last = findRecord(before, sample.pid, cursor);
@@ -162,12 +209,15 @@ class ProcfsSource final : public ProcessSource {
   }
 
   static uint64_t programOf(int32_t pid) {
-    char path[kPathBytes];
-    std::snprintf(path, sizeof(path), "/proc/%d/exe", pid);
+    char link[kPathBytes];
+    std::snprintf(link, sizeof(link), "/proc/%d/exe", pid);
     std::array<char, 4096> program;
-    const ssize_t length = readlink(path, program.data(), program.size());
+    const ssize_t length = readlink(link, program.data(), program.size());
     if (length <= 0) return 0;
-    return std::hash<std::string_view>{}({program.data(), static_cast<size_t>(length)}) | 1;
+    std::string_view path(program.data(), static_cast<size_t>(length));
+    constexpr std::string_view kGone = " (deleted)";  // since; one of its forks may not have been asked again
+    if (path.ends_with(kGone)) path.remove_suffix(kGone.size());
+    return std::hash<std::string_view>{}(path) | 1;
   }
 
   /// The kernel tells this of two processes alone: asked are those of one program that look alike.
@@ -175,19 +225,23 @@ class ProcfsSource final : public ProcessSource {
     const auto look = [](const process_sample& sample) {
       return std::tie(sample.program, sample.resident_pages, sample.footprint_pages);
     };
-    std::vector<process_sample*> alike;
-    for (process_sample& sample : samples_) {
-      if (sample.program != 0 && sample.footprint_pages != 0) alike.push_back(&sample);
+    std::vector<size_t> alike;
+    for (size_t i = 0; i < now_.samples.size(); ++i) {
+      process_sample& sample = now_.samples[i];
+      sample.memory = 0;
+      if (sample.program != 0 && sample.footprint_pages != 0) alike.push_back(i);
     }
-    std::sort(alike.begin(), alike.end(), [&](const process_sample* left, const process_sample* right) {
-      return look(*left) < look(*right);
+    std::sort(alike.begin(), alike.end(), [&](size_t left, size_t right) {
+      return look(now_.samples[left]) < look(now_.samples[right]);
     });
     for (size_t i = 1; i < alike.size(); ++i) {
-      process_sample& sample = *alike[i];
-      process_sample& last = *alike[i - 1];
+      process_sample& sample = now_.samples[alike[i]];
+      process_sample& last = now_.samples[alike[i - 1]];
       if (look(sample) != look(last) || !inOneMemory(sample, last)) continue;
       if (last.memory == 0) last.memory = static_cast<uint64_t>(last.pid);
       sample.memory = last.memory;
+      // The other may change it.
+      now_.marks[alike[i]] = now_.marks[alike[i - 1]] = kNoMark;
     }
   }
 
@@ -216,7 +270,7 @@ class ProcfsSource final : public ProcessSource {
   bool saidIoRefused_ = false;
   enum class RuntimeFile { schedstat, sched, none };
   RuntimeFile runtimeFile_ = RuntimeFile::schedstat;  ///< that this kernel counts in
-  std::vector<process_sample> samples_;
+  Pass now_, last_;
 };
 
 }  // namespace

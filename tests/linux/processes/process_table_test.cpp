@@ -365,6 +365,30 @@ TEST_P(ProcessTable, SeesEveryProcessHoweverManyComeAndGo) {
   EXPECT_TRUE(after.contains(getpid()));
 }
 
+TEST_P(ProcessTable, SeesASleeperAgainWhateverHasBecomeOfItSinceTheLastLook) {
+  static const int file = memfd_create("held", MFD_CLOEXEC);
+  ASSERT_EQ(ftruncate(file, kHeldBytes), 0);
+  static volatile char* page =
+      static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  const ChildProcess sleeper(
+      {[] { page[0] = 1; }, [] { syscall(SYS_mlock, page, 4096); }, writeAndReadBack,
+       [] { std::thread([] { burn(1); }).join(); },
+       [] { mmap(nullptr, kHeldBytes, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0); }});
+  for (int i = 0; i < 5; ++i) {
+    look();
+    look();
+    sleeper.step();
+    expectAsInProc(sleeper.pid(), look(sleeper));
+  }
+  const rusage_info_v3 held = look(sleeper);
+  EXPECT_GE(held.resident_size, kHeldBytes);
+  EXPECT_GT(held.diskio_byteswritten, 0u);
+  ASSERT_EQ(ftruncate(file, 0), 0);  // it sleeps on
+  const rusage_info_v3 left = look(sleeper);
+  expectAsInProc(sleeper.pid(), left);
+  EXPECT_LE(left.resident_size, held.resident_size - kHeldBytes);
+}
+
 INSTANTIATE_TEST_SUITE_P(Every, ProcessTable, testing::Values(Way::taskWalk, Way::taskIterator, Way::procfs),
                          [](const auto& way) {
                            return std::string(way.param == Way::taskWalk       ? "TaskWalk"
