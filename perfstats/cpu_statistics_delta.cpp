@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
+#include <vector>
 
 #include "base/log.h"
 #include "perfstats/task_order.h"
+#include "platform/record_order.h"
 
 namespace quorveld {
 
@@ -33,78 +35,103 @@ bool isLaunchProxy(const char* name) {
   return std::strstr(name, "spawnhop") != nullptr;
 }
 
-void writeNew(const task_statistics& end, task_statistics& output) {
-  output = end;
-  output.state = kTaskNew;
-}
-
-void writeDead(const task_statistics& start, task_statistics& output) {
-  output.pid = start.pid;
-  std::memcpy(output.name, start.name, sizeof output.name);
-  output.state = kTaskDead;
-}
-
-void writePresent(const task_statistics& start, const task_statistics& end, task_statistics& output) {
-  const bool takeStartName = end.name[0] == '\0' && !isLaunchProxy(start.name);
-  if (takeStartName) {
-    quorvelLog().info(
-        "QVActivationStats: Got a valid process name for pid:%d in start snapshot %s. Using that\n",
-        start.pid, start.name);
-  }
-  output.pid = end.pid;
-  std::memcpy(output.name, takeStartName ? start.name : end.name, sizeof output.name);
-  output.state = kTaskPresent;
-  delta_task_rusage(start.rusage, end.rusage, &output.rusage, end.pid);
-}
-
 /// False when both readings tell when their process began, and differ: the pid is another's by now.
 bool beganTogether(const Rusage& start, const Rusage& end) {
   const uint64_t before = start.proc_start_abstime, now = end.proc_start_abstime;
   return before == 0 || now == 0 || before == now;
 }
 
-/// Merges two arrays sorted by pid into zeroed entries, by pid; how many it wrote.
-size_t merge(std::span<const task_statistics> start, std::span<const task_statistics> end,
-             task_statistics* output) {
-  size_t i = 0, j = 0, k = 0;
-  while (i < start.size() || j < end.size()) {
-    task_statistics& next = output[k++];
-    const bool startUsedUp = i == start.size(), endUsedUp = j == end.size();
-    if (startUsedUp || (!endUsedUp && end[j].pid < start[i].pid)) {
-      writeNew(end[j++], next);
-    } else if (endUsedUp || end[j].pid > start[i].pid) {
-      writeDead(start[i++], next);
-    } else {
-      writePresent(start[i++], end[j++], next);
-    }
-  }
-  return k;
-}
-
-}  // namespace
-
-void delta_task_rusage(const Rusage& start, const Rusage& end, Rusage* difference, int32_t pid) {
-  const bool sameProcess =
-      beganTogether(start, end) &&
+/// Whether both readings can be of one process; a line says so when they can't.
+bool areOfOneProcess(const Rusage& start, const Rusage& end, int32_t pid) {
+  if (beganTogether(start, end) &&
       noneFell<&Rusage::user_time, &Rusage::pageins, &Rusage::diskio_bytesread, &Rusage::diskio_byteswritten,
                &Rusage::cpu_time_qos_default, &Rusage::cpu_time_qos_background, &Rusage::cpu_time_qos_utility,
                &Rusage::cpu_time_qos_legacy, &Rusage::cpu_time_qos_user_initiated,
-               &Rusage::cpu_time_qos_user_interactive, &Rusage::cpu_time_qos_maintenance>(start, end);
-  if (!sameProcess) {
-    quorvelLog().standard(
-        " ******* QVActivationStats: Start values are greater than end values "
-        "for Pid:%d StartUserTime:%llu EndUserTime:%llu *******",
-        pid, static_cast<unsigned long long>(start.user_time),
-        static_cast<unsigned long long>(end.user_time));
-    *difference = end;
-    return;
+               &Rusage::cpu_time_qos_user_interactive, &Rusage::cpu_time_qos_maintenance>(start, end)) {
+    return true;
   }
+  quorvelLog().standard(
+      " ******* QVActivationStats: Start values are greater than end values "
+      "for Pid:%d StartUserTime:%llu EndUserTime:%llu *******",
+      pid, static_cast<unsigned long long>(start.user_time), static_cast<unsigned long long>(end.user_time));
+  return false;
+}
+
+void subtractUsage(const Rusage& start, const Rusage& end, Rusage& difference) {
   subtract<&Rusage::user_time, &Rusage::system_time, &Rusage::pageins, &Rusage::wired_size,
            &Rusage::resident_size, &Rusage::phys_footprint, &Rusage::diskio_bytesread,
            &Rusage::diskio_byteswritten, &Rusage::cpu_time_qos_default, &Rusage::cpu_time_qos_maintenance,
            &Rusage::cpu_time_qos_background, &Rusage::cpu_time_qos_utility, &Rusage::cpu_time_qos_legacy,
            &Rusage::cpu_time_qos_user_initiated, &Rusage::cpu_time_qos_user_interactive>(start, end,
-                                                                                         *difference);
+                                                                                         difference);
+}
+
+/// One pid in both looks.
+struct Pair {
+  const task_statistics* start;  ///< null: new
+  const task_statistics* end;    ///< null: dead
+  bool isOneProcess;             ///< of a pid that is in both
+
+  uint64_t userTime() const {
+    if (!end) return 0;
+    return isOneProcess ? end->rusage.user_time - start->rusage.user_time : end->rusage.user_time;
+  }
+};
+
+/// The pids of two arrays sorted by them, ascending.
+std::vector<Pair> pairsOf(std::span<const task_statistics> start, std::span<const task_statistics> end) {
+  std::vector<Pair> pairs;
+  pairs.reserve(start.size() + end.size());
+  auto before = start.begin();
+  auto now = end.begin();
+  while (before != start.end() || now != end.end()) {
+    if (before == start.end() || (now != end.end() && now->pid < before->pid)) {
+      pairs.push_back({nullptr, &*now++, false});
+    } else if (now == end.end() || now->pid > before->pid) {
+      pairs.push_back({&*before++, nullptr, false});
+    } else {
+      pairs.push_back({&*before, &*now, areOfOneProcess(before->rusage, now->rusage, now->pid)});
+      ++before, ++now;
+    }
+  }
+  return pairs;
+}
+
+/// The name of a pid that is in both looks.
+const char* nameOf(const Pair& pair) {
+  if (pair.end->name[0] != '\0' || isLaunchProxy(pair.start->name)) return pair.end->name;
+  quorvelLog().info(
+      "QVActivationStats: Got a valid process name for pid:%d in start snapshot %s. Using that\n",
+      pair.start->pid, pair.start->name);
+  return pair.start->name;
+}
+
+/// Fills a zeroed entry.
+void write(const Pair& pair, task_statistics& output) {
+  if (!pair.start) {
+    platform::copyRecord(output, *pair.end);
+    output.state = kTaskNew;
+    return;
+  }
+  output.pid = pair.start->pid;
+  output.state = pair.end ? kTaskPresent : kTaskDead;
+  std::memcpy(output.name, pair.end ? nameOf(pair) : pair.start->name, sizeof output.name);
+  if (!pair.end) return;
+  if (pair.isOneProcess) {
+    subtractUsage(pair.start->rusage, pair.end->rusage, output.rusage);
+  } else {
+    platform::copyRecord(output.rusage, pair.end->rusage);
+  }
+}
+
+}  // namespace
+
+void delta_task_rusage(const Rusage& start, const Rusage& end, Rusage* difference, int32_t pid) {
+  if (areOfOneProcess(start, end, pid)) {
+    subtractUsage(start, end, *difference);
+  } else {
+    platform::copyRecord(*difference, end);
+  }
 }
 
 CpuStatisticsPtr delta_cpu_statistics(cpu_statistics* start, cpu_statistics* end) {
@@ -129,9 +156,13 @@ CpuStatisticsPtr delta_cpu_statistics(cpu_statistics* start, cpu_statistics* end
     log.standard("QVActivationStats: delta_cpu_statistics: Failed to allocate memory for tasks\n");
     return nullptr;
   }
-  const size_t count = merge(startTasks, endTasks, output->tasks);
-  sortByUserTime({output->tasks, count});
-  output->count = static_cast<int32_t>(count);
+  const std::vector<Pair> pairs = pairsOf(startTasks, endTasks);
+  std::vector<platform::SortKey> order(pairs.size());
+  for (uint32_t i = 0; i < pairs.size(); ++i) order[i] = {static_cast<uint32_t>(pairs[i].userTime()), i};
+  sortByUserTime(order);
+  task_statistics* next = output->tasks;
+  for (const platform::SortKey& key : order) write(pairs[key.index], *next++);
+  output->count = static_cast<int32_t>(pairs.size());
   return output;
 }
 

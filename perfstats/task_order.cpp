@@ -61,29 +61,28 @@ void permute(std::span<task_statistics> tasks, std::vector<SortKey>& keys) {
   }
 }
 
-template <typename KeyOf>
-std::vector<SortKey> sortKeys(std::span<const task_statistics> tasks, KeyOf keyOf) {
-  std::vector<SortKey> keys(tasks.size());
-  for (uint32_t i = 0; i < tasks.size(); ++i) keys[i] = {keyOf(tasks[i]), i};
-  return keys;
-}
-
 }  // namespace
 
 void sortByPid(std::span<task_statistics> tasks) {
   if (std::ranges::is_sorted(tasks, {}, &task_statistics::pid)) return;
   // With the sign bit flipped, unsigned keys are in the order of the signed pids.
-  std::vector<SortKey> keys = sortKeys(
-      tasks, [](const task_statistics& task) { return static_cast<uint32_t>(task.pid) ^ 0x80000000u; });
+  std::vector<SortKey> keys(tasks.size());
+  for (uint32_t i = 0; i < tasks.size(); ++i)
+    keys[i] = {static_cast<uint32_t>(tasks[i].pid) ^ 0x80000000u, i};
   platform::sortByKey(keys);
   permute(tasks, keys);
 }
 
-void sortByUserTime(std::span<task_statistics> tasks) {
-  std::vector<SortKey> keys = sortKeys(
-      tasks, [](const task_statistics& task) { return static_cast<uint32_t>(task.rusage.user_time); });
-  mergeSort(keys);
-  permute(tasks, keys);
+void sortByUserTime(std::vector<SortKey>& keys) {
+  if (keys.empty()) return;
+  const auto [lowest, highest] = std::ranges::minmax(keys, {}, &SortKey::key);
+  if (highest.key - lowest.key > uint32_t{INT32_MAX}) return mergeSort(keys);
+  // A consistent order, in which those that have slept, the most of them, are the last.
+  const auto spent = [](const SortKey& element) { return element.key != 0; };
+  const std::span busy(keys.begin(), std::stable_partition(keys.begin(), keys.end(), spent));
+  for (SortKey& element : busy) element.key = ~element.key;
+  platform::sortByKey(busy);
+  for (SortKey& element : busy) element.key = ~element.key;
 }
 
 }  // namespace quorveld

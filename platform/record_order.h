@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <type_traits>
-#include <vector>
 
 namespace quorveld::platform {
 
@@ -16,7 +16,7 @@ struct SortKey {
 };
 
 /// Radix sort by key, ascending. Equal keys keep their order; digits that all keys share cost no pass.
-void sortByKey(std::vector<SortKey>& keys);
+void sortByKey(std::span<SortKey> keys);
 
 /// Copies a record in words of a vector register: compilers turn a plain assignment of hundreds of bytes into
 /// a string instruction that takes three times as long.

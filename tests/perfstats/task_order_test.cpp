@@ -52,14 +52,14 @@ TEST(TaskOrder, ByPidIsWhatAStableSortOfWholeEntriesGives) {
 }
 
 std::vector<int32_t> byUserTime(const std::vector<uint64_t>& userTicks) {
-  std::vector<task_statistics> tasks;
-  tasks.reserve(userTicks.size());
-  for (const uint64_t ticks : userTicks) tasks.push_back(task(static_cast<int32_t>(tasks.size()), "", ticks));
-  sortByUserTime(tasks);
+  std::vector<platform::SortKey> keys;
+  for (const uint64_t ticks : userTicks)
+    keys.push_back({static_cast<uint32_t>(ticks), static_cast<uint32_t>(keys.size())});
+  sortByUserTime(keys);
   std::vector<int32_t> places;
-  for (const task_statistics& entry : tasks) {
-    places.push_back(entry.pid);
-    EXPECT_EQ(entry.rusage.user_time, userTicks[static_cast<size_t>(entry.pid)]);
+  for (const platform::SortKey& entry : keys) {
+    places.push_back(static_cast<int32_t>(entry.index));
+    EXPECT_EQ(entry.key, static_cast<uint32_t>(userTicks[entry.index]));
   }
   return places;
 }

@@ -133,6 +133,7 @@ void addSpentByClass(ProcessRecord& record, const ProcessRecord* before) {
     record.classNs[now.leader_class] += spent;
     return;
   }
+  if (spent == 0) return;
   std::array<uint64_t, kQosClassCount> grown{};
   uint64_t accounted = 0;
   for (int i = 0; i < kQosClassCount; ++i) {
