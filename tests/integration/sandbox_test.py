@@ -132,7 +132,7 @@ class Sandbox(Walled):
         daemon.wait_for("Process table: read through")
         if not self.outside_reads_through_bpf():
             self.skipTest("no BPF on this machine")
-        self.assertNotIn("about 100 times slower", daemon.log())
+        self.assertNotIn("about 40 times slower", daemon.log())
         self.assertNotIn("hidepid", daemon.log())
 
     def outside_reads_through_bpf(self):
@@ -140,7 +140,7 @@ class Sandbox(Walled):
         daemon.write_preferences(domain="com.corvix.quorvel", QuorvelEnableAppActivationLogging=True)
         daemon.start()
         daemon.wait_for("Process table: read through")
-        return "about 100 times slower" not in daemon.log()
+        return "about 40 times slower" not in daemon.log()
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ from scratch import ScratchTest
 NOBODY = 65534
 AS_NOBODY = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", "--no-new-privs"]
 
-NO_BPF = "Process table: read through procfs, about 100 times slower than BPF ("
+NO_BPF = "Process table: read through procfs, about 40 times slower than BPF ("
 NO_IO = "Process table: /proc/PID/io of others can't be read without CAP_SYS_PTRACE, their disk I/O counts as 0"
 NO_TRACEFS = "Signposts are not in the kernel's trace, only in the log: trace_marker can't be opened: "
 HIDDEN = "Process table: /proc hides the processes of others (hidepid), snapshots are without them"

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -121,6 +122,10 @@ std::string loadAndHandOver(BpfPass pass) {
   ::_exit(0);
 }
 
+/// Whether a load has taken all of the patience. Another program would meet with what held that one up.
+std::atomic<bool> tookTooLong = false;
+constexpr const char* kTooLong = "BPF: loading takes too long";
+
 /// What the copy said. `why` is set when that isn't all that it was to hand over.
 std::vector<UniqueFd> receiveAll(int socket, size_t wanted, std::string& why) {
   std::vector<UniqueFd> descriptors;
@@ -129,7 +134,8 @@ std::vector<UniqueFd> receiveAll(int socket, size_t wanted, std::string& why) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
     pollfd readable{socket, POLLIN, 0};
     if (left <= 0 || ::poll(&readable, 1, static_cast<int>(left)) == 0) {
-      why = "BPF: loading takes too long";
+      tookTooLong = true;
+      why = kTooLong;
       return {};
     }
     std::array<char, kMaxMessageBytes> bytes;
@@ -174,6 +180,10 @@ std::string bpfReason(const char* what, int error) {
 }
 
 std::optional<LoadedBpf> loadBpf(BpfPass pass, std::string& why) {
+  if (tookTooLong) {
+    why = kTooLong;
+    return std::nullopt;
+  }
   std::array<int, 2> ends{};
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     why = bpfReason("BPF: socketpair", errno);

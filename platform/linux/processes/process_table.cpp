@@ -76,7 +76,7 @@ std::unique_ptr<ProcessSource> openBestSource() {
   if (reason != why) why += "; " + reason;
   source = openProcfsSource(reason);
   if (source) {
-    logDefault("Process table: read through %s, about 100 times slower than BPF (%s)", source->name(),
+    logDefault("Process table: read through %s, about 40 times slower than BPF (%s)", source->name(),
                why.c_str());
   } else {
     logDefault("Process table: can't be read, snapshots will be without processes (%s; %s)", why.c_str(),
