@@ -9,9 +9,11 @@
 #include "tools/base/files.h"
 #include "tools/base/table.h"
 #include "tools/commands/commands.h"
+#include "tools/commands/output_file.h"
 #include "tools/launches/activation.h"
 #include "tools/launches/activation_text.h"
 #include "tools/launches/launches_by_app.h"
+#include "tools/page/launches_html.h"
 
 namespace quorvelctl {
 namespace {
@@ -22,7 +24,8 @@ constexpr size_t kMostShown = 1000000;
 struct ActivationArguments {
   size_t last = kDefaultShown;
   bool all = false;
-  std::string by;  ///< "app": each application's together; empty: each on its own
+  std::string by;    ///< "app": each application's together; empty: each on its own
+  std::string html;  ///< where the page goes; empty: none is asked for
 };
 
 /// False when there is a log that can't be read, which has been told.
@@ -43,14 +46,16 @@ bool readLog(Context& context, const char* log, ActivationReader& reader) {
   return true;
 }
 
-void showByApp(Context& context, const ActivationReader& reader) {
+void showByApp(Context& context, const ActivationReader& reader, const std::string& html) {
   constexpr double kReferenceDate = 978'307'200;  // 2001-01-01 00:00:00 UTC in Unix time
-  const auto apps =
-      launchesByApp(reader.activations(), static_cast<double>(std::time(nullptr)) - kReferenceDate);
+  const double now = static_cast<double>(std::time(nullptr)) - kReferenceDate;
+  const auto apps = launchesByApp(reader.activations(), now);
   if (context.json) {
     std::fputs(jsonText(launchesByAppJson(apps)).c_str(), stdout);
   } else if (apps.empty()) {
     std::puts("no launch recorded yet that has come up");
+  } else if (!html.empty()) {
+    writeOutput(context, html, launchesPage(apps, now));
   } else {
     std::fputs(launchesByAppText(apps).c_str(), stdout);
   }
@@ -59,7 +64,7 @@ void showByApp(Context& context, const ActivationReader& reader) {
 void showActivations(Context& context, const ActivationArguments& arguments) {
   ActivationReader reader;
   if (!readLog(context, kOlderActivationLog, reader) || !readLog(context, kActivationLog, reader)) return;
-  if (!arguments.by.empty()) return showByApp(context, reader);
+  if (!arguments.by.empty()) return showByApp(context, reader, arguments.html);
   std::span<const Activation> shown(reader.activations());
   if (!arguments.all && shown.size() > arguments.last) shown = shown.last(arguments.last);
   if (context.json) {
@@ -87,13 +92,18 @@ void addActivationsCommand(CLI::App& app, Context& context) {
   CLI::Option* last = command->add_option("--last", arguments->last, "The last N instead");
   last->check(CLI::Range(size_t{1}, kMostShown, "N"));
   CLI::Option* all = command->add_flag("--all", arguments->all, "All of them")->excludes(last);
+  CLI::Option* by =
+      command
+          ->add_option("--by", arguments->by,
+                       "app: how long each application's launches on record took, the slowest first")
+          ->check(CLI::IsMember({"app"}, CLI::ignore_case))
+          ->excludes(last)
+          ->excludes(all)
+          ->type_name("app");
   command
-      ->add_option("--by", arguments->by,
-                   "app: how long each application's launches on record took, the slowest first")
-      ->check(CLI::IsMember({"app"}, CLI::ignore_case))
-      ->excludes(last)
-      ->excludes(all)
-      ->type_name("app");
+      ->add_option("--html", arguments->html, "With --by app: draw them over time, as a page for a browser")
+      ->needs(by)
+      ->type_name("FILE");
   command->callback([arguments, &context] { showActivations(context, *arguments); });
 }
 

@@ -27,12 +27,6 @@ std::optional<LaunchTimes> timesOf(std::vector<uint64_t> durationsMs) {
                      .slowestMs = durationsMs.back()};
 }
 
-std::string changeText(const AppLaunches& app) {
-  const std::optional<double> change = app.changePercent();
-  if (!change) return app.thisWeek ? "new" : "-";
-  return (*change < 0 ? "" : "+") + fixed(*change, 0) + " %";
-}
-
 nlohmann::ordered_json timesJson(const std::optional<LaunchTimes>& times) {
   if (!times) return nullptr;
   return {{"launches", times->count},
@@ -48,9 +42,16 @@ std::optional<double> AppLaunches::changePercent() const {
   return (static_cast<double>(thisWeek->medianMs) / static_cast<double>(lastWeek->medianMs) - 1) * 100;
 }
 
+std::string changeText(const AppLaunches& app) {
+  const std::optional<double> change = app.changePercent();
+  if (!change) return app.thisWeek ? "new" : "-";
+  return (*change < 0 ? "" : "+") + fixed(*change, 0) + " %";
+}
+
 std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, double now) {
   struct Durations {
     std::vector<uint64_t> all, thisWeek, lastWeek;
+    std::vector<LaunchMoment> launches;
   };
   std::map<std::string, Durations> durations;
   for (const Activation& activation : activations) {
@@ -58,6 +59,7 @@ std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, 
     Durations& app = durations[activation.bundleID];
     const double age = now - activation.startedAt;
     app.all.push_back(*activation.durationMs);
+    app.launches.push_back({activation.startedAt, *activation.durationMs});
     if (age < kWeekS) app.thisWeek.push_back(*activation.durationMs);
     if (age >= kWeekS && age < 2 * kWeekS) app.lastWeek.push_back(*activation.durationMs);
   }
@@ -65,7 +67,8 @@ std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, 
   apps.reserve(durations.size());
   for (auto& [bundleID, app] : durations) {
     apps.push_back({bundleID, timesOf(std::move(app.all)).value_or(LaunchTimes{}),
-                    timesOf(std::move(app.thisWeek)), timesOf(std::move(app.lastWeek))});
+                    timesOf(std::move(app.thisWeek)), timesOf(std::move(app.lastWeek)),
+                    std::move(app.launches)});
   }
   std::sort(apps.begin(), apps.end(), [](const AppLaunches& a, const AppLaunches& b) {
     return std::tuple(b.all.medianMs, a.bundleID) < std::tuple(a.all.medianMs, b.bundleID);

@@ -1,6 +1,7 @@
 #include "tools/page/html.h"
 
 #include "tools/base/table.h"
+#include "tools/page/report_page.h"
 
 namespace quorvelctl {
 
@@ -67,6 +68,16 @@ Html scriptData(std::string_view json) {
     }
   }
   return html;
+}
+
+std::string wholePage(std::string_view title, const std::string& style, const Html& content,
+                      const Html& scripts) {
+  const bool hasScripts = !scripts.markup.empty();
+  return filled(kPage, {{"allowed", Html{hasScripts ? "; script-src 'unsafe-inline'" : ""}},
+                        {"title", escaped(title)},
+                        {"style", Html{style}},
+                        {"content", content},
+                        {"scripts", scripts}});
 }
 
 std::string filled(std::string_view page, const std::map<std::string, Html, std::less<>>& parts) {

@@ -30,6 +30,11 @@ Html scrolledTable(std::string_view label, const Html& columns, const Html& rows
 /// JSON for within a script element: nothing in it can end the element.
 Html scriptData(std::string_view json);
 
+/// A page that needs nothing else. `title` and `content` are what a report says, `style` is ours. Without
+/// `scripts`, elements to stand at its end, none may run.
+std::string wholePage(std::string_view title, const std::string& style, const Html& content,
+                      const Html& scripts = {});
+
 /// `page` with each "{{name}}" replaced by the part of that name, or by nothing. Parts aren't looked at for
 /// names.
 std::string filled(std::string_view page, const std::map<std::string, Html, std::less<>>& parts);

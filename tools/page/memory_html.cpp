@@ -178,12 +178,11 @@ Html titleHtml(const std::vector<MemoryReport>& reports) {
 std::string memoryPage(const std::vector<MemoryReport>& reports) {
   const MemorySeries series = seriesOf(reports, kColours);
   const bool hasTime = series.hours.size() > 1;
-  return filled(kMemoryPage, {{"title", escaped("Memory at " + timeText(reports.back().timestamp))},
-                              {"style", Html{std::string(kReportStyle) + std::string(kMemoryStyle)}},
-                              {"header", titleHtml(reports)},
-                              {"charts", hasTime ? chartsHtml(series) : Html{}},
-                              {"growth", hasTime ? growthHtml(growthOf(reports)) : Html{}},
-                              {"report", reportHtml(reports.back())}});
+  return wholePage("Memory at " + timeText(reports.back().timestamp),
+                   std::string(kReportStyle) + std::string(kMemoryStyle),
+                   titleHtml(reports) +
+                       (hasTime ? chartsHtml(series) + growthHtml(growthOf(reports)) : Html{}) +
+                       reportHtml(reports.back()));
 }
 
 }  // namespace quorvelctl

@@ -176,18 +176,14 @@ Html leftOutHtml(const Report& report) {
 
 std::string reportPage(const Report& report) {
   const Timeline timeline = timelineOf(report);
-  return filled(kReportPage, {{"title", escaped(titleText(report.header))},
-                              {"style", Html{std::string(kReportStyle)}},
-                              {"header", headerHtml(report)},
-                              {"chain", chainHtml(report)},
-                              {"time", report.verdict ? timeHtml(*report.verdict, report.header) : Html{}},
-                              {"sampled", sampledHtml(report.sampled)},
-                              {"timeline", timelineHtml(timeline)},
-                              {"stacks", stacksHtml(report)},
-                              {"facts", factsHtml(report)},
-                              {"leftOut", leftOutHtml(report)},
-                              {"data", scriptData(timelineJson(timeline))},
-                              {"script", Html{std::string(kReportScript)}}});
+  const Html content = headerHtml(report) + chainHtml(report) +
+                       (report.verdict ? timeHtml(*report.verdict, report.header) : Html{}) +
+                       sampledHtml(report.sampled) + timelineHtml(timeline) + stacksHtml(report) +
+                       factsHtml(report) + leftOutHtml(report);
+  const Html scripts = Html{"<script type=\"application/json\" id=\"data\">"} +
+                       scriptData(timelineJson(timeline)) + Html{"</script>\n<script>\n"} +
+                       Html{std::string(kReportScript)} + Html{"</script>\n"};
+  return wholePage(titleText(report.header), std::string(kReportStyle), content, scripts);
 }
 
 }  // namespace quorvelctl

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "tests/tools/page/times_in.h"
 #include "tools/memory/memory_list.h"
 #include "tools/page/memory_html.h"
 
@@ -9,12 +10,6 @@ using quorvelctl::MemoryReport;
 namespace {
 
 constexpr uint64_t kMiB = 1 << 20;
-
-size_t timesIn(const std::string& text, std::string_view what) {
-  size_t count = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
-  return count;
-}
 
 /// A machine of 1 GiB; every text is `name`.
 MemoryReport reportAt(int hour, uint64_t faults, const std::string& name) {
