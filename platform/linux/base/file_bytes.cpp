@@ -14,6 +14,31 @@ namespace {
 
 constexpr size_t kReadStepBytes = size_t{16} * 1024;
 
+/// Not open, and the reason in `error`, when it is no regular file.
+UniqueFd openRegular(const std::string& path, std::error_code& error) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) {
+    error = lastError();
+    return {};
+  }
+  if (S_ISREG(status.st_mode)) return fd;
+  error = std::make_error_code(std::errc::invalid_argument);
+  return {};
+}
+
+/// Appends at most `atMost` bytes; how many, or nothing on an error.
+std::optional<size_t> readStep(int fd, std::string& bytes, size_t atMost) {
+  const size_t have = bytes.size();
+  bytes.resize(have + atMost);
+  ssize_t got = -1;
+  do {
+    got = ::read(fd, bytes.data() + have, atMost);
+  } while (got < 0 && errno == EINTR);
+  bytes.resize(have + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  return got < 0 ? std::nullopt : std::optional(static_cast<size_t>(got));
+}
+
 }  // namespace
 
 std::error_code lastError() {
@@ -25,32 +50,39 @@ std::string directoryOf(const std::string& path) {
 }
 
 std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error) {
-  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0) {
-    error = lastError();
-    return std::nullopt;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    error = std::make_error_code(std::errc::invalid_argument);
-    return std::nullopt;
-  }
+  const UniqueFd fd = openRegular(path, error);
+  if (!fd) return std::nullopt;
   std::string bytes;
   for (;;) {
-    const size_t have = bytes.size();
-    bytes.resize(have + std::min(kReadStepBytes, maxBytes + 1 - have));
-    const ssize_t got = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
-    if (got < 0 && errno != EINTR) {
+    const auto got = readStep(fd.get(), bytes, std::min(kReadStepBytes, maxBytes + 1 - bytes.size()));
+    if (!got) {
       error = lastError();
       return std::nullopt;
     }
-    bytes.resize(have + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    if (got == 0) return bytes;
+    if (*got == 0) return bytes;
     if (bytes.size() > maxBytes) {
       error = std::make_error_code(std::errc::file_too_large);
       return std::nullopt;
     }
   }
+}
+
+std::error_code readLines(const std::string& path, size_t maxBytes,
+                          const std::function<void(std::string_view)>& take) {
+  std::error_code error;
+  const UniqueFd fd = openRegular(path, error);
+  if (!fd) return error;
+  std::string bytes;
+  for (size_t all = 0; all <= maxBytes;) {
+    const auto got = readStep(fd.get(), bytes, kReadStepBytes);
+    if (!got) return lastError();
+    all += *got;
+    const size_t whole = *got == 0 ? bytes.size() : bytes.rfind('\n') + 1;
+    take(std::string_view(bytes).substr(0, whole));
+    bytes.erase(0, whole);
+    if (*got == 0) return {};
+  }
+  return std::make_error_code(std::errc::file_too_large);
 }
 
 std::error_code writeAll(int fd, std::string_view bytes) {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,11 @@ std::string directoryOf(const std::string& path);
 /// Everything in the regular file at `path`, a link being followed. Nothing, and the reason in `error`, when
 /// it can't be read, is something else (EINVAL) or is longer than `maxBytes` (EFBIG). Never waits for a pipe.
 std::optional<std::string> readFile(const std::string& path, size_t maxBytes, std::error_code& error);
+
+/// Calls `take` with the lines of the same kind of file, whole ones, some at a time, so that no more of it is
+/// in memory; the last one may lack its end. The reason when it can't be read to its end.
+std::error_code readLines(const std::string& path, size_t maxBytes,
+                          const std::function<void(std::string_view)>& take);
 
 /// Writes all of `bytes`, in as many steps as it takes.
 std::error_code writeAll(int fd, std::string_view bytes);

@@ -102,9 +102,7 @@ std::optional<uint64_t> parseShareKb(std::string_view rollup) {
   const auto bytes = [&](const char* line) { return memInfoBytes(rollup, line); };
   const auto anonymous = bytes("Pss_Anon");
   if (!anonymous) return std::nullopt;
-  return (*anonymous + bytes("SwapPss").value_or(0) + bytes("Private_Hugetlb").value_or(0) +
-          bytes("Shared_Hugetlb").value_or(0)) /
-         1024;
+  return (*anonymous + bytes("SwapPss").value_or(0)) / 1024;
 }
 
 std::map<int32_t, uint64_t> ForkShares::read(std::vector<SharingProcess> processes, uint64_t availablePages) {

@@ -14,8 +14,8 @@ namespace quorveld::linux_platform {
 /// What is known of a process before its share is read.
 struct SharingProcess {
   int32_t pid;
-  uint64_t program;  ///< as in process_sample
-  uint64_t footprintPages;
+  uint64_t program;         ///< as in process_sample
+  uint64_t footprintPages;  ///< without huge pages, which no walk divides
   uint64_t residentPages;
 };
 
@@ -25,7 +25,7 @@ struct SharingProcess {
 std::vector<SharingProcess> membersOfFamilies(std::vector<SharingProcess> processes);
 
 /// The process's share, in KiB, by the text of /proc/PID/smaps_rollup: anonymous and swapped pages divided by
-/// how many have them, and huge pages. Nothing from a kernel that doesn't divide (before 5.3).
+/// how many have them. Nothing from a kernel that doesn't divide (before 5.3).
 std::optional<uint64_t> parseShareKb(std::string_view rollup);
 
 /// Reads what is each one's share of pages that forks hold together.

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "platform/linux/base/file_bytes.h"
@@ -100,12 +99,12 @@ int32_t oomScoreAdjustment(int32_t pid) {
   return value;
 }
 
-/// All pages that processes can have of their own, in memory and swapped out.
+/// All pages that processes can have of their own, in memory and swapped out, but for huge ones: who has how
+/// many of those is known, and pools that are kept for nobody yet would hide what is counted twice.
 uint64_t pagesOfProcesses() {
   const std::string memInfo = readIfThere("/proc/meminfo");
   const auto lineBytes = [&](const char* line) { return memInfoBytes(memInfo, line).value_or(0); };
-  return (lineBytes("AnonPages") + lineBytes("Hugetlb") +
-          remainder(lineBytes("SwapTotal"), lineBytes("SwapFree"))) /
+  return (lineBytes("AnonPages") + remainder(lineBytes("SwapTotal"), lineBytes("SwapFree"))) /
          static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
@@ -118,7 +117,8 @@ void LinuxKernelMemory::takeLook() {
   std::vector<SharingProcess> processes;
   for (const ProcessRecord& record : *look_) {
     const process_sample& sample = record.sample;
-    processes.push_back({sample.pid, sample.program, sample.footprint_pages, sample.resident_pages});
+    processes.push_back(
+        {sample.pid, sample.program, sample.footprint_pages - sample.huge_pages, sample.resident_pages});
     // Kernel threads and zombies have no memory of their own.
     if (sample.resident_pages == 0 && sample.footprint_pages == 0) continue;
     const bool scored = sample.flags & kSampleHasScore;
@@ -155,32 +155,41 @@ bool LinuxKernelMemory::ledger(int32_t pid, platform::ledger_entry_info* entries
   std::fill_n(entries, count, platform::ledger_entry_info{});
   entries[kResidentIndex].balance = static_cast<int64_t>(record->sample.resident_pages * pageSize);
   const auto share = shares_.find(pid);
-  const uint64_t pages = share == shares_.end() ? record->sample.footprint_pages : share->second;
+  const uint64_t pages =
+      share == shares_.end() ? record->sample.footprint_pages : share->second + record->sample.huge_pages;
   entries[kFootprintIndex].balance = static_cast<int64_t>(pages * pageSize);
   return true;
 }
 
-std::optional<std::string> LinuxKernelMemory::readOrSay(const char* path) {
-  std::error_code error;
-  auto text = readFile(path, kMaxFileBytes, error);
-  if (text) {
+bool LinuxKernelMemory::wasRead(const char* path, const std::error_code& error) {
+  if (!error) {
     refused_.erase(path);
-    return text;
+    return true;
   }
   std::string& said = refused_[path];
   if (said != error.message()) {
     said = error.message();
     logDefault("No memory snapshot without %s: %s", path, said.c_str());
   }
-  return std::nullopt;
+  return false;
+}
+
+std::optional<std::string> LinuxKernelMemory::readOrSay(const char* path) {
+  std::error_code error;
+  auto text = readFile(path, kMaxFileBytes, error);
+  return wasRead(path, error) ? std::move(text) : std::nullopt;
 }
 
 std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
   const auto pageSize = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   // The first refusal is enough to say: who may not read the one may seldom read the next.
   const auto slabInfo = readOrSay("/proc/slabinfo");
-  const auto vmallocInfo = slabInfo ? readOrSay("/proc/vmallocinfo") : std::nullopt;
-  const auto memInfo = vmallocInfo ? readOrSay("/proc/meminfo") : std::nullopt;
+  if (!slabInfo) return std::nullopt;
+  constexpr const char* kVmallocInfo = "/proc/vmallocinfo";
+  VmallocCallers vmallocCallers(pageSize);
+  const auto unread =
+      readLines(kVmallocInfo, kMaxFileBytes, [&](std::string_view lines) { vmallocCallers.add(lines); });
+  const auto memInfo = wasRead(kVmallocInfo, unread) ? readOrSay("/proc/meminfo") : std::nullopt;
   const auto zoneInfo = memInfo ? readOrSay("/proc/zoneinfo") : std::nullopt;
   if (!zoneInfo) return std::nullopt;
   const auto caches = parseSlabInfo(*slabInfo, pageSize);
@@ -210,7 +219,7 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
     info.sites.push_back(wiredSite(kExtension, loadTag, module.sizeBytes));
   }
   callers_.clear();
-  for (const NamedSize& caller : parseVmallocInfo(*vmallocInfo, pageSize)) {
+  for (const NamedSize& caller : vmallocCallers.largestFirst()) {
     info.sites.push_back(wiredSite(kKernelSite, callers_.size(), caller.sizeBytes));
     callers_.push_back(caller.name);
   }

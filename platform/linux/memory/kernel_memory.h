@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/kernel_memory.h"
@@ -31,6 +32,8 @@ class LinuxKernelMemory final : public platform::KernelMemory {
 
  private:
   void takeLook();
+  /// Whether `path` could be read; a line tells why not.
+  bool wasRead(const char* path, const std::error_code& error);
   std::optional<std::string> readOrSay(const char* path);
 
   LinuxProcessTables& processTables_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <map>
 
 namespace quorveld::linux_platform {
 
@@ -96,10 +95,9 @@ std::vector<NamedSize> parseModules(std::string_view text) {
   return modules;
 }
 
-std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSizeBytes) {
-  std::map<std::string, uint64_t, std::less<>> bytesByCaller;
-  while (!text.empty()) {
-    std::string_view line = take(text, '\n');
+void VmallocCallers::add(std::string_view lines) {
+  while (!lines.empty()) {
+    std::string_view line = take(lines, '\n');
     takeWord(line);  // the address range
     takeWord(line);  // its length, guard page included
     std::string_view caller = takeWord(line);
@@ -110,12 +108,15 @@ std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSize
       if (word.starts_with(kPages)) pages = number(word.substr(kPages.size())).value_or(0);
     }
     if (caller.empty() || pages == 0) continue;
-    auto entry = bytesByCaller.find(caller);
-    if (entry == bytesByCaller.end()) entry = bytesByCaller.emplace(std::string(caller), 0).first;
-    addTo(entry->second, product(pages, pageSizeBytes));
+    auto entry = bytesByCaller_.find(caller);
+    if (entry == bytesByCaller_.end()) entry = bytesByCaller_.emplace(std::string(caller), 0).first;
+    addTo(entry->second, product(pages, pageSizeBytes_));
   }
+}
+
+std::vector<NamedSize> VmallocCallers::largestFirst() const {
   std::vector<NamedSize> callers;
-  for (const auto& [caller, bytes] : bytesByCaller) callers.push_back({caller, bytes});
+  for (const auto& [caller, bytes] : bytesByCaller_) callers.push_back({caller, bytes});
   std::stable_sort(callers.begin(), callers.end(),
                    [](const NamedSize& a, const NamedSize& b) { return a.sizeBytes > b.sizeBytes; });
   return callers;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,9 +34,20 @@ std::optional<uint64_t> memInfoBytes(std::string_view text, std::string_view key
 /// /proc/modules: each loaded module with its size.
 std::vector<NamedSize> parseModules(std::string_view text);
 
-/// /proc/vmallocinfo: allocated pages summed by the function that asked for them, largest first. Mappings of
-/// devices and address space without pages are left out.
-std::vector<NamedSize> parseVmallocInfo(std::string_view text, uint64_t pageSizeBytes);
+/// /proc/vmallocinfo, which has a line for each thread's kernel stack, as it is read: allocated pages summed
+/// by the function that asked for them. Mappings of devices and address space without pages are left out.
+class VmallocCallers {
+ public:
+  explicit VmallocCallers(uint64_t pageSizeBytes) : pageSizeBytes_(pageSizeBytes) {}
+
+  /// Takes whole lines.
+  void add(std::string_view lines);
+  std::vector<NamedSize> largestFirst() const;
+
+ private:
+  uint64_t pageSizeBytes_;
+  std::map<std::string, uint64_t, std::less<>> bytesByCaller_;
+};
 
 /// /proc/zoneinfo, in pages, over all nodes.
 struct ZonePages {

@@ -87,6 +87,14 @@ std::unique_ptr<ProcessSource> openBestSource() {
 
 }  // namespace
 
+LinuxProcessTables::LinuxProcessTables(std::unique_ptr<ProcessSource> source) : source_(std::move(source)) {
+  // Once it has given such an array back, the allocator would keep the next ones. Those of a look at
+  // thousands of processes are the daemon's largest; new pages for them cost less than holding them all the
+  // time.
+  constexpr int kLargeArrayBytes = 1 << 20;
+  mallopt(M_MMAP_THRESHOLD, kLargeArrayBytes);
+}
+
 LinuxProcessTables::~LinuxProcessTables() {
   if (preparation_.joinable()) preparation_.join();
 }
@@ -106,7 +114,26 @@ void LinuxProcessTables::prepare() {
 
 /// What was freed between two blocks in use stays the allocator's for good, unless it is told.
 void LinuxProcessTables::rest() {
+  {
+    const std::lock_guard lock(spare_->mutex);
+    spare_->records.reset();
+  }
   malloc_trim(0);
+}
+
+std::shared_ptr<ProcessRecords> LinuxProcessTables::takePlace() const {
+  std::unique_ptr<ProcessRecords> records;
+  {
+    const std::lock_guard lock(spare_->mutex);
+    records = std::move(spare_->records);
+  }
+  if (!records) records = std::make_unique<ProcessRecords>();
+  const auto giveBack = [spare = spare_](ProcessRecords* unused) {
+    std::unique_ptr<ProcessRecords> place(unused);
+    const std::lock_guard lock(spare->mutex);
+    spare->records.swap(place);
+  };
+  return {records.release(), giveBack};
 }
 
 std::unique_ptr<platform::ProcessTable> LinuxProcessTables::look() {
@@ -123,7 +150,9 @@ std::shared_ptr<const ProcessRecords> LinuxProcessTables::read() {
   const auto samples = source_ ? source_->read(*last_) : std::span<const process_sample>();
   // A pass that failed is no news of anybody: what was known stays, for the next one to go on from.
   if (samples.empty()) return std::make_shared<ProcessRecords>();
-  last_ = std::make_shared<ProcessRecords>(recordsOf(samples, *last_));
+  const std::shared_ptr<ProcessRecords> records = takePlace();
+  makeRecords(*records, samples, *last_);
+  last_ = records;
   return last_;
 }
 

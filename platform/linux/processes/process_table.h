@@ -15,15 +15,16 @@ namespace quorveld::linux_platform {
 /// From any thread: looks are taken one after another, so one may wait for a pass, or the loading of the
 /// source, that another queue has under way. A look's answers are all of its one pass, whatever
 /// becomes of a process afterwards. Kept between looks is the last one alone, from which the next one tells
-/// how much each process has spent: it holds live processes only, so it can't grow beyond them.
+/// how much each process has spent, and until `rest` the place of the one before: they hold live processes
+/// only, so they can't grow beyond them.
 class LinuxProcessTables final : public platform::ProcessTables {
  public:
   /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
   /// milliseconds and a short-lived process, which a daemon that takes no snapshots has no use for.
-  LinuxProcessTables() = default;
+  LinuxProcessTables() : LinuxProcessTables(nullptr) {}
 
   /// With this source and no other.
-  explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source) : source_(std::move(source)) {}
+  explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source);
 
   ~LinuxProcessTables() override;
 
@@ -37,12 +38,21 @@ class LinuxProcessTables final : public platform::ProcessTables {
   [[nodiscard]] std::shared_ptr<const ProcessRecords> records();
 
  private:
+  /// The place of a look that nobody looks at any more, for the next one: its pages are there already.
+  struct Spare {
+    std::mutex mutex;
+    std::unique_ptr<ProcessRecords> records;
+  };
+  /// Records in the spare place, or in a new one; it is the spare one again when the last holder lets go.
+  std::shared_ptr<ProcessRecords> takePlace() const;
+
   /// What a new look sees; with the lock held.
   std::shared_ptr<const ProcessRecords> read();
 
   std::mutex mutex_;
   std::thread preparation_;
   std::unique_ptr<ProcessSource> source_;
+  const std::shared_ptr<Spare> spare_ = std::make_shared<Spare>();
   std::shared_ptr<const ProcessRecords> last_ = std::make_shared<ProcessRecords>();
 };
 

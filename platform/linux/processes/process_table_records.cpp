@@ -38,8 +38,8 @@ void addPart(process_sample& whole, const process_sample& part) {
   }
   if (!(whole.flags & kSampleHasMemory)) {
     constexpr std::array kMemory = {&process_sample::resident_pages, &process_sample::footprint_pages,
-                                    &process_sample::locked_pages, &process_sample::memory,
-                                    &process_sample::program};
+                                    &process_sample::huge_pages,     &process_sample::locked_pages,
+                                    &process_sample::memory,         &process_sample::program};
     for (auto figure : kMemory) whole.*figure = part.*figure;
   }
   whole.flags |= part.flags;
@@ -76,7 +76,8 @@ void countMemoryOnce(ProcessRecords& records) {
     }
     process_sample& other = records[owners[place]].sample;
     if (isOlder(sample, other)) owners[place] = i;
-    (isOlder(sample, other) ? other : sample).footprint_pages = 0;
+    process_sample& younger = isOlder(sample, other) ? other : sample;
+    younger.footprint_pages = younger.huge_pages = 0;
   }
 }
 
@@ -152,10 +153,12 @@ void addSpentByClass(ProcessRecord& record, const ProcessRecord* before) {
 
 }  // namespace
 
-ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessRecords& before) {
+void makeRecords(ProcessRecords& records, std::span<const process_sample> samples,
+                 const ProcessRecords& before) {
+  constexpr size_t kHeadroomShare = 8;  // for those that are born until the place is used again
   const std::vector<SortKey> order = orderByPid(samples);
-  ProcessRecords records;
-  records.reserve(samples.size());
+  records.clear();
+  if (records.capacity() < samples.size()) records.reserve(samples.size() + samples.size() / kHeadroomShare);
   auto old = before.begin();
   for (size_t i = 0; i < order.size();) {
     ProcessRecord& record = records.emplace_back(samples[order[i].index]);
@@ -178,7 +181,6 @@ ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessR
     addSpentByClass(record, known ? &*old : nullptr);
   }
   countMemoryOnce(records);
-  return records;
 }
 
 const ProcessRecord* findRecord(const ProcessRecords& records, int32_t pid, size_t& cursor) {

@@ -24,13 +24,15 @@ struct ProcessRecord {
 /// Ascending by pid, each pid once.
 using ProcessRecords = std::vector<ProcessRecord>;
 
-/// Makes the records of a look from its samples and from the records of the look before.
+/// Makes the records of a look from its samples and from the records of the look before, in the place of what
+/// `records` held.
 ///
 /// A process is the one of before when pid and start time agree. Its counters then never go back, though a
 /// thread that ends in the middle of the pass can be missing from the samples, and though the split into user
 /// and system time is an estimate that the kernel corrects. The CPU time spent since is added to the classes,
 /// see addSpentByClass. A footprint that several processes have together is the oldest one's.
-ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessRecords& before);
+void makeRecords(ProcessRecords& records, std::span<const process_sample> samples,
+                 const ProcessRecords& before);
 
 /// The record of `pid`, null when there is none. Tries `cursor` and its successor first, and leaves it on
 /// what was found, so that asking in ascending order costs nothing.

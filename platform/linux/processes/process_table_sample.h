@@ -46,6 +46,7 @@ struct process_sample {
 
   uint64_t resident_pages;
   uint64_t footprint_pages;  // anonymous resident, swapped, and huge pages
+  uint64_t huge_pages;       // those of them, in pages of the usual size
   uint64_t locked_pages;
   /// The same number in two samples of one pass: both processes run in the same memory; 0: unknown.
   uint64_t memory;

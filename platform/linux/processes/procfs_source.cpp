@@ -43,44 +43,38 @@ class ProcfsSource final : public ProcessSource {
   bool usable() const { return static_cast<bool>(proc_); }
 
   std::span<const process_sample> read(const ProcessRecords& before) override {
-    std::swap(now_, last_);
-    now_.samples.clear();
-    now_.marks.clear();
-    size_t cursor = 0, lastCursor = 0;
+    samples_.clear();
+    std::swap(marks_, lastMarks_);
+    marks_.clear();
+    size_t cursor = 0;
+    auto known = lastMarks_.begin();  // /proc lists processes in ascending order
     proc_.forEachNumber([&](int32_t pid) {
-      const size_t last = last_.find(pid, lastCursor);
-      const uint64_t lastMark = last == kNowhere ? kNoMark : last_.marks[last];
+      while (known != lastMarks_.end() && known->pid < pid) ++known;
+      const uint64_t lastMark = known != lastMarks_.end() && known->pid == pid ? known->mark : kNoMark;
       uint64_t mark = lastMark == kThreads ? kThreads : markOf(pid);
+      const ProcessRecord* last = findRecord(before, pid, cursor);
       process_sample sample{};
       sample.pid = pid;
-      if (mark == lastMark && mark > kThreads) {
-        sample = last_.samples[last];
-      } else if (!readProcess(sample, before, cursor, mark)) {
+      if (last && mark == lastMark && mark > kThreads) {
+        sample = last->sample;
+      } else if (!readProcess(sample, last, mark)) {
         return;
       }
-      now_.samples.push_back(sample);
-      now_.marks.push_back(mark);
+      samples_.push_back(sample);
+      marks_.push_back({pid, mark});
     });
     findSharedMemory();
-    return now_.samples;
+    return samples_;
   }
 
  private:
-  static constexpr size_t kNowhere = SIZE_MAX;
   /// Marks of samples that are read anew whatever schedstat and statm say: of those that this once said too
   /// little of, and of processes that had several threads, of which schedstat tells the first one's alone.
   enum : uint64_t { kNoMark, kThreads };
 
-  /// Ascending by pid.
-  struct Pass {
-    std::vector<process_sample> samples;
-    std::vector<uint64_t> marks;  ///< one for each sample: what schedstat and statm said when it was read
-
-    /// Where the sample of `pid` is; for ascending pids, with the same cursor.
-    size_t find(int32_t pid, size_t& cursor) const {
-      while (cursor < samples.size() && samples[cursor].pid < pid) ++cursor;
-      return cursor < samples.size() && samples[cursor].pid == pid ? cursor : kNowhere;
-    }
+  struct Mark {
+    int32_t pid;
+    uint64_t mark;  ///< what schedstat and statm said when the sample was read
   };
 
   /// Comes before all else that is read of the process: who runs meanwhile is read anew the next time.
@@ -100,7 +94,7 @@ class ProcfsSource final : public ProcessSource {
 
   /// False when the process has gone in between. `mark` becomes one without meaning when it can't tell
   /// whether the process changes.
-  bool readProcess(process_sample& sample, const ProcessRecords& before, size_t& cursor, uint64_t& mark) {
+  bool readProcess(process_sample& sample, const ProcessRecord* last, uint64_t& mark) {
     const std::optional<ProcfsStat> stat = parseStat(readFileOf(sample.pid, "stat"));
     if (!stat) return false;
     // The run time of one that stays on its CPU is counted at ticks, of which there may be one a second.
@@ -108,7 +102,6 @@ class ProcfsSource final : public ProcessSource {
     if (stat->threadCount > 1) mark = kThreads;
     setFromStat(sample, *stat);
 
-    const ProcessRecord* last = findRecord(before, sample.pid, cursor);
     if (last && last->sample.start_ns != sample.start_ns) last = nullptr;
     if (stat->threadCount <= 1) {
       sample.class_runtime_ns[sample.leader_class] = sample.runtime_ns;
@@ -186,6 +179,7 @@ class ProcfsSource final : public ProcessSource {
     if (!status.hasMemory) return true;
     sample.flags |= kSampleHasMemory;
     sample.resident_pages = status.residentKb / pageKb_;
+    sample.huge_pages = status.hugeKb / pageKb_;
     sample.footprint_pages = (status.anonymousKb + status.swappedKb + status.hugeKb) / pageKb_;
     sample.locked_pages = status.lockedKb / pageKb_;
     sample.program = programOf(sample.pid);
@@ -226,22 +220,21 @@ class ProcfsSource final : public ProcessSource {
       return std::tie(sample.program, sample.resident_pages, sample.footprint_pages);
     };
     std::vector<size_t> alike;
-    for (size_t i = 0; i < now_.samples.size(); ++i) {
-      process_sample& sample = now_.samples[i];
+    for (size_t i = 0; i < samples_.size(); ++i) {
+      process_sample& sample = samples_[i];
       sample.memory = 0;
       if (sample.program != 0 && sample.footprint_pages != 0) alike.push_back(i);
     }
-    std::sort(alike.begin(), alike.end(), [&](size_t left, size_t right) {
-      return look(now_.samples[left]) < look(now_.samples[right]);
-    });
+    std::sort(alike.begin(), alike.end(),
+              [&](size_t left, size_t right) { return look(samples_[left]) < look(samples_[right]); });
     for (size_t i = 1; i < alike.size(); ++i) {
-      process_sample& sample = now_.samples[alike[i]];
-      process_sample& last = now_.samples[alike[i - 1]];
+      process_sample& sample = samples_[alike[i]];
+      process_sample& last = samples_[alike[i - 1]];
       if (look(sample) != look(last) || !inOneMemory(sample, last)) continue;
       if (last.memory == 0) last.memory = static_cast<uint64_t>(last.pid);
       sample.memory = last.memory;
       // The other may change it.
-      now_.marks[alike[i]] = now_.marks[alike[i - 1]] = kNoMark;
+      marks_[alike[i]].mark = marks_[alike[i - 1]].mark = kNoMark;
     }
   }
 
@@ -270,7 +263,8 @@ class ProcfsSource final : public ProcessSource {
   bool saidIoRefused_ = false;
   enum class RuntimeFile { schedstat, sched, none };
   RuntimeFile runtimeFile_ = RuntimeFile::schedstat;  ///< that this kernel counts in
-  Pass now_, last_;
+  std::vector<process_sample> samples_;
+  std::vector<Mark> marks_, lastMarks_;  ///< one for each sample, of this pass and of the last one
 };
 
 }  // namespace

@@ -193,8 +193,9 @@ static __always_inline void add_memory(struct process_sample* sample, struct mm_
       positive(pages[kFilePages]) + positive(pages[kAnonymousPages]) + positive(pages[kSharedPages]);
   __s64 huge_pages = 0;
   if (bpf_core_field_exists(mm->hugetlb_usage.counter)) huge_pages = mm->hugetlb_usage.counter;
+  sample->huge_pages = positive(huge_pages);
   sample->footprint_pages =
-      positive(pages[kAnonymousPages]) + positive(pages[kSwapEntries]) + positive(huge_pages);
+      positive(pages[kAnonymousPages]) + positive(pages[kSwapEntries]) + sample->huge_pages;
   sample->locked_pages = mm->locked_vm;
   sample->memory = (__u64)mm;
   // A fork takes the open program file over; who starts a program opens it anew.

@@ -20,6 +20,12 @@ process_sample sampleOf(int32_t pid, uint64_t runtimeNs, uint64_t utimeNs = 1, u
   return sample;
 }
 
+ProcessRecords recordsOf(std::span<const process_sample> samples, const ProcessRecords& before) {
+  ProcessRecords records;
+  makeRecords(records, samples, before);
+  return records;
+}
+
 ProcessRecord after(const ProcessRecord* before, const process_sample& sample) {
   return recordsOf(std::span(&sample, 1), before ? ProcessRecords{*before} : ProcessRecords{}).at(0);
 }
