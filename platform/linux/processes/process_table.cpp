@@ -93,6 +93,8 @@ LinuxProcessTables::LinuxProcessTables(std::unique_ptr<ProcessSource> source) : 
   // time.
   constexpr int kLargeArrayBytes = 1 << 20;
   mallopt(M_MMAP_THRESHOLD, kLargeArrayBytes);
+  // Smaller ones stay for the next look: setting the one makes the allocator give all else back at once.
+  mallopt(M_TRIM_THRESHOLD, 2 * kLargeArrayBytes);
 }
 
 LinuxProcessTables::~LinuxProcessTables() {
