@@ -12,6 +12,7 @@
 #include <stddef.h>
 
 #include "bpf_base/program.h"
+
 #include "platform/linux/processes/process_table_sample.h"
 
 #pragma clang attribute push(__attribute__((preserve_access_index)), apply_to = record)
