@@ -66,10 +66,10 @@ typedef struct kelvane_pending {
  * that has turned out, valid until the next call; else NULL. Called by the thread that dumps. */
 typedef const char* (*kelvane_sample_function)(const kelvane_pending* pending, size_t count);
 
-/* A report's verdict in three words. Each text is UTF-8 and NUL-terminated; what isn't known is empty. */
+/* A report's verdict in three words. Each text is NUL-terminated, and empty where it isn't known. */
 typedef struct kelvane_finding {
   char cause[24];
-  char culprit[128]; /* names that processes gave themselves */
+  char culprit[128]; /* a name that a process gave itself, of any bytes */
   char signature[24];
 } kelvane_finding;
 

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "client/descriptors.h"
 #include "client/include/quorvel.h"
 #include "client/marshal.h"
 
@@ -49,15 +50,13 @@ static int connect_socket(void) {
   const int length =
       snprintf(address.sun_path, sizeof address.sun_path, "%s%s", root ? root : "", QV_SOCKET_PATH);
   if (length < 0 || (size_t)length >= sizeof address.sun_path) return -ENAMETOOLONG;
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int fd = qv_above_stdio(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd < 0) return -errno;
   const ssize_t greeting = sizeof kGreeting - 1;
-  /* A socket that is new has room for that. */
-  if (connect(fd, (const struct sockaddr*)&address, sizeof address) == 0 &&
-      send(fd, kGreeting, (size_t)greeting, MSG_NOSIGNAL) == greeting) {
-    return fd;
-  }
-  const int error = errno ? -errno : -EIO;
+  ssize_t sent = connect(fd, (const struct sockaddr*)&address, sizeof address);
+  if (sent == 0) sent = send(fd, kGreeting, (size_t)greeting, MSG_NOSIGNAL);
+  if (sent == greeting) return fd;
+  const int error = sent < 0 ? -errno : -EIO; /* a socket that is new has room for that */
   close(fd);
   return error;
 }
@@ -180,7 +179,7 @@ static int keep(struct qv_bus* bus, const struct qv_message* message, size_t sen
   *last = (struct waiting){.length = message->length, .sent = sent, .descriptor = -1};
   memcpy(last->bytes, message->bytes, message->length);
   if (message->descriptor >= 0 && sent == 0) {
-    last->descriptor = fcntl(message->descriptor, F_DUPFD_CLOEXEC, 0);
+    last->descriptor = fcntl(message->descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (last->descriptor < 0) {
       const int error = -errno;
       free(last);

@@ -25,7 +25,9 @@
 #include <unistd.h>
 
 #include "client/bus.h"
+#include "client/descriptors.h"
 #include "client/include/quorvel.h"
+#include "client/marshal.h"
 #include "client/region.h"
 
 enum { kHandshakeMs = 2000, kWatchWaitMs = 250, kFirstRetryMs = 1000, kLastRetryMs = 60000 };
@@ -47,6 +49,20 @@ static struct {
   char name[QV_TEXT_MAX + 1];
 } self = {.epoll_fd = -1, .timer_fd = -1, .retry_ms = kFirstRetryMs};
 
+/* A thread that is cancelled within a system call here would leave the lock taken, and every fork waiting.
+ * Returns what `leave` wants. */
+static int enter(void) {
+  int cancelling;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
+  pthread_mutex_lock(&lock);
+  return cancelling;
+}
+
+static void leave(int cancelling) {
+  pthread_mutex_unlock(&lock);
+  pthread_setcancelstate(cancelling, NULL);
+}
+
 static int64_t now_ms(void) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -66,8 +82,8 @@ static void close_poll(void) {
 }
 
 static int open_poll(void) {
-  self.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
-  self.timer_fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  self.epoll_fd = qv_above_stdio(epoll_create1(EPOLL_CLOEXEC));
+  self.timer_fd = qv_above_stdio(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
   struct epoll_event event = {.events = EPOLLIN};
   if (self.epoll_fd >= 0 && self.timer_fd >= 0 &&
       epoll_ctl(self.epoll_fd, EPOLL_CTL_ADD, self.timer_fd, &event) == 0) {
@@ -213,6 +229,7 @@ static int connect_locked(int wait_ms) {
 static int copy_text(char out[QV_TEXT_MAX + 1], const char* text) {
   const size_t length = strnlen(text, QV_TEXT_MAX + 1);
   if (length > QV_TEXT_MAX) return -ENAMETOOLONG;
+  if (!qv_is_utf8(text)) return -EINVAL;
   memcpy(out, text, length);
   out[length] = '\0';
   return 0;
@@ -230,46 +247,48 @@ static int watch_locked(const char* bundle_id, const char* name) {
   if (self.state == kOff) self.watched = false;
   if (!was_ready || error < 0) return error;
   error = send_watch();
+  /* Where the connection turned out to be lost, the next one registers. */
+  if (self.state != kReady) return standing();
   if (error < 0) self.watched = false;
   return error;
 }
 
 int qv_connect(void) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   const int result = connect_locked(kHandshakeMs);
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }
 
 int qv_watch(const char* bundle_id, const char* name) {
   if (!bundle_id || !name) return -EINVAL;
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   const int result = watch_locked(bundle_id, name);
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }
 
 void qv_disconnect(void) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   drop_bus();
   close_poll();
   self.state = kOff;
   self.watched = false;
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
 }
 
 int qv_fd(void) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   const int result = self.epoll_fd >= 0 ? self.epoll_fd : -ENOTCONN;
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }
 
 int qv_process(void) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   if (self.state != kOff) step();
   const int result = standing();
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }
 
@@ -278,16 +297,16 @@ static int send_locked(enum QVCommand command, const struct qv_field* fields, si
 }
 
 int qv_send(enum QVCommand command, const struct qv_field* fields, size_t count) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   const int result = send_locked(command, fields, count);
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }
 
 int qv_unwatch(void) {
-  pthread_mutex_lock(&lock);
+  const int cancelling = enter();
   self.watched = false;
   const int result = send_locked(QV_COMMAND_STOP_WATCHING, NULL, 0);
-  pthread_mutex_unlock(&lock);
+  leave(cancelling);
   return result;
 }

@@ -68,7 +68,7 @@ static void put_length(struct writer* out, size_t at, size_t start) {
 }
 
 /* Well-formed as RFC 3629 has it: no overlong form, no surrogate, nothing above U+10FFFF. */
-static bool is_utf8(const char* text) {
+bool qv_is_utf8(const char* text) {
   for (const unsigned char* c = (const unsigned char*)text; *c;) {
     const unsigned char lead = *c++;
     if (lead < 0x80) continue;
@@ -120,7 +120,7 @@ static void put_header(struct writer* out, uint32_t serial, bool has_descriptor)
 static void put_text(struct writer* out, const char* text) {
   if (strnlen(text, QV_TEXT_MAX + 1) > QV_TEXT_MAX) {
     out->error = -ENAMETOOLONG;
-  } else if (!is_utf8(text)) {
+  } else if (!qv_is_utf8(text)) {
     out->error = -EINVAL;
   } else {
     put_string(out, text);

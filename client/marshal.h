@@ -2,6 +2,8 @@
 #ifndef QUORVEL_CLIENT_MARSHAL_H
 #define QUORVEL_CLIENT_MARSHAL_H
 
+#include <stdbool.h>
+
 #include "client/connection.h"
 
 /* More than any message of the library's comes to: it has two texts at the most. */
@@ -18,5 +20,8 @@ struct qv_message {
  * together don't fit. */
 int qv_marshal(struct qv_message* message, uint32_t serial, enum QVCommand command,
                const struct qv_field* fields, size_t count);
+
+/* Whether D-Bus takes it for a string. */
+bool qv_is_utf8(const char* text);
 
 #endif

@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "client/descriptors.h"
+
 static const struct qv_process_page kNoPage;
 static const struct qv_process_page* current_page = &kNoPage;
 static int region_fd = -1;
@@ -15,7 +17,7 @@ const struct qv_process_page* qv_page(void) {
 
 /* A descriptor of zeroed memory of the region's size, or a negative errno. */
 static int make_memory(void) {
-  const int fd = memfd_create("quorvel-hang-region", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  const int fd = qv_above_stdio(memfd_create("quorvel-hang-region", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (fd < 0) return -errno;
   if (ftruncate(fd, sizeof(QVSharedHangRegion)) < 0 ||
       fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) < 0) {

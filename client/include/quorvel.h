@@ -59,8 +59,10 @@ QV_EXPORT int qv_connect(void);
  * an application's start up for a quarter of a second at the most: -EINPROGRESS when the daemon has not
  * answered by then, and qv_process registers. The region is made first and stays until the process ends, so
  * marks work the same whatever this returns; with no daemon nobody reads them. `bundle_id` names the
- * application in reports, `name` this process in the daemon's log. -EALREADY when watched already; what
- * memfd_create(2), mmap(2) or madvise(2) say when there can be no region: then marks do nothing. */
+ * application in reports, `name` this process in the daemon's log. -EALREADY when watched already, -EINVAL
+ * and -ENAMETOOLONG for texts that are no UTF-8 or too long, -ENOBUFS, -ENOMEM and -EMFILE when connected and
+ * there is no room for the message: these leave it unwatched; what memfd_create(2), mmap(2) or madvise(2) say
+ * when there can be no region: then marks do nothing. */
 QV_EXPORT int qv_watch(const char* bundle_id, const char* name);
 
 /* Has the daemon watch this process no longer; the connection stays. Operations in flight are forgotten by

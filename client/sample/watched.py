@@ -16,6 +16,7 @@ import time
 
 SOCKET = os.environ.get("QUORVELD_ROOT", "") + "/run/quorveld/com.corvix.quorveld"
 SLOTS, SLOT_BYTES, FIRST_SLOT = 20, 360, 8
+FIRST_WAIT, LAST_WAIT = 1, 60  # seconds between tries: nobody's connecting starts a daemon every second that has nothing to do
 F_ADD_SEALS, F_SEAL_SHRINK, F_SEAL_GROW = 1033, 2, 4
 
 
@@ -59,15 +60,24 @@ def call(serial, path, interface, member, body=b"", descriptors=0):
     return padded(start + header, 8) + body
 
 
+def read_line(connection):
+    line = b""
+    while not line.endswith(b"\n") and len(line) < 256:
+        line += connection.recv(1) or b"\n"
+    return line
+
+
 def connect():
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    connection.settimeout(2)  # a daemon that hangs must not hang this
     connection.connect(SOCKET)
     uid = str(os.getuid()).encode().hex().encode()
     for line, answer in ((b"\0AUTH EXTERNAL " + uid, b"OK"), (b"NEGOTIATE_UNIX_FD", b"AGREE_UNIX_FD")):
         connection.sendall(line + b"\r\n")
-        if not connection.recv(256).startswith(answer):
+        if not read_line(connection).startswith(answer):
             raise ConnectionError("the daemon refused " + line.decode())
     connection.sendall(b"BEGIN\r\n" + call(1, "/org/freedesktop/DBus", "org.freedesktop.DBus", "Hello"))
+    connection.settimeout(None)
     return connection
 
 
@@ -106,6 +116,7 @@ class Watched:
         self.names = {"bundle-id": ("s", bundle_id), "name": ("s", name)}
         self.connection = None
         self.next_try = 0
+        self.wait = FIRST_WAIT
         self.process()
 
     def process(self):
@@ -113,15 +124,18 @@ class Watched:
         if self.connection and self.is_closed():
             self.connection.close()
             self.connection = None
+            self.next_try = time.monotonic() + FIRST_WAIT
         if self.connection or time.monotonic() < self.next_try:
             return
-        self.next_try = time.monotonic() + 1
+        self.next_try = time.monotonic() + self.wait
+        self.wait = min(2 * self.wait, LAST_WAIT)
         try:
             self.connection = connect()
             body = dictionary({"command": ("x", 1), "shmem": ("h", 0), **self.names})
             message = call(2, "/com/corvix/quorveld", "com.corvix.quorveld", "Message", body, descriptors=1)
             sent = socket.send_fds(self.connection, [message], [self.region.descriptor])
             self.connection.sendall(message[sent:])
+            self.wait = FIRST_WAIT
         except OSError:  # nobody there, or no longer
             self.connection = None
 

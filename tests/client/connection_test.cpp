@@ -237,6 +237,38 @@ TEST(Connection, AfterEachLossTheNextTryComesWithinASecond) {
   EXPECT_LT(last, 4s) << "a wait that doubles has grown to 8 s";
 }
 
+TEST(Connection, ATryToBeWatchedThatCannotSucceedLeavesTheNextOneFree) {
+  FakeDaemon daemon;
+  daemon.start();
+  EXPECT_EQ(qv_watch("caf\xe9", "viewer"), -EINVAL);
+  EXPECT_EQ(qv_watch("org.example.viewer", std::string(QV_TEXT_MAX + 1, 'x').c_str()), -ENAMETOOLONG);
+  ASSERT_EQ(qv_connect(), 0);
+  daemon.stop();
+  // Nothing has noticed yet that the connection is lost.
+  EXPECT_LT(qv_watch("org.example.viewer", "viewer"), 0);
+  EXPECT_EQ(qv_watch("org.example.viewer", "viewer"), -EALREADY) << "the next connection registers";
+  daemon.start();
+  EXPECT_TRUE(processUntil([&] { return daemon.memory() >= 0; }));
+}
+
+/// A child without standard streams, which then opens some of its own.
+TEST(Connection, NothingThatAnApplicationPrintsGoesToTheDaemon) {
+  FakeDaemon daemon;
+  daemon.start();
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(quorveld::tests::kPatience.count());
+    close_range(0, 2, 0);
+    if (watchPatiently("org.example.child", "child") != 0) _exit(1);
+    for (int fd = 0; fd <= 2; ++fd)
+      if (fcntl(fd, F_GETFD) >= 0) _exit(2);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
 TEST(Connection, AForkedChildHoldsNoConnectionOpen) {
   FakeDaemon daemon;
   daemon.start();

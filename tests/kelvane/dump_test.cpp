@@ -140,15 +140,15 @@ TEST(Dump, WithoutNamesFramesSayModuleOffsetAndBuildId) {
 
 TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
   HangTarget victim("mutex");
-  const Dump dump = dumpOf(victim.pid(), victim.thread());
-  Json lock = dump.report["metadata"]["verdict"];
+  const Dump hung = dumpOf(victim.pid(), victim.thread());
+  Json lock = hung.report["metadata"]["verdict"];
   EXPECT_EQ(lock["cause"], "lock") << lock;
   ASSERT_EQ(lock["chain"].size(), 2u) << lock;
   EXPECT_EQ(lock["chain"][0]["waitsFor"]["tid"], victim.pid()) << "the main thread took it";
   EXPECT_EQ(lock["chain"][1]["culprit"], "slept") << lock;
-  EXPECT_STREQ(dump.finding.cause, "lock");
-  EXPECT_EQ(dump.finding.culprit, lock["chain"][1]["name"].get<std::string>());
-  EXPECT_EQ(dump.finding.signature, dump.report["metadata"]["signature"].get<std::string>());
+  EXPECT_STREQ(hung.finding.cause, "lock");
+  EXPECT_EQ(hung.finding.culprit, lock["chain"][1]["name"].get<std::string>());
+  EXPECT_EQ(hung.finding.signature, hung.report["metadata"]["signature"].get<std::string>());
 
   // A process that waits for this one, through each end in turn: a byte in a pipe, an answer through a
   // socket.
