@@ -57,12 +57,15 @@ TEST(ReportPage, DrawsSampledStacksAsBoxesAsWideAsTheirTime) {
 "5":{"name":"parse","parent":"4"},"6":{"name":"save","parent":"3"},
 "7":{"name":"futex_wait","category":"kernel","parent":"6"},)");
   const std::string page = pageOf(text);
-  const std::regex shape(
-      "<div class=\"flame\"[^]*main</span><ul><li style=\"width:66.67%\">[^]*crunch</span>"
-      "<ul><li style=\"width:100.00%\">[^]*parse</span></li>\n</ul></li>\n"
-      "<li style=\"width:33.33%\">[^]*save</span>[^]*futex_wait</span></li>[^]*"
-      "<li style=\"width:10.00%\">[^]*\\(not seen\\)</span></li>\n</ul>");
-  EXPECT_TRUE(std::regex_search(page, shape)) << page.substr(page.find("<div class=\"flame\""), 2'000);
+  size_t at = 0;  // by hand: a regular expression over a whole page takes more stack than a sanitizer leaves
+  for (const char* next :
+       {"<div class=\"flame\"", "main</span><ul><li style=\"width:66.67%\">",
+        "crunch</span><ul><li style=\"width:100.00%\">",
+        "parse</span></li>\n</ul></li>\n<li style=\"width:33.33%\">", "save</span>", "futex_wait</span></li>",
+        "<li style=\"width:10.00%\">", "(not seen)</span></li>\n</ul>"}) {
+    at = page.find(next, at);
+    ASSERT_NE(at, std::string::npos) << next << page.substr(page.find("<div class=\"flame\""), 2'000);
+  }
   EXPECT_EQ(page.find(">_start</span>"), std::string::npos) << "what all stacks begin with";
   EXPECT_NE(page.find("tabindex=\"0\" role=\"img\" style=\"--cpu:83.3%;--ready:100.0%\" "
                       "aria-label=\"parse: 60 %, on a CPU for 5 ms, ready for 1 ms\""),
