@@ -73,8 +73,8 @@ typedef struct kelvane_finding {
   char signature[24];
 } kelvane_finding;
 
-/* What the last report says, all empty if there was none or it has no verdict. Optional: a library may lack
- * it. Called by the thread that dumps. */
+/* What the calling thread's last report says, all empty if there was none or it has no verdict. Optional: a
+ * library may lack it. */
 typedef void (*kelvane_finding_function)(kelvane_finding* finding);
 
 #ifdef KELVANE_BUILD

@@ -38,7 +38,7 @@ SamplerProgram& sampler() {
   return program;
 }
 
-kelvane_finding lastFinding{};
+thread_local kelvane_finding lastFinding{};  // several threads may dump at once
 
 bool dump(int fd, const kelvane_options* options) {
   lastFinding = {};

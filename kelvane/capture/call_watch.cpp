@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "kelvane/base/deadline.h"
@@ -110,6 +111,7 @@ std::optional<SystemCall> CallReader::vainTryIn(std::span<const std::byte> recor
     if (header->size < sizeof *header || header->size > records.size()) break;
     const auto record = records.first(header->size);
     constexpr size_t kRawAt = sizeof *header + sizeof(uint32_t);  // behind its length
+    if (header->type == PERF_RECORD_LOST) begun_ = {};            // its end may be among them
     if (header->type == PERF_RECORD_SAMPLE && record.size() > kRawAt) {
       if (const auto call = take(record.subspan(kRawAt))) return call;
     }
@@ -130,8 +132,9 @@ std::optional<SystemCall> CallReader::take(std::span<const std::byte> event) {
     return std::nullopt;
   }
   const auto result = valueAt<int64_t>(event, kRestAt);
-  const bool isEnd = *id == ids_.exit && result && *number == begun_.number;
-  return isEnd && isVainTry(begun_, *result) ? std::optional(begun_) : std::nullopt;
+  const SystemCall begun = std::exchange(begun_, {});
+  const bool isEnd = *id == ids_.exit && result && *number == begun.number;
+  return isEnd && isVainTry(begun, *result) ? std::optional(begun) : std::nullopt;
 }
 
 std::optional<SystemCall> awaitVainTry(pid_t tid, std::chrono::milliseconds longest, int& error) {

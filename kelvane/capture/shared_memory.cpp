@@ -10,6 +10,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
+#include "kelvane/capture/thread_process.h"
 #include "kelvane/threads/thread_facts.h"
 
 namespace kelvane {
@@ -55,13 +56,6 @@ std::string pidNamespace(int dirFd, const std::string& path) {
   char text[64];
   const ssize_t length = readlinkat(dirFd, path.c_str(), text, sizeof text);
   return length < 0 ? std::string() : std::string(text, static_cast<size_t>(length));
-}
-
-/// The process of the thread that /proc calls `tid`; 0: there is none.
-pid_t processOf(pid_t tid) {
-  const std::string status = "/proc/" + std::to_string(tid) + "/status";
-  return static_cast<pid_t>(
-      parseStatusNumber(readFileAt(AT_FDCWD, status.c_str(), kMaxProcFileBytes).text, "Tgid"));
 }
 
 }  // namespace

@@ -16,11 +16,15 @@ std::string readProc(int32_t id, const char* file) {
 
 }  // namespace
 
+pid_t processOf(pid_t tid) {
+  return static_cast<pid_t>(parseStatusNumber(readProc(tid, "status"), "Tgid"));
+}
+
 void findProcess(NamedThread& thread) {
   // proc(5): a thread's directory is there even if it is no process's first.
   auto stat = parseStat(readProc(thread.tid, "stat"));
   if (!stat || stat->comm != thread.name) return;
-  auto pid = static_cast<pid_t>(parseStatusNumber(readProc(thread.tid, "status"), "Tgid"));
+  const pid_t pid = processOf(thread.tid);
   auto process = pid == 0 ? std::nullopt : parseStat(readProc(pid, "stat"));
   if (!process) return;
   thread.pid = pid;

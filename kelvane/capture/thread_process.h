@@ -21,4 +21,7 @@ struct NamedThread {
 /// recorded: its id may have passed to another since.
 void findProcess(NamedThread& thread);
 
+/// The process of the thread that /proc calls `tid`; 0: there is none.
+pid_t processOf(pid_t tid);
+
 }  // namespace kelvane

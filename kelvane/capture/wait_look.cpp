@@ -20,6 +20,7 @@
 #include "kelvane/capture/likely_thread.h"
 #include "kelvane/capture/server_wait.h"
 #include "kelvane/capture/surroundings.h"
+#include "kelvane/capture/thread_process.h"
 #include "kelvane/capture/wait_time.h"
 #include "kelvane/waits/follow_waits.h"
 
@@ -103,10 +104,11 @@ class Looker final : public WaitSource {
 
   static std::optional<PartyWait> tracerWait(const WaitParty& party) {
     if (party.facts.state != 't' || party.facts.tracerPid == 0) return std::nullopt;
+    // It is the very thread that traces, whatever proc(5) calls it.
+    const pid_t tracer = party.facts.tracerPid;
     PartyWait wait{party.facts.tid, WaitKind::tracer, {}, {}};
-    if (const auto thread = likelyThread(party.facts.tracerPid, 0, nullptr))
-      wait.holders = {{party.facts.tracerPid, thread->tid,
-                       thread->isOnly ? Sureness::certain : Sureness::likely, "TracerPid"}};
+    if (const pid_t process = processOf(tracer); process > 0)
+      wait.holders = {WaitHolder{process, tracer, Sureness::certain, "TracerPid"}};
     return wait;
   }
 

@@ -95,6 +95,7 @@ uint64_t timeLeftNs(const WaitParty& party) {
     case SYS_select: {
       timeval time{};
       if (readOther(party.pid, call.arguments[4], &time, sizeof time) != sizeof time) return 0;
+      if (time.tv_usec < 0 || time.tv_usec >= 1'000'000) return 0;
       return static_cast<uint64_t>(nsOf({time.tv_sec, time.tv_usec * 1'000}));
     }
 #endif

@@ -239,6 +239,7 @@ void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict)
   findings.lastSleepNs = findings.sleeps.likeTheLookNs = sampled.likeTheLookNs;
   // What the thread waits for at the look is none of what was sampled.
   if (!findings.stillAsleep) findings.chain.reset();
+  if (findings.chain) addRival(evidence, *findings.chain);
   verdict.phases = phasesOf(evidence, findings);
 }
 

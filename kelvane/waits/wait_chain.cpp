@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 
 namespace kelvane {
 namespace {
@@ -25,13 +26,24 @@ std::optional<WaitHolder> knownHolder(const WaitGraph& graph, const std::optiona
   return found == wait->holders.end() ? std::nullopt : std::optional(*found);
 }
 
-/// Whether the link's party can't go on before its holder does. Of a lock on a file it is the holder's
-/// process that has it: the thread of that which waits for another such lock is as good as its owner.
-bool isHeldFast(const ChainLink& link) {
-  const Sureness least =
-      link.wait && link.wait->kind == WaitKind::fileLock ? Sureness::likely : Sureness::certain;
-  return link.holder && link.holder->sureness <= least && link.wait->holders.size() == 1 && link.watch &&
-         !link.watch->moved;
+bool isFileLock(const ChainLink& link) {
+  return link.wait && link.wait->kind == WaitKind::fileLock;
+}
+
+/// Whether the link's party can't go on before its holder, of whom the next link is, does. Of a lock on a
+/// file it is the holder's process that has it: the thread of that which waits for another such lock is as
+/// good as its owner. Who tries and sleeps is free to go on.
+bool isHeldFast(const ChainLink& link, const ChainLink& next) {
+  const Sureness least = isFileLock(link) && isFileLock(next) ? Sureness::likely : Sureness::certain;
+  return link.holder && link.holder->sureness <= least && link.wait->holders.size() == 1 &&
+         !link.wait->isRetried && link.watch && !link.watch->moved;
+}
+
+bool isDeadlock(std::span<const ChainLink> circle) {
+  for (size_t i = 0; i < circle.size(); i++) {
+    if (!isHeldFast(circle[i], circle[(i + 1) % circle.size()])) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -81,7 +93,7 @@ WaitChain chainFrom(const WaitGraph& graph, pid_t hungThread) {
     });
     party = partyOf(graph, link.holder->tid);
     if (before == chain.links.end()) continue;
-    if (std::all_of(before, chain.links.end(), isHeldFast)) {
+    if (isDeadlock({before, chain.links.end()})) {
       chain.deadlockFrom = static_cast<size_t>(before - chain.links.begin());
     } else {
       link.holder.reset();  // two moments that don't belong together, or a wait that others can end too

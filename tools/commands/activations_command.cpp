@@ -50,12 +50,15 @@ void showByApp(Context& context, const ActivationReader& reader, const std::stri
   constexpr double kReferenceDate = 978'307'200;  // 2001-01-01 00:00:00 UTC in Unix time
   const double now = static_cast<double>(std::time(nullptr)) - kReferenceDate;
   const auto apps = launchesByApp(reader.activations(), now);
-  if (context.json) {
-    std::fputs(jsonText(launchesByAppJson(apps)).c_str(), stdout);
-  } else if (apps.empty()) {
-    std::puts("no launch recorded yet that has come up");
+  constexpr const char* kNone = "no launch recorded yet that has come up";
+  if (!html.empty() && apps.empty()) {
+    context.fail(kNone);
   } else if (!html.empty()) {
     writeOutput(context, html, launchesPage(apps, now));
+  } else if (context.json) {
+    std::fputs(jsonText(launchesByAppJson(apps)).c_str(), stdout);
+  } else if (apps.empty()) {
+    std::puts(kNone);
   } else {
     std::fputs(launchesByAppText(apps).c_str(), stdout);
   }

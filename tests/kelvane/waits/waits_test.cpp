@@ -94,7 +94,9 @@ TEST(Waits, ACircleIsADeadlockIfNobodyInItCanGoOn) {
   EXPECT_EQ(threads.way(), "1 2 3");
   threads.waits(3, WaitKind::peer, {2, 8});  // somebody else can end it
   EXPECT_EQ(threads.way(), "1 2 3");
-  threads.waits(3, WaitKind::fileLock, {2}, Sureness::likely);  // its process has the lock
+  threads.waits(3, WaitKind::fileLock, {2}, Sureness::likely);  // its process has the lock, and other threads
+  EXPECT_EQ(threads.way(), "1 2 3");
+  threads.waits(2, WaitKind::fileLock, {3});
   EXPECT_EQ(threads.way(), "1 2 3 > 2");
   threads.waits(3, WaitKind::fileLock, {2}, Sureness::guess);
   EXPECT_EQ(threads.way(), "1 2 3");
