@@ -30,6 +30,16 @@ Recording recordingOf(const TickSpan& hang, uint64_t lookNs) {
   return recording;
 }
 
+/// Whether the thread had a CPU between the two looks, rather than waited for one. Whoever shares a limited
+/// amount of CPU time is as often kept from an idle CPU.
+bool hadCpu(const Report& report, const Surroundings& before, const Surroundings& after) {
+  const auto& threads = report.process.threads;
+  if (threads.empty() || threads.front().facts.state != 'R' || after.limits.quota) return false;
+  if (!before.schedule || !after.schedule || before.thread != after.thread) return false;
+  return after.schedule->ranNs - before.schedule->ranNs >
+         after.schedule->waitedNs - before.schedule->waitedNs;
+}
+
 /// Nothing for a hang that is yet to come.
 std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, const Pressure& pressure,
                                  const Surroundings& before, const Surroundings& after,
@@ -70,6 +80,7 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
   if (request.hang) {
     const Surroundings after =
         request.pid ? readSurroundings(*request.pid, report.process.hungThread) : Surroundings{};
+    if (hadCpu(report, before, after)) addMissingArrival(report.recording, report.process.hungThread);
     report.verdict = verdictOn(*request.hang, report, pressure, before, after, deadline);
   }
   report.captureNs = monotonicNs() - report.capturedAtNs;

@@ -14,4 +14,8 @@ namespace kelvane {
 /// knows: that time stays unknown.
 void addMissingSwitches(Recording& recording);
 
+/// The same for a thread that has a CPU at the recording's end: no later event shows it there. Does nothing
+/// if its own events don't leave it ready to run, or no CPU was idle in the end that it can have come to.
+void addMissingArrival(Recording& recording, int32_t tid);
+
 }  // namespace kelvane

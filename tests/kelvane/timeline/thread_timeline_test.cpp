@@ -62,6 +62,31 @@ TEST(ThreadTimeline, ASwitchFromIdleThatTheKernelKeptBackIsMadeUp) {
             (TimeByState{8'000 * kMs, 1'000 * kMs, 2'000 * kMs, 0, 0, 0}));
 }
 
+TEST(ThreadTimeline, AThreadThatHasACpuInTheEndCameToOneThatWasIdle) {
+  MadeUpMachine machine;
+  machine.switches(1'000, kHog, 'S', kApp);
+  machine.switches(2'000, kApp, 'R', kHog);
+  machine.switches(2'500, kLogger, 'S', 0, 1);  // where it doesn't come from
+  machine.switches(3'000, kHog, 'S', 0);
+  const TimeByState kept = timeByState(machine.timeline(), 0, 11'000 * kMs);
+  machine.arrived(kWorker);  // of which nothing is recorded
+  EXPECT_EQ(timeByState(machine.timeline(), 0, 11'000 * kMs), kept);
+  machine.arrived(kApp);
+  EXPECT_EQ(timeByState(machine.timeline(), 0, 11'000 * kMs),
+            (TimeByState{9'000 * kMs, 2'000 * kMs, 0, 0, 0, 0}));
+  EXPECT_EQ(machine.timeline().back().cpu, 0);
+  machine.arrived(kApp);  // it runs already
+  EXPECT_EQ(machine.timeline().back().fromNs, 3'000 * kMs);
+
+  MadeUpMachine elsewhere;
+  elsewhere.switches(1'000, kApp, 'S', kHog);
+  elsewhere.switches(1'500, kLogger, 'S', 0, 1);
+  elsewhere.wakes(2'000, kHog, kApp);  // on the CPU that the hog keeps
+  elsewhere.arrived(kApp);
+  EXPECT_EQ(elsewhere.timeline().back().cpu, 1);
+  EXPECT_EQ(elsewhere.timeline().back().fromNs, 2'000 * kMs);
+}
+
 TEST(ThreadTimeline, AThreadWithoutEventsIsJudgedByTheLook) {
   MadeUpMachine machine;
   EXPECT_EQ(machine.timeline().front().state, ThreadState::sleeping);

@@ -58,6 +58,7 @@ class MadeUpMachine {
   void withoutRecorder() { recording_ = {}; }
   std::unordered_map<int32_t, std::string>& names() { return recording_.threadNames; }
   void addMissing() { addMissingSwitches(recording_); }
+  void arrived(int tid) { addMissingArrival(recording_, tid); }
   ThreadFacts& look() { return process.threads[0].facts; }
 
   std::string cpuRuns() const {
