@@ -28,9 +28,8 @@ int qv_bus_process(struct qv_bus* bus);
 bool qv_bus_is_ready(const struct qv_bus* bus);
 
 /* Sends one message, or queues it. -ENOBUFS when QV_MESSAGES_MAX wait already, -EINVAL and -ENAMETOOLONG for
- * its texts, -ENOMEM and -EMFILE where there is no room to queue it; any other error is a lost connection's,
- * and
- * `*is_lost` tells so. */
+ * its texts, -ENOMEM and -EMFILE where there is no room to queue it; any other error is a lost
+ * connection's, and `*is_lost` tells so. */
 int qv_bus_send(struct qv_bus* bus, enum QVCommand command, const struct qv_field* fields, size_t count,
                 bool* is_lost);
 
