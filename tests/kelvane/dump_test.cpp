@@ -168,16 +168,16 @@ TEST(Dump, NamesWhoHoldsWhatTheThreadWaitsFor) {
     for (int look = 0; look < 2; look++) {
       Json verdict;
       Dump dump;
+      // This process is in the call that makes the report. It must stop for its stack, which a busy machine
+      // may not let it do in time.
       EXPECT_TRUE(eventually([&] {
         dump = dumpOf(child, child);
         verdict = dump.report["metadata"]["verdict"];
-        return verdict["cause"] == "peer";
-      })) << verdict;
-      // This process is in the call that makes the report.
-      const Json culprit = dump.thread(getpid());
-      EXPECT_EQ(culprit["pid"], getpid()) << dump.text;
-      const bool isShown = contains(dump.stackOf(getpid()), "main") && culprit.contains("frames");
-      EXPECT_TRUE(isShown || (geteuid() != 0 && culprit.contains("noStack"))) << culprit;
+        const Json culprit = dump.thread(getpid());
+        const bool isShown = contains(dump.stackOf(getpid()), "main") && culprit.contains("frames");
+        return verdict["cause"] == "peer" && culprit.is_object() && culprit["pid"] == getpid() &&
+               (isShown || (geteuid() != 0 && culprit.contains("noStack")));
+      })) << dump.text;
       expectOpensInViewers(dump.report);
       EXPECT_EQ(verdict["chain"][1]["pid"], getpid()) << verdict;
       EXPECT_EQ(verdict["chain"][0]["waitsFor"]["object"], std::string("a ") + through);

@@ -60,6 +60,13 @@ uint64_t cpuTimeNs(pid_t pid) {
   return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
+/// How often the thread has waited.
+uint64_t waitsOf(const HangTarget& target) {
+  const std::string path = "/proc/" + std::to_string(target.thread()) + "/status";
+  const auto status = kelvane::readFileAt(AT_FDCWD, path.c_str(), kelvane::kMaxProcFileBytes);
+  return kelvane::parseStatusNumber(status.text, "voluntary_ctxt_switches");
+}
+
 /// Why this process can't sample itself; empty: it can.
 std::string whyNoSampling() {
   int error = 0;
@@ -81,16 +88,19 @@ TEST(Sampling, AHangThatComputesAndWaitsIsToldWithItsShares) {
   Dump dump;
   Json table;
   double cpuShare = 0;
-  // The header's hang is one of the last 1.5 seconds. The sampler may need a moment to begin.
+  // The header's hang is one of the last 1.5 seconds. The sampler may need a moment to begin, and who is
+  // hardly given a CPU to come to its next wait.
   EXPECT_TRUE(eventually([&] {
+    const uint64_t waitsBefore = waitsOf(victim);
     const uint64_t cpuBefore = cpuTimeNs(victim.pid());
     const uint64_t before = kelvane::monotonicNs();
     std::this_thread::sleep_for(1500ms);
+    const uint64_t waits = waitsOf(victim) - waitsBefore;
     dump = dumpOf(victim.pid(), victim.thread());
     cpuShare = static_cast<double>(cpuTimeNs(victim.pid()) - cpuBefore) /
                static_cast<double>(kelvane::monotonicNs() - before);
     table = dump.report["metadata"].value("sampled", Json());
-    return table.is_object() && table["durationMs"] > 1450;
+    return table.is_object() && table["durationMs"] > 1450 && waits > 1;
   })) << table;
   expectOpensInViewers(dump.report);
 
