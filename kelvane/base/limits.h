@@ -59,6 +59,8 @@ inline constexpr std::chrono::milliseconds kFileWait{500};
 // The process named by the header.
 
 inline constexpr size_t kMaxThreadsCounted = 65'536;
+/// How long a thread is searched for by the id that its process calls it in a PID namespace of its own.
+inline constexpr std::chrono::milliseconds kThreadSearch{100};
 inline constexpr size_t kMaxThreadsListed = 1'024;
 inline constexpr size_t kMaxThreadsWithStack = 256;
 inline constexpr size_t kMaxStackBytes = size_t{64} * 1024;
@@ -132,17 +134,19 @@ inline constexpr std::chrono::milliseconds kSettleTime{50};
 /// CPU; and how many times more for who has had none.
 inline constexpr std::chrono::milliseconds kWatchTime{40};
 inline constexpr int kMoreWatches = 4;
-/// How often, and after what time each, the hung thread is looked at again that was awake, but is mostly asleep.
+/// How often, and after what time each, the hung thread is looked at again that was awake, but is mostly
+/// asleep.
 inline constexpr int kMoreLooks = 5;
 inline constexpr std::chrono::milliseconds kBetweenLooks{2};
 /// Threads of a process among whom whoever is to give a signal may be.
 inline constexpr size_t kMaxWaitCandidates = 12;
 /// Threads of other processes on the way to the culprit of whom stacks are taken, from that one on.
 inline constexpr size_t kMaxOtherStacks = 6;
-/// How long a sleep may last that is looked at for what the thread tries between two of them, and so how long
-/// it is watched; and how long all threads of a graph.
-inline constexpr std::chrono::milliseconds kTryWatch{200};
-inline constexpr std::chrono::milliseconds kAllTriesWatch{400};
+/// How long a sleep may last that is looked at for what the thread tries between two of them; how long it is
+/// watched for that, for a sleep in between, and all threads of a graph.
+inline constexpr std::chrono::milliseconds kMaxTrySleep{200};
+inline constexpr std::chrono::milliseconds kTryWatch{400};
+inline constexpr std::chrono::milliseconds kAllTriesWatch{600};
 /// The kernel's, for what it writes of a watched thread's system calls; a power of two.
 inline constexpr size_t kCallRingBytes = size_t{64} * 1024;
 

@@ -21,6 +21,7 @@
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
+#include "kelvane/capture/wait_time.h"
 
 namespace kelvane {
 namespace {
@@ -106,18 +107,29 @@ bool isVainTry(const SystemCall& call, int64_t result) {
   }
 }
 
-std::optional<SystemCall> CallReader::vainTryIn(std::span<const std::byte> records) {
+std::optional<SystemCall> CallReader::repeatedTryIn(std::span<const std::byte> records) {
   while (const auto header = valueAt<perf_event_header>(records, 0)) {
     if (header->size < sizeof *header || header->size > records.size()) break;
     const auto record = records.first(header->size);
     constexpr size_t kRawAt = sizeof *header + sizeof(uint32_t);  // behind its length
     if (header->type == PERF_RECORD_LOST) begun_ = {};            // its end may be among them
     if (header->type == PERF_RECORD_SAMPLE && record.size() > kRawAt) {
-      if (const auto call = take(record.subspan(kRawAt))) return call;
+      if (const auto call = take(record.subspan(kRawAt)); call && isRepeated(*call)) return call;
     }
     records = records.subspan(header->size);
   }
   return std::nullopt;
+}
+
+bool CallReader::isRepeated(const SystemCall& vainTry) {
+  // What it asks of is in the first argument.
+  const bool isSame =
+      tried_ && tried_->number == vainTry.number && tried_->arguments[0] == vainTry.arguments[0];
+  if (isSame && hasSlept_) return true;
+  // Of several things that are tried at a time, the first stands for all.
+  if (!tried_ || hasSlept_) tried_ = vainTry;
+  hasSlept_ = false;
+  return false;
 }
 
 std::optional<SystemCall> CallReader::take(std::span<const std::byte> event) {
@@ -129,6 +141,7 @@ std::optional<SystemCall> CallReader::take(std::span<const std::byte> event) {
     begun_.number = *number;
     for (size_t i = 0; i < begun_.arguments.size(); i++)
       begun_.arguments[i] = valueAt<uint64_t>(event, kRestAt + 8 * i).value_or(0);
+    if (onlySleeps(begun_)) hasSlept_ = true;
     return std::nullopt;
   }
   const auto result = valueAt<int64_t>(event, kRestAt);
@@ -137,7 +150,7 @@ std::optional<SystemCall> CallReader::take(std::span<const std::byte> event) {
   return isEnd && isVainTry(begun, *result) ? std::optional(begun) : std::nullopt;
 }
 
-std::optional<SystemCall> awaitVainTry(pid_t tid, std::chrono::milliseconds longest, int& error) {
+std::optional<SystemCall> awaitRepeatedTry(pid_t tid, std::chrono::milliseconds longest, int& error) {
   const CallEventIds ids{eventId("sys_enter"), eventId("sys_exit")};
   error = ids.enter == 0 || ids.exit == 0 ? ENODEV : 0;
   if (error != 0) return std::nullopt;
@@ -152,7 +165,7 @@ std::optional<SystemCall> awaitVainTry(pid_t tid, std::chrono::milliseconds long
   while (!over.passed()) {
     pollfd written{enter.get(), POLLIN, 0};
     if (poll(&written, 1, over.leftMs()) < 0) break;
-    if (const auto call = reader.vainTryIn(ring.take())) return call;
+    if (const auto call = reader.repeatedTryIn(ring.take())) return call;
     // The thread has ended.
     if ((written.revents & (POLLHUP | POLLERR)) != 0) break;
   }

@@ -22,23 +22,29 @@ struct CallEventIds {
 /// a child.
 bool isVainTry(const SystemCall& call, int64_t result);
 
-/// Goes through what the kernel has written of a thread's system calls, piece by piece as it comes.
+/// Goes through what the kernel has written of a thread's system calls, piece by piece as it comes. A try is
+/// repeated if the thread has slept since the first one, and nobody but time ended that.
 class CallReader {
  public:
   explicit CallReader(CallEventIds ids) : ids_(ids) {}
-  /// Whole records of perf_event_open(2), each with PERF_SAMPLE_RAW alone. The first vain try in them.
-  std::optional<SystemCall> vainTryIn(std::span<const std::byte> records);
+  /// Whole records of perf_event_open(2), each with PERF_SAMPLE_RAW alone. The first vain try in them that is
+  /// one of the same thing again.
+  std::optional<SystemCall> repeatedTryIn(std::span<const std::byte> records);
 
  private:
+  /// The vain try that the event is the end of.
   std::optional<SystemCall> take(std::span<const std::byte> event);
+  bool isRepeated(const SystemCall& vainTry);
 
   const CallEventIds ids_;
   SystemCall begun_;
+  std::optional<SystemCall> tried_;  // in vain, before
+  bool hasSlept_ = false;            // since then
 };
 
-/// Watches what system calls the thread makes until one is a vain try, for `longest` at most. The thread is
-/// neither stopped nor woken. Nothing if it makes none, or if that can't be watched: `error` is 0, or an
+/// Watches what system calls the thread makes until one is a repeated try, for `longest` at most. The thread
+/// is neither stopped nor woken. Nothing if it makes none, or if that can't be watched: `error` is 0, or an
 /// errno value then.
-std::optional<SystemCall> awaitVainTry(pid_t tid, std::chrono::milliseconds longest, int& error);
+std::optional<SystemCall> awaitRepeatedTry(pid_t tid, std::chrono::milliseconds longest, int& error);
 
 }  // namespace kelvane

@@ -23,31 +23,47 @@ bool isLockCall(const SystemCall& call) {
          (call.number == SYS_fcntl && (command == F_SETLKW || command == F_OFD_SETLKW));
 }
 
-std::string fdinfo(const std::string& process, int fd) {
-  const std::string path = process + "/fdinfo/" + std::to_string(fd);
-  return readFileAt(AT_FDCWD, path.c_str(), kMaxProcFileBytes).text;
+std::string fdinfo(int processDir, int fd) {
+  const std::string path = "fdinfo/" + std::to_string(fd);
+  return readFileAt(processDir, path.c_str(), kMaxProcFileBytes).text;
 }
 
-/// Who has the file open with a lock on it, where the lock doesn't tell a process.
-std::vector<pid_t> processesWithLock(const std::string& link, uint64_t inode, DescriptorIndex& index) {
+bool isOnSameFile(const FileLock& one, const FileLock& other) {
+  return one.inode == other.inode && one.device == other.device;
+}
+
+/// Who has the file of `lock`, which the process itself calls `link`, open with a lock on it, where that one
+/// doesn't tell a process.
+std::vector<pid_t> processesWithLock(const std::string& link, const FileLock& lock, DescriptorIndex& index) {
   std::vector<pid_t> pids;
   for (const auto& descriptor : index.withLink(link)) {
-    const std::string info = fdinfo("/proc/" + std::to_string(descriptor.pid), descriptor.fd);
-    if (parseStatusNumber(info, "ino") != inode || info.find("lock:\t") == std::string::npos) continue;
-    if (std::find(pids.begin(), pids.end(), descriptor.pid) == pids.end()) pids.push_back(descriptor.pid);
+    if (std::find(pids.begin(), pids.end(), descriptor.pid) != pids.end()) continue;
+    const std::string path =
+        "/proc/" + std::to_string(descriptor.pid) + "/fdinfo/" + std::to_string(descriptor.fd);
+    const auto own = parseFileLocks(readFileAt(AT_FDCWD, path.c_str(), kMaxProcFileBytes).text);
+    if (std::any_of(own.begin(), own.end(), [&](const FileLock& one) { return isOnSameFile(one, lock); }))
+      pids.push_back(descriptor.pid);
   }
   return pids;
 }
 
 struct LockedFile {
   uint64_t inode = 0;
+  std::optional<DeviceNumber> device;  // nothing: it was opened through a mount that its process doesn't see
   std::string link;
+
+  bool hasLock(const FileLock& lock) const {
+    return lock.inode == inode && (!device || lock.device == *device);
+  }
 };
 
 /// The file that the call works on.
-LockedFile fileOf(int processDir, pid_t pid, const SystemCall& call) {
+LockedFile fileOf(int processDir, const SystemCall& call) {
   const auto fd = static_cast<int>(call.arguments[0]);
-  return {parseStatusNumber(fdinfo("/proc/" + std::to_string(pid), fd), "ino"),
+  const std::string info = fdinfo(processDir, fd);
+  const std::vector<Mount> mounts = readMounts(processDir);
+  const Mount* mount = mountOfDescriptor(mounts, info);
+  return {parseStatusNumber(info, "ino"), mount ? std::optional(mount->device) : std::nullopt,
           descriptorLink(processDir, "fd/" + std::to_string(fd))};
 }
 
@@ -55,12 +71,12 @@ std::vector<FileLock> currentLocks() {
   return parseFileLocks(readFileAt(AT_FDCWD, "/proc/locks", kMaxNetTableBytes).text);
 }
 
-void addHolders(PartyWait& wait, const FileLock& lock, const LockedFile& file, pid_t self,
+void addHolders(PartyWait& wait, const FileLock& lock, const std::string& link, pid_t self,
                 DescriptorIndex& index) {
   // Who has set a flock(2) may have ended, or closed the file, and left it to whoever has inherited the
   // descriptor.
   std::vector<pid_t> pids = {lock.pid};
-  if (lock.isFlock || lock.pid <= 0) pids = processesWithLock(file.link, file.inode, index);
+  if (lock.isFlock || lock.pid <= 0) pids = processesWithLock(link, lock, index);
   const bool isThere = std::find(pids.begin(), pids.end(), lock.pid) != pids.end();
   if (isThere) pids = {lock.pid};
   std::erase(pids, self);
@@ -80,7 +96,9 @@ void addHolders(PartyWait& wait, const FileLock& lock, const LockedFile& file, p
 
 std::vector<FileLock> parseFileLocks(std::string_view text) {
   std::vector<FileLock> locks;
+  constexpr std::string_view kInFdinfo = "lock:\t";
   while (!text.empty()) {
+    if (text.starts_with(kInFdinfo)) text.remove_prefix(kInFdinfo.size());
     const size_t end = text.find('\n');
     const std::string line(text.substr(0, end));
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
@@ -91,22 +109,24 @@ std::vector<FileLock> parseFileLocks(std::string_view text) {
     lock.waits = strncmp(at, "-> ", 3) == 0;
     if (lock.waits) at += 3;
     lock.isFlock = strncmp(at, "FLOCK ", 6) == 0;
-    if (sscanf(at, "%*s %*s %*s %d %*x:%*x:%" SCNu64, &lock.pid, &lock.inode) == 2) locks.push_back(lock);
+    if (sscanf(at, "%*s %*s %*s %d %x:%x:%" SCNu64, &lock.pid, &lock.device.major, &lock.device.minor,
+               &lock.inode) == 4)
+      locks.push_back(lock);
   }
   return locks;
 }
 
 std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, DescriptorIndex& index) {
   if (!party.facts.syscall || !isLockCall(*party.facts.syscall)) return std::nullopt;
-  const LockedFile file = fileOf(processDir, party.pid, *party.facts.syscall);
+  const LockedFile file = fileOf(processDir, *party.facts.syscall);
   PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
   const auto locks = currentLocks();
   const auto blocked = std::find_if(locks.begin(), locks.end(), [&](const FileLock& lock) {
-    return lock.waits && lock.inode == file.inode && (lock.pid == party.pid || lock.pid == -1);
+    return lock.waits && file.hasLock(lock) && (lock.pid == party.pid || lock.pid == -1);
   });
   if (blocked == locks.end()) return wait;
   for (const FileLock& lock : locks) {
-    if (!lock.waits && lock.number == blocked->number) addHolders(wait, lock, file, party.pid, index);
+    if (!lock.waits && lock.number == blocked->number) addHolders(wait, lock, file.link, party.pid, index);
   }
   return wait;
 }
@@ -115,15 +135,15 @@ std::optional<PartyWait> fileLockTry(int processDir, const WaitParty& party, Des
   const SystemCall call = party.facts.syscall.value_or(SystemCall{});
   const bool isFlock = call.number == SYS_flock;
   if (!isFlock && call.number != SYS_fcntl) return std::nullopt;
-  const LockedFile file = fileOf(processDir, party.pid, call);
+  const LockedFile file = fileOf(processDir, call);
   PartyWait wait{party.facts.tid, WaitKind::fileLock, "the file " + file.link, {}};
   for (const FileLock& lock : currentLocks()) {
-    if (!lock.waits && lock.inode == file.inode && lock.isFlock == isFlock)
-      addHolders(wait, lock, file, party.pid, index);
+    if (!lock.waits && file.hasLock(lock) && lock.isFlock == isFlock)
+      addHolders(wait, lock, file.link, party.pid, index);
   }
-  // It may be any of several locks that is in the way.
-  for (WaitHolder& holder : wait.holders)
-    holder.sureness = wait.holders.size() == 1 ? Sureness::likely : Sureness::guess;
+  // It may be any of several locks that is in the way, or one of a file that only has the same number.
+  const bool isLikely = wait.holders.size() == 1 && file.device;
+  for (WaitHolder& holder : wait.holders) holder.sureness = isLikely ? Sureness::likely : Sureness::guess;
   return wait;
 }
 

@@ -78,8 +78,8 @@ class Look {
     if (!found) {
       leaveOut("hung thread", target_.threadId == 0
                                   ? "the header names none; the main thread stands in"
-                                  : "the process has no thread " + std::to_string(target_.threadId) +
-                                        "; the main thread stands in");
+                                  : "no thread " + std::to_string(target_.threadId) +
+                                        " of the process was found; the main thread stands in");
     }
     if (count > kMaxThreadsListed) {
       leaveOut("threads", std::to_string(kMaxThreadsListed) + " of " + std::to_string(count) + " are listed");
@@ -204,35 +204,44 @@ class Look {
   }
 
   /// Those of the threads of other processes that the waits lead to, the last one's first.
-  void takeOtherStacks(const WaitGraph& waits) {
-    const WaitChain chain = chainFrom(waits, hungThread_);
+  void takeOtherStacks(const LookedWaits& waits) {
+    const WaitChain chain = chainFrom(waits.graph, hungThread_);
     size_t number = 0;
     for (auto link = chain.links.rbegin(); link != chain.links.rend(); ++link) {
       if (link->party.pid == target_.pid) continue;
       if (deadline_.passed() || number == kMaxOtherStacks)
         return leaveOut("stacks of other processes", "not all on the way were taken");
-      takeOtherStack(++number, link->party);
+      const auto dir = waits.dirs.find(link->party.pid);
+      if (dir != waits.dirs.end()) takeOtherStack(++number, link->party, dir->second.get());
     }
   }
 
-  void takeOtherStack(size_t number, const WaitParty& party) {
+  void takeOtherStack(size_t number, const WaitParty& party, int dir) {
     ProcessCapture part;
     OtherThread& other = part.others.emplace_back(OtherThread{party.pid, party.process, {}});
     other.thread.facts = party.facts;
-    const std::string path = "/proc/" + std::to_string(party.pid);
-    const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const MemoryMap map = readMemoryMap(dir.get());
+    const MemoryMap map = readMemoryMap(dir);
     CopiedStacks stacks;
-    other.thread.noStack = "it has none, or it may not be looked at";
-    if (!map.modules.empty()) {
-      auto outcomes = copyStacks(dir.get(), party.pid, std::span(&party.facts.tid, 1), 0, deadline_);
+    if (map.modules.empty()) {
+      other.thread.noStack = "it has none, or it may not be looked at";
+    } else if (!isWhereItWas(dir, party.facts)) {
+      other.thread.noStack = "it has moved on meanwhile";
+    } else {
+      auto outcomes = copyStacks(dir, party.pid, std::span(&party.facts.tid, 1), 0, deadline_);
       for (StackOutcome& outcome : outcomes) {
         other.thread.noStack = outcome.failure;
         if (outcome.copy) stacks.looks.push_back({outcome.tid, std::move(*outcome.copy)});
       }
     }
     publish_(part);
-    if (!stacks.looks.empty()) parse_(number, {party.pid, dir.get(), map.modules, stacks}, deadline_);
+    if (!stacks.looks.empty()) parse_(number, {party.pid, dir, map.modules, stacks}, deadline_);
+  }
+
+  /// Whether its stack would be of what it did when it was looked at.
+  static bool isWhereItWas(int dir, const ThreadFacts& before) {
+    std::vector<Omission> known;
+    const auto now = readThreadFacts(dir, before.tid, known);
+    return now && now->state == before.state && now->syscall == before.syscall;
   }
 
   /// Stacks after an exec don't belong to the modules that were read before it.

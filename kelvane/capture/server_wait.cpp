@@ -5,14 +5,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
-#include <cstdio>
-#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/capture/likely_thread.h"
+#include "kelvane/capture/mounts.h"
 #include "kelvane/capture/other_memory.h"
 
 namespace kelvane {
@@ -34,13 +35,9 @@ ServerKind serverKind(const ThreadFacts& facts) {
   return isRemote ? ServerKind::network : ServerKind::none;
 }
 
-const Mount* mountOfDescriptor(int processDir, const std::vector<Mount>& mounts, int fd) {
+const Mount* mountOpened(int processDir, const std::vector<Mount>& mounts, int fd) {
   const std::string path = "fdinfo/" + std::to_string(fd);
-  const uint64_t id =
-      parseStatusNumber(readFileAt(processDir, path.c_str(), kMaxProcFileBytes).text, "mnt_id");
-  const auto found =
-      std::find_if(mounts.begin(), mounts.end(), [&](const Mount& mount) { return mount.id == id; });
-  return found == mounts.end() ? nullptr : &*found;
+  return mountOfDescriptor(mounts, readFileAt(processDir, path.c_str(), kMaxProcFileBytes).text);
 }
 
 /// What the call works on, by its path if that stands at `argument`, which a folder's descriptor may go
@@ -50,7 +47,7 @@ const Mount* mountOfText(int processDir, pid_t pid, const std::vector<Mount>& mo
   const std::string path = readOtherText(pid, call.arguments[argument]);
   if (path.starts_with('/')) return mountOfPath(mounts, path);
   const int folder = argument == 0 ? AT_FDCWD : static_cast<int>(call.arguments[0]);
-  if (folder != AT_FDCWD) return mountOfDescriptor(processDir, mounts, folder);
+  if (folder != AT_FDCWD) return mountOpened(processDir, mounts, folder);
   return mountOfPath(mounts, descriptorLink(processDir, "cwd") + "/" + path);
 }
 
@@ -98,7 +95,7 @@ const Mount* mountOfCall(int processDir, pid_t pid, const std::vector<Mount>& mo
     case SYS_fallocate:
     case SYS_lseek:
     case SYS_ioctl:
-      return mountOfDescriptor(processDir, mounts, static_cast<int>(call.arguments[0]));
+      return mountOpened(processDir, mounts, static_cast<int>(call.arguments[0]));
     default:
       return nullptr;
   }
@@ -112,7 +109,7 @@ void addFuseServers(PartyWait& wait, const Mount* mount, DescriptorIndex& index)
         "/proc/" + std::to_string(descriptor.pid) + "/fdinfo/" + std::to_string(descriptor.fd);
     const uint64_t connection =
         parseStatusNumber(readFileAt(AT_FDCWD, path.c_str(), kMaxProcFileBytes).text, "fuse_connection");
-    const bool isIt = mount && connection == mount->deviceMinor;
+    const bool isIt = mount && connection == mount->device.minor;
     const bool isKnown = std::any_of(wait.holders.begin(), wait.holders.end(),
                                      [&](const WaitHolder& holder) { return holder.pid == descriptor.pid; });
     if ((connection != 0 && mount && !isIt) || isKnown) continue;
@@ -129,39 +126,10 @@ void addFuseServers(PartyWait& wait, const Mount* mount, DescriptorIndex& index)
 
 }  // namespace
 
-std::vector<Mount> parseMounts(std::string_view text) {
-  std::vector<Mount> mounts;
-  while (!text.empty()) {
-    const size_t end = text.find('\n');
-    std::istringstream line{std::string(text.substr(0, end))};
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    Mount mount;
-    std::string word;
-    unsigned major = 0;
-    char colon = 0;
-    if (!(line >> mount.id >> word >> major >> colon >> mount.deviceMinor >> word >> mount.point)) continue;
-    while (line >> word && word != "-") {
-    }
-    if (line >> mount.type >> mount.source) mounts.push_back(std::move(mount));
-  }
-  return mounts;
-}
-
-const Mount* mountOfPath(const std::vector<Mount>& mounts, std::string_view path) {
-  const Mount* best = nullptr;
-  for (const Mount& mount : mounts) {
-    const std::string_view point = mount.point == "/" ? std::string_view() : std::string_view(mount.point);
-    const bool liesThere =
-        path.starts_with(point) && (path.size() == point.size() || path[point.size()] == '/');
-    if (liesThere && (!best || mount.point.size() >= best->point.size())) best = &mount;
-  }
-  return best;
-}
-
 std::optional<PartyWait> serverWait(int processDir, const WaitParty& party, DescriptorIndex& index) {
   const ServerKind kind = serverKind(party.facts);
   if (kind == ServerKind::none) return std::nullopt;
-  const auto mounts = parseMounts(readFileAt(processDir, "mountinfo", kMaxNetTableBytes).text);
+  const auto mounts = readMounts(processDir);
   const Mount* mount =
       party.facts.syscall ? mountOfCall(processDir, party.pid, mounts, *party.facts.syscall) : nullptr;
   constexpr std::array<std::string_view, 4> kRemote = {"nfs", "cifs", "smb", "9p"};

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
@@ -74,7 +75,9 @@ std::optional<WaitHolder> threadSharing(int processDir, uint64_t address, pid_t 
   const bool hasOwnIds = parseInnerId(readFileAt(processDir, "status", kMaxProcFileBytes).text) != 0;
   if (!hasOwnIds) return holder(processOf(inside), inside);
   const std::string ids = pidNamespace(processDir, "ns/pid");
+  const Deadline over(kThreadSearch);
   for (const pid_t pid : listNumbersAt(AT_FDCWD, "/proc", kMaxProcessesScanned)) {
+    if (over.passed()) break;
     const std::string path = "/proc/" + std::to_string(pid);
     if (pidNamespace(AT_FDCWD, path + "/ns/pid") != ids) continue;
     const UniqueFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

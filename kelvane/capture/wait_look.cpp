@@ -83,6 +83,8 @@ class Looker final : public WaitSource {
     publish_(part);
   }
 
+  std::map<pid_t, UniqueFd> takeDirs() { return std::move(dirs_); }
+
   void publishOmissions() {
     ProcessCapture part;
     if (const size_t left = index_.leftOut(); left > 0)
@@ -117,10 +119,11 @@ class Looker final : public WaitSource {
     if (!party.facts.syscall || !onlySleeps(*party.facts.syscall)) return std::nullopt;
     const uint64_t sleepNs = timeLeftNs(party);
     const auto longest = std::min(kTryWatch, triesLeft_);
-    if (sleepNs == 0 || std::chrono::nanoseconds(sleepNs) > longest) return std::nullopt;
+    if (sleepNs == 0 || std::chrono::nanoseconds(sleepNs) > std::min(kMaxTrySleep, longest))
+      return std::nullopt;
     const uint64_t begunNs = monotonicNs();
     int error = 0;
-    party.facts.syscall = awaitVainTry(party.facts.tid, longest, error);
+    party.facts.syscall = awaitRepeatedTry(party.facts.tid, longest, error);
     triesLeft_ -= std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::nanoseconds(monotonicNs() - begunNs));
     if (error != 0) omissions_.push_back({"what a thread tries between its sleeps", errorText(error)});
@@ -201,7 +204,7 @@ class Looker final : public WaitSource {
 
 }  // namespace
 
-WaitGraph lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish) {
+LookedWaits lookAtWaits(const LookedAt& process, const Deadline& deadline, const PublishCapture& publish) {
   if (process.threads.empty()) return {};
   const WaitParty hung{process.pid, process.name, process.threads.front()};
   Looker looker(process, deadline, publish);
@@ -220,7 +223,7 @@ WaitGraph lookAtWaits(const LookedAt& process, const Deadline& deadline, const P
   }
   looker.publishOmissions();
   if (!graph.waits.empty() && !deadline.passed()) looker.watch(hung);
-  return graph;
+  return {std::move(graph), looker.takeDirs()};
 }
 
 }  // namespace kelvane

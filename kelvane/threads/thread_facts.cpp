@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 
+#include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/kernel/kernel_look.h"
@@ -87,7 +88,9 @@ pid_t threadCalled(int processDir, int64_t id) {
   if (innerId("status") == 0) {
     return faccessat(processDir, taskPath(called, "stat").c_str(), F_OK, 0) == 0 ? called : 0;
   }
+  const Deadline over(kThreadSearch);
   for (const pid_t tid : listNumbersAt(processDir, "task", kMaxThreadsCounted)) {
+    if (over.passed()) break;
     if (innerId(taskPath(tid, "status")) == called) return tid;
   }
   return 0;

@@ -37,7 +37,7 @@ std::string taskPath(pid_t tid, const char* name);
 std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vector<Omission>& omissions);
 
 /// The process's thread that it calls `id` itself, which in a PID namespace of its own is another number than
-/// /proc has here; 0: it has none.
+/// /proc has here; 0: it has none, or none was found within kThreadSearch.
 pid_t threadCalled(int processDir, int64_t id);
 
 /// The thread's state right now (proc(5)); '?' if it has gone.

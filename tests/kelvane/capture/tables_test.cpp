@@ -11,8 +11,8 @@
 
 #include "kelvane/capture/call_watch.h"
 #include "kelvane/capture/file_lock.h"
+#include "kelvane/capture/mounts.h"
 #include "kelvane/capture/net_tables.h"
-#include "kelvane/capture/server_wait.h"
 
 namespace kelvane {
 namespace {
@@ -50,11 +50,12 @@ TEST(Tables, WhoWaitsForALockOnAFileHasItsNumber) {
   const auto locks = parseFileLocks(
       "1: POSIX  ADVISORY  WRITE 4711 08:02:131 0 EOF\n"
       "1: -> FLOCK  ADVISORY  WRITE 4712 08:02:131 0 EOF\n"
-      "2: OFDLCK ADVISORY  READ  -1 fe:00:7 0 0\n3: POSIX\n");
+      "pos:\t0\nlock:\t2: OFDLCK ADVISORY  READ  -1 fe:1f:7 0 0\n3: POSIX\n");
   ASSERT_EQ(locks.size(), 3u);
   EXPECT_TRUE(locks[0].number == 1 && !locks[0].waits && locks[0].pid == 4711 && locks[0].inode == 131);
   EXPECT_TRUE(locks[1].number == 1 && locks[1].waits && locks[1].pid == 4712);
   EXPECT_TRUE(locks[2].pid == -1 && locks[2].inode == 7);
+  EXPECT_EQ(locks[2].device, (DeviceNumber{0xfe, 0x1f})) << "in hexadecimal";
 }
 
 /// An event of a system call, as the kernel writes it.
@@ -70,16 +71,22 @@ std::vector<std::byte> callEvent(uint16_t id, int64_t number, const std::vector<
   return bytes;
 }
 
-TEST(Tables, ATryInVainIsACallThatAskedWithoutWaitingAndGotNothing) {
+TEST(Tables, ATryIsRepeatedIfItAsksForTheSameThingWithoutWaitingOnceMoreAfterASleep) {
   constexpr uint16_t kEnter = 443, kExit = 442;
-  CallReader reader({kEnter, kExit});
+  std::optional<CallReader> watching;
+  const auto calls = [&](int64_t number, const std::vector<int64_t>& arguments, int64_t result) {
+    EXPECT_FALSE(watching->repeatedTryIn(callEvent(kEnter, number, arguments)));
+    return watching->repeatedTryIn(callEvent(kExit, number, {result})).has_value();
+  };
+  const auto sleeps = [&] { EXPECT_FALSE(calls(SYS_clock_nanosleep, {0, 0, 1, 1}, 0)); };
   const auto tries = [&](int64_t number, int64_t option, int64_t result, size_t optionAt = 1) {
     std::vector<int64_t> arguments = {7, 0, 0, 0, 0, 0};
     arguments[optionAt] = option;
-    EXPECT_FALSE(reader.vainTryIn(callEvent(kEnter, number, arguments)));
-    const auto call = reader.vainTryIn(callEvent(kExit, number, {result}));
-    EXPECT_TRUE(!call || call->arguments[0] == 7);
-    return call.has_value();
+    watching.emplace(CallEventIds{kEnter, kExit});
+    EXPECT_FALSE(calls(number, arguments, result)) << "once";
+    EXPECT_FALSE(calls(number, arguments, result)) << "at once";
+    sleeps();
+    return calls(number, arguments, result);
   };
   EXPECT_TRUE(tries(SYS_fcntl, F_SETLK, -EAGAIN));
   EXPECT_TRUE(tries(SYS_flock, LOCK_EX | LOCK_NB, -EWOULDBLOCK));
@@ -89,18 +96,27 @@ TEST(Tables, ATryInVainIsACallThatAskedWithoutWaitingAndGotNothing) {
   EXPECT_FALSE(tries(SYS_flock, LOCK_EX, -EINTR));
   EXPECT_FALSE(tries(SYS_wait4, WNOHANG, 4711, 2));
 
+  watching.emplace(CallEventIds{kEnter, kExit});
+  CallReader& reader = *watching;
+  const auto triesLock = [&](int64_t fd) { return calls(SYS_flock, {fd, LOCK_EX | LOCK_NB}, -EWOULDBLOCK); };
+  EXPECT_FALSE(triesLock(7) || triesLock(8));
+  sleeps();
+  EXPECT_FALSE(triesLock(9)) << "that is another one";
+  sleeps();
+  EXPECT_TRUE(triesLock(9));
+
   // An end without its begin, other records, and records that are cut off or lie about their length.
-  EXPECT_FALSE(reader.vainTryIn(callEvent(kExit, SYS_flock, {-EWOULDBLOCK})));
+  EXPECT_FALSE(reader.repeatedTryIn(callEvent(kExit, SYS_flock, {-EWOULDBLOCK})));
   auto lost = callEvent(kEnter, SYS_flock, {7, LOCK_NB});
   lost[0] = std::byte{PERF_RECORD_LOST};
   auto end = callEvent(kExit, SYS_flock, {-EWOULDBLOCK});
   lost.insert(lost.end(), end.begin(), end.end());
-  EXPECT_FALSE(reader.vainTryIn(lost));
+  EXPECT_FALSE(reader.repeatedTryIn(lost));
   for (size_t length = 0; length < end.size(); length++)
-    EXPECT_FALSE(reader.vainTryIn(std::span(end).first(length)));
+    EXPECT_FALSE(reader.repeatedTryIn(std::span(end).first(length)));
   end[6] = std::byte{0};
   end[7] = std::byte{0};
-  EXPECT_FALSE(reader.vainTryIn(end)) << "it would never come to an end";
+  EXPECT_FALSE(reader.repeatedTryIn(end)) << "it would never come to an end";
 }
 
 TEST(Tables, APathLiesOnTheLongestMount) {
@@ -109,7 +125,7 @@ TEST(Tables, APathLiesOnTheLongestMount) {
       "2 1 0:45 / /mnt/cloud rw master:1 shared:2 - fuse.cloud cloud rw,user_id=0\n"
       "3 1 0:46 / /mnt/cloudy rw - nfs4 server:/export rw,addr=10.0.0.2\nbroken\n");
   ASSERT_EQ(mounts.size(), 3u);
-  EXPECT_EQ(mounts[1].deviceMinor, 45u);
+  EXPECT_EQ(mounts[1].device.minor, 45u);
   const auto typeAt = [&](const char* path) {
     const Mount* mount = mountOfPath(mounts, path);
     return mount ? mount->type : "";
