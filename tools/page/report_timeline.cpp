@@ -43,7 +43,10 @@ void forEachRun(const Events& events, double columnUs, Use use) {
 class Builder {
  public:
   explicit Builder(const Report& report)
-      : trace_(report.trace), header_(report.header), originUs_(originOf(report)) {
+      : trace_(report.trace),
+        header_(report.header),
+        wasSampled_(report.sampled.durationMs > 0),
+        originUs_(originOf(report)) {
     for (const ReportThread& thread : report.threads) {
       if (thread.pid == 0) ownThreads_.insert(thread.tid);
     }
@@ -84,7 +87,8 @@ class Builder {
       from = std::min(from, event.startUs);
       to = std::max(to, event.startUs + event.durationUs);
     }
-    if (states_.empty()) {
+    // Samples, which the page draws by themselves, tell what one look does not.
+    if (states_.empty() && !wasSampled_) {
       timeline_.statesOfLook = !looks.empty();
       states_ = std::move(looks);
     }
@@ -172,6 +176,7 @@ class Builder {
 
   const Trace& trace_;
   const ReportHeader& header_;
+  bool wasSampled_;
   double originUs_;
   std::set<int64_t> ownThreads_;
   std::map<int64_t, Events> cpus_;

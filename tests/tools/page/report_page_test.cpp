@@ -198,6 +198,9 @@ TEST(ReportPage, ATimelineIsBoundedAndLosesNoTime) {
   }
   report.trace.events.push_back({quorvelctl::TraceEvent::Kind::state, 2, 41, 0, 1e6, 1e6});
 
+  report.sampled.durationMs = 500;
+  EXPECT_EQ(quorvelctl::timelineOf(report).events, 150'000u) << "samples tell more than the look";
+  report.sampled.durationMs = 0;
   const Timeline timeline = quorvelctl::timelineOf(report);
   EXPECT_EQ(timeline.events, 150'001u);
   EXPECT_TRUE(timeline.statesOfLook);
