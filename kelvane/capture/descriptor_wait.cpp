@@ -300,7 +300,7 @@ std::optional<PartyWait> descriptorWait(int processDir, const WaitParty& party,
   }
   if (isAny) keepTheOnlyOther(wait, party, waiting, waited.all.size());
   if (wait.holders.empty() && isNetwork && !isAny) wait.kind = WaitKind::network;
-  if (wait.holders.empty() && search.isAnyOfOwn() && !isAny) wait.candidates = threads.othersThan(party);
+  if (wait.holders.empty() && search.isAnyOfOwn() && !isAny) threads.addCandidates(party, wait);
   const bool isTold = !wait.holders.empty() || wait.kind != WaitKind::peer || !wait.object.empty();
   return isTold ? std::optional(wait) : std::nullopt;
 }

@@ -205,6 +205,7 @@ void writeWait(WireWriter& out, const PartyWait& wait) {
   out.text(wait.object);
   writeAll(out, wait.holders, writeHolder);
   writeAll(out, wait.candidates, writeHolder);
+  out.number(wait.hasMoreCandidates);
   out.number(wait.isRetried);
   out.number(wait.timeLeftNs);
 }
@@ -216,6 +217,7 @@ PartyWait readWait(WireReader& in) {
   wait.object = in.text();
   wait.holders = readAll<WaitHolder>(in, readHolder);
   wait.candidates = readAll<WaitHolder>(in, readHolder);
+  wait.hasMoreCandidates = in.number() != 0;
   wait.isRetried = in.number() != 0;
   wait.timeLeftNs = in.number();
   return wait;

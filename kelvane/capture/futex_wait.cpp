@@ -153,7 +153,7 @@ std::optional<PartyWait> futexWait(int processDir, const WaitParty& party, Threa
   const auto isPrivate = [&] {
     return (view->operation & FUTEX_PRIVATE_FLAG) != 0 || !isSharedMemory(processDir, view->address);
   };
-  if (wait.holders.empty() && isPrivate()) wait.candidates = threads.othersThan(party);
+  if (wait.holders.empty() && isPrivate()) threads.addCandidates(party, wait);
   wait.timeLeftNs = timeLeftNs(party);
   // What was read counts only if the thread still waits there.
   return stillWaits(processDir, party) ? std::optional(wait) : std::nullopt;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <set>
 #include <string_view>
 #include <unordered_map>
@@ -32,11 +33,11 @@ bool isOfScheduler(const std::string& function) {
 std::unordered_map<uint64_t, std::string> functionsOf(const std::set<uint64_t>& addresses, int& error) {
   const std::vector<uint64_t> asked(addresses.begin(), addresses.end());
   const FileText text = kernelFunctionsAt(asked);
-  error = text.error;
   const std::vector<std::string> frames = parseKernelStack(text.text, asked.size());
   std::unordered_map<uint64_t, std::string> functions;
-  for (size_t i = 0; i < frames.size() && frames.size() == asked.size(); i++)
-    functions.emplace(asked[i], functionIn(frames[i]));
+  const bool isWhole = frames.size() == asked.size();
+  error = text.error != 0 || isWhole ? text.error : EBADMSG;
+  for (size_t i = 0; i < frames.size() && isWhole; i++) functions.emplace(asked[i], functionIn(frames[i]));
   return functions;
 }
 

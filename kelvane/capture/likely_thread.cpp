@@ -92,15 +92,15 @@ std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
   return best.tid == 0 ? std::nullopt : std::optional(best);
 }
 
-std::vector<WaitHolder> ThreadLists::othersThan(const WaitParty& party) {
+void ThreadLists::addCandidates(const WaitParty& party, PartyWait& wait) {
   const auto [known, isNew] = byProcess_.try_emplace(party.pid);
   if (isNew) known->second = likeliestFirst(party.pid);
-  std::vector<WaitHolder> others;
   for (const pid_t tid : known->second) {
-    if (others.size() == kMaxWaitCandidates) break;
-    if (tid != party.facts.tid) others.push_back({party.pid, tid, Sureness::guess, {}});
+    if (tid == party.facts.tid) continue;
+    wait.hasMoreCandidates = wait.candidates.size() == kMaxWaitCandidates;
+    if (wait.hasMoreCandidates) break;
+    wait.candidates.push_back({party.pid, tid, Sureness::guess, {}});
   }
-  return others;
 }
 
 }  // namespace kelvane

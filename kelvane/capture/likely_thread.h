@@ -29,9 +29,9 @@ std::optional<LikelyThread> likelyThread(pid_t pid, pid_t except,
 /// it is asked for each of them.
 class ThreadLists {
  public:
-  /// The other threads of the party's process (PartyWait::candidates), those first that are awake or stand
-  /// still in the kernel; not all of a large process.
-  std::vector<WaitHolder> othersThan(const WaitParty& party);
+  /// Makes candidates of the other threads of the party's process, those first that are awake or stand still
+  /// in the kernel; not of all of a large process.
+  void addCandidates(const WaitParty& party, PartyWait& wait);
 
  private:
   std::map<pid_t, std::vector<pid_t>> byProcess_;

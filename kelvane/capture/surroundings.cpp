@@ -237,7 +237,10 @@ Surroundings readSurroundings(pid_t pid, pid_t thread) {
   };
   if (!dir) return surroundings;
   surroundings.schedule = parseSchedstat(read(taskPath(thread, "schedstat")));
-  surroundings.majorFaults = parseStat(read(taskPath(thread, "stat"))).value_or(ProcStat{}).majorFaults;
+  const ProcStat stat = parseStat(read(taskPath(thread, "stat"))).value_or(ProcStat{});
+  surroundings.majorFaults = stat.majorFaults;
+  surroundings.userTicks = stat.userTicks;
+  surroundings.systemTicks = stat.systemTicks;
   surroundings.limits = Limits(read("cgroup")).read();
   return surroundings;
 }

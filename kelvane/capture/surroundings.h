@@ -56,7 +56,9 @@ struct GroupLimits {
 struct Surroundings {
   pid_t thread = 0;
   std::optional<ScheduleFigures> schedule;
-  uint64_t majorFaults = 0;  // in the thread's life
+  uint64_t majorFaults = 0;  // in the thread's life, as are the next two
+  uint64_t userTicks = 0;
+  uint64_t systemTicks = 0;
   GroupLimits limits;
 };
 

@@ -143,7 +143,7 @@ void writeChain(JsonWriter& json, const ChainVerdict& verdict, const ProcessCapt
     if (!facts.waitChannel.empty()) json.member("waitChannel", std::string_view(facts.waitChannel));
     const char* call = facts.syscall ? syscallName(facts.syscall->number) : nullptr;
     if (call) json.member("syscallName", call);
-    writeFunction(json, process, facts.tid);
+    if (i == 0 || links[i].hasStayed()) writeFunction(json, process, facts.tid);
     json.member("text", std::string_view(verdict.steps[i]));
     if (i >= firstCulprit) json.member("culprit", chainEndName(verdict.end));
     if (links[i].wait) writeWaitsFor(json, links[i]);

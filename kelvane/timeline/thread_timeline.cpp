@@ -6,25 +6,6 @@
 namespace kelvane {
 namespace {
 
-/// The state of a thread that is off the CPU, by its letter of proc(5).
-ThreadState stateOfLetter(char letter) {
-  switch (letter) {
-    case 'R':
-      return ThreadState::runnable;
-    case 'S':
-    case 'I':
-    case 'P':
-      return ThreadState::sleeping;
-    case 'D':
-      return ThreadState::uninterruptible;
-    case 'T':
-    case 't':
-      return ThreadState::stopped;
-    default:
-      return ThreadState::unknown;  // it has ended, or is something newer than this
-  }
-}
-
 /// Tells who wakes, by what the CPU that a wake-up is recorded on recorded before it.
 class WakeUps {
  public:
@@ -152,6 +133,24 @@ class Follower {
 };
 
 }  // namespace
+
+ThreadState stateOfLetter(char letter) {
+  switch (letter) {
+    case 'R':
+      return ThreadState::runnable;
+    case 'S':
+    case 'I':
+    case 'P':
+      return ThreadState::sleeping;
+    case 'D':
+      return ThreadState::uninterruptible;
+    case 'T':
+    case 't':
+      return ThreadState::stopped;
+    default:
+      return ThreadState::unknown;  // it has ended, or is something newer than this
+  }
+}
 
 const char* threadStateName(ThreadState state) {
   constexpr std::array<const char*, 6> kNames = {"running",         "runnable", "sleeping",

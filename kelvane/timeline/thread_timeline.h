@@ -14,6 +14,9 @@ enum class ThreadState : uint8_t { running, runnable, sleeping, uninterruptible,
 /// "running", "runnable", …
 const char* threadStateName(ThreadState state);
 
+/// The state of a thread that is off the CPU, by its letter of proc(5); unknown if it has ended.
+ThreadState stateOfLetter(char letter);
+
 /// What ended a sleep or a stop.
 enum class SleepEnd : uint8_t {
   open,       // it has not ended, or that is not known

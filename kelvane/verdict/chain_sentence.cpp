@@ -192,7 +192,9 @@ class ChainSentence {
     return channel.empty() ? "waited for what can't be told" : "waited in " + channel;
   }
 
+  /// Of one that has gone on since its stack is of something else.
   std::string place(const ChainLink& link) const {
+    if (!link.hasStayed()) return {};
     const ThreadCapture* thread = threadOf(process_, link.party.facts.tid);
     return thread ? placeText(process_, *thread) : std::string();
   }

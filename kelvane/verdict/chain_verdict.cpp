@@ -145,10 +145,11 @@ std::optional<ChainVerdict> chainVerdict(const Evidence& evidence, const WaitGra
 }
 
 bool tellsMore(const ChainVerdict& verdict) {
-  const WaitKind kind = verdict.chain.links.front().wait->kind;
+  const auto& wait = verdict.chain.links.front().wait;
+  const bool isNamed = wait && wait->kind != WaitKind::signal && wait->kind != WaitKind::events;
   // Who waits for events himself keeps nobody from those that were merely guessed to be his.
   if (verdict.chain.sureness() == Sureness::guess && verdict.end == ChainEnd::waited) return false;
-  return verdict.chain.leadsOn() || (kind != WaitKind::signal && kind != WaitKind::events);
+  return verdict.chain.leadsOn() || isNamed;
 }
 
 void addRival(const Evidence& evidence, ChainVerdict& verdict) {
@@ -164,7 +165,8 @@ void addRival(const Evidence& evidence, ChainVerdict& verdict) {
 
 bool tellsTracer(const ChainVerdict& verdict) {
   const auto& links = verdict.chain.links;
-  return links.size() > 1 && links.front().wait->kind == WaitKind::tracer;
+  const auto& wait = links.front().wait;
+  return links.size() > 1 && wait && wait->kind == WaitKind::tracer;
 }
 
 Cause causeOfChain(const ChainVerdict& verdict) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <iterator>
@@ -49,6 +50,66 @@ std::string frameName(const ProcessCapture& process, const Frame& frame) {
   if (!frame.name.empty()) return frame.name;
   const Module* module = moduleOf(process, frame);
   return module ? fileName(module->path) + "+" + hexText(frame.offset) : hexText(frame.address);
+}
+
+namespace {
+
+bool isOfIdentifier(char letter) {
+  return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '_';
+}
+
+/// "sorted<…>(std::vector<…>&)". What no name stands before is no template's.
+std::string withoutTemplateArguments(std::string_view function) {
+  constexpr std::string_view kOperator = "operator";
+  std::string name;
+  size_t depth = 0;
+  for (size_t i = 0; i < function.size(); i++) {
+    const char letter = function[i];
+    if (depth == 0 && letter == '<' && name.ends_with(kOperator)) {
+      // Its own name, not the begin of a list: <, <<, <=, <=>.
+      const size_t end = std::min(function.find_first_not_of("<=>", i), function.size());
+      name += function.substr(i, end - i);
+      i = end - 1;
+    } else if (letter == '<' && (depth > 0 || (!name.empty() && isOfIdentifier(name.back())))) {
+      if (depth++ == 0) name += "<…>";
+    } else if (letter == '>' && depth > 0) {
+      depth -= function[i - 1] == '-' ? 0 : 1;
+    } else if (depth == 0) {
+      name += letter;
+    }
+  }
+  return depth == 0 ? name : std::string(function);
+}
+
+/// Of "std::thread::_State_impl<std::thread::_Invoker<std::tuple<main::{lambda()#1}> > >::_M_run()" what it
+/// calls, "main::{lambda()#1}"; empty of any other function, and of those that call no lambda.
+std::string lambdaCalledBy(std::string_view function) {
+  const bool isCaller = function.find("::_M_run()") != std::string_view::npos ||
+                        function.find("::_M_invoke(") != std::string_view::npos;
+  const size_t lambda = function.find("{lambda(");
+  if (!isCaller || lambda == std::string_view::npos) return {};
+  // The whole argument of the template that it is in.
+  const auto isInside = [depth = 0](char letter, std::string_view opens, std::string_view closes) mutable {
+    if (opens.find(letter) != std::string_view::npos) depth++;
+    if (closes.find(letter) != std::string_view::npos) depth--;
+    return depth > 0 || (depth == 0 && letter != ',');
+  };
+  size_t begin = lambda;
+  auto before = isInside;
+  while (begin > 0 && before(function[begin - 1], ">)}", "<({")) begin--;
+  size_t end = lambda;
+  auto behind = isInside;
+  while (end < function.size() && behind(function[end], "<({", ">)}")) end++;
+  while (begin < lambda && function[begin] == ' ') begin++;
+  while (end > lambda && function[end - 1] == ' ') end--;
+  return std::string(function.substr(begin, end - begin));
+}
+
+}  // namespace
+
+std::string functionName(const ProcessCapture& process, const Frame& frame) {
+  const std::string lambda = lambdaCalledBy(frame.name);
+  return withoutTemplateArguments(lambda.empty() ? frameName(process, frame) : lambda);
 }
 
 std::string quoted(const std::string& name) {
@@ -108,6 +169,9 @@ std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::ve
   for (uint32_t index : frames) all.push_back(&process.frames[index]);
   std::vector<const Frame*> own;
   std::remove_copy_if(all.begin(), all.end(), std::back_inserter(own), isPlumbing);
+  if (!own.empty()) return own;
+  const auto callsNoLambda = [](const Frame* frame) { return lambdaCalledBy(frame->name).empty(); };
+  std::remove_copy_if(all.begin(), all.end(), std::back_inserter(own), callsNoLambda);
   return own.empty() ? all : own;
 }
 
@@ -115,14 +179,14 @@ std::string functionOf(const ProcessCapture& process, pid_t tid) {
   const ThreadCapture* thread = threadOf(process, tid);
   if (!thread) return {};
   const auto frames = ownFrames(process, *thread);
-  return frames.empty() ? std::string() : frameName(process, *frames.front());
+  return frames.empty() ? std::string() : functionName(process, *frames.front());
 }
 
 std::string placeText(const ProcessCapture& process, const ThreadCapture& thread) {
   const auto frames = ownFrames(process, thread);
   if (frames.empty()) return {};
   const Frame& frame = *frames.front();
-  std::string text = ", in " + frameName(process, frame);
+  std::string text = ", in " + functionName(process, frame);
   if (frame.name.empty() || frame.module < 0) return text;
   return text + " (" + fileName(process.modules[static_cast<size_t>(frame.module)].path) + ")";
 }

@@ -24,6 +24,10 @@ const Module* moduleOf(const ProcessCapture& process, const Frame& frame);
 /// A user frame's function, or "MODULE+0xOFFSET", or just its address.
 std::string frameName(const ProcessCapture& process, const Frame& frame);
 
+/// The same for sentences: without what templates are made for, and of a function of the C++ library that
+/// calls a lambda which the compiler has put into it, the lambda.
+std::string functionName(const ProcessCapture& process, const Frame& frame);
+
 /// " 'name'"; empty of no name.
 std::string quoted(const std::string& name);
 
@@ -31,13 +35,14 @@ std::string quoted(const std::string& name);
 const ThreadCapture* threadOf(const ProcessCapture& process, pid_t tid);
 
 /// The frames of the thread's stack, innermost first, without those of a language's own libraries, where
-/// programs wait and read the clock; all of them if there are no others.
+/// programs wait and read the clock. If there are no others, those that a lambda of the program has been put
+/// into, or else all of them.
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const ThreadCapture& thread);
 /// `frames`: as in StackSample.
 std::vector<const Frame*> ownFrames(const ProcessCapture& process, const std::vector<uint32_t>& frames);
 
-/// The name of the frame that the thread `tid` was in (threadOf): the innermost of its own ones. Empty
-/// without a stack.
+/// The functionName of the frame that the thread `tid` was in (threadOf): the innermost of its own ones.
+/// Empty without a stack.
 std::string functionOf(const ProcessCapture& process, pid_t tid);
 
 /// ", in FUNCTION (FILE)": where the thread was, as `functionOf` has it. Empty without a stack.

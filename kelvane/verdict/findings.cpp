@@ -221,8 +221,12 @@ void addLimits(const Evidence& evidence, Findings& findings) {
   if (before.memory && after.memory && before.memory->group == after.memory->group)
     findings.memoryLimitHit =
         after.memory->hits > before.memory->hits && after.memory->refaults > before.memory->refaults;
-  findings.faultedAtLook = evidence.before.thread == evidence.after.thread &&
-                           evidence.after.majorFaults >= evidence.before.majorFaults + kManyFaults;
+  const Surroundings& begin = evidence.before;
+  const Surroundings& end = evidence.after;
+  if (begin.thread == end.thread) {
+    findings.faultedAtLook = end.majorFaults >= begin.majorFaults + kManyFaults;
+    findings.inKernelAtLook = end.systemTicks - begin.systemTicks > end.userTicks - begin.userTicks;
+  }
   if (before.quota && after.quota && before.quota->group == after.quota->group)
     findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;
   if (findings.kernelWait == KernelWait::quota) findings.throttledAtLook = true;

@@ -46,6 +46,7 @@ struct Findings {
   uint64_t pageIns = 0;          // pages of files that the thread had read in
   bool memoryLimitHit = false;   // during the look its control group, at its limit, lost what it uses
   bool faultedAtLook = false;    // during the look the thread had many pages read in again
+  bool inKernelAtLook = false;   // on the CPU, it mostly was in the kernel then
   bool throttledAtLook = false;  // its control group was kept from the CPU then
   uint64_t reclaimNs = 0;        // the thread itself freed memory
   uint64_t suspendNs = 0;        // the machine went into suspend or came back

@@ -136,13 +136,12 @@ std::optional<Cause> decisiveCause(const Evidence& evidence, const Findings& fin
   return std::nullopt;
 }
 
-/// Whether a thread was about as long on the CPU as it waited, and there in the kernel most of all, which had
-/// to fetch for it what it waited for.
+/// Whether a thread was about as long on the CPU as it waited, and there, as far as the look saw it, in the
+/// kernel most of all, which had to fetch for it what it waited for.
 bool isWorkFor(const Phase& wait, const Phase& work, const Findings& findings) {
   const bool isFetching =
       wait.cause == Cause::disk || wait.cause == Cause::memory || wait.cause == Cause::swapping;
-  const ThreadFacts& facts = findings.thread->facts;
-  return work.cause == Cause::ownCpu && isFetching && facts.systemMs > facts.userMs &&
+  return work.cause == Cause::ownCpu && isFetching && findings.inKernelAtLook &&
          isShare(wait.ns, kAboutAsLong, work.ns);
 }
 
@@ -178,8 +177,7 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
   }
   if (findings.faultedAtLook && findings.memoryLimitHit) return Cause::memory;
   // What the kernel computes to fetch pages is no computing of the thread's own.
-  const ThreadFacts& facts = findings.thread->facts;
-  if (findings.faultedAtLook && facts.systemMs > facts.userMs) return Cause::disk;
+  if (findings.faultedAtLook && findings.inKernelAtLook) return Cause::disk;
   const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
   const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
@@ -225,14 +223,27 @@ bool isByChain(const Evidence& evidence, const Verdict& verdict, const ChainVerd
                      [&](const Phase& phase) { return phase.cause == cause && phase.state == chain.state; });
 }
 
+/// What a recording of too little of the hang tells of the thread is no part of what other evidence does.
+void forgetFigures(Findings& findings) {
+  findings.spent = {};
+  findings.knownNs = findings.lastSleepNs = 0;
+  findings.stillAwake = findings.stillAsleep = false;
+  findings.sleeps = {};
+  findings.waits.clear();
+  findings.diskWaits = {};
+  findings.diskUsers = findings.competitors = findings.sharers = {};
+  findings.pageIns = findings.reclaimNs = findings.suspendNs = findings.idleRunnableNs = 0;
+}
+
 /// The hang's own time in each state, in place of what a recording would tell.
 void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict) {
   const SampledPhases& sampled = findings.sampled;
   verdict.fromSamples = findings.bySamples = true;
-  verdict.coveredNs = findings.knownNs = sampled.durationNs;
+  verdict.coveredNs = sampled.durationNs;
+  findings.knownNs = sampled.knownNs;
   findings.spent = sampled.spent;
   findings.spent[static_cast<size_t>(ThreadState::unknown)] =
-      verdict.windowNs - std::min(verdict.windowNs, sampled.durationNs);
+      verdict.windowNs - std::min(verdict.windowNs, sampled.knownNs);
   verdict.spent = findings.spent;
   findings.stillAwake = findings.thread->facts.state == 'R';
   findings.stillAsleep = sampled.likeTheLookNs > 0;
@@ -266,10 +277,11 @@ Verdict judge(const Evidence& evidence) {
   }
   auto windowNs = static_cast<double>(verdict.windowNs);
   verdict.fromRecorder = isRecorded && static_cast<double>(findings.knownNs) >= kLeastShareKnown * windowNs;
+  if (findings.thread && !verdict.fromRecorder) forgetFigures(findings);
   if (verdict.fromRecorder) {
     verdict.phases = phasesOf(evidence, findings);
   } else if (findings.thread &&
-             static_cast<double>(findings.sampled.durationNs) >= kLeastShareKnown * windowNs) {
+             static_cast<double>(findings.sampled.knownNs) >= kLeastShareKnown * windowNs) {
     goBySamples(evidence, findings, verdict);
   } else if (findings.thread) {
     if (findings.chain) addRival(evidence, *findings.chain);

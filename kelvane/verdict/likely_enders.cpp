@@ -77,10 +77,12 @@ std::optional<WaitHolder> standsOut(const WaitGraph& graph, const PartyWait& wai
     only.evidence = "the process has no other thread";
     return only;
   }
-  // At a pipe the idle wait for work, too.
-  if (wait.kind == WaitKind::peer) return std::nullopt;
+  // At a pipe the idle wait for work, too. Elsewhere whoever was not looked at may be just as busy.
+  if (wait.kind == WaitKind::peer || wait.hasMoreCandidates) return std::nullopt;
   std::optional<WaitHolder> found;
   for (const WaitHolder& candidate : wait.candidates) {
+    const WaitParty* party = partyOf(graph, candidate.tid);
+    if (!party || (party->facts.state == 'R' && !watchOf(graph, candidate.tid))) return std::nullopt;
     if (!isBusy(graph, candidate.tid)) continue;
     if (found) return std::nullopt;
     found = candidate;

@@ -25,20 +25,6 @@ bool makesUp(uint64_t partNs, double share, uint64_t wholeNs) {
   return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
 }
 
-ThreadState stateAtLook(char state) {
-  switch (state) {
-    case 'R':
-      return ThreadState::runnable;
-    case 'D':
-      return ThreadState::uninterruptible;
-    case 'T':
-    case 't':
-      return ThreadState::stopped;
-    default:
-      return ThreadState::sleeping;
-  }
-}
-
 KernelWait kernelWaitOf(const std::vector<std::string>& functions) {
   ThreadFacts facts;
   if (!functions.empty()) facts.waitChannel = functions.front();
@@ -48,7 +34,7 @@ KernelWait kernelWaitOf(const std::vector<std::string>& functions) {
 
 std::string innermost(const ProcessCapture& process, const SampledStack& stack) {
   const auto frames = ownFrames(process, stack.frames);
-  return frames.empty() ? std::string() : frameName(process, *frames.front());
+  return frames.empty() ? std::string() : functionName(process, *frames.front());
 }
 
 std::string inKernel(const SampledStack& stack) {
@@ -60,10 +46,11 @@ class Waits {
  public:
   Waits(const ProcessCapture& process, const SampledHang& hang) : process_(process) {
     const ThreadFacts& facts = process.threads.front().facts;
-    look_ = stateAtLook(facts.state);
+    look_ = stateOfLetter(facts.state);
     if (hang.time.neverRan) isLook_ = true;
     const auto& last = hang.time.stretches.back();
-    if (look_ == ThreadState::runnable || !last.waitedIn || last.waitedNs < last.onCpuNs) return;
+    const bool isAsleep = look_ != ThreadState::runnable && look_ != ThreadState::unknown;
+    if (!isAsleep || !last.waitedIn || last.waitedNs < last.onCpuNs) return;
     const SampledStack& stack = *hang.samples[*last.waitedIn];
     const std::string function = functionOf(process, process.hungThread);
     if (function.empty() || function != innermost(process, stack)) return;
@@ -83,7 +70,7 @@ class Waits {
 
   ThreadState stateOf(const SampledStack* stack) const {
     if (isLikeTheLook(stack)) return look_;
-    if (!stack) return ThreadState::sleeping;
+    if (!stack || stack->kernelFrames.empty()) return ThreadState::unknown;
     const auto isStop = [](const std::string& function) {
       return function == "do_signal_stop" || function == "ptrace_stop";
     };
@@ -129,7 +116,7 @@ void nameFunction(const ProcessCapture& process, const std::vector<Visit>& visit
     const auto most = std::max_element(callees.begin(), callees.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
     if (most == callees.end() || !makesUp(most->second, kPlaceShare, wholeNs)) return;
-    place.function = frameName(process, *most->first);
+    place.function = functionName(process, *most->first);
     place.isAlmostAll = makesUp(most->second, kAlmostAllShare, wholeNs);
     std::erase_if(paths,
                   [&](const auto& each) { return each.first.empty() || each.first.back() != most->first; });
@@ -179,8 +166,9 @@ SampledPhases sampledPhases(const ProcessCapture& process, uint64_t fromNs, uint
   for (const Visit& visit : visitsOf(hang, waits)) {
     const auto state = static_cast<size_t>(visit.state);
     phases.spent[state] += visit.ns;
-    if (visit.state > ThreadState::runnable && waits.isLikeTheLook(visit.stack))
-      phases.likeTheLookNs += visit.ns;
+    if (visit.state != ThreadState::unknown) phases.knownNs += visit.ns;
+    const bool isWait = visit.state > ThreadState::runnable && visit.state != ThreadState::unknown;
+    if (isWait && waits.isLikeTheLook(visit.stack)) phases.likeTheLookNs += visit.ns;
     if (visit.ns > 0) byState[state].push_back(visit);
   }
   for (size_t state = 0; state < byState.size(); state++) {

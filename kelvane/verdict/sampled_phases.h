@@ -33,6 +33,7 @@ struct SampledPhases {
   };
 
   uint64_t durationNs = 0;  // 0: it was not sampled
+  uint64_t knownNs = 0;     // how much of that its state is known
   TimeByState spent{};      // adds up to that
   std::array<Place, TimeByState().size()> places;
   /// For how long it waited as it still did when the process was looked at; 0: it no longer did.
@@ -41,8 +42,8 @@ struct SampledPhases {
   const Place& placeIn(ThreadState state) const { return places[static_cast<size_t>(state)]; }
 };
 
-/// Samples tell who waits, by the kernel's functions: a wait that these don't tell counts as sleep, unless it
-/// is the one that the look found.
+/// Samples tell who waits, by the kernel's functions: a wait in none that sleeps uninterruptibly counts as
+/// sleep, and one without functions as unknown, unless it is the one that the look found.
 SampledPhases sampledPhases(const ProcessCapture& process, uint64_t fromNs, uint64_t toNs);
 
 }  // namespace kelvane

@@ -168,7 +168,7 @@ class Sentence {
 
   /// Empty if too little was sampled to speak for the hang.
   SampledPhases::Place sampledIn(ThreadState state) const {
-    const bool speaks = verdict_.fromSamples || findings_.sampled.durationNs >= verdict_.windowNs / 2;
+    const bool speaks = verdict_.fromSamples || findings_.sampled.knownNs >= verdict_.windowNs / 2;
     return speaks ? findings_.sampled.placeIn(state) : SampledPhases::Place{};
   }
 

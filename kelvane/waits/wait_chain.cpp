@@ -36,7 +36,7 @@ bool isFileLock(const ChainLink& link) {
 bool isHeldFast(const ChainLink& link, const ChainLink& next) {
   const Sureness least = isFileLock(link) && isFileLock(next) ? Sureness::likely : Sureness::certain;
   return link.holder && link.holder->sureness <= least && link.wait->holders.size() == 1 &&
-         !link.wait->isRetried && link.watch && !link.watch->moved;
+         !link.wait->isRetried && link.hasStayed();
 }
 
 bool isDeadlock(std::span<const ChainLink> circle) {

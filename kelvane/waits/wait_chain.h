@@ -13,6 +13,9 @@ struct ChainLink {
   std::optional<PartyWait> wait;     // nothing: it waits for nothing that is known
   std::optional<WaitHolder> holder;  // the next link's party; nothing: it is the last
   std::optional<PartyWatch> watch;
+
+  /// Whether it was where it was found for as long as it was watched.
+  bool hasStayed() const { return watch && !watch->moved; }
 };
 
 /// The way from the hung thread to whoever keeps it waiting.

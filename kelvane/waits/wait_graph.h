@@ -55,7 +55,8 @@ struct PartyWait {
   /// Where it has no holder, but only threads of its own process can end it: those, without evidence. Which
   /// of them is to do so can't be seen.
   std::vector<WaitHolder> candidates{};
-  bool isRetried = false;   // it doesn't wait, but tries again and again and sleeps in between
+  bool hasMoreCandidates = false;  // than are named
+  bool isRetried = false;          // it doesn't wait, but tries again and again and sleeps in between
   uint64_t timeLeftNs = 0;  // at the look, until it gives up by itself; 0: it doesn't, or that is not known
 };
 

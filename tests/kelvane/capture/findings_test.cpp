@@ -29,6 +29,7 @@ ProcessCapture onePart() {
   party.facts.tid = 30;
   party.facts.priority = -51;
   part.waits.waits = {{9, kLastWaitKind, "a pipe", {{-3, 30, Sureness::guess, "evidence"}}}};
+  part.waits.waits[0].hasMoreCandidates = true;
   part.waits.watches = {{30, true, false, true, 1, UINT64_MAX}};
   part.omissions = {{"what", "why"}};
   return part;
@@ -50,6 +51,7 @@ TEST(Findings, ComeThroughInPartsAsTheyWere) {
   EXPECT_EQ(whole.waits.parties[1].pid, 10);
   ASSERT_EQ(whole.waits.waits.size(), 1u);
   EXPECT_EQ(whole.waits.waits[0].kind, kLastWaitKind);
+  EXPECT_TRUE(whole.waits.waits[0].hasMoreCandidates);
   EXPECT_EQ(whole.waits.waits[0].holders[0].pid, -3);
   EXPECT_EQ(whole.waits.waits[0].holders[0].evidence, "evidence");
   EXPECT_TRUE(whole.waits.watches[0].moved && whole.waits.watches[0].throttled);

@@ -95,11 +95,37 @@ TEST(ChainVerdict, GuessesWhoIsToEndAWaitThatNobodyOwns) {
   EXPECT_EQ(machine.verdict().cause, Cause::sleeping);
   machine.watched(kLogger, 40, 30);
   expectSays(machine.verdict(), Cause::lock, "probably because thread 'logger' (102) was computing: ");
+  machine.process.waits.waits.front().hasMoreCandidates = true;
+  EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "it may not be the only one";
   machine.waitsForSignal(kApp, {kWorker, kLogger}, WaitKind::peer);
   expectSays(machine.verdict(), Cause::peer, "who keeps it from going on can't be told");
   machine.waitsForSignal(kApp, {kWorker, kLogger});
   machine.waits(kWorker, WaitKind::lock, kHog);
   EXPECT_EQ(machine.verdict().cause, Cause::sleeping) << "two are held up by something";
+}
+
+TEST(ChainVerdict, TellsWhereTheLastOneIsWhileItIsThere) {
+  MadeUpMachine machine;
+  machine.withoutRecorder();
+  machine.waits(kApp, WaitKind::lock, kWorker);
+  machine.party(kWorker).syscall = SystemCall{SYS_clock_nanosleep, {}};
+  machine.process.modules = {{"/usr/bin/viewer", ""}, {"/lib/libc.so.6", ""}};
+  // A lambda that the compiler has put into the library's function which calls it.
+  machine.process.frames = {
+      {0, 1, 0, "clock_nanosleep"},
+      {0, 0, 0,
+       "void std::this_thread::sleep_for<long, std::ratio<1l, 1l> >(std::chrono::duration<long> const&)"},
+      {0, 0, 0,
+       "std::thread::_State_impl<std::thread::_Invoker<std::tuple<Pool<int>::start(int, "
+       "char)::{lambda(int)#1}, int> > >::_M_run()"}};
+  machine.process.threads[1].stack = StackSample{11'001 * kMs, 0, {0, 1, 2}, ""};
+  machine.watched(kWorker, 40, 0);
+  expectSays(machine.verdict(), Cause::lock,
+             "slept (clock_nanosleep), in Pool<…>::start(int, char)::{lambda(int)#1} (viewer): viewer waits");
+  machine.process.frames[1] = {0, 0, 0, "Log& operator<< <int>(Log&, std::vector<int, Own<int> >)"};
+  expectSays(machine.verdict(), Cause::lock, ", in Log& operator<< <int>(Log&, std::vector<…>) (viewer): ");
+  machine.process.waits.watches.back().moved = true;
+  expectSays(machine.verdict(), Cause::lock, "slept (clock_nanosleep): viewer waits");
 }
 
 TEST(ChainVerdict, WhoEndedItsSleepsBeforeIsLikelyToEndThisOne) {

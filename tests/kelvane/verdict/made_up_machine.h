@@ -56,6 +56,11 @@ class MadeUpMachine {
   }
   void coveredFrom(uint64_t ms) { recording_.coveredFromNs = ms * kMs; }
   void withoutRecorder() { recording_ = {}; }
+  /// Of a machine without a recorder: there is one that has just been started.
+  void coveredUntilTheLookFrom(uint64_t ms) {
+    recording_.toNs = 11'000 * kMs;
+    coveredFrom(ms);
+  }
   std::unordered_map<int32_t, std::string>& names() { return recording_.threadNames; }
   void addMissing() { addMissingSwitches(recording_); }
   void arrived(int tid) { addMissingArrival(recording_, tid); }

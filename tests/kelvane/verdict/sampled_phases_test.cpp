@@ -85,7 +85,7 @@ TEST(SampledPhases, AHangThatComputesAndWaitsIsToldAsBothWithTheFunctionOfEach) 
       "Going by samples of 5.0 of 10.0 s: viewer (thread 100) was busy itself: 56 % of 5.0 s on the CPU, in "
       "crunch; it also waited for 2.2 of 5.0 s in save_index because thread 'worker' (101) slept "
       "(clock_nanosleep): viewer waits for a lock that it holds.");
-  EXPECT_EQ(spentMs(verdict, ThreadState::sleeping), 2'200u);
+  EXPECT_NEAR(spentMs(verdict, ThreadState::sleeping), 2'200, 1);  // its samples are a nanosecond apart
   EXPECT_EQ(spentMs(verdict, ThreadState::unknown), 5'000u);
   EXPECT_EQ(verdict.coveredNs, 5'000 * kMs);
 
@@ -128,6 +128,36 @@ TEST(SampledPhases, TheKernelsFunctionsTellWhatIsWaitedForOnceTheLookIsTooLate) 
   stopped.waits(4'000, kParsing, {"do_signal_stop", "get_signal"});
   stopped.computes(1'000, kDecoding);
   expectSays(stopped.judged(), Cause::stopped, "was stopped for 4.0 of 5.0 s");
+}
+
+TEST(SampledPhases, AWaitWithoutTheKernelsFunctionsIsUnknown) {
+  SampledMachine machine;
+  machine.look().state = 'R';
+  machine.computes(2'000, kParsing);
+  machine.waits(3'000, kLocking, {});
+  const Verdict verdict = machine.judged();
+  expectSays(
+      verdict, Cause::ownCpu,
+      "Going by samples of 2.0 of 10.0 s: viewer (thread 100) was busy itself: 100 % of 2.0 s on the CPU");
+  EXPECT_EQ(spentMs(verdict, ThreadState::unknown), 8'000u);
+  EXPECT_EQ(verdict.coveredNs, 5'000 * kMs);
+}
+
+TEST(SampledPhases, AShortRecordingMixesNothingIntoThem) {
+  SampledMachine machine;
+  machine.coveredUntilTheLookFrom(10'500);
+  for (uint64_t ms = 10'500; ms < 11'000; ms += 20) {
+    machine.switches(ms, kApp, 'S', kHog);
+    machine.wakes(ms + 18, kHog, kApp);
+    machine.switches(ms + 19, kHog, 'S', kApp);
+  }
+  machine.computes(100, kParsing);
+  machine.waits(4'900, kLocking, kFutex);
+  machine.look().waitChannel = "futex_do_wait";
+  machine.look().syscall = SystemCall{SYS_futex, {}};
+  machine.process.threads[0].stack = StackSample{11'001 * kMs, 0, kLocking, ""};
+  expectSays(machine.judged(), Cause::sleeping,
+             "and waited for another thread (futex), in save_index (viewer).");
 }
 
 TEST(SampledPhases, WhoHasNotRunWasInWhatTheLookFinds) {

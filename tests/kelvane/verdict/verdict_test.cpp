@@ -268,7 +268,9 @@ TEST(Verdict, WhatTheKernelComputesForADiskIsTheDisks) {
   for (const uint64_t waitMs : {500, 400}) {
     MadeUpMachine machine;
     machine.look().state = 'R';
-    machine.look().systemMs = 6'000;
+    machine.look().userMs = 70'000;  // in its life: what it did in the hang may be anything
+    machine.after.systemTicks = 10;
+    machine.after.userTicks = 5;
     for (uint64_t fromMs = 900; fromMs < 11'000; fromMs += 1'000) {
       machine.request(kApp, fromMs, fromMs + waitMs - 10);
       machine.switches(fromMs, kApp, 'D', kOther);
@@ -279,7 +281,7 @@ TEST(Verdict, WhatTheKernelComputesForADiskIsTheDisks) {
       expectSays(machine.verdict(), Cause::ownCpu, "was busy itself: ");
     } else {
       expectSays(machine.verdict(), Cause::disk, "; it also was busy itself: ");
-      machine.look().userMs = 7'000;
+      machine.after.userTicks = 10;
       expectSays(machine.verdict(), Cause::ownCpu, "was busy itself: ");
     }
   }
@@ -364,13 +366,12 @@ TEST(Verdict, IsAsCautiousAsItsEvidence) {
              "was awake at the look, but has not been in its life for half as long");
   machine.before.thread = machine.after.thread = kApp;
   machine.after.majorFaults = 200;
-  machine.look().systemMs = 10'000;
+  machine.after.systemTicks = 10;
   expectSays(machine.verdict(), Cause::disk,
              "had pages read in again and again, from a disk unless they lay elsewhere.");
   lives(9'000, 300, 40, 0);
-  machine.look().systemMs = 10'000;
   EXPECT_EQ(machine.verdict().cause, Cause::disk) << "most of that was the kernel's time";
-  machine.look().systemMs = 0;
+  machine.after.userTicks = 20;
   EXPECT_EQ(machine.verdict().cause, Cause::ownCpu);
   machine.before.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 10, 10};
   machine.after.limits.memory = GroupLimits::Memory{"/small", 41'943'040, 11, 900};
