@@ -241,7 +241,7 @@ class Look {
   static bool isWhereItWas(int dir, const ThreadFacts& before) {
     std::vector<Omission> known;
     const auto now = readThreadFacts(dir, before.tid, known);
-    return now && now->state == before.state && now->syscall == before.syscall;
+    return now && now->state == before.state && isStillIn(before.syscall, now->syscall);
   }
 
   /// Stacks after an exec don't belong to the modules that were read before it.

@@ -144,7 +144,8 @@ class Looker final : public WaitSource {
     PartyWatch watch;
     watch.tid = party.facts.tid;
     watch.moved = before.facts->voluntarySwitches != after.facts->voluntarySwitches ||
-                  before.facts->state != after.facts->state || after.facts->syscall != party.facts.syscall;
+                  before.facts->state != after.facts->state ||
+                  !isStillIn(party.facts.syscall, after.facts->syscall);
     watch.frozen = !after.around.limits.frozen.empty();
     watch.throttled = after.throttledNs() > before.throttledNs();
     watch.watchedNs = after.atNs - before.atNs;

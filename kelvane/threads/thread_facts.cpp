@@ -79,6 +79,11 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
   return facts;
 }
 
+bool isStillIn(const std::optional<SystemCall>& before, const std::optional<SystemCall>& now) {
+  if (!before || !now || now->number != SYS_restart_syscall) return before == now;
+  return before->arguments == now->arguments;
+}
+
 pid_t threadCalled(int processDir, int64_t id) {
   if (id <= 0 || id > INT_MAX) return 0;
   const auto called = static_cast<pid_t>(id);

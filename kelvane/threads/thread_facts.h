@@ -36,6 +36,10 @@ std::string taskPath(pid_t tid, const char* name);
 /// permitted is added to `omissions`, once per kind.
 std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vector<Omission>& omissions);
 
+/// Whether a thread that was found in `before` is in that wait, or in another one like it, by a later look: a
+/// stop lets some go on as restart_syscall(2), which doesn't always show what it was.
+bool isStillIn(const std::optional<SystemCall>& before, const std::optional<SystemCall>& now);
+
 /// The process's thread that it calls `id` itself, which in a PID namespace of its own is another number than
 /// /proc has here; 0: it has none, or none was found within kThreadSearch.
 pid_t threadCalled(int processDir, int64_t id);

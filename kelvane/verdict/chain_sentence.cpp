@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <set>
-#include <string_view>
 #include <vector>
 
 #include "kelvane/verdict/display_names.h"
@@ -223,7 +222,7 @@ class ChainSentence {
     const bool isAlone = std::count_if(links_.begin(), links_.end(), [&](const ChainLink& link) {
                            return link.party.facts.comm == party.facts.comm;
                          }) == 1;
-    const std::string name = "'" + party.facts.comm + "'";
+    std::string name = "'" + party.facts.comm + "'";
     if (!isNew && isAlone) return name;
     return name + (party.facts.tid == party.pid && party.pid != process_.pid ? " (pid " : " (") +
            std::to_string(party.facts.tid) + ")";
