@@ -19,6 +19,7 @@ namespace {
 class NoLog final : public platform::Logs, public platform::LogHandle {
  public:
   platform::LogHandle& handle(std::string_view, std::string_view) override { return *this; }
+  uint32_t setSender(uint32_t) override { return 0; }
   void system(std::string_view text) override { benchmark::DoNotOptimize(text.data()); }
   bool enabled(platform::LogLevel level) const override {
     return debug || level != platform::LogLevel::debug;
