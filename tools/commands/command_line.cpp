@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "client/include/quorvel.h"
@@ -28,6 +31,24 @@ std::vector<std::string> takeCommand(int& argc, char** argv) {
   if (separator == end || std::find_if(argv, separator, is("launch")) == separator) return {};
   argc = static_cast<int>(separator - argv);
   return {separator + 1, end};
+}
+
+constexpr std::array<std::pair<const char*, void (*)(CLI::App&, Context&)>, 7> kFamilies{{
+    {"prefs", addPrefsCommands},
+    {"notify", addNotifyCommand},
+    {"reports", addReportsCommands},
+    {"memory", addMemoryCommands},
+    {"metrics", addMetricsCommand},
+    {"launch", addLaunchCommand},
+    {"activations", addActivationsCommand},
+}};
+
+/// Adds the commands, or those alone that begin with `first` if any do: a command that is launched is not to
+/// wait for all the others' options.
+void addCommands(CLI::App& app, Context& context, std::string_view first) {
+  const auto asked = std::ranges::find(kFamilies, first, [](const auto& family) { return family.first; });
+  if (asked != kFamilies.end()) return asked->second(app, context);
+  for (const auto& [name, add] : kFamilies) add(app, context);
 }
 
 /// What the arguments ask for, as far as they were understood.
@@ -81,13 +102,7 @@ int runCommandLine(int argc, char** argv) {
   app.set_version_flag("--version", "quorvelctl " QV_VERSION);
   app.add_flag("--json", context.json, "Answer in JSON");
   app.footer("Every command takes --root DIR and --json. Exit status: 0 done, 1 failed, 2 wrong usage.");
-  addPrefsCommands(app, context);
-  addNotifyCommand(app, context);
-  addReportsCommands(app, context);
-  addMemoryCommands(app, context);
-  addMetricsCommand(app, context);
-  addLaunchCommand(app, context);
-  addActivationsCommand(app, context);
+  addCommands(app, context, argc > 1 ? argv[1] : "");
   if (winsize size{}; ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
     setTableWidth(size.ws_col);
   try {

@@ -1,6 +1,5 @@
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <array>
@@ -131,8 +130,8 @@ void Launch::takeNotifications() {
   while (const std::optional<NotifyMessage> message = notifications_.receive()) {
     if (!comesFromUs(*message)) continue;
     if (hasLine(message->text, "READY=1")) end(0);
-    // To whoever waits for this process to be up. A barrier is between the command and us.
-    if (!hasLine(message->text, "BARRIER=1")) sd_notify(0, message->text.c_str());
+    // A barrier is between the command and us.
+    if (!hasLine(message->text, "BARRIER=1")) notifyManager(message->text);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <array>
 #include <charconv>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
 #include "tools/base/files.h"
@@ -70,6 +71,19 @@ bool comesFromUs(const NotifyMessage& message) {
     pid = *parent;
   }
   return false;
+}
+
+void notifyManager(const std::string& text) {
+  const char* const address = getenv("NOTIFY_SOCKET");
+  const size_t length = address ? std::strlen(address) : 0;
+  sockaddr_un name{};
+  if (length < 2 || length >= sizeof name.sun_path || (*address != '/' && *address != '@')) return;
+  name.sun_family = AF_UNIX;
+  std::memcpy(name.sun_path, address, length);
+  if (*address == '@') name.sun_path[0] = '\0';
+  const Descriptor out(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sendto(out.get(), text.data(), text.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&name),
+         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
 }
 
 NotifySocket::NotifySocket() {

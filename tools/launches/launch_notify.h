@@ -28,6 +28,10 @@ bool hasLine(std::string_view text, std::string_view assignment);
 /// process's user.
 bool comesFromUs(const NotifyMessage& message);
 
+/// Sends `text` to whoever started this process and waits for it to be up, if that is anybody: as
+/// sd_notify(3) does, whose library would have to load six others.
+void notifyManager(const std::string& text);
+
 /// A socket of its own for a command's sd_notify(3) messages, in the abstract namespace: nothing to clean up,
 /// and a command that gives its user up still reaches it.
 class NotifySocket {

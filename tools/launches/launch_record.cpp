@@ -1,20 +1,16 @@
 #include "tools/launches/launch_record.h"
 
 #include <poll.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <filesystem>
+#include <ctime>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 
 #include "client/include/quorvel.h"
-#include "tools/base/descriptor.h"
 #include "tools/launches/activation.h"
 #include "tools/preferences/preference_file.h"
 #include "tools/preferences/preference_keys.h"
@@ -22,7 +18,13 @@
 namespace quorvelctl {
 namespace {
 
-constexpr std::chrono::milliseconds kLookEvery(10);
+using std::chrono::steady_clock;
+
+/// The pauses between looks grow with the time waited for, of which they add no more than this part: most
+/// records are there within a millisecond.
+constexpr int kShareOfWait = 4;
+constexpr std::chrono::microseconds kShortestPause(50);
+constexpr std::chrono::milliseconds kLongestPause(10);
 
 /// What the boolean preference `key` is set to, under the name `storedAs`, in the list at `path`.
 std::optional<bool> stored(const std::string& path, const std::string& key, const std::string& storedAs) {
@@ -72,9 +74,7 @@ std::vector<std::string> AppendedLines::next() {
 }
 
 LaunchRecord::LaunchRecord(const Context& context)
-    : folder_(std::filesystem::path(context.path(kActivationLog)).parent_path()),
-      records_(context.path(kActivationLog)),
-      leftOut_(context.path(kLeftOutLog)) {}
+    : records_(context.path(kActivationLog)), leftOut_(context.path(kLeftOutLog)) {}
 
 LaunchRecord::Outcome LaunchRecord::look(int32_t pid, uint64_t startMs, uint64_t endMs) {
   const auto isIt = [&](const std::string& line) {
@@ -94,26 +94,21 @@ LaunchRecord::Outcome LaunchRecord::look(int32_t pid, uint64_t startMs, uint64_t
   return Outcome::noWord;
 }
 
+/// Looks every so often, and does not watch the folder: to close an inotify descriptor takes the kernel
+/// milliseconds, in which it waits for everybody else who is in the middle of an event.
 LaunchRecord::Outcome LaunchRecord::await(int32_t pid, uint64_t startMs, uint64_t endMs,
                                           std::chrono::milliseconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  const Descriptor watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  bool isWatched = false;
+  const auto begin = steady_clock::now();
   for (;;) {
-    // Watched before it is looked at; while the folder isn't there yet, which the first record makes, now and
-    // then.
-    if (!isWatched)
-      isWatched = inotify_add_watch(watch.get(), folder_.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) >= 0;
     const Outcome outcome = look(pid, startMs, endMs);
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (outcome != Outcome::noWord || left.count() <= 0) return outcome;
-    std::array<pollfd, 2> ready{{{watch.get(), POLLIN, 0}, {qv_fd(), POLLIN, 0}}};
-    poll(ready.data(), ready.size(),
-         static_cast<int>((isWatched ? left : std::min(left, kLookEvery)).count()));
-    if (ready[1].revents != 0 && qv_process() < 0) return look(pid, startMs, endMs);  // the daemon is gone
-    std::array<char, 4096> events;
-    while (read(watch.get(), events.data(), events.size()) > 0) {
-    }
+    const auto waited = steady_clock::now() - begin;
+    if (outcome != Outcome::noWord || waited >= limit) return outcome;
+    const auto pause =
+        std::clamp<steady_clock::duration>(waited / kShareOfWait, kShortestPause, kLongestPause);
+    const timespec time{0, std::chrono::nanoseconds(pause).count()};
+    pollfd daemon{qv_fd(), POLLIN, 0};
+    if (ppoll(&daemon, 1, &time, nullptr) > 0 && qv_process() < 0)
+      return look(pid, startMs, endMs);  // it is gone
   }
 }
 

@@ -48,7 +48,6 @@ class LaunchRecord {
  private:
   Outcome look(int32_t pid, uint64_t startMs, uint64_t endMs);
 
-  std::string folder_;
   AppendedLines records_;
   AppendedLines leftOut_;
   std::string reason_;

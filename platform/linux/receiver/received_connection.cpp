@@ -10,6 +10,7 @@
 #include <iterator>
 #include <memory>
 #include <span>
+#include <string>
 #include <utility>
 
 #include "platform/ipc.h"
@@ -99,12 +100,8 @@ ReceivedConnection::Next ReceivedConnection::takeTurn(HeldUpTimer& timer, Receiv
 
 ReceivedConnection::Measured ReceivedConnection::measure(std::string_view bytes) {
   Measured measured;
-  while (!greeted()) {
-    const size_t taken = measureHandshake(bytes.substr(measured.bytes));
-    if (taken == 0) return measured;
-    measured.bytes += taken;
-    measured.handshakeBytes = measured.bytes;
-  }
+  measured.bytes = measured.handshakeBytes = measureHandshake(bytes);
+  if (!greeted()) return measured;
   Frame frame = frameOf(bytes.substr(measured.bytes));
   for (; frame.status == FrameStatus::whole; frame = frameOf(bytes.substr(measured.bytes)))
     measured.bytes += frame.sizeBytes;
@@ -119,13 +116,17 @@ ReceivedConnection::Measured ReceivedConnection::measure(std::string_view bytes)
 }
 
 size_t ReceivedConnection::measureHandshake(std::string_view bytes) {
-  const DBusHandshake::Step step = handshake_.take(bytes);
-  if (step.status == DBusHandshake::Status::refused) {
-    end(EndReason::badHandshake);
-    return 0;
+  size_t taken = 0;
+  std::string replies;  // at once: each would wake the client
+  while (!greeted()) {
+    const DBusHandshake::Step step = handshake_.take(bytes.substr(taken));
+    if (step.status == DBusHandshake::Status::refused) end(EndReason::badHandshake);
+    if (step.status == DBusHandshake::Status::refused || step.consumedBytes == 0) break;
+    replies += step.reply;
+    taken += step.consumedBytes;
   }
-  if (!step.reply.empty() && !send(step.reply)) end(EndReason::repliesUnread);
-  return step.consumedBytes;
+  if (!replies.empty() && !send(replies)) end(EndReason::repliesUnread);
+  return taken;
 }
 
 bool ReceivedConnection::consume(char* target, size_t count) {
