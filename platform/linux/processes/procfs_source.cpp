@@ -36,7 +36,9 @@ bool inOneMemory(const process_sample& one, const process_sample& other) {
 ///
 /// Most processes sleep from one look to the next. Of one that has not run, as its only thread's schedstat
 /// tells, no counter has changed, and its memory only if that shows in statm: the two cost a third of the
-/// others, and where they read as before, so does the sample.
+/// others, and where they read as before, so does the sample. Of one with threads, whose schedstat tells of
+/// the first alone, stat is read in its place, and io always: a thread may have read a file in less than a
+/// tick. What one has locked in less, without a fault, shows when more has happened.
 class ProcfsSource final : public ProcessSource {
  public:
   const char* name() const override { return "procfs"; }
@@ -50,40 +52,43 @@ class ProcfsSource final : public ProcessSource {
     auto known = lastMarks_.begin();  // /proc lists processes in ascending order
     proc_.forEachNumber([&](int32_t pid) {
       while (known != lastMarks_.end() && known->pid < pid) ++known;
-      const uint64_t lastMark = known != lastMarks_.end() && known->pid == pid ? known->mark : kNoMark;
-      uint64_t mark = lastMark == kThreads ? kThreads : markOf(pid);
+      const Mark lastMark = known != lastMarks_.end() && known->pid == pid ? *known : Mark{};
       const ProcessRecord* last = findRecord(before, pid, cursor);
+      // These come before all else that is read of the process: who runs meanwhile is read anew the next
+      // time.
+      Mark mark{pid, lastMark.hasThreads, hashOf(readFileOf(pid, "statm")), kNoRun};
+      const std::string_view text = readFileOf(pid, mark.hasThreads ? "stat" : "schedstat");
+      if (leadingNumber(text) != 0) mark.run = hashOf(text);  // 0: a kernel that doesn't count in schedstat
       process_sample sample{};
       sample.pid = pid;
-      if (last && mark == lastMark && mark > kThreads) {
+      if (last && mark.run != kNoRun && mark == lastMark) {
         sample = last->sample;
-      } else if (!readProcess(sample, last, mark)) {
+        if (mark.hasThreads && !readIo(sample)) return;
+      } else if (!readProcess(sample, last, mark.hasThreads ? text : readFileOf(pid, "stat"), mark)) {
         return;
       }
       samples_.push_back(sample);
-      marks_.push_back({pid, mark});
+      marks_.push_back(mark);
     });
     findSharedMemory();
     return samples_;
   }
 
  private:
-  /// Marks of samples that are read anew whatever schedstat and statm say: of those that this once said too
-  /// little of, and of processes that had several threads, of which schedstat tells the first one's alone.
-  enum : uint64_t { kNoMark, kThreads };
+  /// Of a sample that is read anew the next time, whatever stands in the files.
+  static constexpr uint64_t kNoRun = 0;
 
+  /// What stood in statm, and in schedstat or stat, when a sample was read.
   struct Mark {
-    int32_t pid;
-    uint64_t mark;  ///< what schedstat and statm said when the sample was read
+    int32_t pid = 0;
+    bool hasThreads = false;  ///< then it was stat
+    uint64_t memory = 0;
+    uint64_t run = kNoRun;
+    bool operator==(const Mark&) const = default;
   };
 
-  /// Comes before all else that is read of the process: who runs meanwhile is read anew the next time.
-  uint64_t markOf(int32_t pid) {
-    const std::string_view schedstat = readFileOf(pid, "schedstat");
-    if (parseSchedstat(schedstat) == 0) return kNoMark;  // a kernel that doesn't count there
-    const uint64_t ran = std::hash<std::string_view>{}(schedstat);
-    const uint64_t mark = std::rotl(ran, 1) ^ std::hash<std::string_view>{}(readFileOf(pid, "statm"));
-    return std::max<uint64_t>(mark, kThreads + 1);
+  static uint64_t hashOf(std::string_view text) {
+    return std::max<uint64_t>(std::hash<std::string_view>{}(text), kNoRun + 1);
   }
 
   std::string_view readFileOf(int32_t pid, const char* file) {
@@ -92,25 +97,26 @@ class ProcfsSource final : public ProcessSource {
     return proc_.read(path);
   }
 
-  /// False when the process has gone in between. `mark` becomes one without meaning when it can't tell
-  /// whether the process changes.
-  bool readProcess(process_sample& sample, const ProcessRecord* last, uint64_t& mark) {
-    const std::optional<ProcfsStat> stat = parseStat(readFileOf(sample.pid, "stat"));
+  /// False when the process has gone in between. `mark` is made one that no sample will have again when it
+  /// can't tell whether the process changes.
+  bool readProcess(process_sample& sample, const ProcessRecord* last, std::string_view text, Mark& mark) {
+    const std::optional<ProcfsStat> stat = parseStat(text);
     if (!stat) return false;
-    // The run time of one that stays on its CPU is counted at ticks, of which there may be one a second.
-    if (stat->state == 'R' || mark == kThreads) mark = kNoMark;
-    if (stat->threadCount > 1) mark = kThreads;
     setFromStat(sample, *stat);
+    const bool hasThreads = stat->threadCount > 1;
+    // The run time of one that stays on its CPU is counted at ticks, of which there may be one a second.
+    if (stat->state == 'R' || hasThreads != mark.hasThreads) mark.run = kNoRun;
+    mark.hasThreads = hasThreads;
 
     if (last && last->sample.start_ns != sample.start_ns) last = nullptr;
-    if (stat->threadCount <= 1) {
+    if (!hasThreads) {
       sample.class_runtime_ns[sample.leader_class] = sample.runtime_ns;
     } else if (sample.runtime_ns == (last ? last->sample.runtime_ns : 0)) {
       sample.flags |= kSampleClassesUnknown;
     } else {
       readThreads(sample);
     }
-    return (stat->isKernelThread() || readMemory(sample, stat->threadCount)) && readIo(sample);
+    return (stat->isKernelThread() || readMemory(sample, mark)) && readIo(sample);
   }
 
   void setFromStat(process_sample& sample, const ProcfsStat& stat) const {
@@ -171,11 +177,14 @@ class ProcfsSource final : public ProcessSource {
     return !threads.read(file).empty();
   }
 
-  bool readMemory(process_sample& sample, uint64_t threadCount) {
+  bool readMemory(process_sample& sample, Mark& mark) {
     const std::string_view text = readFileOf(sample.pid, "status");
     if (text.empty()) return false;
     ProcfsStatus status = parseStatus(text);
-    if (!status.hasMemory && threadCount > 1) status = statusOfLiveThread(sample.pid);
+    if (!status.hasMemory && mark.hasThreads) {
+      status = statusOfLiveThread(sample.pid);
+      mark.run = kNoRun;  // of that one's memory, statm tells nothing
+    }
     if (!status.hasMemory) return true;
     sample.flags |= kSampleHasMemory;
     sample.resident_pages = status.residentKb / pageKb_;
@@ -234,7 +243,7 @@ class ProcfsSource final : public ProcessSource {
       if (last.memory == 0) last.memory = static_cast<uint64_t>(last.pid);
       sample.memory = last.memory;
       // The other may change it.
-      marks_[alike[i]].mark = marks_[alike[i - 1]].mark = kNoMark;
+      marks_[alike[i]].run = marks_[alike[i - 1]].run = kNoRun;
     }
   }
 

@@ -370,23 +370,33 @@ TEST_P(ProcessTable, SeesASleeperAgainWhateverHasBecomeOfItSinceTheLastLook) {
   ASSERT_EQ(ftruncate(file, kHeldBytes), 0);
   static volatile char* page =
       static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-  const ChildProcess sleeper(
-      {[] { page[0] = 1; }, [] { syscall(SYS_mlock, page, 4096); }, writeAndReadBack,
-       [] { std::thread([] { burn(1); }).join(); },
-       [] { mmap(nullptr, kHeldBytes, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0); }});
-  for (int i = 0; i < 5; ++i) {
-    look();
-    look();
-    sleeper.step();
-    expectAsInProc(sleeper.pid(), look(sleeper));
+  const ChildProcess::Steps steps = {
+      [] { page[0] = 1; }, writeAndReadBack, [] { std::thread([] { burn(1); }).join(); },
+      [] { mmap(nullptr, kHeldBytes, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0); }};
+  for (const bool withThreads : {false, true}) {
+    SCOPED_TRACE(withThreads ? "with threads" : "with one thread");
+    ASSERT_EQ(ftruncate(file, kHeldBytes), 0);
+    ChildProcess::Steps all = steps;
+    if (withThreads) {
+      all.insert(all.begin(), [] { startSleepingThread(0); });
+    } else {
+      all.insert(all.begin() + 1, [] { syscall(SYS_mlock, page, 4096); });
+    }
+    const ChildProcess sleeper(all);
+    for (size_t i = 0; i < all.size(); ++i) {
+      look();
+      look();
+      sleeper.step();
+      expectAsInProc(sleeper.pid(), look(sleeper));
+    }
+    const rusage_info_v3 held = look(sleeper);
+    EXPECT_GE(held.resident_size, kHeldBytes);
+    EXPECT_GT(held.diskio_byteswritten, 0u);
+    ASSERT_EQ(ftruncate(file, 0), 0);  // it sleeps on
+    const rusage_info_v3 left = look(sleeper);
+    expectAsInProc(sleeper.pid(), left);
+    EXPECT_LE(left.resident_size, held.resident_size - kHeldBytes);
   }
-  const rusage_info_v3 held = look(sleeper);
-  EXPECT_GE(held.resident_size, kHeldBytes);
-  EXPECT_GT(held.diskio_byteswritten, 0u);
-  ASSERT_EQ(ftruncate(file, 0), 0);  // it sleeps on
-  const rusage_info_v3 left = look(sleeper);
-  expectAsInProc(sleeper.pid(), left);
-  EXPECT_LE(left.resident_size, held.resident_size - kHeldBytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, ProcessTable, testing::Values(Way::taskWalk, Way::taskIterator, Way::procfs),
