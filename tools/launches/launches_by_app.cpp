@@ -11,7 +11,8 @@
 namespace quorvelctl {
 namespace {
 
-constexpr double kWeekS = 7 * 24 * 3600;
+constexpr double kDayS = 24 * 3600;
+constexpr double kWeekS = 7 * kDayS;
 
 /// The least value that `percent` of all are not above.
 uint64_t percentile(const std::vector<uint64_t>& sorted, size_t percent) {
@@ -52,6 +53,7 @@ std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, 
   struct Durations {
     std::vector<uint64_t> all, thisWeek, lastWeek;
     std::vector<LaunchMoment> launches;
+    size_t misdated = 0;
   };
   std::map<std::string, Durations> durations;
   for (const Activation& activation : activations) {
@@ -59,6 +61,10 @@ std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, 
     Durations& app = durations[activation.bundleID];
     const double age = now - activation.startedAt;
     app.all.push_back(*activation.durationMs);
+    if (activation.startedAt < 0 || age < -kDayS) {
+      ++app.misdated;
+      continue;
+    }
     app.launches.push_back({activation.startedAt, *activation.durationMs});
     if (age < kWeekS) app.thisWeek.push_back(*activation.durationMs);
     if (age >= kWeekS && age < 2 * kWeekS) app.lastWeek.push_back(*activation.durationMs);
@@ -68,7 +74,7 @@ std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, 
   for (auto& [bundleID, app] : durations) {
     apps.push_back({bundleID, timesOf(std::move(app.all)).value_or(LaunchTimes{}),
                     timesOf(std::move(app.thisWeek)), timesOf(std::move(app.lastWeek)),
-                    std::move(app.launches)});
+                    std::move(app.launches), app.misdated});
   }
   std::sort(apps.begin(), apps.end(), [](const AppLaunches& a, const AppLaunches& b) {
     return std::tuple(b.all.medianMs, a.bundleID) < std::tuple(a.all.medianMs, b.bundleID);

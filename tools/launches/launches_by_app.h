@@ -31,7 +31,8 @@ struct AppLaunches {
   LaunchTimes all;
   std::optional<LaunchTimes> thisWeek;  ///< the seven days up to now; nothing without launches
   std::optional<LaunchTimes> lastWeek;  ///< the seven before
-  std::vector<LaunchMoment> launches;   ///< as the log has them
+  std::vector<LaunchMoment> launches;   ///< as the log has them, but for those of impossible times
+  size_t misdated = 0;                  ///< of those: how many there are
 
   /// By how much the median of this week is above last week's, in percent; nothing without either.
   std::optional<double> changePercent() const;
@@ -40,7 +41,9 @@ struct AppLaunches {
 /// What has become of it within the week: "+25 %", "new", or "-" for what wasn't launched.
 std::string changeText(const AppLaunches& app);
 
-/// By application, the highest median first. `now` is in seconds since 2001-01-01 00:00:00 UTC.
+/// By application, the highest median first. `now` is in seconds since 2001-01-01 00:00:00 UTC. A launch from
+/// more than a day ahead, or from before that date, was logged while the clock was wrong: it counts among
+/// all, and in no week.
 std::vector<AppLaunches> launchesByApp(std::span<const Activation> activations, double now);
 
 std::string launchesByAppText(const std::vector<AppLaunches>& apps);

@@ -195,12 +195,16 @@ Html tableHtml(const std::vector<AppLaunches>& apps) {
 
 std::string launchesPage(const std::vector<AppLaunches>& apps, double now) {
   const Span span = spanOf(apps, now);
-  size_t launches = 0;
-  for (const AppLaunches& app : apps) launches += app.launches.size();
-  const std::string about =
-      std::to_string(launches) + (launches == 1 ? " launch of " : " launches of ") +
-      std::to_string(apps.size()) + (apps.size() == 1 ? " application" : " applications") + " from " +
-      dateText(span.begin, Label::dayAndTime) + " to " + dateText(span.end, Label::dayAndTime);
+  size_t launches = 0, misdated = 0;
+  for (const AppLaunches& app : apps) {
+    launches += app.all.count;
+    misdated += app.misdated;
+  }
+  std::string about = std::to_string(launches) + (launches == 1 ? " launch of " : " launches of ") +
+                      std::to_string(apps.size()) + (apps.size() == 1 ? " application" : " applications") +
+                      " from " + dateText(span.begin, Label::dayAndTime) + " to " +
+                      dateText(span.end, Label::dayAndTime);
+  if (misdated > 0) about += "; " + std::to_string(misdated) + " of them not drawn, the clock was wrong then";
   Html pictures =
       element("h2", "", "Every launch, the slowest applications first") +
       Html{

@@ -114,14 +114,14 @@ TEST(Activations, ShowWhoSpentItInTheSystemOrByChildren) {
 }
 
 TEST(Activations, ByApplicationTheSlowestIsFirstWithWhatChanged) {
-  constexpr double kDay = 86400;
+  constexpr double kDay = 86400, kNow = 800'000'000;
   std::vector<quorvelctl::Activation> launches;
   const auto launched = [&](const char* app, double daysAgo, uint64_t ms, int result = 0) {
     quorvelctl::Activation launch;
     launch.bundleID = app;
     launch.launch = true;
     launch.result = result;
-    launch.startedAt = -daysAgo * kDay;
+    launch.startedAt = kNow - daysAgo * kDay;
     launch.durationMs = ms;
     launches.push_back(launch);
   };
@@ -130,7 +130,7 @@ TEST(Activations, ByApplicationTheSlowestIsFirstWithWhatChanged) {
   launched("b", 2, 4000);
   launched("b", 2, 9, 32);  // no launch that was seen
   launched("b", 30, 4100);
-  const auto apps = quorvelctl::launchesByApp(launches, 0);
+  const auto apps = quorvelctl::launchesByApp(launches, kNow);
   EXPECT_EQ(quorvelctl::launchesByAppText(apps),
             "MEDIAN  90 % IN  SLOWEST  LAUNCHES  THIS WEEK  LAST WEEK  CHANGE  APPLICATION\n"
             "4.00 s  4.10 s   4.10 s   2         4.00 s     -          new     b\n"

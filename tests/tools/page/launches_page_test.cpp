@@ -43,10 +43,28 @@ TEST(LaunchesPage, DrawsEveryLaunchAndSaysWhatChanged) {
 
   // One alone, that took no time and began after the page was made.
   auto early = launchesOf("early", {0});
-  early[0].startedAt = kNow + kDayS;
+  early[0].startedAt = kNow + kDayS / 2;
   const std::string one = pageOf(early);
   EXPECT_EQ(timesIn(one, " h 0 "), 1u);
   EXPECT_EQ(timesIn(one, "nan") + timesIn(one, "inf"), 0u);
+}
+
+TEST(LaunchesPage, LaunchesOfAWrongClockLeaveTheOthersTheirRoomAndTheirWeek) {
+  auto all = launchesOf("app", {10, 10, 10});
+  const std::string right = pageOf(all);
+  auto wrong = launchesOf("app", {900, 900});
+  wrong[0].startedAt = -978'307'000;  // a machine without a clock, just started
+  wrong[1].startedAt = kNow + 40 * kDayS;
+  all.insert(all.end(), wrong.begin(), wrong.end());
+  const std::string page = pageOf(all);
+  EXPECT_EQ(timesIn(page, " h 0 "), 3u);
+  EXPECT_EQ(timesIn(page, "median of this week: 10 ms"), 1u);
+  EXPECT_EQ(timesIn(page, "; 2 of them not drawn, the clock was wrong then"), 1u);
+  const auto launchesLine = [](const std::string& text) {
+    const size_t begin = text.find(" from ");
+    return text.substr(begin, text.find(" to ") - begin);
+  };
+  EXPECT_EQ(launchesLine(page), launchesLine(right));
 }
 
 TEST(LaunchesPage, NothingOfANameBecomesMarkup) {
