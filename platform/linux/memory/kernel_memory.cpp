@@ -113,6 +113,7 @@ uint64_t pagesOfProcesses() {
 void LinuxKernelMemory::takeLook() {
   priorities_.clear();
   look_ = processTables_.records();
+  processTables_.rest();  // the next one is minutes away, and the report takes memory too
   cursor_ = 0;
   std::vector<SharingProcess> processes;
   for (const ProcessRecord& record : *look_) {

@@ -7,7 +7,9 @@ namespace quorveld::linux_platform {
 
 namespace {
 
-constexpr std::string_view kSeparators = " \t";
+bool isSeparator(char c) {
+  return c == ' ' || c == '\t';
+}
 
 /// Takes the text up to `end` off the front of `text`, and `end` with it.
 std::string_view take(std::string_view& text, char end) {
@@ -18,11 +20,10 @@ std::string_view take(std::string_view& text, char end) {
 }
 
 std::string_view takeWord(std::string_view& line) {
-  line.remove_prefix(std::min(line.find_first_not_of(kSeparators), line.size()));
-  const size_t end = std::min(line.find_first_of(kSeparators), line.size());
-  const std::string_view word = line.substr(0, end);
-  line.remove_prefix(end);
-  return word;
+  const auto begin = std::find_if_not(line.begin(), line.end(), isSeparator);
+  const auto end = std::find_if(begin, line.end(), isSeparator);
+  line = {end, line.end()};
+  return {begin, end};
 }
 
 std::optional<uint64_t> number(std::string_view word) {

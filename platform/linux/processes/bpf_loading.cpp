@@ -122,7 +122,9 @@ std::string loadAndHandOver(BpfPass pass) {
   ::_exit(0);
 }
 
-/// Whether a load has taken all of the patience. Another program would meet with what held that one up.
+/// Whether a load has taken all of the patience. Another program would meet with what held that one up, and a
+/// source stays for good: a machine that was too busy this once is looked at through /proc until the daemon
+/// is started anew.
 std::atomic<bool> tookTooLong = false;
 constexpr const char* kTooLong = "BPF: loading takes too long";
 

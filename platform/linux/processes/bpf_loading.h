@@ -18,8 +18,8 @@ struct LoadedBpf {
 
 /// Loads a program in a copy of this process, which ends with that: libbpf takes more than 10 MB for the
 /// kernel's type information, and a daemon that once took them keeps some. Takes tens of milliseconds;
-/// nothing, and the reason in `why`, when it can't be loaded. Where it
-/// takes seconds it is given up, and none is tried again as long as this process lives.
+/// nothing, and the reason in `why`, when it can't be loaded. Where it takes seconds it is given up, and none
+/// is tried again as long as this process lives, whatever the reason was.
 [[nodiscard]] std::optional<LoadedBpf> loadBpf(BpfPass pass, std::string& why);
 
 /// "WHAT: the error's text", or which capabilities it takes.

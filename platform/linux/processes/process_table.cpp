@@ -116,6 +116,7 @@ void LinuxProcessTables::prepare() {
 
 /// What was freed between two blocks in use stays the allocator's for good, unless it is told.
 void LinuxProcessTables::rest() {
+  if (const std::unique_lock lock(mutex_, std::try_to_lock); lock && source_) source_->rest();
   {
     const std::lock_guard lock(spare_->mutex);
     spare_->records.reset();

@@ -15,15 +15,17 @@ namespace quorveld::linux_platform {
 /// From any thread: looks are taken one after another, so one may wait for a pass, or the loading of the
 /// source, that another queue has under way. A look's answers are all of its one pass, whatever
 /// becomes of a process afterwards. Kept between looks is the last one alone, from which the next one tells
-/// how much each process has spent, and until `rest` the place of the one before: they hold live processes
-/// only, so they can't grow beyond them.
+/// how much each process has spent, and until `rest` the places of its samples and of the look before: they
+/// hold live processes only, so they can't grow beyond them. Memory reports let those go with each of their
+/// looks, the activation tracker when nothing has begun for a minute.
 class LinuxProcessTables final : public platform::ProcessTables {
  public:
   /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
   /// milliseconds and a short-lived process, which a daemon that takes no snapshots has no use for.
   LinuxProcessTables() : LinuxProcessTables(nullptr) {}
 
-  /// With this source and no other.
+  /// With this source and no other. Either sets the allocator's thresholds for the whole process, so that
+  /// arrays of 1 MB and more are given back when they are freed.
   explicit LinuxProcessTables(std::unique_ptr<ProcessSource> source);
 
   ~LinuxProcessTables() override;

@@ -20,6 +20,9 @@ class ProcessSource {
   /// Samples of all processes, in any order, valid until the next call; empty on failure, logged once a
   /// streak. `before` is what became of the last pass.
   virtual std::span<const process_sample> read(const ProcessRecords& before) = 0;
+
+  /// Gives back what the last pass filled.
+  virtual void rest() {}
 };
 
 /// The two BPF programs that can fill the samples.

@@ -45,7 +45,9 @@ class ProcfsSource final : public ProcessSource {
   bool usable() const { return static_cast<bool>(proc_); }
 
   std::span<const process_sample> read(const ProcessRecords& before) override {
+    constexpr size_t kHeadroomShare = 8;
     samples_.clear();
+    samples_.reserve(before.size() + before.size() / kHeadroomShare);
     std::swap(marks_, lastMarks_);
     marks_.clear();
     size_t cursor = 0;
@@ -56,12 +58,14 @@ class ProcfsSource final : public ProcessSource {
       const ProcessRecord* last = findRecord(before, pid, cursor);
       // These come before all else that is read of the process: who runs meanwhile is read anew the next
       // time.
-      Mark mark{pid, lastMark.hasThreads, hashOf(readFileOf(pid, "statm")), kNoRun};
-      const std::string_view text = readFileOf(pid, mark.hasThreads ? "stat" : "schedstat");
-      if (leadingNumber(text) != 0) mark.run = hashOf(text);  // 0: a kernel that doesn't count in schedstat
+      const size_t memory = hashOf(readFileOf(pid, "statm"));
+      const std::string_view text = readFileOf(pid, lastMark.hasThreads ? "stat" : "schedstat");
+      Mark mark{pid, lastMark.hasThreads, kNoMark};
+      if (leadingNumber(text) != 0)  // 0: a kernel that doesn't count in schedstat
+        mark.value = std::max<uint64_t>(std::rotl(hashOf(text), 1) ^ memory, kNoMark + 1);
       process_sample sample{};
       sample.pid = pid;
-      if (last && mark.run != kNoRun && mark == lastMark) {
+      if (last && mark.value != kNoMark && mark == lastMark) {
         sample = last->sample;
         if (mark.hasThreads && !readIo(sample)) return;
       } else if (!readProcess(sample, last, mark.hasThreads ? text : readFileOf(pid, "stat"), mark)) {
@@ -74,22 +78,20 @@ class ProcfsSource final : public ProcessSource {
     return samples_;
   }
 
+  void rest() override { samples_ = std::vector<process_sample>(); }
+
  private:
   /// Of a sample that is read anew the next time, whatever stands in the files.
-  static constexpr uint64_t kNoRun = 0;
+  static constexpr uint64_t kNoMark = 0;
 
-  /// What stood in statm, and in schedstat or stat, when a sample was read.
   struct Mark {
     int32_t pid = 0;
-    bool hasThreads = false;  ///< then it was stat
-    uint64_t memory = 0;
-    uint64_t run = kNoRun;
+    bool hasThreads = false;
+    uint64_t value = kNoMark;  ///< what statm, and schedstat or stat, said when the sample was read
     bool operator==(const Mark&) const = default;
   };
 
-  static uint64_t hashOf(std::string_view text) {
-    return std::max<uint64_t>(std::hash<std::string_view>{}(text), kNoRun + 1);
-  }
+  static uint64_t hashOf(std::string_view text) { return std::hash<std::string_view>{}(text); }
 
   std::string_view readFileOf(int32_t pid, const char* file) {
     char path[kPathBytes];
@@ -97,15 +99,15 @@ class ProcfsSource final : public ProcessSource {
     return proc_.read(path);
   }
 
-  /// False when the process has gone in between. `mark` is made one that no sample will have again when it
-  /// can't tell whether the process changes.
+  /// False when the process has gone in between. `mark` becomes none when it can't tell whether the process
+  /// changes.
   bool readProcess(process_sample& sample, const ProcessRecord* last, std::string_view text, Mark& mark) {
     const std::optional<ProcfsStat> stat = parseStat(text);
     if (!stat) return false;
     setFromStat(sample, *stat);
     const bool hasThreads = stat->threadCount > 1;
     // The run time of one that stays on its CPU is counted at ticks, of which there may be one a second.
-    if (stat->state == 'R' || hasThreads != mark.hasThreads) mark.run = kNoRun;
+    if (stat->state == 'R' || hasThreads != mark.hasThreads) mark.value = kNoMark;
     mark.hasThreads = hasThreads;
 
     if (last && last->sample.start_ns != sample.start_ns) last = nullptr;
@@ -183,7 +185,7 @@ class ProcfsSource final : public ProcessSource {
     ProcfsStatus status = parseStatus(text);
     if (!status.hasMemory && mark.hasThreads) {
       status = statusOfLiveThread(sample.pid);
-      mark.run = kNoRun;  // of that one's memory, statm tells nothing
+      mark.value = kNoMark;  // of that one's memory, statm tells nothing
     }
     if (!status.hasMemory) return true;
     sample.flags |= kSampleHasMemory;
@@ -243,7 +245,7 @@ class ProcfsSource final : public ProcessSource {
       if (last.memory == 0) last.memory = static_cast<uint64_t>(last.pid);
       sample.memory = last.memory;
       // The other may change it.
-      marks_[alike[i]].run = marks_[alike[i - 1]].run = kNoRun;
+      marks_[alike[i]].value = marks_[alike[i - 1]].value = kNoMark;
     }
   }
 
