@@ -160,6 +160,30 @@ class Ways(ScratchTest):
         self.assertGreaterEqual(self.now_of(*children)[0]["hugeBytes"], SIZE)
         self.assertGreaterEqual(self.next_reports(1)[-1].sizes["way-hugetlb"][0], SIZE)
 
+    def test_a_pool_of_huge_pages_and_who_takes_them(self):
+        pool = pathlib.Path("/proc/sys/vm/nr_hugepages")
+        size = int(pathlib.Path("/proc/meminfo").read_text().split("Hugepagesize:")[1].split()[0]) * 1024
+        if size > SIZE:
+            self.skipTest(f"a huge page has {size} bytes here")
+        before = int(pool.read_text())
+        self.addCleanup(lambda: pool.write_text(str(before)))
+        wanted = before + SIZE // size
+        try:
+            pool.write_text(str(wanted))
+        except OSError as refusal:
+            self.skipTest(f"no huge pages can be reserved: {refusal}")
+        if int(pool.read_text()) < wanted:
+            self.skipTest("the machine's memory is too fragmented to reserve huge pages")
+        pool.write_text(str(before))
+        line = "huge pages (hugetlb)"
+        self.check_line(lambda: pool.write_text(str(wanted)), "VM_KERN_MEMORY_101", line, "uses", line)
+        # What a process takes out of it is that one's, and the pool's all the same.
+        children = []
+        reserved, taken, _ = self.look(lambda: children.append(self.hold("hugetlb")))
+        self.assertLess(abs(taken.parts[line] - reserved.parts[line]), SLACK)
+        self.assertGreaterEqual(taken.sizes["way-hugetlb"][0], SIZE)
+        self.assertGreaterEqual(self.now_of(*children)[0]["hugeBytes"], SIZE)
+
     # --- what no process has alone -------------------------------------------------------------------------------------
 
     def check_shared(self, *arguments):
