@@ -57,7 +57,10 @@ class Launches(ScratchTest):
         process = self.held(daemon, bundle, script)
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = os.waitstatus_to_exitcode(status)
-        self.assertEqual(process.returncode, 0, process.stderr.read())
+        errors = process.stderr.read()
+        self.assertEqual(process.returncode, 0, errors)
+        if "was not up within a minute" in errors:
+            self.skipTest("the machine is too busy: a launch of a second's work took more than a minute")
         activation = self.recorded(daemon, before + 1)[-1]
         self.assertEqual(activation["bundleID"], bundle)
         own = next(cost for cost in activation["processes"] if cost["pid"] == activation["pid"])
