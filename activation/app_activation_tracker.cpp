@@ -21,6 +21,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kActivationTimeout = 60s;
+/// Where launches never pause, what a burst of looks took is given back after so many.
+constexpr uint32_t kTimeoutsPerRest = 1000;
 constexpr uint32_t kAllStatistics = 7;
 constexpr uint32_t kReportToPowerLog = 3;
 constexpr uint32_t kForeground = 1;
@@ -180,7 +182,10 @@ void AppActivationTracker::begin(const Announcement& announced) {
     timeoutPlace.reset();
     timeOut(announced);
     // Nothing has begun for a minute: what a burst of looks took may go.
-    if (timeoutPlaces_.taken() == 0) platform::current().processTables.rest();
+    const bool pauses = timeoutPlaces_.taken() == 0;
+    if (!pauses && ++timeoutsSinceRest_ < kTimeoutsPerRest) return;
+    timeoutsSinceRest_ = 0;
+    platform::current().processTables.rest();
   });
 }
 

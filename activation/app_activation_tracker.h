@@ -117,6 +117,7 @@ class AppActivationTracker {
   std::map<std::string, InFlight> appActivationDictionary_;  ///< by "pid:bundle ID"
   std::atomic<size_t> inFlightCount_{0};                     ///< its size, for whoever asks for the state
   SharedLooks looks_{memory_};                               ///< activation queue
+  uint32_t timeoutsSinceRest_ = 0;                           ///< activation queue
 
   // Written by the setters, read by whichever step runs next: each stands for itself.
   std::atomic<bool> captureKelvanes_{false};

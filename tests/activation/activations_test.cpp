@@ -264,6 +264,16 @@ TEST(Activations, HundredsTogetherAreAllReportedAndTakeLittleMemory) {
                            "0 timeouts pending"));
 }
 
+TEST(Activations, WhatLooksTookIsGivenBackThoughLaunchesNeverPause) {
+  LauncherWorld world;
+  world.begin();
+  for (int32_t pid = 1; pid <= 1700; ++pid) {
+    world.beginActivation(pid, "steady");
+    world.advance(100ms);
+  }
+  EXPECT_EQ(world.kernel.rests, 1);
+}
+
 TEST(Activations, AnEndWithoutMemoryForItsLookIsRecordedWithoutProcesses) {
   constexpr uint32_t kUser = 1000;
   LauncherWorld world;

@@ -17,7 +17,7 @@ namespace quorveld::linux_platform {
 /// becomes of a process afterwards. Kept between looks is the last one alone, from which the next one tells
 /// how much each process has spent, and until `rest` the places of its samples and of the look before: they
 /// hold live processes only, so they can't grow beyond them. Memory reports let those go with each of their
-/// looks, the activation tracker when nothing has begun for a minute.
+/// looks, the activation tracker when nothing has begun for a minute, or a thousand launches later.
 class LinuxProcessTables final : public platform::ProcessTables {
  public:
   /// The source is chosen by `prepare` or the first look, and logged: loading a BPF program takes tens of
