@@ -145,6 +145,11 @@ void EventDecoder::fill(const Layout& layout, std::span<const uint8_t> bytes, Re
     case RecordedKind::suspendBegin:
       if (number(bytes, field[0]) == 0) event.kind = RecordedKind::suspendEnd;
       break;
+    case RecordedKind::newTask:
+      event.other = signedNumber(bytes, field[0]);
+      event.value = number(bytes, field[2]);
+      names_.note(event.other, event.atNs, text(bytes, field[1]));
+      break;
     case RecordedKind::mark: {
       std::string_view mark = text(bytes, field[0]);
       while (!mark.empty() && mark.back() == '\n') mark.remove_suffix(1);

@@ -61,6 +61,9 @@ inline constexpr EventSource kEventSources[] = {
     {RecordedKind::reclaimBegin, "vmscan", "mm_vmscan_memcg_reclaim_begin", nullptr, {}, /*isOptional=*/true},
     {RecordedKind::reclaimEnd, "vmscan", "mm_vmscan_memcg_reclaim_end", nullptr, {}, /*isOptional=*/true},
     {RecordedKind::suspendBegin, "power", "suspend_resume", "action == \"machine_suspend\"", {"start"}},
+    // Unlike sched_process_fork it tells a thread from a process.
+    {RecordedKind::newTask, "task", "task_newtask", nullptr, {"pid", "comm", "clone_flags"}},
+    {RecordedKind::execution, "sched", "sched_process_exec", nullptr, {}},
     // Always on: what is written to trace_marker.
     {RecordedKind::mark, "ftrace", "print", nullptr, {"buf"}},
 };

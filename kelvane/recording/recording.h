@@ -26,7 +26,9 @@ enum class RecordedKind : uint8_t {
   reclaimEnd,
   suspendBegin,  // of the machine
   suspendEnd,
-  mark,  // text written to trace_marker; `value` indexes Recording::texts
+  newTask,    // tid makes other, by clone(2) with the flags `value`
+  execution,  // tid has become another program
+  mark,       // text written to trace_marker; `value` indexes Recording::texts
 };
 
 /// One event of the flight recorder.

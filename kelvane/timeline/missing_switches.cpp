@@ -27,7 +27,8 @@ void addMissingSwitches(Recording& recording) {
     cpu.tid = event.kind == RecordedKind::contextSwitch ? event.other : event.tid;
     cpu.lastEventNs = event.atNs;
     seenNs[event.tid] = event.atNs;
-    if (event.kind == RecordedKind::wakeup || event.kind == RecordedKind::contextSwitch)
+    if (event.kind == RecordedKind::wakeup || event.kind == RecordedKind::contextSwitch ||
+        event.kind == RecordedKind::newTask)
       seenNs[event.other] = event.atNs;
   }
   auto earlier = [](const RecordedEvent& a, const RecordedEvent& b) { return a.atNs < b.atNs; };

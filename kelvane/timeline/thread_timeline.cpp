@@ -64,6 +64,8 @@ class Follower {
       if (event.other == tid_) switchedIn(event);
     } else if (event.kind == RecordedKind::wakeup && event.other == tid_) {
       woken(event);
+    } else if (event.kind == RecordedKind::newTask && event.other == tid_) {
+      made(event);
     }
     wakeUps_.take(event);
   }
@@ -108,6 +110,16 @@ class Follower {
     close(event.atNs, wasRunning ? ThreadState::running : ThreadState::unknown, wasRunning ? event.cpu : -1);
     state_ = stateOfLetter(event.state);
     cpu_ = -1;
+  }
+
+  /// What there was of that number before was another thread.
+  void made(const RecordedEvent& event) {
+    if (!spans_.empty()) sinceNs_ = spans_.front().fromNs;
+    spans_.clear();
+    close(event.atNs, ThreadState::unknown);
+    state_ = ThreadState::runnable;
+    cpu_ = -1;
+    wokenWhileRunning_ = false;
   }
 
   void woken(const RecordedEvent& event) {
