@@ -22,6 +22,7 @@ extern "C" {
 #define KELVANE_ENTRY_POINT "kelvane_dump_output_with_options_sync"
 #define KELVANE_SAMPLE_ENTRY_POINT "kelvane_sample_pending"
 #define KELVANE_FINDING_ENTRY_POINT "kelvane_last_finding"
+#define KELVANE_LAUNCH_ENTRY_POINT "kelvane_name_launch"
 #define KELVANE_KEY_REASON_STRING "KSPDumpOptions_ReasonString"
 #define KELVANE_KEY_NO_SYMBOLICATE "KSPDumpOptions_NoSymbolicate"
 #define KELVANE_KEY_MIN_TIMESTAMP "KSPDumpOptions_MinTimestamp"
@@ -77,7 +78,18 @@ typedef struct kelvane_finding {
  * library may lack it. */
 typedef void (*kelvane_finding_function)(kelvane_finding* finding);
 
+/* The process of a launch. A header of a launch names none. */
+typedef struct kelvane_launch {
+  int32_t pid;              /* as the caller calls it; whose it is has been checked */
+  uint64_t connected_ticks; /* of 24 MHz, when it first connected to the daemon; 0: it is not known to have */
+} kelvane_launch;
+
+/* Says whose launch the calling thread's next report is about, if that report's header names no process; it
+ * is forgotten with that report. Optional: a library may lack it. */
+typedef void (*kelvane_launch_function)(const kelvane_launch* launch);
+
 #ifdef KELVANE_BUILD
+__attribute__((visibility("default"))) void kelvane_name_launch(const kelvane_launch* launch);
 __attribute__((visibility("default"))) void kelvane_last_finding(kelvane_finding* finding);
 __attribute__((visibility("default"))) const char* kelvane_sample_pending(const kelvane_pending* pending,
                                                                           size_t count);

@@ -38,16 +38,20 @@ SamplerProgram& sampler() {
   return program;
 }
 
-thread_local kelvane_finding lastFinding{};  // several threads may dump at once
+// Several threads may dump at once.
+thread_local kelvane_finding lastFinding{};
+thread_local kelvane_launch nextLaunch{};
 
 bool dump(int fd, const kelvane_options* options) {
   lastFinding = {};
+  const kelvane_launch launch = std::exchange(nextLaunch, {});
   // In a host that unloads the library those are forgotten, and gone when the kernel lets them.
   static LeftBehind leftBehind;
   std::optional<ReportFile> file(fd);
   if (!file->isOpen()) return false;
   const std::string reason = reasonOf(options);
   DumpRequest request = parseRequest(options);
+  nameLaunch(launch, request);
   uid_t user = 0;
   const std::string notLooking = request.pid ? leftBehind.whyNotLook(*request.pid, user) : "";
   const UniqueFd samples =
@@ -90,6 +94,10 @@ bool kelvane_dump_output_with_options_sync(int fd, const kelvane_options* option
 
 void kelvane_last_finding(kelvane_finding* finding) {
   *finding = kelvane::lastFinding;
+}
+
+void kelvane_name_launch(const kelvane_launch* launch) {
+  kelvane::nextLaunch = *launch;
 }
 
 const char* kelvane_sample_pending(const kelvane_pending* pending, size_t count) {

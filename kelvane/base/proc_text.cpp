@@ -65,6 +65,9 @@ std::optional<ProcStat> parseStat(std::string_view text) {
     if (field == 12) stat.majorFaults = number;
     if (field == 14) stat.userTicks = number;
     if (field == 15) stat.systemTicks = number;
+    if (field == 16) stat.childUserTicks = number;
+    if (field == 17) stat.childSystemTicks = number;
+    if (field == 22) stat.startTicks = number;
     if (field == 18) stat.priority = parseNumber<int>(part).value_or(0);
     if (field == 28) stat.startStack = number;
     if (field == 39) stat.cpu = static_cast<int>(number);

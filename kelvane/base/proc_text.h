@@ -24,6 +24,9 @@ struct ProcStat {
   int priority = 0;          // the kernel's: below 0 real-time, 0 to 39 by niceness; the lower goes first
   uint64_t userTicks = 0;
   uint64_t systemTicks = 0;
+  uint64_t childUserTicks = 0;  // of its children that have ended and were waited for
+  uint64_t childSystemTicks = 0;
+  uint64_t startTicks = 0;  // when it was made, since the machine's start
   uint64_t startStack = 0;  // 0 without permission; another one after an exec
   int cpu = -1;             // that it ran on last
 };

@@ -19,6 +19,8 @@ constexpr std::array<const char*, 8> kHeaderKeys = {"Reason",   "ServiceName", "
 /// Far beyond any uptime; keeps every later conversion of ticks inside 64 bits.
 constexpr uint64_t kMaxTicks = uint64_t{1} << 56;
 
+const Omission kNoProcess{"process", "the header names none (PID 0)"};
+
 std::optional<TickSpan> makeSpan(std::optional<uint64_t> start, std::optional<uint64_t> end) {
   if (!start || !end || *start == 0 || *start > *end || *end > kMaxTicks) return std::nullopt;
   return TickSpan{*start, *end};
@@ -63,7 +65,7 @@ void readHeader(const Json& header, DumpRequest& request) {
   if (pid && *pid > 0 && *pid <= INT_MAX) {
     request.pid = static_cast<pid_t>(*pid);
   } else if (pid == 0) {
-    request.omissions.push_back({"process", "the header names none (PID 0)"});
+    request.omissions.push_back(kNoProcess);
   } else {
     request.omissions.push_back({"process", "the header's PID is no process id"});
   }
@@ -107,6 +109,13 @@ DumpRequest parseRequest(const kelvane_options* options) {
   if (!request.hang) request.hang = makeSpan(request.minTicks, request.maxTicks);
   if (!request.hang) request.omissions.push_back({"hang interval", "no start and end that make a span"});
   return request;
+}
+
+void nameLaunch(const kelvane_launch& launch, DumpRequest& request) {
+  const auto isNoProcess = [](const Omission& one) {
+    return one.what == kNoProcess.what && one.why == kNoProcess.why;
+  };
+  if (launch.pid > 0 && std::erase_if(request.omissions, isNoProcess) > 0) request.launch = launch;
 }
 
 }  // namespace kelvane

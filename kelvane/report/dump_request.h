@@ -35,6 +35,8 @@ struct DumpRequest {
   /// The process and thread that the header names; no pid for a report that is about no process.
   std::optional<pid_t> pid;
   int64_t threadId = 0;
+  /// Of a header that names no process: the one whose launch it is about, if the caller said so.
+  std::optional<kelvane_launch> launch;
   std::string serviceName;
   std::string processPath;
   std::string reason;
@@ -45,5 +47,8 @@ struct DumpRequest {
 /// Reads `options` (may be null: all defaults). Unknown keys and values of another type are ignored; a broken
 /// header becomes an omission, never a failure.
 DumpRequest parseRequest(const kelvane_options* options);
+
+/// Notes the launch that the request is about, unless its header names a process.
+void nameLaunch(const kelvane_launch& launch, DumpRequest& request);
 
 }  // namespace kelvane

@@ -16,8 +16,12 @@ std::string ownerText(const std::string& process, const std::string& thread) {
   return process.empty() || process == thread ? thread : process + "/" + thread;
 }
 
-/// Those at the chain's end, who had the CPU, or the hung thread's own function; as quorvelctl has it.
-std::string culpritOf(const Verdict& verdict, const ProcessCapture& process) {
+/// Who asked most of a disk, those at the chain's end, who had the CPU, or the hung thread's own function; of
+/// a launch the thread itself. As quorvelctl has it.
+std::string culpritOf(const Report& report) {
+  const Verdict& verdict = *report.verdict;
+  const ProcessCapture& process = report.process;
+  if (verdict.diskRival) return ownerText(verdict.diskRival->process, verdict.diskRival->name);
   if (verdict.chain) {
     const WaitChain& chain = verdict.chain->chain;
     std::string culprits;
@@ -27,6 +31,8 @@ std::string culpritOf(const Verdict& verdict, const ProcessCapture& process) {
     }
     return culprits;
   }
+  if ((verdict.cause == Cause::ownCpu || verdict.cause == Cause::peer) && report.launch)
+    return ownerText(report.launch->followed.comm, report.launch->followed.threads.front().facts.comm);
   if (verdict.cause == Cause::ownCpu || verdict.cause == Cause::sleeping)
     return functionOf(process, process.hungThread);
   if (verdict.cause != Cause::starved || verdict.busiest.empty()) return {};
@@ -49,7 +55,7 @@ kelvane_finding findingOf(const Report& report) {
   kelvane_finding finding{};
   if (!report.verdict) return finding;
   put(finding.cause, causeName(report.verdict->cause));
-  put(finding.culprit, culpritOf(*report.verdict, report.process));
+  put(finding.culprit, culpritOf(report));
   put(finding.signature, signatureOf(report));
   return finding;
 }

@@ -8,12 +8,15 @@
 #include "kelvane/base/deadline.h"
 #include "kelvane/base/limits.h"
 #include "kelvane/capture/capture_worker.h"
+#include "kelvane/capture/launched_look.h"
 #include "kelvane/capture/process_scan.h"
 #include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/thread_process.h"
+#include "kelvane/timeline/launched_processes.h"
 #include "kelvane/timeline/missing_switches.h"
 #include "kelvane/verdict/judge.h"
+#include "kelvane/verdict/launch_verdict.h"
 
 namespace kelvane {
 namespace {
@@ -54,6 +57,27 @@ std::optional<Verdict> verdictOn(const TickSpan& hang, const Report& report, con
                 rivals, findProcess});
 }
 
+/// Of a launch, which is over: what counts is how it went.
+void judgeLaunch(const TickSpan& span, const Pressure& pressure, Report& report) {
+  const kelvane_launch& named = *report.request.launch;
+  const uint64_t toNs = std::min(nsOfTicks(span.end), report.capturedAtNs);
+  LaunchedLook look = lookAtLaunched(named.pid, toNs);
+  if (!look.isThere() || look.madeNs >= report.recording.coveredFromNs)
+    addMissingMaking(report.recording, named.pid);
+  LaunchEvidence evidence{nsOfTicks(span.start),
+                          toNs,
+                          report.recording,
+                          report.processes,
+                          pressure,
+                          std::move(look),
+                          nsOfTicks(std::min(named.connected_ticks, span.end)),
+                          findProcess};
+  if (evidence.fromNs >= toNs) return;
+  auto [launch, verdict] = kelvane::judgeLaunch(evidence);
+  report.launch = std::move(launch);
+  report.verdict = std::move(verdict);
+}
+
 }  // namespace
 
 Report makeReport(DumpRequest asked, const std::string& notLooking) {
@@ -77,7 +101,9 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
     report.process.pid = *request.pid;
     report.process.omissions.push_back({"process", notLooking});
   }
-  if (request.hang) {
+  if (request.hang && request.launch) {
+    judgeLaunch(*request.hang, pressure, report);
+  } else if (request.hang) {
     const Surroundings after =
         request.pid ? readSurroundings(*request.pid, report.process.hungThread) : Surroundings{};
     if (hadCpu(report, before, after)) addMissingArrival(report.recording, report.process.hungThread);

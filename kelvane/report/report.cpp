@@ -6,6 +6,7 @@
 
 #include "kelvane/base/deadline.h"
 #include "kelvane/report/host_info.h"
+#include "kelvane/report/launch_json.h"
 #include "kelvane/report/recorder_tracks.h"
 #include "kelvane/report/sampled_track.h"
 #include "kelvane/report/signature.h"
@@ -95,6 +96,7 @@ void writeMetadata(JsonWriter& json, const Report& report, const RecorderTracks&
   writeCapture(json, report);
   writeText(json, "signature", signatureOf(report));
   if (report.verdict) writeVerdict(json, *report.verdict, report.process);
+  if (report.launch) writeLaunch(json, *report.launch);
   sampled.writeTable(json);
   json.key("leftOut");
   json.beginArray();
@@ -172,7 +174,7 @@ void writeReport(const Report& report, JsonWriter& json) {
   StackTree stacks(report.process);
   const SampledTrack sampled(report.request, report.process, stacks);
   const TraceEvents events(report.request, report.process, stacks, sampled, report.capturedAtNs);
-  RecorderTracks tracks(report.recording, report.process);
+  RecorderTracks tracks(report.recording, report.launch ? report.launch->followed : report.process);
   json.beginObject();
   writeMetadata(json, report, tracks, sampled);
   json.member("displayTimeUnit", "ms");

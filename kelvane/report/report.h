@@ -5,6 +5,7 @@
 #include "kelvane/recording/recording.h"
 #include "kelvane/report/dump_request.h"
 #include "kelvane/report/json_writer.h"
+#include "kelvane/verdict/launch.h"
 #include "kelvane/verdict/verdict.h"
 
 namespace kelvane {
@@ -16,6 +17,7 @@ struct Report {
   ProcessScan processes;
   Recording recording;
   std::optional<Verdict> verdict;  // of a report with a hang
+  std::optional<Launch> launch;    // of one of a launch whose process is known
   uint64_t capturedAtNs = 0;       // CLOCK_MONOTONIC, at the beginning
   uint64_t captureNs = 0;          // how long looking took
 };

@@ -4,9 +4,6 @@
 #include "kelvane/verdict/syscall_names.h"
 
 namespace kelvane {
-namespace {
-
-/// Into an open object.
 void writeNames(JsonWriter& json, const NamedThread& thread) {
   json.member("tid", thread.tid);
   json.member("name", std::string_view(thread.name));
@@ -14,6 +11,8 @@ void writeNames(JsonWriter& json, const NamedThread& thread) {
   json.member("pid", thread.pid);
   json.member("process", std::string_view(thread.process));
 }
+
+namespace {
 
 void writeFunction(JsonWriter& json, const ProcessCapture& process, pid_t tid) {
   const std::string function = functionOf(process, tid);
@@ -100,7 +99,8 @@ void writeBusiest(JsonWriter& json, const std::vector<BusyThread>& busiest) {
   json.endArray();
 }
 
-void writeDisk(JsonWriter& json, const DiskActivity& disk, const std::optional<NamedThread>& user) {
+void writeDisk(JsonWriter& json, const DiskActivity& disk, const std::optional<NamedThread>& user,
+               const std::optional<NamedThread>& rival) {
   json.key("disk");
   json.beginObject();
   json.member("requests", disk.requests);
@@ -112,6 +112,12 @@ void writeDisk(JsonWriter& json, const DiskActivity& disk, const std::optional<N
     json.key("busiest");
     json.beginObject();
     writeNames(json, *user);
+    json.endObject();
+  }
+  if (rival) {
+    json.key("rival");
+    json.beginObject();
+    writeNames(json, *rival);
     json.endObject();
   }
   json.endObject();
@@ -176,7 +182,7 @@ void writeVerdict(JsonWriter& json, const Verdict& verdict, const ProcessCapture
   writeWakers(json, verdict.wakers);
   if (verdict.chain) writeChain(json, *verdict.chain, process);
   writeBusiest(json, verdict.busiest);
-  if (verdict.disk) writeDisk(json, *verdict.disk, verdict.diskUser);
+  if (verdict.disk) writeDisk(json, *verdict.disk, verdict.diskUser, verdict.diskRival);
   json.key("pressure");
   json.beginObject();
   writePressureLine(json, "cpu", verdict.pressure.cpu);

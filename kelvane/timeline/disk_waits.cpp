@@ -20,8 +20,9 @@ constexpr double kUserShare = 0.2;
 /// How many of the kernel's threads are followed.
 constexpr size_t kMaxHelpers = 8;
 
-/// Whether the kernel's threads of that name bring requests on their way, or back.
-bool isHelperName(std::string_view name) {
+}  // namespace
+
+bool isDiskHelper(std::string_view name) {
   constexpr std::array<std::string_view, 12> kPrefixes = {"kworker/", "jbd2/",      "xfs-",    "xfsaild/",
                                                           "xfs_mru",  "btrfs-",     "dmcrypt", "kcryptd",
                                                           "irq/",     "ksoftirqd/", "f2fs_",   "mmcqd"};
@@ -35,6 +36,8 @@ bool isHelperName(std::string_view name) {
                      [&](auto prefix) { return name.starts_with(prefix); }) ||
          std::any_of(kNumbered.begin(), kNumbered.end(), isNumbered);
 }
+
+namespace {
 
 /// The time that requests have in common with a wait, however they overlap.
 class Covered {
@@ -148,7 +151,7 @@ class Waits {
     auto name = recording_.threadNames.find(tid);
     return name == recording_.threadNames.end() ? std::string_view() : name->second;
   }
-  bool isHelper(int32_t tid) const { return isHelperName(nameOf(tid)); }
+  bool isHelper(int32_t tid) const { return isDiskHelper(nameOf(tid)); }
 
   const std::vector<StateSpan>* helperTimeline(int32_t tid) {
     if (!isHelper(tid)) return nullptr;

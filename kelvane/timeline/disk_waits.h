@@ -3,12 +3,16 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include "kelvane/recording/recording.h"
 #include "kelvane/timeline/disk_requests.h"
 #include "kelvane/timeline/thread_timeline.h"
 
 namespace kelvane {
+
+/// Whether the kernel's threads of that name bring requests of disks on their way, or back.
+bool isDiskHelper(std::string_view name);
 
 /// What is known of the place that a thread still waited in at the recording's end.
 enum class WaitPlace : uint8_t {

@@ -58,16 +58,16 @@ class Follower {
  public:
   Follower(int32_t tid, uint64_t fromNs) : tid_(tid), sinceNs_(fromNs) {}
 
-  void take(const RecordedEvent& event) {
+  /// `wakeUps` has the events before it.
+  void take(const RecordedEvent& event, const WakeUps& wakeUps) {
     if (event.kind == RecordedKind::contextSwitch) {
       if (event.tid == tid_) switchedOut(event);
       if (event.other == tid_) switchedIn(event);
     } else if (event.kind == RecordedKind::wakeup && event.other == tid_) {
-      woken(event);
+      woken(event, wakeUps);
     } else if (event.kind == RecordedKind::newTask && event.other == tid_) {
       made(event);
     }
-    wakeUps_.take(event);
   }
 
   std::vector<StateSpan> finish(uint64_t toNs, char stateAfterwards) {
@@ -122,7 +122,7 @@ class Follower {
     wokenWhileRunning_ = false;
   }
 
-  void woken(const RecordedEvent& event) {
+  void woken(const RecordedEvent& event, const WakeUps& wakeUps) {
     if (state_ == ThreadState::running) {
       wokenWhileRunning_ = true;
       return;
@@ -132,17 +132,27 @@ class Follower {
     const bool lasted = event.atNs > sinceNs_;
     close(event.atNs, state_.value_or(ThreadState::unknown));
     state_ = ThreadState::runnable;
-    if (lasted) wakeUps_.note(event, spans_.back());
+    if (lasted) wakeUps.note(event, spans_.back());
   }
 
-  const int32_t tid_;
+  int32_t tid_;
   uint64_t sinceNs_;
   std::optional<ThreadState> state_;
   int32_t cpu_ = -1;
   bool wokenWhileRunning_ = false;
-  WakeUps wakeUps_;
   std::vector<StateSpan> spans_;
 };
+
+uint64_t coveredFrom(const Recording& recording) {
+  return std::clamp(recording.coveredFromNs, recording.fromNs, recording.toNs);
+}
+
+std::vector<StateSpan> finished(Follower& follower, const Recording& recording, char stateAfterwards) {
+  std::vector<StateSpan> spans = follower.finish(recording.toNs, stateAfterwards);
+  if (coveredFrom(recording) > recording.fromNs)
+    spans.insert(spans.begin(), {.fromNs = recording.fromNs, .toNs = coveredFrom(recording)});
+  return spans;
+}
 
 }  // namespace
 
@@ -176,15 +186,37 @@ const char* sleepEndName(SleepEnd end) {
 }
 
 std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, char stateAfterwards) {
-  uint64_t coveredFromNs = std::clamp(recording.coveredFromNs, recording.fromNs, recording.toNs);
+  const uint64_t coveredFromNs = coveredFrom(recording);
   Follower follower(tid, coveredFromNs);
+  WakeUps wakeUps;
   for (const RecordedEvent& event : recording.events) {
-    if (event.atNs >= coveredFromNs) follower.take(event);
+    if (event.atNs < coveredFromNs) continue;
+    follower.take(event, wakeUps);
+    wakeUps.take(event);
   }
-  std::vector<StateSpan> spans = follower.finish(recording.toNs, stateAfterwards);
-  if (coveredFromNs > recording.fromNs)
-    spans.insert(spans.begin(), {.fromNs = recording.fromNs, .toNs = coveredFromNs});
-  return spans;
+  return finished(follower, recording, stateAfterwards);
+}
+
+ThreadTimelines threadTimelines(const Recording& recording) {
+  const uint64_t coveredFromNs = coveredFrom(recording);
+  std::unordered_map<int32_t, Follower> followers;
+  WakeUps wakeUps;
+  for (const RecordedEvent& event : recording.events) {
+    if (event.atNs < coveredFromNs) continue;
+    const auto tell = [&](int32_t tid) {
+      if (tid > 0) followers.try_emplace(tid, tid, coveredFromNs).first->second.take(event, wakeUps);
+    };
+    const bool isSwitch = event.kind == RecordedKind::contextSwitch;
+    if (isSwitch) tell(event.tid);
+    if ((isSwitch && event.other != event.tid) || event.kind == RecordedKind::wakeup ||
+        event.kind == RecordedKind::newTask)
+      tell(event.other);
+    wakeUps.take(event);
+  }
+  ThreadTimelines timelines;
+  timelines.reserve(followers.size());
+  for (auto& [tid, follower] : followers) timelines.emplace(tid, finished(follower, recording, '?'));
+  return timelines;
 }
 
 TimeByState timeByState(std::span<const StateSpan> spans, uint64_t fromNs, uint64_t toNs) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <unordered_map>
 #include <vector>
 
 #include "kelvane/recording/recording.h"
@@ -54,6 +55,10 @@ struct StateSpan {
 /// `stateAfterwards` is the thread's letter of proc(5) right after the window: a thread without any event
 /// has slept throughout if it still sleeps.
 std::vector<StateSpan> threadTimeline(const Recording& recording, int32_t tid, char stateAfterwards);
+
+/// The same of all threads that have events, by their ids, in one go.
+using ThreadTimelines = std::unordered_map<int32_t, std::vector<StateSpan>>;
+ThreadTimelines threadTimelines(const Recording& recording);
 
 /// Nanoseconds for each ThreadState.
 using TimeByState = std::array<uint64_t, 6>;

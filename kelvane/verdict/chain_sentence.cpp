@@ -164,12 +164,13 @@ class ChainSentence {
         return facts.tracerPid == 0 ? "was stopped"
                                     : "was stopped by its tracer, pid " + std::to_string(facts.tracerPid);
       case ChainEnd::disk:
-        return "waited for the disk" + where;
+        return "waited for the disk" + where +
+               (verdict_.diskUser ? ", of which " + other(*verdict_.diskUser) + " asked most" : "");
       case ChainEnd::kernel:
         return "waited in the kernel" + (facts.waitChannel.empty() ? "" : " (" + facts.waitChannel + ")") +
                where;
       case ChainEnd::slept:
-        return "slept (" + call + ")" + where;
+        return "slept" + (call.empty() ? "" : " (" + call + ")") + where;
       case ChainEnd::ended:
         return "has ended";
       case ChainEnd::waited:

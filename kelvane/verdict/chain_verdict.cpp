@@ -56,7 +56,8 @@ ChainEnd endByLook(const ChainLink& last) {
                                                                                     : ChainEnd::waited;
 }
 
-/// Who had the CPU most of the time that the thread of `spans` was ready to run on it.
+}  // namespace
+
 std::optional<NamedThread> competitor(const Evidence& evidence, const std::vector<StateSpan>& spans,
                                       int32_t tid) {
   std::vector<StateSpan> runnable;
@@ -86,6 +87,8 @@ std::optional<NamedThread> competitor(const Evidence& evidence, const std::vecto
   if (most == times.end() || most->second == 0) return std::nullopt;
   return namedThread(evidence, most->first);
 }
+
+namespace {
 
 /// Where the recorder knows how the last one spent the hang, that counts for more than how it was found.
 void addRecorded(const Evidence& evidence, ChainVerdict& verdict) {
@@ -170,6 +173,7 @@ bool tellsTracer(const ChainVerdict& verdict) {
 }
 
 Cause causeOfChain(const ChainVerdict& verdict) {
+  if (verdict.cause) return *verdict.cause;
   const auto& links = verdict.chain.links;
   const bool isTraced = std::any_of(links.begin(), links.end(), [](const ChainLink& link) {
     return link.wait && link.wait->kind == WaitKind::tracer;

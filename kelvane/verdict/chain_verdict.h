@@ -11,6 +11,10 @@ namespace kelvane {
 /// Holds of the hang only if the thread still was in the wait of the hang at the look.
 std::optional<ChainVerdict> chainVerdict(const Evidence& evidence, const WaitGraph& waits);
 
+/// Who had the CPU most of the time of the hang that the thread `tid`, of `spans`, was ready to run on it.
+std::optional<NamedThread> competitor(const Evidence& evidence, const std::vector<StateSpan>& spans,
+                                      int32_t tid);
+
 /// Without a recording: who has the CPU that its end is not given, by a further look.
 void addRival(const Evidence& evidence, ChainVerdict& verdict);
 

@@ -10,6 +10,7 @@
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/thread_process.h"
 #include "kelvane/recording/recording.h"
+#include "kelvane/verdict/verdict.h"
 
 namespace kelvane {
 
@@ -27,6 +28,10 @@ struct Evidence {
   std::function<std::optional<Rivals>(pid_t process, pid_t thread)> watchRivals;
   /// Fills in a thread's process; leaves it open where it can't be told.
   std::function<void(NamedThread&)> findProcess;
+  /// A launch, which is over at the look: what that has found is another time's.
+  bool isLaunch = false;
+  /// Who waited for whom in its course, if that is most of what the thread waited for.
+  std::optional<ChainVerdict> recordedChain{};
 };
 
 }  // namespace kelvane

@@ -108,6 +108,8 @@ Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& find
 }
 
 Cause causeOfState(ThreadState state, const Evidence& evidence, const Findings& findings) {
+  const auto& recorded = evidence.recordedChain;
+  if (recorded && recorded->state == state) return causeOfChain(*recorded);
   switch (state) {
     case ThreadState::running:
       return Cause::ownCpu;
@@ -259,7 +261,7 @@ void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict)
 Verdict judge(const Evidence& evidence) {
   const Recording& recording = evidence.recording;
   Findings findings = findingsOf(evidence);
-  auto chain = chainVerdict(evidence, findings.waitGraph);
+  auto chain = evidence.isLaunch ? evidence.recordedChain : chainVerdict(evidence, findings.waitGraph);
   if (chain && tellsMore(*chain)) findings.chain = std::move(chain);
   Verdict verdict;
   verdict.windowNs = evidence.toNs - evidence.fromNs;
@@ -283,11 +285,13 @@ Verdict judge(const Evidence& evidence) {
   } else if (findings.thread &&
              static_cast<double>(findings.sampled.knownNs) >= kLeastShareKnown * windowNs) {
     goBySamples(evidence, findings, verdict);
-  } else if (findings.thread) {
+  } else if (findings.thread && !evidence.isLaunch) {
     if (findings.chain) addRival(evidence, *findings.chain);
     verdict.cause = causeByOneLook(evidence, findings);
   }
   if (!verdict.phases.empty()) verdict.cause = verdict.phases.front().cause;
+  if (verdict.cause == Cause::disk && findings.diskUsers.count > 0 && !findings.diskUsers.areOwn)
+    verdict.diskRival = findings.diskUsers.busiest;
   const bool isReady = findings.thread && findings.thread->facts.state == 'R';
   if (!verdict.fromRecorder && verdict.cause == Cause::starved && isReady && evidence.watchRivals)
     findings.rivals = evidence.watchRivals(evidence.process.pid, evidence.process.hungThread);

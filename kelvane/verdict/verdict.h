@@ -81,6 +81,8 @@ struct ChainVerdict {
   ChainEnd end = ChainEnd::waited;
   std::optional<NamedThread> ranInstead;  // of one starved
   std::vector<std::string> steps;         // what each link does, for people
+  std::optional<NamedThread> diskUser{};  // of one that waited for a disk: who had most requests meanwhile
+  std::optional<Cause> cause{};           // if it isn't told by its end and its waits
 };
 
 /// A stretch of the hang in which the thread did not run; within the hang's time.
@@ -132,6 +134,8 @@ struct Verdict {
   std::vector<BusyThread> busiest;  // other threads, most first
   std::optional<DiskActivity> disk;
   std::optional<NamedThread> diskUser;  // DiskActivity::busiest
+  /// If it was a disk: who of others asked for most of what it did meanwhile.
+  std::optional<NamedThread> diskRival;
 
   std::optional<ChainVerdict> chain;  // if that is what it was
   Pressure pressure;

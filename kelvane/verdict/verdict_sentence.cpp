@@ -1,8 +1,6 @@
 #include "kelvane/verdict/verdict_sentence.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <string_view>
@@ -10,6 +8,7 @@
 #include "kelvane/verdict/chain_sentence.h"
 #include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/display_names.h"
+#include "kelvane/verdict/duration_text.h"
 #include "kelvane/verdict/syscall_names.h"
 
 namespace kelvane {
@@ -20,26 +19,6 @@ constexpr double kWholeShare = 0.95;
 
 /// What lasted for less than one of so many parts of a launch did not make it slow.
 constexpr uint64_t kFewestParts = 5;
-
-std::string decimal(double number) {
-  std::array<char, 40> text;
-  return {text.data(),
-          std::to_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed, 1).ptr};
-}
-
-/// "7.9 of 8.5 s", "340 of 400 ms", "8.5 s".
-std::string ofDuration(uint64_t partNs, uint64_t wholeNs) {
-  bool seconds = wholeNs >= 1'000'000'000;
-  auto text = [&](uint64_t ns) {
-    return seconds ? decimal(static_cast<double>(ns) / 1e9) : std::to_string((ns + 500'000) / 1'000'000);
-  };
-  std::string whole = text(wholeNs) + (seconds ? " s" : " ms");
-  return text(partNs) == text(wholeNs) ? "all of " + whole : text(partNs) + " of " + whole;
-}
-
-std::string durationText(uint64_t ns) {
-  return ofDuration(ns, ns).substr(strlen("all of "));
-}
 
 std::string bytesText(uint64_t bytes) {
   constexpr double kMb = 1 << 20;
@@ -84,6 +63,8 @@ class Sentence {
            ofDuration(findings_.knownNs, verdict_.windowNs) +
            (verdict_.fromSamples ? ": " : " that are known: ");
   }
+
+  const char* what() const { return evidence_.isLaunch ? "launch" : "hang"; }
 
   bool isWhole() const {
     return static_cast<double>(findings_.knownNs) >= kWholeShare * static_cast<double>(verdict_.windowNs);
@@ -135,7 +116,7 @@ class Sentence {
         return "was stopped " + spentAmount(ThreadState::stopped) + stopperText();
       case Cause::suspended:
         return "stood still because the machine was going into suspend or coming back " +
-               forAmount(findings_.suspendNs) + "of the hang";
+               forAmount(findings_.suspendNs) + "of the " + what();
       case Cause::frozen:
         return frozenText();
       case Cause::swapping:
@@ -436,7 +417,8 @@ class Sentence {
   std::string unknownText() const {
     const ThreadFacts& facts = findings_.thread->facts;
     if (facts.state == 'Z' || facts.state == 'X' || facts.state == '?')
-      return "has ended; why it hung can't be told";
+      return std::string("has ended; why ") + (evidence_.isLaunch ? "that took so long" : "it hung") +
+             " can't be told";
     if (!verdict_.hasTimes() && facts.state == 'R' && evidence_.after.schedule) {
       const ScheduleFigures life = *evidence_.after.schedule;
       if (std::max(life.ranNs, life.waitedNs) < verdict_.windowNs / 2)
@@ -444,7 +426,7 @@ class Sentence {
                "waited, for what can't be told";
     }
     if (findings_.in(ThreadState::uninterruptible) == 0 && facts.state != 'D')
-      return "hung for a reason that can't be told";
+      return std::string(evidence_.isLaunch ? "took its time" : "hung") + " for a reason that can't be told";
     std::string text =
         "waited " + spentAmount(ThreadState::uninterruptible) + "in the kernel" + channelText();
     const KernelWait wait = verdict_.fromRecorder ? findings_.kernelWait : kernelWaitWithoutRecorder();

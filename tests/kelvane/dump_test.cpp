@@ -333,6 +333,42 @@ TEST(Dump, ProcessesOfOtherKinds) {
   EXPECT_NE(kernel.whyLeftOut("user stacks") + kernel.whyLeftOut("process"), "");
 }
 
+/// A launch's process is told apart from its report, whose header names none; no stack of it is taken.
+TEST(Dump, TellsTheProcessOfALaunchInTheNextReportAlone) {
+  HangTarget victim("kinds");
+  const Library library;
+  const uint64_t now = kelvane::monotonicNs() * 3 / 125;
+  const auto launchOf = [&](kelvane_launch launch, pid_t headers) {
+    library.launch(&launch);
+    return dumpBy(library, headerOf(headers, headers).dump().c_str());
+  };
+  // The header's time began a second and a half ago; the victim may be older.
+  const Dump launched = launchOf({victim.pid(), now - 24'000'000}, 0);
+  EXPECT_TRUE(launched.whole);
+  expectOpensInViewers(launched.report);
+  const Json& metadata = launched.report["metadata"];
+  EXPECT_EQ(metadata["PID"], 0);
+  EXPECT_EQ(metadata["launch"]["pid"], victim.pid());
+  EXPECT_EQ(metadata["launch"]["name"], "kelvane_victim");
+  EXPECT_NE(metadata["launch"]["phases"].dump().find("first connection"), std::string::npos);
+  EXPECT_TRUE(launched.report["threads"].empty());
+  EXPECT_EQ(launched.whyLeftOut("process"), "");
+  EXPECT_NE(metadata["verdict"]["sentence"].get<std::string>().find("kelvane_victim"), std::string::npos);
+
+  EXPECT_FALSE(dumpBy(library, headerOf(0, 0).dump().c_str()).report["metadata"].contains("launch"));
+  EXPECT_FALSE(launchOf({victim.pid(), 0}, victim.pid()).report["metadata"].contains("launch"));
+  // A process that is younger than the launch's end has taken its number over.
+  Json over = headerOf(0, 0);
+  over["StartTime"] = now - 2 * 36'000'000'000;
+  over["EndTime"] = now - 36'000'000'000;
+  if (over["StartTime"].get<int64_t>() <= 0) GTEST_SKIP() << "the machine has just started";
+  const kelvane_launch taken{victim.pid(), 0};
+  library.launch(&taken);
+  const Dump another = dumpBy(library, over.dump().c_str());
+  EXPECT_FALSE(another.report["metadata"]["launch"].contains("name"));
+  EXPECT_NE(another.text.find("had ended"), std::string::npos);
+}
+
 TEST(Dump, LeavesTheCallerAsItWas) {
   HangTarget victim("kinds");
   const size_t descriptors = settledDescriptors(victim);

@@ -79,7 +79,8 @@ Library::Library(const char* path) : handle_(dlopen(path, RTLD_LAZY)) {
   EXPECT_NE(handle_, nullptr) << dlerror();
   dump = reinterpret_cast<kelvane_dump_function>(dlsym(handle_, KELVANE_ENTRY_POINT));
   finding = reinterpret_cast<kelvane_finding_function>(dlsym(handle_, KELVANE_FINDING_ENTRY_POINT));
-  EXPECT_TRUE(dump && finding);
+  launch = reinterpret_cast<kelvane_launch_function>(dlsym(handle_, KELVANE_LAUNCH_ENTRY_POINT));
+  EXPECT_TRUE(dump && finding && launch);
 }
 
 const char* Library::key(const char* symbol) const {

@@ -46,6 +46,7 @@ class Library {
   explicit Library(const char* path = KELVANE_LIBRARY);
   kelvane_dump_function dump = nullptr;
   kelvane_finding_function finding = nullptr;
+  kelvane_launch_function launch = nullptr;
   const char* key(const char* symbol) const;
 
  private:

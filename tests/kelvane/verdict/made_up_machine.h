@@ -1,19 +1,23 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kelvane/capture/pressure.h"
 #include "kelvane/capture/rivals.h"
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/timeline/cpu_runs.h"
+#include "kelvane/timeline/launched_processes.h"
 #include "kelvane/timeline/missing_switches.h"
 #include "kelvane/verdict/judge.h"
+#include "kelvane/verdict/launch_verdict.h"
 
 namespace kelvane {
 
@@ -54,6 +58,10 @@ class MadeUpMachine {
     issue.bytes = 500'000;
     if (toMs != 0) event(toMs, RecordedKind::blockComplete, kHog).value = fromMs;
   }
+  void makes(uint64_t atMs, int by, int whom, bool isThread = false) {
+    event(atMs, RecordedKind::newTask, by, whom).value = isThread ? CLONE_THREAD : 0;
+  }
+  void executes(uint64_t atMs, int tid) { event(atMs, RecordedKind::execution, tid); }
   void coveredFrom(uint64_t ms) { recording_.coveredFromNs = ms * kMs; }
   void withoutRecorder() { recording_ = {}; }
   /// Of a machine without a recorder: there is one that has just been started.
@@ -82,12 +90,22 @@ class MadeUpMachine {
       thread.pid = thread.tid == kWorker ? kApp : thread.tid;
       thread.priority = thread.tid == realTime_ ? -51 : 20;
     };
-    Recording recording = recording_;
-    std::stable_sort(recording.events.begin(), recording.events.end(),
-                     [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
+    const Recording recording = sorted();
     const auto watchRivals = [this](pid_t, pid_t) { return rivals; };
     return judge({1'000 * kMs, 11'000 * kMs, recording, process, processes, pressure, before, after,
                   watchRivals, findProcess});
+  }
+
+  /// Of a launch of kApp in the same time, which ended as the recording does.
+  std::pair<Launch, Verdict> launched(const LaunchedLook& look, uint64_t connectedMs = 0) const {
+    auto findProcess = [](NamedThread& thread) {
+      thread.pid = thread.tid;
+      thread.process = thread.name;
+    };
+    Recording recording = sorted();
+    if (!look.isThere()) addMissingMaking(recording, kApp);
+    return judgeLaunch(
+        {1'000 * kMs, 11'000 * kMs, recording, processes, pressure, look, connectedMs * kMs, findProcess});
   }
 
   /// Whatever a thread waited for before is forgotten.
@@ -135,6 +153,12 @@ class MadeUpMachine {
   std::optional<Rivals> rivals;
 
  private:
+  Recording sorted() const {
+    Recording recording = recording_;
+    std::stable_sort(recording.events.begin(), recording.events.end(),
+                     [](const auto& a, const auto& b) { return a.atNs < b.atNs; });
+    return recording;
+  }
   static bool isOwn(int tid) { return tid == kApp || tid == kWorker || tid == kLogger; }
   static std::unordered_map<int32_t, std::string> recordedNames() {
     return {{kApp, "viewer"}, {kWorker, "worker"}, {kLogger, "logger"},

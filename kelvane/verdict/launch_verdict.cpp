@@ -1,0 +1,506 @@
+#include "kelvane/verdict/launch_verdict.h"
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+
+#include "kelvane/timeline/critical_path.h"
+#include "kelvane/timeline/disk_requests.h"
+#include "kelvane/timeline/disk_waits.h"
+#include "kelvane/timeline/launched_processes.h"
+#include "kelvane/verdict/chain_sentence.h"
+#include "kelvane/verdict/chain_verdict.h"
+#include "kelvane/verdict/duration_text.h"
+#include "kelvane/verdict/judge.h"
+
+namespace kelvane {
+namespace {
+
+constexpr size_t kMaxMembersListed = 32;
+constexpr size_t kMaxPathListed = 10;
+/// How many makers are gone back to from the thread that came last.
+constexpr size_t kMaxStages = 8;
+
+/// From this share on, a part stands for the whole.
+constexpr double kHalf = 0.5;
+/// From this share on, the longest stage is the launch.
+constexpr double kWholeLaunch = 0.95;
+
+/// The launch's end is told in whole milliseconds, and turned from one clock's into another's.
+constexpr uint64_t kEndSlackNs = 3'000'000;
+
+/// A child that ends wakes the parent that waits for that, and is gone right after; what else it wakes for,
+/// it lives on longer.
+constexpr uint64_t kEndReachNs = 1'000'000;
+
+bool isHalf(uint64_t partNs, uint64_t wholeNs) {
+  return partNs > 0 && static_cast<double>(partNs) >= kHalf * static_cast<double>(wholeNs);
+}
+
+/// A part of the launch with the thread that it was up to.
+struct Stage {
+  int32_t tid = 0;
+  uint64_t fromNs = 0;
+  uint64_t toNs = 0;
+
+  uint64_t ns() const { return toNs - fromNs; }
+};
+
+/// How pieces of a path are told apart. Many short programs of the launch are one.
+struct Doing {
+  bool isLaunched = false;
+  std::string name;  // of the threads
+  std::string what;
+
+  auto operator<=>(const Doing&) const = default;
+};
+
+class LaunchJudge {
+ public:
+  explicit LaunchJudge(const LaunchEvidence& evidence)
+      : evidence_(evidence),
+        timelines_(threadTimelines(evidence.recording)),
+        requests_(diskRequests(evidence.recording)),
+        launched_(launchedProcesses(evidence.recording, evidence.look.pid, evidence.look.threads,
+                                    evidence.fromNs, evidence.toNs)) {}
+
+  std::pair<Launch, Verdict> judge() {
+    launch_.look = evidence_.look;
+    launch_.name = nameOf(evidence_.look.pid);
+    launch_.isRecorded = sharedNs(evidence_.fromNs, evidence_.toNs, evidence_.recording.coveredFromNs,
+                                  evidence_.recording.toNs) > 0;
+    if (launch_.isRecorded) {
+      addStages();
+      for (const Stage& stage : stages_) addPath(stage);
+      launch_.path = sharesOf(evidence_.fromNs, evidence_.toNs, kMaxPathListed);
+      addMembers();
+    } else {
+      stages_ = {{evidence_.look.pid, evidence_.fromNs, evidence_.toNs}};
+      paths_.resize(1);
+    }
+    addPhases();
+    Verdict verdict = judgeLongestStage();
+    return {std::move(launch_), std::move(verdict)};
+  }
+
+ private:
+  // --- who was at work when -------------------------------------------------------------------------------
+
+  /// Who ended the launch, as far as that is known: the thread of the launched processes that last woke who
+  /// made the first of them; else the first of the launched process.
+  int32_t lastThread() const {
+    const auto making = launched_.making.find(evidence_.look.pid);
+    int32_t last = evidence_.look.pid;
+    if (making == launched_.making.end()) return last;
+    for (const RecordedEvent& event : evidence_.recording.events) {
+      const bool isTold = event.kind == RecordedKind::wakeup && event.other == making->second.by &&
+                          event.state != 'i' && event.atNs <= evidence_.toNs + kEndSlackNs;
+      if (isTold && launched_.processOf(event.tid)) last = event.tid;
+    }
+    return last;
+  }
+
+  /// From the last thread back to its maker, and so on.
+  void addStages() {
+    int32_t tid = lastThread();
+    uint64_t toNs = evidence_.toNs;
+    while (stages_.size() + 1 < kMaxStages) {
+      const auto making = launched_.making.find(tid);
+      if (making == launched_.making.end() || making->second.atNs <= evidence_.fromNs ||
+          making->second.atNs >= toNs)
+        break;
+      stages_.push_back({tid, making->second.atNs, toNs});
+      toNs = making->second.atNs;
+      tid = making->second.by;
+    }
+    stages_.push_back({tid, evidence_.fromNs, toNs});
+    std::reverse(stages_.begin(), stages_.end());
+  }
+
+  // --- the critical path ----------------------------------------------------------------------------------
+
+  /// Of a thread without any event, the look tells the state.
+  char stateAfterwards(int32_t tid) const {
+    return tid == evidence_.look.pid && evidence_.look.isThere() ? evidence_.look.state : '?';
+  }
+
+  void addPath(const Stage& stage) {
+    CriticalPath path = criticalPath(
+        evidence_.recording, timelines_, stage.tid,
+        threadTimeline(evidence_.recording, stage.tid, stateAfterwards(stage.tid)), stage.fromNs, stage.toNs);
+    std::map<int32_t, std::vector<StateSpan>> asleep;
+    for (const CriticalPath::Piece& piece : path.pieces) {
+      if (piece.span.state == ThreadState::uninterruptible)
+        asleep[path.routes[piece.route].threads.back()].push_back(piece.span);
+    }
+    for (const auto& [tid, spans] : asleep) {
+      uint64_t sumNs = 0;
+      for (const StateSpan& span : spans) sumNs += span.toNs - span.fromNs;
+      const DiskWaits waits = diskWaits(evidence_.recording, requests_, tid, spans, WaitPlace::elsewhere,
+                                        stage.fromNs, stage.toNs);
+      if (!isHalf(waits.waitedNs, sumNs)) continue;
+      auto [known, isNew] = diskWaits_.try_emplace(tid, waits);
+      if (!isNew && waits.waitedNs > known->second.waitedNs) known->second = waits;
+    }
+    paths_.push_back(std::move(path));
+  }
+
+  Doing doingOf(const CriticalPath& path, const CriticalPath::Piece& piece) const {
+    const int32_t tid = path.routes[piece.route].threads.back();
+    const bool isDisk = piece.span.state == ThreadState::uninterruptible && diskWaits_.contains(tid);
+    return {launched_.processOf(tid) != nullptr, nameOf(tid),
+            isDisk ? "disk" : threadStateName(piece.span.state)};
+  }
+
+  std::vector<PathShare> sharesOf(uint64_t fromNs, uint64_t toNs, size_t most) const {
+    std::map<Doing, std::map<int32_t, uint64_t>> sums;
+    for (const CriticalPath& path : paths_) {
+      for (const CriticalPath::Piece& piece : path.pieces) {
+        const uint64_t ns = sharedNs(piece.span.fromNs, piece.span.toNs, fromNs, toNs);
+        if (ns > 0 && piece.span.state != ThreadState::unknown)
+          sums[doingOf(path, piece)][path.routes[piece.route].threads.back()] += ns;
+      }
+    }
+    std::vector<PathShare> shares;
+    for (const auto& [doing, times] : sums) {
+      const auto longest = std::max_element(times.begin(), times.end(),
+                                            [](auto& one, auto& other) { return one.second < other.second; });
+      PathShare& share = shares.emplace_back();
+      share.thread.tid = longest->first;
+      share.doing = doing.what;
+      share.threads = times.size();
+      for (const auto& [tid, ns] : times) share.ns += ns;
+    }
+    std::sort(shares.begin(), shares.end(), [](const PathShare& a, const PathShare& b) {
+      return std::tie(b.ns, a.thread.tid, a.doing) < std::tie(a.ns, b.thread.tid, b.doing);
+    });
+    if (shares.size() > most) shares.resize(most);
+    for (PathShare& share : shares) share.thread = named(share.thread.tid);
+    return shares;
+  }
+
+  // --- names ----------------------------------------------------------------------------------------------
+
+  std::string nameOf(int32_t tid) const {
+    const auto name = evidence_.recording.threadNames.find(tid);
+    if (name != evidence_.recording.threadNames.end()) return name->second;
+    return tid == evidence_.look.pid ? evidence_.look.comm : std::string();
+  }
+
+  /// The processes of a launch may have gone: the recording tells whose their threads were.
+  void findProcess(NamedThread& thread) const {
+    if (evidence_.findProcess) evidence_.findProcess(thread);
+    const LaunchedProcess* process = launched_.processOf(thread.tid);
+    if (!process) return;
+    thread.pid = process->pid;
+    thread.process = nameOf(process->pid);
+  }
+
+  NamedThread named(int32_t tid) const {
+    NamedThread thread{tid, nameOf(tid), 0, {}};
+    findProcess(thread);
+    return thread;
+  }
+
+  // --- phases and processes -------------------------------------------------------------------------------
+
+  void addPhases() {
+    struct Mark {
+      uint64_t atNs;
+      const char* what;
+      pid_t pid;
+    };
+    std::vector<Mark> marks;
+    const auto add = [&](uint64_t atNs, const char* what, pid_t pid) {
+      if (atNs <= evidence_.fromNs || atNs >= evidence_.toNs) return;
+      const auto later =
+          std::find_if(marks.begin(), marks.end(), [&](const Mark& one) { return one.atNs > atNs; });
+      marks.insert(later, {atNs, what, pid});
+    };
+    const auto addProcess = [&](const LaunchedProcess& process) {
+      add(process.madeNs, "fork", process.pid);
+      // A program may be started by scripts that execute one another.
+      if (!process.executedNs.empty()) add(process.executedNs.front(), "exec", process.pid);
+      if (process.executedNs.size() > 1) add(process.executedNs.back(), "last exec", process.pid);
+    };
+    addProcess(launched_.all.front());
+    const LaunchedProcess* last = launched_.processOf(stages_.back().tid);
+    if (last && last->pid != evidence_.look.pid) addProcess(*last);
+    if (!launch_.isRecorded && evidence_.look.isThere())
+      add(evidence_.look.madeNs, "fork", evidence_.look.pid);
+    add(evidence_.connectedNs, "first connection", evidence_.look.pid);
+    marks.push_back({evidence_.toNs, "end", 0});
+    LaunchPhase phase;
+    phase.to = "begin";
+    phase.toNs = evidence_.fromNs;
+    for (const Mark& mark : marks) {
+      phase = {phase.to, mark.what, mark.pid == 0 ? NamedThread{} : named(mark.pid), phase.toNs, mark.atNs};
+      const std::vector<PathShare> shares = sharesOf(phase.fromNs, phase.toNs, 1);
+      if (!shares.empty() && isHalf(shares[0].ns, phase.toNs - phase.fromNs)) phase.mostly = shares[0];
+      launch_.phases.push_back(phase);
+    }
+  }
+
+  void addMembers() {
+    std::vector<const LaunchedProcess*> order;
+    order.reserve(launched_.all.size());
+    for (const LaunchedProcess& process : launched_.all) order.push_back(&process);
+    launch_.processCount = order.size();
+    std::sort(order.begin() + 1, order.end(), [](auto* a, auto* b) {
+      return std::tie(b->runningNs, a->pid) < std::tie(a->runningNs, b->pid);
+    });
+    if (order.size() > kMaxMembersListed) order.resize(kMaxMembersListed);
+    for (const LaunchedProcess* process : order) {
+      launch_.processes.push_back({process->pid, nameOf(process->pid), process->parent,
+                                   process->threads.size(), process->madeNs, process->endedNs,
+                                   process->runningNs});
+    }
+  }
+
+  // --- the verdict ----------------------------------------------------------------------------------------
+
+  Verdict judgeLongestStage() {
+    const auto longest = std::max_element(stages_.begin(), stages_.end(),
+                                          [](const Stage& a, const Stage& b) { return a.ns() < b.ns(); });
+    const CriticalPath& path = paths_[static_cast<size_t>(longest - stages_.begin())];
+    launch_.followed = capture(longest->tid);
+    Evidence evidence{longest->fromNs,
+                      longest->toNs,
+                      evidence_.recording,
+                      launch_.followed,
+                      evidence_.processes,
+                      evidence_.pressure,
+                      {},
+                      longest->tid == evidence_.look.pid ? evidence_.look.around : Surroundings{},
+                      {},
+                      [this](NamedThread& thread) { findProcess(thread); },
+                      /*isLaunch=*/true};
+    evidence.recordedChain = chainOf(evidence, path);
+    if (evidence.recordedChain) addWaits(*evidence.recordedChain);
+    Verdict verdict = kelvane::judge(evidence);
+    if (verdict.fromRecorder && !verdict.chain && verdict.cause == Cause::sleeping)
+      judgeByMembers(*longest, verdict);
+    // The launcher's computing is not the launch's.
+    if (verdict.cause == Cause::ownCpu && !launched_.processOf(longest->tid)) verdict.cause = Cause::peer;
+    if (!verdict.fromRecorder) {
+      verdict.cause = Cause::unknown;
+      judgeByLife(verdict);
+    } else if (static_cast<double>(longest->ns()) < kWholeLaunch * static_cast<double>(windowNs())) {
+      verdict.sentence =
+          "In " + ofDuration(longest->ns(), windowNs()) + " of the launch: " + verdict.sentence;
+    }
+    return verdict;
+  }
+
+  /// Of a thread that slept for the sake of many, none of whom it waited for most of the time: what these did
+  /// for most of the time, if they all are the launch's.
+  void judgeByMembers(const Stage& stage, Verdict& verdict) const {
+    std::map<std::string, uint64_t> sums;
+    std::map<std::string, NamedThread> most;
+    for (const PathShare& share : sharesOf(stage.fromNs, stage.toNs, SIZE_MAX)) {
+      if (!launched_.processOf(share.thread.tid)) continue;
+      sums[share.doing] += share.ns;
+      most.try_emplace(share.doing, share.thread);
+    }
+    const auto tell = [&](const char* doing, Cause cause, const std::string& text) {
+      if (!isHalf(sums[doing], stage.ns())) return;
+      verdict.cause = cause;
+      verdict.sentence = nameOf(stage.tid) + " (thread " + std::to_string(stage.tid) +
+                         ") and what it started " + text + " for " + ofDuration(sums[doing], stage.ns()) +
+                         ", most of all '" + most.at(doing).name + "' (pid " +
+                         std::to_string(most.at(doing).pid) + ").";
+    };
+    tell("running", Cause::ownCpu, "were busy themselves");
+    tell("runnable", Cause::starved, "were ready to run, and not given a CPU,");
+    tell("disk", Cause::disk, "waited for the disk");
+  }
+
+  uint64_t windowNs() const { return evidence_.toNs - evidence_.fromNs; }
+
+  /// What is known of the thread and its process, as a look at the end would have found it.
+  ProcessCapture capture(int32_t tid) const {
+    const NamedThread thread = named(tid);
+    ProcessCapture capture;
+    capture.pid = thread.pid != 0 ? thread.pid : tid;
+    capture.comm = thread.process;
+    capture.hungThread = tid;
+    const auto add = [&](int32_t id) {
+      ThreadFacts& facts = capture.threads.emplace_back().facts;
+      facts.tid = id;
+      facts.comm = nameOf(id);
+      facts.state = stateAfterwards(id);
+    };
+    add(tid);
+    if (const LaunchedProcess* process = launched_.processOf(tid)) {
+      for (const int32_t other : process->threads) {
+        if (other != tid) add(other);
+      }
+    }
+    capture.threadCount = capture.threads.size();
+    return capture;
+  }
+
+  /// What the thread of the path waited for, most of its longer kind of sleep; nothing if that was no one
+  /// thread.
+  std::optional<ChainVerdict> chainOf(const Evidence& evidence, const CriticalPath& path) const {
+    using Key = std::tuple<ThreadState, size_t, ThreadState>;  // of the first one, the route, of the last
+    std::map<Key, std::vector<StateSpan>> spans;
+    std::map<ThreadState, uint64_t> asleepNs;
+    for (const CriticalPath::Piece& piece : path.pieces) {
+      const ThreadState first = path.routes[piece.route].firstState;
+      if (first != ThreadState::sleeping && first != ThreadState::uninterruptible) continue;
+      asleepNs[first] += piece.ns();
+      spans[{first, piece.route, piece.span.state}].push_back(piece.span);
+    }
+    const auto sum = [](const std::vector<StateSpan>& of) {
+      uint64_t ns = 0;
+      for (const StateSpan& span : of) ns += span.toNs - span.fromNs;
+      return ns;
+    };
+    const ThreadState state = asleepNs[ThreadState::sleeping] >= asleepNs[ThreadState::uninterruptible]
+                                  ? ThreadState::sleeping
+                                  : ThreadState::uninterruptible;
+    for (const auto& [key, of] : spans) {
+      const auto& [first, route, last] = key;
+      if (first != state || path.routes[route].threads.size() < 2 || !isHalf(sum(of), asleepNs[state]))
+        continue;
+      return recordedChain(evidence, path.routes[route].threads, state, of);
+    }
+    return std::nullopt;
+  }
+
+  ChainVerdict recordedChain(const Evidence& evidence, const std::vector<int32_t>& threads, ThreadState state,
+                             const std::vector<StateSpan>& last) const {
+    ChainVerdict verdict{{}, state, ChainEnd::waited, {}, {}};
+    for (size_t i = 0; i < threads.size(); i++) {
+      const NamedThread thread = named(threads[i]);
+      ChainLink link;
+      link.party.pid = thread.pid != 0 ? thread.pid : thread.tid;
+      link.party.process = thread.pid != 0 ? thread.process : thread.name;
+      link.party.facts.tid = thread.tid;
+      link.party.facts.comm = thread.name;
+      link.party.facts.priority = thread.priority.value_or(0);
+      if (i + 1 < threads.size()) link.wait = waitFor(threads[i], threads[i + 1], last.back().toNs);
+      if (link.wait) link.holder = link.wait->holders.front();
+      link.party.facts.state = link.wait ? 'S' : '?';
+      verdict.chain.links.push_back(std::move(link));
+    }
+    if (state == ThreadState::uninterruptible) verdict.chain.links.front().party.facts.state = 'D';
+    addEnd(evidence, threads.back(), last, verdict);
+    verdict.steps = chainSteps(evidence.process, verdict);
+    return verdict;
+  }
+
+  PartyWait waitFor(int32_t tid, int32_t holder, uint64_t untilNs) const {
+    const NamedThread thread = named(holder);
+    const LaunchedProcess* process = launched_.processOf(holder);
+    const LaunchedProcess* own = launched_.processOf(tid);
+    const bool isItsChild = process && own && process->pid == holder && process->parent == own->pid;
+    const bool isItsEnd =
+        isItsChild && process->endedNs >= untilNs && process->endedNs <= untilNs + kEndReachNs;
+    PartyWait wait{tid, isItsEnd ? WaitKind::child : WaitKind::peer, isItsEnd ? "end" : "", {}};
+    wait.holders = {
+        {thread.pid != 0 ? thread.pid : holder, holder, Sureness::likely, "it woke it (recorded)"}};
+    return wait;
+  }
+
+  /// What the last one did, who kept it from going on, and what the launch is called by that: what launched
+  /// processes compute is the launch's own time.
+  void addEnd(const Evidence& evidence, int32_t tid, const std::vector<StateSpan>& spans,
+              ChainVerdict& verdict) const {
+    const bool isOwn = launched_.processOf(tid) != nullptr;
+    const auto& lastWait = verdict.chain.links[verdict.chain.links.size() - 2].wait;
+    const Cause other = lastWait && lastWait->kind == WaitKind::child ? Cause::child : Cause::peer;
+    ThreadFacts& facts = verdict.chain.links.back().party.facts;
+    switch (spans.back().state) {
+      case ThreadState::running:
+        facts.state = 'R';
+        verdict.end = ChainEnd::computed;
+        verdict.cause = isOwn ? Cause::ownCpu : other;
+        return;
+      case ThreadState::runnable:
+        facts.state = 'R';
+        verdict.end = ChainEnd::starved;
+        verdict.ranInstead = competitor(evidence, spans, tid);
+        return;
+      case ThreadState::stopped:
+        facts.state = 'T';
+        verdict.end = ChainEnd::stopped;
+        return;
+      case ThreadState::uninterruptible: {
+        facts.state = 'D';
+        const auto disk = diskWaits_.find(tid);
+        verdict.end = disk == diskWaits_.end() ? ChainEnd::kernel : ChainEnd::disk;
+        const auto user = disk == diskWaits_.end() ? std::nullopt : disk->second.busiestOther;
+        if (user) verdict.diskUser = named(*user);
+        break;
+      }
+      default:
+        facts.state = 'S';
+        verdict.end = spans.back().end == SleepEnd::timeOut ? ChainEnd::slept : ChainEnd::waited;
+        break;
+    }
+    if (verdict.end != ChainEnd::disk) verdict.cause = isOwn ? Cause::sleeping : other;
+    if (verdict.end == ChainEnd::kernel && isOwn) verdict.cause = Cause::unknown;
+  }
+
+  /// The verdict tells whose ends of sleeps the chain accounts for by the waits that a look finds.
+  void addWaits(const ChainVerdict& verdict) {
+    for (const ChainLink& link : verdict.chain.links) {
+      launch_.followed.waits.parties.push_back(link.party);
+      if (link.wait) launch_.followed.waits.waits.push_back(*link.wait);
+    }
+  }
+
+  /// Without a recording: what the process has had in its life, most of which the launch was, says at least
+  /// what did not make it slow.
+  void judgeByLife(Verdict& verdict) const {
+    const LaunchedLook& look = evidence_.look;
+    const std::string noRecord = "Nothing of the launch is recorded: ";
+    const std::string whom = "the launched process (pid " + std::to_string(look.pid) + ")";
+    if (!look.isThere()) {
+      verdict.sentence = noRecord + whom + " had ended, and why it took so long can't be told.";
+      return;
+    }
+    const std::string name = look.comm + " (pid " + std::to_string(look.pid) + ")";
+    const ScheduleFigures life = look.around.schedule.value_or(ScheduleFigures{});
+    const uint64_t afterNs = look.lookedAtNs - std::min(look.lookedAtNs, evidence_.toNs);
+    const auto atLeast = [&](uint64_t ns) { return ns - std::min(ns, afterNs); };
+    const uint64_t ranNs = look.ranNs + look.childrenRanNs;
+    if (isHalf(atLeast(life.ranNs), windowNs())) {
+      verdict.cause = Cause::ownCpu;
+      verdict.sentence = noRecord + name + " was busy itself, on the CPU for at least " +
+                         ofDuration(atLeast(life.ranNs), windowNs()) + ".";
+    } else if (isHalf(atLeast(life.waitedNs), windowNs())) {
+      verdict.cause = Cause::starved;
+      verdict.sentence = noRecord + name + " was ready to run and not given a CPU for at least " +
+                         ofDuration(atLeast(life.waitedNs), windowNs()) + ".";
+    } else {
+      verdict.sentence = noRecord + name + " has had CPUs for " + durationText(look.ranNs) +
+                         " in its life, and its children that have ended for " +
+                         durationText(look.childrenRanNs) + ". ";
+      verdict.sentence += isHalf(ranNs, windowNs())
+                              ? "Why the launch took " + durationText(windowNs()) + " can't be told."
+                              : "So computing is not what took " + durationText(windowNs()) +
+                                    ": it waited, for what can't be told.";
+    }
+  }
+
+  const LaunchEvidence& evidence_;
+  const ThreadTimelines timelines_;
+  const std::vector<DiskRequest> requests_;
+  const LaunchedProcesses launched_;
+  std::vector<Stage> stages_;        // from the launch's begin on
+  std::vector<CriticalPath> paths_;  // one for each of them
+  std::map<int32_t, DiskWaits>
+      diskWaits_;  // of threads on the path whose sleeps in the kernel were mostly that
+  Launch launch_;
+};
+
+}  // namespace
+
+std::pair<Launch, Verdict> judgeLaunch(const LaunchEvidence& evidence) {
+  return LaunchJudge(evidence).judge();
+}
+
+}  // namespace kelvane
