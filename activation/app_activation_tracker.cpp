@@ -119,6 +119,14 @@ void AppActivationTracker::endAppActivationTrackingForPID(uint32_t ownerUid, int
                                activationState, activationResult}] { end(announced); });
 }
 
+void AppActivationTracker::noteConnectionOfPID(uint32_t ownerUid, int32_t pid) {
+  const auto& tracker = instanceSlot();
+  if (!tracker || !tracker->captureKelvanes_) return;
+  tracker->enqueue(ownerUid, [self = tracker.get(), pid, atTicks = platform::current().clock.absoluteTime()] {
+    self->noteConnection(pid, atTicks);
+  });
+}
+
 void AppActivationTracker::enqueue(uint32_t ownerUid, platform::Task step) {
   std::shared_ptr<void> place = stepPlaces_.tryTake(ownerUid);
   if (!place) {
@@ -170,7 +178,7 @@ void AppActivationTracker::begin(const Announcement& announced) {
         key.c_str());
     return;
   }
-  appActivationDictionary_.emplace(key, InFlight{activation, std::move(place)});
+  appActivationDictionary_.emplace(key, InFlight{activation, std::move(place), 0});
   inFlightCount_ = appActivationDictionary_.size();
   if (announced.typeOrResult == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxStartLatencyInMs %u ms", activation->ipxStartLatencyInMs());
@@ -229,19 +237,20 @@ void AppActivationTracker::timeOut(const Announcement& announced) {
 }
 
 void AppActivationTracker::end(const Announcement& announced) {
-  const std::shared_ptr<AppActivation> activation = finish(announced);
+  const Finished finished = finish(announced);
+  const std::shared_ptr<AppActivation>& activation = finished.activation;
   if (activation->appActivationStartState() != kForeground || announced.state != kForeground) return;
 
   reportOrSay(activation, announced);
   countLaunch(*activation, announced.ownerUid);
   quorvelLog().standard("QVActivationStats: %s FG Launch Duration = %ims", announced.bundleID.c_str(),
                         static_cast<int>(activation->wallTime()));
-  captureIfSlow(*activation, announced.timeMs);
+  captureIfSlow(finished, announced.timeMs);
 }
 
 /// Ends the activation in flight and takes it off the map; without one, makes up one that began when it
 /// ended.
-std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& announced) {
+AppActivationTracker::Finished AppActivationTracker::finish(const Announcement& announced) {
   const Log log = quorvelLog();
   const std::string key = announced.key();
   const auto entry = appActivationDictionary_.find(key);
@@ -252,9 +261,10 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
     activation->activationEndedWithResult(AppActivation::kResultNoBegin, announced.timeMs);
     log.standard("QVActivationStats: endActivationTrackingForPID: Did not find an existing entry for %s\n",
                  key.c_str());
-    return activation;
+    return {std::move(activation)};
   }
-  std::shared_ptr<AppActivation> activation = entry->second.activation;
+  Finished finished{entry->second.activation, entry->second.connectedTicks};
+  const std::shared_ptr<AppActivation>& activation = finished.activation;
   activation->activationEndedWithResult(static_cast<uint8_t>(announced.typeOrResult), announced.timeMs);
   if (activation->appActivationType() == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxEndLatencyInMs %u ms", activation->ipxEndLatencyInMs());
@@ -273,7 +283,15 @@ std::shared_ptr<AppActivation> AppActivationTracker::finish(const Announcement& 
                  key.c_str());
   }
   forget(entry);
-  return activation;
+  return finished;
+}
+
+void AppActivationTracker::noteConnection(int32_t pid, uint64_t atTicks) {
+  const std::string ofPid = formatted("%d:", pid);
+  auto entry = appActivationDictionary_.lower_bound(ofPid);
+  for (; entry != appActivationDictionary_.end() && entry->first.starts_with(ofPid); ++entry) {
+    if (entry->second.connectedTicks == 0) entry->second.connectedTicks = atTicks;
+  }
 }
 
 void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation,
@@ -337,7 +355,8 @@ void AppActivationTracker::countLeftOut(const char* reason) {
   });
 }
 
-void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64_t endTimeMs) {
+void AppActivationTracker::captureIfSlow(const Finished& finished, uint64_t endTimeMs) {
+  const AppActivation& activation = *finished.activation;
   if (!captureKelvanes_ || activation.wallTime() < kelvaneTimeThreshold_ ||
       activation.bundleID() == kLauncherBundleID) {
     return;
@@ -350,9 +369,11 @@ void AppActivationTracker::captureIfSlow(const AppActivation& activation, uint64
       .standard("QVActivationStats: %s Launch took %ims, will try to grab slow launch kelvane",
                 activation.bundleID().c_str(), tookMs);
   // Credits and the trace library belong to the work queue.
-  workQueue_.async([bundleID = activation.bundleID(), start = activation.startTimestamp(), endTimeMs] {
-    QVProcessInfo::saveActivationKelvane("Launch", "Slow-Launch", bundleID, start, endTimeMs);
-  });
+  const QVProcessInfo::ActivatedProcess process{activation.pid(), finished.connectedTicks};
+  workQueue_.async(
+      [bundleID = activation.bundleID(), start = activation.startTimestamp(), endTimeMs, process] {
+        QVProcessInfo::saveActivationKelvane("Launch", "Slow-Launch", bundleID, start, endTimeMs, process);
+      });
 }
 
 void AppActivationTracker::logStatus() {

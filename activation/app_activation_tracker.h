@@ -51,6 +51,11 @@ class AppActivationTracker {
   void endAppActivationTrackingForPID(uint32_t ownerUid, int32_t pid, const char* bundleID, uint64_t timeMs,
                                       uint32_t activationState, uint32_t activationResult);
 
+  /// Notes when a process whose activation is in flight connects to the daemon for the first time, for the
+  /// report of a slow launch; nothing when there is no instance. `ownerUid` is the process's user. Work queue
+  /// only.
+  static void noteConnectionOfPID(uint32_t ownerUid, int32_t pid);
+
   /// Logs what was reported today and what is pending, for whoever asked the daemon for its state; nothing
   /// when there is no instance. Work queue only.
   static void logStatus();
@@ -72,6 +77,13 @@ class AppActivationTracker {
   struct InFlight {
     std::shared_ptr<AppActivation> activation;  ///< with the memory that it was given
     std::shared_ptr<void> place;
+    uint64_t connectedTicks = 0;  ///< when its process first connected; 0: it hasn't
+  };
+
+  /// An activation that has ended.
+  struct Finished {
+    std::shared_ptr<AppActivation> activation;
+    uint64_t connectedTicks = 0;
   };
 
   explicit AppActivationTracker(platform::WorkQueue& workQueue);
@@ -84,13 +96,14 @@ class AppActivationTracker {
   /// Null when there is no memory left for what it has to keep.
   std::shared_ptr<AppActivation> tryBegin(const Announcement& announced);
   void forget(std::map<std::string, InFlight>::const_iterator entry);
-  std::shared_ptr<AppActivation> finish(const Announcement& announced);
+  Finished finish(const Announcement& announced);
+  void noteConnection(int32_t pid, uint64_t atTicks);
   void reportOrSay(const std::shared_ptr<AppActivation>& activation, const Announcement& ended);
   /// Says so to who waits for the activation's record.
   void leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason);
   void countLaunch(const AppActivation& activation, uint32_t ownerUid);
   void countLeftOut(const char* reason);
-  void captureIfSlow(const AppActivation& activation, uint64_t endTimeMs);
+  void captureIfSlow(const Finished& finished, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 
   // launch_signposts.cpp

@@ -62,6 +62,7 @@ void MessageDispatcher::welcome(platform::Peer& peer) {
   quorvelLog().info("IPX: Client started new connection: pid %d", pid);
   peer.setHandler([this, &peer](const platform::IpcEvent& event) { handlePeerEvent(peer, event); });
   peer.resume();
+  AppActivationTracker::noteConnectionOfPID(peer.uid(), pid);
 }
 
 void MessageDispatcher::handlePeerEvent(platform::Peer& peer, const platform::IpcEvent& event) {

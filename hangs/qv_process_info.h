@@ -76,9 +76,16 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
   void recordHang(const char* name, uint64_t threadID, uint64_t startTicks, uint64_t endTicks,
                   bool saveKelvane);
 
+  /// The process of an activation, which the header of its report does not name.
+  struct ActivatedProcess {
+    int32_t pid = 0;              ///< 0: not known
+    uint64_t connectedTicks = 0;  ///< when it first connected to the daemon; 0: it did not meanwhile
+  };
+
   /// Saves a report of a slow activation, likewise. Times in ms since the reference date.
   static void saveActivationKelvane(const std::string& type, const std::string& reason,
-                                    const std::string& bundleID, uint64_t startTimeMs, uint64_t endTimeMs);
+                                    const std::string& bundleID, uint64_t startTimeMs, uint64_t endTimeMs,
+                                    const ActivatedProcess& process);
 
   // --- report_credits.cpp: how many reports a process and the device may cause -----------------------------
 

@@ -149,7 +149,7 @@ bool QVProcessInfo::saveKelvaneWithFileName(const std::string& fileName, const D
 
 void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::string& reason,
                                           const std::string& bundleID, uint64_t startTimeMs,
-                                          uint64_t endTimeMs) {
+                                          uint64_t endTimeMs, const ActivatedProcess& process) {
   const Log log = quorvelLog();
   const Log refusal = log.about({.kind = LogEventKind::reportRefused});
   ClassSide& state = classSide();
@@ -187,6 +187,7 @@ void QVProcessInfo::saveActivationKelvane(const std::string& type, const std::st
   }
   const Dictionary infoDict =
       infoDictionary(reason, type, bundleID, 0, 0, startTicks, endTicks, displayStateArray());
+  state.traceCapture.nameLaunch(process.pid, process.connectedTicks);
   if (!saveKelvaneWithFileName(reportFileName(type, bundleID), infoDict, startTicks, endTicks, bundleID)) {
     countLost();
     return;

@@ -24,6 +24,7 @@ void TraceCapture::loadKelvaneLibrary() {
   if (!dump_) return;
   sample_ = reinterpret_cast<kelvane_sample_function>(library_->symbol(KELVANE_SAMPLE_ENTRY_POINT));
   finding_ = reinterpret_cast<kelvane_finding_function>(library_->symbol(KELVANE_FINDING_ENTRY_POINT));
+  launch_ = reinterpret_cast<kelvane_launch_function>(library_->symbol(KELVANE_LAUNCH_ENTRY_POINT));
   reasonStringKey_ = optionKey(KELVANE_KEY_REASON_STRING);
   noSymbolicateKey_ = optionKey(KELVANE_KEY_NO_SYMBOLICATE);
   minTimestampKey_ = optionKey(KELVANE_KEY_MIN_TIMESTAMP);
@@ -57,6 +58,11 @@ bool TraceCapture::dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTi
   }};
   const kelvane_options all = {.count = options.size(), .options = options.data()};
   return dump_(fd, &all);
+}
+
+void TraceCapture::nameLaunch(int32_t pid, uint64_t connectedTicks) {
+  const kelvane_launch launch{.pid = pid, .connected_ticks = connectedTicks};
+  if (isKelvaneAvailable() && launch_) launch_(&launch);
 }
 
 ReportFinding TraceCapture::lastFinding() const {

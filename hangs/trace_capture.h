@@ -31,6 +31,10 @@ class TraceCapture {
   /// with `reason` as its header. Synchronous. False when there is no library or the report is not whole.
   bool dumpKelvaneToFile(int fd, uint64_t startTicks, uint64_t endTicks, const std::string& reason);
 
+  /// Says whose launch the next dump is about, whose header names no process. `connectedTicks`: when that
+  /// first connected; 0 if it is not known to have. Does nothing where the library can't use it.
+  void nameLaunch(int32_t pid, uint64_t connectedTicks);
+
   /// What the report that was dumped last says, in UTF-8; all empty where the library can't tell. Not a byte
   /// of the report is read for it.
   ReportFinding lastFinding() const;
@@ -50,6 +54,7 @@ class TraceCapture {
   kelvane_dump_function dump_ = nullptr;
   kelvane_sample_function sample_ = nullptr;
   kelvane_finding_function finding_ = nullptr;
+  kelvane_launch_function launch_ = nullptr;
   const char* reasonStringKey_ = nullptr;
   const char* noSymbolicateKey_ = nullptr;
   const char* minTimestampKey_ = nullptr;

@@ -197,11 +197,28 @@ TEST(Activations, SlowLaunchesAreTracedFromTheThresholdOnAndWithinTheirCredits) 
   EXPECT_NEAR(static_cast<double>(request.maxTimestamp), static_cast<double>(world.now()), 24'000);
   EXPECT_NEAR(static_cast<double>(request.maxTimestamp - request.minTimestamp), 5000 * 24'000.0, 24'000);
 
+  EXPECT_EQ(request.launch.pid, 1);
+  EXPECT_EQ(request.launch.connected_ticks, 0u);
+
+  // When its process connects for the first time is handed over, too.
+  sim::App viewer = world.connectApp("viewer");
+  world.beginActivation(viewer.pid(), "connecting");
+  world.advance(2s);
+  const uint64_t connectedAt = world.now();
+  viewer.reconnect();
+  world.advance(2s);
+  viewer.reconnect();
+  world.advance(2s);
+  world.endActivation(viewer.pid(), "connecting");
+  ASSERT_EQ(world.traceLibraries.requests.size(), 2u);
+  EXPECT_EQ(world.traceLibraries.requests[1].launch.pid, viewer.pid());
+  EXPECT_EQ(world.traceLibraries.requests[1].launch.connected_ticks, connectedAt);
+
   world.activate(1, "com.corvix.lumora", 9s);  // the launcher itself
   world.activate(1, "slow", 6s);
   world.activate(1, "slow", 6s);
   EXPECT_TRUE(world.logged(Level::standard, "slow is out of credits. Not saving a report!"));
-  EXPECT_EQ(world.spool().size(), 2u);
+  EXPECT_EQ(world.spool().size(), 3u);
   // Traces only: nothing is snapshot or reported meanwhile.
   EXPECT_EQ(world.kernel.looks, 0);
   EXPECT_EQ(world.kernel.prepares, 0);

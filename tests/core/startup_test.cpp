@@ -214,7 +214,7 @@ TEST(HangChecks, StartADayAtTheFirstAndResetWhenMoreThanADayHasPassed) {
   world.preferences.userSets("QuorvelSlowActKelvanesEnabled", true);
   world.prefer("QuorvelSlowActPerAppMax", 1);
   const uint64_t minuteAgoMs = 790'164'000'000 - 60'000;
-  QVProcessInfo::saveActivationKelvane("Launch", "slow", "com.a", minuteAgoMs, minuteAgoMs + 1);
+  QVProcessInfo::saveActivationKelvane("Launch", "slow", "com.a", minuteAgoMs, minuteAgoMs + 1, {});
   EXPECT_TRUE(world.logged(Level::info, "com.a Launch Log credits: 1 -> 0"));
   world.logs.clear();
   world.advance(5s);  // the day starts here
@@ -232,7 +232,7 @@ TEST(HangChecks, StartADayAtTheFirstAndResetWhenMoreThanADayHasPassed) {
   EXPECT_EQ(lines[2], "Launch Logs Daily Credits reset from 24 to 25");
   EXPECT_EQ(world.analytics.scalars.size(), 4u) << "three, and how many processes are watched";
   EXPECT_EQ(world.spool().size(), 2u) << "the check itself follows the reset";
-  QVProcessInfo::saveActivationKelvane("Launch", "slow", "com.a", minuteAgoMs, minuteAgoMs + 1);
+  QVProcessInfo::saveActivationKelvane("Launch", "slow", "com.a", minuteAgoMs, minuteAgoMs + 1, {});
   EXPECT_TRUE(world.logged(Level::info, "com.a Launch Log credits: 1 -> 0"))
       << "the apps' credits are new, too";
   world.logs.clear();

@@ -128,7 +128,7 @@ TEST(Credits, ADailyResetRefillsAndSendsTheDaysFigures) {
 void saveActivation(World& world, const std::string& bundleID) {
   world.advance(1s);
   const uint64_t endMs = 790'164'000'000 + 1000 * static_cast<uint64_t>((world.clock.uptime - 100s) / 1s);
-  QVProcessInfo::saveActivationKelvane("Launch", "slow", bundleID, endMs - 6000, endMs);
+  QVProcessInfo::saveActivationKelvane("Launch", "slow", bundleID, endMs - 6000, endMs, {});
 }
 
 TEST(Credits, SlowActivationsAreRationedPerAppOnceTheMapExistsAndPerDay) {

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace quorveld::sim {
 
@@ -19,6 +20,7 @@ const char* const maxTimestampKey = "sim.max";
 bool dump(int descriptor, const kelvane_options* options) {
   TraceRequest request;
   request.optionCount = options->count;
+  request.launch = std::exchange(active->nextLaunch, {});
   for (size_t i = 0; i < options->count; ++i) {
     const kelvane_option& option = options->options[i];
     const std::string_view key = option.key;
@@ -44,6 +46,10 @@ void lastFinding(kelvane_finding* finding) {
   active->culprit.copy(finding->culprit, sizeof finding->culprit);
 }
 
+void nameLaunch(const kelvane_launch* launch) {
+  active->nextLaunch = *launch;
+}
+
 class Library final : public platform::TraceLibrary {
  public:
   explicit Library(const SimTraceLibraries& libraries) : libraries_(libraries) {}
@@ -54,6 +60,7 @@ class Library final : public platform::TraceLibrary {
     if (wanted == KELVANE_SAMPLE_ENTRY_POINT && libraries_.samples)
       return reinterpret_cast<void*>(&samplePending);
     if (wanted == KELVANE_FINDING_ENTRY_POINT) return reinterpret_cast<void*>(&lastFinding);
+    if (wanted == KELVANE_LAUNCH_ENTRY_POINT) return reinterpret_cast<void*>(&nameLaunch);
     for (const auto& [exported, address] : {std::pair{KELVANE_KEY_REASON_STRING, &reasonKey},
                                             std::pair{KELVANE_KEY_NO_SYMBOLICATE, &noSymbolicateKey},
                                             std::pair{KELVANE_KEY_MIN_TIMESTAMP, &minTimestampKey},

@@ -17,6 +17,7 @@ struct TraceRequest {
   bool noSymbolicate = false;
   uint64_t minTimestamp = 0;
   uint64_t maxTimestamp = 0;
+  kelvane_launch launch{};  // that it is about
 };
 
 /// The trace-capture library: it answers with `report`, as a scenario scripts it.
@@ -37,6 +38,7 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   bool entryPointMissing = false;         ///< the library lacks it
   bool samples = true;                    ///< it can be asked to sample
   const char* samplingRefusal = nullptr;  ///< what it then answers
+  kelvane_launch nextLaunch{};            ///< that it was told of
   std::string culprit;                    ///< of the finding that it then tells
   std::vector<TraceRequest> requests;
   std::vector<std::vector<kelvane_pending>> sampled;  ///< what it was asked to sample
