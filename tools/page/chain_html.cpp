@@ -33,13 +33,13 @@ Html partyHtml(const Report& report, const ReportVerdict& verdict, size_t index)
                                    [&](const ReportThread& each) { return each.tid == link.thread.tid; });
   const bool hasThread = thread != report.threads.end();
   Html content = element("b", "", linkText(verdict, report.header, index));
-  if (index == 0) content += element("span", "badge plain", "hung");
+  if (index == 0) content += element("span", "badge plain", report.launch ? "launching" : "hung");
   if (link.isCulprit) content += element("span", "badge", "culprit");
   content += functionsHtml(link, hasThread ? &*thread : nullptr);
   if (hasThread) {
     content += Html{"<p><a href=\"#thread-" + std::to_string(link.thread.tid) + "\">"} +
                escaped("Stack of " + link.thread.name) + Html{"</a></p>"};
-  } else {
+  } else if (!report.launch) {  // of a launch there are none at all
     content += element("p", "note", "The report has no stack of it.");
   }
   return content;

@@ -6,6 +6,7 @@
 #include "tools/base/units.h"
 #include "tools/page/chain_html.h"
 #include "tools/page/html.h"
+#include "tools/page/launch_html.h"
 #include "tools/page/report_page.h"
 #include "tools/page/report_timeline.h"
 #include "tools/page/verdict_html.h"
@@ -34,7 +35,8 @@ Html headerHtml(const Report& report) {
   };
   if (header.hasHang()) add(header.kind());
   add(header.serviceName);
-  if (header.pid != 0) add("pid " + std::to_string(header.pid));
+  const int64_t pid = report.launch ? report.launch->pid : header.pid;
+  if (pid != 0) add("pid " + std::to_string(pid));
   add(report.madeAt);
   Html content = element("h1", "", titleText(header));
   if (report.verdict) {
@@ -176,7 +178,7 @@ Html leftOutHtml(const Report& report) {
 
 std::string reportPage(const Report& report) {
   const Timeline timeline = timelineOf(report);
-  const Html content = headerHtml(report) + chainHtml(report) +
+  const Html content = headerHtml(report) + chainHtml(report) + launchHtml(report) +
                        (report.verdict ? timeHtml(*report.verdict, report.header) : Html{}) +
                        sampledHtml(report.sampled) + timelineHtml(timeline) + stacksHtml(report) +
                        factsHtml(report) + leftOutHtml(report);

@@ -46,9 +46,14 @@ class Builder {
       : trace_(report.trace),
         header_(report.header),
         wasSampled_(report.sampled.durationMs > 0),
-        originUs_(originOf(report)) {
+        originUs_(originOf(report)),
+        hungThread_(report.header.threadId) {
     for (const ReportThread& thread : report.threads) {
       if (thread.pid == 0) ownThreads_.insert(thread.tid);
+    }
+    if (report.launch) {
+      hungThread_ = report.launch->followed.tid;
+      for (const auto& process : report.launch->processes) ownThreads_.insert(process.pid);
     }
     timeline_.hangUs = std::max(0.0, header_.durationMs() * 1000);
     timeline_.lookedUs =
@@ -57,7 +62,8 @@ class Builder {
 
   Timeline build() {
     sortOut();
-    addTrack(timeline_.statesOfLook ? "Hung (one look)" : "Hung thread", "state", states_, kMaxItems / 8);
+    const char* whose = header_.pid == 0 ? "Launching thread" : "Hung thread";
+    addTrack(timeline_.statesOfLook ? "Hung (one look)" : whose, "state", states_, kMaxItems / 8);
     addTrack("Woken", "wakeup", wakeups_, kMaxItems / 16);
     addTrack("Marks", "signpost", signposts_, kMaxItems / 16);
     const size_t perCpu = kMaxItems * 3 / 4 / std::max<size_t>(cpus_.size(), 1);
@@ -109,7 +115,7 @@ class Builder {
       }
       case TraceEvent::Kind::state:
         if (event.track == kStatesTrack) return &states_;
-        return event.track == header_.threadId ? &looks : nullptr;
+        return event.track == hungThread_ ? &looks : nullptr;
       case TraceEvent::Kind::wakeup:
         return &wakeups_;
       case TraceEvent::Kind::signpost:
@@ -166,7 +172,7 @@ class Builder {
         labelIndexes_.try_emplace({tid, isCpu, event.text}, static_cast<uint32_t>(timeline_.labels.size()));
     if (isNew) {
       const char* owner = !isCpu                      ? ""
-                          : tid == header_.threadId   ? "hung"
+                          : tid == hungThread_        ? "hung"
                           : ownThreads_.contains(tid) ? "own"
                                                       : "other";
       timeline_.labels.push_back({trace_.texts[event.text], tid, owner});
@@ -178,6 +184,7 @@ class Builder {
   const ReportHeader& header_;
   bool wasSampled_;
   double originUs_;
+  int64_t hungThread_;
   std::set<int64_t> ownThreads_;
   std::map<int64_t, Events> cpus_;
   std::set<int64_t> hiddenCpus_;

@@ -40,7 +40,7 @@ Html meter(double part, double whole) {
 }
 
 /// One bar of all states, and below it their names with their shares.
-Html spentHtml(const ReportVerdict& verdict) {
+Html spentHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   if (verdict.spent.empty()) return {};
   double total = 0;
   for (const auto& [state, ms] : verdict.spent) total += ms;
@@ -56,8 +56,9 @@ Html spentHtml(const ReportVerdict& verdict) {
                       element("i", state, "") + element("b", "", shareText(ms, total)) +
                           escaped(" " + state + ", " + durationText(ms)));
   }
-  return element("h3", "", "The hung thread") + Html{"<div class=\"bar\" aria-hidden=\"true\">"} + bar +
-         Html{"</div>"} + element("ul", "legend", legend);
+  return element("h3", "", header.pid == 0 ? "The launching thread" : "The hung thread") +
+         Html{"<div class=\"bar\" aria-hidden=\"true\">"} + bar + Html{"</div>"} +
+         element("ul", "legend", legend);
 }
 
 Html waitsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -106,7 +107,7 @@ Html factsHtml(const ReportVerdict& verdict, const ReportHeader& header) {
 
 Html timeHtml(const ReportVerdict& verdict, const ReportHeader& header) {
   return element("section", "card time",
-                 element("h2", "", "Where the time went") + spentHtml(verdict) +
+                 element("h2", "", "Where the time went") + spentHtml(verdict, header) +
                      element("div", "pair", waitsHtml(verdict, header) + busiestHtml(verdict, header)) +
                      factsHtml(verdict, header));
 }

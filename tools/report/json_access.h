@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 namespace quorvelctl {
 
@@ -16,5 +17,16 @@ std::string textMember(const Json& object, const char* key);
 double numberMember(const Json& object, const char* key);
 /// A fraction is cut off; what no 64 bits hold is 0.
 int64_t integerMember(const Json& object, const char* key);
+
+/// What `rowOf` makes of each object of an array, of the first ones: no report has more.
+template <typename Row, typename RowOf>
+std::vector<Row> rowsOf(const Json& json, RowOf rowOf) {
+  constexpr size_t kMaxRowsRead = 100;
+  std::vector<Row> rows;
+  for (const Json& row : json) {
+    if (row.is_object() && rows.size() < kMaxRowsRead) rows.push_back(rowOf(row));
+  }
+  return rows;
+}
 
 }  // namespace quorvelctl

@@ -99,6 +99,7 @@ std::optional<ReportMetadata> metadataOf(const Json& json, std::string& error) {
   metadata.host = hostOf(member(json, "host"));
   metadata.signature = signatureOf(json);
   metadata.verdict = verdictOf(member(json, "verdict"));
+  metadata.launch = launchOf(member(json, "launch"));
   for (const Json& omission : member(json, "leftOut")) {
     metadata.leftOut.emplace_back(textMember(omission, "what"), textMember(omission, "why"));
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/report/report_frame.h"
+#include "tools/report/report_launch.h"
 #include "tools/report/report_sampled.h"
 #include "tools/report/report_trace.h"
 #include "tools/report/report_verdict.h"
@@ -64,6 +65,7 @@ struct ReportMetadata {
   std::string host;
   std::string signature;  ///< 16 hexadecimal digits; empty: it has none
   std::optional<ReportVerdict> verdict;
+  std::optional<ReportLaunch> launch;  ///< of a slow launch whose process is known
   std::vector<std::pair<std::string, std::string>> leftOut;
 };
 

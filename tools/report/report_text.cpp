@@ -5,6 +5,7 @@
 
 #include "tools/base/table.h"
 #include "tools/base/units.h"
+#include "tools/report/launch_text.h"
 #include "tools/report/verdict_text.h"
 
 namespace quorvelctl {
@@ -19,7 +20,8 @@ std::string headerText(const Report& report) {
   const ReportHeader& header = report.header;
   std::string title = header.kind();
   if (header.hasHang()) title += " " + header.serviceName + ": " + header.processName();
-  if (header.pid != 0) title += " (pid " + std::to_string(header.pid) + ")";
+  const int64_t pid = report.launch ? report.launch->pid : header.pid;
+  if (pid != 0) title += " (pid " + std::to_string(pid) + ")";
   if (header.hasHang()) title += ", " + durationText(header.durationMs());
   std::vector<std::vector<std::string>> rows;
   const auto add = [&](const char* what, const std::string& value) {
@@ -34,7 +36,7 @@ std::string headerText(const Report& report) {
   add("made", report.madeAt + (report.writtenBy.empty() ? "" : " by " + report.writtenBy));
   add("host", report.host);
   std::string text = printable(title) + "\n\n";
-  if (report.verdict) text += verdictText(*report.verdict, header) + "\n";
+  if (report.verdict) text += verdictText(*report.verdict, header) + launchText(report) + "\n";
   return text + table(rows);
 }
 

@@ -5,13 +5,6 @@
 namespace quorvelctl {
 namespace {
 
-constexpr size_t kMaxRowsRead = 100;
-
-VerdictThread verdictThreadOf(const Json& json) {
-  return {integerMember(json, "tid"), textMember(json, "name"), integerMember(json, "pid"),
-          textMember(json, "process")};
-}
-
 std::vector<std::pair<std::string, double>> spentOf(const Json& json) {
   std::vector<std::pair<std::string, double>> spent;
   for (const char* state : {"running", "runnable", "uninterruptible", "sleeping", "stopped", "unknown"}) {
@@ -41,15 +34,6 @@ ReportVerdict::Link linkOf(const Json& json) {
           integerMember(waitsFor, "tid")};
 }
 
-template <typename Row, typename RowOf>
-std::vector<Row> rowsOf(const Json& json, RowOf rowOf) {
-  std::vector<Row> rows;
-  for (const Json& row : json) {
-    if (row.is_object() && rows.size() < kMaxRowsRead) rows.push_back(rowOf(row));
-  }
-  return rows;
-}
-
 std::vector<ReportVerdict::Pressure> pressureOf(const Json& json) {
   std::vector<ReportVerdict::Pressure> pressure;
   for (const char* resource : {"cpu", "memory", "io"}) {
@@ -62,6 +46,11 @@ std::vector<ReportVerdict::Pressure> pressureOf(const Json& json) {
 }
 
 }  // namespace
+
+VerdictThread verdictThreadOf(const Json& json) {
+  return {integerMember(json, "tid"), textMember(json, "name"), integerMember(json, "pid"),
+          textMember(json, "process")};
+}
 
 std::optional<ReportVerdict> verdictOf(const Json& json) {
   if (!json.is_object()) return std::nullopt;
@@ -79,9 +68,13 @@ std::optional<ReportVerdict> verdictOf(const Json& json) {
   });
   verdict.chain = rowsOf<ReportVerdict::Link>(member(json, "chain"), linkOf);
   if (const Json& disk = member(json, "disk"); disk.is_object()) {
-    verdict.disk = {integerMember(disk, "requests"), std::max<int64_t>(integerMember(disk, "readBytes"), 0),
-                    std::max<int64_t>(integerMember(disk, "writtenBytes"), 0), numberMember(disk, "busyMs"),
-                    numberMember(disk, "slowestMs")};
+    verdict.disk = {integerMember(disk, "requests"),
+                    std::max<int64_t>(integerMember(disk, "readBytes"), 0),
+                    std::max<int64_t>(integerMember(disk, "writtenBytes"), 0),
+                    numberMember(disk, "busyMs"),
+                    numberMember(disk, "slowestMs"),
+                    std::nullopt};
+    if (member(disk, "rival").is_object()) verdict.disk->rival = verdictThreadOf(member(disk, "rival"));
   }
   verdict.pressure = pressureOf(member(json, "pressure"));
   return verdict;

@@ -53,6 +53,7 @@ struct ReportVerdict {
     int64_t writtenBytes = 0;
     double busyMs = 0;
     double slowestMs = 0;
+    std::optional<VerdictThread> rival;  ///< of a hang by a disk: who of others had most of it
   };
   /// Percent of the ten seconds before in which some, or all, tasks stalled.
   struct Pressure {
@@ -72,6 +73,8 @@ struct ReportVerdict {
   std::optional<Disk> disk;
   std::vector<Pressure> pressure;
 };
+
+VerdictThread verdictThreadOf(const Json& json);
 
 /// Nothing when `json` is no object: a report from before there were verdicts.
 std::optional<ReportVerdict> verdictOf(const Json& json);

@@ -49,12 +49,7 @@ std::string indented(const std::string& lines) {
   return text;
 }
 
-/// The first row is a heading; nothing when there is no other.
-std::string section(const std::string& heading, const Rows& rows) {
-  return rows.size() < 2 ? "" : "\n" + heading + "\n" + indented(table(rows));
-}
-
-std::string spentText(const ReportVerdict& verdict) {
+std::string spentText(const ReportVerdict& verdict, const ReportHeader& header) {
   constexpr double kBarWidth = 30;
   if (verdict.spent.empty()) return {};
   double total = 0;
@@ -65,7 +60,7 @@ std::string spentText(const ReportVerdict& verdict) {
     const auto bar = static_cast<size_t>(std::lround(ms / total * kBarWidth));
     rows.push_back({state, durationText(ms), shareText(ms, total), std::string(bar, '#')});
   }
-  return section("How the hung thread spent the time", rows);
+  return tableSection("How " + std::string(followedText(header)) + " spent the time", rows);
 }
 
 std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -76,7 +71,7 @@ std::string waitsText(const ReportVerdict& verdict, const ReportHeader& header) 
                     wait.waitChannel.empty() ? "-" : printable(wait.waitChannel),
                     wait.wokenBy ? printable(threadText(*wait.wokenBy, header)) : "-"});
   }
-  return section("Its longest waits", rows);
+  return tableSection("Its longest waits", rows);
 }
 
 /// A picture of it, from the hung thread down; the culprit is marked.
@@ -103,7 +98,7 @@ std::string busiestText(const ReportVerdict& verdict, const ReportHeader& header
     rows.push_back({durationText(busy.runningMs), shareText(busy.runningMs, verdict.evidence.coveredMs),
                     printable(threadText(busy.thread, header))});
   }
-  return section("Busiest other threads", rows);
+  return tableSection("Busiest other threads", rows);
 }
 
 std::string factsText(const ReportVerdict& verdict, const ReportHeader& header) {
@@ -132,6 +127,10 @@ std::string percentText(double percent) {
 
 }  // namespace
 
+std::string tableSection(const std::string& heading, const std::vector<std::vector<std::string>>& rows) {
+  return rows.size() < 2 ? "" : "\n" + heading + "\n" + indented(table(rows));
+}
+
 const std::vector<std::string>& causeNames() {
   static const std::vector<std::string> kNames = [] {
     std::vector<std::string> names;
@@ -146,6 +145,10 @@ std::string_view causeText(const std::string& cause) {
   const auto known =
       std::find_if(kCauses.begin(), kCauses.end(), [&](const auto& entry) { return entry.first == cause; });
   return known == kCauses.end() ? kCauses.front().second : known->second;
+}
+
+std::string_view followedText(const ReportHeader& header) {
+  return header.pid == 0 ? "the launching thread" : "the hung thread";
 }
 
 bool isNegligible(double ms, const ReportVerdict& verdict) {
@@ -191,11 +194,14 @@ std::string stepText(const ReportVerdict::Link& link) {
 std::string culpritOf(const ReportMetadata& metadata) {
   if (!metadata.verdict) return {};
   const ReportVerdict& verdict = *metadata.verdict;
+  if (verdict.disk && verdict.disk->rival) return ownerText(*verdict.disk->rival);
   std::string culprits;
   for (const ReportVerdict::Link& link : verdict.chain) {
     if (link.isCulprit) culprits += (culprits.empty() ? "" : " and ") + ownerText(link.thread);
   }
   if (!culprits.empty()) return culprits;
+  if ((verdict.cause == "own-cpu" || verdict.cause == "peer") && metadata.launch)
+    return ownerText(metadata.launch->followed);
   if (verdict.cause == "own-cpu" || verdict.cause == "sleeping") return verdict.function;
   return verdict.cause == "starved" && !verdict.busiest.empty() ? ownerText(verdict.busiest.front().thread)
                                                                 : std::string();
@@ -239,7 +245,7 @@ std::string offsetText(double atUs, const ReportHeader& header) {
 }
 
 std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header) {
-  return printable(verdict.sentence) + "\n" + chainText(verdict, header) + spentText(verdict) +
+  return printable(verdict.sentence) + "\n" + chainText(verdict, header) + spentText(verdict, header) +
          waitsText(verdict, header) + busiestText(verdict, header) + factsText(verdict, header);
 }
 

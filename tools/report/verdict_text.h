@@ -13,8 +13,14 @@ namespace quorvelctl {
 /// The verdict in words, for a terminal: the sentence first.
 std::string verdictText(const ReportVerdict& verdict, const ReportHeader& header);
 
+/// An indented table below its heading; its first row names the columns. Nothing when there is no other.
+std::string tableSection(const std::string& heading, const std::vector<std::vector<std::string>>& rows);
+
 /// Whether so little of the hang isn't worth a line.
 bool isNegligible(double ms, const ReportVerdict& verdict);
+
+/// "the hung thread": whose time the verdict tells.
+std::string_view followedText(const ReportHeader& header);
 
 /// The causes that a verdict may have.
 const std::vector<std::string>& causeNames();
@@ -33,8 +39,9 @@ std::string linkText(const ReportVerdict& verdict, const ReportHeader& header, s
 std::optional<size_t> backTo(const std::vector<ReportVerdict::Link>& chain, size_t index);
 /// What the link waits for or does, and how sure that is.
 std::string stepText(const ReportVerdict::Link& link);
-/// Who, or what, kept the hung thread from going on: those at the end of the chain, who had its CPU, or the
-/// function that it was in itself. Empty when nobody is known.
+/// Who, or what, kept the hung thread from going on: who asked most of a disk, those at the end of the chain,
+/// who had its CPU, or the function that it was in itself; of a launch the thread itself. Empty when nobody
+/// is known.
 std::string culpritOf(const ReportMetadata& metadata);
 /// "12 requests, 3.4 MB read, 0 B written; busy for 210 ms, the slowest took 18 ms"
 std::string diskText(const ReportVerdict::Disk& disk);

@@ -4,6 +4,7 @@
 
 #include "tools/base/table.h"
 #include "tools/report/report_text.h"
+#include "tools/report/verdict_text.h"
 
 using quorvelctl::Report;
 using quorvelctl::ReportHeader;
@@ -82,6 +83,43 @@ TEST(ReportFile, TellsWhereTheTimeWent) {
             std::string::npos)
       << quorvelctl::reportText(report);
   EXPECT_EQ(report.threads[0].userStack.size(), 2u) << "a sample is not the look";
+}
+
+TEST(ReportFile, ALaunchIsToldWithItsPathPhasesAndProcesses) {
+  std::string text(kReport);
+  text.replace(text.find("\"PID\":41"), 8, "\"PID\":0");
+  text.insert(
+      text.find("\"leftOut\""),
+      R"("verdict":{"cause":"disk","sentence":"It waited.","disk":{"rival":{"tid":9,"name":"sync","process":"backup"}}},
+"launch":{"pid":51,"name":"viewer","followed":{"tid":51,"name":"viewer","pid":51,"process":"viewer"},
+"phases":[{"from":"begin","to":"fork","pid":51,"process":"viewer","durationMs":12.5},{"from":"fork","to":"end","durationMs":8487.5,
+"mostly":{"tid":51,"name":"viewer","pid":51,"process":"viewer","doing":"disk","durationMs":7000}}],
+"path":[{"tid":51,"name":"viewer","pid":51,"process":"viewer","doing":"disk","durationMs":7000},
+{"tid":8,"name":"sh\u001b","threads":3,"doing":"running","durationMs":1400},{"tid":7,"doing":"stopped","durationMs":80}],
+"processCount":3,"processes":[{"pid":51,"name":"viewer","threads":2,"madeTs":1012500,"runningMs":300},
+{"pid":52,"name":"helper","parent":51,"threads":1,"madeTs":2000000,"endedTs":2500000.5,"runningMs":0.4},4]},)");
+  std::string error;
+  const Report report = quorvelctl::parseReport(text, error).value_or(Report{});
+  const std::string shown = quorvelctl::reportText(report);
+  EXPECT_EQ(shown.find("slow launch MainThread: viewer (pid 51), 8.50 s\n\nIt waited.\n"), 0u) << shown;
+  EXPECT_NE(
+      shown.find("\nWhat the launch took its time for\n"
+                 "  FOR     SHARE   DOING               THREAD\n"
+                 "  7.00 s  82.4 %  waiting for a disk  viewer (51)\n"
+                 "  1.40 s  16.5 %  on the CPU          sh? (8) and 2 more\n\n"
+                 "Its phases\n"
+                 "  FOR     FROM                 TO                   MOSTLY\n"
+                 "  12 ms   begin                fork of viewer (51)  -\n"
+                 "  8.49 s  fork of viewer (51)  end                  viewer (51) waiting for a disk\n\n"
+                 "Its processes\n"
+                 "  PID  PROCESS  MADE BY       MADE     ENDED    THREADS  CPU\n"
+                 "  51   viewer   the launcher  +12 ms   -        2        300 ms\n"
+                 "  52   helper   51            +1.00 s  +1.50 s  1        0.40 ms\n"
+                 "  and 1 more\n\n"
+                 "reason "),
+      std::string::npos)
+      << shown;
+  EXPECT_EQ(quorvelctl::culpritOf(report), "backup/sync");
 }
 
 TEST(ReportFile, ItsVerdictComesFirst) {
