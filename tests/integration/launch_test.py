@@ -92,7 +92,7 @@ class Launches(ScratchTest):
     def test_ready_ends_the_launch_and_shows_what_children_spent(self):
         daemon = self.recording()
         # The child's own figures come from its shell, before it says that the application is up.
-        script = f"({BURN.format(800_000)}; times; systemd-notify --ready; read -r end) 2>&1"
+        script = f"({BURN.format(300_000)}; times; systemd-notify --ready; read -r end) 2>&1"
         process = self.held(daemon, "com.example.ready", script + "; exit 5")
         (activation,) = self.recorded(daemon, 1)
         self.assertIsNone(process.poll())
