@@ -75,7 +75,8 @@ class ProcessTables {
   /// and some memory for good. A look meanwhile waits for it; without it the first look does the same.
   virtual void prepare() = 0;
 
-  /// Gives memory back that earlier looks have left unused, where none is expected soon. Takes milliseconds.
+  /// Gives memory back that earlier looks have left unused: the next one takes it anew, what a look under way
+  /// uses stays. From any thread, on which it takes milliseconds.
   virtual void rest() = 0;
 
   /// Never null; a look that failed answers `listBytes` with 0.

@@ -1,11 +1,12 @@
 #include "tools/launches/launch_record.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -51,26 +52,41 @@ bool activationsAreRecorded(const Context& context) {
 }
 
 AppendedLines::AppendedLines(std::string path) : path_(std::move(path)) {
+  open();
   struct stat status {};
-  if (stat(path_.c_str(), &status) != 0) return;
-  file_ = status.st_ino;
-  offset_ = static_cast<uint64_t>(status.st_size);
+  if (fstat(file_.get(), &status) == 0) offset_ = status.st_size;
+}
+
+void AppendedLines::open() {
+  file_ = Descriptor(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+  offset_ = 0;
 }
 
 std::vector<std::string> AppendedLines::next() {
-  struct stat status {};
   std::vector<std::string> lines;
-  if (stat(path_.c_str(), &status) != 0) return lines;
-  if (status.st_ino != file_) offset_ = 0;
-  file_ = status.st_ino;
-  if (static_cast<uint64_t>(status.st_size) <= offset_) return lines;
-  std::ifstream file(path_);
-  file.seekg(static_cast<std::streamoff>(offset_));
-  for (std::string line; std::getline(file, line) && !file.eof();) {
-    offset_ += line.size() + 1;
-    lines.push_back(std::move(line));
+  struct stat named {};
+  struct stat opened {};
+  // Before the file is read: one that has lost its name grows no more.
+  const bool isReplaced =
+      stat(path_.c_str(), &named) == 0 && (fstat(file_.get(), &opened) != 0 || named.st_ino != opened.st_ino);
+  addTo(lines);
+  if (isReplaced) {
+    open();
+    addTo(lines);
   }
   return lines;
+}
+
+void AppendedLines::addTo(std::vector<std::string>& lines) {
+  std::string text;
+  char part[8192];
+  for (ssize_t got;
+       (got = pread(file_.get(), part, sizeof part, offset_ + static_cast<off_t>(text.size()))) > 0;)
+    text.append(part, static_cast<size_t>(got));
+  size_t begin = 0;
+  for (size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+    lines.push_back(text.substr(begin, end - begin));
+  offset_ += static_cast<off_t>(begin);
 }
 
 LaunchRecord::LaunchRecord(const Context& context)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "tools/base/context.h"
+#include "tools/base/descriptor.h"
 
 namespace quorvelctl {
 
@@ -14,7 +17,7 @@ namespace quorvelctl {
 bool activationsAreRecorded(const Context& context);
 
 /// Reads the whole lines that are appended to a file from its owner's beginning on, each once. A file that
-/// takes its place is read from its beginning on.
+/// takes its place is read from its beginning on, after the rest of the one before.
 class AppendedLines {
  public:
   explicit AppendedLines(std::string path);
@@ -22,9 +25,12 @@ class AppendedLines {
   std::vector<std::string> next();
 
  private:
+  void open();
+  void addTo(std::vector<std::string>& lines);
+
   std::string path_;
-  uint64_t file_ = 0;    ///< its inode number
-  uint64_t offset_ = 0;  ///< of the first line that was not read, bytes
+  Descriptor file_;
+  off_t offset_ = 0;  ///< of the first line that was not read, bytes
 };
 
 /// Waits for the daemon's word on one activation: its record, or that there will be none.

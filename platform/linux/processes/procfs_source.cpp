@@ -38,7 +38,8 @@ bool inOneMemory(const process_sample& one, const process_sample& other) {
 /// tells, no counter has changed, and its memory only if that shows in statm: the two cost a third of the
 /// others, and where they read as before, so does the sample. Of one with threads, whose schedstat tells of
 /// the first alone, stat is read in its place, and io always: a thread may have read a file in less than a
-/// tick. What one has locked in less, without a fault, shows when more has happened.
+/// tick. What one has locked in less, without a fault, shows when more has happened. Huge pages never show in
+/// statm, nor do pages in swap, which a thread may give back in less: who has such is read whole each time.
 class ProcfsSource final : public ProcessSource {
  public:
   const char* name() const override { return "procfs"; }
@@ -188,6 +189,7 @@ class ProcfsSource final : public ProcessSource {
       mark.value = kNoMark;  // of that one's memory, statm tells nothing
     }
     if (!status.hasMemory) return true;
+    if (status.hugeKb > 0 || (mark.hasThreads && status.swappedKb > 0)) mark.value = kNoMark;
     sample.flags |= kSampleHasMemory;
     sample.resident_pages = status.residentKb / pageKb_;
     sample.huge_pages = status.hugeKb / pageKb_;

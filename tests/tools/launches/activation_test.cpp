@@ -4,10 +4,13 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "tools/launches/activation_text.h"
 #include "tools/launches/launch_notify.h"
+#include "tools/launches/launch_record.h"
 #include "tools/launches/launches_by_app.h"
 
 using quorvelctl::ActivationReader;
@@ -153,6 +156,24 @@ TEST(Notifications, AreReadByTheLine) {
   EXPECT_TRUE(quorvelctl::hasLine("STATUS=up\nREADY=1\n", "READY=1"));
   for (const char* text : {"", "\n", "READY=10", "READY=0", "STATUS=READY=1", "XREADY=1"})
     EXPECT_FALSE(quorvelctl::hasLine(text, "READY=1")) << text;
+}
+
+TEST(AppendedLines, NoneIsLostWhenTheFileIsReplaced) {
+  std::string folder = std::filesystem::temp_directory_path() / "quorveld-lines-XXXXXX";
+  ASSERT_TRUE(mkdtemp(folder.data()));
+  const std::string path = folder + "/log";
+  const auto append = [&](const char* text) { std::ofstream(path, std::ios::app) << text; };
+  using Lines = std::vector<std::string>;
+  append("before\n");
+  quorvelctl::AppendedLines appended(path);
+  append("one\ntw");
+  EXPECT_EQ(appended.next(), Lines{"one"});
+  append("o\n");
+  std::filesystem::rename(path, path + ".1");
+  append("three\n");
+  EXPECT_EQ(appended.next(), (Lines{"two", "three"}));
+  EXPECT_EQ(appended.next(), Lines{});
+  std::filesystem::remove_all(folder);
 }
 
 }  // namespace
