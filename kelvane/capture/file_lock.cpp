@@ -128,6 +128,10 @@ std::optional<PartyWait> fileLockWait(int processDir, const WaitParty& party, De
   for (const FileLock& lock : locks) {
     if (!lock.waits && lock.number == blocked->number) addHolders(wait, lock, file.link, party.pid, index);
   }
+  // Without its file system it may be the wait for a file that only has the same number.
+  for (WaitHolder& holder : wait.holders) {
+    if (!file.device) holder.sureness = Sureness::guess;
+  }
   return wait;
 }
 

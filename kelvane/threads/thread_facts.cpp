@@ -80,8 +80,16 @@ std::optional<ThreadFacts> readThreadFacts(int processDir, pid_t tid, std::vecto
 }
 
 bool isStillIn(const std::optional<SystemCall>& before, const std::optional<SystemCall>& now) {
-  if (!before || !now || now->number != SYS_restart_syscall) return before == now;
-  return before->arguments == now->arguments;
+  if (!before || !now) return before == now;
+  // `callBeforeRestart` tells poll(2) from ppoll(2) no more, nor nanosleep(2) from clock_nanosleep(2).
+  int64_t whenRestarted = before->number;
+#ifdef SYS_poll
+  if (whenRestarted == SYS_poll) whenRestarted = SYS_ppoll;
+#endif
+  if (whenRestarted == SYS_nanosleep) whenRestarted = SYS_clock_nanosleep;
+  const bool isSameCall =
+      now->number == before->number || now->number == whenRestarted || now->number == SYS_restart_syscall;
+  return isSameCall && before->arguments == now->arguments;
 }
 
 pid_t threadCalled(int processDir, int64_t id) {

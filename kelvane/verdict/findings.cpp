@@ -225,7 +225,9 @@ void addLimits(const Evidence& evidence, Findings& findings) {
   const Surroundings& end = evidence.after;
   if (begin.thread == end.thread) {
     findings.faultedAtLook = end.majorFaults >= begin.majorFaults + kManyFaults;
-    findings.inKernelAtLook = end.systemTicks - begin.systemTicks > end.userTicks - begin.userTicks;
+    // They are 0 of a thread that has ended by then.
+    findings.inKernelAtLook = end.systemTicks >= begin.systemTicks && end.userTicks >= begin.userTicks &&
+                              end.systemTicks - begin.systemTicks > end.userTicks - begin.userTicks;
   }
   if (before.quota && after.quota && before.quota->group == after.quota->group)
     findings.throttledAtLook = after.quota->throttledNs > before.quota->throttledNs;

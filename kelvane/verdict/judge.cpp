@@ -237,6 +237,16 @@ void forgetFigures(Findings& findings) {
   findings.pageIns = findings.reclaimNs = findings.suspendNs = findings.idleRunnableNs = 0;
 }
 
+/// Whether the samples tell enough of the hang. What they don't know is always a wait: where that is the
+/// most, what they do know would make a thread that waited one that computed.
+bool tellBySamples(const SampledPhases& sampled, uint64_t windowNs) {
+  const auto longest = std::max_element(sampled.spent.begin(), sampled.spent.end());
+  const bool isMostlyUnknown =
+      longest - sampled.spent.begin() == static_cast<std::ptrdiff_t>(ThreadState::unknown);
+  return !isMostlyUnknown &&
+         static_cast<double>(sampled.knownNs) >= kLeastShareKnown * static_cast<double>(windowNs);
+}
+
 /// The hang's own time in each state, in place of what a recording would tell.
 void goBySamples(const Evidence& evidence, Findings& findings, Verdict& verdict) {
   const SampledPhases& sampled = findings.sampled;
@@ -282,8 +292,7 @@ Verdict judge(const Evidence& evidence) {
   if (findings.thread && !verdict.fromRecorder) forgetFigures(findings);
   if (verdict.fromRecorder) {
     verdict.phases = phasesOf(evidence, findings);
-  } else if (findings.thread &&
-             static_cast<double>(findings.sampled.knownNs) >= kLeastShareKnown * windowNs) {
+  } else if (findings.thread && tellBySamples(findings.sampled, verdict.windowNs)) {
     goBySamples(evidence, findings, verdict);
   } else if (findings.thread && !evidence.isLaunch) {
     if (findings.chain) addRival(evidence, *findings.chain);

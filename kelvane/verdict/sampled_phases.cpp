@@ -32,9 +32,13 @@ KernelWait kernelWaitOf(const std::vector<std::string>& functions) {
   return kernelWait(facts);
 }
 
+/// With its template arguments, which tell one wait from another.
+std::string innermost(const ProcessCapture& process, const std::vector<const Frame*>& ownFrames) {
+  return ownFrames.empty() ? std::string() : frameName(process, *ownFrames.front());
+}
+
 std::string innermost(const ProcessCapture& process, const SampledStack& stack) {
-  const auto frames = ownFrames(process, stack.frames);
-  return frames.empty() ? std::string() : functionName(process, *frames.front());
+  return innermost(process, ownFrames(process, stack.frames));
 }
 
 std::string inKernel(const SampledStack& stack) {
@@ -52,7 +56,7 @@ class Waits {
     const bool isAsleep = look_ != ThreadState::runnable && look_ != ThreadState::unknown;
     if (!isAsleep || !last.waitedIn || last.waitedNs < last.onCpuNs) return;
     const SampledStack& stack = *hang.samples[*last.waitedIn];
-    const std::string function = functionOf(process, process.hungThread);
+    const std::string function = innermost(process, ownFrames(process, process.threads.front()));
     if (function.empty() || function != innermost(process, stack)) return;
     // The wait channel is the innermost function that the scheduler's own section doesn't have, not always
     // the first of these.

@@ -134,13 +134,17 @@ TEST(SampledPhases, AWaitWithoutTheKernelsFunctionsIsUnknown) {
   SampledMachine machine;
   machine.look().state = 'R';
   machine.computes(2'000, kParsing);
-  machine.waits(3'000, kLocking, {});
+  machine.waits(1'000, kLocking, {});
   const Verdict verdict = machine.judged();
   expectSays(
       verdict, Cause::ownCpu,
       "Going by samples of 2.0 of 10.0 s: viewer (thread 100) was busy itself: 100 % of 2.0 s on the CPU");
   EXPECT_EQ(spentMs(verdict, ThreadState::unknown), 8'000u);
-  EXPECT_EQ(verdict.coveredNs, 5'000 * kMs);
+  EXPECT_EQ(verdict.coveredNs, 3'000 * kMs);
+
+  // Of more that isn't known than is, what is known says nothing.
+  machine.waits(2'000, kLocking, {});
+  expectSays(machine.judged(), Cause::unknown, "hung for a reason that can't be told");
 }
 
 TEST(SampledPhases, AShortRecordingMixesNothingIntoThem) {
