@@ -16,10 +16,10 @@ struct Point {
   bool isLeaving() const { return sample && times.leftCpu; }
 };
 
-/// `part` of `whole` of `amount`.
+/// `part` of `whole` of `amount`; no more than that, to which the largest amounts would be rounded up.
 uint64_t portion(uint64_t amount, uint64_t part, uint64_t whole) {
-  return static_cast<uint64_t>(static_cast<double>(amount) * static_cast<double>(part) /
-                               static_cast<double>(whole));
+  const double portion = static_cast<double>(amount) * static_cast<double>(part) / static_cast<double>(whole);
+  return portion >= static_cast<double>(amount) ? amount : static_cast<uint64_t>(portion);
 }
 
 /// How much a clock went on that should not go back.
