@@ -8,6 +8,7 @@
 
 #include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/findings.h"
+#include "kelvane/verdict/shares.h"
 #include "kelvane/verdict/verdict_sentence.h"
 #include "kelvane/verdict/wakers.h"
 
@@ -27,10 +28,6 @@ constexpr double kPhaseShare = 0.2;
 
 /// Two states lasted about as long if the shorter one made up this share of the longer.
 constexpr double kAboutAsLong = 0.8;
-
-bool isShare(uint64_t partNs, double share, uint64_t wholeNs) {
-  return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
-}
 
 /// What the chain says that starts with such a sleep.
 std::optional<Cause> causeOfChainIn(ThreadState state, const Findings& findings) {
@@ -73,22 +70,22 @@ std::optional<Cause> causeOfKernelWait(KernelWait wait) {
 Cause causeOfRunnable(const Evidence& evidence, const Findings& findings) {
   const uint64_t readyNs = findings.in(ThreadState::runnable);
   const auto& quota = evidence.after.limits.quota;
-  if (!quota || !isShare(quota->throttledNs, kDecisiveShare, readyNs)) return Cause::starved;
+  if (!quota || !makesUp(quota->throttledNs, kDecisiveShare, readyNs)) return Cause::starved;
   const bool seen = findings.stillAwake && findings.throttledAtLook;
-  return seen || isShare(findings.idleRunnableNs, kDecisiveShare, readyNs) ? Cause::throttled
+  return seen || makesUp(findings.idleRunnableNs, kDecisiveShare, readyNs) ? Cause::throttled
                                                                            : Cause::starved;
 }
 
 Cause causeOfSleep(const Findings& findings) {
   const bool holds =
-      isShare(findings.sleeps.likeTheLookNs, kDecisiveShare, findings.in(ThreadState::sleeping));
+      makesUp(findings.sleeps.likeTheLookNs, kDecisiveShare, findings.in(ThreadState::sleeping));
   const auto seen = holds ? causeOfChainIn(ThreadState::sleeping, findings) : std::nullopt;
   return seen.value_or(holds ? causeOfSleepAtLook(findings.kernelWait) : Cause::sleeping);
 }
 
 Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& findings) {
   const uint64_t asleepNs = findings.in(ThreadState::uninterruptible);
-  const bool isSeen = isShare(findings.lastSleepNs, kDecisiveShare, asleepNs);
+  const bool isSeen = makesUp(findings.lastSleepNs, kDecisiveShare, asleepNs);
   const auto known = isSeen ? causeOfChainIn(ThreadState::uninterruptible, findings) : std::nullopt;
   if (known) return *known;
   const auto seen = isSeen ? causeOfKernelWait(findings.kernelWait) : std::nullopt;
@@ -100,9 +97,9 @@ Cause causeOfUninterruptibleSleep(const Evidence& evidence, const Findings& find
   if (seen && *seen != Cause::disk) return *seen;
   if (findings.pageIns > 0 && (isMemoryShort(evidence.pressure) || findings.memoryLimitHit))
     return Cause::memory;
-  if (isShare(findings.diskWaits.waitedNs, kDecisiveShare, asleepNs)) return Cause::disk;
+  if (makesUp(findings.diskWaits.waitedNs, kDecisiveShare, asleepNs)) return Cause::disk;
   const bool isLimited = !evidence.after.limits.diskLimit.empty();
-  if (isLimited && isShare(findings.diskWaits.heldBackNs, kDecisiveShare, asleepNs)) return Cause::throttled;
+  if (isLimited && makesUp(findings.diskWaits.heldBackNs, kDecisiveShare, asleepNs)) return Cause::throttled;
   // A request from before the recording, or one that the device doesn't even take.
   return isSeen && findings.kernelWait == KernelWait::disk && !isLimited ? Cause::disk : Cause::unknown;
 }
@@ -129,7 +126,7 @@ Cause causeOfState(ThreadState state, const Evidence& evidence, const Findings& 
 
 /// What happened to the thread whatever it was doing.
 std::optional<Cause> decisiveCause(const Evidence& evidence, const Findings& findings) {
-  auto isDecisive = [&](uint64_t ns) { return isShare(ns, kDecisiveShare, findings.knownNs); };
+  auto isDecisive = [&](uint64_t ns) { return makesUp(ns, kDecisiveShare, findings.knownNs); };
   if (isDecisive(findings.suspendNs)) return Cause::suspended;
   if (isDecisive(findings.in(ThreadState::stopped))) return Cause::stopped;
   if (isDecisive(findings.reclaimNs)) return Cause::memory;
@@ -144,7 +141,7 @@ bool isWorkFor(const Phase& wait, const Phase& work, const Findings& findings) {
   const bool isFetching =
       wait.cause == Cause::disk || wait.cause == Cause::memory || wait.cause == Cause::swapping;
   return work.cause == Cause::ownCpu && isFetching && findings.inKernelAtLook &&
-         isShare(wait.ns, kAboutAsLong, work.ns);
+         makesUp(wait.ns, kAboutAsLong, work.ns);
 }
 
 /// The states that made up much of the hang, each with its cause.
@@ -154,7 +151,7 @@ std::vector<Phase> phasesOf(const Evidence& evidence, const Findings& findings) 
   std::vector<Phase> phases;
   for (size_t i = 0; i < static_cast<size_t>(ThreadState::unknown); i++) {
     const auto state = static_cast<ThreadState>(i);
-    if (!isShare(findings.spent[i], kPhaseShare, findings.knownNs)) continue;
+    if (!makesUp(findings.spent[i], kPhaseShare, findings.knownNs)) continue;
     phases.push_back({causeOfState(state, evidence, findings), state, findings.spent[i]});
   }
   std::sort(phases.begin(), phases.end(),
@@ -170,18 +167,18 @@ Cause causeOfAwake(const Evidence& evidence, const Findings& findings) {
   const auto& before = evidence.before.schedule;
   const auto& after = evidence.after.schedule;
   const auto& quota = evidence.after.limits.quota;
-  if (quota && findings.throttledAtLook && isShare(quota->throttledNs, kDecisiveShare, hangNs))
+  if (quota && findings.throttledAtLook && makesUp(quota->throttledNs, kDecisiveShare, hangNs))
     return Cause::throttled;
   if (!after) {
     const ThreadFacts& facts = findings.thread->facts;
     const uint64_t ranNs = (facts.userMs + facts.systemMs) * 1'000'000;
-    return isShare(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
+    return makesUp(ranNs, kDecisiveShare, hangNs) ? Cause::ownCpu : Cause::unknown;
   }
   if (findings.faultedAtLook && findings.memoryLimitHit) return Cause::memory;
   // What the kernel computes to fetch pages is no computing of the thread's own.
   if (findings.faultedAtLook && findings.inKernelAtLook) return Cause::disk;
-  const bool mayHaveRun = isShare(after->ranNs, kDecisiveShare, hangNs);
-  const bool mayHaveWaited = isShare(after->waitedNs, kDecisiveShare, hangNs);
+  const bool mayHaveRun = makesUp(after->ranNs, kDecisiveShare, hangNs);
+  const bool mayHaveWaited = makesUp(after->waitedNs, kDecisiveShare, hangNs);
   if (mayHaveRun != mayHaveWaited) return mayHaveRun ? Cause::ownCpu : Cause::starved;
   const bool isSame = before && evidence.before.thread == evidence.after.thread;
   if (!mayHaveRun || !isSame) return Cause::unknown;

@@ -12,6 +12,8 @@
 #include "kelvane/verdict/chain_verdict.h"
 #include "kelvane/verdict/duration_text.h"
 #include "kelvane/verdict/judge.h"
+#include "kelvane/verdict/launched_life.h"
+#include "kelvane/verdict/shares.h"
 
 namespace kelvane {
 namespace {
@@ -21,8 +23,6 @@ constexpr size_t kMaxPathListed = 10;
 /// How many makers are gone back to from the thread that came last.
 constexpr size_t kMaxStages = 8;
 
-/// From this share on, a part stands for the whole.
-constexpr double kHalf = 0.5;
 /// From this share on, the longest stage is the launch.
 constexpr double kWholeLaunch = 0.95;
 
@@ -34,7 +34,7 @@ constexpr uint64_t kEndSlackNs = 3'000'000;
 constexpr uint64_t kEndReachNs = 1'000'000;
 
 bool isHalf(uint64_t partNs, uint64_t wholeNs) {
-  return partNs > 0 && static_cast<double>(partNs) >= kHalf * static_cast<double>(wholeNs);
+  return makesUp(partNs, kHalf, wholeNs);
 }
 
 /// A part of the launch with the thread that it was up to.
@@ -284,7 +284,7 @@ class LaunchJudge {
     if (verdict.cause == Cause::ownCpu && !launched_.processOf(longest->tid)) verdict.cause = Cause::peer;
     if (!verdict.fromRecorder) {
       verdict.cause = Cause::unknown;
-      judgeByLife(verdict);
+      judgeByLife(evidence_, verdict);
     } else if (static_cast<double>(longest->ns()) < kWholeLaunch * static_cast<double>(windowNs())) {
       verdict.sentence =
           "In " + ofDuration(longest->ns(), windowNs()) + " of the launch: " + verdict.sentence;
@@ -449,40 +449,6 @@ class LaunchJudge {
     for (const ChainLink& link : verdict.chain.links) {
       launch_.followed.waits.parties.push_back(link.party);
       if (link.wait) launch_.followed.waits.waits.push_back(*link.wait);
-    }
-  }
-
-  /// Without a recording: what the process has had in its life, most of which the launch was, says at least
-  /// what did not make it slow.
-  void judgeByLife(Verdict& verdict) const {
-    const LaunchedLook& look = evidence_.look;
-    const std::string noRecord = "Nothing of the launch is recorded: ";
-    const std::string whom = "the launched process (pid " + std::to_string(look.pid) + ")";
-    if (!look.isThere()) {
-      verdict.sentence = noRecord + whom + " had ended, and why it took so long can't be told.";
-      return;
-    }
-    const std::string name = look.comm + " (pid " + std::to_string(look.pid) + ")";
-    const ScheduleFigures life = look.around.schedule.value_or(ScheduleFigures{});
-    const uint64_t afterNs = look.lookedAtNs - std::min(look.lookedAtNs, evidence_.toNs);
-    const auto atLeast = [&](uint64_t ns) { return ns - std::min(ns, afterNs); };
-    const uint64_t ranNs = look.ranNs + look.childrenRanNs;
-    if (isHalf(atLeast(life.ranNs), windowNs())) {
-      verdict.cause = Cause::ownCpu;
-      verdict.sentence = noRecord + name + " was busy itself, on the CPU for at least " +
-                         ofDuration(atLeast(life.ranNs), windowNs()) + ".";
-    } else if (isHalf(atLeast(life.waitedNs), windowNs())) {
-      verdict.cause = Cause::starved;
-      verdict.sentence = noRecord + name + " was ready to run and not given a CPU for at least " +
-                         ofDuration(atLeast(life.waitedNs), windowNs()) + ".";
-    } else {
-      verdict.sentence = noRecord + name + " has had CPUs for " + durationText(look.ranNs) +
-                         " in its life, and its children that have ended for " +
-                         durationText(look.childrenRanNs) + ". ";
-      verdict.sentence += isHalf(ranNs, windowNs())
-                              ? "Why the launch took " + durationText(windowNs()) + " can't be told."
-                              : "So computing is not what took " + durationText(windowNs()) +
-                                    ": it waited, for what can't be told.";
     }
   }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kelvane/verdict/display_names.h"
+#include "kelvane/verdict/shares.h"
 
 namespace kelvane {
 namespace {
@@ -20,10 +21,6 @@ struct Visit {
   uint64_t ns = 0;
   const SampledStack* stack = nullptr;
 };
-
-bool makesUp(uint64_t partNs, double share, uint64_t wholeNs) {
-  return partNs > 0 && static_cast<double>(partNs) >= share * static_cast<double>(wholeNs);
-}
 
 KernelWait kernelWaitOf(const std::vector<std::string>& functions) {
   ThreadFacts facts;
