@@ -23,7 +23,8 @@ struct CallEventIds {
 bool isVainTry(const SystemCall& call, int64_t result);
 
 /// Goes through what the kernel has written of a thread's system calls, piece by piece as it comes. A try is
-/// repeated if the thread has slept since the first one, and nobody but time ended that.
+/// repeated if the thread has gone to sleep since the first one. A success between both changes nothing: who
+/// asks for a lock of several parts often gets one of them.
 class CallReader {
  public:
   explicit CallReader(CallEventIds ids) : ids_(ids) {}

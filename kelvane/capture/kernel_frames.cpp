@@ -33,7 +33,7 @@ bool isOfScheduler(const std::string& function) {
 std::unordered_map<uint64_t, std::string> functionsOf(const std::set<uint64_t>& addresses, int& error) {
   const std::vector<uint64_t> asked(addresses.begin(), addresses.end());
   const FileText text = kernelFunctionsAt(asked);
-  const std::vector<std::string> frames = parseKernelStack(text.text, asked.size());
+  const std::vector<std::string> frames = parseKernelStack(text.text, asked.size() + 1);  // so that more show
   std::unordered_map<uint64_t, std::string> functions;
   const bool isWhole = frames.size() == asked.size();
   error = text.error != 0 || isWhole ? text.error : EBADMSG;

@@ -119,7 +119,8 @@ class Looker final : public WaitSource {
     if (!party.facts.syscall || !onlySleeps(*party.facts.syscall)) return std::nullopt;
     const uint64_t sleepNs = timeLeftNs(party);
     const auto longest = std::min(kTryWatch, triesLeft_);
-    if (sleepNs == 0 || std::chrono::nanoseconds(sleepNs) > std::min(kMaxTrySleep, longest))
+    // Two tries have to fit, with a sleep before each.
+    if (sleepNs == 0 || std::chrono::nanoseconds(sleepNs) > std::min(kMaxTrySleep, longest / 2))
       return std::nullopt;
     const uint64_t begunNs = monotonicNs();
     int error = 0;

@@ -58,6 +58,11 @@ bool isOfIdentifier(char letter) {
   return std::isalnum(static_cast<unsigned char>(letter)) != 0 || letter == '_';
 }
 
+/// Whether a '<' behind it begins what a template is made for: "sorted", "operator()", "made[abi:cxx11]".
+bool endsAName(std::string_view name) {
+  return !name.empty() && (isOfIdentifier(name.back()) || name.back() == ']' || name.ends_with("operator()"));
+}
+
 /// "sorted<…>(std::vector<…>&)". What no name stands before is no template's.
 std::string withoutTemplateArguments(std::string_view function) {
   constexpr std::string_view kOperator = "operator";
@@ -70,7 +75,7 @@ std::string withoutTemplateArguments(std::string_view function) {
       const size_t end = std::min(function.find_first_not_of("<=>", i), function.size());
       name += function.substr(i, end - i);
       i = end - 1;
-    } else if (letter == '<' && (depth > 0 || (!name.empty() && isOfIdentifier(name.back())))) {
+    } else if (letter == '<' && (depth > 0 || endsAName(name))) {
       if (depth++ == 0) name += "<…>";
     } else if (letter == '>' && depth > 0) {
       depth -= function[i - 1] == '-' ? 0 : 1;

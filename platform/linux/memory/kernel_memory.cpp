@@ -12,7 +12,6 @@
 
 #include "platform/linux/base/file_bytes.h"
 #include "platform/linux/base/linux_log.h"
-#include "platform/linux/memory/kernel_memory_text.h"
 
 namespace quorveld::linux_platform {
 
@@ -24,6 +23,8 @@ using platform::priority_list_entry;
 
 /// The kernel's own texts: bounded all the same, since modules and callers have no fixed number.
 constexpr size_t kMaxFileBytes = 8 * 1024 * 1024;
+
+constexpr const char* kVmallocInfo = "/proc/vmallocinfo";
 
 constexpr size_t kResidentIndex = 0;
 constexpr size_t kFootprintIndex = 1;
@@ -110,7 +111,16 @@ uint64_t pagesOfProcesses() {
 
 }  // namespace
 
+LinuxKernelMemory::VmallocInfo LinuxKernelMemory::readVmallocInfo() {
+  VmallocInfo info{VmallocCallers(static_cast<uint64_t>(sysconf(_SC_PAGESIZE))), {}};
+  info.unread =
+      readLines(kVmallocInfo, kMaxFileBytes, [&](std::string_view lines) { info.callers.add(lines); });
+  return info;
+}
+
 void LinuxKernelMemory::takeLook() {
+  // Where no thread can be had it is read when it is asked for.
+  vmallocInfo_ = std::async(&LinuxKernelMemory::readVmallocInfo);
   priorities_.clear();
   look_ = processTables_.records();
   processTables_.rest();  // the next one is minutes away, and the report takes memory too
@@ -186,11 +196,8 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
   // The first refusal is enough to say: who may not read the one may seldom read the next.
   const auto slabInfo = readOrSay("/proc/slabinfo");
   if (!slabInfo) return std::nullopt;
-  constexpr const char* kVmallocInfo = "/proc/vmallocinfo";
-  VmallocCallers vmallocCallers(pageSize);
-  const auto unread =
-      readLines(kVmallocInfo, kMaxFileBytes, [&](std::string_view lines) { vmallocCallers.add(lines); });
-  const auto memInfo = wasRead(kVmallocInfo, unread) ? readOrSay("/proc/meminfo") : std::nullopt;
+  const VmallocInfo vmallocInfo = vmallocInfo_.valid() ? vmallocInfo_.get() : readVmallocInfo();
+  const auto memInfo = wasRead(kVmallocInfo, vmallocInfo.unread) ? readOrSay("/proc/meminfo") : std::nullopt;
   const auto zoneInfo = memInfo ? readOrSay("/proc/zoneinfo") : std::nullopt;
   if (!zoneInfo) return std::nullopt;
   const auto caches = parseSlabInfo(*slabInfo, pageSize);
@@ -220,7 +227,7 @@ std::optional<KernelMemoryInfo> LinuxKernelMemory::memoryInfo() {
     info.sites.push_back(wiredSite(kExtension, loadTag, module.sizeBytes));
   }
   callers_.clear();
-  for (const NamedSize& caller : vmallocCallers.largestFirst()) {
+  for (const NamedSize& caller : vmallocInfo.callers.largestFirst()) {
     info.sites.push_back(wiredSite(kKernelSite, callers_.size(), caller.sizeBytes));
     callers_.push_back(caller.name);
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "platform/kernel_memory.h"
 #include "platform/linux/memory/fork_shares.h"
+#include "platform/linux/memory/kernel_memory_text.h"
 #include "platform/linux/processes/process_table.h"
 
 namespace quorveld::linux_platform {
@@ -22,7 +24,8 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   explicit LinuxKernelMemory(LinuxProcessTables& processTables) : processTables_(processTables) {}
 
   /// Every process that has memory of its own, with oom_score_adj as priority and no limit.
-  /// Asking for the size takes the look that the next fetch and the ledgers answer from.
+  /// Asking for the size takes the look that the next fetch and the ledgers answer from, and has a thread of
+  /// its own begin to read what the next memoryInfo will wait for longest.
   int priorityList(platform::priority_list_entry* entries, size_t sizeBytes) override;
   std::optional<std::vector<platform::ledger_template_info>> ledgerTemplate() override;
   bool ledger(int32_t pid, platform::ledger_entry_info* entries, size_t count) override;
@@ -31,6 +34,12 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   std::optional<std::string> symbol(uint64_t address) override;
 
  private:
+  struct VmallocInfo {
+    VmallocCallers callers;
+    std::error_code unread;
+  };
+  static VmallocInfo readVmallocInfo();
+
   void takeLook();
   /// Whether `path` could be read; a line tells why not.
   bool wasRead(const char* path, const std::error_code& error);
@@ -42,6 +51,10 @@ class LinuxKernelMemory final : public platform::KernelMemory {
   ForkShares forkShares_;
   std::map<int32_t, uint64_t> shares_;  ///< pages, of those processes of `look_` whose share was read
   std::vector<platform::priority_list_entry> priorities_;
+
+  /// The kernel writes all of the file at one read, once for each time that it doubles its buffer: with 1,000
+  /// processes that takes as long as everything else of a report.
+  std::future<VmallocInfo> vmallocInfo_;
 
   // Of the last memoryInfo: the kernel hides addresses, so sites are numbered in the order of their size.
   platform::ExtensionMap extensions_;

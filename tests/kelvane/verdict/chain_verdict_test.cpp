@@ -124,6 +124,8 @@ TEST(ChainVerdict, TellsWhereTheLastOneIsWhileItIsThere) {
              "slept (clock_nanosleep), in Pool<…>::start(int, char)::{lambda(int)#1} (viewer): viewer waits");
   machine.process.frames[1] = {0, 0, 0, "Log& operator<< <int>(Log&, std::vector<int, Own<int> >)"};
   expectSays(machine.verdict(), Cause::lock, ", in Log& operator<< <int>(Log&, std::vector<…>) (viewer): ");
+  machine.process.frames[1].name = "Log::operator()<int>(line[abi:cxx11]<int>)";
+  expectSays(machine.verdict(), Cause::lock, ", in Log::operator()<…>(line[abi:cxx11]<…>) (viewer): ");
   machine.process.waits.watches.back().moved = true;
   expectSays(machine.verdict(), Cause::lock, "slept (clock_nanosleep): viewer waits");
 }
