@@ -122,7 +122,11 @@ void AppActivationTracker::endAppActivationTrackingForPID(uint32_t ownerUid, int
 void AppActivationTracker::noteConnectionOfPID(uint32_t ownerUid, int32_t pid) {
   const auto& tracker = instanceSlot();
   if (!tracker || !tracker->captureKelvanes_) return;
-  tracker->enqueue(ownerUid, [self = tracker.get(), pid, atTicks = platform::current().clock.absoluteTime()] {
+  std::shared_ptr<void> place = tracker->connectionPlaces_.tryTake(ownerUid);
+  if (!place) return;  // a report that lacks a mark
+  tracker->activationQueue_->async([self = tracker.get(), place = std::move(place), pid,
+                                    atTicks = platform::current().clock.absoluteTime()]() mutable {
+    place.reset();
     self->noteConnection(pid, atTicks);
   });
 }
@@ -290,7 +294,9 @@ void AppActivationTracker::noteConnection(int32_t pid, uint64_t atTicks) {
   const std::string ofPid = formatted("%d:", pid);
   auto entry = appActivationDictionary_.lower_bound(ofPid);
   for (; entry != appActivationDictionary_.end() && entry->first.starts_with(ofPid); ++entry) {
-    if (entry->second.connectedTicks == 0) entry->second.connectedTicks = atTicks;
+    // Who is resumed has connected when it was launched.
+    const bool isLaunch = entry->second.activation->appActivationType() == AppActivation::kTypeLaunch;
+    if (isLaunch && entry->second.connectedTicks == 0) entry->second.connectedTicks = atTicks;
   }
 }
 

@@ -119,8 +119,9 @@ class AppActivationTracker {
   const Log signpostLog_;
 
   // Places of the activations in flight, of the timeouts to come and of the reports that wait are taken on
-  // the activation queue, those of waiting steps by whoever announces.
+  // the activation queue, those of waiting steps and connections by whoever announces them.
   UserShares stepPlaces_{kMaxWaitingActivationSteps};
+  UserShares connectionPlaces_{kMaxWaitingActivationSteps};
   UserShares activationPlaces_{kMaxActivationsInFlight};
   UserShares timeoutPlaces_{kMaxPendingActivationTimeouts};
   UserShares reportPlaces_{kMaxWaitingActivationReports};

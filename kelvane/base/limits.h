@@ -62,6 +62,8 @@ inline constexpr size_t kMaxThreadsCounted = 65'536;
 /// How long a thread is searched for by the id that its process calls it in a PID namespace of its own.
 inline constexpr std::chrono::milliseconds kThreadSearch{100};
 inline constexpr size_t kMaxThreadsListed = 1'024;
+/// Processes that descend from a launched one.
+inline constexpr size_t kMaxDescendants = 64;
 inline constexpr size_t kMaxThreadsWithStack = 256;
 inline constexpr size_t kMaxStackBytes = size_t{64} * 1024;
 /// Stack bytes that one round of copying shares with the process that copies.

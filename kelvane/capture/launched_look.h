@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kelvane/base/proc_text.h"
+#include "kelvane/base/process_family.h"
 #include "kelvane/capture/surroundings.h"
 
 namespace kelvane {
@@ -22,6 +23,7 @@ struct LaunchedLook {
   uint64_t ranNs = 0;
   uint64_t childrenRanNs = 0;
   std::vector<pid_t> threads;
+  std::vector<Descendant> descendants;  // that the launch had; kMaxDescendants at most
   Surroundings around;  // of its first thread
 
   bool isThere() const { return !comm.empty(); }

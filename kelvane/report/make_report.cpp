@@ -109,6 +109,8 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
     if (hadCpu(report, before, after)) addMissingArrival(report.recording, report.process.hungThread);
     report.verdict = verdictOn(*request.hang, report, pressure, before, after, deadline);
   }
+  if (request.launch && !report.launch)
+    report.request.omissions.push_back({"process", "no launch that is over is told to be its"});
   report.captureNs = monotonicNs() - report.capturedAtNs;
   return report;
 }

@@ -75,8 +75,9 @@ struct Issuers {
 
 class Waits {
  public:
-  Waits(const Recording& recording, std::span<const DiskRequest> requests, int32_t tid, WaitPlace lastPlace)
-      : recording_(recording), requests_(requests), tid_(tid), lastPlace_(lastPlace) {
+  Waits(const Recording& recording, std::span<const DiskRequest> requests, int32_t tid, WaitPlace lastPlace,
+        const ThreadTimelines* timelines)
+      : recording_(recording), requests_(requests), timelines_(timelines), tid_(tid), lastPlace_(lastPlace) {
     for (const DiskRequest& request : requests) {
       longestNs_ = std::max(longestNs_, request.completedNs - request.issuedNs);
     }
@@ -155,6 +156,10 @@ class Waits {
 
   const std::vector<StateSpan>* helperTimeline(int32_t tid) {
     if (!isHelper(tid)) return nullptr;
+    if (timelines_) {
+      const auto made = timelines_->find(tid);
+      return made == timelines_->end() ? nullptr : &made->second;
+    }
     auto known = helpers_.find(tid);
     if (known != helpers_.end()) return &known->second;
     if (helpers_.size() == kMaxHelpers) return nullptr;
@@ -190,6 +195,7 @@ class Waits {
 
   const Recording& recording_;
   const std::span<const DiskRequest> requests_;
+  const ThreadTimelines* const timelines_;  // null: not made
   const int32_t tid_;
   const WaitPlace lastPlace_;
   uint64_t longestNs_ = 0;
@@ -201,8 +207,9 @@ class Waits {
 }  // namespace
 
 DiskWaits diskWaits(const Recording& recording, std::span<const DiskRequest> requests, int32_t tid,
-                    std::span<const StateSpan> spans, WaitPlace lastPlace, uint64_t fromNs, uint64_t toNs) {
-  Waits waits(recording, requests, tid, lastPlace);
+                    std::span<const StateSpan> spans, WaitPlace lastPlace, uint64_t fromNs, uint64_t toNs,
+                    const ThreadTimelines* timelines) {
+  Waits waits(recording, requests, tid, lastPlace, timelines);
   for (const StateSpan& span : spans) {
     if (span.state != ThreadState::uninterruptible) continue;
     uint64_t ns = sharedNs(span.fromNs, span.toNs, fromNs, toNs);

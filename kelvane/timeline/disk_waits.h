@@ -41,7 +41,9 @@ struct DiskWaits {
 ///   has not ended, in a place where threads wait for disks, or with a request of the thread's own;
 /// - and has these requests under way for half of its time, or the device busy throughout: the request may
 ///   have stood in a queue. In the end a control group's limit looks like that too, on a device that is busy.
+/// `timelines`, if there are any, are the recording's, which are made for it otherwise.
 DiskWaits diskWaits(const Recording& recording, std::span<const DiskRequest> requests, int32_t tid,
-                    std::span<const StateSpan> spans, WaitPlace lastPlace, uint64_t fromNs, uint64_t toNs);
+                    std::span<const StateSpan> spans, WaitPlace lastPlace, uint64_t fromNs, uint64_t toNs,
+                    const ThreadTimelines* timelines = nullptr);
 
 }  // namespace kelvane

@@ -12,9 +12,14 @@ namespace {
 
 class Gathering {
  public:
-  Gathering(pid_t launched, std::span<const pid_t> threads) {
+  Gathering(pid_t launched, std::span<const pid_t> threads, std::span<const Descendant> descendants) {
     addProcess(launched, 0);
     for (const pid_t tid : threads) addThread(tid, 0);
+    for (const Descendant& known : descendants) {
+      if (found_.ofTid.contains(known.pid)) continue;
+      addProcess(known.pid, known.parent);
+      for (const pid_t tid : known.threads) addThread(tid, found_.all.size() - 1);
+    }
   }
 
   void take(const RecordedEvent& event) {
@@ -25,13 +30,17 @@ class Gathering {
         if (LaunchedProcess* process = known(event.tid)) process->executedNs.push_back(event.atNs);
         return;
       case RecordedKind::contextSwitch:
-        return left(event);
+        note(event.tid, event.atNs, event.state == 'X' || event.state == 'Z');
+        return note(event.other, event.atNs, false);
       default:
         return;
     }
   }
 
-  LaunchedProcesses finish() { return std::move(found_); }
+  LaunchedProcesses finish() {
+    for (LaunchedProcess& process : found_.all) process.endedNs = endOf(process);
+    return std::move(found_);
+  }
 
  private:
   LaunchedProcess* known(int32_t tid) {
@@ -68,13 +77,31 @@ class Gathering {
     if (process->pid == event.other) process->madeNs = event.atNs;
   }
 
-  void left(const RecordedEvent& event) {
-    if (event.state != 'X' && event.state != 'Z') return;
-    LaunchedProcess* process = known(event.tid);
-    if (process && process->pid == event.tid) process->endedNs = event.atNs;
+  void note(int32_t tid, uint64_t atNs, bool isEnd) {
+    if (found_.ofTid.contains(tid)) lastSeen_[tid] = {atNs, isEnd};
   }
 
+  /// Its first thread may end before the others do.
+  uint64_t endOf(const LaunchedProcess& process) const {
+    const auto first = lastSeen_.find(process.pid);
+    if (first == lastSeen_.end() || !first->second.isEnd) return 0;
+    uint64_t endNs = first->second.atNs;
+    for (const int32_t tid : process.threads) {
+      const auto last = lastSeen_.find(tid);
+      if (last == lastSeen_.end()) continue;
+      if (!last->second.isEnd) return 0;
+      endNs = std::max(endNs, last->second.atNs);
+    }
+    return endNs;
+  }
+
+  struct LastSeen {
+    uint64_t atNs = 0;
+    bool isEnd = false;
+  };
+
   LaunchedProcesses found_;
+  std::unordered_map<int32_t, LastSeen> lastSeen_;  // on a CPU, or leaving it
 };
 
 }  // namespace
@@ -98,8 +125,9 @@ void addMissingMaking(Recording& recording, pid_t launched) {
 }
 
 LaunchedProcesses launchedProcesses(const Recording& recording, pid_t launched,
-                                    std::span<const pid_t> threads, uint64_t fromNs, uint64_t toNs) {
-  Gathering gathering(launched, threads);
+                                    std::span<const pid_t> threads, std::span<const Descendant> descendants,
+                                    uint64_t fromNs, uint64_t toNs) {
+  Gathering gathering(launched, threads, descendants);
   for (const RecordedEvent& event : recording.events) {
     if (event.atNs <= toNs) gathering.take(event);
   }

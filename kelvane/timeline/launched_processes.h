@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "kelvane/base/process_family.h"
 #include "kelvane/recording/recording.h"
 
 namespace kelvane {
@@ -18,7 +19,7 @@ struct LaunchedProcess {
   /// When it was made, executed its programs and ended; 0 and none where that is not recorded.
   uint64_t madeNs = 0;
   std::vector<uint64_t> executedNs;
-  uint64_t endedNs = 0;
+  uint64_t endedNs = 0;          // the last of its threads that are known
   std::vector<int32_t> threads;  // its first one first
   uint64_t runningNs = 0;        // of all its threads, within the window
 };
@@ -43,8 +44,10 @@ struct LaunchedProcesses {
 void addMissingMaking(Recording& recording, pid_t launched);
 
 /// The process `launched` and its descendants up to `toNs`, as far as they are recorded. `threads` are those
-/// that it is known to have besides. Times of running are those within [fromNs, toNs].
+/// that it is known to have besides, `descendants` those processes, each behind its parent. Times of running
+/// are those within [fromNs, toNs].
 LaunchedProcesses launchedProcesses(const Recording& recording, pid_t launched,
-                                    std::span<const pid_t> threads, uint64_t fromNs, uint64_t toNs);
+                                    std::span<const pid_t> threads, std::span<const Descendant> descendants,
+                                    uint64_t fromNs, uint64_t toNs);
 
 }  // namespace kelvane

@@ -4,9 +4,11 @@
 #include <map>
 #include <tuple>
 
+#include "kelvane/base/limits.h"
 #include "kelvane/timeline/critical_path.h"
 #include "kelvane/timeline/disk_requests.h"
 #include "kelvane/timeline/disk_waits.h"
+#include "kelvane/timeline/launch_stages.h"
 #include "kelvane/timeline/launched_processes.h"
 #include "kelvane/verdict/chain_sentence.h"
 #include "kelvane/verdict/chain_verdict.h"
@@ -20,14 +22,12 @@ namespace {
 
 constexpr size_t kMaxMembersListed = 32;
 constexpr size_t kMaxPathListed = 10;
-/// How many makers are gone back to from the thread that came last.
-constexpr size_t kMaxStages = 8;
+/// Sleeps in the kernel that are looked through for the disk, of a stage, those of the longest sleepers
+/// first: a launch may have any number, and a disk any number of requests.
+constexpr size_t kMaxKernelSleeps = 5'000;
 
 /// From this share on, the longest stage is the launch.
 constexpr double kWholeLaunch = 0.95;
-
-/// The launch's end is told in whole milliseconds, and turned from one clock's into another's.
-constexpr uint64_t kEndSlackNs = 3'000'000;
 
 /// A child that ends wakes the parent that waits for that, and is gone right after; what else it wakes for,
 /// it lives on longer.
@@ -37,13 +37,18 @@ bool isHalf(uint64_t partNs, uint64_t wholeNs) {
   return makesUp(partNs, kHalf, wholeNs);
 }
 
-/// A part of the launch with the thread that it was up to.
-struct Stage {
-  int32_t tid = 0;
-  uint64_t fromNs = 0;
-  uint64_t toNs = 0;
+uint64_t sumNs(const std::vector<StateSpan>& spans) {
+  uint64_t ns = 0;
+  for (const StateSpan& span : spans) ns += span.toNs - span.fromNs;
+  return ns;
+}
 
-  uint64_t ns() const { return toNs - fromNs; }
+/// A stage's critical path.
+struct StagePath {
+  CriticalPath path;
+  std::map<int32_t, DiskWaits> diskWaits;  // of threads on it whose sleeps in the kernel were mostly that
+
+  int32_t lastOf(const CriticalPath::Piece& piece) const { return path.routes[piece.route].threads.back(); }
 };
 
 /// How pieces of a path are told apart. Many short programs of the launch are one.
@@ -62,7 +67,7 @@ class LaunchJudge {
         timelines_(threadTimelines(evidence.recording)),
         requests_(diskRequests(evidence.recording)),
         launched_(launchedProcesses(evidence.recording, evidence.look.pid, evidence.look.threads,
-                                    evidence.fromNs, evidence.toNs)) {}
+                                    evidence.look.descendants, evidence.fromNs, evidence.toNs)) {}
 
   std::pair<Launch, Verdict> judge() {
     launch_.look = evidence_.look;
@@ -70,9 +75,11 @@ class LaunchJudge {
     launch_.isRecorded = sharedNs(evidence_.fromNs, evidence_.toNs, evidence_.recording.coveredFromNs,
                                   evidence_.recording.toNs) > 0;
     if (launch_.isRecorded) {
-      addStages();
-      for (const Stage& stage : stages_) addPath(stage);
-      launch_.path = sharesOf(evidence_.fromNs, evidence_.toNs, kMaxPathListed);
+      stages_ = launchStages(evidence_.recording, launched_, evidence_.fromNs, evidence_.toNs);
+      for (const LaunchStage& stage : stages_) paths_.push_back(pathOf(stage));
+      launch_.path = sharesOf(evidence_.fromNs, evidence_.toNs);
+      if (launch_.path.size() > kMaxPathListed) launch_.path.resize(kMaxPathListed);
+      for (PathShare& share : launch_.path) share.thread = named(share.thread.tid);
       addMembers();
     } else {
       stages_ = {{evidence_.look.pid, evidence_.fromNs, evidence_.toNs}};
@@ -84,81 +91,54 @@ class LaunchJudge {
   }
 
  private:
-  // --- who was at work when -------------------------------------------------------------------------------
-
-  /// Who ended the launch, as far as that is known: the thread of the launched processes that last woke who
-  /// made the first of them; else the first of the launched process.
-  int32_t lastThread() const {
-    const auto making = launched_.making.find(evidence_.look.pid);
-    int32_t last = evidence_.look.pid;
-    if (making == launched_.making.end()) return last;
-    for (const RecordedEvent& event : evidence_.recording.events) {
-      const bool isTold = event.kind == RecordedKind::wakeup && event.other == making->second.by &&
-                          event.state != 'i' && event.atNs <= evidence_.toNs + kEndSlackNs;
-      if (isTold && launched_.processOf(event.tid)) last = event.tid;
-    }
-    return last;
-  }
-
-  /// From the last thread back to its maker, and so on.
-  void addStages() {
-    int32_t tid = lastThread();
-    uint64_t toNs = evidence_.toNs;
-    while (stages_.size() + 1 < kMaxStages) {
-      const auto making = launched_.making.find(tid);
-      if (making == launched_.making.end() || making->second.atNs <= evidence_.fromNs ||
-          making->second.atNs >= toNs)
-        break;
-      stages_.push_back({tid, making->second.atNs, toNs});
-      toNs = making->second.atNs;
-      tid = making->second.by;
-    }
-    stages_.push_back({tid, evidence_.fromNs, toNs});
-    std::reverse(stages_.begin(), stages_.end());
-  }
-
   // --- the critical path ----------------------------------------------------------------------------------
 
-  /// Of a thread without any event, the look tells the state.
+  /// Of a thread without any event, the look tells the state; '?': nobody knows.
   char stateAfterwards(int32_t tid) const {
-    return tid == evidence_.look.pid && evidence_.look.isThere() ? evidence_.look.state : '?';
+    if (tid == evidence_.look.pid && evidence_.look.isThere()) return evidence_.look.state;
+    const LaunchedProcess* process = launched_.processOf(tid);
+    return process && process->pid == tid && process->endedNs != 0 ? 'X' : '?';
   }
 
-  void addPath(const Stage& stage) {
-    CriticalPath path = criticalPath(
-        evidence_.recording, timelines_, stage.tid,
-        threadTimeline(evidence_.recording, stage.tid, stateAfterwards(stage.tid)), stage.fromNs, stage.toNs);
+  StagePath pathOf(const LaunchStage& stage) const {
+    StagePath found;
+    found.path = criticalPath(evidence_.recording, timelines_, stage.tid,
+                              threadTimeline(evidence_.recording, stage.tid, stateAfterwards(stage.tid)),
+                              stage.fromNs, stage.toNs);
     std::map<int32_t, std::vector<StateSpan>> asleep;
-    for (const CriticalPath::Piece& piece : path.pieces) {
-      if (piece.span.state == ThreadState::uninterruptible)
-        asleep[path.routes[piece.route].threads.back()].push_back(piece.span);
+    for (const CriticalPath::Piece& piece : found.path.pieces) {
+      if (piece.span.state == ThreadState::uninterruptible) asleep[found.lastOf(piece)].push_back(piece.span);
     }
-    for (const auto& [tid, spans] : asleep) {
-      uint64_t sumNs = 0;
-      for (const StateSpan& span : spans) sumNs += span.toNs - span.fromNs;
+    std::vector<std::pair<uint64_t, int32_t>> longest;
+    for (const auto& [tid, spans] : asleep) longest.emplace_back(sumNs(spans), tid);
+    std::sort(longest.rbegin(), longest.rend());
+    size_t left = kMaxKernelSleeps;
+    for (const auto& [ns, tid] : longest) {
+      const std::vector<StateSpan>& spans = asleep[tid];
+      if (spans.size() > left) break;
+      left -= spans.size();
       const DiskWaits waits = diskWaits(evidence_.recording, requests_, tid, spans, WaitPlace::elsewhere,
-                                        stage.fromNs, stage.toNs);
-      if (!isHalf(waits.waitedNs, sumNs)) continue;
-      auto [known, isNew] = diskWaits_.try_emplace(tid, waits);
-      if (!isNew && waits.waitedNs > known->second.waitedNs) known->second = waits;
+                                        stage.fromNs, stage.toNs, &timelines_);
+      if (isHalf(waits.waitedNs, ns)) found.diskWaits.emplace(tid, waits);
     }
-    paths_.push_back(std::move(path));
+    return found;
   }
 
-  Doing doingOf(const CriticalPath& path, const CriticalPath::Piece& piece) const {
-    const int32_t tid = path.routes[piece.route].threads.back();
-    const bool isDisk = piece.span.state == ThreadState::uninterruptible && diskWaits_.contains(tid);
+  Doing doingOf(const StagePath& stage, const CriticalPath::Piece& piece) const {
+    const int32_t tid = stage.lastOf(piece);
+    const bool isDisk = piece.span.state == ThreadState::uninterruptible && stage.diskWaits.contains(tid);
     return {launched_.processOf(tid) != nullptr, nameOf(tid),
             isDisk ? "disk" : threadStateName(piece.span.state)};
   }
 
-  std::vector<PathShare> sharesOf(uint64_t fromNs, uint64_t toNs, size_t most) const {
+  /// Most first; of the threads only the ids.
+  std::vector<PathShare> sharesOf(uint64_t fromNs, uint64_t toNs) const {
     std::map<Doing, std::map<int32_t, uint64_t>> sums;
-    for (const CriticalPath& path : paths_) {
-      for (const CriticalPath::Piece& piece : path.pieces) {
+    for (const StagePath& stage : paths_) {
+      for (const CriticalPath::Piece& piece : stage.path.pieces) {
         const uint64_t ns = sharedNs(piece.span.fromNs, piece.span.toNs, fromNs, toNs);
         if (ns > 0 && piece.span.state != ThreadState::unknown)
-          sums[doingOf(path, piece)][path.routes[piece.route].threads.back()] += ns;
+          sums[doingOf(stage, piece)][stage.lastOf(piece)] += ns;
       }
     }
     std::vector<PathShare> shares;
@@ -174,8 +154,6 @@ class LaunchJudge {
     std::sort(shares.begin(), shares.end(), [](const PathShare& a, const PathShare& b) {
       return std::tie(b.ns, a.thread.tid, a.doing) < std::tie(a.ns, b.thread.tid, b.doing);
     });
-    if (shares.size() > most) shares.resize(most);
-    for (PathShare& share : shares) share.thread = named(share.thread.tid);
     return shares;
   }
 
@@ -235,8 +213,11 @@ class LaunchJudge {
     phase.toNs = evidence_.fromNs;
     for (const Mark& mark : marks) {
       phase = {phase.to, mark.what, mark.pid == 0 ? NamedThread{} : named(mark.pid), phase.toNs, mark.atNs};
-      const std::vector<PathShare> shares = sharesOf(phase.fromNs, phase.toNs, 1);
-      if (!shares.empty() && isHalf(shares[0].ns, phase.toNs - phase.fromNs)) phase.mostly = shares[0];
+      const std::vector<PathShare> shares = sharesOf(phase.fromNs, phase.toNs);
+      if (!shares.empty() && isHalf(shares[0].ns, phase.toNs - phase.fromNs)) {
+        phase.mostly = shares[0];
+        phase.mostly->thread = named(shares[0].thread.tid);
+      }
       launch_.phases.push_back(phase);
     }
   }
@@ -261,8 +242,8 @@ class LaunchJudge {
 
   Verdict judgeLongestStage() {
     const auto longest = std::max_element(stages_.begin(), stages_.end(),
-                                          [](const Stage& a, const Stage& b) { return a.ns() < b.ns(); });
-    const CriticalPath& path = paths_[static_cast<size_t>(longest - stages_.begin())];
+                                          [](const auto& a, const auto& b) { return a.ns() < b.ns(); });
+    const StagePath& path = paths_[static_cast<size_t>(longest - stages_.begin())];
     launch_.followed = capture(longest->tid);
     Evidence evidence{longest->fromNs,
                       longest->toNs,
@@ -271,20 +252,23 @@ class LaunchJudge {
                       evidence_.processes,
                       evidence_.pressure,
                       {},
-                      longest->tid == evidence_.look.pid ? evidence_.look.around : Surroundings{},
+                      longest->tid == evidence_.look.pid ? surroundings() : Surroundings{},
                       {},
                       [this](NamedThread& thread) { findProcess(thread); },
                       /*isLaunch=*/true};
     evidence.recordedChain = chainOf(evidence, path);
     if (evidence.recordedChain) addWaits(*evidence.recordedChain);
     Verdict verdict = kelvane::judge(evidence);
+    if (verdict.fromRecorder && !isHalf(longest->ns(), windowNs()) &&
+        judgeByMembers({evidence_.look.pid, evidence_.fromNs, evidence_.toNs}, verdict))
+      return verdict;
     if (verdict.fromRecorder && !verdict.chain && verdict.cause == Cause::sleeping)
       judgeByMembers(*longest, verdict);
     // The launcher's computing is not the launch's.
     if (verdict.cause == Cause::ownCpu && !launched_.processOf(longest->tid)) verdict.cause = Cause::peer;
     if (!verdict.fromRecorder) {
       verdict.cause = Cause::unknown;
-      judgeByLife(evidence_, verdict);
+      judgeByLife(evidence_, launch_.isRecorded, verdict);
     } else if (static_cast<double>(longest->ns()) < kWholeLaunch * static_cast<double>(windowNs())) {
       verdict.sentence =
           "In " + ofDuration(longest->ns(), windowNs()) + " of the launch: " + verdict.sentence;
@@ -292,27 +276,36 @@ class LaunchJudge {
     return verdict;
   }
 
-  /// Of a thread that slept for the sake of many, none of whom it waited for most of the time: what these did
-  /// for most of the time, if they all are the launch's.
-  void judgeByMembers(const Stage& stage, Verdict& verdict) const {
+  /// What lasts on after the launch is none of its reasons.
+  Surroundings surroundings() const {
+    Surroundings around = evidence_.look.around;
+    around.limits.frozen.clear();
+    return around;
+  }
+
+  /// Of a time that was up to many, none of whom had most of it: what these did for most of the time, if they
+  /// all are the launch's. Whether that is known.
+  bool judgeByMembers(const LaunchStage& stage, Verdict& verdict) const {
     std::map<std::string, uint64_t> sums;
-    std::map<std::string, NamedThread> most;
-    for (const PathShare& share : sharesOf(stage.fromNs, stage.toNs, SIZE_MAX)) {
+    std::map<std::string, int32_t> most;
+    for (const PathShare& share : sharesOf(stage.fromNs, stage.toNs)) {
       if (!launched_.processOf(share.thread.tid)) continue;
       sums[share.doing] += share.ns;
-      most.try_emplace(share.doing, share.thread);
+      most.try_emplace(share.doing, share.thread.tid);
     }
     const auto tell = [&](const char* doing, Cause cause, const std::string& text) {
-      if (!isHalf(sums[doing], stage.ns())) return;
+      if (!isHalf(sums[doing], stage.ns())) return false;
+      const NamedThread longest = named(most.at(doing));
       verdict.cause = cause;
+      verdict.chain.reset();
       verdict.sentence = nameOf(stage.tid) + " (thread " + std::to_string(stage.tid) +
                          ") and what it started " + text + " for " + ofDuration(sums[doing], stage.ns()) +
-                         ", most of all '" + most.at(doing).name + "' (pid " +
-                         std::to_string(most.at(doing).pid) + ").";
+                         ", most of all '" + longest.name + "' (pid " + std::to_string(longest.pid) + ").";
+      return true;
     };
-    tell("running", Cause::ownCpu, "were busy themselves");
-    tell("runnable", Cause::starved, "were ready to run, and not given a CPU,");
-    tell("disk", Cause::disk, "waited for the disk");
+    return tell("running", Cause::ownCpu, "were busy themselves") ||
+           tell("runnable", Cause::starved, "were ready to run, and not given a CPU,") ||
+           tell("disk", Cause::disk, "waited for the disk");
   }
 
   uint64_t windowNs() const { return evidence_.toNs - evidence_.fromNs; }
@@ -324,6 +317,7 @@ class LaunchJudge {
     capture.pid = thread.pid != 0 ? thread.pid : tid;
     capture.comm = thread.process;
     capture.hungThread = tid;
+    capture.threadCount = 1;
     const auto add = [&](int32_t id) {
       ThreadFacts& facts = capture.threads.emplace_back().facts;
       facts.tid = id;
@@ -332,17 +326,18 @@ class LaunchJudge {
     };
     add(tid);
     if (const LaunchedProcess* process = launched_.processOf(tid)) {
+      capture.threadCount = process->threads.size();
       for (const int32_t other : process->threads) {
-        if (other != tid) add(other);
+        if (other != tid && capture.threads.size() < kMaxThreadsListed) add(other);
       }
     }
-    capture.threadCount = capture.threads.size();
     return capture;
   }
 
   /// What the thread of the path waited for, most of its longer kind of sleep; nothing if that was no one
   /// thread.
-  std::optional<ChainVerdict> chainOf(const Evidence& evidence, const CriticalPath& path) const {
+  std::optional<ChainVerdict> chainOf(const Evidence& evidence, const StagePath& stage) const {
+    const CriticalPath& path = stage.path;
     using Key = std::tuple<ThreadState, size_t, ThreadState>;  // of the first one, the route, of the last
     std::map<Key, std::vector<StateSpan>> spans;
     std::map<ThreadState, uint64_t> asleepNs;
@@ -352,24 +347,20 @@ class LaunchJudge {
       asleepNs[first] += piece.ns();
       spans[{first, piece.route, piece.span.state}].push_back(piece.span);
     }
-    const auto sum = [](const std::vector<StateSpan>& of) {
-      uint64_t ns = 0;
-      for (const StateSpan& span : of) ns += span.toNs - span.fromNs;
-      return ns;
-    };
     const ThreadState state = asleepNs[ThreadState::sleeping] >= asleepNs[ThreadState::uninterruptible]
                                   ? ThreadState::sleeping
                                   : ThreadState::uninterruptible;
     for (const auto& [key, of] : spans) {
       const auto& [first, route, last] = key;
-      if (first != state || path.routes[route].threads.size() < 2 || !isHalf(sum(of), asleepNs[state]))
+      if (first != state || path.routes[route].threads.size() < 2 || !isHalf(sumNs(of), asleepNs[state]))
         continue;
-      return recordedChain(evidence, path.routes[route].threads, state, of);
+      return recordedChain(evidence, stage, path.routes[route].threads, state, of);
     }
     return std::nullopt;
   }
 
-  ChainVerdict recordedChain(const Evidence& evidence, const std::vector<int32_t>& threads, ThreadState state,
+  ChainVerdict recordedChain(const Evidence& evidence, const StagePath& stage,
+                             const std::vector<int32_t>& threads, ThreadState state,
                              const std::vector<StateSpan>& last) const {
     ChainVerdict verdict{{}, state, ChainEnd::waited, {}, {}};
     for (size_t i = 0; i < threads.size(); i++) {
@@ -386,7 +377,7 @@ class LaunchJudge {
       verdict.chain.links.push_back(std::move(link));
     }
     if (state == ThreadState::uninterruptible) verdict.chain.links.front().party.facts.state = 'D';
-    addEnd(evidence, threads.back(), last, verdict);
+    addEnd(evidence, stage, threads.back(), last, verdict);
     verdict.steps = chainSteps(evidence.process, verdict);
     return verdict;
   }
@@ -406,8 +397,8 @@ class LaunchJudge {
 
   /// What the last one did, who kept it from going on, and what the launch is called by that: what launched
   /// processes compute is the launch's own time.
-  void addEnd(const Evidence& evidence, int32_t tid, const std::vector<StateSpan>& spans,
-              ChainVerdict& verdict) const {
+  void addEnd(const Evidence& evidence, const StagePath& stage, int32_t tid,
+              const std::vector<StateSpan>& spans, ChainVerdict& verdict) const {
     const bool isOwn = launched_.processOf(tid) != nullptr;
     const auto& lastWait = verdict.chain.links[verdict.chain.links.size() - 2].wait;
     const Cause other = lastWait && lastWait->kind == WaitKind::child ? Cause::child : Cause::peer;
@@ -429,9 +420,9 @@ class LaunchJudge {
         return;
       case ThreadState::uninterruptible: {
         facts.state = 'D';
-        const auto disk = diskWaits_.find(tid);
-        verdict.end = disk == diskWaits_.end() ? ChainEnd::kernel : ChainEnd::disk;
-        const auto user = disk == diskWaits_.end() ? std::nullopt : disk->second.busiestOther;
+        const auto disk = stage.diskWaits.find(tid);
+        verdict.end = disk == stage.diskWaits.end() ? ChainEnd::kernel : ChainEnd::disk;
+        const auto user = disk == stage.diskWaits.end() ? std::nullopt : disk->second.busiestOther;
         if (user) verdict.diskUser = named(*user);
         break;
       }
@@ -456,10 +447,8 @@ class LaunchJudge {
   const ThreadTimelines timelines_;
   const std::vector<DiskRequest> requests_;
   const LaunchedProcesses launched_;
-  std::vector<Stage> stages_;        // from the launch's begin on
-  std::vector<CriticalPath> paths_;  // one for each of them
-  std::map<int32_t, DiskWaits>
-      diskWaits_;  // of threads on the path whose sleeps in the kernel were mostly that
+  std::vector<LaunchStage> stages_;  // from the launch's begin on
+  std::vector<StagePath> paths_;     // one for each of them
   Launch launch_;
 };
 

@@ -8,11 +8,12 @@
 
 namespace kelvane {
 
-void judgeByLife(const LaunchEvidence& evidence, Verdict& verdict) {
+void judgeByLife(const LaunchEvidence& evidence, bool isRecorded, Verdict& verdict) {
   const LaunchedLook& look = evidence.look;
   const uint64_t windowNs = evidence.toNs - evidence.fromNs;
   const auto isHalf = [&](uint64_t ns) { return makesUp(ns, kHalf, windowNs); };
-  const std::string noRecord = "Nothing of the launch is recorded: ";
+  const std::string noRecord =
+      isRecorded ? "Too little of the launch is recorded: " : "Nothing of the launch is recorded: ";
   const std::string whom = "the launched process (pid " + std::to_string(look.pid) + ")";
   if (!look.isThere()) {
     verdict.sentence = noRecord + whom + " had ended, and why it took so long can't be told.";
@@ -20,8 +21,10 @@ void judgeByLife(const LaunchEvidence& evidence, Verdict& verdict) {
   }
   const std::string name = look.comm + " (pid " + std::to_string(look.pid) + ")";
   const ScheduleFigures life = look.around.schedule.value_or(ScheduleFigures{});
-  const uint64_t afterNs = look.lookedAtNs - std::min(look.lookedAtNs, evidence.toNs);
-  const auto atLeast = [&](uint64_t ns) { return ns - std::min(ns, afterNs); };
+  // A resumed process is older, and the look may be long after the end.
+  const uint64_t outsideNs = evidence.fromNs - std::min(evidence.fromNs, look.madeNs) + look.lookedAtNs -
+                             std::min(look.lookedAtNs, evidence.toNs);
+  const auto atLeast = [&](uint64_t ns) { return std::min(ns - std::min(ns, outsideNs), windowNs); };
   const uint64_t ranNs = look.ranNs + look.childrenRanNs;
   if (isHalf(atLeast(life.ranNs))) {
     verdict.cause = Cause::ownCpu;

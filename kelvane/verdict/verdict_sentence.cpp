@@ -416,7 +416,8 @@ class Sentence {
 
   std::string unknownText() const {
     const ThreadFacts& facts = findings_.thread->facts;
-    if (facts.state == 'Z' || facts.state == 'X' || facts.state == '?')
+    // Of a launch's threads '?' is that nobody has looked at them.
+    if (facts.state == 'Z' || facts.state == 'X' || (facts.state == '?' && !evidence_.isLaunch))
       return std::string("has ended; why ") + (evidence_.isLaunch ? "that took so long" : "it hung") +
              " can't be told";
     if (!verdict_.hasTimes() && facts.state == 'R' && evidence_.after.schedule) {

@@ -152,6 +152,82 @@ TEST(LaunchVerdict, IsAboutTheLongestStageOnTheWayToWhoEndedIt) {
       "exec after 100 (logger running), end after 7900 (logger sleeping), ");
 }
 
+/// A script puts the program into the background and ends, which the launcher hears; what ends the launch
+/// isn't recorded.
+TEST(LaunchVerdict, IsAboutWhoLivedOnRatherThanWhoSpokeLast) {
+  MadeUpMachine machine = launching();
+  machine.makes(1'500, kApp, kChild);
+  machine.wakes(1'600, kApp, kLauncher);
+  machine.switches(1'600, kApp, 'Z', kChild);
+  const auto [launch, verdict] = machine.launched(gone());
+  expectSays(verdict, Cause::ownCpu, "logger (thread 102) was busy itself");
+  EXPECT_EQ(launch.processes[0].endedNs, 1'600 * kMs);
+}
+
+/// What made it slow is not in the recording, which began later, but a look at its family tells whose they
+/// are.
+TEST(LaunchVerdict, KnowsItsProcessesThatAreOlderThanTheRecording) {
+  MadeUpMachine machine;
+  machine.coveredFrom(3'000);
+  machine.switches(3'050, 0, 'R', kWorker, 1);
+  machine.switches(3'100, kApp, 'S', kChild);
+  machine.switches(9'000, kChild, 'Z', 0);  // its first thread
+  machine.wakes(10'900, kWorker, kApp);
+  machine.switches(10'901, 0, 'R', kApp);
+  LaunchedLook look = gone();
+  look.comm = "viewer";
+  look.state = 'S';
+  EXPECT_EQ(machine.launched(look).second.cause, Cause::peer);
+  look.descendants = {{kChild, kApp, {kChild, kWorker}}};
+  const auto [launch, verdict] = machine.launched(look);
+  expectSays(verdict, Cause::ownCpu, "because thread 'worker' (101) of 'logger' (pid 102) was computing");
+  ASSERT_EQ(launch.processes.size(), 2u);
+  EXPECT_EQ(launch.processes[1].endedNs, 0u) << "a thread of it runs on";
+}
+
+/// The first one's short wait for a disk is not its long one for something else, in which another one waits
+/// for it.
+TEST(LaunchVerdict, TellsTheWaitsForADiskFromOthersOfTheSameThread) {
+  MadeUpMachine machine = launching();
+  machine.request(kApp, 1'300, 1'400);
+  machine.switches(1'300, kApp, 'D', 0);
+  machine.interruptWakes(1'400, 0, kApp);
+  machine.switches(1'401, 0, 'R', kApp);
+  machine.makes(2'000, kApp, kChild);
+  machine.switches(2'001, kApp, 'D', kChild);
+  machine.switches(2'002, kChild, 'S', 0);
+  machine.wakes(8'999, kHog, kApp);
+  machine.switches(9'000, 0, 'R', kApp);
+  machine.wakes(9'001, kApp, kChild);
+  machine.switches(9'002, kApp, 'S', kChild);
+  machine.wakes(10'999, kChild, kLauncher);
+  const auto [launch, verdict] = machine.launched(gone());
+  EXPECT_STREQ(causeName(verdict.cause), "unknown") << verdict.sentence;
+  EXPECT_NE(pathOf(launch).find("viewer uninterruptible 6997"), std::string::npos) << pathOf(launch);
+  EXPECT_NE(pathOf(launch).find("viewer disk 100"), std::string::npos) << pathOf(launch);
+}
+
+/// Nobody has looked at the launcher, which has not ended, nor is any of several stages the launch.
+TEST(LaunchVerdict, ClaimsNothingOfWhomNobodyLookedAt) {
+  MadeUpMachine machine;
+  machine.switches(1'000, kLauncher, 'D', 0);
+  machine.interruptWakes(9'000, 0, kLauncher, 20'000);
+  machine.switches(9'030, 0, 'R', kLauncher);
+  machine.makes(9'100, kLauncher, kApp);
+  machine.switches(9'100, kLauncher, 'S', kApp);
+  expectSays(machine.launched(gone()).second, Cause::unknown,
+             "other (thread 300) waited for 8.0 of 8.1 s in the kernel");
+
+  MadeUpMachine relay = launching();
+  const int runners[] = {kApp, kChild, kWorker, kHog, kDatabase};
+  for (size_t i = 1; i < std::size(runners); i++) {
+    relay.makes(1'100 + 2'000 * i, runners[i - 1], runners[i]);
+    relay.switches(1'100 + 2'000 * i, runners[i - 1], 'Z', runners[i]);
+  }
+  expectSays(relay.launched(gone()).second, Cause::ownCpu,
+             "viewer (thread 100) and what it started were busy themselves for 9.9 of 10.0 s");
+}
+
 /// What a process has had in its life tells what did not make its launch slow.
 TEST(LaunchVerdict, WithoutARecordingClaimsNoMoreThanALifeTells) {
   MadeUpMachine machine;
@@ -177,8 +253,16 @@ TEST(LaunchVerdict, WithoutARecordingClaimsNoMoreThanALifeTells) {
   expectSays(machine.launched(look).second, Cause::ownCpu, "on the CPU for at least 5.1 of 10.0 s.");
   look.around.schedule = {5'400 * kMs, 0};  // half a second of it may have come afterwards
   EXPECT_EQ(machine.launched(look).second.cause, Cause::unknown);
+  look.madeNs = 100 * kMs;  // a program that is resumed
+  look.around.schedule = {6'300 * kMs, 0};
+  EXPECT_EQ(machine.launched(look).second.cause, Cause::unknown);
+  look.madeNs = 1'300 * kMs;
   look.around.schedule = {0, 5'600 * kMs};
   expectSays(machine.launched(look).second, Cause::starved, "not given a CPU for at least 5.1 of 10.0 s.");
+  look.around.schedule = {};
+  machine.coveredUntilTheLookFrom(10'900);
+  machine.switches(10'950, kApp, 'S', 0);
+  expectSays(machine.launched(look).second, Cause::unknown, "Too little of the launch is recorded: viewer");
 }
 
 }  // namespace
