@@ -192,7 +192,7 @@ TEST_F(Marks, AScanReportsWholeOperationsHoweverFastSlotsChangeHands) {
       ASSERT_EQ(std::string(name), id + std::string(63 - id.size(), name[62]));
     }
   }
-  EXPECT_EQ(reported, kEnough);
+  EXPECT_GE(reported, kEnough);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@ import re
 import signal
 import subprocess
 import sys
+import time
 import unittest
 
 from scratch import ScratchTest
@@ -76,11 +77,14 @@ class SampleApplication(ScratchTest):
     def test_short_hangs_spend_the_process_credit(self):
         # Four reports, and a fifth when the first hang check, which always gives a credit back, comes in between.
         daemon = self.daemon(QuorvelLongHangDurationThreshold=60000.0)
+        began = time.monotonic()
         sample = daemon.sample("--hang", "0.3", "--times", "7", "--report")
         self.addCleanup(sample.communicate)
         self.addCleanup(sample.kill)
         self.assertEqual(sample.wait(PATIENCE), 0)
         daemon.wait_for(f"Client disconnected: {sample.pid}")
+        if (took := time.monotonic() - began) > 9:  # two more hang checks
+            self.skipTest(f"the seven hangs took {took:.0f} s here, in which credits came back")
         refused = daemon.log().count("quorvel-sample is out of credits. Not saving a report!")
         self.assertGreaterEqual(refused, 2)
         self.assertIn("quorvel-sample Log credits: 1 -> 0", daemon.log())

@@ -7,7 +7,7 @@ import time
 import unittest
 
 from dbus_peer import Int64
-from launcher import LOGGING, Busy, activation, begin
+from launcher import LOGGING, NO_PROCESS, Busy, activation, begin
 from scratch import ScratchTest
 from waiting import until
 
@@ -38,7 +38,7 @@ class HostileLaunchers(ScratchTest):
                 busy = Busy(name)
                 self.addCleanup(busy.close)
 
-        event = activation(daemon, peer, 42, bundle, meanwhile=run)
+        event = activation(daemon, peer, NO_PROCESS, bundle, meanwhile=run)
         self.assertEqual(event["activationData"]["BundleID"], bundle)
         told = {process["ProcessName"] for process in event["processData"].values()}
         for name in names:
@@ -50,12 +50,12 @@ class HostileLaunchers(ScratchTest):
     def test_a_storm_of_begins_stays_small_and_every_timeout_fires(self):
         daemon = self.logging_daemon()
         peer = self.peer(daemon)
-        activation(daemon, peer, 1, "com.example.first")
+        activation(daemon, peer, NO_PROCESS, "com.example.first")
         before = resident_bytes(daemon)
 
         def refused():  # a busy machine may be so slow that the first ones are over meanwhile, and the log drops lines of a storm
-            for pid in range(1, STORM + 1):
-                begin(peer, pid, "com.example.storm")
+            for number in range(STORM):
+                begin(peer, NO_PROCESS + number, "com.example.storm")
             return "QVActivationStats: Too many activations at once, ignoring the begin of " in daemon.log()
 
         until(refused, "too many at once")
@@ -77,7 +77,7 @@ class HostileLaunchers(ScratchTest):
         until(over, "the last timeout")
         if not SANITIZED:
             self.assertLess(resident_bytes(daemon) - before, 8 << 20, "memory that a burst took is given back")
-        activation(daemon, peer, 1, "com.example.after")
+        activation(daemon, peer, NO_PROCESS, "com.example.after")
 
 
 if __name__ == "__main__":

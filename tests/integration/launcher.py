@@ -5,6 +5,8 @@ import sys
 
 from dbus_peer import Int64
 
+# No process has this pid, or a larger one (proc(5), pid_max): anybody may announce it.
+NO_PROCESS = 1 << 22
 FOREGROUND = 1
 LAUNCH = 1
 LOGGING = {"domain": "com.corvix.quorvel", "QuorvelEnableAppActivationLogging": True}

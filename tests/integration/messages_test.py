@@ -5,6 +5,7 @@ import subprocess
 import unittest
 
 from dbus_peer import Fd, Int64, Uint64
+from launcher import NO_PROCESS
 from scratch import Region, ScratchTest, TICKS_PER_SECOND, ticks
 from waiting import PATIENCE
 
@@ -27,14 +28,14 @@ class StockTools(ScratchTest):
         self.busctl(daemon, "command", "x", "3", "startTime", "x", "1", "endTime", "x", "2", "name", "s", "Busy",
                     "saveReport", "b", "true")
         daemon.wait_for("Got hang detected message for a pid we're not monitoring: ")
-        self.busctl(daemon, "command", "x", "4", "pid", "x", "42", "bundle-id", "s", "com.example.viewer", "startTime", "t",
-                    "7", "app-activation-state", "x", "1", "app-activation-type", "x", "1")
-        daemon.wait_for("QVActivationStats: ActivationBegin Command: Pid:42 BundleID:com.example.viewer StartTime:7 "
+        self.busctl(daemon, "command", "x", "4", "pid", "x", str(NO_PROCESS), "bundle-id", "s", "com.example.viewer",
+                    "startTime", "t", "7", "app-activation-state", "x", "1", "app-activation-type", "x", "1")
+        daemon.wait_for(f"QVActivationStats: ActivationBegin Command: Pid:{NO_PROCESS} BundleID:com.example.viewer StartTime:7 "
                         "IPXStartTime:0 Foreground:1 ActivationType:1")
-        daemon.wait_for("QVActivationStats: com.example.viewer[42] activation begin (launch)")
-        self.busctl(daemon, "command", "x", "5", "pid", "x", "42", "bundle-id", "s", "com.example.viewer", "endTime", "t",
-                    "9", "app-activation-result", "x", "3")
-        daemon.wait_for("QVActivationStats: ActivationEnd Command: Pid:42 BundleID:com.example.viewer EndTime:9 "
+        daemon.wait_for(f"QVActivationStats: com.example.viewer[{NO_PROCESS}] activation begin (launch)")
+        self.busctl(daemon, "command", "x", "5", "pid", "x", str(NO_PROCESS), "bundle-id", "s", "com.example.viewer",
+                    "endTime", "t", "9", "app-activation-result", "x", "3")
+        daemon.wait_for(f"QVActivationStats: ActivationEnd Command: Pid:{NO_PROCESS} BundleID:com.example.viewer EndTime:9 "
                         "Foreground:0 ActivationResult:3")
         self.busctl(daemon, "command", "x", "6", "name", "x", "5", "startTime", "x", "100")
         daemon.wait_for("QVFenceTracking: Fence begin")
@@ -48,10 +49,10 @@ class StockTools(ScratchTest):
         self.gdbus(daemon, "{'command': <int64 2>}")
         self.gdbus(daemon, "{'command': <int64 3>, 'startTime': <int64 1>, 'endTime': <int64 2>, 'saveReport': <false>}")
         daemon.wait_for("Got hang detected message for a pid we're not monitoring: ")
-        self.gdbus(daemon, "{'command': <int64 4>, 'pid': <int64 43>, 'bundle-id': <'com.example.mail'>}")
-        daemon.wait_for("QVActivationStats: com.example.mail[43] activation begin (resume)")
-        self.gdbus(daemon, "{'command': <int64 5>, 'pid': <int64 43>, 'bundle-id': <'com.example.mail'>}")
-        daemon.wait_for("QVActivationStats: com.example.mail[43] activation end")
+        self.gdbus(daemon, f"{{'command': <int64 4>, 'pid': <int64 {NO_PROCESS}>, 'bundle-id': <'com.example.mail'>}}")
+        daemon.wait_for(f"QVActivationStats: com.example.mail[{NO_PROCESS}] activation begin (resume)")
+        self.gdbus(daemon, f"{{'command': <int64 5>, 'pid': <int64 {NO_PROCESS}>, 'bundle-id': <'com.example.mail'>}}")
+        daemon.wait_for(f"QVActivationStats: com.example.mail[{NO_PROCESS}] activation end")
         self.gdbus(daemon, "{'command': <int64 6>, 'name': <int64 5>, 'startTime': <int64 1>}")
         daemon.wait_for("QVFenceTracking: Fence begin")
         self.gdbus(daemon, "{'command': <int64 7>, 'name': <int64 8>, 'endTime': <int64 1>}")

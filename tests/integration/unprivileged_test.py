@@ -34,12 +34,12 @@ class Unprivileged(ScratchTest):
         daemon.post("com.corvix.quorvel.pref_changed")
         daemon.wait_for("Process table: read through")  # ahead of any launch
         peer = self.peer(daemon)
-        first = activation(daemon, peer, 42, "com.example.viewer")
+        first = activation(daemon, peer, os.getpid(), "com.example.viewer")
         daemon.post("com.corvix.quorvel.pref_changed")
         daemon.wait_for("App Activation Logging Enabled", count=2)
         busy = Busy(b"quorvel-busy")
         self.addCleanup(busy.close)
-        second = activation(daemon, peer, 43, "com.example.mail")
+        second = activation(daemon, peer, os.getpid(), "com.example.mail")
         self.assertEqual(second["activationData"]["BundleID"], "com.example.mail")
         self.assertGreater(second["vmData"]["2"]["FreeQueue"], 0)
         names = {process["ProcessName"]

@@ -158,8 +158,16 @@ Dump dumpBy(const Library& library, const char* reason, bool symbolicate) {
   return dump;
 }
 
-Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate) {
+Dump dumpOnceOf(pid_t pid, int64_t threadId, bool symbolicate) {
   return dumpWith(headerOf(pid, threadId).dump().c_str(), symbolicate);
+}
+Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate) {
+  Dump dump = dumpOnceOf(pid, threadId, symbolicate);
+  const auto wasCutShort = [&] {
+    return dump.text.find("the kernel held up the capture") != std::string::npos;
+  };
+  for (int more = 0; more < 4 && wasCutShort(); more++) dump = dumpOnceOf(pid, threadId, symbolicate);
+  return dump;
 }
 
 bool isShortOfCpu() {

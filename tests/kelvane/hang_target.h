@@ -79,6 +79,9 @@ bool isShortOfCpu();
 /// Makes a report through the library into a fresh file; null text: no ReasonString option.
 Dump dumpWith(const char* reason, bool symbolicate = true);
 Dump dumpBy(const Library& library, const char* reason, bool symbolicate = true);
+Dump dumpOnceOf(pid_t pid, int64_t threadId, bool symbolicate = true);
+/// The same of a process that nothing holds up: anew, some times, where a machine with other work has left
+/// the look less of its time than it takes.
 Dump dumpOf(pid_t pid, int64_t threadId, bool symbolicate = true);
 
 /// How many descriptors this process has, one for looking included.

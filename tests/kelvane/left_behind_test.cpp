@@ -58,7 +58,7 @@ std::vector<pid_t> captureProcesses() {
 TEST(LeftBehind, AProcessThatWaitsInAFrozenFileStillHasStacks) {
   FrozenTargets frozen("waits-in-file", {kRoot});
   if (!frozen.problem().empty()) GTEST_SKIP() << frozen.problem();
-  const Dump held = dumpOf(frozen.pid(0), frozen.thread(0));
+  const Dump held = dumpOnceOf(frozen.pid(0), frozen.thread(0));
   EXPECT_TRUE(held.whole);
   EXPECT_LT(held.took, kelvane::kReportBudget);
   EXPECT_NE(held.whyLeftOut("process").find("the kernel held up"), std::string::npos);
@@ -75,7 +75,7 @@ TEST(LeftBehind, AFrozenProcessCostsItsOwnReportsAlone) {
   // Who waits for what the kernel holds up takes the whole budget more than a report takes on this machine.
   const auto waiting = before.took + kelvane::kCaptureBudget;
   const size_t descriptors = settledDescriptors(victim);
-  const Dump held = dumpOf(frozen.pid(0), frozen.thread(0));
+  const Dump held = dumpOnceOf(frozen.pid(0), frozen.thread(0));
   EXPECT_TRUE(held.whole);
   EXPECT_LT(held.took, kelvane::kReportBudget);
   EXPECT_NE(held.whyLeftOut("process").find("the kernel held up"), std::string::npos);
@@ -90,7 +90,7 @@ TEST(LeftBehind, AFrozenProcessCostsItsOwnReportsAlone) {
   EXPECT_LT(other.took, waiting);
   EXPECT_EQ(other.whyLeftOut("process"), "");
   EXPECT_TRUE(contains(other.stackOf(victim.thread()), "waitsInRead"));
-  const Dump again = dumpOf(frozen.pid(0), frozen.thread(0));
+  const Dump again = dumpOnceOf(frozen.pid(0), frozen.thread(0));
   EXPECT_LT(again.took, waiting);
   EXPECT_NE(again.whyLeftOut("process").find("an earlier capture of it"), std::string::npos);
   EXPECT_EQ(captureProcesses().size(), 1u);
@@ -109,7 +109,7 @@ TEST(LeftBehind, TheCallersEndFreesItsLock) {
   const pid_t caller = fork();
   if (caller == 0) {
     const int lock = open(path.c_str(), O_RDWR | O_CREAT, 0600);  // without close-on-exec
-    _exit(flock(lock, LOCK_EX) == 0 && dumpOf(frozen.pid(0), frozen.thread(0)).whole ? 0 : 1);
+    _exit(flock(lock, LOCK_EX) == 0 && dumpOnceOf(frozen.pid(0), frozen.thread(0)).whole ? 0 : 1);
   }
   int status = 0;
   EXPECT_EQ(waitpid(caller, &status, 0), caller);
@@ -142,7 +142,7 @@ TEST(LeftBehind, ACrashOfParsingCostsStacksAndNotTheReport) {
       for (pid_t pid = 0; !isOver && !(pid > 0 && kill(pid, SIGXCPU) == 0); pid = parsingProcess())
         std::this_thread::sleep_for(1ms);
     });
-    dump = dumpOf(frozen.pid(0), frozen.thread(0));
+    dump = dumpOnceOf(frozen.pid(0), frozen.thread(0));
     isOver = true;
     crash.join();
     return dump.whyLeftOut("user stacks").find("ended by a signal (CPU time limit exceeded)") !=
@@ -168,7 +168,7 @@ TEST(LeftBehind, UsersHaveTheirShareOfCapturesThatAreHeldUp) {
     ofUser[status.st_uid].push_back(i);
   }
   const auto whyNot = [&](size_t index) {
-    return dumpOf(frozen.pid(index), frozen.thread(index)).whyLeftOut("process");
+    return dumpOnceOf(frozen.pid(index), frozen.thread(index)).whyLeftOut("process");
   };
   for (const uid_t user : {kRoot, kNobody}) {
     std::vector<std::thread> captures;
