@@ -59,6 +59,8 @@ void showReport(Context& context, const ShowArguments& arguments) {
   }
   if (!arguments.noSymbols) {
     Symbols symbols({}, arguments.allSymbols ? SymbolFiles::all : SymbolFiles::trusted);
+    if (!symbols.problem().empty())
+      std::fprintf(stderr, "quorvelctl: no function is named: %s\n", symbols.problem().c_str());
     nameFunctions(*report, symbols);
   }
   if (!arguments.html.empty()) {
@@ -80,6 +82,7 @@ void symbolicate(Context& context, const SymbolicateArguments& arguments) {
   const std::optional<std::string> text = readReport(context, path);
   if (!text) return;
   Symbols symbols(arguments.debugDirs, SymbolFiles::all);
+  if (!symbols.problem().empty()) return context.fail("no function can be named: " + symbols.problem());
   std::string error;
   const std::optional<NamedReport> named = nameReport(*text, symbols, error);
   if (!named) {

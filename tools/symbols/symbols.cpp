@@ -34,13 +34,10 @@ int findNoDebugInfo(Dwfl_Module*, void**, const char*, Dwarf_Addr, const char*, 
   return -1;
 }
 
-const Dwfl_Callbacks kCallbacks{dwfl_build_id_find_elf, findNoDebugInfo, dwfl_offline_section_address,
-                                nullptr};
-
-std::string buildIdOf(Dwfl_Module* module) {
+std::string buildIdOf(const DwflFunctions& dwfl, Dwfl_Module* module) {
   const unsigned char* bytes = nullptr;
   GElf_Addr address = 0;
-  const int length = dwfl_module_build_id(module, &bytes, &address);
+  const int length = dwfl.buildId(module, &bytes, &address);
   constexpr const char* kDigits = "0123456789abcdef";
   std::string text;
   for (int i = 0; i < length; ++i) {
@@ -149,10 +146,15 @@ std::string readable(std::string_view symbol, uint64_t& leftBytes) {
 }  // namespace
 
 Symbols::Symbols(std::vector<std::string> debugDirs, SymbolFiles which)
-    : debugDirs_(std::move(debugDirs)), which_(which), dwfl_(dwfl_begin(&kCallbacks)) {}
+    : debugDirs_(std::move(debugDirs)), which_(which), library_(DwflFunctions::load(problem_)) {
+  if (!library_) return;
+  callbacks_ = {library_->findElf, findNoDebugInfo, library_->sectionAddress, nullptr};
+  dwfl_ = library_->begin(&callbacks_);
+  if (!dwfl_) problem_ = "no memory";
+}
 
 Symbols::~Symbols() {
-  dwfl_end(dwfl_);
+  if (dwfl_) library_->end(dwfl_);
 }
 
 Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) {
@@ -163,16 +165,16 @@ Dwfl_Module* Symbols::open(const std::string& path, const std::string& buildId) 
   GElf_Addr bias = 0;
   {
     const MemoryBound mapsTheFile(leftBytes_, leftBytes_, sizeBytes);
-    dwfl_report_begin_add(dwfl_);
-    module = dwfl_report_offline(dwfl_, path.c_str(), path.c_str(), file);
-    dwfl_report_end(dwfl_, nullptr, nullptr);
+    library_->beginAdding(dwfl_);
+    module = library_->addFile(dwfl_, path.c_str(), path.c_str(), file);
+    library_->endAdding(dwfl_, nullptr, nullptr);
     if (!module) ::close(file);  // else it is the library's
-    if (!module || !dwfl_module_getelf(module, &bias)) return nullptr;
+    if (!module || !library_->elf(module, &bias)) return nullptr;
   }
-  if (buildIdOf(module) != buildId) return nullptr;
+  if (buildIdOf(*library_, module) != buildId) return nullptr;
   // A stripped file may have its symbols in a compressed section. Tried once, they are there or are not.
   const MemoryBound readsTheSymbols(leftBytes_, leftBytes_, 0);
-  dwfl_module_getsymtab(module);
+  library_->symbolTable(module);
   return module;
 }
 
@@ -188,8 +190,8 @@ const std::vector<Dwfl_Module*>& Symbols::filesOf(const ReportFrame& frame) {
 std::string Symbols::nameOf(const ReportFrame& frame) {
   for (Dwfl_Module* module : filesOf(frame)) {
     GElf_Addr bias = 0;
-    if (!dwfl_module_getelf(module, &bias)) continue;
-    if (const char* symbol = dwfl_module_addrname(module, frame.offset + bias))
+    if (!library_->elf(module, &bias)) continue;
+    if (const char* symbol = library_->nameAt(module, frame.offset + bias))
       return readable(symbol, leftBytes_);
   }
   return {};

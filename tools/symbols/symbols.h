@@ -1,7 +1,5 @@
 #pragma once
 
-#include <elfutils/libdwfl.h>
-
 #include <cstdint>
 #include <map>
 #include <string>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "tools/report/report.h"
+#include "tools/symbols/dwfl_functions.h"
 
 namespace quorvelctl {
 
@@ -36,6 +35,9 @@ class Symbols {
   /// Demangled; empty when there is no such file or no symbol.
   std::string nameOf(const ReportFrame& frame);
 
+  /// Why nothing can be named; empty: it can.
+  const std::string& problem() const { return problem_; }
+
   /// Whether a file with the frame's build id was found.
   bool hasFileOf(const ReportFrame& frame) { return !filesOf(frame).empty(); }
 
@@ -45,7 +47,10 @@ class Symbols {
 
   std::vector<std::string> debugDirs_;
   const SymbolFiles which_;
-  Dwfl* dwfl_;
+  std::string problem_;
+  const DwflFunctions* library_;
+  Dwfl_Callbacks callbacks_{};  ///< of dwfl_, which keeps only where they are
+  Dwfl* dwfl_ = nullptr;        ///< null: there is a problem
   /// What all files and names together may take yet, beside the files' mappings. Symbols of the largest
   /// programs unpack to some ten megabytes.
   uint64_t leftBytes_ = uint64_t{256} << 20;

@@ -177,6 +177,21 @@ TEST_F(Command, OutputThatIsCutOffIsAFailure) {
   }
 }
 
+TEST_F(Command, OnlyWhoNamesFunctionsLoadsWhatNamesThem) {
+  writeReport("a", "lock", 2000, "viewer", "worker", "one");
+  write("/broken/libdw.so.1", "no library");
+  setenv("LD_LIBRARY_PATH", (root_ + "/broken").c_str(), 1);
+  EXPECT_EQ(run("reports list"), 0) << output_;
+  EXPECT_EQ(run("reports show --no-symbols"), 0);
+  EXPECT_EQ(output_.find("libdw"), std::string::npos) << output_;
+  EXPECT_EQ(run("reports show"), 0);
+  EXPECT_NE(output_.find("quorvelctl: no function is named: "), std::string::npos) << output_;
+  EXPECT_NE(output_.find("worker"), std::string::npos) << output_;
+  EXPECT_EQ(run("reports symbolicate a.kelvane"), 1);
+  EXPECT_NE(output_.find("libdw.so.1"), std::string::npos) << output_;
+  unsetenv("LD_LIBRARY_PATH");
+}
+
 TEST_F(Command, ReportsAreRemovedOnlyOnceTheirLinesAreOnTheDisk) {
   const std::string spool = "/var/root/Library/Caches/quorveld/spool/";
   write(spool + "a.kelvane", R"({"metadata":{"ServiceName":"MainThread","ProcessPath":"/bin/viewer"}})");
