@@ -2,6 +2,7 @@
 import json
 import os
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -126,6 +127,19 @@ class Launches(ScratchTest):
         subprocess.run(["systemd-notify", "--ready"], env={**os.environ, "NOTIFY_SOCKET": address}, check=True)
         process.communicate("end\n", timeout=PATIENCE)
         self.assertEqual(self.recorded(daemon, 7)[-1]["result"], 6)
+
+    def test_what_the_command_says_of_itself_reaches_who_started_it(self):
+        daemon = self.recording()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(str(daemon.root / "manager"))
+            manager.settimeout(PATIENCE)
+            environment = {**daemon.environment(), "NOTIFY_SOCKET": str(daemon.root / "manager")}
+            script = "systemd-notify --status=rising; echo $NOTIFY_SOCKET; cat"
+            process = subprocess.Popen([CTL, "launch", "a", "--", "sh", "-c", script], env=environment, text=True,
+                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            self.addCleanup(process.kill)
+            self.assertEqual(manager.recv(100), b"STATUS=rising")
+            self.assertNotIn(str(daemon.root), process.communicate(timeout=PATIENCE)[0])
 
     def test_what_is_not_recorded_is_said_and_not_waited_for(self):
         daemon = self.recording(QuorvelAppActivationLoggingMaxActivationCount=1)

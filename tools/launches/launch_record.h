@@ -38,11 +38,12 @@ class LaunchRecord {
  public:
   enum class Outcome {
     recorded,
-    leftOut,  ///< `reason` says why
+    leftOut,     ///< `reason` says why
+    noneIsMade,  ///< as far as the preferences tell
     noWord,
   };
 
-  /// Looks at what the daemon writes from now on.
+  /// Looks at what the daemon writes from now on. Keeps `context`.
   explicit LaunchRecord(const Context& context);
 
   /// No longer than the connection to the daemon lasts. For the activation of `pid` that began at `startMs`
@@ -54,6 +55,7 @@ class LaunchRecord {
  private:
   Outcome look(int32_t pid, uint64_t startMs, uint64_t endMs);
 
+  const Context& context_;
   AppendedLines records_;
   AppendedLines leftOut_;
   std::string reason_;
