@@ -150,13 +150,13 @@ CpuStatisticsPtr delta_cpu_statistics(cpu_statistics* start, cpu_statistics* end
     log.standard("QVActivationStats: delta_cpu_statistics: Failed to allocate memory for output\n");
     return nullptr;
   }
-  const size_t capacity = std::max<size_t>(startTasks.size() + endTasks.size(), 1);
-  output->tasks = static_cast<task_statistics*>(std::calloc(capacity, sizeof(task_statistics)));
+  const std::vector<Pair> pairs = pairsOf(startTasks, endTasks);
+  output->tasks =
+      static_cast<task_statistics*>(std::calloc(std::max<size_t>(pairs.size(), 1), sizeof(task_statistics)));
   if (!output->tasks) {
     log.standard("QVActivationStats: delta_cpu_statistics: Failed to allocate memory for tasks\n");
     return nullptr;
   }
-  const std::vector<Pair> pairs = pairsOf(startTasks, endTasks);
   std::vector<platform::SortKey> order(pairs.size());
   for (uint32_t i = 0; i < pairs.size(); ++i) order[i] = {static_cast<uint32_t>(pairs[i].userTime()), i};
   sortByUserTime(order);

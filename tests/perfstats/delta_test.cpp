@@ -137,7 +137,7 @@ TEST_F(DeltaTest, IsEmptyForEmptyInputsAndNullForFailures) {
   EXPECT_EQ(delta_cpu_statistics(end.get(), end.get()), nullptr);
   EXPECT_TRUE(world.logs.has(
       LogLevel::standard, "QVActivationStats: delta_cpu_statistics: Failed to allocate memory for output\n"));
-  failCalloc(2 * sizeof(task_statistics));
+  failCalloc(sizeof(task_statistics));
   EXPECT_EQ(delta_cpu_statistics(end.get(), end.get()), nullptr);
   EXPECT_TRUE(world.logs.has(
       LogLevel::standard, "QVActivationStats: delta_cpu_statistics: Failed to allocate memory for tasks\n"));
