@@ -1,5 +1,7 @@
 #pragma once
 
+#include <elfutils/libdwfl.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
