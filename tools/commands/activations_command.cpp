@@ -12,6 +12,7 @@
 #include "tools/commands/output_file.h"
 #include "tools/launches/activation.h"
 #include "tools/launches/activation_text.h"
+#include "tools/launches/launch_record.h"
 #include "tools/launches/launches_by_app.h"
 #include "tools/page/launches_html.h"
 
@@ -76,14 +77,15 @@ void showActivations(Context& context, const ActivationArguments& arguments) {
     std::fputs(jsonText(json).c_str(), stdout);
     return;
   }
-  if (reader.activations().empty())
-    std::puts("no activation recorded yet; QuorvelEnableAppActivationLogging has the daemon record them");
+  if (reader.activations().empty()) std::puts("no activation recorded yet");
   const auto pageBytes = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
   bool first = true;
   for (const Activation& activation : shown) {
     std::printf("%s%s", first ? "" : "\n", activationText(activation, pageBytes).c_str());
     first = false;
   }
+  if (const std::string reason = whyNoneIsRecorded(context); !reason.empty())
+    std::printf("%snone is recorded now: %s\n", first ? "" : "\n", reason.c_str());
 }
 
 }  // namespace

@@ -60,8 +60,6 @@ const CLI::App& commandOf(const CLI::App& app) {
 
 /// What to say where one of `known` was to follow.
 std::string unknownText(const std::vector<std::string>& unknown, const std::vector<const CLI::App*>& known) {
-  if (!unknown.empty() && unknown.front().starts_with('-'))
-    return "there is no option \"" + printable(unknown.front()) + '"';
   std::string text =
       unknown.empty() ? "which command?" : "there is no command \"" + printable(unknown.front()) + "\";";
   for (const CLI::App* each : known)
@@ -69,12 +67,26 @@ std::string unknownText(const std::vector<std::string>& unknown, const std::vect
   return text;
 }
 
+/// What to say of an argument that `command` doesn't take.
+std::string extraText(const std::string& extra, const CLI::App& command) {
+  const std::string quoted = '"' + printable(extra) + '"';
+  if (command.get_name() == "launch") return "the command to launch stands behind \"--\", not so " + quoted;
+  return quoted + " is one argument too many";
+}
+
 /// What is wrong with the command line, on one line that begins like every other error.
 std::string wrongUsage(const CLI::App* app, const CLI::Error& error) {
   const CLI::App& command = commandOf(*app);
   const auto known = command.get_subcommands([](const CLI::App*) { return true; });
-  const bool wantsCommand = error.get_name() == "RequiredError" && !known.empty();
-  const std::string text = wantsCommand ? unknownText(app->remaining(true), known) : error.what();
+  const std::vector<std::string> extra = app->remaining(true);
+  const auto option = std::ranges::find_if(extra, [](const auto& each) { return each.starts_with('-'); });
+  std::string text = error.what();
+  if (option != extra.end())
+    text = "there is no option \"" + *option + '"';
+  else if (error.get_name() == "RequiredError" && !known.empty())
+    text = unknownText(extra, known);
+  else if (!extra.empty())
+    text = extraText(extra.front(), command);
   std::string path;
   for (const CLI::App* each = &command; each; each = each->get_parent()) path = each->get_name() + ' ' + path;
   return "quorvelctl: " + printable(text) + "; see " + path + "--help\n";

@@ -41,15 +41,17 @@ std::optional<bool> stored(const std::string& path, const std::string& key, cons
 
 }  // namespace
 
-bool activationsAreRecorded(const Context& context) {
+std::string whyNoneIsRecorded(const Context& context) {
   const std::string preferences = context.path("/var/mobile/Library/Preferences/");
   const std::string managed = context.path("/Library/Managed Preferences/mobile/.GlobalPreferences.plist");
   const std::string logging = "QuorvelEnableAppActivationLogging";
   const std::string slow = "QuorvelSlowActKelvanesEnabled";  // instead of them
-  const bool on = stored(preferences + "com.corvix.quorvel.plist", logging, logging).value_or(false);
+  if (!stored(preferences + "com.corvix.quorvel.plist", logging, logging).value_or(false))
+    return logging + " is not set";
   const auto slowOwn = stored(preferences + "com.corvix.telvo.plist", slow, slow);
   const auto slowManaged = stored(managed, slow, "QVProfile." + slow);
-  return on && !slowManaged.value_or(slowOwn.value_or(false));
+  if (!slowManaged.value_or(slowOwn.value_or(false))) return {};
+  return "with " + slow + " those that are slow leave a report instead";
 }
 
 AppendedLines::AppendedLines(std::string path) : path_(std::move(path)) {
@@ -121,7 +123,7 @@ LaunchRecord::Outcome LaunchRecord::await(int32_t pid, uint64_t startMs, uint64_
   for (;;) {
     const Outcome outcome = look(pid, startMs, endMs);
     if (outcome == Outcome::noWord && !isMade) {  // read while the daemon is at work
-      isMade = activationsAreRecorded(context_);
+      isMade = whyNoneIsRecorded(context_).empty();
       if (!isMade) return Outcome::noneIsMade;
       continue;
     }

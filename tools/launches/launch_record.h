@@ -13,8 +13,8 @@
 
 namespace quorvelctl {
 
-/// Whether the daemon records activations, as far as its preferences tell.
-bool activationsAreRecorded(const Context& context);
+/// Why the daemon records no activations, as far as its preferences tell; empty: it does.
+std::string whyNoneIsRecorded(const Context& context);
 
 /// Reads the whole lines that are appended to a file from its owner's beginning on, each once. A file that
 /// takes its place is read from its beginning on, after the rest of the one before.

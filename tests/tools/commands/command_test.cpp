@@ -119,6 +119,14 @@ TEST_F(Command, WrongUsageIsTwoAndChangesNothing) {
   EXPECT_EQ(
       output_,
       "quorvelctl: there is no command \"st\"; there are list, get, set, unset; see quorvelctl prefs --help\n");
+  for (const auto& [arguments, said] :
+       {std::pair{"launch a true", "the command to launch stands behind \"--\""},
+        {"launch -b a true", "there is no option \"-b\""},
+        {"reports --none", "there is no option \"--none\""},
+        {"reports list one", "\"one\" is one argument too many; see quorvelctl reports list --help"}}) {
+    EXPECT_EQ(run(arguments), 2);
+    EXPECT_NE(output_.find(said), std::string::npos) << output_;
+  }
 
   EXPECT_TRUE(std::filesystem::is_empty(root_));
   for (const char* arguments :
@@ -135,6 +143,16 @@ TEST_F(Command, WhereNothingIsYetThereIsASentenceAndNoFailure) {
   }
   EXPECT_EQ(run("reports list --json"), 0);
   EXPECT_EQ(output_, "[]\n");
+  const auto toldOfActivations = [this](const char* text) {
+    EXPECT_EQ(run("activations"), 0);
+    EXPECT_NE(output_.find(text), std::string::npos) << output_;
+  };
+  toldOfActivations("none is recorded now: QuorvelEnableAppActivationLogging is not set\n");
+  EXPECT_EQ(run("prefs set QuorvelEnableAppActivationLogging true"), 0);
+  toldOfActivations("no activation recorded yet\n");
+  EXPECT_EQ(output_.find("now"), std::string::npos);
+  EXPECT_EQ(run("prefs set QuorvelSlowActKelvanesEnabled true"), 0);
+  toldOfActivations("QuorvelSlowActKelvanesEnabled");
   for (const char* what : {"reports", "memory"}) {
     EXPECT_EQ(run(std::string(what) + " show --html " + root_ + "/page.html"), 1)
         << "there is no page to show for it";
