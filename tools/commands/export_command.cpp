@@ -90,6 +90,7 @@ void addExportCommand(CLI::App& reports, Context& context) {
   CLI::Option* out = command->add_option("-o,--output", arguments->out,
                                          "Append the lines to this file; standard output if not given");
   out->type_name("OUT");
+  command->add_flag("--ndjson")->description("One object a line: the only form, for scripts to say so");
   command->add_option("--device", arguments->device, "What the lines call this device")
       ->capture_default_str()
       ->type_name("NAME");

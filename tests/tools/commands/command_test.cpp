@@ -221,7 +221,7 @@ TEST_F(Command, ReportsAreRemovedOnlyOnceTheirLinesAreOnTheDisk) {
     EXPECT_EQ(run(std::string("reports export --delete-after -o ") + bad), 1);
     EXPECT_TRUE(std::filesystem::exists(root_ + spool + "a.kelvane"));
   }
-  EXPECT_EQ(run("reports export --since 1d --device d7 -o " + out), 0) << output_;
+  EXPECT_EQ(run("reports export --since 1d --ndjson --device d7 -o " + out), 0) << output_;
   std::ofstream(out, std::ios::app) << R"({"device":"of one who was killed)";
   EXPECT_EQ(run("reports export --delete-after --device d7 -o " + out), 0) << output_;
   const std::string lines = contents("/lines");
