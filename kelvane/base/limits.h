@@ -96,7 +96,7 @@ inline constexpr size_t kKeptBuffers = 2;
 
 // Where threads with pending operations are.
 
-/// Threads that are sampled at a time, and those among them of one user; the longest pending first.
+/// Threads that are sampled at a time, and those among them of one user.
 inline constexpr size_t kMaxSampledThreads = 8;
 inline constexpr size_t kMaxSampledThreadsOfUser = 4;
 /// Of its CPU time, and at how many of its leaves from the CPU between two collections at most: each sample
@@ -114,7 +114,8 @@ inline constexpr size_t kMaxClockMarks = 128;
 inline constexpr size_t kMaxSamplesBytes = size_t{4} * 1024 * 1024;
 /// How long beginning with a thread may take; it is held up while its process executes a program.
 inline constexpr std::chrono::milliseconds kBeginWait{100};
-/// The sampler ends without orders. They come with the daemon's hang checks, every 5 or 6 seconds.
+/// The sampler ends without orders. They come with the daemon's hang checks, every 5 or 6 seconds, and as
+/// often of a launch.
 inline constexpr std::chrono::milliseconds kOrdersWait{15'000};
 /// How long the look at a process waits for its samples.
 inline constexpr std::chrono::milliseconds kSamplesWait{200};

@@ -135,6 +135,18 @@ std::optional<CpuSwitch> cpuSwitch(std::span<const std::byte> record) {
   return change;
 }
 
+std::optional<ProgramChange> programChange(std::span<const std::byte> record) {
+  constexpr size_t kTimeAndId = 2 * sizeof(uint64_t);
+  RecordReader in(record);
+  perf_event_header header{};
+  if (!in.take(header) || record.size() < sizeof header + kTimeAndId) return std::nullopt;
+  const bool isExecution = header.type == PERF_RECORD_COMM && (header.misc & PERF_RECORD_MISC_COMM_EXEC) != 0;
+  if (!isExecution && header.type != PERF_RECORD_EXIT) return std::nullopt;
+  ProgramChange change{0, !isExecution};
+  RecordReader(record.last(kTimeAndId)).take(change.atNs);
+  return change;
+}
+
 std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint64_t switchId) {
   RecordReader in(record);
   ThreadSample sample;

@@ -27,6 +27,9 @@ namespace kelvane {
 //   header      type 4, misc 2, size 2
 //   time        8   CLOCK_MONOTONIC
 //   id          8
+//
+// When it gets another name, be it that the process executes a program (`misc` says so), and when it ends,
+// there are further ones, which end in the same time and id.
 
 /// PERF_SAMPLE_REGS_USER's mask of this machine; 0: not known here.
 uint64_t userRegistersMask();
@@ -69,6 +72,12 @@ struct ThreadSample {
   StackCopy stack;
 };
 
+/// What makes an end of what was before it.
+struct ProgramChange {
+  uint64_t atNs = 0;   // CLOCK_MONOTONIC
+  bool isEnd = false;  // of the thread; else its process has executed another program
+};
+
 using RecordBytes = std::vector<std::byte>;
 
 /// The whole records that a ring of `ring.size()` bytes, a power of two, holds between `head` and `previous`,
@@ -80,6 +89,9 @@ std::optional<SampleTimes> sampleTimes(std::span<const std::byte> record, uint64
 
 /// Nothing if the record is something else or too short.
 std::optional<CpuSwitch> cpuSwitch(std::span<const std::byte> record);
+
+/// Nothing if the record is something else or too short.
+std::optional<ProgramChange> programChange(std::span<const std::byte> record);
 
 /// A whole sample; nothing if a length in it leads out of the record, or it is not of a 64-bit program.
 std::optional<ThreadSample> parseSample(std::span<const std::byte> record, uint64_t switchId);

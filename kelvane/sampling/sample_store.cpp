@@ -8,6 +8,10 @@
 namespace kelvane {
 void SampleStore::add(RecordBytes record, uint64_t switchId) {
   if (const auto change = cpuSwitch(record)) return note(*change);
+  if (const auto change = programChange(record)) {
+    (change->isEnd ? endedNs_ : executedNs_) = change->atNs;
+    return;
+  }
   auto times = sampleTimes(record, switchId);
   if (!times || (!kept_.empty() && times->atNs < kept_.back().times.atNs)) return;
   times->preemptedNs = preemptedNs(times->atNs);

@@ -22,9 +22,13 @@ class SampleStore {
   };
 
   /// Records come in the order of their times. A sample that doesn't is dropped, and so is whatever is
-  /// neither a sample nor a switch.
+  /// none of those above.
   void add(RecordBytes record, uint64_t switchId);
   const std::vector<Kept>& kept() const { return kept_; }
+  /// When the process last executed another program: older samples are of one that has gone. 0: it hasn't.
+  uint64_t executedNs() const { return executedNs_; }
+  /// When the thread ended; 0: it hasn't.
+  uint64_t endedNs() const { return endedNs_; }
   /// SampleTimes::preemptedNs at `atNs`, after all records added.
   uint64_t preemptedNs(uint64_t atNs) const;
 
@@ -36,6 +40,8 @@ class SampleStore {
   std::optional<CpuSwitch> left_;  // it has not been given a CPU since
   bool isOfSample_ = false;   // the last sample is of that leave, or of the one that will be told of next
   uint64_t preemptedNs_ = 0;  // without the one that may be going on
+  uint64_t executedNs_ = 0;
+  uint64_t endedNs_ = 0;
 };
 
 }  // namespace kelvane

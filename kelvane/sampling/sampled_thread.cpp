@@ -74,14 +74,16 @@ int SampledThread::open() {
   perf_event_attr switches = eventOf(PERF_COUNT_SW_CONTEXT_SWITCHES);
   switches.sample_period = 1;
   switches.context_switch = 1;
+  switches.comm = 1;  // and the thread's end
   switches.sample_id_all = 1;
   switches_ = openEvent(switches, tid_, clock_.get());
   if (!switches_ || ioctl(switches_.get(), PERF_EVENT_IOC_ID, &switchId_) != 0) return errno;
   // The number may have passed to another process's thread before the events were there: nothing has been
   // counted of that one yet. What it is now it was then, or those are events of a thread that has ended.
   if (faccessat(process_.get(), taskPath(tid_, "stat").c_str(), F_OK, 0) != 0) return ESRCH;
-  startStack_ = currentStartStack();
-  if (startStack_ == 0) return ESRCH;
+  const auto stat = currentStat();
+  if (!stat || stat->startStack == 0) return ESRCH;
+  noteProgram(*stat);
   void* memory = mmap(nullptr, mappedBytes(), PROT_READ, MAP_SHARED, clock_.get(), 0);
   if (memory == MAP_FAILED) return errno;
   mapped_ = static_cast<std::byte*>(memory);
@@ -89,16 +91,34 @@ int SampledThread::open() {
       ioctl(clock_.get(), PERF_EVENT_IOC_ENABLE, PERF_IOC_FLAG_GROUP) != 0)
     return errno;
   markClocks();
-  return marks_.empty() ? EIO : 0;
+  if (marks_.empty()) return EIO;
+  noteFirstWait();
+  return 0;
 }
 
-uint64_t SampledThread::currentStartStack() const {
-  const auto stat = parseStat(readFileAt(process_.get(), "stat", kMaxProcFileBytes).text);
-  return stat ? stat->startStack : 0;
+std::optional<ProcStat> SampledThread::currentStat() const {
+  return parseStat(readFileAt(process_.get(), "stat", kMaxProcFileBytes).text);
 }
 
-bool SampledThread::isOfSameProgram() const {
-  return currentStartStack() == startStack_;
+void SampledThread::noteProgram(const ProcStat& stat) {
+  startTicks_ = stat.startTicks;
+  startStack_ = stat.startStack;
+  comm_ = stat.comm;
+}
+
+/// It leaves no sample, since it began before there were events.
+void SampledThread::noteFirstWait() {
+  const std::string channel =
+      readFileAt(process_.get(), taskPath(tid_, "wchan").c_str(), kMaxProcFileBytes).text;
+  const std::array<uint64_t, 3> clocks = readClocks();
+  const bool hasNotRun = clocks[1] == marks_.back().cpuNs && clocks[2] == marks_.back().switches;
+  if (hasNotRun && channel != "0") firstWait_ = channel;
+}
+
+bool SampledThread::goesOn() const {
+  const auto stat = currentStat();
+  const bool hasEnded = !stat || stat->startStack == 0;
+  return hasEnded || (stat->startStack == startStack_ && store_.endedNs() == 0);
 }
 
 SampledThread::~SampledThread() {
@@ -113,6 +133,10 @@ void SampledThread::collect() {
   for (RecordBytes& record : recordsSince(ring, head, readTo_)) store_.add(std::move(record), switchId_);
   readTo_ = head;
   ioctl(clock_.get(), PERF_EVENT_IOC_PAUSE_OUTPUT, 0);
+  if (store_.executedNs() != programNs_) {
+    programNs_ = store_.executedNs();
+    noteProgram(currentStat().value_or(ProcStat{.comm = comm_, .startTicks = startTicks_}));
+  }
   const uint64_t leftBefore = marks_.back().switches;
   markClocks();
   sampleEach(std::max<uint64_t>((marks_.back().switches - leftBefore) / kLeavesPerCollection, 1));
@@ -125,12 +149,21 @@ void SampledThread::sampleEach(uint64_t leaves) {
   period_ = leaves;
 }
 
+/// How many there are, the CPU clock, the switches; all 0 if they can't be read.
+std::array<uint64_t, 3> SampledThread::readClocks() const {
+  std::array<uint64_t, 3> clocks{};
+  if (read(clock_.get(), clocks.data(), sizeof clocks) != sizeof clocks) clocks = {};
+  return clocks;
+}
+
 void SampledThread::markClocks() {
+  // Of one that has ended there is a last mark, and nothing behind it.
+  const uint64_t endedNs = store_.endedNs();
+  if (endedNs != 0 && !marks_.empty() && marks_.back().atNs >= endedNs) return;
   ClockMark mark;
-  std::array<uint64_t, 3> counters{};  // how many, the CPU clock, the switches
-  const auto got = read(clock_.get(), counters.data(), sizeof counters);
-  mark.atNs = monotonicNs();
-  if (got != sizeof counters) return;
+  const std::array<uint64_t, 3> counters = readClocks();
+  mark.atNs = endedNs == 0 ? monotonicNs() : endedNs;
+  if (counters[0] == 0) return;
   mark.cpuNs = counters[1];
   mark.switches = counters[2];
   mark.preemptedNs = store_.preemptedNs(mark.atNs);
@@ -153,7 +186,11 @@ std::string SampledThread::encoded() const {
   WireWriter out;
   out.number(static_cast<uint64_t>(pid_));
   out.number(static_cast<uint64_t>(tid_));
+  out.number(startTicks_);
   out.number(startStack_);
+  out.text(comm_);
+  out.number(store_.executedNs());
+  out.text(firstWait_);
   out.number(switchId_);
   out.number(marks_.size());
   for (const ClockMark& mark : marks_) {
@@ -174,7 +211,11 @@ KeptSamples readKeptSamples(const std::string& bytes) {
   KeptSamples kept;
   kept.pid = static_cast<pid_t>(in.number());
   kept.tid = static_cast<pid_t>(in.number());
+  kept.startTicks = in.number();
   kept.startStack = in.number();
+  kept.comm = in.text();
+  kept.executedNs = in.number();
+  kept.firstWait = in.text();
   const uint64_t switchId = in.number();
   for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
     ClockMark mark;

@@ -2,14 +2,17 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "kelvane/base/proc_files.h"
+#include "kelvane/base/proc_text.h"
 #include "kelvane/sampling/sample_store.h"
 
 namespace kelvane {
@@ -31,8 +34,9 @@ class SampledThread {
   /// Keeps what the ring holds, which the kernel would overwrite sooner or later, and reads the clocks.
   void collect();
 
-  /// Whether the process still executes the program that it did when this began.
-  bool isOfSameProgram() const;
+  /// False if the events tell no more of what the process executes now: another one is to begin then. What is
+  /// kept of a thread that has ended stays.
+  bool goesOn() const;
 
   pid_t pid() const { return pid_; }
   int64_t threadId() const { return threadId_; }
@@ -43,8 +47,11 @@ class SampledThread {
   SampledThread(pid_t pid, int64_t threadId) : pid_(pid), threadId_(threadId) {}
   /// 0, or an errno value.
   int open();
-  /// Of the program that the process executes; 0 if it has ended.
-  uint64_t currentStartStack() const;
+  /// Of the program that the process executes; nothing if it has ended.
+  std::optional<ProcStat> currentStat() const;
+  void noteProgram(const ProcStat& stat);
+  void noteFirstWait();
+  std::array<uint64_t, 3> readClocks() const;
   void markClocks();
   void sampleEach(uint64_t leaves);
 
@@ -52,8 +59,12 @@ class SampledThread {
   const int64_t threadId_;
   pid_t tid_ = 0;
   UniqueFd process_;         // its directory in /proc
-  uint64_t startStack_ = 0;  // tells the program that it executed from a later one's
-  UniqueFd clock_;           // the group's leader, whose ring both write
+  uint64_t startTicks_ = 0;  // when the process was made
+  uint64_t startStack_ = 0;  // tells the program that it executes from an earlier one's
+  std::string comm_;
+  std::string firstWait_;
+  uint64_t programNs_ = 0;  // the SampleStore's executedNs of that program
+  UniqueFd clock_;          // the group's leader, whose ring both write
   UniqueFd switches_;
   uint64_t switchId_ = 0;
   uint64_t period_ = 1;  // how many leaves from the CPU make a sample
@@ -67,7 +78,13 @@ class SampledThread {
 struct KeptSamples {
   pid_t pid = 0;
   pid_t tid = 0;
+  uint64_t startTicks = 0;  // as ProcStat has them
   uint64_t startStack = 0;
+  std::string comm;
+  uint64_t executedNs = 0;  // older samples are of another program; 0: there was none
+  /// In what of the kernel the thread waited from the first mark to the first sample; empty: it did not wait
+  /// all the while, or that is not told.
+  std::string firstWait;
   std::vector<ClockMark> marks;
   std::vector<ThreadSample> samples;
 };

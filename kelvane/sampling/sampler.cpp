@@ -60,8 +60,8 @@ class Sampler {
     const auto isWanted = [&](const auto& thread) {
       return std::find(wanted.begin(), wanted.end(), nameOf(*thread)) != wanted.end();
     };
-    std::erase_if(threads_,
-                  [&](const auto& thread) { return !isWanted(thread) || !thread->isOfSameProgram(); });
+    collect();  // what tells of a program's execution
+    std::erase_if(threads_, [&](const auto& thread) { return !isWanted(thread) || !thread->goesOn(); });
     for (const PendingThread& thread : wanted) {
       if (!find(thread) && !begin(thread, socket)) return false;
     }

@@ -166,5 +166,23 @@ TEST(SampleStore, SwitchesTellWhoWaitedFromWhoWasPreemptedAndForHowLong) {
   EXPECT_EQ(store.kept()[1].times, second);
 }
 
+TEST(SampleStore, KnowsWhenAnotherProgramBeganAndWhenTheThreadEnded) {
+  SampleStore store;
+  const auto named = [&](uint64_t atNs, uint16_t misc) {
+    // The process and the thread, the name, the time, the id.
+    store.add(recordOf({0, 0x656d616e, 0, atNs, kSwitchId}, PERF_RECORD_COMM, misc), kSwitchId);
+  };
+  named(20, 0);
+  EXPECT_EQ(store.executedNs(), 0u) << "it only gave itself a name";
+  named(30, PERF_RECORD_MISC_COMM_EXEC);
+  EXPECT_EQ(store.executedNs(), 30u);
+  store.add(recordOf({1, 2, 90, 90, kSwitchId}, PERF_RECORD_FORK), kSwitchId);
+  store.add(recordOf({7}, PERF_RECORD_EXIT), kSwitchId);
+  EXPECT_EQ(store.endedNs(), 0u) << "a child of its own, and a record that is cut off";
+  store.add(recordOf({1, 2, 40, 40, kSwitchId}, PERF_RECORD_EXIT), kSwitchId);
+  EXPECT_EQ(store.endedNs(), 40u);
+  EXPECT_TRUE(store.kept().empty());
+}
+
 }  // namespace
 }  // namespace kelvane
