@@ -52,19 +52,20 @@ typedef struct kelvane_options {
 /* Writes one report into `fd`, from its start, and returns whether it is whole. Synchronous. */
 typedef bool (*kelvane_dump_function)(int fd, const kelvane_options* options);
 
-/* An operation that has been pending for a while: whose it is, and since when. */
+/* An operation that has been pending for a while, or a launch: whose it is, and since when. */
 typedef struct kelvane_pending {
   int32_t pid;
-  uint32_t uid;
-  uint64_t thread_id;   /* as the process calls it */
+  uint32_t uid;         /* who caused it: each user gets a part of what can be afforded at most */
+  uint64_t thread_id;   /* as the process calls it; 0: its main thread */
   uint64_t start_ticks; /* of 24 MHz */
 } kelvane_pending;
 
-/* Has the threads of these operations sampled, as many as it can afford, until the next call says otherwise;
- * a report of one of them then tells where it was. Optional: a library may lack it. Waits for no other
- * process than the one that it starts, and for that one only until it executes its program. Call it with a
- * count of 0, too, and again after that. Returns why no thread can be sampled on this machine, once, when
- * that has turned out, valid until the next call; else NULL. Called by the thread that dumps. */
+/* Has the threads of these operations sampled, as many as it can afford, the first of them first, until the
+ * next call says otherwise; a report of one of them then tells where it was. Optional: a library may lack it.
+ * Waits for no other process than the one that it starts, and for that one only until it executes its
+ * program. Call it with a count of 0, too, and again after that. Returns why no thread can be sampled on this
+ * machine, once, when that has turned out, valid until the next call; else NULL. Called by the thread that
+ * dumps. */
 typedef const char* (*kelvane_sample_function)(const kelvane_pending* pending, size_t count);
 
 /* A report's verdict in three words. Each text is NUL-terminated, and empty where it isn't known. */

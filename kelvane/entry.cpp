@@ -53,12 +53,13 @@ bool dump(int fd, const kelvane_options* options) {
   DumpRequest request = parseRequest(options);
   nameLaunch(launch, request);
   uid_t user = 0;
-  const std::string notLooking = request.pid ? leftBehind.whyNotLook(*request.pid, user) : "";
-  const UniqueFd samples =
-      request.pid ? sampler().requestSamples(*request.pid, request.threadId) : UniqueFd();
+  // A header of a launch names no thread, and so its process's first one.
+  const pid_t pid = request.launch ? request.launch->pid : request.pid.value_or(0);
+  const std::string notLooking = pid != 0 ? leftBehind.whyNotLook(pid, user) : "";
+  const UniqueFd samples = pid != 0 ? sampler().requestSamples(pid, request.threadId) : UniqueFd();
   CaptureProgram program(reason, argumentsOf(request, notLooking), samples.get());
   std::string failure = program.await();
-  leftBehind.add(request.pid.value_or(0), user, program);
+  leftBehind.add(pid, user, program);
   if (failure.empty()) failure = copyReport(program.report(), *file);
   if (!failure.empty()) {
     file.emplace(fd);

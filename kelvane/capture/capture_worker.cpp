@@ -18,6 +18,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/capture/exit_status.h"
 #include "kelvane/capture/findings.h"
+#include "kelvane/capture/sampled_stacks.h"
 #include "kelvane/capture/stack_parsing.h"
 #include "kelvane/sandbox/rights.h"
 
@@ -58,7 +59,8 @@ void CaptureWorker::look(pid_t parent, int ended) {
   setrlimit(RLIMIT_FSIZE, &nothing);
   try {
     StackParsing parsing(target_.symbolicate, look_, parsed_, {STDERR_FILENO, kLifeDescriptor, ended});
-    lookAtProcess(
+    const auto look = target_.samplesAlone ? lookAtLaunchSamples : lookAtProcess;
+    look(
         target_, [this](const ProcessCapture& part) { look_.publish(part); },
         [&](size_t number, const CopiedProcess& process, const Deadline& deadline) {
           parsing.run(number, process, deadline);

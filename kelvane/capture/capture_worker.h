@@ -13,9 +13,9 @@
 
 namespace kelvane {
 
-/// Runs lookAtProcess in a process of its own, which starts a further one for parsing (StackParsing), and one
-/// for each other process whose stacks it takes, one after the other: any may crash, or be held up by the
-/// kernel for good, and what has been found by then is there all the same.
+/// Runs lookAtProcess (or lookAtLaunchSamples) in a process of its own, which starts a further one for
+/// parsing (StackParsing), and one for each other process whose stacks it takes, one after the other: any may
+/// crash, or be held up by the kernel for good, and what has been found by then is there all the same.
 ///
 /// Both end with this process at the latest, unless the kernel holds them up. They keep no descriptor of this
 /// process's but the standard error output, kLifeDescriptor and kSamplesDescriptor. Only for a process that

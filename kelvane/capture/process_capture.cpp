@@ -11,7 +11,7 @@
 #include "kelvane/base/limits.h"
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
-#include "kelvane/capture/kernel_frames.h"
+#include "kelvane/capture/sampled_stacks.h"
 #include "kelvane/capture/surroundings.h"
 #include "kelvane/capture/wait_look.h"
 #include "kelvane/sampling/sampler.h"
@@ -153,23 +153,16 @@ class Look {
     if (!kept || kept->pid != target_.pid || kept->tid != hungThread_ ||
         kept->startStack != firstStat_.startStack)
       return;
+    std::erase_if(kept->samples, [&](const auto& one) { return one.times.atNs < kept->executedNs; });
     ProcessCapture part;
     part.clockMarks = std::move(kept->marks);
     publish_(part);
     // What the kernel copies doesn't say how the machine signs addresses.
     const uint64_t signatureBits =
         stacks.looks.empty() ? 0 : stacks.looks.front().copy.registers.signatureBits;
-    std::vector<std::vector<uint64_t>> chains;
-    for (ThreadSample& sample : kept->samples) {
-      sample.stack.registers.signatureBits = signatureBits;
-      // Where in the kernel it gave way to others is chance.
-      chains.push_back(sample.times.wasPreempted ? std::vector<uint64_t>() : sample.kernelAddresses);
-    }
-    int error = 0;
-    auto frames = kernelFrames(chains, error);
-    if (error != 0) leaveOut("kernel stacks of samples", errorText(error));
-    for (size_t i = 0; i < frames.size(); i++)
-      stacks.samples.push_back({std::move(kept->samples[i]), std::move(frames[i])});
+    for (ThreadSample& sample : kept->samples) sample.stack.registers.signatureBits = signatureBits;
+    stacks.samples =
+        copiedSamples(*kept, [this](const char* what, std::string why) { leaveOut(what, std::move(why)); });
   }
 
   std::vector<CopiedStack> copyAll() {

@@ -19,7 +19,8 @@ struct CaptureTarget {
   pid_t pid = 0;
   int64_t threadId = 0;
   bool symbolicate = false;
-  int samplesSocket = -1;  // over which the hung thread's samples come, if there are any; the caller's
+  int samplesSocket = -1;     // over which the hung thread's samples come, if there are any; the caller's
+  bool samplesAlone = false;  // nothing else is wanted (lookAtLaunchSamples)
 };
 
 struct CopiedStack {

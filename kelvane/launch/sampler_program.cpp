@@ -7,10 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
-#include <vector>
 
 #include "kelvane/base/packets.h"
 #include "kelvane/launch/arguments.h"
@@ -22,12 +20,9 @@ namespace {
 
 /// Clients say themselves how long they have been at it, so no user's take all places.
 SamplingOrder orderFor(std::span<const kelvane_pending> pending) {
-  std::vector<kelvane_pending> byAge(pending.begin(), pending.end());
-  std::sort(byAge.begin(), byAge.end(),
-            [](const kelvane_pending& a, const kelvane_pending& b) { return a.start_ticks < b.start_ticks; });
   SamplingOrder order;
   std::map<uint32_t, size_t> ofUser;
-  for (const kelvane_pending& one : byAge) {
+  for (const kelvane_pending& one : pending) {
     if (order.count == order.threads.size()) break;
     if (++ofUser[one.uid] > kMaxSampledThreadsOfUser) continue;
     order.threads[order.count++] = {one.pid, static_cast<int64_t>(one.thread_id)};

@@ -17,11 +17,12 @@ namespace kelvane {
 /// refused.
 class SamplerProgram {
  public:
-  /// Has the threads of these operations sampled, the longest pending first, and no others. Returns why
+  /// Has the threads of these operations sampled, the first of them first, and no others. Returns why
   /// nothing is sampled on this machine when that has turned out, once; else empty.
   std::string sample(std::span<const kelvane_pending> pending);
 
-  /// The end of a socket over which the samples of that thread come; none if there is no sampler.
+  /// The end of a socket over which the samples of that thread come (0: the main one); none if there is no
+  /// sampler.
   UniqueFd requestSamples(int64_t pid, int64_t threadId) const;
 
  private:

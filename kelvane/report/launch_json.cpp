@@ -13,6 +13,7 @@ void writeShare(JsonWriter& json, const PathShare& share) {
   json.member("threads", share.threads);
   json.member("doing", std::string_view(share.doing));
   json.memberMilliseconds("durationMs", share.ns);
+  if (!share.function.empty()) json.member("function", std::string_view(share.function));
 }
 
 void writePhases(JsonWriter& json, const std::vector<LaunchPhase>& phases) {
@@ -81,7 +82,7 @@ void writeLaunch(JsonWriter& json, const Launch& launch) {
   }
   json.member("recorded", launch.isRecorded);
   writePhases(json, launch.phases);
-  if (launch.isRecorded) {
+  if (launch.isRecorded || !launch.path.empty()) {
     json.key("followed");
     json.beginObject();
     json.member("tid", launch.followed.hungThread);
@@ -90,8 +91,8 @@ void writeLaunch(JsonWriter& json, const Launch& launch) {
     json.member("process", std::string_view(launch.followed.comm));
     json.endObject();
     writePath(json, launch.path);
-    writeProcesses(json, launch);
   }
+  if (launch.isRecorded) writeProcesses(json, launch);
   json.endObject();
 }
 

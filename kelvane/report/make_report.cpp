@@ -71,7 +71,8 @@ void judgeLaunch(const TickSpan& span, const Pressure& pressure, Report& report)
                           pressure,
                           std::move(look),
                           nsOfTicks(std::min(named.connected_ticks, span.end)),
-                          findProcess};
+                          findProcess,
+                          &report.process};
   if (evidence.fromNs >= toNs) return;
   auto [launch, verdict] = kelvane::judgeLaunch(evidence);
   report.launch = std::move(launch);
@@ -92,13 +93,15 @@ Report makeReport(DumpRequest asked, const std::string& notLooking) {
   const Surroundings before =
       request.pid ? readSurroundings(*request.pid, named == 0 ? *request.pid : named) : Surroundings{};
   std::optional<CaptureWorker> worker;
-  if (request.pid && notLooking.empty())
-    worker.emplace(CaptureTarget{*request.pid, request.threadId, request.symbolicate, kSamplesDescriptor});
+  const pid_t looked = request.launch ? request.launch->pid : request.pid.value_or(0);
+  if (looked != 0 && notLooking.empty())
+    worker.emplace(CaptureTarget{looked, request.threadId, request.symbolicate, kSamplesDescriptor,
+                                 /*samplesAlone=*/request.launch.has_value()});
   if (request.hang) report.recording = recordingOf(*request.hang, report.capturedAtNs);
   report.processes = scanProcesses(deadline);
   if (worker) report.process = worker->take(deadline);
-  if (request.pid && !worker) {
-    report.process.pid = *request.pid;
+  if (looked != 0 && !worker) {
+    report.process.pid = looked;
     report.process.omissions.push_back({"process", notLooking});
   }
   if (request.hang && request.launch) {

@@ -30,9 +30,11 @@ void writeTimes(JsonWriter& json, const TimeSpent& spent) {
 
 SampledTrack::SampledTrack(const DumpRequest& request, const ProcessCapture& process, StackTree& tree)
     : process_(process), tree_(tree) {
-  if (!request.hang || process.threads.empty()) return;
-  const ThreadCapture& hung = process.threads.front();
-  look_ = tree.add(hung.stack ? hung.stack->frames : std::vector<uint32_t>(), hung.facts.kernelStack);
+  if (!request.hang) return;
+  if (!process.threads.empty()) {
+    const ThreadCapture& hung = process.threads.front();
+    look_ = tree.add(hung.stack ? hung.stack->frames : std::vector<uint32_t>(), hung.facts.kernelStack);
+  }
   hang_ = sampledHang(process, nsOfTicks(request.hang->start), nsOfTicks(request.hang->end));
   for (const SampledStack* sample : hang_.samples)
     stacks_.push_back(tree.add(sample->frames, sample->kernelFrames));

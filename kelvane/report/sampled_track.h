@@ -45,7 +45,7 @@ class SampledTrack {
   const StackTree& tree_;
   SampledHang hang_;
   std::vector<uint32_t> stacks_;  // of the samples
-  uint32_t look_ = 0;             // the stack that the look at the process has found
+  uint32_t look_ = 0;             // the stack that the look at the process has found; of a launch none
 };
 
 }  // namespace kelvane

@@ -28,7 +28,7 @@ uint32_t stackOf(const ThreadCapture& thread, StackTree& tree) {
 TraceEvents::TraceEvents(const DumpRequest& request, const ProcessCapture& process, StackTree& tree,
                          const SampledTrack& sampled, uint64_t capturedAtNs)
     : request_(request), process_(process), tree_(tree), sampled_(sampled), capturedAtNs_(capturedAtNs) {
-  pid_ = request.pid.value_or(kNoProcessTrack);
+  pid_ = request.pid.value_or(process.hungThread != 0 ? process.pid : kNoProcessTrack);
   hungThread_ = process.hungThread != 0 ? process.hungThread : pid_;
   for (const ThreadCapture& thread : process.threads) stacks_.push_back(stackOf(thread, tree));
   for (const OtherThread& other : process.others) otherStacks_.push_back(stackOf(other.thread, tree));
@@ -110,6 +110,9 @@ void TraceEvents::writeEvents(JsonWriter& json) const {
   std::string name = fileName(request_.processPath);
   if (name.empty()) name = process_.comm;
   writeName(json, "process_name", {pid_, hungThread_}, name);
+  // Of a launch there are samples alone.
+  if (process_.threads.empty() && !sampled_.isEmpty())
+    writeName(json, "thread_name", {pid_, hungThread_}, process_.comm);
   writeHang(json);
   sampled_.writeEvents(json);  // before the look, which is later
   for (size_t i = 0; i < process_.threads.size(); i++)

@@ -17,6 +17,7 @@ struct PathShare {
   size_t threads = 0;
   std::string doing;  // a state's name, or "disk"
   uint64_t ns = 0;
+  std::string function{};  // the one that most of it was in, by samples; empty: not told
 };
 
 /// The time between two marks of a launch that follow each other.
@@ -48,8 +49,10 @@ struct Launch {
   std::vector<LaunchPhase> phases;
   std::vector<LaunchMember> processes;  // the launched one, then those that had the CPU for longest
   size_t processCount = 0;
-  std::vector<PathShare> path;  // most first
-  /// The thread that the verdict is about, with what is known of its process: nothing that the look saw.
+  /// Most first. Where nothing is recorded, what the launched process's first thread did, by its samples.
+  std::vector<PathShare> path;
+  /// The thread that the verdict is about, with what is known of its process: samples, and nothing that the
+  /// look saw.
   ProcessCapture followed;
 };
 

@@ -15,6 +15,7 @@
 #include "kelvane/verdict/duration_text.h"
 #include "kelvane/verdict/judge.h"
 #include "kelvane/verdict/launched_life.h"
+#include "kelvane/verdict/sampled_shares.h"
 #include "kelvane/verdict/shares.h"
 
 namespace kelvane {
@@ -72,19 +73,18 @@ class LaunchJudge {
   std::pair<Launch, Verdict> judge() {
     launch_.look = evidence_.look;
     launch_.name = nameOf(evidence_.look.pid);
+    first_ = capture(evidence_.look.pid);
     launch_.isRecorded = sharedNs(evidence_.fromNs, evidence_.toNs, evidence_.recording.coveredFromNs,
                                   evidence_.recording.toNs) > 0;
     if (launch_.isRecorded) {
       stages_ = launchStages(evidence_.recording, launched_, evidence_.fromNs, evidence_.toNs);
       for (const LaunchStage& stage : stages_) paths_.push_back(pathOf(stage));
-      launch_.path = sharesOf(evidence_.fromNs, evidence_.toNs);
-      if (launch_.path.size() > kMaxPathListed) launch_.path.resize(kMaxPathListed);
-      for (PathShare& share : launch_.path) share.thread = named(share.thread.tid);
       addMembers();
     } else {
       stages_ = {{evidence_.look.pid, evidence_.fromNs, evidence_.toNs}};
       paths_.resize(1);
     }
+    launch_.path = namedShares(evidence_.fromNs, evidence_.toNs, kMaxPathListed);
     addPhases();
     Verdict verdict = judgeLongestStage();
     return {std::move(launch_), std::move(verdict)};
@@ -128,11 +128,34 @@ class LaunchJudge {
     const int32_t tid = stage.lastOf(piece);
     const bool isDisk = piece.span.state == ThreadState::uninterruptible && stage.diskWaits.contains(tid);
     return {launched_.processOf(tid) != nullptr, nameOf(tid),
-            isDisk ? "disk" : threadStateName(piece.span.state)};
+            isDisk ? kDiskShare : threadStateName(piece.span.state)};
   }
 
-  /// Most first; of the threads only the ids.
+  /// Of what is recorded, of the paths; else what the launched process's first thread was sampled in. Most
+  /// first; of the threads only the ids.
   std::vector<PathShare> sharesOf(uint64_t fromNs, uint64_t toNs) const {
+    std::vector<PathShare> shares =
+        launch_.isRecorded ? pathShares(fromNs, toNs)
+                           : sampledShares(sampledPhases(first_, fromNs, toNs), first_.hungThread);
+    std::sort(shares.begin(), shares.end(), [](const PathShare& a, const PathShare& b) {
+      return std::tie(b.ns, a.thread.tid, a.doing) < std::tie(a.ns, b.thread.tid, b.doing);
+    });
+    return shares;
+  }
+
+  /// The first of them, with names and functions.
+  std::vector<PathShare> namedShares(uint64_t fromNs, uint64_t toNs, size_t most) const {
+    std::vector<PathShare> shares = sharesOf(fromNs, toNs);
+    if (shares.size() > most) shares.resize(most);
+    const SampledPhases sampled = sampledPhases(first_, fromNs, toNs);
+    for (PathShare& share : shares) {
+      share.thread = named(share.thread.tid);
+      if (share.thread.tid == evidence_.look.pid && share.threads == 1) addFunction(sampled, share);
+    }
+    return shares;
+  }
+
+  std::vector<PathShare> pathShares(uint64_t fromNs, uint64_t toNs) const {
     std::map<Doing, std::map<int32_t, uint64_t>> sums;
     for (const StagePath& stage : paths_) {
       for (const CriticalPath::Piece& piece : stage.path.pieces) {
@@ -151,9 +174,6 @@ class LaunchJudge {
       share.threads = times.size();
       for (const auto& [tid, ns] : times) share.ns += ns;
     }
-    std::sort(shares.begin(), shares.end(), [](const PathShare& a, const PathShare& b) {
-      return std::tie(b.ns, a.thread.tid, a.doing) < std::tie(a.ns, b.thread.tid, b.doing);
-    });
     return shares;
   }
 
@@ -162,7 +182,8 @@ class LaunchJudge {
   std::string nameOf(int32_t tid) const {
     const auto name = evidence_.recording.threadNames.find(tid);
     if (name != evidence_.recording.threadNames.end()) return name->second;
-    return tid == evidence_.look.pid ? evidence_.look.comm : std::string();
+    if (tid != evidence_.look.pid) return {};
+    return evidence_.look.isThere() || !evidence_.sampled ? evidence_.look.comm : evidence_.sampled->comm;
   }
 
   /// The processes of a launch may have gone: the recording tells whose their threads were.
@@ -213,11 +234,8 @@ class LaunchJudge {
     phase.toNs = evidence_.fromNs;
     for (const Mark& mark : marks) {
       phase = {phase.to, mark.what, mark.pid == 0 ? NamedThread{} : named(mark.pid), phase.toNs, mark.atNs};
-      const std::vector<PathShare> shares = sharesOf(phase.fromNs, phase.toNs);
-      if (!shares.empty() && isHalf(shares[0].ns, phase.toNs - phase.fromNs)) {
-        phase.mostly = shares[0];
-        phase.mostly->thread = named(shares[0].thread.tid);
-      }
+      const std::vector<PathShare> shares = namedShares(phase.fromNs, phase.toNs, 1);
+      if (!shares.empty() && isHalf(shares[0].ns, phase.toNs - phase.fromNs)) phase.mostly = shares[0];
       launch_.phases.push_back(phase);
     }
   }
@@ -266,9 +284,11 @@ class LaunchJudge {
       judgeByMembers(*longest, verdict);
     // The launcher's computing is not the launch's.
     if (verdict.cause == Cause::ownCpu && !launched_.processOf(longest->tid)) verdict.cause = Cause::peer;
-    if (!verdict.fromRecorder) {
+    if (!verdict.hasTimes()) {
       verdict.cause = Cause::unknown;
       judgeByLife(evidence_, launch_.isRecorded, verdict);
+    } else if (verdict.fromSamples) {
+      if (verdict.cause != Cause::ownCpu) verdict.sentence += othersOfLife(evidence_);
     } else if (static_cast<double>(longest->ns()) < kWholeLaunch * static_cast<double>(windowNs())) {
       verdict.sentence =
           "In " + ofDuration(longest->ns(), windowNs()) + " of the launch: " + verdict.sentence;
@@ -305,7 +325,7 @@ class LaunchJudge {
     };
     return tell("running", Cause::ownCpu, "were busy themselves") ||
            tell("runnable", Cause::starved, "were ready to run, and not given a CPU,") ||
-           tell("disk", Cause::disk, "waited for the disk");
+           tell(kDiskShare, Cause::disk, "waited for the disk");
   }
 
   uint64_t windowNs() const { return evidence_.toNs - evidence_.fromNs; }
@@ -330,6 +350,12 @@ class LaunchJudge {
       for (const int32_t other : process->threads) {
         if (other != tid && capture.threads.size() < kMaxThreadsListed) add(other);
       }
+    }
+    if (tid == evidence_.look.pid && evidence_.sampled) {
+      capture.frames = evidence_.sampled->frames;
+      capture.modules = evidence_.sampled->modules;
+      capture.samples = evidence_.sampled->samples;
+      capture.clockMarks = evidence_.sampled->clockMarks;
     }
     return capture;
   }
@@ -447,6 +473,7 @@ class LaunchJudge {
   const ThreadTimelines timelines_;
   const std::vector<DiskRequest> requests_;
   const LaunchedProcesses launched_;
+  ProcessCapture first_;             // the launched process's first thread, with its samples
   std::vector<LaunchStage> stages_;  // from the launch's begin on
   std::vector<StagePath> paths_;     // one for each of them
   Launch launch_;

@@ -19,6 +19,7 @@ struct LaunchEvidence {
   LaunchedLook look;
   uint64_t connectedNs = 0;  // when the launched process connected to the daemon; 0: not known
   std::function<void(NamedThread&)> findProcess;
+  const ProcessCapture* sampled = nullptr;  // where its first thread was; null: it was not sampled
 };
 
 /// Who was launched, how that went, and why it took so long.

@@ -44,4 +44,13 @@ void judgeByLife(const LaunchEvidence& evidence, bool isRecorded, Verdict& verdi
   }
 }
 
+std::string othersOfLife(const LaunchEvidence& evidence) {
+  const LaunchedLook& look = evidence.look;
+  const uint64_t firstRanNs = look.around.schedule.value_or(ScheduleFigures{}).ranNs;
+  const uint64_t othersRanNs = look.ranNs - std::min(look.ranNs, firstRanNs);
+  if (!makesUp(othersRanNs + look.childrenRanNs, kHalf, evidence.toNs - evidence.fromNs)) return {};
+  return " Its other threads have had CPUs for " + durationText(othersRanNs) +
+         " in its life, and its children that have ended for " + durationText(look.childrenRanNs) + ".";
+}
+
 }  // namespace kelvane

@@ -16,7 +16,7 @@ constexpr size_t kMaxLaunchRows = 10;
 /// A hundredth of a launch is worth no line.
 constexpr double kLeastOfLaunch = 0.01;
 
-std::string pathDoingText(const std::string& doing) {
+std::string pathDoingText(const ReportLaunch::Share& share) {
   constexpr std::array<std::pair<std::string_view, std::string_view>, 6> kTexts{
       {{"running", "on the CPU"},
        {"runnable", "ready, but not run"},
@@ -25,8 +25,9 @@ std::string pathDoingText(const std::string& doing) {
        {"disk", "waiting for a disk"},
        {"stopped", "stopped"}}};
   const auto known =
-      std::find_if(kTexts.begin(), kTexts.end(), [&](const auto& one) { return one.first == doing; });
-  return known == kTexts.end() ? doing : std::string(known->second);
+      std::find_if(kTexts.begin(), kTexts.end(), [&](const auto& one) { return one.first == share.doing; });
+  const std::string text = known == kTexts.end() ? share.doing : std::string(known->second);
+  return share.function.empty() ? text : text + ", in " + share.function;
 }
 
 std::string threadsText(const ReportLaunch::Share& share, const ReportHeader& header) {
@@ -52,7 +53,7 @@ TextRows pathRows(const ReportLaunch& launch, const ReportHeader& header) {
   for (const ReportLaunch::Share& share : launch.path) {
     if (rows.size() > kMaxLaunchRows || share.durationMs < header.durationMs() * kLeastOfLaunch) break;
     rows.push_back({durationText(share.durationMs), shareText(share.durationMs, header.durationMs()),
-                    pathDoingText(share.doing), threadsText(share, header)});
+                    pathDoingText(share), threadsText(share, header)});
   }
   return rows;
 }
@@ -64,7 +65,7 @@ TextRows phaseRows(const ReportLaunch& launch, const ReportHeader& header) {
     const std::string to = markText(phase.to, phase.process, phase.pid);
     const auto& mostly = phase.mostly;
     rows.push_back({durationText(phase.durationMs), from, to,
-                    mostly ? threadsText(*mostly, header) + " " + pathDoingText(mostly->doing) : "-"});
+                    mostly ? threadsText(*mostly, header) + " " + pathDoingText(*mostly) : "-"});
     from = to;
   }
   return rows;

@@ -5,7 +5,7 @@ namespace {
 
 ReportLaunch::Share shareOf(const Json& json) {
   return {verdictThreadOf(json), integerMember(json, "threads"), textMember(json, "doing"),
-          numberMember(json, "durationMs")};
+          numberMember(json, "durationMs"), textMember(json, "function")};
 }
 
 ReportLaunch::Phase phaseOf(const Json& json) {

@@ -18,6 +18,7 @@ struct ReportLaunch {
     int64_t threads = 1;
     std::string doing;  ///< a state, or "disk"
     double durationMs = 0;
+    std::string function = {};  ///< that most of it was in; empty: not told
   };
   /// From one mark to the next.
   struct Phase {
@@ -40,7 +41,7 @@ struct ReportLaunch {
 
   int64_t pid = 0;
   std::string name;
-  VerdictThread followed;  ///< the thread that the verdict is about; tid 0: nothing is recorded
+  VerdictThread followed;  ///< the thread that the verdict is about; tid 0: nothing is recorded or sampled
   std::vector<Phase> phases;
   std::vector<Share> path;  ///< most first
   std::vector<Process> processes;

@@ -23,7 +23,7 @@ ReportSampled::Spent sampledTimeOf(const Json& json) {
 
 std::string functionsText(const ReportSampled::Place& place) {
   const std::vector<ReportFrame>& stack = place.stack;
-  if (stack.empty()) return "(unknown)";
+  if (stack.empty()) return place.inKernel.empty() ? "(unknown)" : printable(place.inKernel) + " (kernel)";
   std::string text = stack.front().name;
   if (!place.inKernel.empty()) text += " (" + place.inKernel + ")";
   for (size_t i = 1; i < std::min(stack.size(), kFunctionsTold); i++)

@@ -141,6 +141,8 @@ bool Rewriter::string(string_t& value) {
     if (member == "sentence") return put(quoted(renamedIn(value, names_)));
     if (member == "function") return put(quoted(renamed(value, names_)));
   }
+  if (path_.size() >= 3 && path_[0] == "metadata" && path_[1] == "launch" && member == "function")
+    return put(quoted(renamed(value, names_)));
   put(quoted(value));
   if (!isIn("traceEvents", 3)) return true;
   if (member == "cat") isUserFrame_ = value == "user";
@@ -196,6 +198,12 @@ void nameFunctions(Report& report, Symbols& symbols) {
   };
   for (ReportThread& thread : report.threads) nameAll(thread.userStack);
   for (ReportSampled::Place& place : report.sampled.places) nameAll(place.stack);
+  if (report.launch) {
+    for (ReportLaunch::Share& share : report.launch->path) share.function = renamed(share.function, names);
+    for (ReportLaunch::Phase& phase : report.launch->phases) {
+      if (phase.mostly) phase.mostly->function = renamed(phase.mostly->function, names);
+    }
+  }
   if (!report.verdict) return;
   report.verdict->sentence = renamedIn(report.verdict->sentence, names);
   report.verdict->function = renamed(report.verdict->function, names);

@@ -1,6 +1,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -11,6 +13,7 @@
 #include "kelvane/base/proc_files.h"
 #include "kelvane/base/proc_text.h"
 #include "kelvane/sampling/sampled_thread.h"
+#include "kelvane/threads/thread_facts.h"
 #include "tests/kelvane/hang_target.h"
 #include "tests/patience.h"
 
@@ -164,6 +167,78 @@ TEST(Sampling, OnlyThreadsOfTheProcessItselfAreSampled) {
   for (const Json& place : dump.report["metadata"]["sampled"]["places"])
     ranMs += place["onCpuMs"].get<double>();
   EXPECT_LT(ranMs, 5) << "it slept, and was not woken for it";
+}
+
+/// A header of a launch names no process; what is drawn of it stands in that one's track all the same.
+TEST(Sampling, ALaunchHasTheSamplesOfItsProcesssFirstThread) {
+  if (const std::string why = whyNoSampling(); !why.empty()) GTEST_SKIP() << why;
+  const HangTarget victim("sleepers", 2);
+  Sampling sampling;
+  const Library library;
+  const kelvane_launch launch = {victim.pid(), 0};
+  Dump dump;
+  EXPECT_TRUE(eventually([&] {
+    sampling.order({{victim.pid(), 7, 0, 0}});
+    std::this_thread::sleep_for(200ms);
+    library.launch(&launch);
+    dump = dumpBy(library, headerOf(0, 0).dump().c_str());
+    const Json& metadata = dump.report["metadata"];
+    return metadata.contains("sampled") && metadata["verdict"]["evidence"]["source"] == "samples";
+  })) << dump.text.substr(0, 4000);
+  expectOpensInViewers(dump.report);
+  EXPECT_TRUE(dump.report["threads"].empty()) << "nothing was looked at";
+  EXPECT_EQ(dump.report["metadata"]["capture"]["stoppedUs"], 0);
+  const Json& places = dump.report["metadata"]["sampled"]["places"];
+  ASSERT_FALSE(places.empty()) << "it has waited since before";
+  EXPECT_EQ(dump.report["stackFrames"][places[0]["sf"].get<std::string>()]["category"], "kernel");
+  const auto isOnItsTrack = [&](const Json& event) {
+    return event["pid"] == victim.pid() && event["tid"] == victim.pid();
+  };
+  for (const Json& event : dump.report["traceEvents"]) {
+    const std::string kind = event.value("cat", "");
+    EXPECT_TRUE((kind != "hang" && kind != "kernel" && kind != "sample") || isOnItsTrack(event)) << event;
+  }
+}
+
+TEST(Sampling, AThreadIsFollowedIntoAnotherProgramAndToItsEnd) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    char go = 0;
+    if (read(ends[0], &go, 1) == 1) execl("/bin/sleep", "sleep", "1000", nullptr);
+    _exit(127);
+  }
+  const kelvane::UniqueFd process(open(("/proc/" + std::to_string(pid)).c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_TRUE(eventually([&] { return kelvane::readThreadState(process.get(), pid) == 'S'; }));
+  int error = 0;
+  const auto thread = kelvane::SampledThread::begin(pid, 0, error);
+  if (thread) {
+    const auto keptNow = [&] {
+      thread->collect();
+      return kelvane::readKeptSamples(thread->encoded());
+    };
+    const kelvane::KeptSamples before = keptNow();
+    EXPECT_EQ(before.executedNs, 0u);
+    EXPECT_NE(before.firstWait.find("pipe"), std::string::npos) << before.firstWait;
+    EXPECT_EQ(write(ends[1], "", 1), 1);
+    EXPECT_TRUE(eventually([&] { return keptNow().executedNs != 0; }));
+    const kelvane::KeptSamples after = keptNow();
+    EXPECT_TRUE(thread->goesOn());
+    EXPECT_EQ(after.comm, "sleep");
+    EXPECT_EQ(after.startTicks, before.startTicks);
+    EXPECT_NE(after.startStack, before.startStack);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    const kelvane::KeptSamples last = keptNow();
+    std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(keptNow().marks.back().atNs, last.marks.back().atNs) << "what it did afterwards, nobody did";
+    EXPECT_TRUE(thread->goesOn()) << "what is kept of it is not forgotten";
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  for (const int end : ends) close(end);
+  if (!thread) GTEST_SKIP() << kelvane::errorText(error);
 }
 
 }  // namespace

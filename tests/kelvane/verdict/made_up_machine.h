@@ -104,8 +104,8 @@ class MadeUpMachine {
     };
     Recording recording = sorted();
     if (!look.isThere()) addMissingMaking(recording, kApp);
-    return judgeLaunch(
-        {1'000 * kMs, 11'000 * kMs, recording, processes, pressure, look, connectedMs * kMs, findProcess});
+    return judgeLaunch({1'000 * kMs, 11'000 * kMs, recording, processes, pressure, look, connectedMs * kMs,
+                        findProcess, process.clockMarks.empty() ? nullptr : &process});
   }
 
   /// Whatever a thread waited for before is forgotten.

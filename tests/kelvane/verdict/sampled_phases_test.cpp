@@ -43,6 +43,13 @@ class SampledMachine : public MadeUpMachine {
     mark();
     return verdict();
   }
+  /// As a launch; if nothing else is known of its process, that has ended.
+  std::pair<Launch, Verdict> judgedAsLaunch(LaunchedLook look = {}) {
+    mark();
+    process.comm = "viewer";
+    look.pid = kApp;
+    return launched(look);
+  }
   using MadeUpMachine::waits;
 
  private:
@@ -176,6 +183,66 @@ TEST(SampledPhases, WhoHasNotRunWasInWhatTheLookFinds) {
   // A moment says no more than the look does.
   asleep.process.clockMarks.front().atNs = 10'500 * kMs;
   EXPECT_FALSE(asleep.verdict().fromSamples);
+}
+
+std::string sharesText(const std::vector<PathShare>& shares) {
+  std::string text;
+  for (const PathShare& share : shares)
+    text += share.thread.name + " " + share.doing + " " + std::to_string(share.ns / kMs) + " in " +
+            share.function + ", ";
+  return text;
+}
+
+TEST(SampledPhases, ALaunchThatNothingElseTellsOfIsToldByItsSamples) {
+  SampledMachine machine;
+  machine.waits(400, {},
+                {"flock_lock_inode_wait"});  // when sampling began; of the user's stack nothing is known
+  machine.computes(2'600, kParsing);
+  machine.waits(2'000, kLocking, kFutex);
+  const auto [launch, verdict] = machine.judgedAsLaunch();
+  expectSays(
+      verdict, Cause::ownCpu,
+      "Going by samples of 5.0 of 10.0 s: viewer (thread 100) was busy itself: 52 % of 5.0 s on the CPU, "
+      "in parse; it also slept for 2.4 of 5.0 s mostly in save_index (futex_do_wait).");
+  EXPECT_FALSE(launch.isRecorded);
+  EXPECT_EQ(sharesText(launch.path), "viewer running 2600 in parse, viewer sleeping 2399 in save_index, ");
+  ASSERT_EQ(launch.phases.size(), 1u);
+  EXPECT_FALSE(launch.phases[0].mostly) << "neither is half of it";
+
+  // Whom it waited for they don't tell.
+  SampledMachine shell;
+  shell.waits(5'000, {}, {"do_wait"});
+  LaunchedLook look;
+  look.comm = "viewer";
+  look.ranNs = 20 * kMs;
+  look.childrenRanNs = 4'000 * kMs;
+  EXPECT_EQ(SampledMachine(shell).judgedAsLaunch(look).second.sentence,
+            "Going by samples of 5.0 of 10.0 s: viewer (thread 100) slept for all of 5.0 s (do_wait).");
+  look.childrenRanNs = 6'000 * kMs;
+  expectSays(
+      shell.judgedAsLaunch(look).second, Cause::sleeping,
+      "(do_wait). Its other threads have had CPUs for 20 ms in its life, and its children that have ended "
+      "for 6.0 s.");
+
+  // What they leave open is most of it: it may have been anything.
+  SampledMachine unknown;
+  unknown.computes(1'000, kParsing);
+  unknown.waits(4'000, kLocking, std::vector<std::string>());
+  expectSays(unknown.judgedAsLaunch().second, Cause::unknown, "Nothing of the launch is recorded");
+}
+
+TEST(SampledPhases, ARecordedLaunchIsToldWithTheFunctionsOfItsSamples) {
+  SampledMachine machine;
+  machine.coveredUntilTheLookFrom(0);
+  machine.names() = {{kApp, "viewer"}, {kOther, "launcher"}};
+  machine.makes(1'100, kOther, kApp);
+  machine.switches(1'100, kOther, 'S', kApp);
+  machine.computes(5'000, kParsing);
+  const auto [launch, verdict] = machine.judgedAsLaunch();
+  expectSays(verdict, Cause::ownCpu, "was busy itself: 100 % of 9.9 s on the CPU, in parse.");
+  EXPECT_TRUE(verdict.fromRecorder);
+  EXPECT_EQ(sharesText(launch.path).substr(0, 29), "viewer running 9900 in parse,");
+  EXPECT_EQ(launch.phases.back().mostly.value_or(PathShare{}).function, "parse");
 }
 
 }  // namespace

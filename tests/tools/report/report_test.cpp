@@ -94,7 +94,7 @@ TEST(ReportFile, ALaunchIsToldWithItsPathPhasesAndProcesses) {
 "launch":{"pid":51,"name":"viewer","followed":{"tid":51,"name":"viewer","pid":51,"process":"viewer"},
 "phases":[{"from":"begin","to":"fork","pid":51,"process":"viewer","durationMs":12.5},{"from":"fork","to":"end","durationMs":8487.5,
 "mostly":{"tid":51,"name":"viewer","pid":51,"process":"viewer","doing":"disk","durationMs":7000}}],
-"path":[{"tid":51,"name":"viewer","pid":51,"process":"viewer","doing":"disk","durationMs":7000},
+"path":[{"tid":51,"name":"viewer","pid":51,"process":"viewer","doing":"disk","durationMs":7000,"function":"read\u001b"},
 {"tid":8,"name":"sh\u001b","threads":3,"doing":"running","durationMs":1400},{"tid":7,"doing":"stopped","durationMs":80}],
 "processCount":3,"processes":[{"pid":51,"name":"viewer","threads":2,"madeTs":1012500,"runningMs":300},
 {"pid":52,"name":"helper","parent":51,"threads":1,"madeTs":2000000,"endedTs":2500000.5,"runningMs":0.4},4]},)");
@@ -104,9 +104,9 @@ TEST(ReportFile, ALaunchIsToldWithItsPathPhasesAndProcesses) {
   EXPECT_EQ(shown.find("slow launch MainThread: viewer (pid 51), 8.50 s\n\nIt waited.\n"), 0u) << shown;
   EXPECT_NE(
       shown.find("\nWhat the launch took its time for\n"
-                 "  FOR     SHARE   DOING               THREAD\n"
-                 "  7.00 s  82.4 %  waiting for a disk  viewer (51)\n"
-                 "  1.40 s  16.5 %  on the CPU          sh? (8) and 2 more\n\n"
+                 "  FOR     SHARE   DOING                         THREAD\n"
+                 "  7.00 s  82.4 %  waiting for a disk, in read?  viewer (51)\n"
+                 "  1.40 s  16.5 %  on the CPU                    sh? (8) and 2 more\n\n"
                  "Its phases\n"
                  "  FOR     FROM                 TO                   MOSTLY\n"
                  "  12 ms   begin                fork of viewer (51)  -\n"

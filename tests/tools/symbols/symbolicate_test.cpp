@@ -69,7 +69,8 @@ TEST(Symbolicate, FramesAreNamedByFilesWithTheirBuildIdAlone) {
   // they are.
   const auto report = [&](const std::string& module, const std::string& buildId, const std::string& name) {
     return R"({"metadata":{"PID":4,"verdict":{"sentence":"in )" + name + R"(.","chain":[{"function":")" +
-           name + R"(","text":"m+0x1"}],"function":"0x5"}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
+           name + R"(","text":"m+0x1"}],"function":"0x5"},"launch":{"path":[{"function":")" + name +
+           R"("}]}},"traceEvents":[1,[],{"ph":"X","name":")" + name +
            R"(","cat":"user","ts":1.500,"args":{"name":"m+0x1"}},{"name":"m+0x1","cat":"cpu","dur":1e300},{}],)" +
            R"("stackFrames":{"9":{"name":"do_futex","category":"kernel"},"2":{"name":")" + name +
            R"(","category":"m","module":")" + module + R"(","offset":")" + offset + R"(","build_id":")" +
@@ -123,6 +124,11 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
   raw.verdict->chain.resize(1);
   raw.verdict->chain[0].function = "m+0x1";
   raw.verdict->sentence = "It was in m+0x1 (m).";
+  raw.launch.emplace();
+  raw.launch->path.resize(1);
+  raw.launch->path[0].function = "m+0x1";
+  raw.launch->phases.resize(1);
+  raw.launch->phases[0].mostly = raw.launch->path[0];
   raw.threads.resize(2);
   for (auto& thread : raw.threads) thread.userStack = {{"m+0x1", copy, own, offsetOfFunction()}};
   raw.sampled.places = {{raw.threads[0].userStack, {}}};
@@ -142,6 +148,8 @@ TEST(Symbolicate, WhatOthersMayHaveWrittenIsOpenedOnlyForThoseWhoAsk) {
       EXPECT_EQ(shown.sampled.places[0].stack[0].name, name);
       EXPECT_EQ(shown.verdict->function, name);
       EXPECT_EQ(shown.verdict->chain[0].function, name);
+      EXPECT_EQ(shown.launch->path[0].function, name);
+      EXPECT_EQ(shown.launch->phases[0].mostly->function, name);
       EXPECT_EQ(shown.verdict->sentence, "It was in " + name + " (m).");
     }
   }
