@@ -53,6 +53,27 @@ Log lossLog() {
 
 }  // namespace
 
+/// While this is there, a launch's process is sampled; orders go to the work queue.
+class AppActivationTracker::Sampling {
+ public:
+  /// `name` tells the launch from all others.
+  Sampling(platform::WorkQueue& workQueue, std::string name)
+      : workQueue_(workQueue), name_(std::move(name)) {}
+  Sampling(const Sampling&) = delete;
+  Sampling& operator=(const Sampling&) = delete;
+  ~Sampling() {
+    workQueue_.async([name = name_] { QVProcessInfo::stopSamplingLaunch(name); });
+  }
+
+  void order(const QVProcessInfo::SampledLaunch& launch) const {
+    workQueue_.async([name = name_, launch] { QVProcessInfo::sampleLaunch(name, launch); });
+  }
+
+ private:
+  platform::WorkQueue& workQueue_;
+  const std::string name_;
+};
+
 void AppActivationTracker::initialize(platform::WorkQueue& workQueue) {
   instanceSlot().reset();
   workQueueSlot() = &workQueue;
@@ -182,8 +203,11 @@ void AppActivationTracker::begin(const Announcement& announced) {
         key.c_str());
     return;
   }
-  appActivationDictionary_.emplace(key, InFlight{activation, std::move(place), 0});
+  appActivationDictionary_.emplace(key, InFlight{activation, std::move(place), 0, {}});
   inFlightCount_ = appActivationDictionary_.size();
+  if (mayBeCaptured(*activation))
+    sampleAfter(QVProcessInfo::kSampledFrom, key, activation,
+                {announced.pid, announced.ownerUid, platform::current().clock.absoluteTime()});
   if (announced.typeOrResult == AppActivation::kTypeLaunch) {
     signpostLog_.debug("ipxStartLatencyInMs %u ms", activation->ipxStartLatencyInMs());
     if (activation->ipxStartLatencyInMs() < kMaxSignpostLatencyMs) {
@@ -265,9 +289,9 @@ AppActivationTracker::Finished AppActivationTracker::finish(const Announcement& 
     activation->activationEndedWithResult(AppActivation::kResultNoBegin, announced.timeMs);
     log.standard("QVActivationStats: endActivationTrackingForPID: Did not find an existing entry for %s\n",
                  key.c_str());
-    return {std::move(activation)};
+    return {std::move(activation), 0, {}};
   }
-  Finished finished{entry->second.activation, entry->second.connectedTicks};
+  Finished finished{entry->second.activation, entry->second.connectedTicks, entry->second.sampling};
   const std::shared_ptr<AppActivation>& activation = finished.activation;
   activation->activationEndedWithResult(static_cast<uint8_t>(announced.typeOrResult), announced.timeMs);
   if (activation->appActivationType() == AppActivation::kTypeLaunch) {
@@ -298,6 +322,23 @@ void AppActivationTracker::noteConnection(int32_t pid, uint64_t atTicks) {
     const bool isLaunch = entry->second.activation->appActivationType() == AppActivation::kTypeLaunch;
     if (isLaunch && entry->second.connectedTicks == 0) entry->second.connectedTicks = atTicks;
   }
+}
+
+void AppActivationTracker::sampleAfter(std::chrono::milliseconds delay, const std::string& key,
+                                       const std::weak_ptr<AppActivation>& activation,
+                                       const QVProcessInfo::SampledLaunch& launch) {
+  activationQueue_->after(delay, [this, key, activation, launch] {
+    const auto entry = appActivationDictionary_.find(key);
+    if (entry == appActivationDictionary_.end() || entry->second.activation != activation.lock()) return;
+    std::shared_ptr<Sampling>& sampling = entry->second.sampling;
+    if (!sampling) {
+      // Told apart from a later one's of the same key, which may begin before this one's end is heard of.
+      const auto begun = static_cast<unsigned long long>(launch.startTicks);
+      sampling = std::make_shared<Sampling>(workQueue_, formatted("%llu:%s", begun, key.c_str()));
+    }
+    sampling->order(launch);
+    sampleAfter(QVProcessInfo::kSampledAgain, key, activation, launch);
+  });
 }
 
 void AppActivationTracker::reportOrSay(const std::shared_ptr<AppActivation>& activation,
@@ -361,12 +402,14 @@ void AppActivationTracker::countLeftOut(const char* reason) {
   });
 }
 
+bool AppActivationTracker::mayBeCaptured(const AppActivation& activation) const {
+  return captureKelvanes_ && activation.appActivationStartState() == kForeground &&
+         activation.bundleID() != kLauncherBundleID;
+}
+
 void AppActivationTracker::captureIfSlow(const Finished& finished, uint64_t endTimeMs) {
   const AppActivation& activation = *finished.activation;
-  if (!captureKelvanes_ || activation.wallTime() < kelvaneTimeThreshold_ ||
-      activation.bundleID() == kLauncherBundleID) {
-    return;
-  }
+  if (!mayBeCaptured(activation) || activation.wallTime() < kelvaneTimeThreshold_) return;
   const auto tookMs = static_cast<int>(activation.wallTime());
   quorvelLog()
       .about({.kind = platform::LogEventKind::slowLaunch,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -10,6 +11,7 @@
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/user_shares.h"
+#include "hangs/qv_process_info.h"
 #include "perfstats/packed_statistics.h"
 #include "platform/notifications.h"
 #include "platform/work_queue.h"
@@ -74,16 +76,20 @@ class AppActivationTracker {
     std::string key() const;
   };
 
+  class Sampling;
+
   struct InFlight {
     std::shared_ptr<AppActivation> activation;  ///< with the memory that it was given
     std::shared_ptr<void> place;
-    uint64_t connectedTicks = 0;  ///< when its process first connected; 0: it hasn't
+    uint64_t connectedTicks = 0;         ///< when its process first connected; 0: it hasn't
+    std::shared_ptr<Sampling> sampling;  ///< null: its process isn't sampled
   };
 
-  /// An activation that has ended.
+  /// An activation that has ended. What is sampled may be forgotten when its report has been asked for.
   struct Finished {
     std::shared_ptr<AppActivation> activation;
     uint64_t connectedTicks = 0;
+    std::shared_ptr<Sampling> sampling;
   };
 
   explicit AppActivationTracker(platform::WorkQueue& workQueue);
@@ -98,11 +104,17 @@ class AppActivationTracker {
   void forget(std::map<std::string, InFlight>::const_iterator entry);
   Finished finish(const Announcement& announced);
   void noteConnection(int32_t pid, uint64_t atTicks);
+  /// Has the activation's process sampled in `delay` if it is in flight by then, and named again as long as
+  /// it is. `launch`: who announced it.
+  void sampleAfter(std::chrono::milliseconds delay, const std::string& key,
+                   const std::weak_ptr<AppActivation>& activation,
+                   const QVProcessInfo::SampledLaunch& launch);
   void reportOrSay(const std::shared_ptr<AppActivation>& activation, const Announcement& ended);
   /// Says so to who waits for the activation's record.
   void leaveOut(const AppActivation& activation, uint32_t ownerUid, std::string reason);
   void countLaunch(const AppActivation& activation, uint32_t ownerUid);
   void countLeftOut(const char* reason);
+  bool mayBeCaptured(const AppActivation& activation) const;
   void captureIfSlow(const Finished& finished, uint64_t endTimeMs);
   AppActivation* inFlight(const std::string& key) const;
 

@@ -28,6 +28,9 @@ inline constexpr size_t kMaxActivationsInFlight = 1024;
 inline constexpr size_t kMaxPendingActivationTimeouts = 4096;
 inline constexpr size_t kMaxWaitingActivationReports = kMaxActivationsInFlight;
 
+/// Launches of one user that are sampled; the trace library gives no user more places.
+inline constexpr size_t kMaxSampledLaunchesOfUser = 4;
+
 /// What the snapshots of activations in flight, and of those that wait for their report, take, in bytes;
 /// shared out in the same way. A snapshot of a thousand processes is some ten kilobytes, since they have most
 /// in common.

@@ -49,8 +49,9 @@ struct QVProcessInfo::ClassSide {
 
   TraceCapture traceCapture;
   std::vector<kelvane_pending> pending;  ///< at the last hang check: each process's that has lasted longest
-  size_t pendingHUDClears = 0;           ///< messages on screen that a timer is to clear
-  bool fenceCaptureInFlight = false;     ///< one delayed fence-hang capture may be pending
+  std::map<std::string, kelvane_pending> launches;  ///< in flight, and to be sampled
+  size_t pendingHUDClears = 0;                      ///< messages on screen that a timer is to clear
+  bool fenceCaptureInFlight = false;                ///< one delayed fence-hang capture may be pending
 
   std::array<DisplayStateEvent, 10> displayStateRing{};
   size_t displayStateNext = 0;

@@ -13,9 +13,6 @@ namespace quorveld {
 
 namespace {
 
-/// How long an operation is pending before its thread is sampled: most end before, and cost nothing.
-constexpr double kSampledFromMs = 500;
-
 /// A field of memory that the client writes at the same time.
 template <typename T>
 T loadRelaxed(T& field) {
@@ -61,13 +58,14 @@ void QVProcessInfo::checkForHangTimeouts(uint64_t nowTicks) {
   ClassSide& state = classSide();
   const auto& processes = state.watchedProcesses;
   const double duration = state.hangTimeoutDuration;
-  const TimeoutCheck check = {nowTicks, duration, surelyRecent(nowTicks, std::min(duration, kSampledFromMs))};
+  constexpr double sampledFromMs = kSampledFrom.count();
+  const TimeoutCheck check = {nowTicks, duration, surelyRecent(nowTicks, std::min(duration, sampledFromMs))};
   state.pending.clear();
   for (size_t i = 0; i < processes.size(); ++i) {
     const size_t next = i + 1 < processes.size() ? i + 1 : i;
     processes[i]->checkEventsForTimeouts(check, *processes[next]->shared_);
   }
-  state.traceCapture.samplePending(state.pending);
+  orderSampling();
 }
 
 /// At most one hang is recorded; the next one's turn comes with the next scan. Of what is pending, but has

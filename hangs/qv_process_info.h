@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -87,6 +88,25 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
                                     const std::string& bundleID, uint64_t startTimeMs, uint64_t endTimeMs,
                                     const ActivatedProcess& process);
 
+  // --- sampled_operations.cpp: whose threads are sampled ---------------------------------------------------
+
+  /// How long an operation or a launch is pending before it is sampled: most end before, and cost nothing.
+  static constexpr std::chrono::milliseconds kSampledFrom{500};
+  /// How often a launch is to be named: the sampler gives up when it hears nothing for much longer.
+  static constexpr std::chrono::seconds kSampledAgain{5};
+
+  /// A launch in flight, for its process's first thread to be sampled.
+  struct SampledLaunch {
+    int32_t pid;
+    uint32_t ownerUid;    ///< who announced it: no user gets all places
+    uint64_t startTicks;  ///< when that was
+  };
+
+  /// Has the launch sampled, from now on and until `stopSamplingLaunch`, if there is a place for it; nothing
+  /// while traces are off. `launch` tells it from others. To be called again every kSampledAgain.
+  static void sampleLaunch(const std::string& launch, const SampledLaunch& sampled);
+  static void stopSamplingLaunch(const std::string& launch);
+
   // --- report_credits.cpp: how many reports a process and the device may cause -----------------------------
 
   /// A hang is long when it lasted at least the long-hang threshold; long hangs never use per-process credit.
@@ -149,6 +169,8 @@ class QVProcessInfo : public std::enable_shared_from_this<QVProcessInfo> {
     std::string hangName;
   };
   static bool takeTimedOutSlot(hangEvent& slot, uint64_t startTicks, TimedOutSlot& taken);
+
+  static void orderSampling();
 
   static bool isLongHang(double durationMs);
   static bool checkActivationAppCredit(const std::string& bundleID);

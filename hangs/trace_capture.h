@@ -40,9 +40,9 @@ class TraceCapture {
   ReportFinding lastFinding() const;
 
   /// Has the library note from now on where the threads of these operations are, for the reports of them, and
-  /// no others'. Call it at each hang check, and when nothing is watched any more. Loads the library for the
-  /// first of them; waits until a process that it starts executes its program, as a report does. Does nothing
-  /// where the library can't; why the system won't let it is logged once.
+  /// no others'; the most wanted come first. Call it at each hang check, and when something changes. Loads
+  /// the library for the first of them; waits until a process that it starts executes its program, as a
+  /// report does. Does nothing where the library can't; why the system won't let it is logged once.
   void samplePending(const std::vector<kelvane_pending>& pending);
 
  private:

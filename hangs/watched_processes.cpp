@@ -130,7 +130,7 @@ void QVProcessInfo::stopWatchingAllPids() {
   if (!state.watchedProcesses.empty()) countWatched(0);
   state.watchedProcesses.clear();
   state.pending.clear();
-  state.traceCapture.samplePending(state.pending);
+  orderSampling();
 }
 
 std::shared_ptr<QVProcessInfo> QVProcessInfo::processForPid(int32_t pid) {

@@ -226,6 +226,84 @@ TEST(Activations, SlowLaunchesAreTracedFromTheThresholdOnAndWithinTheirCredits) 
   EXPECT_TRUE(world.logged(Level::standard, "QVActivationStats: slow FG Launch Duration = 6000ms"));
 }
 
+/// The processes of the last order to sample.
+std::vector<int32_t> sampledPids(LauncherWorld& world) {
+  std::vector<int32_t> pids;
+  for (const kelvane_pending& pending : world.traceLibraries.sampled.back()) pids.push_back(pending.pid);
+  return pids;
+}
+
+TEST(Activations, ALaunchInFlightForHalfASecondIsSampledUntilItIsOver) {
+  LauncherWorld world;
+  world.preferences.userSets("QuorvelSlowActKelvanesEnabled", true);
+  auto& sampled = world.traceLibraries.sampled;
+  world.begin();
+  world.activate(1, "short", 499ms);
+  world.activate(1, "com.corvix.lumora", 2s);
+  world.beginActivation(1, "hidden", Shown::background);
+  world.advance(2s);
+  EXPECT_TRUE(sampled.empty()) << "the library isn't even loaded";
+
+  world.beginActivation(7, "slow");
+  const uint64_t beganAt = world.now();
+  world.advance(500ms);
+  ASSERT_EQ(sampled.size(), 1u);
+  ASSERT_EQ(sampledPids(world), std::vector<int32_t>{7});
+  EXPECT_EQ(sampled[0][0].thread_id, 0u);
+  EXPECT_EQ(sampled[0][0].start_ticks, beganAt);
+  world.beginActivation(8, "other");
+  world.advance(600ms);
+  EXPECT_EQ(sampledPids(world), (std::vector<int32_t>{7, 8}));
+
+  // The sampler ends if it hears of nothing, and nobody need be watched for hangs.
+  const size_t orders = sampled.size();
+  world.advance(5s);
+  EXPECT_GE(sampled.size(), orders + 2);
+  for (size_t i = orders; i < sampled.size(); ++i)
+    EXPECT_EQ(sampled[i].size(), 2u) << "what is kept of one would be forgotten";
+  EXPECT_EQ(sampledPids(world), (std::vector<int32_t>{7, 8}));
+  world.traceLibraries.atDump = [&] { EXPECT_EQ(sampledPids(world), (std::vector<int32_t>{7, 8})); };
+  world.endActivation(7, "slow");
+  EXPECT_EQ(world.traceLibraries.requests.size(), 1u);
+  world.traceLibraries.atDump = nullptr;
+  EXPECT_EQ(sampledPids(world), std::vector<int32_t>{8}) << "once there is a report of it";
+
+  // Another one under the same name is another one, and who never announces an end is forgotten.
+  world.endActivation(8, "other");
+  EXPECT_TRUE(sampledPids(world).empty());
+  world.beginActivation(8, "other");
+  world.advance(400ms);
+  EXPECT_TRUE(sampledPids(world).empty());
+  world.advance(200ms);
+  EXPECT_EQ(sampledPids(world), std::vector<int32_t>{8});
+  world.advance(60s);
+  EXPECT_TRUE(sampledPids(world).empty());
+  world.prefer("QuorvelEnableKelvane", false);
+  world.activate(9, "unwanted", 3s);
+  EXPECT_TRUE(sampledPids(world).empty());
+}
+
+TEST(Activations, LaunchesAndHangsAreSampledInTurnAndNoUserHasAllPlaces) {
+  LauncherWorld world;
+  world.preferences.userSets("QuorvelSlowActKelvanesEnabled", true);
+  world.begin();
+  for (int32_t i = 0; i < 100; ++i) world.beginActivation(1000 + i, "storm");
+  world.advance(1s);
+  EXPECT_EQ(sampledPids(world), (std::vector<int32_t>{1000, 1001, 1002, 1003}));
+  std::vector<int32_t> hanging;
+  for (int age = 1; age < 4; ++age) {
+    const sim::App viewer = world.startApp("viewer");
+    viewer.begin(0, "Long", std::chrono::seconds(age));
+    hanging.push_back(viewer.pid());
+  }
+  QVProcessInfo::checkForHangTimeouts(world.now());
+  EXPECT_EQ(sampledPids(world),
+            (std::vector<int32_t>{hanging[2], 1000, hanging[1], 1001, hanging[0], 1002, 1003}));
+  world.endActivation(1001, "storm");
+  world.advance(5s);
+  EXPECT_EQ(sampledPids(world).back(), 1004) << "there is a place";
+}
+
 TEST(Activations, AStormOfBeginsIsBoundedAndEveryTimeoutFires) {
   LauncherWorld world;
   world.begin();

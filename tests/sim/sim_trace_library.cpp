@@ -18,6 +18,7 @@ const char* const minTimestampKey = "sim.min";
 const char* const maxTimestampKey = "sim.max";
 
 bool dump(int descriptor, const kelvane_options* options) {
+  if (active->atDump) active->atDump();
   TraceRequest request;
   request.optionCount = options->count;
   request.launch = std::exchange(active->nextLaunch, {});

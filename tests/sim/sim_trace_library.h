@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,7 @@ class SimTraceLibraries final : public platform::TraceLibraryLoader {
   const char* samplingRefusal = nullptr;  ///< what it then answers
   kelvane_launch nextLaunch{};            ///< that it was told of
   std::string culprit;                    ///< of the finding that it then tells
+  std::function<void()> atDump;           ///< while it dumps
   std::vector<TraceRequest> requests;
   std::vector<std::vector<kelvane_pending>> sampled;  ///< what it was asked to sample
   std::vector<std::string> opened;                    ///< paths asked for
