@@ -111,6 +111,7 @@ inline constexpr std::chrono::milliseconds kCollectEvery{200};
 /// What is kept of each thread: five seconds at the full rate.
 inline constexpr size_t kMaxKeptSamples = 256;
 inline constexpr size_t kMaxClockMarks = 128;
+inline constexpr size_t kMaxNotedWaits = 64;
 inline constexpr size_t kMaxSamplesBytes = size_t{4} * 1024 * 1024;
 /// How long beginning with a thread may take; it is held up while its process executes a program.
 inline constexpr std::chrono::milliseconds kBeginWait{100};

@@ -315,7 +315,7 @@ void add(ProcessCapture& part, ProcessCapture& whole) {
   append(whole.waits.waits, part.waits.waits);
   append(whole.waits.watches, part.waits.watches);
   append(whole.others, part.others);
-  appendUpTo(kMaxKeptSamples, whole.samples, part.samples);
+  appendUpTo(kMaxKeptSamples + kMaxNotedWaits, whole.samples, part.samples);
   appendUpTo(kMaxClockMarks, whole.clockMarks, part.clockMarks);
   append(whole.frames, part.frames);
   append(whole.modules, part.modules);

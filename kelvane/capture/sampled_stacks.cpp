@@ -29,7 +29,7 @@ class LaunchSamples {
     part.comm = kept->comm;
     part.hungThread = kept->tid;
     part.clockMarks = kept->marks;
-    if (!kept->firstWait.empty()) part.samples.push_back(firstWaitOf(*kept));
+    for (const NotedWait& wait : kept->waits) part.samples.push_back(sampleOf(wait));
     publish_(part);
     const auto leaveOut = [this](const char* what, std::string why) { this->leaveOut(what, std::move(why)); };
     CopiedStacks stacks{{}, copiedSamples(*kept, leaveOut)};
@@ -44,16 +44,16 @@ class LaunchSamples {
     publish_(part);
   }
 
-  /// A wait from before the first sample, as if that had been taken when it began.
-  static SampledStack firstWaitOf(const KeptSamples& kept) {
-    const ClockMark& mark = kept.marks.front();
-    SampledStack wait;
-    wait.times.atNs = mark.atNs + 1;
-    wait.times.cpuNs = mark.cpuNs;
-    wait.times.switches = mark.switches;
-    wait.times.leftCpu = true;
-    wait.kernelFrames = {kept.firstWait};
-    return wait;
+  /// As if one had been taken when the thread is known to have waited.
+  static SampledStack sampleOf(const NotedWait& wait) {
+    SampledStack sample;
+    sample.times.atNs = wait.since.atNs + 1;
+    sample.times.cpuNs = wait.since.cpuNs;
+    sample.times.switches = wait.since.switches;
+    sample.times.preemptedNs = wait.since.preemptedNs;
+    sample.times.leftCpu = true;
+    sample.kernelFrames = {wait.function};
+    return sample;
   }
 
   /// Those that nothing tells the user stacks of; their times and the kernel's functions are as good.

@@ -92,7 +92,7 @@ int SampledThread::open() {
     return errno;
   markClocks();
   if (marks_.empty()) return EIO;
-  noteFirstWait();
+  noteWait(marks_.back());
   return 0;
 }
 
@@ -106,13 +106,20 @@ void SampledThread::noteProgram(const ProcStat& stat) {
   comm_ = stat.comm;
 }
 
-/// It leaves no sample, since it began before there were events.
-void SampledThread::noteFirstWait() {
+/// Of a thread that has not been on a CPU since that mark.
+void SampledThread::noteWait(const ClockMark& since) {
+  const auto isThen = [&](const auto& times) {
+    return times.cpuNs == since.cpuNs && times.switches == since.switches;
+  };
+  const bool isSampled = !store_.kept().empty() && store_.kept().back().times.leftCpu &&
+                         store_.kept().back().times.switches == since.switches;
+  const bool isNoted = !waits_.empty() && isThen(waits_.back().since);
+  if (isSampled || isNoted || waits_.size() == kMaxNotedWaits) return;
   const std::string channel =
       readFileAt(process_.get(), taskPath(tid_, "wchan").c_str(), kMaxProcFileBytes).text;
   const std::array<uint64_t, 3> clocks = readClocks();
-  const bool hasNotRun = clocks[1] == marks_.back().cpuNs && clocks[2] == marks_.back().switches;
-  if (hasNotRun && channel != "0") firstWait_ = channel;
+  const bool hasNotRun = clocks[1] == since.cpuNs && clocks[2] == since.switches;
+  if (hasNotRun && !channel.empty() && channel != "0") waits_.push_back({since, channel});
 }
 
 bool SampledThread::goesOn() const {
@@ -137,9 +144,10 @@ void SampledThread::collect() {
     programNs_ = store_.executedNs();
     noteProgram(currentStat().value_or(ProcStat{.comm = comm_, .startTicks = startTicks_}));
   }
-  const uint64_t leftBefore = marks_.back().switches;
+  const ClockMark before = marks_.back();
   markClocks();
-  sampleEach(std::max<uint64_t>((marks_.back().switches - leftBefore) / kLeavesPerCollection, 1));
+  noteWait(before);
+  sampleEach(std::max<uint64_t>((marks_.back().switches - before.switches) / kLeavesPerCollection, 1));
 }
 
 /// Of a thread that keeps leaving the CPU not each time is sampled. The kernel's own way to a frequency is no
@@ -190,13 +198,18 @@ std::string SampledThread::encoded() const {
   out.number(startStack_);
   out.text(comm_);
   out.number(store_.executedNs());
-  out.text(firstWait_);
   out.number(switchId_);
-  out.number(marks_.size());
-  for (const ClockMark& mark : marks_) {
+  const auto writeMark = [&](const ClockMark& mark) {
     for (const uint64_t clock : {mark.atNs, mark.cpuNs, mark.switches, mark.preemptedNs, mark.readyNs})
       out.number(clock);
+  };
+  out.number(waits_.size());
+  for (const NotedWait& wait : waits_) {
+    writeMark(wait.since);
+    out.text(wait.function);
   }
+  out.number(marks_.size());
+  for (const ClockMark& mark : marks_) writeMark(mark);
   out.number(store_.kept().size());
   for (const SampleStore::Kept& kept : store_.kept()) {
     for (const uint64_t told : {kept.times.preemptedNs, kept.times.awayNs, uint64_t{kept.times.wasPreempted}})
@@ -215,12 +228,19 @@ KeptSamples readKeptSamples(const std::string& bytes) {
   kept.startStack = in.number();
   kept.comm = in.text();
   kept.executedNs = in.number();
-  kept.firstWait = in.text();
   const uint64_t switchId = in.number();
-  for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
+  const auto readMark = [&] {
     ClockMark mark;
     for (uint64_t* clock : {&mark.atNs, &mark.cpuNs, &mark.switches, &mark.preemptedNs, &mark.readyNs})
       *clock = in.number();
+    return mark;
+  };
+  for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
+    const ClockMark since = readMark();
+    kept.waits.push_back({since, in.text()});
+  }
+  for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {
+    const ClockMark mark = readMark();
     if (!in.failed()) kept.marks.push_back(mark);
   }
   for (uint64_t left = in.number(); left > 0 && !in.failed(); left--) {

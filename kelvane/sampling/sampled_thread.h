@@ -17,6 +17,13 @@
 
 namespace kelvane {
 
+/// A wait that began with no sample: there were no events yet, or the thread leaves the CPU so often that not
+/// each time is sampled.
+struct NotedWait {
+  ClockMark since;       // it has waited from then on at least
+  std::string function;  // of the kernel
+};
+
 /// A thread of another process while it is sampled: perf events of its own, whose ring the kernel writes.
 ///
 /// The thread isn't stopped and pays for its samples alone, a few microseconds each. Its events end with
@@ -50,7 +57,7 @@ class SampledThread {
   /// Of the program that the process executes; nothing if it has ended.
   std::optional<ProcStat> currentStat() const;
   void noteProgram(const ProcStat& stat);
-  void noteFirstWait();
+  void noteWait(const ClockMark& since);
   std::array<uint64_t, 3> readClocks() const;
   void markClocks();
   void sampleEach(uint64_t leaves);
@@ -62,7 +69,7 @@ class SampledThread {
   uint64_t startTicks_ = 0;  // when the process was made
   uint64_t startStack_ = 0;  // tells the program that it executes from an earlier one's
   std::string comm_;
-  std::string firstWait_;
+  std::vector<NotedWait> waits_;
   uint64_t programNs_ = 0;  // the SampleStore's executedNs of that program
   UniqueFd clock_;          // the group's leader, whose ring both write
   UniqueFd switches_;
@@ -82,9 +89,7 @@ struct KeptSamples {
   uint64_t startStack = 0;
   std::string comm;
   uint64_t executedNs = 0;  // older samples are of another program; 0: there was none
-  /// In what of the kernel the thread waited from the first mark to the first sample; empty: it did not wait
-  /// all the while, or that is not told.
-  std::string firstWait;
+  std::vector<NotedWait> waits;
   std::vector<ClockMark> marks;
   std::vector<ThreadSample> samples;
 };
