@@ -360,27 +360,28 @@ class LaunchJudge {
     return capture;
   }
 
-  /// What the thread of the path waited for, most of its longer kind of sleep; nothing if that was no one
-  /// thread.
+  /// Whom the thread of the path waited for, most of its longer kind of sleep, and what that one did most;
+  /// nothing if that was no one thread.
   std::optional<ChainVerdict> chainOf(const Evidence& evidence, const StagePath& stage) const {
     const CriticalPath& path = stage.path;
-    using Key = std::tuple<ThreadState, size_t, ThreadState>;  // of the first one, the route, of the last
-    std::map<Key, std::vector<StateSpan>> spans;
+    std::map<size_t, std::map<ThreadState, std::vector<StateSpan>>> spans;  // of each route's last thread
     std::map<ThreadState, uint64_t> asleepNs;
     for (const CriticalPath::Piece& piece : path.pieces) {
-      const ThreadState first = path.routes[piece.route].firstState;
-      if (first != ThreadState::sleeping && first != ThreadState::uninterruptible) continue;
-      asleepNs[first] += piece.ns();
-      spans[{first, piece.route, piece.span.state}].push_back(piece.span);
+      asleepNs[path.routes[piece.route].firstState] += piece.ns();
+      spans[piece.route][piece.span.state].push_back(piece.span);
     }
     const ThreadState state = asleepNs[ThreadState::sleeping] >= asleepNs[ThreadState::uninterruptible]
                                   ? ThreadState::sleeping
                                   : ThreadState::uninterruptible;
-    for (const auto& [key, of] : spans) {
-      const auto& [first, route, last] = key;
-      if (first != state || path.routes[route].threads.size() < 2 || !isHalf(sumNs(of), asleepNs[state]))
-        continue;
-      return recordedChain(evidence, stage, path.routes[route].threads, state, of);
+    for (const auto& [route, byState] : spans) {
+      if (path.routes[route].firstState != state || path.routes[route].threads.size() < 2) continue;
+      uint64_t routeNs = 0;
+      for (const auto& [last, of] : byState) routeNs += sumNs(of);
+      const auto longest = std::max_element(byState.begin(), byState.end(), [](auto& one, auto& other) {
+        return sumNs(one.second) < sumNs(other.second);
+      });
+      if (!isHalf(routeNs, asleepNs[state]) || longest->first == ThreadState::unknown) continue;
+      return recordedChain(evidence, stage, path.routes[route].threads, state, longest->second);
     }
     return std::nullopt;
   }

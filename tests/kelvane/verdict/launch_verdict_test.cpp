@@ -104,6 +104,22 @@ TEST(LaunchVerdict, FollowsOthersToWhoeverKeptTheLaunch) {
   EXPECT_EQ(phasesOf(unmade), "end after 10000, ");
 }
 
+/// Whoever is waited for may do several things, none of them for most of the time.
+TEST(LaunchVerdict, NamesWhoIsWaitedForThoughThatOneDoesThisAndThat) {
+  MadeUpMachine machine = launching();
+  machine.switches(1'500, kApp, 'S', kDatabase);
+  for (uint64_t ms = 1'500; ms < 9'900; ms += 300) {
+    machine.switches(ms + 100, kDatabase, 'S', kHog);
+    machine.interruptWakes(ms + 220, kHog, kDatabase);
+    machine.switches(ms + 300, kHog, 'R', kDatabase);
+  }
+  machine.wakes(9'950, kDatabase, kApp);
+  machine.switches(9'960, kDatabase, 'S', kApp);
+  const auto [launch, verdict] = machine.launched(gone());
+  expectSays(verdict, Cause::peer, "because process 'database' (pid 7)");
+  EXPECT_EQ(verdict.chain.value_or(ChainVerdict{}).chain.links.size(), 2u);
+}
+
 /// None of many short programs is what the script waited for.
 TEST(LaunchVerdict, SumsUpWhatManyProcessesDid) {
   MadeUpMachine machine = launching();
