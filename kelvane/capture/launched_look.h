@@ -24,7 +24,7 @@ struct LaunchedLook {
   uint64_t childrenRanNs = 0;
   std::vector<pid_t> threads;
   std::vector<Descendant> descendants;  // that the launch had; kMaxDescendants at most
-  Surroundings around;  // of its first thread
+  Surroundings around;                  // of its first thread
 
   bool isThere() const { return !comm.empty(); }
 };
