@@ -110,6 +110,7 @@ class LaunchJudge {
       if (piece.span.state == ThreadState::uninterruptible) asleep[found.lastOf(piece)].push_back(piece.span);
     }
     std::vector<std::pair<uint64_t, int32_t>> longest;
+    longest.reserve(asleep.size());
     for (const auto& [tid, spans] : asleep) longest.emplace_back(sumNs(spans), tid);
     std::sort(longest.rbegin(), longest.rend());
     size_t left = kMaxKernelSleeps;

@@ -88,7 +88,7 @@ std::string wrongUsage(const CLI::App* app, const CLI::Error& error) {
   else if (!extra.empty())
     text = extraText(extra.front(), command);
   std::string path;
-  for (const CLI::App* each = &command; each; each = each->get_parent()) path = each->get_name() + ' ' + path;
+  for (const CLI::App* each = &command; each; each = each->get_parent()) path.insert(0, each->get_name() + ' ');
   return "quorvelctl: " + printable(text) + "; see " + path + "--help\n";
 }
 

@@ -77,8 +77,7 @@ class Signals {
 class Launch {
  public:
   Launch(Context& context, const LaunchArguments& arguments, uint64_t startMs)
-      : context_(context),
-        arguments_(arguments),
+      : arguments_(arguments),
         startMs_(startMs),
         record_(context),
         process_(context.command, signals_.before(), notifications_.address(),
@@ -93,7 +92,6 @@ class Launch {
   void takeNotifications();
   void waitForRecord();
 
-  Context& context_;
   const LaunchArguments& arguments_;
   const uint64_t startMs_;
   const Signals signals_;

@@ -50,6 +50,7 @@ LaunchProcess::LaunchProcess(const std::vector<std::string>& command, const sigs
   const std::vector<std::string> variables = environmentWith(notifyAddress);
   const std::vector<char*> arguments = pointersTo(command);
   const std::vector<char*> environment = pointersTo(variables);
+  // NOLINTNEXTLINE(bugprone-unsafe-functions): posix_spawn(3) has no place for the announcement.
   const pid_t pid = vfork();
   if (pid == 0) {
     announce(getpid());

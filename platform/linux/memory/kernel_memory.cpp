@@ -22,7 +22,7 @@ using platform::memory_info_site;
 using platform::priority_list_entry;
 
 /// The kernel's own texts: bounded all the same, since modules and callers have no fixed number.
-constexpr size_t kMaxFileBytes = 8 * 1024 * 1024;
+constexpr size_t kMaxFileBytes = size_t{8} * 1024 * 1024;
 
 constexpr const char* kVmallocInfo = "/proc/vmallocinfo";
 
