@@ -29,6 +29,10 @@ constexpr double kPhaseShare = 0.2;
 /// Two states lasted about as long if the shorter one made up this share of the longer.
 constexpr double kAboutAsLong = 0.8;
 
+/// What the kernel computes for a page that has to be read back in while memory is short, room made for it
+/// included: 20 µs on a virtual machine.
+constexpr uint64_t kPageWorkNs = 15'000;
+
 /// What the chain says that starts with such a sleep.
 std::optional<Cause> causeOfChainIn(ThreadState state, const Findings& findings) {
   if (!findings.chain || findings.chain->state != state) return std::nullopt;
@@ -135,13 +139,16 @@ std::optional<Cause> decisiveCause(const Evidence& evidence, const Findings& fin
   return std::nullopt;
 }
 
-/// Whether a thread was about as long on the CPU as it waited, and there, as far as the look saw it, in the
-/// kernel most of all, which had to fetch for it what it waited for.
+/// Whether what a thread computed was the kernel's work, which had to fetch for it what it waited for: it was
+/// about as long on the CPU as it waited, and there, as far as the look saw it, in the kernel most of all, or
+/// the pages that were read for it account for it.
 bool isWorkFor(const Phase& wait, const Phase& work, const Findings& findings) {
+  const bool isPaging =
+      wait.cause == Cause::memory && makesUp(findings.pageIns * kPageWorkNs, kHalf, work.ns);
   const bool isFetching =
       wait.cause == Cause::disk || wait.cause == Cause::memory || wait.cause == Cause::swapping;
-  return work.cause == Cause::ownCpu && isFetching && findings.inKernelAtLook &&
-         makesUp(wait.ns, kAboutAsLong, work.ns);
+  const bool isSeen = isFetching && findings.inKernelAtLook && makesUp(wait.ns, kAboutAsLong, work.ns);
+  return work.cause == Cause::ownCpu && (isPaging || isSeen);
 }
 
 /// The states that made up much of the hang, each with its cause.

@@ -77,6 +77,21 @@ TEST(Verdict, TellsDiskMemoryStopAndSuspend) {
   disk.event(9'999, RecordedKind::fileFault, kApp);
   expectSays(disk.verdict(), Cause::memory, "read back in (1 page)");
 
+  // What the kernel computes to read it back in is none of the program's computing.
+  MadeUpMachine paging;
+  paging.coveredFrom(9'900);
+  paging.pressure.memory = PressureLine{60, 40};
+  for (uint64_t ms = 9'900; ms < 11'000; ms += 100) {
+    paging.switches(ms, 0, 'R', kApp);
+    paging.event(ms + 1, RecordedKind::fileFault, kApp);
+    paging.switches(ms + 60, kApp, 'D', 0);
+    paging.interruptWakes(ms + 99, 0, kApp);
+  }
+  expectSays(paging.verdict(), Cause::ownCpu, "was busy itself");
+  for (uint64_t i = 0; i < 30'000; i++)
+    paging.event(9'900 + i % 11 * 100 + i % 60, RecordedKind::fileFault, kApp);
+  expectSays(paging.verdict(), Cause::memory, "read back in (30011 pages)");
+
   MadeUpMachine dead;  // one request that never comes back
   dead.switches(900, kApp, 'D', 0);
   dead.request(kApp, 1'000, 0, 'W');
