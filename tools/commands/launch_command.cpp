@@ -79,15 +79,14 @@ class Launch {
   Launch(Context& context, const LaunchArguments& arguments, uint64_t startMs)
       : arguments_(arguments),
         startMs_(startMs),
-        record_(context),
-        process_(context.command, signals_.before(), notifications_.address(),
-                 [this](pid_t pid) { begin(pid); }) {}
+        process_(context.command, signals_.before(), notifications_.address()),
+        record_(context) {}
 
   /// The command's exit status.
   int run();
 
  private:
-  void begin(pid_t pid);
+  void begin();
   void end(int result);
   void takeNotifications();
   void waitForRecord();
@@ -96,15 +95,15 @@ class Launch {
   const uint64_t startMs_;
   const Signals signals_;
   const NotifySocket notifications_;
+  LaunchProcess process_;
   LaunchRecord record_;
   const steady_clock::time_point begun_ = steady_clock::now();
   bool isInFlight_ = false;  ///< the daemon knows of the begin and not of the end
   uint64_t endMs_ = 0;       ///< 0: the end was not announced
-  LaunchProcess process_;    ///< the last: it announces itself by way of the others
 };
 
-void Launch::begin(pid_t pid) {
-  const int error = qv_activation_begin(pid, arguments_.bundleID.c_str(), QV_STATE_FOREGROUND,
+void Launch::begin() {
+  const int error = qv_activation_begin(process_.pid(), arguments_.bundleID.c_str(), QV_STATE_FOREGROUND,
                                         arguments_.resume ? QV_TYPE_RESUME : QV_TYPE_LAUNCH, startMs_, 0);
   if (error < 0) say(std::string("the launch is not tracked: ") + std::strerror(-error));
   isInFlight_ = error >= 0;
@@ -154,6 +153,8 @@ int Launch::run() {
     say(std::string("can't start a process: ") + std::strerror(errno));
     return kLaunchFailed;
   }
+  begin();
+  process_.release();
   int status = 0;
   while (!process_.hasEnded(status)) {
     std::array<pollfd, 3> ready{

@@ -1,64 +1,52 @@
 #include "tools/launches/launch_process.h"
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 namespace quorvelctl {
 
-namespace {
-
-/// What the exec functions take: a null after pointers into `texts`.
-std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  pointers.reserve(texts.size() + 1);
-  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
-/// This process's environment with another NOTIFY_SOCKET.
-std::vector<std::string> environmentWith(const std::string& notifyAddress) {
-  constexpr std::string_view kVariable = "NOTIFY_SOCKET=";
-  std::vector<std::string> variables;
-  for (char** each = environ; each && *each; ++each) {
-    if (!std::string_view(*each).starts_with(kVariable)) variables.emplace_back(*each);
-  }
-  variables.push_back(std::string(kVariable) + notifyAddress);
-  return variables;
-}
-
-int become(char* const* arguments, char* const* environment) {
-  execvpe(arguments[0], arguments, environment);
+int becomeCommand(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
+  for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
+  execvp(arguments[0], arguments.data());
   const int error = errno;
   std::fprintf(stderr, "quorvelctl: can't run %s: %s\n", arguments[0], std::strerror(error));
   return error == ENOENT ? 127 : 126;
 }
 
-}  // namespace
+LaunchProcess::LaunchProcess(const std::vector<std::string>& command, const sigset_t& signalMask,
+                             const std::string& notifyAddress) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return;
+  Descriptor opened(ends[0]);
+  gate_ = Descriptor(ends[1]);
+  pid_ = fork();
+  if (pid_ != 0) return;
 
-int becomeCommand(const std::vector<std::string>& command) {
-  return become(pointersTo(command).data(), environ);
+  gate_.reset();
+  char released = 0;
+  // Not to end by a signal of the terminal while it waits: its status would be taken for the command's.
+  while (read(opened.get(), &released, 1) < 0 && errno == EINTR) {
+  }
+  if (released == 0) _exit(0);
+  setenv("NOTIFY_SOCKET", notifyAddress.c_str(), 1);
+  sigprocmask(SIG_SETMASK, &signalMask, nullptr);
+  _exit(becomeCommand(command));
 }
 
-LaunchProcess::LaunchProcess(const std::vector<std::string>& command, const sigset_t& signalMask,
-                             const std::string& notifyAddress, const std::function<void(pid_t)>& announce) {
-  const std::vector<std::string> variables = environmentWith(notifyAddress);
-  const std::vector<char*> arguments = pointersTo(command);
-  const std::vector<char*> environment = pointersTo(variables);
-  // NOLINTNEXTLINE(bugprone-unsafe-functions): posix_spawn(3) has no place for the announcement.
-  const pid_t pid = vfork();
-  if (pid == 0) {
-    announce(getpid());
-    // A signal that has waited ends this process from here on, and as it would have ended the command.
-    sigprocmask(SIG_SETMASK, &signalMask, nullptr);
-    _exit(become(arguments.data(), environment.data()));
+void LaunchProcess::release() {
+  const char released = 1;
+  while (write(gate_.get(), &released, 1) < 0 && errno == EINTR) {
   }
-  pid_ = pid;
+  gate_.reset();
 }
 
 bool LaunchProcess::hasEnded(int& status) const {
