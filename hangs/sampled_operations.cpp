@@ -42,7 +42,7 @@ void QVProcessInfo::sampleLaunch(const std::string& launch, const SampledLaunch&
   const auto ofUser = std::count_if(launches.begin(), launches.end(), [&](const auto& entry) {
     return entry.first != launch && entry.second.uid == sampled.ownerUid;
   });
-  if (!settings().enableKelvane || static_cast<size_t>(ofUser) >= kMaxSampledLaunchesOfUser) return;
+  if (static_cast<size_t>(ofUser) >= kMaxSampledLaunchesOfUser) return;
   launches[launch] = {
       .pid = sampled.pid, .uid = sampled.ownerUid, .thread_id = 0, .start_ticks = sampled.startTicks};
   orderSampling();
@@ -56,7 +56,9 @@ void QVProcessInfo::orderSampling() {
   ClassSide& state = classSide();
   std::vector<kelvane_pending> launches;
   launches.reserve(state.launches.size());
-  for (const auto& [launch, pending] : state.launches) launches.push_back(pending);
+  for (const auto& [launch, pending] : state.launches) {
+    if (settings().enableKelvane) launches.push_back(pending);
+  }
   state.traceCapture.samplePending(inTurn(state.pending, std::move(launches)));
 }
 

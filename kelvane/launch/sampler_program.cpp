@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 
@@ -24,8 +25,11 @@ SamplingOrder orderFor(std::span<const kelvane_pending> pending) {
   std::map<uint32_t, size_t> ofUser;
   for (const kelvane_pending& one : pending) {
     if (order.count == order.threads.size()) break;
-    if (++ofUser[one.uid] > kMaxSampledThreadsOfUser) continue;
-    order.threads[order.count++] = {one.pid, static_cast<int64_t>(one.thread_id)};
+    const PendingThread thread{one.pid, static_cast<int64_t>(one.thread_id)};
+    const auto end = order.threads.begin() + order.count;
+    // A process may be launched under several names.
+    if (std::find(order.threads.begin(), end, thread) != end) continue;
+    if (++ofUser[one.uid] <= kMaxSampledThreadsOfUser) order.threads[order.count++] = thread;
   }
   return order;
 }

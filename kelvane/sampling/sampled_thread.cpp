@@ -140,10 +140,13 @@ void SampledThread::collect() {
   for (RecordBytes& record : recordsSince(ring, head, readTo_)) store_.add(std::move(record), switchId_);
   readTo_ = head;
   ioctl(clock_.get(), PERF_EVENT_IOC_PAUSE_OUTPUT, 0);
-  if (store_.executedNs() != programNs_) {
-    programNs_ = store_.executedNs();
-    noteProgram(currentStat().value_or(ProcStat{.comm = comm_, .startTicks = startTicks_}));
-  }
+  // An execution is told of before the kernel has made the stack that the program starts with.
+  const bool isNewProgram = store_.executedNs() != programNs_;
+  if (isNewProgram) startStack_ = 0;
+  const auto stat = isNewProgram || wasNewProgram_ ? currentStat() : std::nullopt;
+  if (stat && stat->startStack != 0) noteProgram(*stat);
+  programNs_ = store_.executedNs();
+  wasNewProgram_ = isNewProgram;
   const ClockMark before = marks_.back();
   markClocks();
   noteWait(before);

@@ -70,8 +70,9 @@ class SampledThread {
   uint64_t startStack_ = 0;  // tells the program that it executes from an earlier one's
   std::string comm_;
   std::vector<NotedWait> waits_;
-  uint64_t programNs_ = 0;  // the SampleStore's executedNs of that program
-  UniqueFd clock_;          // the group's leader, whose ring both write
+  uint64_t programNs_ = 0;     // the SampleStore's executedNs of that program
+  bool wasNewProgram_ = true;  // when the last collection, or the beginning, noted it
+  UniqueFd clock_;             // the group's leader, whose ring both write
   UniqueFd switches_;
   uint64_t switchId_ = 0;
   uint64_t period_ = 1;  // how many leaves from the CPU make a sample

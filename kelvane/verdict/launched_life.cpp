@@ -38,9 +38,11 @@ void judgeByLife(const LaunchEvidence& evidence, bool isRecorded, Verdict& verdi
     verdict.sentence = noRecord + name + " has had CPUs for " + durationText(look.ranNs) +
                        " in its life, and its children that have ended for " +
                        durationText(look.childrenRanNs) + ". ";
-    verdict.sentence += isHalf(ranNs) ? "Why the launch took " + durationText(windowNs) + " can't be told."
-                                      : "So computing is not what took " + durationText(windowNs) +
-                                            ": it waited, for what can't be told.";
+    // What living children have had isn't known.
+    const bool mayHaveComputed = isHalf(ranNs) || !look.descendants.empty();
+    verdict.sentence += mayHaveComputed ? "Why the launch took " + durationText(windowNs) + " can't be told."
+                                        : "So computing is not what took " + durationText(windowNs) +
+                                              ": it waited, for what can't be told.";
   }
 }
 

@@ -18,11 +18,15 @@ std::vector<PathShare> sampledShares(const SampledPhases& sampled, pid_t tid) {
 }
 
 void addFunction(const SampledPhases& sampled, PathShare& share) {
+  // Where the thread was in that state for longer, it may have been elsewhere when that counted.
+  constexpr double kMostElsewhere = 1.25;
   for (size_t i = 0; i < sampled.spent.size(); i++) {
     const auto state = static_cast<ThreadState>(i);
     const bool isIt = share.doing == threadStateName(state) ||
                       (share.doing == kDiskShare && state == ThreadState::uninterruptible);
-    if (isIt && makesUp(sampled.spent[i], kHalf, share.ns)) share.function = sampled.placeIn(state).function;
+    const bool isThatTime =
+        makesUp(sampled.spent[i], kHalf, share.ns) && !makesUp(sampled.spent[i], kMostElsewhere, share.ns);
+    if (isIt && isThatTime) share.function = sampled.placeIn(state).function;
   }
 }
 

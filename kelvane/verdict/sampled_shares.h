@@ -13,7 +13,8 @@ inline constexpr const char* kDiskShare = "disk";
 /// What samples alone tell of the thread: a share for each of its states.
 std::vector<PathShare> sampledShares(const SampledPhases& sampled, pid_t tid);
 
-/// Says in which function the thread was for most of a share that is its own, if enough of that was sampled.
+/// Says in which function the thread was for most of what was sampled of a share that is its own, if that is
+/// half of it, and the thread was in that state at hardly any other time.
 void addFunction(const SampledPhases& sampled, PathShare& share);
 
 }  // namespace kelvane

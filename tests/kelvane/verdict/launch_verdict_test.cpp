@@ -265,6 +265,9 @@ TEST(LaunchVerdict, WithoutARecordingClaimsNoMoreThanALifeTells) {
       "computing is not what took 10.0 s: it waited, for what can't be told.");
   EXPECT_EQ(phasesOf(launch), "fork after 300, first connection after 6700, end after 3000, ");
 
+  look.descendants = {{kChild, kApp, {kChild}}};  // which may have computed
+  expectSays(machine.launched(look).second, Cause::unknown, "Why the launch took 10.0 s can't be told.");
+
   look.around.schedule = {5'600 * kMs, 0};
   expectSays(machine.launched(look).second, Cause::ownCpu, "on the CPU for at least 5.1 of 10.0 s.");
   look.around.schedule = {5'400 * kMs, 0};  // half a second of it may have come afterwards
